@@ -1,0 +1,29 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+namespace zandor {
+
+// An auto-reset event. A producer calls signal() when it hands a consumer something; the consumer
+// calls wait() when a pass found nothing to do. A signal that arrives before the wait is not lost:
+// the next wait returns at once and clears it.
+class Wakeup {
+public:
+    Wakeup() = default;
+    Wakeup(const Wakeup&) = delete;
+    Wakeup& operator=(const Wakeup&) = delete;
+
+    void signal();
+
+    // Returns true when woken by a signal, false when the timeout passed first.
+    bool wait(std::chrono::nanoseconds timeout);
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_condition;
+    bool m_signalled = false;
+};
+
+} // namespace zandor

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+namespace zandor {
+
+// One frame: an owned block of bytes and the seconds since the device started listening.
+// Frames travel as std::shared_ptr<CaptureData>; after publishing nobody writes them.
+class CaptureData {
+public:
+    // The block is allocated but not cleared.
+    explicit CaptureData(uint64_t size);
+    CaptureData(const CaptureData&) = delete;
+    CaptureData& operator=(const CaptureData&) = delete;
+
+    static std::shared_ptr<CaptureData> create(uint64_t size) { return std::make_shared<CaptureData>(size); }
+
+    uint8_t* data() { return m_data.get(); }
+    const uint8_t* data() const { return m_data.get(); }
+    uint64_t size() const { return m_size; }
+    double timestamp() const { return m_timestamp; }
+    void setTimestamp(double seconds) { m_timestamp = seconds; }
+
+    // A new frame with the same bytes; its time stamp is left at 0 on purpose.
+    std::shared_ptr<CaptureData> copy() const;
+
+private:
+    std::unique_ptr<uint8_t[]> m_data;
+    uint64_t m_size;
+    double m_timestamp = 0;
+};
+
+using CaptureDataPtr = std::shared_ptr<CaptureData>;
+
+} // namespace zandor

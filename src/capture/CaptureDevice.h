@@ -1,0 +1,78 @@
+#pragma once
+
+#include "Observable.h"
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+namespace zandor {
+
+class CaptureScreen;
+class UsbBoard;
+
+// The capture board: requests one raw frame at a time on a thread of its own, at most 60 a second,
+// stamps it with the seconds since listening began and publishes it. Owns the two screens that cut
+// each raw frame.
+class CaptureDevice final : public Observable {
+public:
+    enum Status { Complete = 0, Incomplete = 1, Error = 2 };
+
+    static constexpr uint64_t QueueLength = 20;
+    static constexpr std::chrono::nanoseconds DefaultFramePeriod{16'666'667};
+    static constexpr uint64_t RateLogInterval = 300;
+
+    static std::shared_ptr<CaptureDevice> create(std::unique_ptr<UsbBoard> board);
+    ~CaptureDevice() override;
+
+    // Opens the board and starts the device thread and both screens. Returns whether the device
+    // is now listening.
+    bool startListening();
+    void stopListening();
+    bool isListening();
+
+    // 0 the top screen, 1 the bottom one.
+    std::shared_ptr<CaptureScreen> screen(unsigned index) const { return m_screens.at(index); }
+
+    int vendorRequest(uint8_t request, uint16_t value, uint16_t length, uint8_t* buffer);
+    int readBulk(uint8_t* buffer, int32_t length, int32_t* transferred);
+    Status receiveFrame(CaptureData& frame);
+    // Fetches, stamps and publishes one frame.
+    void frameRequest();
+
+    // Frames requested since the last startListening.
+    uint64_t count();
+    // The wall-clock moment of the last startListening; frame time stamps count from it.
+    std::chrono::system_clock::time_point startTime();
+    // The shortest time between two frame requests; 1/60 second unless changed (benchmarks run
+    // unpaced with zero).
+    void setFramePeriod(std::chrono::nanoseconds period);
+
+    // The board behind the device; tests drive simulated boards through it.
+    UsbBoard& board() { return *m_board; }
+
+private:
+    explicit CaptureDevice(std::unique_ptr<UsbBoard> board);
+    void listener();
+    void waitForPreviousThread();
+
+    std::unique_ptr<UsbBoard> m_board;
+    std::array<std::shared_ptr<CaptureScreen>, 2> m_screens;
+
+    // Guarded by the Observable lock.
+    bool m_listening = false;
+    uint64_t m_count = 0;
+    std::chrono::system_clock::time_point m_first;
+    std::chrono::nanoseconds m_framePeriod = DefaultFramePeriod;
+
+    // Device threads still running. A restart after a stop waits for the previous one to end, so
+    // that its last request cannot mix with the new run's counters and handle.
+    std::mutex m_threadMutex;
+    std::condition_variable m_threadEnded;
+    int m_threadsRunning = 0;
+};
+
+} // namespace zandor

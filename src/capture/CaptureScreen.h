@@ -1,0 +1,53 @@
+#pragma once
+
+#include "Observable.h"
+
+#include <cstdint>
+#include <memory>
+
+namespace zandor {
+
+class CaptureDevice;
+class Wakeup;
+
+// One of the handheld's two screens: takes each raw frame from the device, turns its own
+// column-wise area into rows of 3 bytes a pixel and publishes that with the raw frame's time stamp.
+class CaptureScreen final : public Observable {
+public:
+    static constexpr uint64_t QueueLength = 20;
+
+    // The device owns its screens; a screen refers back to it weakly, and its thread holds the
+    // device for as long as it runs.
+    CaptureScreen(uint64_t width, uint64_t height, uint64_t offset, const std::shared_ptr<CaptureDevice>& device);
+
+    uint64_t width() const { return m_width; }
+    uint64_t height() const { return m_height; }
+    uint64_t offset() const { return m_offset; }
+
+    bool startListening();
+    void stopListening();
+    bool isListening();
+
+    // One pass: cuts and publishes the next waiting raw frame. Returns whether there was one.
+    bool update();
+
+    // Cuts one screen out of the board's storage: `area` holds `width` columns, left first, each
+    // of `height` pixels from the bottom row up; `rows` receives rows top to bottom.
+    static void cut(const uint8_t* area, uint8_t* rows, uint64_t width, uint64_t height);
+
+private:
+    void listener(const std::shared_ptr<CaptureDevice>& device, const ObserverPtr& observer);
+    bool update(CaptureDevice& device, const ObserverPtr& observer);
+
+    const uint64_t m_width;
+    const uint64_t m_height;
+    const uint64_t m_offset;
+    const std::weak_ptr<CaptureDevice> m_device;
+    const std::shared_ptr<Wakeup> m_wakeup;
+
+    // Guarded by the Observable lock.
+    bool m_listening = false;
+    ObserverPtr m_observer;
+};
+
+} // namespace zandor

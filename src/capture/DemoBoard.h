@@ -1,0 +1,29 @@
+#pragma once
+
+#include "SimulatedBoard.h"
+
+#include <cstdint>
+#include <memory>
+
+namespace zandor {
+
+// A simulated board with a moving, recognisable picture on both screens: a labelled frame
+// counter, scrolling colour bars and a bouncing marker on each. Every frame's bytes follow from its
+// number alone.
+class DemoBoard final : public SimulatedBoard {
+public:
+    DemoBoard();
+    ~DemoBoard() override;
+
+    // Renders frame `frame` in the board's raw format into `raw` (raw::FrameBytes bytes).
+    static void render(uint64_t frame, uint8_t* raw);
+
+protected:
+    void fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) override;
+
+private:
+    std::unique_ptr<uint8_t[]> m_frame;
+    int64_t m_rendered = -1; // only touched by the reading thread, in fill()
+};
+
+} // namespace zandor

@@ -1,0 +1,60 @@
+#pragma once
+
+#include "CaptureData.h"
+#include "Observer.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+
+namespace zandor {
+
+class Wakeup;
+
+// A producer of frames with one bounded queue per subscriber. Publishing never blocks: a full
+// queue drops its oldest frame. One recursive lock guards the observers, their queues and the
+// subclass's own state; it is recursive because a producer publishes while holding it.
+class Observable : public std::enable_shared_from_this<Observable> {
+public:
+    explicit Observable(uint64_t bufferSize);
+    virtual ~Observable() = default;
+    Observable(const Observable&) = delete;
+    Observable& operator=(const Observable&) = delete;
+
+    // A new subscriber queue. The 257th observer of one producer gets identifier 0 again and
+    // replaces the first in the dictionary; that limit is intended. `wakeup`, when given, is
+    // signalled whenever a frame is queued for this observer.
+    ObserverPtr addObserver(std::shared_ptr<Wakeup> wakeup = nullptr);
+    void removeObserver(const ObserverPtr& observer);
+    // Empties the dictionary without taking the lock: its caller already holds it.
+    void removeObservers();
+    bool hasObservers();
+
+    // Publishes one frame to every observer. Returns whether any observer dropped a frame.
+    bool add(const CaptureDataPtr& frame);
+    // Whether a frame waits in the observer's queue.
+    bool observable(const ObserverPtr& observer);
+    // The oldest waiting frame of the observer, or null.
+    CaptureDataPtr observe(const ObserverPtr& observer);
+
+    void freeze() { m_lock.lock(); }
+    void unfreeze() { m_lock.unlock(); }
+
+    uint64_t bufferSize() const { return m_bufferSize; }
+    // Frames dropped from full queues since creation, all observers together.
+    uint64_t droppedFrames();
+
+protected:
+    template <class T> std::shared_ptr<T> self() { return std::static_pointer_cast<T>(shared_from_this()); }
+
+    std::recursive_mutex m_lock;
+
+private:
+    const uint64_t m_bufferSize;
+    std::map<Observer::Key, ObserverPtr> m_observers; // guarded by m_lock
+    uint8_t m_last = 0;                               // guarded by m_lock
+    uint64_t m_dropped = 0;                           // guarded by m_lock
+};
+
+} // namespace zandor

@@ -1,0 +1,156 @@
+#include "SimulatedBoard.h"
+
+#include "RawFrame.h"
+
+#include <algorithm>
+
+namespace zandor {
+
+int SimulatedBoard::init() { return usb::Success; }
+
+bool SimulatedBoard::openDeviceWithVidPid(uint16_t vendorId, uint16_t productId) {
+    std::scoped_lock lock(m_mutex);
+    m_open = !m_vanished && vendorId == raw::VendorId && productId == raw::ProductId;
+    return m_open;
+}
+
+int SimulatedBoard::setConfiguration(int configuration) {
+    std::scoped_lock lock(m_mutex);
+    if (!m_open || m_vanished) {
+        return usb::ErrorNoDevice;
+    }
+    return configuration == raw::Configuration ? usb::Success : usb::ErrorIo;
+}
+
+int SimulatedBoard::claimInterface(int interfaceNumber) {
+    std::scoped_lock lock(m_mutex);
+    if (!m_open || m_vanished) {
+        return usb::ErrorNoDevice;
+    }
+    return interfaceNumber == raw::Interface ? usb::Success : usb::ErrorIo;
+}
+
+int SimulatedBoard::controlTransfer(uint8_t requestType, uint8_t request, uint16_t, uint16_t, uint8_t*,
+                                    uint16_t length, unsigned) {
+    std::scoped_lock lock(m_mutex);
+    if (!m_open || m_vanished) {
+        return usb::ErrorNoDevice;
+    }
+    if (requestType != raw::FrameRequestType || request != raw::FrameRequest || length != 0) {
+        return usb::ErrorPipe;
+    }
+    // A request before any byte of the current frame was read restarts the same frame; otherwise
+    // the board moves on to the next one.
+    if (m_frame < 0 || m_position > 0) {
+        ++m_frame;
+        m_frameFaultApplied = false;
+        m_readLengths.clear();
+    }
+    m_position = 0;
+    return 0;
+}
+
+int SimulatedBoard::bulkTransfer(uint8_t endpoint, uint8_t* data, int length, int* transferred, unsigned) {
+    *transferred = 0;
+    uint64_t frame;
+    uint64_t offset;
+    uint64_t count;
+    {
+        std::scoped_lock lock(m_mutex);
+        m_readLengths.push_back(length);
+        if (m_open && !m_vanished && m_frame >= 0 && !m_frameFaultApplied) {
+            m_frameFaultApplied = true;
+            auto fault = m_faults.find(static_cast<uint64_t>(m_frame));
+            if (fault != m_faults.end()) {
+                switch (fault->second) {
+                case BoardFault::Vanish:
+                    m_vanished = true;
+                    break;
+                case BoardFault::Stall:
+                    m_halted = true;
+                    break;
+                case BoardFault::Timeout:
+                    // Part of the frame arrives, then the read times out.
+                    count = std::min<uint64_t>(raw::FrameBytes / 2, static_cast<uint64_t>(length));
+                    frame = static_cast<uint64_t>(m_frame);
+                    m_position = count;
+                    *transferred = static_cast<int>(count);
+                    fill(frame, 0, data, count);
+                    return usb::ErrorTimeout;
+                case BoardFault::ShortFrame:
+                    // A short transfer, after which the board has nothing more for this frame.
+                    count = std::min<uint64_t>(raw::FrameBytes / 3, static_cast<uint64_t>(length));
+                    frame = static_cast<uint64_t>(m_frame);
+                    m_position = raw::FrameBytes;
+                    *transferred = static_cast<int>(count);
+                    fill(frame, 0, data, count);
+                    return usb::Success;
+                }
+            }
+        }
+        if (!m_open || m_vanished) {
+            return usb::ErrorNoDevice;
+        }
+        if (endpoint != raw::BulkEndpoint) {
+            return usb::ErrorIo;
+        }
+        if (m_halted) {
+            return usb::ErrorPipe;
+        }
+        if (m_frame < 0 || m_position >= raw::FrameBytes) {
+            // Nothing requested: a zero-length packet ends the transfer.
+            return usb::Success;
+        }
+        count = std::min<uint64_t>(raw::FrameBytes - m_position, static_cast<uint64_t>(std::max(length, 0)));
+        if (m_chunkBytes > 0) {
+            count = std::min<uint64_t>(count, static_cast<uint64_t>(m_chunkBytes));
+        }
+        frame = static_cast<uint64_t>(m_frame);
+        offset = m_position;
+        m_position += count;
+    }
+    // The bytes are produced outside the lock: only the device thread reads, and tests may
+    // inspect the board meanwhile.
+    fill(frame, offset, data, count);
+    *transferred = static_cast<int>(count);
+    return usb::Success;
+}
+
+int SimulatedBoard::clearHalt(uint8_t endpoint) {
+    std::scoped_lock lock(m_mutex);
+    if (!m_open || m_vanished) {
+        return usb::ErrorNoDevice;
+    }
+    if (endpoint == raw::BulkEndpoint) {
+        m_halted = false;
+        ++m_clearHalts;
+    }
+    return usb::Success;
+}
+
+void SimulatedBoard::injectFault(uint64_t frame, BoardFault fault) {
+    std::scoped_lock lock(m_mutex);
+    m_faults[frame] = fault;
+}
+
+void SimulatedBoard::setChunkBytes(int bytes) {
+    std::scoped_lock lock(m_mutex);
+    m_chunkBytes = bytes;
+}
+
+std::vector<int> SimulatedBoard::lastFrameReadLengths() const {
+    std::scoped_lock lock(m_mutex);
+    return m_readLengths;
+}
+
+int SimulatedBoard::clearHaltCount() const {
+    std::scoped_lock lock(m_mutex);
+    return m_clearHalts;
+}
+
+uint64_t SimulatedBoard::framesBegun() const {
+    std::scoped_lock lock(m_mutex);
+    return static_cast<uint64_t>(m_frame + 1);
+}
+
+} // namespace zandor

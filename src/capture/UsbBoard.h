@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstdint>
+
+namespace zandor {
+
+// libusb's own result codes, as the board calls return them.
+namespace usb {
+constexpr int Success = 0;
+constexpr int ErrorIo = -1;
+constexpr int ErrorAccess = -3;
+constexpr int ErrorNoDevice = -4;
+constexpr int ErrorTimeout = -7;
+constexpr int ErrorPipe = -9;
+} // namespace usb
+
+// The conversation with the capture board, one method per libusb call the device makes. Results
+// are libusb's codes. The board keeps the open handle itself, so a second openDeviceWithVidPid
+// opens a new handle in place of the old one.
+class UsbBoard {
+public:
+    virtual ~UsbBoard() = default;
+
+    // libusb_init on the default context.
+    virtual int init() = 0;
+    // libusb_open_device_with_vid_pid; false when no handle came back.
+    virtual bool openDeviceWithVidPid(uint16_t vendorId, uint16_t productId) = 0;
+    virtual int setConfiguration(int configuration) = 0;
+    virtual int claimInterface(int interfaceNumber) = 0;
+    // Returns the bytes transferred or a negative libusb code.
+    virtual int controlTransfer(uint8_t requestType, uint8_t request, uint16_t value, uint16_t index,
+                                uint8_t* data, uint16_t length, unsigned timeoutMs) = 0;
+    virtual int bulkTransfer(uint8_t endpoint, uint8_t* data, int length, int* transferred,
+                             unsigned timeoutMs) = 0;
+    virtual int clearHalt(uint8_t endpoint) = 0;
+};
+
+} // namespace zandor

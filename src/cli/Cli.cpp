@@ -1,0 +1,56 @@
+#include "Cli.h"
+
+#include "DumpCommand.h"
+#include "base/CommandLine.h"
+
+#include <cstdio>
+#include <functional>
+#include <map>
+
+namespace zandor {
+
+namespace {
+
+const char* const Usage = "usage: zandor-cli COMMAND [OPTIONS]\n"
+                          "\n"
+                          "commands:\n"
+                          "  dump --frames N --out FILE   write N raw frames of the board to FILE\n"
+                          "\n"
+                          "options of every command:\n"
+                          "  --board usb|demo|replay:FILE  the capture board (default usb)\n";
+
+struct Command {
+    std::set<std::string> valueOptions;
+    std::function<int(const CommandLine&)> run;
+};
+
+} // namespace
+
+int Cli::run(const std::vector<std::string>& arguments) {
+    if (arguments.empty() || arguments[0] == "--help" || arguments[0] == "-h" || arguments[0] == "help") {
+        std::fputs(Usage, arguments.empty() ? stderr : stdout);
+        return arguments.empty() ? 2 : 0;
+    }
+    const std::map<std::string, Command> commands = {
+        {"dump", {{"board", "frames", "out"}, DumpCommand::run}},
+    };
+    auto command = commands.find(arguments[0]);
+    if (command == commands.end()) {
+        std::fprintf(stderr, "zandor-cli: unknown command '%s' (try zandor-cli --help)\n", arguments[0].c_str());
+        return 2;
+    }
+    CommandLine options(command->second.valueOptions, {});
+    std::string error;
+    if (!options.parse({arguments.begin() + 1, arguments.end()}, error)) {
+        std::fprintf(stderr, "zandor-cli %s: %s\n", arguments[0].c_str(), error.c_str());
+        return 2;
+    }
+    if (!options.positionals().empty()) {
+        std::fprintf(stderr, "zandor-cli %s: unexpected argument '%s'\n", arguments[0].c_str(),
+                     options.positionals().front().c_str());
+        return 2;
+    }
+    return command->second.run(options);
+}
+
+} // namespace zandor

@@ -1,0 +1,82 @@
+#include "DumpCommand.h"
+
+#include "OutputFile.h"
+#include "base/CommandLine.h"
+#include "base/DetachedThread.h"
+#include "base/Wakeup.h"
+#include "capture/Boards.h"
+#include "capture/CaptureDevice.h"
+#include "capture/RawFrame.h"
+#include "capture/UsbBoard.h"
+
+#include <chrono>
+#include <cstdio>
+
+namespace zandor {
+
+namespace {
+
+// A board that sends nothing for this long is given up on.
+constexpr std::chrono::seconds FrameTimeout{5};
+
+} // namespace
+
+int DumpCommand::run(const CommandLine& options) {
+    std::string error;
+    auto frames = CommandLine::parseCount(options.value("frames").value_or(""), 1);
+    if (!frames) {
+        std::fprintf(stderr, "zandor-cli dump: --frames needs a whole number of at least 1\n");
+        return 2;
+    }
+    auto outPath = options.value("out");
+    if (!outPath || outPath->empty()) {
+        std::fprintf(stderr, "zandor-cli dump: --out FILE is required\n");
+        return 2;
+    }
+    auto board = createBoard(options.value("board").value_or("usb"), error);
+    if (!board) {
+        std::fprintf(stderr, "zandor-cli dump: %s\n", error.c_str());
+        return 2;
+    }
+    OutputFile out(*outPath);
+    if (!out.open(error)) {
+        std::fprintf(stderr, "zandor-cli dump: %s\n", error.c_str());
+        return 1;
+    }
+
+    auto device = CaptureDevice::create(std::move(board));
+    auto wakeup = std::make_shared<Wakeup>();
+    auto observer = device->addObserver(wakeup);
+    if (!device->startListening()) {
+        // The device has logged why ("Could not connect to capture device", ...).
+        return 1;
+    }
+
+    uint64_t written = 0;
+    bool ok = true;
+    while (ok && written < *frames) {
+        auto frame = device->observe(observer);
+        if (!frame) {
+            if (!wakeup->wait(FrameTimeout) && !device->observable(observer)) {
+                error = "No frame came from the board for " + std::to_string(FrameTimeout.count()) + " seconds";
+                ok = false;
+            }
+            continue;
+        }
+        ok = out.write(frame->data(), raw::FrameBytes, error);
+        written += ok ? 1 : 0;
+    }
+    device->removeObserver(observer);
+    device->stopListening();
+    DetachedThread::waitForAll(std::chrono::seconds(2));
+
+    if (!ok || !out.commit(error)) {
+        std::fprintf(stderr, "zandor-cli dump: %s\n", error.c_str());
+        return 1;
+    }
+    std::printf("Wrote %llu frames (%llu bytes) to %s\n", static_cast<unsigned long long>(written),
+                static_cast<unsigned long long>(written * raw::FrameBytes), outPath->c_str());
+    return 0;
+}
+
+} // namespace zandor

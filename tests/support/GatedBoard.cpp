@@ -1,0 +1,41 @@
+#include "GatedBoard.h"
+
+namespace zandor::test {
+
+uint8_t patternByte(uint64_t frame, uint64_t offset) {
+    uint64_t x = (frame + 1) * 0x9E3779B97F4A7C15ull ^ (offset * 0xC2B2AE3D27D4EB4Full);
+    return static_cast<uint8_t>((x >> 29) ^ (x >> 7) ^ offset);
+}
+
+void GatedBoard::holdAt(uint64_t frame) {
+    std::scoped_lock lock(m_mutex);
+    m_holdAt = frame;
+}
+
+void GatedBoard::release() {
+    std::scoped_lock lock(m_mutex);
+    m_holdAt = UINT64_MAX;
+    m_changed.notify_all();
+}
+
+bool GatedBoard::waitUntilHeld(std::chrono::milliseconds timeout) {
+    std::unique_lock lock(m_mutex);
+    return m_changed.wait_for(lock, timeout, [this] { return m_held; });
+}
+
+void GatedBoard::fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) {
+    {
+        std::unique_lock lock(m_mutex);
+        if (frame >= m_holdAt) {
+            m_held = true;
+            m_changed.notify_all();
+            m_changed.wait(lock, [&] { return frame < m_holdAt; });
+            m_held = false;
+        }
+    }
+    for (uint64_t i = 0; i < length; ++i) {
+        destination[i] = patternByte(frame, offset + i);
+    }
+}
+
+} // namespace zandor::test

@@ -1,0 +1,36 @@
+#pragma once
+
+#include "capture/SimulatedBoard.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+namespace zandor::test {
+
+// The bytes of raw frame `frame` at `offset` in the test boards: a cheap mix of both, so that
+// frames differ from each other and every byte position matters.
+uint8_t patternByte(uint64_t frame, uint64_t offset);
+
+// A simulated board whose frames follow patternByte and which can be held inside the bulk read of
+// a chosen frame until the test releases it.
+class GatedBoard final : public SimulatedBoard {
+public:
+    // Reads of frame `frame` and later ones wait until release().
+    void holdAt(uint64_t frame);
+    void release();
+    // Waits until a read is held; false on timeout.
+    bool waitUntilHeld(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+
+protected:
+    void fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) override;
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    uint64_t m_holdAt = UINT64_MAX;
+    bool m_held = false;
+};
+
+} // namespace zandor::test
