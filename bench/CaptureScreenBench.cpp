@@ -1,0 +1,179 @@
+// Cutting both screens out of one raw frame, against a plain copy of the same bytes.
+
+#include "capture/CaptureScreen.h"
+#include "capture/RawFrame.h"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <vector>
+
+namespace zandor {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The obvious cut, pixel by pixel: screen pixel (x, y) is raw pixel x * height + (height - 1 - y).
+std::vector<uint8_t> slowCut(const uint8_t* area, uint64_t width, uint64_t height) {
+    std::vector<uint8_t> rows(width * height * 3);
+    for (uint64_t y = 0; y < height; ++y) {
+        for (uint64_t x = 0; x < width; ++x) {
+            for (uint64_t c = 0; c < 3; ++c) {
+                rows[3 * (y * width + x) + c] = area[3 * (x * height + (height - 1 - y)) + c];
+            }
+        }
+    }
+    return rows;
+}
+
+std::vector<uint8_t> randomBytes(std::mt19937_64& random, uint64_t size) {
+    std::vector<uint8_t> bytes(size);
+    for (auto& b : bytes) {
+        b = static_cast<uint8_t>(random());
+    }
+    return bytes;
+}
+
+// Cuts `area` (exactly width * height pixels, so an overrun shows under the sanitizers) into a
+// buffer with guard bytes around it and compares with the obvious cut. Aborts on a difference:
+// timing a wrong cut is worthless.
+void checkCut(const std::vector<uint8_t>& area, uint64_t width, uint64_t height) {
+    constexpr uint64_t Guard = 64;
+    constexpr uint8_t GuardByte = 0xA5;
+    const uint64_t bytes = width * height * 3;
+    std::vector<uint8_t> out(bytes + 2 * Guard, GuardByte);
+    CaptureScreen::cut(area.data(), out.data() + Guard, width, height);
+    const auto expected = slowCut(area.data(), width, height);
+    bool good = std::memcmp(out.data() + Guard, expected.data(), bytes) == 0;
+    for (uint64_t i = 0; i < Guard; ++i) {
+        good = good && out[i] == GuardByte && out[Guard + bytes + i] == GuardByte;
+    }
+    if (!good) {
+        std::fprintf(stderr, "CaptureScreen::cut differs from the obvious cut for a %llux%llu screen\n",
+                     static_cast<unsigned long long>(width), static_cast<unsigned long long>(height));
+        std::abort();
+    }
+}
+
+void checkCutOnce() {
+    static const bool checked = [] {
+        std::mt19937_64 random(20240611);
+        // Both real screens, over several random frames.
+        for (int frame = 0; frame < 8; ++frame) {
+            const auto raw = randomBytes(random, raw::FrameBytes);
+            const std::vector<uint8_t> top(raw.begin() + raw::TopOffset,
+                                           raw.begin() + raw::TopOffset + raw::TopWidth * raw::TopHeight * 3);
+            const std::vector<uint8_t> bottom(raw.begin() + raw::BottomOffset, raw.end());
+            checkCut(top, raw::TopWidth, raw::TopHeight);
+            checkCut(bottom, raw::BottomWidth, raw::BottomHeight);
+        }
+        // Odd shapes reach every edge case of a blocked cut: partial blocks, single rows/columns.
+        for (uint64_t width = 1; width <= 37; ++width) {
+            for (uint64_t height = 1; height <= 37; ++height) {
+                checkCut(randomBytes(random, width * height * 3), width, height);
+            }
+        }
+        checkCut(randomBytes(random, 401 * 241 * 3), 401, 241);
+        return true;
+    }();
+    benchmark::DoNotOptimize(checked);
+}
+
+// One raw frame and the buffers both screens and a plain copy write into.
+struct Buffers {
+    Buffers() {
+        std::mt19937_64 random(7);
+        raw = randomBytes(random, raw::BlockBytes);
+        top.resize(raw::TopWidth * raw::TopHeight * 3);
+        bottom.resize(raw::BottomWidth * raw::BottomHeight * 3);
+        copy.resize(raw::FrameBytes);
+    }
+
+    void cutBoth() {
+        CaptureScreen::cut(raw.data() + raw::TopOffset, top.data(), raw::TopWidth, raw::TopHeight);
+        CaptureScreen::cut(raw.data() + raw::BottomOffset, bottom.data(), raw::BottomWidth, raw::BottomHeight);
+        benchmark::DoNotOptimize(top.data());
+        benchmark::DoNotOptimize(bottom.data());
+        benchmark::ClobberMemory();
+    }
+
+    void copyFrame() {
+        std::memcpy(copy.data(), raw.data(), raw::FrameBytes);
+        benchmark::DoNotOptimize(copy.data());
+        benchmark::ClobberMemory();
+    }
+
+    std::vector<uint8_t> raw, top, bottom, copy;
+};
+
+const auto FrameBytes = static_cast<int64_t>(raw::FrameBytes);
+
+void BM_CutBothScreens(benchmark::State& state) {
+    checkCutOnce();
+    Buffers buffers;
+    for (auto _ : state) {
+        buffers.cutBoth();
+    }
+    state.SetBytesProcessed(state.iterations() * FrameBytes);
+}
+BENCHMARK(BM_CutBothScreens);
+
+void BM_MemcpyFrame(benchmark::State& state) {
+    Buffers buffers;
+    for (auto _ : state) {
+        buffers.copyFrame();
+    }
+    state.SetBytesProcessed(state.iterations() * FrameBytes);
+}
+BENCHMARK(BM_MemcpyFrame);
+
+double median(std::vector<double> values) {
+    if (values.empty()) {
+        return 0;
+    }
+    auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+// Both in one loop, alternating, so that they see the same state of the machine; the iteration
+// time is the cut's. The counters are medians over the iterations, which other load on the
+// machine disturbs less than means: cut_over_memcpy is the cut's time in units of the copy's.
+void BM_CutOverMemcpy(benchmark::State& state) {
+    checkCutOnce();
+    Buffers buffers;
+    std::vector<double> cutSeconds, copySeconds;
+    for (auto _ : state) {
+        auto t0 = Clock::now();
+        buffers.copyFrame();
+        auto t1 = Clock::now();
+        buffers.cutBoth();
+        auto t2 = Clock::now();
+        copySeconds.push_back(std::chrono::duration<double>(t1 - t0).count());
+        cutSeconds.push_back(std::chrono::duration<double>(t2 - t1).count());
+        state.SetIterationTime(cutSeconds.back());
+    }
+    const double cut = median(cutSeconds);
+    const double copy = median(copySeconds);
+    state.SetBytesProcessed(state.iterations() * FrameBytes);
+    state.counters["cut_us"] = cut * 1e6;
+    state.counters["memcpy_us"] = copy * 1e6;
+    state.counters["cut_bytes_per_second"] =
+        benchmark::Counter(static_cast<double>(FrameBytes) / cut, benchmark::Counter::kDefaults,
+                           benchmark::Counter::kIs1024);
+    state.counters["memcpy_bytes_per_second"] =
+        benchmark::Counter(static_cast<double>(FrameBytes) / copy, benchmark::Counter::kDefaults,
+                           benchmark::Counter::kIs1024);
+    state.counters["cut_over_memcpy"] = cut / copy;
+}
+BENCHMARK(BM_CutOverMemcpy)->UseManualTime()->MinTime(1.0);
+
+} // namespace
+} // namespace zandor

@@ -75,8 +75,17 @@ LogCapture::~LogCapture() {
 }
 
 void LogCapture::append(const std::string& line) {
-    std::scoped_lock lock(m_mutex);
-    m_lines.push_back(line);
+    {
+        std::scoped_lock lock(m_mutex);
+        m_lines.push_back(line);
+    }
+    m_appended.notify_all();
+}
+
+bool LogCapture::waitFor(const std::string& line, std::chrono::milliseconds timeout) {
+    std::unique_lock lock(m_mutex);
+    return m_appended.wait_for(lock, timeout,
+                               [&] { return std::find(m_lines.begin(), m_lines.end(), line) != m_lines.end(); });
 }
 
 std::vector<std::string> LogCapture::lines() const {

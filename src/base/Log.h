@@ -1,6 +1,7 @@
 #pragma once
 
-#include <functional>
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -26,12 +27,15 @@ public:
     // Number of captured lines starting with `prefix`.
     size_t countPrefix(const std::string& prefix) const;
     void clear();
+    // Waits until a line equal to `line` has been captured; false on timeout.
+    bool waitFor(const std::string& line, std::chrono::milliseconds timeout);
 
 private:
     friend void receive(const std::string& line);
     void append(const std::string& line);
 
     mutable std::mutex m_mutex;
+    std::condition_variable m_appended;
     std::vector<std::string> m_lines;
     LogCapture* m_previous;
 };

@@ -6,6 +6,8 @@
 #include "base/Wakeup.h"
 
 #include <algorithm>
+#include <bit>
+#include <cstring>
 
 namespace zandor {
 
@@ -44,6 +46,9 @@ void CaptureScreen::stopListening() {
     if (auto device = m_device.lock()) {
         device->removeObserver(m_observer);
     }
+    // The thread holds its own reference to the observer; frames still queued in it go when the
+    // thread ends, not at the next start.
+    m_observer = nullptr;
     m_listening = false;
     m_wakeup->signal();
 }
@@ -101,24 +106,58 @@ bool CaptureScreen::update(CaptureDevice& device, const ObserverPtr& observer) {
 }
 
 void CaptureScreen::cut(const uint8_t* area, uint8_t* rows, uint64_t width, uint64_t height) {
-    // Blocked transpose: a tile's columns and rows both stay in cache while it is copied.
-    constexpr uint64_t Tile = 16;
+    // Screen pixel (x, y) is area pixel x * height + (height - 1 - y): column x of the area, read
+    // from its start, runs up the screen. Area pixel j of a column is screen row height - 1 - j.
     const uint64_t columnBytes = 3 * height;
-    for (uint64_t y0 = 0; y0 < height; y0 += Tile) {
-        const uint64_t y1 = std::min(y0 + Tile, height);
-        for (uint64_t x0 = 0; x0 < width; x0 += Tile) {
-            const uint64_t x1 = std::min(x0 + Tile, width);
-            for (uint64_t y = y0; y < y1; ++y) {
-                uint8_t* out = rows + 3 * (y * width + x0);
-                const uint8_t* in = area + 3 * (x0 * height + (height - 1 - y));
-                for (uint64_t x = x0; x < x1; ++x) {
-                    out[0] = in[0];
-                    out[1] = in[1];
-                    out[2] = in[2];
-                    out += 3;
-                    in += columnBytes;
-                }
+    const uint64_t rowBytes = 3 * width;
+    auto pixel = [&](uint64_t x, uint64_t y) {
+        std::memcpy(rows + 3 * (y * width + x), area + 3 * (x * height + (height - 1 - y)), 3);
+    };
+    if constexpr (std::endian::native != std::endian::little) {
+        for (uint64_t y = 0; y < height; ++y) {
+            for (uint64_t x = 0; x < width; ++x) {
+                pixel(x, y);
             }
+        }
+        return;
+    }
+
+    // The bulk goes two columns and four area pixels at a time, in 8-byte words: one load holds two
+    // pixels of a column that lie above each other on the screen, one store writes two pixels side
+    // by side in a row. A store's last two bytes spill onto the next pixel of its row, which a later
+    // store writes; a load's last two bytes are the next pixel of the area. Both stay inside their
+    // buffer as long as a column follows the pair, so the last column or two, and the rows of a
+    // height that is not a multiple of four, are copied pixel by pixel at the end. This is several
+    // times faster than a copy per pixel, and moving row by row through the area keeps every
+    // column's current cache line in use for a few passes.
+    auto load = [](const uint8_t* p) {
+        uint64_t word;
+        std::memcpy(&word, p, sizeof word);
+        return word;
+    };
+    auto store = [](uint8_t* p, uint64_t word) { std::memcpy(p, &word, sizeof word); };
+    constexpr uint64_t First = 0xFFFFFF;    // the first pixel of a word
+    constexpr uint64_t Second = First << 24; // the second one
+    const uint64_t pairedWidth = width > 2 ? (width - 1) & ~uint64_t{1} : 0;
+    const uint64_t blockHeight = height & ~uint64_t{3};
+    for (uint64_t j = 0; j < blockHeight; j += 4) {
+        uint8_t* out = rows + (height - 1 - j) * rowBytes;
+        const uint8_t* in = area + 3 * j;
+        for (uint64_t x = 0; x < pairedWidth; x += 2) {
+            const uint64_t left01 = load(in), left23 = load(in + 6);
+            const uint64_t right01 = load(in + columnBytes), right23 = load(in + columnBytes + 6);
+            store(out, (left01 & First) | (right01 << 24));
+            store(out - rowBytes, ((left01 >> 24) & First) | (right01 & Second));
+            store(out - 2 * rowBytes, (left23 & First) | (right23 << 24));
+            store(out - 3 * rowBytes, ((left23 >> 24) & First) | (right23 & Second));
+            in += 2 * columnBytes;
+            out += 6;
+        }
+    }
+    for (uint64_t y = 0; y < height; ++y) {
+        const bool leftOverRow = height - 1 - y >= blockHeight;
+        for (uint64_t x = leftOverRow ? 0 : pairedWidth; x < width; ++x) {
+            pixel(x, y);
         }
     }
 }

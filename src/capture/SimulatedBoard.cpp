@@ -39,12 +39,15 @@ int SimulatedBoard::controlTransfer(uint8_t requestType, uint8_t request, uint16
     if (requestType != raw::FrameRequestType || request != raw::FrameRequest || length != 0) {
         return usb::ErrorPipe;
     }
-    // A request before any byte of the current frame was read restarts the same frame; otherwise
-    // the board moves on to the next one.
-    if (m_frame < 0 || m_position > 0) {
+    // A request before any read of the current frame restarts the same frame; otherwise the board
+    // moves on to the next one.
+    if (m_frame < 0 || m_frameRead) {
         ++m_frame;
-        m_frameFaultApplied = false;
-        m_readLengths.clear();
+        m_frameRead = false;
+        m_readLengths[static_cast<uint64_t>(m_frame)];
+        if (m_readLengths.size() > 8) {
+            m_readLengths.erase(m_readLengths.begin());
+        }
     }
     m_position = 0;
     return 0;
@@ -57,9 +60,11 @@ int SimulatedBoard::bulkTransfer(uint8_t endpoint, uint8_t* data, int length, in
     uint64_t count;
     {
         std::scoped_lock lock(m_mutex);
-        m_readLengths.push_back(length);
-        if (m_open && !m_vanished && m_frame >= 0 && !m_frameFaultApplied) {
-            m_frameFaultApplied = true;
+        if (m_frame >= 0) {
+            m_readLengths[static_cast<uint64_t>(m_frame)].push_back(length);
+        }
+        if (m_open && !m_vanished && m_frame >= 0 && !m_frameRead) {
+            m_frameRead = true;
             auto fault = m_faults.find(static_cast<uint64_t>(m_frame));
             if (fault != m_faults.end()) {
                 switch (fault->second) {
@@ -138,9 +143,10 @@ void SimulatedBoard::setChunkBytes(int bytes) {
     m_chunkBytes = bytes;
 }
 
-std::vector<int> SimulatedBoard::lastFrameReadLengths() const {
+std::vector<int> SimulatedBoard::readLengths(uint64_t frame) const {
     std::scoped_lock lock(m_mutex);
-    return m_readLengths;
+    auto found = m_readLengths.find(frame);
+    return found == m_readLengths.end() ? std::vector<int>{} : found->second;
 }
 
 int SimulatedBoard::clearHaltCount() const {

@@ -36,9 +36,9 @@ public:
     // The most bytes one bulk read returns; the real board fills a whole read, so 0 means no limit.
     void setChunkBytes(int bytes);
 
-    // For tests: the lengths asked for by the bulk reads of the latest frame, and how often the
-    // endpoint's halt was cleared.
-    std::vector<int> lastFrameReadLengths() const;
+    // For tests: the lengths asked for by the bulk reads of one of the last few frames, and how
+    // often the endpoint's halt was cleared.
+    std::vector<int> readLengths(uint64_t frame) const;
     int clearHaltCount() const;
     // Frames begun so far (the number the next frame will get).
     uint64_t framesBegun() const;
@@ -54,10 +54,10 @@ private:
     bool m_open = false;
     bool m_vanished = false;
     bool m_halted = false;
-    bool m_frameFaultApplied = false;
+    bool m_frameRead = false; // the current frame has seen its first read
     int64_t m_frame = -1;       // frame being sent, -1 before the first request
     uint64_t m_position = 0;    // bytes of it already sent
-    std::vector<int> m_readLengths;
+    std::map<uint64_t, std::vector<int>> m_readLengths; // the last few frames only
     int m_clearHalts = 0;
 };
 

@@ -1,1 +1,28 @@
+#include "base/Wakeup.h"
+
 #include <gtest/gtest.h>
+
+#include <thread>
+
+namespace zandor {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(Wakeup, ASignalBeforeTheWaitIsKeptOnceAndThenCleared) {
+    Wakeup wakeup;
+    wakeup.signal();
+    wakeup.signal();
+    EXPECT_TRUE(wakeup.wait(0ms));
+    EXPECT_FALSE(wakeup.wait(1ms)) << "an auto-reset event: two signals wake one wait";
+}
+
+TEST(Wakeup, WakesAWaiterOnAnotherThread) {
+    Wakeup wakeup;
+    std::thread signaller([&] { wakeup.signal(); });
+    EXPECT_TRUE(wakeup.wait(20s));
+    signaller.join();
+}
+
+} // namespace
+} // namespace zandor

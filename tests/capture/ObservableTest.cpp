@@ -1,1 +1,142 @@
+#include "base/Log.h"
+#include "base/Wakeup.h"
+#include "capture/CaptureData.h"
+#include "capture/Observable.h"
+
 #include <gtest/gtest.h>
+
+#include <cstring>
+#include <thread>
+
+namespace zandor {
+namespace {
+
+CaptureDataPtr frameNumbered(int n) {
+    auto frame = CaptureData::create(4);
+    std::memcpy(frame->data(), &n, sizeof n);
+    return frame;
+}
+
+int numberOf(const CaptureDataPtr& frame) {
+    int n;
+    std::memcpy(&n, frame->data(), sizeof n);
+    return n;
+}
+
+TEST(CaptureData, CopyHasEqualBytesAndAFreshTimeStamp) {
+    auto frame = CaptureData::create(1000);
+    for (int i = 0; i < 1000; ++i) {
+        frame->data()[i] = static_cast<uint8_t>(i * 7);
+    }
+    frame->setTimestamp(2.5);
+    auto copy = frame->copy();
+    ASSERT_EQ(copy->size(), 1000u);
+    EXPECT_NE(copy->data(), frame->data());
+    EXPECT_EQ(std::memcmp(copy->data(), frame->data(), 1000), 0);
+    EXPECT_EQ(copy->timestamp(), 0.0);
+}
+
+TEST(Observable, WithoutObserversAFrameIsDiscardedSilently) {
+    LogCapture log;
+    Observable producer(3);
+    auto frame = frameNumbered(1);
+    EXPECT_FALSE(producer.add(frame));
+    EXPECT_TRUE(log.lines().empty());
+    EXPECT_EQ(frame.use_count(), 1);
+}
+
+TEST(Observable, EveryObserverGetsTheVerySameFrameInOrder) {
+    Observable producer(5);
+    auto a = producer.addObserver();
+    auto b = producer.addObserver();
+    auto first = frameNumbered(1), second = frameNumbered(2);
+    producer.add(first);
+    producer.add(second);
+    EXPECT_EQ(producer.observe(a), first);
+    EXPECT_EQ(producer.observe(b), first);
+    EXPECT_EQ(producer.observe(a), second);
+    EXPECT_EQ(producer.observe(b), second);
+    EXPECT_FALSE(producer.observable(a));
+    EXPECT_EQ(producer.observe(a), nullptr);
+}
+
+TEST(Observable, AFullQueueDropsItsOldestFrameAndSaysWhichObserver) {
+    LogCapture log;
+    Observable producer(3);
+    auto slow = producer.addObserver();
+    auto fast = producer.addObserver();
+    for (int n = 1; n <= 3; ++n) {
+        EXPECT_FALSE(producer.add(frameNumbered(n)));
+        producer.observe(fast);
+    }
+    EXPECT_TRUE(producer.add(frameNumbered(4)));
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"Skipped frame of observer 0"});
+    EXPECT_EQ(producer.droppedFrames(), 1u);
+
+    std::vector<int> left;
+    while (auto frame = producer.observe(slow)) {
+        left.push_back(numberOf(frame));
+    }
+    EXPECT_EQ(left, (std::vector<int>{2, 3, 4}));
+    EXPECT_EQ(numberOf(producer.observe(fast)), 4);
+}
+
+TEST(Observable, The257thObserverTakesOverTheFirstIdentifier) {
+    Observable producer(2);
+    auto first = producer.addObserver();
+    std::vector<ObserverPtr> others;
+    for (int i = 1; i < 256; ++i) {
+        others.push_back(producer.addObserver());
+    }
+    EXPECT_EQ(others.back()->identifier(), 255);
+    auto wrapped = producer.addObserver();
+    EXPECT_EQ(wrapped->identifier(), 0);
+    EXPECT_EQ(wrapped->key(), first->key());
+
+    producer.add(frameNumbered(9));
+    EXPECT_FALSE(producer.observable(first)) << "the replaced observer gets no more frames";
+    EXPECT_TRUE(producer.observable(wrapped));
+    EXPECT_TRUE(producer.observable(others.front()));
+}
+
+TEST(Observable, RemovedObserverKeepsWhatItHadAndGetsNothingNew) {
+    Observable producer(4);
+    auto observer = producer.addObserver();
+    producer.add(frameNumbered(1));
+    producer.removeObserver(observer);
+    EXPECT_FALSE(producer.hasObservers());
+    producer.add(frameNumbered(2));
+    EXPECT_EQ(numberOf(producer.observe(observer)), 1);
+    EXPECT_EQ(producer.observe(observer), nullptr);
+}
+
+TEST(Observable, PublishingSignalsTheObserversWakeup) {
+    Observable producer(4);
+    auto wakeup = std::make_shared<Wakeup>();
+    auto observer = producer.addObserver(wakeup);
+    std::thread publisher([&] { producer.add(frameNumbered(7)); });
+    EXPECT_TRUE(wakeup->wait(std::chrono::seconds(20)));
+    publisher.join();
+    EXPECT_EQ(numberOf(producer.observe(observer)), 7);
+}
+
+TEST(Observable, FramesAreReleasedWhenEveryQueueLetsGo) {
+    std::weak_ptr<CaptureData> watched;
+    {
+        Observable producer(2);
+        auto a = producer.addObserver();
+        auto b = producer.addObserver();
+        auto frame = frameNumbered(1);
+        watched = frame;
+        producer.add(frame);
+        frame.reset();
+        producer.observe(a);
+        EXPECT_FALSE(watched.expired()) << "b still holds it";
+        producer.add(frameNumbered(2));
+        producer.add(frameNumbered(3)); // pushes the first frame out of b's full queue
+        EXPECT_TRUE(watched.expired());
+    }
+}
+
+} // namespace
+} // namespace zandor

@@ -10,27 +10,24 @@ uint8_t patternByte(uint64_t frame, uint64_t offset) {
 void GatedBoard::holdAt(uint64_t frame) {
     std::scoped_lock lock(m_mutex);
     m_holdAt = frame;
-}
-
-void GatedBoard::release() {
-    std::scoped_lock lock(m_mutex);
-    m_holdAt = UINT64_MAX;
+    if (m_held < frame) {
+        m_held = UINT64_MAX;
+    }
     m_changed.notify_all();
 }
 
-bool GatedBoard::waitUntilHeld(std::chrono::milliseconds timeout) {
+bool GatedBoard::waitUntilHeld(uint64_t frame, std::chrono::milliseconds timeout) {
     std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, timeout, [this] { return m_held; });
+    return m_changed.wait_for(lock, timeout, [&] { return m_held == frame; });
 }
 
 void GatedBoard::fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) {
     {
         std::unique_lock lock(m_mutex);
         if (frame >= m_holdAt) {
-            m_held = true;
+            m_held = frame;
             m_changed.notify_all();
             m_changed.wait(lock, [&] { return frame < m_holdAt; });
-            m_held = false;
         }
     }
     for (uint64_t i = 0; i < length; ++i) {

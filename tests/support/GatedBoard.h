@@ -17,11 +17,12 @@ uint8_t patternByte(uint64_t frame, uint64_t offset);
 // a chosen frame until the test releases it.
 class GatedBoard final : public SimulatedBoard {
 public:
-    // Reads of frame `frame` and later ones wait until release().
+    // Reads of frame `frame` and later ones wait until release() or a later holdAt(), which lets
+    // a held read go on.
     void holdAt(uint64_t frame);
-    void release();
-    // Waits until a read is held; false on timeout.
-    bool waitUntilHeld(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    void release() { holdAt(UINT64_MAX); }
+    // Waits until the read of frame `frame` is held; false on timeout.
+    bool waitUntilHeld(uint64_t frame, std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
 protected:
     void fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) override;
@@ -30,7 +31,7 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     uint64_t m_holdAt = UINT64_MAX;
-    bool m_held = false;
+    uint64_t m_held = UINT64_MAX; // the frame whose read waits, if any
 };
 
 } // namespace zandor::test

@@ -1,0 +1,31 @@
+# The two commands of the README, and the few more documented after them.
+BUILD ?= build
+CMAKE_FLAGS ?=
+PREFIX ?= /usr/local
+
+.PHONY: run test bench build configure deps clean
+
+run: build
+	$(BUILD)/bin/zandor --board demo
+
+test: build
+	ctest --test-dir $(BUILD) --output-on-failure -j2
+
+bench: configure
+	cmake --build $(BUILD) --target benchmarks
+	@for program in $(BUILD)/bench/*; do echo "== $$program"; "$$program" || exit 1; done
+
+build: configure
+	cmake --build $(BUILD)
+
+# Configures once; later runs only rebuild. Flags given on the command line configure again.
+configure: deps
+	@if [ ! -f $(BUILD)/build.ninja ] || [ -n "$(CMAKE_FLAGS)" ]; then \
+		cmake -S . -B $(BUILD) -G Ninja $(CMAKE_FLAGS); \
+	fi
+
+deps:
+	@scripts/install-deps
+
+clean:
+	rm -rf $(BUILD) build-asan build-tsan

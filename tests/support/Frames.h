@@ -1,0 +1,37 @@
+#pragma once
+
+#include "base/Wakeup.h"
+#include "capture/CaptureData.h"
+#include "capture/Observable.h"
+
+#include <chrono>
+#include <vector>
+
+namespace zandor::test {
+
+// Takes frames from `observer` until `count` have arrived or `timeout` passed without progress,
+// sleeping on the observer's wake-up in between.
+inline std::vector<CaptureDataPtr> takeFrames(Observable& producer, const ObserverPtr& observer, Wakeup& wakeup,
+                                              size_t count,
+                                              std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+    std::vector<CaptureDataPtr> frames;
+    while (frames.size() < count) {
+        if (auto frame = producer.observe(observer)) {
+            frames.push_back(std::move(frame));
+        } else if (!wakeup.wait(timeout) && !producer.observable(observer)) {
+            break;
+        }
+    }
+    return frames;
+}
+
+inline bool allZero(const CaptureData& frame) {
+    for (uint64_t i = 0; i < frame.size(); ++i) {
+        if (frame.data()[i] != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace zandor::test
