@@ -25,6 +25,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <sys/resource.h>
 #include <time.h>
 #include <vector>
 
@@ -80,6 +81,35 @@ private:
     std::filesystem::path m_folder;
     std::string m_path;
 };
+
+struct Usage {
+    double userSeconds, systemSeconds;
+    double minorFaults, contextSwitches;
+
+    static Usage now() {
+        rusage usage{};
+        getrusage(RUSAGE_SELF, &usage);
+        auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) * 1e-6; };
+        return {seconds(usage.ru_utime), seconds(usage.ru_stime), static_cast<double>(usage.ru_minflt),
+                static_cast<double>(usage.ru_nvcsw + usage.ru_nivcsw)};
+    }
+};
+
+// Processor time of each thread of this process by name, from the scheduler's own account.
+std::map<std::string, double> threadCpuSeconds() {
+    std::map<std::string, double> seconds;
+    std::error_code error;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", error)) {
+        std::ifstream commFile(task.path() / "comm");
+        std::ifstream schedstat(task.path() / "schedstat");
+        std::string name;
+        double runNanoseconds = 0;
+        if (std::getline(commFile, name) && schedstat >> runNanoseconds) {
+            seconds[name] += runNanoseconds * 1e-9;
+        }
+    }
+    return seconds;
+}
 
 double cpuSeconds(clockid_t clock) {
     timespec now{};
@@ -226,7 +256,11 @@ void BM_PipelineCpu(benchmark::State& state) {
         const auto wallStart = SteadyClock::now();
         const double processStart = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID);
         const double consumerStart = cpuSeconds(CLOCK_THREAD_CPUTIME_ID);
+        const Usage usageStart = Usage::now();
+        const auto threadsStart = threadCpuSeconds();
         pipeline.drainUntil(wallStart + CpuWindow, drain);
+        const auto threadsEnd = threadCpuSeconds();
+        const Usage usageEnd = Usage::now();
         const double consumer = cpuSeconds(CLOCK_THREAD_CPUTIME_ID) - consumerStart;
         const double process = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID) - processStart;
         const double wall = std::chrono::duration<double>(SteadyClock::now() - wallStart).count();
@@ -237,6 +271,19 @@ void BM_PipelineCpu(benchmark::State& state) {
         state.counters["cpu_us_per_frame"] = 1e6 * (process - consumer) / std::max<double>(1, frames[1]);
         state.counters["fps"] = static_cast<double>(std::min(frames[0], frames[1])) / wall;
         state.counters["dropped"] = static_cast<double>(pipeline.droppedFrames());
+        // Where the time goes: kernel against user time, and per frame the page faults (fresh
+        // frame memory) and thread switches (wake-ups) of the whole process.
+        const double perFrame = std::max<double>(1, frames[1]);
+        state.counters["user_percent"] = 100 * (usageEnd.userSeconds - usageStart.userSeconds) / wall;
+        state.counters["system_percent"] = 100 * (usageEnd.systemSeconds - usageStart.systemSeconds) / wall;
+        state.counters["faults_per_frame"] = (usageEnd.minorFaults - usageStart.minorFaults) / perFrame;
+        state.counters["switches_per_frame"] = (usageEnd.contextSwitches - usageStart.contextSwitches) / perFrame;
+        for (const char* thread : {"zandor-device", "zandor-top", "zandor-bottom"}) {
+            auto end = threadsEnd.find(thread), start = threadsStart.find(thread);
+            if (end != threadsEnd.end() && start != threadsStart.end()) {
+                state.counters[std::string(thread + 7) + "_cpu_percent"] = 100 * (end->second - start->second) / wall;
+            }
+        }
     }
 }
 BENCHMARK(BM_PipelineCpu)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
