@@ -40,6 +40,9 @@ public:
 
     void freeze() { m_lock.lock(); }
     void unfreeze() { m_lock.unlock(); }
+    // So that std::scoped_lock can hold a producer frozen for one block.
+    void lock() { freeze(); }
+    void unlock() { unfreeze(); }
 
     uint64_t bufferSize() const { return m_bufferSize; }
     // Frames dropped from full queues since creation, all observers together.

@@ -1,0 +1,112 @@
+#pragma once
+
+#include "LayoutPlugin.h"
+#include "capture/Observable.h"
+
+#include <QHash>
+#include <QImage>
+#include <QString>
+
+#include <array>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+namespace zandor {
+
+class CaptureDevice;
+class CaptureScreen;
+class Wakeup;
+
+// One live picture made from the console's screens. A plugin layout composites background, images
+// and both screens onto a canvas of the plugin's size and publishes a copy per pair of screen
+// frames; a screen layout republishes one screen's frames as they are. Frames are rows of red,
+// green and blue bytes, top row first.
+class CaptureLayout final : public Observable {
+public:
+    enum Type { PluginLayout = 0, ScreenLayout = 1 };
+    static constexpr uint64_t QueueLength = 200;
+    static constexpr uint64_t TopWidth = 400, BottomWidth = 320, ScreenHeight = 240;
+    // The longest canvas side a plugin may ask for.
+    static constexpr qint64 MaxSide = 16384;
+
+    struct Rect {
+        double x, y, width, height;
+    };
+
+    // Paints background and images at once, so the canvas shows them before any frame comes.
+    static std::shared_ptr<CaptureLayout> createWithPlugin(const std::shared_ptr<LayoutPlugin>& plugin,
+                                                           const std::shared_ptr<CaptureDevice>& device);
+    static std::shared_ptr<CaptureLayout> createWithScreen(const std::shared_ptr<CaptureScreen>& screen,
+                                                           const QString& name);
+
+    int type() const { return m_type; }
+    const QString& name() const { return m_name; }
+    uint64_t width() const { return m_width; }
+    uint64_t height() const { return m_height; }
+    bool isResizable() const { return m_resizable; }
+    const std::optional<Color>& background() const { return m_background; }
+    bool fromUser() const { return m_fromUser; }
+    // Bytes of one published frame.
+    uint64_t size() const { return m_width * m_height * 3; }
+    const std::shared_ptr<LayoutPlugin>& plugin() const { return m_plugin; }
+
+    // Consumers subscribe with addObserver before startListening, and remove their observer
+    // before stopListening: the layout keeps running while it has observers.
+    bool startListening();
+    void stopListening();
+    bool isListening();
+
+    // Drawing, on the layout's own thread (and once at construction).
+    void drawBackground();
+    void drawCanvas(const QList<QVariantMap>& objects);
+    void drawImage(const QImage& image, uint64_t x, uint64_t y);
+    void drawCanvasSource(const uint8_t* source, Rect rect);
+    void drawCanvasPixelColor(const uint8_t* color, double alpha, uint64_t x, uint64_t y);
+    void setCanvasObjectStart(uint64_t index);
+
+    // The canvas as it stands; only for tests, while the layout does not run.
+    const uint8_t* canvas() const { return m_canvas.get(); }
+    uint64_t objectStart() const { return m_objectStart; }
+
+private:
+    using Subscriptions = std::array<ObserverPtr, 2>;
+
+    CaptureLayout(int type, QString name);
+    void initialize();
+    void listener(const Subscriptions& subscriptions);
+    // One pass; returns whether a frame was taken.
+    bool update(const Subscriptions& subscriptions);
+
+    const int m_type;
+    const QString m_name;
+    std::shared_ptr<LayoutPlugin> m_plugin;
+    std::shared_ptr<CaptureDevice> m_device;
+    std::shared_ptr<CaptureScreen> m_top;
+    std::shared_ptr<CaptureScreen> m_bottom;
+    uint64_t m_width = 0;
+    uint64_t m_height = 0;
+    bool m_resizable = false;
+    std::optional<Color> m_background;
+    bool m_fromUser = false;
+    QHash<QString, QImage> m_resources;
+    const std::shared_ptr<Wakeup> m_wakeup;
+
+    // Guarded by the Observable lock: the flag and the subscriptions of the current run.
+    bool m_listening = false;
+    Subscriptions m_observer;
+
+    // The drawing state belongs to the layout's thread. A stop followed at once by a start can
+    // leave the old thread finishing its last pass while the new one begins; this lock keeps the
+    // two from drawing at the same time.
+    std::mutex m_drawMutex;
+    std::unique_ptr<uint8_t[]> m_canvas;
+    CaptureDataPtr m_topData;
+    CaptureDataPtr m_bottomData;
+    bool m_firstDraw = true;
+    uint64_t m_objectStart = 0;
+};
+
+using LayoutPtr = std::shared_ptr<CaptureLayout>;
+
+} // namespace zandor

@@ -1,0 +1,50 @@
+#pragma once
+
+#include "Plugin.h"
+
+#include <QList>
+#include <QVariantMap>
+
+#include <optional>
+
+namespace zandor {
+
+// A colour with components from 0.0 to 1.0 (a plugin may give more; nothing clamps them).
+struct Color {
+    double red = 0, green = 0, blue = 0, alpha = 1;
+};
+
+// Keys of a layout object record.
+inline const QString ObjectType = QStringLiteral("type");
+inline const QString ObjectX = QStringLiteral("x");
+inline const QString ObjectY = QStringLiteral("y");
+inline const QString ObjectResource = QStringLiteral("resource");
+
+// A layout plugin: canvas size, resizability, background colour and the placed objects ("screen_top",
+// "screen_bottom", "image", or any other type, kept but not drawn), in drawing order.
+class LayoutPlugin final : public Plugin {
+public:
+    LayoutPlugin(QString file, bool fromUser) : Plugin(std::move(file), fromUser) {}
+
+    int type() const override { return LayoutType; }
+    qint64 width() const { return m_width; }
+    qint64 height() const { return m_height; }
+    bool isResizable() const { return m_resizable; }
+    const std::optional<Color>& background() const { return m_background; }
+    // Records with "type" (string), "x" and "y" (qint64) and, for images, "resource" (string).
+    const QList<QVariantMap>& objects() const { return m_objects; }
+
+protected:
+    void didStartElement(const QString& name, const QXmlStreamAttributes& attributes) override;
+
+private:
+    qint64 m_width = 0;
+    qint64 m_height = 0;
+    bool m_resizable = false;
+    std::optional<Color> m_background;
+    QList<QVariantMap> m_objects;
+};
+
+using LayoutPluginPtr = std::shared_ptr<LayoutPlugin>;
+
+} // namespace zandor

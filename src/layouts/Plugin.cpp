@@ -1,0 +1,96 @@
+#include "Plugin.h"
+
+#include "base/Log.h"
+
+#include <QFile>
+#include <QXmlStreamReader>
+
+#include <limits>
+
+namespace zandor {
+
+Plugin::Plugin(QString file, bool fromUser) : m_file(std::move(file)), m_fromUser(fromUser) {}
+
+QString Plugin::pluginFile() const { return m_file + QStringLiteral("/plugin.xml"); }
+
+QString Plugin::resourcePath(const QString& name) const { return m_file + QStringLiteral("/Resources/") + name; }
+
+bool Plugin::parse() {
+    QFile file(pluginFile());
+    if (!file.open(QIODevice::ReadOnly)) {
+        log("Could not parse plugin: %s", qUtf8Printable(file.errorString()));
+        return false;
+    }
+    const QByteArray bytes = file.readAll();
+
+    QXmlStreamReader reader(bytes);
+    // Element and attribute names are taken as written, prefixes included.
+    reader.setNamespaceProcessing(false);
+    while (!reader.atEnd()) {
+        switch (reader.readNext()) {
+        case QXmlStreamReader::StartElement:
+            didStartElement(reader.qualifiedName().toString(), reader.attributes());
+            break;
+        case QXmlStreamReader::Characters:
+            foundCharacters(reader.text());
+            break;
+        case QXmlStreamReader::EndElement:
+            didEndElement(reader.qualifiedName().toString());
+            break;
+        default:
+            break;
+        }
+    }
+    if (reader.hasError()) {
+        log("Could not parse plugin: %s (line %lld, column %lld)", qUtf8Printable(reader.errorString()),
+            static_cast<long long>(reader.lineNumber()), static_cast<long long>(reader.columnNumber()));
+        return false;
+    }
+    return true;
+}
+
+void Plugin::didStartElement(const QString&, const QXmlStreamAttributes&) { m_workingString = QString(); }
+
+void Plugin::foundCharacters(QStringView text) { m_workingString.append(text); }
+
+void Plugin::didEndElement(const QString& name) {
+    if (name == QLatin1String("name")) {
+        m_name = m_workingString;
+    } else if (name == QLatin1String("importance")) {
+        m_importance = integerValue(m_workingString);
+    }
+    m_workingString = QString();
+}
+
+qint64 Plugin::integerValue(QStringView text) {
+    qsizetype i = 0;
+    while (i < text.size() && text[i].isSpace()) {
+        ++i;
+    }
+    bool negative = false;
+    if (i < text.size() && (text[i] == u'+' || text[i] == u'-')) {
+        negative = text[i] == u'-';
+        ++i;
+    }
+    // Accumulated as a negative number, whose range is one larger.
+    constexpr qint64 lowest = std::numeric_limits<qint64>::min();
+    qint64 value = 0;
+    bool overflow = false;
+    for (; i < text.size() && text[i] >= u'0' && text[i] <= u'9'; ++i) {
+        int digit = text[i].unicode() - u'0';
+        if (value < (lowest + digit) / 10) {
+            overflow = true;
+        } else {
+            value = value * 10 - digit;
+        }
+    }
+    if (overflow) {
+        return negative ? lowest : std::numeric_limits<qint64>::max();
+    }
+    if (!negative) {
+        return value == lowest ? std::numeric_limits<qint64>::max() : -value;
+    }
+    return value;
+}
+
+} // namespace zandor

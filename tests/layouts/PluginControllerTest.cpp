@@ -1,0 +1,138 @@
+#include "PluginBundles.h"
+#include "base/Log.h"
+#include "base/Notifier.h"
+#include "layouts/LayoutPlugin.h"
+#include "layouts/PluginController.h"
+
+#include <gtest/gtest.h>
+
+#include <QFileInfo>
+#include <QTemporaryDir>
+
+namespace zandor {
+namespace {
+
+QByteArray layout(const QString& name, int importance) { return test::layoutDescriptor(name, importance, 400, 240); }
+
+QStringList names(const QList<PluginPtr>& plugins) {
+    QStringList result;
+    for (const auto& plugin : plugins) {
+        result << plugin->name();
+    }
+    return result;
+}
+
+class PluginControllerTest : public ::testing::Test {
+protected:
+    QString app() const { return m_root.path() + QStringLiteral("/app"); }
+    QString user() const { return m_root.path() + QStringLiteral("/support/Zandor/Plugins/"); }
+    QString elsewhere() const { return m_root.path() + QStringLiteral("/downloads"); }
+
+    QTemporaryDir m_root;
+};
+
+TEST_F(PluginControllerTest, OnlyDirectoriesNamedZdpluginWithADescriptorArePlugins) {
+    QString folder = m_root.path();
+    EXPECT_TRUE(PluginController::isPluginFile(test::writeBundle(folder, "good.zdplugin", layout("A", 1))));
+    EXPECT_FALSE(PluginController::isPluginFile(test::writeBundle(folder, "upper.ZDPLUGIN", layout("A", 1))));
+    QDir().mkpath(folder + "/empty.zdplugin");
+    EXPECT_FALSE(PluginController::isPluginFile(folder + "/empty.zdplugin"));
+    QFile plain(folder + "/plain.zdplugin");
+    ASSERT_TRUE(plain.open(QIODevice::WriteOnly));
+    EXPECT_FALSE(PluginController::isPluginFile(folder + "/plain.zdplugin"));
+
+    EXPECT_EQ(PluginController::typePluginFile(folder + "/good.zdplugin"), Plugin::LayoutType);
+    auto untyped = test::writeBundle(folder, "untyped.zdplugin", "<a><name>Valid but untyped</name></a>");
+    EXPECT_EQ(PluginController::typePluginFile(untyped), Plugin::NoType);
+    EXPECT_EQ(PluginController::parsePlugin(untyped, false), nullptr);
+    auto latin1 = test::writeBundle(folder, "latin1.zdplugin", "<ZandorLayout><name>Caf\xe9</name></ZandorLayout>");
+    EXPECT_EQ(PluginController::typePluginFile(latin1), Plugin::NoType) << "not UTF-8";
+    auto comment = test::writeBundle(folder, "comment.zdplugin", "<a><!-- ZandorLayout --></a>");
+    EXPECT_EQ(PluginController::typePluginFile(comment), Plugin::LayoutType);
+}
+
+TEST_F(PluginControllerTest, LoadsBothFoldersSortedByImportance) {
+    test::writeBundle(app(), "five.zdplugin", layout("Five", 5));
+    test::writeBundle(app(), "ten.zdplugin", layout("Ten", 10));
+    test::writeBundle(app(), "broken.zdplugin", "<ZandorLayout><name>Broken</name>");
+    test::writeBundle(user(), "seven.zdplugin", layout("Ten", 7));
+
+    PluginController registry(app(), user());
+    EXPECT_EQ(names(registry.plugins()), (QStringList{"Ten", "Ten", "Five"}));
+    EXPECT_EQ(registry.plugins()[1]->importance(), 7);
+    auto fromUser = registry.pluginsFromUser(true);
+    ASSERT_EQ(fromUser.size(), 1);
+    EXPECT_TRUE(fromUser[0]->file().endsWith("/Zandor/Plugins//seven.zdplugin")) << fromUser[0]->file().toStdString();
+    EXPECT_EQ(names(registry.pluginTyped(Plugin::LayoutType, false)), (QStringList{"Ten", "Five"}));
+    EXPECT_EQ(registry.pluginTyped(Plugin::NoType).size(), 0);
+    EXPECT_EQ(registry.pluginNamed("Ten", Plugin::LayoutType)->importance(), 10) << "the higher of two of a name";
+    EXPECT_EQ(registry.pluginNamed("ten", Plugin::LayoutType), nullptr);
+}
+
+TEST_F(PluginControllerTest, WithoutApplicationPluginsUserPluginsAreNotLoaded) {
+    test::writeBundle(user(), "seven.zdplugin", layout("Seven", 7));
+    QDir().mkpath(app());
+    PluginController registry(app(), user());
+    EXPECT_TRUE(registry.plugins().isEmpty());
+}
+
+TEST_F(PluginControllerTest, CreatesTheUserFolderOrSaysItCannot) {
+    PluginController registry(app(), user());
+    EXPECT_TRUE(QFileInfo(user()).isDir());
+
+    QFile blocker(m_root.path() + "/file");
+    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    LogCapture log;
+    PluginController blocked(app(), m_root.path() + "/file/Zandor/Plugins/");
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"Could not creating user plugin folder"});
+}
+
+TEST_F(PluginControllerTest, InstallingMovesTheBundleInAndAnnouncesIt) {
+    test::writeBundle(app(), "ten.zdplugin", layout("Ten", 10));
+    PluginController registry(app(), user());
+    PluginPtr announced;
+    auto connection = QObject::connect(Notifier::instance(), &Notifier::notified,
+                                       [&](const QString& name, const QVariant& object, const QVariantMap&) {
+                                           if (name == PluginInstalledNotification) {
+                                               announced = object.value<PluginPtr>();
+                                           }
+                                       });
+    QString bundle = test::writeBundle(elsewhere(), "new.zdplugin", layout("New", 20));
+    EXPECT_TRUE(registry.installPlugin(bundle));
+    QObject::disconnect(connection);
+
+    EXPECT_FALSE(QFileInfo::exists(bundle));
+    EXPECT_TRUE(PluginController::isPluginFile(user() + "new.zdplugin"));
+    ASSERT_NE(announced, nullptr);
+    EXPECT_EQ(announced->name(), QStringLiteral("New"));
+    EXPECT_TRUE(announced->fromUser());
+    EXPECT_EQ(registry.plugins().first(), announced);
+}
+
+TEST_F(PluginControllerTest, RefusedInstallationsLeaveEveryBundleWhereItWas) {
+    test::writeBundle(app(), "ten.zdplugin", layout("Ten", 10));
+    test::writeBundle(user(), "taken.zdplugin", layout("Old", 1));
+    PluginController registry(app(), user());
+    int announcements = 0;
+    auto connection = QObject::connect(Notifier::instance(), &Notifier::notified, [&] { ++announcements; });
+
+    QString taken = test::writeBundle(elsewhere(), "taken.zdplugin", layout("New", 1));
+    EXPECT_FALSE(registry.installPlugin(taken));
+    EXPECT_TRUE(PluginController::isPluginFile(taken));
+    EXPECT_EQ(registry.pluginNamed("Old", Plugin::LayoutType)->file(), user() + "/taken.zdplugin");
+
+    LogCapture log;
+    QString malformed = test::writeBundle(elsewhere(), "malformed.zdplugin", "<ZandorLayout><name>Bad");
+    EXPECT_FALSE(registry.installPlugin(malformed));
+    EXPECT_TRUE(PluginController::isPluginFile(malformed)) << "moved back";
+    EXPECT_FALSE(QFileInfo::exists(user() + "malformed.zdplugin"));
+    EXPECT_EQ(log.countPrefix("Could not parse plugin: "), 1u);
+
+    EXPECT_FALSE(registry.installPlugin(elsewhere() + "/missing.zdplugin"));
+    QObject::disconnect(connection);
+    EXPECT_EQ(announcements, 0);
+    EXPECT_EQ(registry.plugins().size(), 2);
+}
+
+} // namespace
+} // namespace zandor
