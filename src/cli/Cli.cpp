@@ -1,11 +1,13 @@
 #include "Cli.h"
 
 #include "DumpCommand.h"
+#include "LayoutsCommand.h"
 #include "base/CommandLine.h"
 
 #include <cstdio>
 #include <functional>
 #include <map>
+#include <set>
 
 namespace zandor {
 
@@ -14,6 +16,9 @@ namespace {
 const char* const Usage = "usage: zandor-cli COMMAND [OPTIONS]\n"
                           "\n"
                           "commands:\n"
+                          "  layouts [--json]             list the layouts: name, width, height, resizable,\n"
+                          "                               background bytes, application or user, importance\n"
+                          "  install-plugin PATH          install a layout plugin bundle for this user\n"
                           "  dump --frames N --out FILE   write N raw frames of the board to FILE\n"
                           "\n"
                           "options of every command:\n"
@@ -21,6 +26,8 @@ const char* const Usage = "usage: zandor-cli COMMAND [OPTIONS]\n"
 
 struct Command {
     std::set<std::string> valueOptions;
+    std::set<std::string> flags;
+    bool positionals;
     std::function<int(const CommandLine&)> run;
 };
 
@@ -32,20 +39,22 @@ int Cli::run(const std::vector<std::string>& arguments) {
         return arguments.empty() ? 2 : 0;
     }
     const std::map<std::string, Command> commands = {
-        {"dump", {{"board", "frames", "out"}, DumpCommand::run}},
+        {"dump", {{"board", "frames", "out"}, {}, false, DumpCommand::run}},
+        {"layouts", {{"board"}, {"json"}, false, LayoutsCommand::run}},
+        {"install-plugin", {{"board"}, {}, true, InstallPluginCommand::run}},
     };
     auto command = commands.find(arguments[0]);
     if (command == commands.end()) {
         std::fprintf(stderr, "zandor-cli: unknown command '%s' (try zandor-cli --help)\n", arguments[0].c_str());
         return 2;
     }
-    CommandLine options(command->second.valueOptions, {});
+    CommandLine options(command->second.valueOptions, command->second.flags);
     std::string error;
     if (!options.parse({arguments.begin() + 1, arguments.end()}, error)) {
         std::fprintf(stderr, "zandor-cli %s: %s\n", arguments[0].c_str(), error.c_str());
         return 2;
     }
-    if (!options.positionals().empty()) {
+    if (!command->second.positionals && !options.positionals().empty()) {
         std::fprintf(stderr, "zandor-cli %s: unexpected argument '%s'\n", arguments[0].c_str(),
                      options.positionals().front().c_str());
         return 2;

@@ -1,3 +1,9 @@
 #include "Cli.h"
 
-int main(int argc, char** argv) { return zandor::Cli::run({argv + 1, argv + argc}); }
+#include <QCoreApplication>
+
+int main(int argc, char** argv) {
+    // Qt's file, image and audio classes expect an application object.
+    QCoreApplication application(argc, argv);
+    return zandor::Cli::run({argv + 1, argv + argc});
+}

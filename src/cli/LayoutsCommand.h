@@ -1,0 +1,19 @@
+#pragma once
+
+namespace zandor {
+
+class CommandLine;
+
+// `zandor-cli layouts [--json]`: every layout of the catalogue and the two screen layouts.
+class LayoutsCommand {
+public:
+    static int run(const CommandLine& options);
+};
+
+// `zandor-cli install-plugin PATH`: installs a plugin bundle as the application does.
+class InstallPluginCommand {
+public:
+    static int run(const CommandLine& options);
+};
+
+} // namespace zandor
