@@ -1,0 +1,77 @@
+#pragma once
+
+#include <QString>
+#include <QVariant>
+
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace zandor {
+
+// The preference keys, in the order in which the defaults are set.
+inline const QString PreferenceFirstRun = QStringLiteral("PreferenceFirstRun");
+inline const QString PreferenceFullscreenScreen = QStringLiteral("PreferenceFullscreenScreen");
+inline const QString PreferenceFullscreenHudEnabled = QStringLiteral("PreferenceFullscreenHudEnabled");
+inline const QString PreferenceFullscreenMaxScale = QStringLiteral("PreferenceFullscreenMaxScale");
+inline const QString PreferenceCaptureStorageFolder = QStringLiteral("PreferenceCaptureStorageFolder");
+inline const QString PreferenceCaptureLayout = QStringLiteral("PreferenceCaptureLayout");
+inline const QString PreferenceCaptureVideoFPS = QStringLiteral("PreferenceCaptureVideoFPS");
+inline const QString PreferenceCaptureVideoQuality = QStringLiteral("PreferenceCaptureVideoQuality");
+inline const QString PreferenceCaptureGameAudioInput = QStringLiteral("PreferenceCaptureGameAudioInput");
+inline const QString PreferenceCaptureNarratorAudioInput =
+    QStringLiteral("PreferenceCaptureNarratorAudioInput");
+inline const QString PreferenceCaptureImageFormat = QStringLiteral("PreferenceCaptureImageFormat");
+
+// Every user setting of the application, in one dictionary that lives for the whole run. Built-in
+// defaults are overlaid with the preferences file, and once started every change rewrites the whole
+// file. Values are bool, qint64 or QString for the known keys; keys the application does not know are
+// kept as read (any property-list type) and written back.
+//
+// Reads may come from any thread; changes come from the GUI thread.
+class PreferencesController {
+public:
+    // The application's store, made on first use with preferencesFile(). Call it first on the GUI
+    // thread: the default audio input is looked up there.
+    static PreferencesController& instance();
+
+    // Sets the defaults, then overlays `file`; nothing is written until the first change.
+    explicit PreferencesController(QString file);
+    PreferencesController(const PreferencesController&) = delete;
+    PreferencesController& operator=(const PreferencesController&) = delete;
+
+    // <application-support folder>/Zandor/preferences.plist, built anew on every call.
+    static QString preferencesFile();
+
+    // The value stored under `key`; an invalid QVariant when the key is absent.
+    QVariant preference(const QString& key) const;
+    // Stores `value` under `key`, an invalid QVariant removing the key, then rewrites the file once
+    // the store is live. A failed write is silent: the value stays in memory for the run.
+    void setPreference(const QString& key, const QVariant& value);
+
+    // Replaces the dictionary with the built-in defaults, writing nothing, and makes the store live.
+    void defaults();
+    // Overlays the file on the dictionary. True when there is no file or it was read; false when it
+    // is not a property list holding a dictionary, which leaves the dictionary as it was.
+    bool load();
+    // Writes the whole dictionary to the file atomically; false when that failed. Never creates the
+    // file's folder.
+    bool store();
+
+    const QString& file() const;
+
+private:
+    using Entries = std::vector<std::pair<QString, QVariant>>;
+
+    const QString m_file;
+    // Serialises writes of the file so that the last write holds the newest dictionary.
+    std::mutex m_storeMutex;
+    // Guards m_preferences and m_defaulted.
+    mutable std::mutex m_mutex;
+    // In insertion order, which is the order of the file.
+    Entries m_preferences;
+    // False while the defaults are set; from then on every change is written through.
+    bool m_defaulted = false;
+};
+
+} // namespace zandor
