@@ -2,6 +2,7 @@
 
 #include "DumpCommand.h"
 #include "LayoutsCommand.h"
+#include "ScreenshotCommand.h"
 #include "base/CommandLine.h"
 
 #include <cstdio>
@@ -19,6 +20,9 @@ const char* const Usage = "usage: zandor-cli COMMAND [OPTIONS]\n"
                           "  layouts [--json]             list the layouts: name, width, height, resizable,\n"
                           "                               background bytes, application or user, importance\n"
                           "  install-plugin PATH          install a layout plugin bundle for this user\n"
+                          "  screenshot [--layout NAME] [--format PNG|JPEG] [--out DIR]\n"
+                          "                               save one screenshot of the layout (a catalogue\n"
+                          "                               layout, Top, Bottom, or None for both screens)\n"
                           "  dump --frames N --out FILE   write N raw frames of the board to FILE\n"
                           "\n"
                           "options of every command:\n"
@@ -42,6 +46,7 @@ int Cli::run(const std::vector<std::string>& arguments) {
         {"dump", {{"board", "frames", "out"}, {}, false, DumpCommand::run}},
         {"layouts", {{"board"}, {"json"}, false, LayoutsCommand::run}},
         {"install-plugin", {{"board"}, {}, true, InstallPluginCommand::run}},
+        {"screenshot", {{"board", "layout", "format", "out"}, {}, false, ScreenshotCommand::run}},
     };
     auto command = commands.find(arguments[0]);
     if (command == commands.end()) {

@@ -92,7 +92,7 @@ void PreferencesController::setPreference(const QString& key, const QVariant& va
     {
         std::scoped_lock lock(m_mutex);
         assign(m_preferences, key, normalized(value));
-        live = m_defaulted;
+        live = m_defaulted && !m_readOnly;
     }
     if (live) {
         store();
@@ -123,6 +123,11 @@ void PreferencesController::defaults() {
     std::scoped_lock lock(m_mutex);
     m_preferences = std::move(entries);
     m_defaulted = true;
+}
+
+void PreferencesController::setReadOnly(bool readOnly) {
+    std::scoped_lock lock(m_mutex);
+    m_readOnly = readOnly;
 }
 
 bool PreferencesController::load() {

@@ -60,6 +60,10 @@ public:
 
     const QString& file() const;
 
+    // While read-only, changes stay in memory for the run and the file is never written: the
+    // command-line front end overrides settings for one run this way.
+    void setReadOnly(bool readOnly);
+
 private:
     using Entries = std::vector<std::pair<QString, QVariant>>;
 
@@ -72,6 +76,7 @@ private:
     Entries m_preferences;
     // False while the defaults are set; from then on every change is written through.
     bool m_defaulted = false;
+    bool m_readOnly = false;
 };
 
 } // namespace zandor

@@ -1,0 +1,49 @@
+#include "ScreenshotCommand.h"
+
+#include "CaptureSession.h"
+#include "recording/ImageRecorder.h"
+
+#include <cstdio>
+
+namespace zandor {
+
+namespace {
+
+// A board that gives no frame for this long is given up on.
+constexpr std::chrono::seconds FrameTimeout{10};
+
+} // namespace
+
+int ScreenshotCommand::run(const CommandLine& options) {
+    CaptureSession session;
+    std::string error;
+    if (!session.open(options, error)) {
+        std::fprintf(stderr, "zandor-cli screenshot: %s\n", error.c_str());
+        return 2;
+    }
+    if (!session.start()) {
+        return 1; // the device has logged why
+    }
+    auto recorder = std::make_shared<ImageRecorder>(session.layouts());
+    recorder->start();
+    const bool finished = recorder->waitUntilFinished(FrameTimeout);
+    recorder->stop();
+    session.stop();
+
+    const QStringList files = recorder->savedFiles();
+    for (const QString& file : files) {
+        std::printf("%s\n", qUtf8Printable(file));
+    }
+    if (!finished) {
+        std::fprintf(stderr, "zandor-cli screenshot: no frame came from the board for %lld seconds\n",
+                     static_cast<long long>(FrameTimeout.count()));
+        return 1;
+    }
+    if (files.size() < static_cast<qsizetype>(session.layouts().size())) {
+        std::fprintf(stderr, "zandor-cli screenshot: a screenshot could not be written\n");
+        return 1;
+    }
+    return 0;
+}
+
+} // namespace zandor

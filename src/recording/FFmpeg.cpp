@@ -1,0 +1,92 @@
+#include "FFmpeg.h"
+
+#include "base/Log.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+
+namespace zandor::ff {
+
+std::string errorText(int code) {
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(code, text, sizeof text);
+    return text;
+}
+
+bool check(int code, const char* call) {
+    if (code >= 0) {
+        return true;
+    }
+    log("%s: %s", call, errorText(code).c_str());
+    return false;
+}
+
+namespace {
+
+void logCallback(void* object, int level, const char* format, va_list arguments) {
+    if (level > AV_LOG_WARNING) {
+        return;
+    }
+    char line[1024];
+    int prefix = 1;
+    av_log_format_line2(object, level, format, arguments, line, sizeof line, &prefix);
+    std::string text(line);
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
+        text.pop_back();
+    }
+    if (!text.empty()) {
+        log("%s", text.c_str());
+    }
+}
+
+} // namespace
+
+void routeLogging() {
+    static std::once_flag once;
+    std::call_once(once, [] { av_log_set_callback(logCallback); });
+}
+
+std::string Options::unused() const {
+    const AVDictionaryEntry* entry = av_dict_get(m_dictionary, "", nullptr, AV_DICT_IGNORE_SUFFIX);
+    return entry ? entry->key : "";
+}
+
+OutputContext::~OutputContext() {
+    close();
+    avformat_free_context(m_context);
+}
+
+bool OutputContext::open(const std::string& path, const char* formatName) {
+    routeLogging();
+    if (!check(avformat_alloc_output_context2(&m_context, nullptr, formatName, path.c_str()),
+               "avformat_alloc_output_context2")) {
+        return false;
+    }
+    return check(avio_open(&m_context->pb, path.c_str(), AVIO_FLAG_WRITE), "avio_open");
+}
+
+void OutputContext::close() {
+    if (m_context && m_context->pb) {
+        avio_closep(&m_context->pb);
+    }
+}
+
+InputContext openInput(const std::string& path, std::string& error) {
+    routeLogging();
+    AVFormatContext* raw = nullptr;
+    int result = avformat_open_input(&raw, path.c_str(), nullptr, nullptr);
+    if (result < 0) {
+        error = "cannot open '" + path + "': " + errorText(result);
+        return nullptr;
+    }
+    InputContext input(raw);
+    result = avformat_find_stream_info(input.get(), nullptr);
+    if (result < 0) {
+        error = "cannot read the streams of '" + path + "': " + errorText(result);
+        return nullptr;
+    }
+    return input;
+}
+
+} // namespace zandor::ff

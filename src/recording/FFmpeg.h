@@ -1,0 +1,91 @@
+#pragma once
+
+// Small owning wrappers around FFmpeg's objects, so that each is freed in exactly one place, and
+// the helpers that turn FFmpeg's error codes into our log lines.
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/dict.h>
+#include <libswscale/swscale.h>
+}
+
+#include <memory>
+#include <string>
+
+namespace zandor::ff {
+
+// av_strerror's text for an FFmpeg error code.
+std::string errorText(int code);
+// Logs "call: error text" and returns false when `code` is negative.
+bool check(int code, const char* call);
+// Sends FFmpeg's own warnings and errors to our log, once per process.
+void routeLogging();
+
+struct CodecContextFree {
+    void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
+};
+struct FrameFree {
+    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
+};
+struct PacketFree {
+    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+};
+struct ScalerFree {
+    void operator()(SwsContext* context) const { sws_freeContext(context); }
+};
+struct InputFree {
+    void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
+};
+
+using CodecContext = std::unique_ptr<AVCodecContext, CodecContextFree>;
+using Frame = std::unique_ptr<AVFrame, FrameFree>;
+using Packet = std::unique_ptr<AVPacket, PacketFree>;
+using Scaler = std::unique_ptr<SwsContext, ScalerFree>;
+using InputContext = std::unique_ptr<AVFormatContext, InputFree>;
+
+// An AVDictionary of options, freed once; FFmpeg removes the entries it used.
+class Options {
+public:
+    Options() = default;
+    ~Options() { av_dict_free(&m_dictionary); }
+    Options(const Options&) = delete;
+    Options& operator=(const Options&) = delete;
+
+    Options& set(const char* key, const std::string& value) {
+        av_dict_set(&m_dictionary, key, value.c_str(), 0);
+        return *this;
+    }
+    AVDictionary** get() { return &m_dictionary; }
+    // The first entry FFmpeg did not use, or empty.
+    std::string unused() const;
+
+private:
+    AVDictionary* m_dictionary = nullptr;
+};
+
+// An output file being muxed: owns the format context and its I/O. close() finishes nothing by
+// itself; writeTrailer() does that.
+class OutputContext {
+public:
+    OutputContext() = default;
+    ~OutputContext();
+    OutputContext(const OutputContext&) = delete;
+    OutputContext& operator=(const OutputContext&) = delete;
+
+    // Allocates the context for `path` in the named container ("mov", "mp4", ...) and opens the
+    // file for writing. False, logged, on failure.
+    bool open(const std::string& path, const char* formatName);
+    AVFormatContext* get() const { return m_context; }
+    AVFormatContext* operator->() const { return m_context; }
+    // Closes the file; safe to call more than once.
+    void close();
+
+private:
+    AVFormatContext* m_context = nullptr;
+};
+
+// Opens an input file and reads its stream information. Null, with the reason in `error`, on failure.
+InputContext openInput(const std::string& path, std::string& error);
+
+} // namespace zandor::ff

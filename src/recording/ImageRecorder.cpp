@@ -1,0 +1,70 @@
+#include "ImageRecorder.h"
+
+#include "ScreenshotSound.h"
+#include "base/Log.h"
+#include "capture/CaptureData.h"
+#include "settings/PreferencesController.h"
+
+#include <QImageWriter>
+#include <QSaveFile>
+
+namespace zandor {
+
+QImage ImageRecorder::imageOfLayout(const CaptureLayout& layout, const CaptureData& frame) {
+    const auto width = static_cast<int>(layout.width());
+    const auto height = static_cast<int>(layout.height());
+    // The const constructor keeps a read-only reference to the bytes; no copy is made.
+    return QImage(frame.data(), width, height, width * 3, QImage::Format_RGB888);
+}
+
+bool ImageRecorder::capture(const LayoutPtr& layout, const ObserverPtr& observer) {
+    CaptureDataPtr frame = layout->observe(observer);
+    if (!frame) {
+        return false;
+    }
+    QImage image = imageOfLayout(*layout, *frame);
+    QString file = QStringLiteral("Screenshot %1").arg(stringWithCurrentDate());
+    if (layouts().size() > 1) {
+        file = QStringLiteral("Screenshot %1 %2").arg(stringWithCurrentDate(), layout->name());
+    }
+    saveImage(image, file);
+    return true;
+}
+
+bool ImageRecorder::saveImage(const QImage& image, const QString& file) {
+    PreferencesController& preferences = PreferencesController::instance();
+    const bool png = preferences.preference(PreferenceCaptureImageFormat).toString() == QLatin1String("PNG");
+    const QString folder = preferences.preference(PreferenceCaptureStorageFolder).toString();
+    const QString path = QStringLiteral("%1/%2.%3").arg(folder, file, png ? QStringLiteral("png") : QStringLiteral("jpg"));
+
+    QSaveFile out(path);
+    if (!out.open(QIODevice::WriteOnly)) {
+        log("Could not write screenshot %s: %s", qUtf8Printable(path), qUtf8Printable(out.errorString()));
+        return false;
+    }
+    QImageWriter writer(&out, png ? "png" : "jpeg");
+    if (!writer.write(image)) {
+        log("Could not write screenshot %s: %s", qUtf8Printable(path), qUtf8Printable(writer.errorString()));
+        out.cancelWriting();
+        return false;
+    }
+    if (!out.commit()) {
+        log("Could not write screenshot %s: %s", qUtf8Printable(path), qUtf8Printable(out.errorString()));
+        return false;
+    }
+    std::scoped_lock lock(m_savedMutex);
+    m_saved.append(path);
+    return true;
+}
+
+QStringList ImageRecorder::savedFiles() {
+    std::scoped_lock lock(m_savedMutex);
+    return m_saved;
+}
+
+void ImageRecorder::capturedLayouts() {
+    ScreenshotSound::play();
+    stop();
+}
+
+} // namespace zandor

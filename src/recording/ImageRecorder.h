@@ -1,0 +1,38 @@
+#pragma once
+
+#include "Recorder.h"
+
+#include <QImage>
+#include <QStringList>
+
+#include <mutex>
+
+namespace zandor {
+
+class CaptureData;
+
+// Takes one screenshot: saves the next frame of every layout on show as a PNG or JPEG file in the
+// storage folder, plays the screenshot sound once all are written, and stops itself.
+class ImageRecorder final : public Recorder {
+public:
+    using Recorder::Recorder;
+
+    // An image over the frame's bytes, without copying them: the frame must outlive it.
+    static QImage imageOfLayout(const CaptureLayout& layout, const CaptureData& frame);
+    // Writes "<storage folder>/<name>.png" (format "PNG") or ".jpg" (any other format) atomically,
+    // replacing a file of that name. Returns whether the write succeeded.
+    bool saveImage(const QImage& image, const QString& file);
+
+    // The files written so far.
+    QStringList savedFiles();
+
+protected:
+    bool capture(const LayoutPtr& layout, const ObserverPtr& observer) override;
+    void capturedLayouts() override;
+
+private:
+    std::mutex m_savedMutex;
+    QStringList m_saved;
+};
+
+} // namespace zandor

@@ -1,0 +1,82 @@
+#pragma once
+
+#include "capture/Observer.h"
+#include "layouts/CaptureLayout.h"
+
+#include <QDateTime>
+#include <QString>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace zandor {
+
+class Wakeup;
+
+// The common base of the screenshot and video recorders: subscribes to every layout on show, runs a
+// thread that hands each frame to the subclass through capture(), and calls capturedLayouts()
+// exactly once per run, when every layout is done or when listening stops. Recorders are owned by
+// std::shared_ptr (make them with std::make_shared): the thread holds one too.
+class Recorder : public std::enable_shared_from_this<Recorder> {
+public:
+    explicit Recorder(std::vector<LayoutPtr> layouts);
+    virtual ~Recorder();
+    Recorder(const Recorder&) = delete;
+    Recorder& operator=(const Recorder&) = delete;
+
+    // "dd_MM_yyyy HH_mm_ss" in local time: part of every file name the recorders make.
+    static QString stringWithCurrentDate();
+    static QString stringWithDate(const QDateTime& date);
+
+    const std::vector<LayoutPtr>& layouts() const { return m_layouts; }
+    bool isRecording() { return isListening(); }
+    bool isListening();
+    virtual bool isDone() { return !isListening(); }
+
+    // Subscribes and starts the thread, then asks every layout to start again. Returns whether
+    // the recorder listens.
+    virtual bool start();
+    // Ends listening and asks every layout to stop (a layout stops once nobody is subscribed).
+    virtual bool stop();
+
+    // Waits until the thread of the last run has ended, after capturedLayouts. False on timeout.
+    bool waitUntilFinished(std::chrono::milliseconds timeout);
+
+protected:
+    // Called on the recorder's thread when the observer holds a frame. Returns whether the
+    // subclass is finished with this layout. The base takes one frame and drops it.
+    virtual bool capture(const LayoutPtr& layout, const ObserverPtr& observer);
+    // Called once per run on the recorder's thread when the recorder is finished.
+    virtual void capturedLayouts() {}
+
+private:
+    // The subscriptions and progress of one run, owned by that run's thread.
+    struct Run {
+        std::vector<ObserverPtr> observers;
+        std::vector<uint8_t> done;
+    };
+
+    bool startListening();
+    void stopListening();
+    void listener(Run run);
+    // One pass; returns whether a frame was handed over.
+    bool update(Run& run);
+    void tryDone();
+
+    const std::vector<LayoutPtr> m_layouts;
+    const std::shared_ptr<Wakeup> m_wakeup;
+    std::atomic<bool> m_captured{false};
+
+    // Guards the flag, the current run's subscriptions and the running-thread count.
+    std::recursive_mutex m_lock;
+    std::condition_variable_any m_finished;
+    bool m_listening = false;
+    std::vector<ObserverPtr> m_observers;
+    int m_threads = 0;
+};
+
+} // namespace zandor

@@ -1,0 +1,81 @@
+#pragma once
+
+#include "FFmpeg.h"
+#include "VideoQuality.h"
+#include "layouts/CaptureLayout.h"
+
+#include <QString>
+
+#include <cstdint>
+#include <mutex>
+
+namespace zandor {
+
+class CaptureData;
+
+// Writes the frames of one layout into an H.264 QuickTime movie, each at its own capture time in
+// milliseconds, the first appended frame at time zero. The movie is fragmented, a fragment at least
+// every second, so that a crash leaves a file that plays up to its last second.
+class VideoRecord {
+public:
+    // The x264 speed preset. "veryfast" keeps every preset, the near-lossless intermediate one
+    // included, above 60 frames a second for two layouts on one core of a small machine (see
+    // bench/VideoEncodeBench.cpp) while giving clearly better pictures than "ultrafast".
+    static constexpr const char* EncoderSpeed = "veryfast";
+
+    explicit VideoRecord(LayoutPtr layout);
+    ~VideoRecord();
+    VideoRecord(const VideoRecord&) = delete;
+    VideoRecord& operator=(const VideoRecord&) = delete;
+
+    // Opens "<bundle>/Video<layout name>.mov" for writing with the preset and frame rate that the
+    // preferences hold now. True when the writer runs.
+    bool start(const QString& bundlePath);
+    // Encodes one frame of the layout (rows of red, green, blue bytes). False when not recording,
+    // when the frame's time does not come after the previous frame's (the frame is dropped), or
+    // when encoding failed.
+    bool append(const CaptureData& frame);
+    // Flushes the encoder and finishes the file. False when not recording or finishing failed.
+    bool stop();
+
+    const QString& recordPath() const { return m_recordPath; }
+    const QString& mergePath() const { return m_mergePath; }
+    const QString& convertPath() const { return m_convertPath; }
+    const LayoutPtr& layout() const { return m_layout; }
+    const QString& framesPerSecond() const { return m_framesPerSecond; }
+    const VideoQualityPtr& quality() const { return m_quality; }
+
+    // Presentation time in milliseconds, truncated toward zero.
+    static int64_t currentTime(double seconds) { return static_cast<int64_t>(seconds * 1000.0); }
+
+private:
+    bool createWriter(const VideoQuality& preset);
+    bool startWriter();
+    bool writeHeader();
+    // Sends a frame (null to flush) and writes every packet the encoder gives back.
+    bool encode(const AVFrame* frame);
+    bool stopWriter();
+
+    const LayoutPtr m_layout;
+    QString m_framesPerSecond;
+    VideoQualityPtr m_quality;
+    QString m_recordPath;
+    QString m_mergePath;
+    QString m_convertPath;
+
+    // Guards everything below: start, append and stop may come from different threads.
+    std::recursive_mutex m_lock;
+    ff::OutputContext m_output;
+    AVStream* m_stream = nullptr;
+    ff::CodecContext m_encoder;
+    ff::Scaler m_scaler;
+    ff::Frame m_frame; // the one picture every frame is converted into
+    ff::Packet m_packet;
+    bool m_recording = false;
+    bool m_headerWritten = false;
+    bool m_sessionStarted = false;
+    int64_t m_sessionStart = 0; // milliseconds of the first appended frame
+    int64_t m_lastTime = -1;    // presentation time of the last frame appended
+};
+
+} // namespace zandor

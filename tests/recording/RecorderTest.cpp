@@ -1,0 +1,196 @@
+#include "Frames.h"
+#include "GatedBoard.h"
+#include "Process.h"
+#include "UserFolders.h"
+#include "base/DetachedThread.h"
+#include "capture/CaptureDevice.h"
+#include "capture/CaptureScreen.h"
+#include "layouts/CaptureLayout.h"
+#include "recording/ImageRecorder.h"
+#include "settings/PreferencesController.h"
+
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFileInfo>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+
+#include <atomic>
+
+namespace zandor {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Counts the hooks; finished with a layout after `framesPerLayout` frames of it (0: never).
+class CountingRecorder final : public Recorder {
+public:
+    CountingRecorder(std::vector<LayoutPtr> layouts, int framesPerLayout)
+        : Recorder(std::move(layouts)), m_framesPerLayout(framesPerLayout) {}
+
+    std::atomic<int> captures{0};
+    std::atomic<int> captured{0};
+
+protected:
+    bool capture(const LayoutPtr& layout, const ObserverPtr& observer) override {
+        ++captures;
+        Recorder::capture(layout, observer);
+        return m_framesPerLayout > 0 && ++m_seen[layout->name()] >= m_framesPerLayout;
+    }
+    void capturedLayouts() override { ++captured; }
+
+private:
+    int m_framesPerLayout;
+    std::map<QString, int> m_seen; // the recorder's thread only
+};
+
+class RecorderTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        test::isolateUserFolders();
+        ASSERT_TRUE(DetachedThread::waitForAll(20s));
+        auto board = std::make_unique<test::GatedBoard>();
+        m_board = board.get();
+        m_device = CaptureDevice::create(std::move(board));
+        m_top = CaptureLayout::createWithScreen(m_device->screen(0), "Top");
+        m_bottom = CaptureLayout::createWithScreen(m_device->screen(1), "Bottom");
+        PreferencesController::instance().setReadOnly(true);
+        PreferencesController::instance().setPreference(PreferenceCaptureStorageFolder, m_folder.path());
+        PreferencesController::instance().setPreference(PreferenceCaptureImageFormat, "PNG");
+    }
+    void TearDown() override {
+        m_device->stopListening();
+        m_board->release();
+        EXPECT_TRUE(DetachedThread::waitForAll(20s));
+    }
+
+    QStringList files() const { return QDir(m_folder.path()).entryList(QDir::Files, QDir::Name); }
+
+    QTemporaryDir m_folder;
+    test::GatedBoard* m_board = nullptr;
+    std::shared_ptr<CaptureDevice> m_device;
+    LayoutPtr m_top, m_bottom;
+};
+
+TEST_F(RecorderTest, HandsOneFramePerLayoutAndFinishesOnceHoweverManyWait) {
+    auto recorder = std::make_shared<CountingRecorder>(std::vector<LayoutPtr>{m_top, m_bottom}, 1);
+    auto wakeup = std::make_shared<Wakeup>();
+    auto watch = m_top->addObserver(wakeup);
+    ASSERT_TRUE(recorder->start());
+    EXPECT_TRUE(recorder->start()) << "a second start changes nothing";
+    ASSERT_TRUE(m_device->startListening());
+    // Many more frames pass than the recorder takes.
+    ASSERT_EQ(test::takeFrames(*m_top, watch, *wakeup, 12).size(), 12u);
+    EXPECT_EQ(recorder->captures, 2);
+    EXPECT_EQ(recorder->captured, 1);
+    EXPECT_TRUE(recorder->isRecording()) << "the base does not stop by itself";
+    recorder->stop();
+    ASSERT_TRUE(recorder->waitUntilFinished(20s));
+    EXPECT_EQ(recorder->captured, 1) << "the thread's final check finds the run finished";
+    m_top->removeObserver(watch);
+    m_top->stopListening();
+}
+
+TEST_F(RecorderTest, ARecorderThatNeverFinishesIsFinishedByStop) {
+    auto recorder = std::make_shared<CountingRecorder>(std::vector<LayoutPtr>{m_top}, 0);
+    EXPECT_TRUE(recorder->stop()) << "stopping before starting is harmless";
+    ASSERT_TRUE(recorder->start());
+    ASSERT_TRUE(m_device->startListening());
+    EXPECT_FALSE(recorder->waitUntilFinished(100ms));
+    recorder->stop();
+    ASSERT_TRUE(recorder->waitUntilFinished(20s));
+    EXPECT_EQ(recorder->captured, 1);
+    EXPECT_FALSE(m_top->isListening()) << "the layout stops once its last consumer left";
+}
+
+TEST_F(RecorderTest, DateStampsAreDayMonthYearAndTime) {
+    QDateTime when(QDate(2014, 3, 5), QTime(18, 7, 9));
+    EXPECT_EQ(Recorder::stringWithDate(when), QStringLiteral("05_03_2014 18_07_09"));
+    EXPECT_TRUE(QRegularExpression("^\\d\\d_\\d\\d_\\d{4} \\d\\d_\\d\\d_\\d\\d$")
+                    .match(Recorder::stringWithCurrentDate())
+                    .hasMatch());
+}
+
+// The screenshot, decoded by ffmpeg rather than by the library that wrote it.
+std::string decodedRgb(const QString& file) {
+    auto result = test::runProcess({"/usr/bin/ffmpeg", "-v", "error", "-i", file.toStdString(), "-f", "rawvideo",
+                                    "-pix_fmt", "rgb24", "-"});
+    return result.exitCode == 0 ? result.out : std::string();
+}
+
+TEST_F(RecorderTest, AScreenshotIsTheLayoutsFrameByteForByte) {
+    auto wakeup = std::make_shared<Wakeup>();
+    auto watch = m_bottom->addObserver(wakeup);
+    auto recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_bottom});
+    recorder->start();
+    ASSERT_TRUE(m_device->startListening());
+    ASSERT_TRUE(recorder->waitUntilFinished(20s));
+    EXPECT_FALSE(recorder->isRecording()) << "a screenshot recorder stops itself";
+    auto frames = test::takeFrames(*m_bottom, watch, *wakeup, 1);
+    ASSERT_EQ(frames.size(), 1u);
+
+    ASSERT_EQ(files().size(), 1);
+    const QString name = files().first();
+    EXPECT_TRUE(QRegularExpression("^Screenshot \\d\\d_\\d\\d_\\d{4} \\d\\d_\\d\\d_\\d\\d\\.png$").match(name).hasMatch())
+        << name.toStdString();
+    EXPECT_EQ(recorder->savedFiles(), QStringList{m_folder.path() + "/" + name});
+    std::string pixels = decodedRgb(m_folder.path() + "/" + name);
+    ASSERT_EQ(pixels.size(), frames[0]->size());
+    EXPECT_EQ(std::memcmp(pixels.data(), frames[0]->data(), pixels.size()), 0);
+    m_bottom->removeObserver(watch);
+    m_bottom->stopListening();
+}
+
+TEST_F(RecorderTest, TwoLayoutsAreToldApartByNameAndOtherFormatsGiveJpeg) {
+    PreferencesController::instance().setPreference(PreferenceCaptureImageFormat, "JPEG2000");
+    auto recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_top, m_bottom});
+    recorder->start();
+    ASSERT_TRUE(m_device->startListening());
+    ASSERT_TRUE(recorder->waitUntilFinished(20s));
+    auto names = files();
+    ASSERT_EQ(names.size(), 2) << names.join(", ").toStdString();
+    std::sort(names.begin(), names.end(), [](const QString& a, const QString& b) { return a.endsWith(" Top.jpg") < b.endsWith(" Top.jpg"); });
+    EXPECT_TRUE(names[0].endsWith(" Bottom.jpg")) << names[0].toStdString();
+    EXPECT_TRUE(names[1].endsWith(" Top.jpg")) << names[1].toStdString();
+    auto probe = test::runProcess({"/usr/bin/ffprobe", "-v", "error", "-show_entries", "stream=codec_name,width",
+                                   "-of", "csv=p=0", (m_folder.path() + "/" + names[1]).toStdString()});
+    EXPECT_EQ(probe.out, "mjpeg,400\n");
+}
+
+TEST_F(RecorderTest, AScreenshotInTheSameSecondReplacesTheFirst) {
+    ASSERT_TRUE(m_device->startListening());
+    QStringList saved;
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        saved.clear();
+        for (int shot = 0; shot < 2; ++shot) {
+            auto recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_top});
+            recorder->start();
+            ASSERT_TRUE(recorder->waitUntilFinished(20s));
+            saved += recorder->savedFiles();
+        }
+        if (saved.size() == 2 && saved[0] == saved[1]) {
+            break; // both in one second, as wanted
+        }
+        for (const QString& file : files()) {
+            QFile::remove(m_folder.path() + "/" + file);
+        }
+    }
+    ASSERT_EQ(saved.size(), 2);
+    ASSERT_EQ(saved[0], saved[1]) << "three tries all crossed a second boundary";
+    EXPECT_EQ(files().size(), 1);
+    EXPECT_TRUE(QDir(m_folder.path()).entryList(QDir::Hidden | QDir::Files).size() == 1) << "no temporary file left";
+}
+
+TEST_F(RecorderTest, AnUnwritableFolderStillFinishesTheScreenshot) {
+    PreferencesController::instance().setPreference(PreferenceCaptureStorageFolder, m_folder.path() + "/missing");
+    auto recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_top});
+    recorder->start();
+    ASSERT_TRUE(m_device->startListening());
+    ASSERT_TRUE(recorder->waitUntilFinished(20s));
+    EXPECT_TRUE(recorder->savedFiles().isEmpty());
+    EXPECT_FALSE(recorder->isRecording());
+}
+
+} // namespace
+} // namespace zandor

@@ -1,0 +1,209 @@
+#include "GatedBoard.h"
+#include "PluginBundles.h"
+#include "Process.h"
+#include "UserFolders.h"
+#include "base/Log.h"
+#include "capture/CaptureData.h"
+#include "capture/CaptureDevice.h"
+#include "layouts/CaptureLayout.h"
+#include "recording/VideoQuality.h"
+#include "recording/VideoRecord.h"
+#include "settings/PreferencesController.h"
+
+#include <gtest/gtest.h>
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTemporaryDir>
+
+#include <csignal>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace zandor {
+namespace {
+
+TEST(VideoQuality, PresetsByNameFallBackToMedium) {
+    const auto& presets = VideoQuality::videoQualities();
+    ASSERT_EQ(presets.size(), 7);
+    EXPECT_EQ(&VideoQuality::videoQualities(), &presets);
+    EXPECT_EQ(presets[0]->name(), "Highest");
+    EXPECT_EQ(presets[0]->bitsPerSecond(), 9216000u);
+    EXPECT_EQ(presets[0]->maxKeyInterval(), 30u);
+    EXPECT_EQ(presets[6]->name(), "Lowest");
+    EXPECT_EQ(presets[6]->maxKeyInterval(), 480u);
+    for (const char* name : {"Medium", "medium", "", "Recording", "Ultra"}) {
+        EXPECT_EQ(VideoQuality::qualityNamed(name), presets[3]) << name;
+    }
+    EXPECT_EQ(VideoQuality::qualityNamed("High"), presets[2]);
+    auto recording = VideoQuality::recordingQuality();
+    EXPECT_EQ(recording->bitsPerSecond(), 102400000u);
+    EXPECT_EQ(recording->maxKeyInterval(), 1u);
+    EXPECT_NE(recording, VideoQuality::recordingQuality());
+    EXPECT_EQ(VideoRecord::currentTime(12.3456), 12345);
+}
+
+struct ProbedFrame {
+    int64_t ptsMs;
+    bool key;
+};
+
+struct Probe {
+    QString codec;
+    int width = 0, height = 0;
+    std::vector<ProbedFrame> frames;
+};
+
+Probe probe(const QString& file) {
+    auto result = test::runProcess({"/usr/bin/ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries",
+                                    "stream=codec_name,width,height:frame=pts_time,key_frame", "-of", "json",
+                                    file.toStdString()});
+    Probe probed;
+    auto json = QJsonDocument::fromJson(QByteArray::fromStdString(result.out)).object();
+    auto stream = json["streams"].toArray().first().toObject();
+    probed.codec = stream["codec_name"].toString();
+    probed.width = stream["width"].toInt();
+    probed.height = stream["height"].toInt();
+    for (const auto& frame : json["frames"].toArray()) {
+        auto f = frame.toObject();
+        probed.frames.push_back({std::llround(f["pts_time"].toString().toDouble() * 1000), f["key_frame"].toInt() == 1});
+    }
+    std::sort(probed.frames.begin(), probed.frames.end(),
+              [](const ProbedFrame& a, const ProbedFrame& b) { return a.ptsMs < b.ptsMs; });
+    return probed;
+}
+
+class VideoRecordTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        test::isolateUserFolders();
+        PreferencesController::instance().setReadOnly(true);
+        setSettings("Original", "Medium");
+    }
+
+    static void setSettings(const char* fps, const char* quality) {
+        PreferencesController::instance().setPreference(PreferenceCaptureVideoFPS, fps);
+        PreferencesController::instance().setPreference(PreferenceCaptureVideoQuality, quality);
+    }
+
+    LayoutPtr layout(int width, int height) {
+        auto bundle = test::writeBundle(m_folder.path(), QStringLiteral("L%1.zdplugin").arg(width),
+                                        test::layoutDescriptor(QStringLiteral("Size %1").arg(width), 1, width, height));
+        auto plugin = std::make_shared<LayoutPlugin>(bundle, false);
+        EXPECT_TRUE(plugin->parse());
+        return CaptureLayout::createWithPlugin(plugin, m_device);
+    }
+
+    // A frame of the layout's size whose picture moves with `n`.
+    static CaptureDataPtr frame(const CaptureLayout& layout, int n, double seconds) {
+        auto data = CaptureData::create(layout.size());
+        for (uint64_t i = 0; i < layout.size(); ++i) {
+            data->data()[i] = static_cast<uint8_t>((i / 3 + static_cast<uint64_t>(n) * 7) % 256);
+        }
+        data->setTimestamp(seconds);
+        return data;
+    }
+
+    QTemporaryDir m_folder;
+    std::shared_ptr<CaptureDevice> m_device = CaptureDevice::create(std::make_unique<test::GatedBoard>());
+};
+
+TEST_F(VideoRecordTest, WritesEveryIncreasingFrameAtItsMillisecond) {
+    setSettings("Original", "High");
+    auto side = layout(720, 240);
+    VideoRecord record(side);
+    ASSERT_TRUE(record.start(m_folder.path()));
+    EXPECT_FALSE(record.start(m_folder.path())) << "already recording";
+    EXPECT_EQ(record.recordPath(), m_folder.path() + "/VideoSize 720.mov");
+    EXPECT_EQ(record.mergePath(), m_folder.path() + "/MergedSize 720.mp4");
+    EXPECT_EQ(record.convertPath(), m_folder.path() + "/ConvertedSize 720.mp4");
+
+    // Capture times from 12.3456 s: the first becomes zero, one repeats and one goes back.
+    std::vector<double> times;
+    for (int n = 0; n < 150; ++n) {
+        times.push_back(12.3456 + n / 60.0);
+    }
+    times.insert(times.begin() + 40, times[39]);
+    times.insert(times.begin() + 90, times[80]);
+    int appended = 0;
+    for (size_t n = 0; n < times.size(); ++n) {
+        appended += record.append(*frame(*side, static_cast<int>(n), times[n])) ? 1 : 0;
+    }
+    EXPECT_EQ(appended, 150);
+    ASSERT_TRUE(record.stop());
+    EXPECT_FALSE(record.stop());
+    EXPECT_FALSE(record.append(*frame(*side, 0, 99.0)));
+
+    auto probed = probe(record.recordPath());
+    EXPECT_EQ(probed.codec, "h264");
+    EXPECT_EQ(probed.width, 720);
+    EXPECT_EQ(probed.height, 240);
+    ASSERT_EQ(probed.frames.size(), 150u);
+    for (int n = 0; n < 150; ++n) {
+        EXPECT_EQ(probed.frames[static_cast<size_t>(n)].ptsMs,
+                  VideoRecord::currentTime(12.3456 + n / 60.0) - VideoRecord::currentTime(12.3456))
+            << "frame " << n;
+    }
+    // "High" allows at most 60 frames between key frames.
+    int sinceKey = 0;
+    for (const auto& f : probed.frames) {
+        sinceKey = f.key ? 0 : sinceKey + 1;
+        EXPECT_LT(sinceKey, 60);
+    }
+}
+
+TEST_F(VideoRecordTest, AChosenFrameRateRecordsEveryFrameAsAKeyFrame) {
+    setSettings("30", "Low");
+    auto tall = layout(400, 480);
+    VideoRecord record(tall);
+    ASSERT_TRUE(record.start(m_folder.path()));
+    EXPECT_EQ(record.quality()->name(), "Low");
+    EXPECT_EQ(record.framesPerSecond(), "30");
+    for (int n = 0; n < 20; ++n) {
+        ASSERT_TRUE(record.append(*frame(*tall, n, n / 60.0)));
+    }
+    ASSERT_TRUE(record.stop());
+    auto probed = probe(record.recordPath());
+    EXPECT_EQ(probed.width, 400);
+    EXPECT_EQ(probed.height, 480);
+    ASSERT_EQ(probed.frames.size(), 20u);
+    EXPECT_TRUE(std::all_of(probed.frames.begin(), probed.frames.end(), [](const ProbedFrame& f) { return f.key; }));
+}
+
+TEST_F(VideoRecordTest, AnUnwritableBundleFailsToStart) {
+    LogCapture log;
+    VideoRecord record(layout(400, 480));
+    EXPECT_FALSE(record.start(m_folder.path() + "/missing"));
+    EXPECT_FALSE(record.append(*frame(*record.layout(), 0, 1.0)));
+    EXPECT_FALSE(record.stop());
+    EXPECT_EQ(log.countPrefix("avio_open: "), 1u);
+}
+
+TEST_F(VideoRecordTest, AKilledRecordingLeavesAPlayableMovie) {
+    auto tall = layout(400, 480);
+    const QString path = m_folder.path() + "/VideoSize 400.mov";
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        // Three seconds of frames, then killed before the movie is finished.
+        VideoRecord record(tall);
+        if (record.start(m_folder.path())) {
+            for (int n = 0; n < 180; ++n) {
+                record.append(*frame(*tall, n, n / 60.0));
+            }
+        }
+        raise(SIGKILL);
+        _exit(1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    auto probed = probe(path);
+    EXPECT_EQ(probed.codec, "h264");
+    EXPECT_GE(probed.frames.size(), 60u) << "at least the first finished second";
+    EXPECT_LE(probed.frames.size(), 180u);
+}
+
+} // namespace
+} // namespace zandor

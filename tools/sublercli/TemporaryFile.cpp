@@ -1,0 +1,79 @@
+#include "TemporaryFile.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace zandor {
+
+namespace {
+
+std::string reason(const std::string& what, const std::string& path) {
+    return what + " '" + path + "': " + std::strerror(errno);
+}
+
+std::string folderOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos) {
+        return ".";
+    }
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+} // namespace
+
+TemporaryFile::~TemporaryFile() {
+    if (m_fd >= 0) {
+        ::close(m_fd);
+    }
+    if (!m_path.empty() && !m_committed) {
+        ::unlink(m_path.c_str());
+    }
+}
+
+bool TemporaryFile::create(std::string& error) {
+    std::string pattern = m_target + ".part-XXXXXX";
+    m_fd = mkstemp(pattern.data());
+    if (m_fd < 0) {
+        error = reason("cannot write beside", m_target);
+        return false;
+    }
+    m_path = pattern;
+    // mkstemp makes the file private; the result should look like any other file the user makes,
+    // or keep the permissions the target had.
+    struct stat info {};
+    mode_t mode = 0;
+    if (::stat(m_target.c_str(), &info) == 0) {
+        mode = info.st_mode & 07777;
+    } else {
+        const mode_t mask = ::umask(0);
+        ::umask(mask);
+        mode = 0666 & ~mask;
+    }
+    ::fchmod(m_fd, mode);
+    return true;
+}
+
+bool TemporaryFile::commit(std::string& error) {
+    // The muxer wrote through its own descriptor, now closed; ours refers to the same file.
+    if (::fsync(m_fd) != 0) {
+        error = reason("cannot write", m_path);
+        return false;
+    }
+    if (::rename(m_path.c_str(), m_target.c_str()) != 0) {
+        error = reason("cannot replace", m_target);
+        return false;
+    }
+    m_committed = true;
+    const int folder = ::open(folderOf(m_target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folder >= 0) {
+        ::fsync(folder);
+        ::close(folder);
+    }
+    return true;
+}
+
+} // namespace zandor
