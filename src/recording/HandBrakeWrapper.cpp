@@ -11,12 +11,12 @@ HandBrakeWrapper& HandBrakeWrapper::instance() {
 
 bool HandBrakeWrapper::convert(const QString& source, const QString& destination, const QString& bitRate,
                                const QString& framesPerSecond) {
-    return ShellCommand::runSucceeded(QStringLiteral("HandBrakeCLI"),
-                                      {QStringLiteral("--input"), source, QStringLiteral("--output"), destination,
-                                       QStringLiteral("--encoder"), QStringLiteral("x264"), QStringLiteral("--format"),
-                                       QStringLiteral("mp4"), QStringLiteral("--rate"), framesPerSecond,
-                                       QStringLiteral("--vb"), bitRate, QStringLiteral("--aencoder"),
-                                       QStringLiteral("copy:aac"), QStringLiteral("--optimize")});
+    return ShellCommand::runSucceeded(
+        QStringLiteral("HandBrakeCLI"),
+        {QStringLiteral("--input"), source, QStringLiteral("--output"), destination,
+         QStringLiteral("--encoder"), QStringLiteral("x264"), QStringLiteral("--format"),
+         QStringLiteral("mp4"), QStringLiteral("--rate"), framesPerSecond, QStringLiteral("--vb"), bitRate,
+         QStringLiteral("--aencoder"), QStringLiteral("copy:aac"), QStringLiteral("--optimize")});
 }
 
 } // namespace zandor

@@ -37,7 +37,8 @@ QVariantMap result(const QString& output, int status) {
 }
 
 QVariantMap notStarted(const QString& path, int error) {
-    return result(QStringLiteral("cannot start %1: %2").arg(path, QString::fromLocal8Bit(std::strerror(error))), -1);
+    return result(
+        QStringLiteral("cannot start %1: %2").arg(path, QString::fromLocal8Bit(std::strerror(error))), -1);
 }
 
 // posix_spawn's file actions and attributes, destroyed in one place.
@@ -116,7 +117,8 @@ QVariantMap ShellCommand::runCommand(const QString& tool, const QStringList& arg
         posix_spawnattr_setsigmask(&setup.attributes, &none);
         posix_spawnattr_setsigdefault(&setup.attributes, &all);
         posix_spawnattr_setflags(&setup.attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-        spawned = posix_spawn(&pid, program.constData(), &setup.actions, &setup.attributes, argv.data(), environ);
+        spawned =
+            posix_spawn(&pid, program.constData(), &setup.actions, &setup.attributes, argv.data(), environ);
     }
     ::close(writeEnd);
     if (spawned != 0) {

@@ -10,8 +10,8 @@ SublerWrapper& SublerWrapper::instance() {
 }
 
 bool SublerWrapper::appendSource(const QString& source, const QString& destination) {
-    return ShellCommand::runSucceeded(QStringLiteral("SublerCLI"),
-                                      {QStringLiteral("-source"), source, QStringLiteral("-dest"), destination});
+    return ShellCommand::runSucceeded(QStringLiteral("SublerCLI"), {QStringLiteral("-source"), source,
+                                                                    QStringLiteral("-dest"), destination});
 }
 
 } // namespace zandor

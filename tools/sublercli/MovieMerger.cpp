@@ -34,7 +34,8 @@ void copyMetadata(const AVDictionary* from, AVDictionary** to) {
 }
 
 // The packet to write first of two pending ones: the earlier in decoding order.
-bool writesBefore(const AVPacket* packet, const AVStream* stream, const AVPacket* other, const AVStream* otherStream) {
+bool writesBefore(const AVPacket* packet, const AVStream* stream, const AVPacket* other,
+                  const AVStream* otherStream) {
     if (packet->dts == AV_NOPTS_VALUE || other->dts == AV_NOPTS_VALUE) {
         return packet->dts == AV_NOPTS_VALUE;
     }
@@ -109,16 +110,17 @@ bool MovieMerger::merge(const std::string& source, const std::string& destinatio
             if (!pending[i]) {
                 continue;
             }
-            if (chosen < 0 || !writesBefore(pending[chosen].get(), output->streams[pending[chosen]->stream_index],
-                                            pending[i].get(), output->streams[pending[i]->stream_index])) {
+            if (chosen < 0 ||
+                !writesBefore(pending[chosen].get(), output->streams[pending[chosen]->stream_index],
+                              pending[i].get(), output->streams[pending[i]->stream_index])) {
                 chosen = i;
             }
         }
         if (chosen < 0) {
             break;
         }
-        if (!succeeded(av_interleaved_write_frame(output.get(), pending[chosen].get()), "av_interleaved_write_frame",
-                       error)) {
+        if (!succeeded(av_interleaved_write_frame(output.get(), pending[chosen].get()),
+                       "av_interleaved_write_frame", error)) {
             return false;
         }
         if (sources[chosen] == &added) {

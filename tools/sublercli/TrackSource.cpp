@@ -47,7 +47,8 @@ std::optional<int64_t> parseSeconds(const char* text) {
 // The tag the output should use for a copied stream: the input's when the output format knows
 // it for the same codec, otherwise none, so the muxer chooses.
 uint32_t outputCodecTag(const AVOutputFormat* format, const AVCodecParameters* parameters) {
-    if (!format->codec_tag || av_codec_get_id(format->codec_tag, parameters->codec_tag) == parameters->codec_id) {
+    if (!format->codec_tag ||
+        av_codec_get_id(format->codec_tag, parameters->codec_tag) == parameters->codec_id) {
         return parameters->codec_tag;
     }
     return 0;
@@ -184,7 +185,8 @@ int TrackSource::next(ff::Packet& packet, std::string& error) {
     packet = std::move(m_ready.front());
     m_ready.pop_front();
     const Track* track = trackOf(packet->stream_index);
-    av_packet_rescale_ts(packet.get(), m_input->streams[packet->stream_index]->time_base, track->output->time_base);
+    av_packet_rescale_ts(packet.get(), m_input->streams[packet->stream_index]->time_base,
+                         track->output->time_base);
     packet->stream_index = track->output->index;
     packet->pos = -1;
     return 1;

@@ -30,7 +30,9 @@ public:
 
     // Moves every packet by `offsetNs` nanoseconds. With a negative offset, whatever then lies
     // before time zero is left out, except what the first picture or sample at time zero needs
-    // to be decoded.
+    // to be decoded. With a positive offset nothing is left out: an audio encoder's priming
+    // frame, which the muxer otherwise hides, then plays just before the offset, so the real
+    // samples still start exactly at it.
     void setOffset(int64_t offsetNs) { m_offsetNs = offsetNs; }
     // Adds an output stream for every audio, video and subtitle track whose codec `output` can
     // store. Returns how many were added.
