@@ -20,7 +20,7 @@ void openSyslogOnce() {
 
 } // namespace
 
-void receive(const std::string& line) {
+void receive(const std::string& line, bool toStandardError) {
     std::scoped_lock lock(g_sinkMutex);
     if (g_capture) {
         g_capture->append(line);
@@ -28,17 +28,18 @@ void receive(const std::string& line) {
     }
     openSyslogOnce();
     syslog(LOG_NOTICE, "%s", line.c_str());
-    std::fprintf(stderr, "%s\n", line.c_str());
+    if (toStandardError) {
+        std::fprintf(stderr, "%s\n", line.c_str());
+    }
 }
 
-void log(const char* format, ...) {
+namespace {
+
+std::string formatLine(const char* format, va_list args) {
     char small[512];
-    va_list args;
-    va_start(args, format);
     va_list again;
     va_copy(again, args);
     int length = std::vsnprintf(small, sizeof small, format, args);
-    va_end(args);
     std::string line;
     if (length < 0) {
         line = format;
@@ -49,7 +50,25 @@ void log(const char* format, ...) {
         std::vsnprintf(line.data(), line.size() + 1, format, again);
     }
     va_end(again);
-    receive(line);
+    return line;
+}
+
+} // namespace
+
+void log(const char* text, ...) {
+    va_list args;
+    va_start(args, text);
+    std::string line = formatLine(text, args);
+    va_end(args);
+    receive(line, true);
+}
+
+void logQuietly(const char* text, ...) {
+    va_list args;
+    va_start(args, text);
+    std::string line = formatLine(text, args);
+    va_end(args);
+    receive(line, false);
 }
 
 LogCapture::LogCapture() {

@@ -11,6 +11,8 @@ namespace zandor {
 // Writes one line to the system log (identity "zandor") and to standard error. The format is
 // printf's; the line carries no level or tag of our own.
 void log(const char* format, ...) __attribute__((format(printf, 1, 2)));
+// The same, to the system log only: for libraries' chatter that would clutter a terminal.
+void logQuietly(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // While an instance lives, log lines go to it instead of syslog and standard error, so tests can
 // read them back. Instances nest; the newest one receives the lines.
@@ -31,7 +33,7 @@ public:
     bool waitFor(const std::string& line, std::chrono::milliseconds timeout);
 
 private:
-    friend void receive(const std::string& line);
+    friend void receive(const std::string& line, bool toStandardError);
     void append(const std::string& line);
 
     mutable std::mutex m_mutex;

@@ -113,6 +113,7 @@ void CaptureScreen::cut(const uint8_t* area, uint8_t* rows, uint64_t width, uint
     auto pixel = [&](uint64_t x, uint64_t y) {
         std::memcpy(rows + 3 * (y * width + x), area + 3 * (x * height + (height - 1 - y)), 3);
     };
+    // The fast path below builds its words in little-endian byte order.
     if constexpr (std::endian::native != std::endian::little) {
         for (uint64_t y = 0; y < height; ++y) {
             for (uint64_t x = 0; x < width; ++x) {
@@ -127,16 +128,16 @@ void CaptureScreen::cut(const uint8_t* area, uint8_t* rows, uint64_t width, uint
     // by side in a row. A store's last two bytes spill onto the next pixel of its row, which a later
     // store writes; a load's last two bytes are the next pixel of the area. Both stay inside their
     // buffer as long as a column follows the pair, so the last column or two, and the rows of a
-    // height that is not a multiple of four, are copied pixel by pixel at the end. This is several
-    // times faster than a copy per pixel, and moving row by row through the area keeps every
-    // column's current cache line in use for a few passes.
+    // height that is not a multiple of four, are copied pixel by pixel at the end. Going through the
+    // area four pixels deep across all columns keeps each column's current cache line in use for
+    // several passes.
     auto load = [](const uint8_t* p) {
         uint64_t word;
         std::memcpy(&word, p, sizeof word);
         return word;
     };
     auto store = [](uint8_t* p, uint64_t word) { std::memcpy(p, &word, sizeof word); };
-    constexpr uint64_t First = 0xFFFFFF;    // the first pixel of a word
+    constexpr uint64_t First = 0xFFFFFF;     // the first pixel of a word
     constexpr uint64_t Second = First << 24; // the second one
     const uint64_t pairedWidth = width > 2 ? (width - 1) & ~uint64_t{1} : 0;
     const uint64_t blockHeight = height & ~uint64_t{3};
