@@ -6,6 +6,7 @@
 #include "capture/CaptureDevice.h"
 #include "capture/CaptureScreen.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace zandor {
@@ -78,9 +79,10 @@ void CaptureLayout::initialize() {
         const QString resource = object.value(ObjectResource).toString();
         QImage image(m_plugin->resourcePath(resource));
         if (!image.isNull()) {
-            m_resources.insert(resource, image.convertToFormat(QImage::Format_RGBA8888));
+            m_resources.insert(resource, BlendImage(image));
         }
     }
+    findStaticSpans();
     // Not listening yet: this paints the images only.
     drawCanvas(m_plugin->objects());
 }
@@ -155,19 +157,12 @@ bool CaptureLayout::update(const Subscriptions& subscriptions) {
         if (!m_top->observable(subscriptions[0]) || !m_bottom->observable(subscriptions[1])) {
             return false;
         }
-        std::scoped_lock draw(m_drawMutex);
-        m_topData = m_top->observe(subscriptions[0]);
-        m_bottomData = m_bottom->observe(subscriptions[1]);
-        if (!m_topData || !m_bottomData) {
+        auto top = m_top->observe(subscriptions[0]);
+        auto bottom = m_bottom->observe(subscriptions[1]);
+        if (!top || !bottom) {
             return false;
         }
-        drawCanvas(m_plugin->objects());
-        result = CaptureData::create(size());
-        result->setTimestamp(m_topData->timestamp());
-        std::memcpy(result->data(), m_canvas.get(), size());
-        // Drawn into the canvas; holding the screen frames longer would only keep them alive.
-        m_topData.reset();
-        m_bottomData.reset();
+        result = composite(std::move(top), std::move(bottom));
     }
     if (!result) {
         return false;
@@ -179,8 +174,35 @@ bool CaptureLayout::update(const Subscriptions& subscriptions) {
     return true;
 }
 
-void CaptureLayout::drawCanvas(const QList<QVariantMap>& objects) {
-    const bool listening = isListening();
+CaptureDataPtr CaptureLayout::composite(CaptureDataPtr top, CaptureDataPtr bottom) {
+    std::scoped_lock draw(m_drawMutex);
+    m_topData = std::move(top);
+    m_bottomData = std::move(bottom);
+    auto result = CaptureData::create(size());
+    result->setTimestamp(m_topData->timestamp());
+    if (m_direct && !m_firstDraw) {
+        for (const auto& [offset, length] : m_staticSpans) {
+            std::memcpy(result->data() + offset, m_canvas.get() + offset, length);
+        }
+        const auto& objects = m_plugin->objects();
+        for (auto i = static_cast<qsizetype>(m_objectStart); i < objects.size(); ++i) {
+            const bool isTop = objects[i].value(ObjectType).toString() == ScreenTop;
+            copyScreen(result->data(), (isTop ? m_topData : m_bottomData)->data(),
+                       {static_cast<double>(objects[i].value(ObjectX).toLongLong()),
+                        static_cast<double>(objects[i].value(ObjectY).toLongLong()),
+                        static_cast<double>(isTop ? TopWidth : BottomWidth), ScreenHeight});
+        }
+    } else {
+        drawCanvas(m_plugin->objects(), true);
+        std::memcpy(result->data(), m_canvas.get(), size());
+    }
+    // Drawn into the canvas; holding the screen frames longer would only keep them alive.
+    m_topData.reset();
+    m_bottomData.reset();
+    return result;
+}
+
+void CaptureLayout::drawCanvas(const QList<QVariantMap>& objects, bool drawScreens) {
     uint64_t start = m_objectStart;
     if (m_firstDraw) {
         m_objectStart = static_cast<uint64_t>(objects.size());
@@ -200,11 +222,11 @@ void CaptureLayout::drawCanvas(const QList<QVariantMap>& objects) {
             if (image != m_resources.constEnd()) {
                 drawImage(*image, x, y);
             }
-        } else if (type == ScreenTop && listening) {
+        } else if (type == ScreenTop && drawScreens) {
             source = m_topData.get();
             rect = {static_cast<double>(x), static_cast<double>(y), TopWidth, ScreenHeight};
             setCanvasObjectStart(i);
-        } else if (type == ScreenBottom && listening) {
+        } else if (type == ScreenBottom && drawScreens) {
             source = m_bottomData.get();
             rect = {static_cast<double>(x), static_cast<double>(y), BottomWidth, ScreenHeight};
             setCanvasObjectStart(i);
@@ -237,23 +259,62 @@ void CaptureLayout::drawBackground() {
     }
 }
 
-void CaptureLayout::drawImage(const QImage& image, uint64_t x, uint64_t y) {
-    const auto w = static_cast<uint64_t>(image.width());
-    const auto h = static_cast<uint64_t>(image.height());
-    if (w == 0 || h == 0) {
-        return;
-    }
-    const uint64_t bytesPerPixel = static_cast<uint64_t>(image.bytesPerLine()) / w;
-    const uint8_t* data = image.constBits();
-    for (uint64_t r = 0; r < h; ++r) {
-        for (uint64_t c = 0; c < w; ++c) {
-            const uint8_t* pixel = data + bytesPerPixel * (r * w + c);
-            drawCanvasPixelColor(pixel, pixel[3] / 255.0, x + c, y + r);
-        }
-    }
+void CaptureLayout::drawImage(const BlendImage& image, uint64_t x, uint64_t y) {
+    // Pixel for pixel the blend of drawCanvasPixelColor, clipped the same way, in runs.
+    image.draw(m_canvas.get(), m_width, m_height, x, y);
 }
 
-void CaptureLayout::drawCanvasSource(const uint8_t* source, Rect rect) {
+void CaptureLayout::findStaticSpans() {
+    const auto& objects = m_plugin->objects();
+    auto isScreen = [](const QVariantMap& object) {
+        const QString type = object.value(ObjectType).toString();
+        return type == ScreenTop || type == ScreenBottom;
+    };
+    auto first = std::find_if(objects.begin(), objects.end(), isScreen);
+    if (first == objects.end()) {
+        return;
+    }
+    // Per canvas row, which columns the screens cover.
+    std::vector<std::vector<std::pair<uint64_t, uint64_t>>> covered(m_height);
+    for (auto object = first; object != objects.end(); ++object) {
+        if (!isScreen(*object)) {
+            return;
+        }
+        const qint64 x = object->value(ObjectX).toLongLong(), y = object->value(ObjectY).toLongLong();
+        const qint64 w = object->value(ObjectType).toString() == ScreenTop ? TopWidth : BottomWidth;
+        if (x < 0 || y < 0 || x + w > static_cast<qint64>(m_width) || y + ScreenHeight > m_height) {
+            return;
+        }
+        for (auto row = static_cast<uint64_t>(y); row < static_cast<uint64_t>(y) + ScreenHeight; ++row) {
+            covered[row].push_back({static_cast<uint64_t>(x), static_cast<uint64_t>(x + w)});
+        }
+    }
+    for (uint64_t row = 0; row < m_height; ++row) {
+        auto& spans = covered[row];
+        std::sort(spans.begin(), spans.end());
+        uint64_t column = 0;
+        auto keep = [&](uint64_t from, uint64_t to) {
+            const uint64_t offset = (row * m_width + from) * 3, length = (to - from) * 3;
+            if (!m_staticSpans.empty() && m_staticSpans.back().first + m_staticSpans.back().second == offset) {
+                m_staticSpans.back().second += length; // joins whole rows into one copy
+            } else {
+                m_staticSpans.push_back({offset, length});
+            }
+        };
+        for (const auto& [from, to] : spans) {
+            if (from > column) {
+                keep(column, from);
+            }
+            column = std::max(column, to);
+        }
+        if (column < m_width) {
+            keep(column, m_width);
+        }
+    }
+    m_direct = true;
+}
+
+void CaptureLayout::copyScreen(uint8_t* target, const uint8_t* source, Rect rect) const {
     const auto rowBytes = static_cast<uint64_t>(rect.width * 3);
     const uint64_t canvasBytes = size();
     const double start = (static_cast<double>(m_width) * rect.y + rect.x) * 3;
@@ -265,7 +326,7 @@ void CaptureLayout::drawCanvasSource(const uint8_t* source, Rect rect) {
     // as the layout's author placed it. Only the end of the canvas block is a hard limit.
     for (uint64_t r = 0; r < static_cast<uint64_t>(rect.height) && destination < canvasBytes; ++r) {
         const uint64_t bytes = std::min(rowBytes, canvasBytes - destination);
-        std::memcpy(m_canvas.get() + destination, source + static_cast<uint64_t>(rect.width * r * 3), bytes);
+        std::memcpy(target + destination, source + static_cast<uint64_t>(rect.width * r * 3), bytes);
         destination += m_width * 3;
     }
 }
@@ -286,7 +347,7 @@ void CaptureLayout::drawCanvasPixelColor(const uint8_t* color, double alpha, uin
         return;
     }
     for (int k = 0; k < 3; ++k) {
-        pixel[k] = static_cast<uint8_t>(alpha * color[k] + (1.0 - alpha) * pixel[k]);
+        pixel[k] = BlendImage::blend(color[k], alpha, pixel[k]);
     }
 }
 

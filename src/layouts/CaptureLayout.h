@@ -1,10 +1,10 @@
 #pragma once
 
+#include "BlendImage.h"
 #include "LayoutPlugin.h"
 #include "capture/Observable.h"
 
 #include <QHash>
-#include <QImage>
 #include <QString>
 
 #include <array>
@@ -57,11 +57,17 @@ public:
     void stopListening();
     bool isListening();
 
-    // Drawing, on the layout's own thread (and once at construction).
+    // The work of one frame of a plugin layout: draws the pair of screen frames onto the canvas
+    // and returns a copy of it stamped with the top frame's time. Runs on the layout's thread;
+    // benchmarks call it directly.
+    CaptureDataPtr composite(CaptureDataPtr top, CaptureDataPtr bottom);
+
+    // Drawing, on the layout's own thread (and once at construction). Screens are drawn only
+    // while the layout listens.
     void drawBackground();
-    void drawCanvas(const QList<QVariantMap>& objects);
-    void drawImage(const QImage& image, uint64_t x, uint64_t y);
-    void drawCanvasSource(const uint8_t* source, Rect rect);
+    void drawCanvas(const QList<QVariantMap>& objects) { drawCanvas(objects, isListening()); }
+    void drawImage(const BlendImage& image, uint64_t x, uint64_t y);
+    void drawCanvasSource(const uint8_t* source, Rect rect) { copyScreen(m_canvas.get(), source, rect); }
     void drawCanvasPixelColor(const uint8_t* color, double alpha, uint64_t x, uint64_t y);
     void setCanvasObjectStart(uint64_t index);
 
@@ -74,6 +80,11 @@ private:
 
     CaptureLayout(int type, QString name);
     void initialize();
+    void drawCanvas(const QList<QVariantMap>& objects, bool drawScreens);
+    // Copies a screen's rows into a canvas-sized block at the rectangle's place.
+    void copyScreen(uint8_t* target, const uint8_t* source, Rect rect) const;
+    // Prepares compositing straight into the published frame (see m_staticSpans).
+    void findStaticSpans();
     void listener(const Subscriptions& subscriptions);
     // One pass; returns whether a frame was taken.
     bool update(const Subscriptions& subscriptions);
@@ -89,7 +100,7 @@ private:
     bool m_resizable = false;
     std::optional<Color> m_background;
     bool m_fromUser = false;
-    QHash<QString, QImage> m_resources;
+    QHash<QString, BlendImage> m_resources;
     const std::shared_ptr<Wakeup> m_wakeup;
 
     // Guarded by the Observable lock: the flag and the subscriptions of the current run.
@@ -105,6 +116,13 @@ private:
     CaptureDataPtr m_bottomData;
     bool m_firstDraw = true;
     uint64_t m_objectStart = 0;
+
+    // When every object from the first screen on is a screen lying inside the canvas, the canvas
+    // outside those screens never changes after the first drawing. A frame is then made by copying
+    // just these spans (byte offset, length) of the canvas and the screens straight into the frame,
+    // which halves the bytes copied. Empty when the layout does not qualify.
+    std::vector<std::pair<uint64_t, uint64_t>> m_staticSpans;
+    bool m_direct = false;
 };
 
 using LayoutPtr = std::shared_ptr<CaptureLayout>;

@@ -151,32 +151,20 @@ protected:
         return plugin;
     }
 
+    void expectLikeTheReference(const QByteArray& descriptor, const QMap<QString, QImage>& images);
+
     QTemporaryDir m_folder;
     int m_count = 0;
     test::GatedBoard* m_board = nullptr;
     std::shared_ptr<CaptureDevice> m_device;
 };
 
-TEST_F(CaptureLayoutTest, CompositesEveryFrameLikeTheObviousCompositor) {
-    std::mt19937 random(99);
-    QMap<QString, QImage> images{{"under.png", randomImage(random, 60, 50)},
-                                 {"over.png", randomImage(random, 90, 70)},
-                                 {"edge.png", randomImage(random, 40, 40)}};
-    // A canvas narrower than the screens' row span, so the bottom screen runs past the right edge
-    // into the next rows and past the last row, where it is cut off.
-    auto layoutPlugin = plugin(test::layoutDescriptor("Mixed", 1, 500, 400,
-                                                      R"(<object type="image" x="5" y="5" resource="under.png"/>
-           <object type="screen_top" x="10" y="20"/>
-           <object type="image" x="380" y="230" resource="over.png"/>
-           <object type="screen_bottom" x="300" y="200"/>
-           <object type="image" x="470" y="380" resource="edge.png"/>
-           <object type="image" x="-10" y="0" resource="edge.png"/>
-           <object type="clock" x="0" y="0"/>)",
-                                                      R"(<background r="10" g="200" b="64"/>)"),
-                              images);
+// Runs the layout live for five frames and compares each with the obvious compositor.
+void CaptureLayoutTest::expectLikeTheReference(const QByteArray& descriptor, const QMap<QString, QImage>& images) {
+    auto layoutPlugin = plugin(descriptor, images);
     auto layout = CaptureLayout::createWithPlugin(layoutPlugin, m_device);
     ReferenceCanvas reference(*layoutPlugin, images);
-    ASSERT_EQ(layout->size(), 500u * 400 * 3);
+    ASSERT_EQ(layout->size(), reference.canvas().size());
     EXPECT_EQ(std::vector<uint8_t>(layout->canvas(), layout->canvas() + layout->size()), reference.canvas())
         << "before any frame the canvas shows background and images";
 
@@ -191,6 +179,7 @@ TEST_F(CaptureLayoutTest, CompositesEveryFrameLikeTheObviousCompositor) {
     auto bottomFrames = test::takeFrames(*m_device->screen(1), bottoms, *wakeup, 5);
     layout->removeObserver(frames);
     layout->stopListening();
+    m_device->stopListening();
     ASSERT_EQ(published.size(), 5u);
     ASSERT_EQ(topFrames.size(), 5u);
     ASSERT_EQ(bottomFrames.size(), 5u);
@@ -203,6 +192,38 @@ TEST_F(CaptureLayoutTest, CompositesEveryFrameLikeTheObviousCompositor) {
         ASSERT_EQ(published[n]->size(), expected.size());
         EXPECT_TRUE(std::equal(expected.begin(), expected.end(), published[n]->data())) << "frame " << n;
     }
+}
+
+TEST_F(CaptureLayoutTest, CompositesImagesOverAndUnderScreensLikeTheObviousCompositor) {
+    std::mt19937 random(99);
+    QMap<QString, QImage> images{{"under.png", randomImage(random, 60, 50)},
+                                 {"over.png", randomImage(random, 90, 70)},
+                                 {"edge.png", randomImage(random, 40, 40)}};
+    // A canvas narrower than the screens' row span, so the bottom screen runs past the right edge
+    // into the next rows and past the last row, where it is cut off.
+    expectLikeTheReference(test::layoutDescriptor("Mixed", 1, 500, 400,
+                                                  R"(<object type="image" x="5" y="5" resource="under.png"/>
+           <object type="screen_top" x="10" y="20"/>
+           <object type="image" x="380" y="230" resource="over.png"/>
+           <object type="screen_bottom" x="300" y="200"/>
+           <object type="image" x="470" y="380" resource="edge.png"/>
+           <object type="image" x="-10" y="0" resource="edge.png"/>
+           <object type="clock" x="0" y="0"/>)",
+                                                  R"(<background r="10" g="200" b="64"/>)"),
+                           images);
+}
+
+TEST_F(CaptureLayoutTest, CompositesScreensOverAStillCanvasLikeTheObviousCompositor) {
+    std::mt19937 random(7);
+    QMap<QString, QImage> images{{"under.png", randomImage(random, 300, 200)}};
+    // Only screens after the first screen, all inside the canvas, overlapping each other.
+    expectLikeTheReference(test::layoutDescriptor("Still", 1, 460, 500,
+                                                  R"(<object type="image" x="100" y="150" resource="under.png"/>
+           <object type="screen_bottom" x="20" y="200"/>
+           <object type="screen_top" x="30" y="10"/>
+           <object type="screen_bottom" x="140" y="250"/>)",
+                                                  R"(<background r="1" g="2" b="3"/>)"),
+                           images);
 }
 
 TEST_F(CaptureLayoutTest, TheBlendTruncatesAndClipsAtTheCanvasEdges) {
