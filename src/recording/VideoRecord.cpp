@@ -16,6 +16,10 @@ constexpr AVRational Milliseconds{1, 1000};
 
 } // namespace
 
+const char* VideoRecord::encoderSpeed(const VideoQuality& preset) {
+    return preset.maxKeyInterval() == 1 ? "ultrafast" : "veryfast";
+}
+
 VideoRecord::VideoRecord(LayoutPtr layout) : m_layout(std::move(layout)) {}
 
 VideoRecord::~VideoRecord() { stop(); }
@@ -68,14 +72,14 @@ bool VideoRecord::createWriter(const VideoQuality& preset) {
     // No reordered frames: a fragmented movie has no edit list to hide the decoding delay they
     // add, and the first frame must play at time zero.
     encoder->max_b_frames = 0;
-    encoder->thread_count = 1; // one core for all layouts of a recording; see EncoderSpeed
+    encoder->thread_count = 1; // one core for all layouts of a recording; see encoderSpeed
     encoder->colorspace = AVCOL_SPC_SMPTE170M;
     encoder->color_range = AVCOL_RANGE_MPEG;
     if (m_output->oformat->flags & AVFMT_GLOBALHEADER) {
         encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     }
     ff::Options options;
-    options.set("preset", EncoderSpeed);
+    options.set("preset", encoderSpeed(preset));
     if (!ff::check(avcodec_open2(encoder, codec, options.get()), "avcodec_open2") ||
         !ff::check(avcodec_parameters_from_context(m_stream->codecpar, encoder), "avcodec_parameters_from_context")) {
         return false;

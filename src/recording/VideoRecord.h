@@ -18,10 +18,12 @@ class CaptureData;
 // every second, so that a crash leaves a file that plays up to its last second.
 class VideoRecord {
 public:
-    // The x264 speed preset. "veryfast" keeps every preset, the near-lossless intermediate one
-    // included, above 60 frames a second for two layouts on one core of a small machine (see
-    // bench/VideoEncodeBench.cpp) while giving clearly better pictures than "ultrafast".
-    static constexpr const char* EncoderSpeed = "veryfast";
+    // The x264 speed preset for a quality preset. "veryfast" runs the user's presets at about four
+    // times real time on one core of a small machine (bench/VideoEncodeBench.cpp), so two layouts
+    // at 60 frames a second fit one core, with clearly better pictures than "ultrafast". The
+    // near-lossless intermediate spends its time writing bits rather than searching; "ultrafast"
+    // keeps it as fast, and its pictures are re-encoded afterwards anyway.
+    static const char* encoderSpeed(const VideoQuality& preset);
 
     explicit VideoRecord(LayoutPtr layout);
     ~VideoRecord();
