@@ -23,6 +23,7 @@ public:
     uint64_t width() const { return m_width; }
     uint64_t height() const { return m_height; }
     uint64_t offset() const { return m_offset; }
+    std::shared_ptr<CaptureDevice> device() const { return m_device.lock(); }
 
     bool startListening();
     void stopListening();

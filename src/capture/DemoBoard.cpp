@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
+#include <cstdlib>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -151,7 +153,10 @@ void paintScreen(uint8_t* raw, uint64_t frame, uint64_t offset, int width, int h
 
 } // namespace
 
-DemoBoard::DemoBoard() : m_frame(new uint8_t[raw::FrameBytes]) {}
+DemoBoard::DemoBoard() : m_frame(new uint8_t[raw::FrameBytes]) {
+    const char* flash = std::getenv("ZANDOR_DEMO_FLASH");
+    m_flashes = flash && std::string_view(flash) == "1";
+}
 
 DemoBoard::~DemoBoard() = default;
 
@@ -163,7 +168,13 @@ void DemoBoard::render(uint64_t frame, uint8_t* raw) {
 
 void DemoBoard::fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) {
     if (m_rendered != static_cast<int64_t>(frame)) {
-        render(frame, m_frame.get());
+        const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+        const bool flash = m_flashes && sinceEpoch % std::chrono::seconds(1) < std::chrono::microseconds(16667);
+        if (flash) {
+            std::memset(m_frame.get(), 255, raw::FrameBytes);
+        } else {
+            render(frame, m_frame.get());
+        }
         m_rendered = static_cast<int64_t>(frame);
     }
     std::memcpy(destination, m_frame.get() + offset, length);

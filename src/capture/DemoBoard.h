@@ -9,10 +9,13 @@ namespace zandor {
 
 // A simulated board with a moving, recognisable picture on both screens: a labelled frame
 // counter, scrolling colour bars and a bouncing marker on each. Every frame's bytes follow from its
-// number alone.
+// number alone, unless flashes are on: then a frame read in the first 60th of a second after a
+// whole second of the wall clock (the clock of the frames' time stamps) is all white, for
+// measuring how sound and picture line up. Flashes are on when ZANDOR_DEMO_FLASH is set to 1.
 class DemoBoard final : public SimulatedBoard {
 public:
     DemoBoard();
+    void setFlashes(bool flashes) { m_flashes = flashes; }
     ~DemoBoard() override;
 
     // Renders frame `frame` in the board's raw format into `raw` (raw::FrameBytes bytes).
@@ -24,6 +27,7 @@ protected:
 private:
     std::unique_ptr<uint8_t[]> m_frame;
     int64_t m_rendered = -1; // only touched by the reading thread, in fill()
+    bool m_flashes = false;
 };
 
 } // namespace zandor

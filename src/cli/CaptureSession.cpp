@@ -6,10 +6,14 @@
 #include "capture/CaptureDevice.h"
 #include "capture/UsbBoard.h"
 #include "layouts/LayoutController.h"
+#include "recording/VideoQuality.h"
 #include "settings/PreferencesController.h"
 
 #include <QDir>
 #include <QFileInfo>
+
+#include <algorithm>
+#include <set>
 
 namespace zandor {
 
@@ -35,6 +39,30 @@ bool CaptureSession::open(const CommandLine& options, std::string& error) {
             return false;
         }
         preferences.setPreference(PreferenceCaptureImageFormat, QString::fromStdString(*format));
+    }
+
+    if (auto fps = options.value("fps")) {
+        static const std::set<std::string> rates{"Original", "24", "25", "30", "50", "60"};
+        if (!rates.count(*fps)) {
+            error = "Unknown frame rate '" + *fps + "': use Original, 24, 25, 30, 50 or 60";
+            return false;
+        }
+        preferences.setPreference(PreferenceCaptureVideoFPS, QString::fromStdString(*fps));
+    }
+    if (auto quality = options.value("quality")) {
+        const QString name = QString::fromStdString(*quality);
+        const auto& presets = VideoQuality::videoQualities();
+        if (std::none_of(presets.begin(), presets.end(), [&](const auto& preset) { return preset->name() == name; })) {
+            error = "Unknown quality '" + *quality + "': use Highest, Higher, High, Medium, Low, Lower or Lowest";
+            return false;
+        }
+        preferences.setPreference(PreferenceCaptureVideoQuality, name);
+    }
+    for (const auto& [option, key] : {std::pair{"game-audio", PreferenceCaptureGameAudioInput},
+                                      std::pair{"narrator-audio", PreferenceCaptureNarratorAudioInput}}) {
+        if (auto input = options.value(option)) {
+            preferences.setPreference(key, QString::fromStdString(*input));
+        }
     }
 
     auto board = createBoard(options.value("board").value_or("usb"), error);

@@ -2,6 +2,7 @@
 
 #include "DumpCommand.h"
 #include "LayoutsCommand.h"
+#include "RecordCommand.h"
 #include "ScreenshotCommand.h"
 #include "base/CommandLine.h"
 
@@ -23,6 +24,10 @@ const char* const Usage = "usage: zandor-cli COMMAND [OPTIONS]\n"
                           "  screenshot [--layout NAME] [--format PNG|JPEG] [--out DIR]\n"
                           "                               save one screenshot of the layout (a catalogue\n"
                           "                               layout, Top, Bottom, or None for both screens)\n"
+                          "  record --seconds N [--layout NAME] [--fps Original|24|25|30|50|60]\n"
+                          "         [--quality NAME] [--game-audio ID|None] [--narrator-audio ID|None] [--out DIR]\n"
+                          "                               record a video with sound and wait for the finished file\n"
+                          "  audio-inputs                 list the audio inputs: identifier and name\n"
                           "  dump --frames N --out FILE   write N raw frames of the board to FILE\n"
                           "\n"
                           "options of every command:\n"
@@ -47,6 +52,10 @@ int Cli::run(const std::vector<std::string>& arguments) {
         {"layouts", {{"board"}, {"json"}, false, LayoutsCommand::run}},
         {"install-plugin", {{"board"}, {}, true, InstallPluginCommand::run}},
         {"screenshot", {{"board", "layout", "format", "out"}, {}, false, ScreenshotCommand::run}},
+        {"record",
+         {{"board", "layout", "seconds", "fps", "quality", "game-audio", "narrator-audio", "out"}, {}, false,
+          RecordCommand::run}},
+        {"audio-inputs", {{"board"}, {}, false, AudioInputsCommand::run}},
     };
     auto command = commands.find(arguments[0]);
     if (command == commands.end()) {

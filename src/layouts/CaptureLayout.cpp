@@ -65,6 +65,8 @@ std::shared_ptr<CaptureLayout> CaptureLayout::createWithScreen(const std::shared
     return layout;
 }
 
+std::shared_ptr<CaptureDevice> CaptureLayout::device() const { return m_device ? m_device : m_top->device(); }
+
 void CaptureLayout::initialize() {
     std::scoped_lock draw(m_drawMutex);
     if (m_type != PluginLayout) {

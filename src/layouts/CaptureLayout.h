@@ -50,6 +50,8 @@ public:
     // Bytes of one published frame.
     uint64_t size() const { return m_width * m_height * 3; }
     const std::shared_ptr<LayoutPlugin>& plugin() const { return m_plugin; }
+    // The device whose screens feed this layout; its start time is the origin of frame time stamps.
+    std::shared_ptr<CaptureDevice> device() const;
 
     // Consumers subscribe with addObserver before startListening, and remove their observer
     // before stopListening: the layout keeps running while it has observers.

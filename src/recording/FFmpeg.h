@@ -6,7 +6,9 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
+#include <libavutil/audio_fifo.h>
 #include <libavutil/dict.h>
+#include <libswresample/swresample.h>
 #include <libswscale/swscale.h>
 }
 
@@ -34,6 +36,12 @@ struct PacketFree {
 struct ScalerFree {
     void operator()(SwsContext* context) const { sws_freeContext(context); }
 };
+struct ResamplerFree {
+    void operator()(SwrContext* context) const { swr_free(&context); }
+};
+struct AudioFifoFree {
+    void operator()(AVAudioFifo* fifo) const { av_audio_fifo_free(fifo); }
+};
 struct InputFree {
     void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
 };
@@ -43,6 +51,8 @@ using Frame = std::unique_ptr<AVFrame, FrameFree>;
 using Packet = std::unique_ptr<AVPacket, PacketFree>;
 using Scaler = std::unique_ptr<SwsContext, ScalerFree>;
 using InputContext = std::unique_ptr<AVFormatContext, InputFree>;
+using Resampler = std::unique_ptr<SwrContext, ResamplerFree>;
+using AudioFifo = std::unique_ptr<AVAudioFifo, AudioFifoFree>;
 
 // An AVDictionary of options, freed once; FFmpeg removes the entries it used.
 class Options {

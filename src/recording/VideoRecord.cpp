@@ -2,11 +2,14 @@
 
 #include "base/Log.h"
 #include "capture/CaptureData.h"
+#include "capture/CaptureDevice.h"
 #include "settings/PreferencesController.h"
 
 extern "C" {
 #include <libavutil/opt.h>
 }
+
+#include <cstdio>
 
 namespace zandor {
 
@@ -112,7 +115,15 @@ bool VideoRecord::startWriter() {
     return true;
 }
 
-bool VideoRecord::writeHeader() {
+bool VideoRecord::writeHeader(double firstFrameSeconds) {
+    // The wall-clock time of the first frame, from which the merging tool lines up the sound.
+    if (auto device = m_layout->device()) {
+        const auto first = device->startTime() + std::chrono::duration_cast<std::chrono::system_clock::duration>(
+                                                      std::chrono::duration<double>(firstFrameSeconds));
+        char start[64];
+        std::snprintf(start, sizeof start, "%.6f", std::chrono::duration<double>(first.time_since_epoch()).count());
+        av_dict_set(&m_output->metadata, "zandor_capture_start", start, 0);
+    }
     ff::Options options;
     // Fragmented: a fragment at least every second, each flushed to the file as it is written.
     options.set("movflags", "empty_moov+default_base_moof+use_metadata_tags");
@@ -132,7 +143,7 @@ bool VideoRecord::append(const CaptureData& frame) {
         // The movie's time zero is the capture time of its first frame.
         m_sessionStart = time;
         m_sessionStarted = true;
-        if (!writeHeader()) {
+        if (!writeHeader(frame.timestamp())) {
             return false;
         }
     }
@@ -168,6 +179,11 @@ bool VideoRecord::encode(const AVFrame* frame) {
         if (!ff::check(result, "avcodec_receive_packet")) {
             return false;
         }
+        if (m_packet->duration == 0) {
+            // Frames come at the device's pace; until the next one arrives, a 60th of a second is
+            // the best guess of how long this one shows, and the muxer needs one for fragments.
+            m_packet->duration = 1000 / 60;
+        }
         av_packet_rescale_ts(m_packet.get(), m_encoder->time_base, m_stream->time_base);
         m_packet->stream_index = m_stream->index;
         if (!ff::check(av_interleaved_write_frame(m_output.get(), m_packet.get()), "av_interleaved_write_frame")) {
@@ -191,7 +207,7 @@ bool VideoRecord::stop() {
 
 bool VideoRecord::stopWriter() {
     // A recording stopped before its first frame still leaves a well-formed, empty movie.
-    bool finished = m_headerWritten || writeHeader();
+    bool finished = m_headerWritten || writeHeader(0);
     finished = finished && encode(nullptr);
     finished = finished && ff::check(av_write_trailer(m_output.get()), "av_write_trailer");
     m_output.close();

@@ -53,7 +53,7 @@ public:
 private:
     bool createWriter(const VideoQuality& preset);
     bool startWriter();
-    bool writeHeader();
+    bool writeHeader(double firstFrameSeconds);
     // Sends a frame (null to flush) and writes every packet the encoder gives back.
     bool encode(const AVFrame* frame);
     bool stopWriter();

@@ -1,0 +1,157 @@
+#include "AudioFileWriter.h"
+
+#include "base/Log.h"
+
+extern "C" {
+#include <libavutil/channel_layout.h>
+}
+
+#include <cstdio>
+#include <vector>
+
+namespace zandor {
+
+bool AudioFileWriter::open(const std::string& path, AVSampleFormat inputFormat, int inputRate, int inputChannels) {
+    if (!m_output.open(path, "mov")) {
+        return false;
+    }
+    const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
+    m_stream = codec ? avformat_new_stream(m_output.get(), nullptr) : nullptr;
+    if (!m_stream) {
+        log("Could not add an audio track to %s", path.c_str());
+        return false;
+    }
+    m_encoder.reset(avcodec_alloc_context3(codec));
+    AVCodecContext* encoder = m_encoder.get();
+    encoder->sample_fmt = AV_SAMPLE_FMT_FLTP;
+    encoder->sample_rate = SampleRate;
+    encoder->bit_rate = BitRate;
+    encoder->time_base = {1, SampleRate};
+    av_channel_layout_default(&encoder->ch_layout, 2);
+    if (m_output->oformat->flags & AVFMT_GLOBALHEADER) {
+        encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    }
+    if (!ff::check(avcodec_open2(encoder, codec, nullptr), "avcodec_open2") ||
+        !ff::check(avcodec_parameters_from_context(m_stream->codecpar, encoder), "avcodec_parameters_from_context")) {
+        m_encoder.reset();
+        return false;
+    }
+    m_stream->time_base = encoder->time_base;
+
+    AVChannelLayout inputLayout;
+    av_channel_layout_default(&inputLayout, inputChannels);
+    SwrContext* resampler = nullptr;
+    int result = swr_alloc_set_opts2(&resampler, &encoder->ch_layout, encoder->sample_fmt, SampleRate, &inputLayout,
+                                     inputFormat, inputRate, 0, nullptr);
+    av_channel_layout_uninit(&inputLayout);
+    m_resampler.reset(resampler);
+    m_fifo.reset(av_audio_fifo_alloc(encoder->sample_fmt, 2, SampleRate));
+    m_frame.reset(av_frame_alloc());
+    m_packet.reset(av_packet_alloc());
+    if (!ff::check(result, "swr_alloc_set_opts2") || !ff::check(swr_init(m_resampler.get()), "swr_init") || !m_fifo ||
+        !m_frame || !m_packet) {
+        m_encoder.reset();
+        return false;
+    }
+    return true;
+}
+
+bool AudioFileWriter::writeHeader(std::chrono::system_clock::time_point firstSample) {
+    char start[64];
+    std::snprintf(start, sizeof start, "%.6f",
+                  std::chrono::duration<double>(firstSample.time_since_epoch()).count());
+    av_dict_set(&m_output->metadata, "zandor_capture_start", start, 0);
+    ff::Options options;
+    options.set("movflags", "empty_moov+default_base_moof+use_metadata_tags");
+    options.set("frag_duration", "1000000");
+    options.set("flush_packets", "1");
+    m_headerWritten = ff::check(avformat_write_header(m_output.get(), options.get()), "avformat_write_header");
+    return m_headerWritten;
+}
+
+bool AudioFileWriter::write(const uint8_t* samples, int frames, std::chrono::system_clock::time_point firstSample) {
+    if (!m_encoder || (!m_headerWritten && !writeHeader(firstSample))) {
+        return false;
+    }
+    const int room = swr_get_out_samples(m_resampler.get(), frames);
+    std::vector<float> left(static_cast<size_t>(room)), right(static_cast<size_t>(room));
+    uint8_t* planes[2] = {reinterpret_cast<uint8_t*>(left.data()), reinterpret_cast<uint8_t*>(right.data())};
+    const uint8_t* input[1] = {samples};
+    const int converted = swr_convert(m_resampler.get(), planes, room, input, frames);
+    if (!ff::check(converted, "swr_convert")) {
+        return false;
+    }
+    if (av_audio_fifo_write(m_fifo.get(), reinterpret_cast<void**>(planes), converted) < converted) {
+        log("Could not queue audio samples");
+        return false;
+    }
+    return drainFifo(false);
+}
+
+bool AudioFileWriter::drainFifo(bool flush) {
+    const int frameSize = m_encoder->frame_size;
+    while (av_audio_fifo_size(m_fifo.get()) >= frameSize || (flush && av_audio_fifo_size(m_fifo.get()) > 0)) {
+        const int count = std::min(frameSize, av_audio_fifo_size(m_fifo.get()));
+        av_frame_unref(m_frame.get());
+        m_frame->nb_samples = count;
+        m_frame->format = m_encoder->sample_fmt;
+        m_frame->sample_rate = SampleRate;
+        if (!ff::check(av_channel_layout_copy(&m_frame->ch_layout, &m_encoder->ch_layout), "av_channel_layout_copy") ||
+            !ff::check(av_frame_get_buffer(m_frame.get(), 0), "av_frame_get_buffer")) {
+            return false;
+        }
+        av_audio_fifo_read(m_fifo.get(), reinterpret_cast<void**>(m_frame->data), count);
+        m_frame->pts = m_nextPts;
+        m_nextPts += count;
+        if (!encode(m_frame.get())) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool AudioFileWriter::encode(const AVFrame* frame) {
+    if (!ff::check(avcodec_send_frame(m_encoder.get(), frame), "avcodec_send_frame")) {
+        return false;
+    }
+    for (;;) {
+        int result = avcodec_receive_packet(m_encoder.get(), m_packet.get());
+        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
+            return true;
+        }
+        if (!ff::check(result, "avcodec_receive_packet")) {
+            return false;
+        }
+        av_packet_rescale_ts(m_packet.get(), m_encoder->time_base, m_stream->time_base);
+        m_packet->stream_index = m_stream->index;
+        if (!ff::check(av_interleaved_write_frame(m_output.get(), m_packet.get()), "av_interleaved_write_frame")) {
+            return false;
+        }
+    }
+}
+
+bool AudioFileWriter::finish() {
+    if (!m_encoder) {
+        return false;
+    }
+    bool finished = m_headerWritten || writeHeader(std::chrono::system_clock::now());
+    if (finished) {
+        // What the resampler still holds, then the last short frame, then the encoder's delay.
+        const int room = swr_get_out_samples(m_resampler.get(), 0);
+        if (room > 0) {
+            std::vector<float> left(static_cast<size_t>(room)), right(static_cast<size_t>(room));
+            uint8_t* planes[2] = {reinterpret_cast<uint8_t*>(left.data()), reinterpret_cast<uint8_t*>(right.data())};
+            const int converted = swr_convert(m_resampler.get(), planes, room, nullptr, 0);
+            if (converted > 0) {
+                av_audio_fifo_write(m_fifo.get(), reinterpret_cast<void**>(planes), converted);
+            }
+        }
+        finished = drainFifo(true) && encode(nullptr) &&
+                   ff::check(av_write_trailer(m_output.get()), "av_write_trailer");
+    }
+    m_output.close();
+    m_encoder.reset();
+    return finished;
+}
+
+} // namespace zandor

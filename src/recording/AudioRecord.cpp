@@ -1,0 +1,117 @@
+#include "AudioRecord.h"
+
+#include "AudioSession.h"
+#include "base/Log.h"
+
+#include <QMediaDevices>
+#include <QMetaObject>
+#include <QThread>
+
+namespace zandor {
+
+namespace {
+
+// Runs `work` on the thread that `context` lives on and waits for it.
+template <class F> auto onThreadOf(QObject* context, F&& work) {
+    using Result = decltype(work());
+    // A thread that no longer runs has no loop to run it: nothing else can touch the object then.
+    if (context->thread() == QThread::currentThread() || !context->thread()->isRunning()) {
+        return work();
+    }
+    if constexpr (std::is_void_v<Result>) {
+        QMetaObject::invokeMethod(context, std::forward<F>(work), Qt::BlockingQueuedConnection);
+    } else {
+        Result result{};
+        QMetaObject::invokeMethod(context, [&] { result = work(); }, Qt::BlockingQueuedConnection);
+        return result;
+    }
+}
+
+} // namespace
+
+AudioRecord::AudioRecord(QString name, QThread* audioThread) : m_name(std::move(name)), m_thread(audioThread) {}
+
+AudioRecord::~AudioRecord() {
+    std::scoped_lock lock(m_lock);
+    if (m_session) {
+        // The session's audio objects belong to the audio thread and are taken down there.
+        AudioSession* session = m_session;
+        onThreadOf(session, [session] { delete session; });
+        m_session = nullptr;
+    }
+}
+
+bool AudioRecord::start(const QString& deviceId, const QString& bundlePath, bool preview) {
+    std::scoped_lock lock(m_lock);
+    if (m_recording) {
+        return false;
+    }
+    m_deviceId = deviceId == QLatin1String("None") ? QString() : deviceId;
+    m_preview = preview;
+    if (m_deviceId.isEmpty()) {
+        log("No audio device selected for '%s'", qUtf8Printable(m_name));
+        return true;
+    }
+    if (!createSession(bundlePath, AudioSettings{})) {
+        return false;
+    }
+    startSession();
+    m_recording = true;
+    return true;
+}
+
+bool AudioRecord::createSession(const QString& bundlePath, const AudioSettings&) {
+    m_path = QStringLiteral("%1/Audio%2.%3").arg(bundlePath, m_name, QStringLiteral("mov"));
+    QAudioDevice input;
+    for (const QAudioDevice& device : QMediaDevices::audioInputs()) {
+        if (device.id() == m_deviceId.toUtf8()) {
+            input = device;
+            break;
+        }
+    }
+    if (input.isNull()) {
+        log("Could not construct connection of audio recording session");
+        return false;
+    }
+    auto* session = new AudioSession;
+    session->moveToThread(m_thread);
+    const QString path = m_path;
+    const bool preview = m_preview;
+    if (!onThreadOf(session, [session, input, preview, path] { return session->open(input, preview, path); })) {
+        onThreadOf(session, [session] { delete session; });
+        return false;
+    }
+    m_session = session;
+    return true;
+}
+
+void AudioRecord::startSession() {
+    AudioSession* session = m_session;
+    onThreadOf(session, [session] { session->start(); });
+}
+
+bool AudioRecord::stop() {
+    std::scoped_lock lock(m_lock);
+    if (!m_recording) {
+        return false;
+    }
+    m_recording = false;
+    AudioSession* session = m_session;
+    m_session = nullptr;
+    const bool finished = onThreadOf(session, [session] {
+        bool done = session->stop();
+        delete session;
+        return done;
+    });
+    if (!finished) {
+        log("Could not finish audio recording session");
+    }
+    return true;
+}
+
+bool AudioRecord::isRecording() {
+    std::scoped_lock lock(m_lock);
+    return m_recording;
+}
+
+} // namespace zandor

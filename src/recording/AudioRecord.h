@@ -1,0 +1,58 @@
+#pragma once
+
+#include <QString>
+
+#include <mutex>
+
+class QThread;
+
+namespace zandor {
+
+class AudioSession;
+
+// Records one audio input ("Game" or "Narrator") into "<bundle>/Audio<name>.mov" while a video
+// recording runs, the game sound also played through to the default output. The Qt audio objects
+// live on the given thread, which must run an event loop; start and stop may be called from any
+// other thread and wait for it.
+class AudioRecord {
+public:
+    // The format asked for: AAC, stereo, 44.1 kHz, 128 kbit/s.
+    struct AudioSettings {
+        const char* format = "aac ";
+        int channels = 2;
+        double sampleRate = 44100.0;
+        int bitRate = 131072;
+    };
+
+    AudioRecord(QString name, QThread* audioThread);
+    ~AudioRecord();
+    AudioRecord(const AudioRecord&) = delete;
+    AudioRecord& operator=(const AudioRecord&) = delete;
+
+    // Starts recording the input with unique identifier `deviceId`. "None", empty or unset means
+    // no input: logged, and a success that records nothing. False when the input cannot be used.
+    bool start(const QString& deviceId, const QString& bundlePath, bool preview);
+    // True when it was recording and has finished its file.
+    bool stop();
+    bool isRecording();
+
+    const QString& name() const { return m_name; }
+    const QString& path() const { return m_path; }
+
+private:
+    bool createSession(const QString& bundlePath, const AudioSettings& settings);
+    void startSession();
+
+    const QString m_name;
+    QThread* const m_thread;
+
+    // Guards the flag and the session's creation and end.
+    std::recursive_mutex m_lock;
+    bool m_recording = false;
+    bool m_preview = false;
+    QString m_deviceId;
+    QString m_path;
+    AudioSession* m_session = nullptr; // lives on m_thread
+};
+
+} // namespace zandor

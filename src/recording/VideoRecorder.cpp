@@ -1,0 +1,166 @@
+#include "VideoRecorder.h"
+
+#include "HandBrakeWrapper.h"
+#include "SublerWrapper.h"
+#include "base/Log.h"
+#include "settings/PreferencesController.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QThread>
+
+#include <thread>
+
+namespace zandor {
+
+VideoRecorder::VideoRecorder(std::vector<LayoutPtr> layouts)
+    : Recorder(std::move(layouts)), m_audioThread(std::make_unique<QThread>()) {
+    for (const auto& layout : this->layouts()) {
+        m_videoRecords.insert(layout->name(), std::make_shared<VideoRecord>(layout));
+    }
+    m_audioThread->setObjectName(QStringLiteral("zandor-audio"));
+    m_audioGameRecord = std::make_unique<AudioRecord>(QStringLiteral("Game"), m_audioThread.get());
+    m_audioNarratorRecord = std::make_unique<AudioRecord>(QStringLiteral("Narrator"), m_audioThread.get());
+}
+
+VideoRecorder::~VideoRecorder() {
+    // The narrator's input is never stopped by finalising; it ends with the recorder.
+    m_audioNarratorRecord->stop();
+    m_audioGameRecord->stop();
+    m_audioThread->quit();
+    m_audioThread->wait();
+}
+
+void VideoRecorder::setDelegate(std::shared_ptr<RecorderDelegate> delegate) { m_delegate = std::move(delegate); }
+
+QString VideoRecorder::resultPath(const VideoRecord& record) const {
+    if (m_videoRecords.size() > 1) {
+        return QStringLiteral("%1 %2.%3").arg(m_basePath, record.layout()->name(), QStringLiteral("mp4"));
+    }
+    return QStringLiteral("%1.%2").arg(m_basePath, QStringLiteral("mp4"));
+}
+
+bool VideoRecorder::start() {
+    m_done = false;
+    PreferencesController& preferences = PreferencesController::instance();
+    m_basePath = QStringLiteral("%1/Capture %2")
+                     .arg(preferences.preference(PreferenceCaptureStorageFolder).toString(), stringWithCurrentDate());
+    m_bundlePath = QStringLiteral("%1.%2").arg(m_basePath, QStringLiteral("zdrecord"));
+    if (!QDir().mkpath(m_bundlePath)) {
+        // Reported as a success on purpose: the caller shows the recording state although
+        // nothing records.
+        log("Could not create bundle for recording");
+        return true;
+    }
+
+    bool success = true;
+    for (const auto& record : m_videoRecords) {
+        if (!record->start(m_bundlePath)) {
+            success = false;
+            break;
+        }
+    }
+    if (success) {
+        if (!m_audioThread->isRunning()) {
+            m_audioThread->start();
+        }
+        success = m_audioGameRecord->start(preferences.preference(PreferenceCaptureGameAudioInput).toString(),
+                                           m_bundlePath, true);
+        if (success) {
+            success = m_audioNarratorRecord->start(
+                preferences.preference(PreferenceCaptureNarratorAudioInput).toString(), m_bundlePath, false);
+        }
+    }
+    if (success) {
+        Recorder::start();
+    } else {
+        stop();
+    }
+    return success;
+}
+
+bool VideoRecorder::capture(const LayoutPtr& layout, const ObserverPtr& observer) {
+    if (CaptureDataPtr frame = layout->observe(observer)) {
+        if (auto record = m_videoRecords.value(layout->name())) {
+            record->append(*frame);
+        }
+    }
+    return false; // a video goes on until it is stopped
+}
+
+void VideoRecorder::capturedLayouts() {
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    bool success = true;
+    for (const auto& record : m_videoRecords) {
+        if (!record->stop()) {
+            tryError(QStringLiteral("The recording of the video could not be finalized."));
+            success = false;
+        }
+    }
+    if (m_audioGameRecord->isRecording() && !m_audioGameRecord->stop()) {
+        tryError(QStringLiteral("The recording of the audio could not be finalized."));
+        success = false;
+    }
+    if (success) {
+        actualize();
+    }
+}
+
+void VideoRecorder::actualize() {
+    bool success = true;
+    for (auto it = m_videoRecords.begin(); it != m_videoRecords.end() && success; ++it) {
+        VideoRecord& record = **it;
+        if (!SublerWrapper::instance().appendSource(record.recordPath(), record.mergePath())) {
+            tryError(QStringLiteral("It was not possible to merge video."));
+            continue;
+        }
+        if (QFileInfo::exists(m_audioGameRecord->path()) &&
+            !SublerWrapper::instance().appendSource(m_audioGameRecord->path(), record.mergePath())) {
+            tryError(QStringLiteral("It was not possible to merge audio."));
+            success = false;
+        }
+        if (success) {
+            convert(record);
+        }
+    }
+    if (!QDir(m_bundlePath).removeRecursively()) {
+        tryError(QStringLiteral("It was not possible to remove recording bundle."));
+        success = false;
+    }
+    m_done = true;
+    if (success && m_delegate) {
+        m_delegate->recordDone();
+    }
+}
+
+bool VideoRecorder::convert(VideoRecord& record) {
+    if (record.framesPerSecond() != QLatin1String("Original")) {
+        const QString bitRate = QString::asprintf("%ld", static_cast<long>(record.quality()->bitRate()));
+        if (!HandBrakeWrapper::instance().convert(record.mergePath(), record.convertPath(), bitRate,
+                                                  record.framesPerSecond())) {
+            tryError(QStringLiteral("It was not possible to convert the merged video."));
+            return false;
+        }
+    } else if (!QFile::rename(record.mergePath(), record.convertPath())) {
+        tryError(QStringLiteral("It was not possible to move the merged video to the convertion path."));
+        return false;
+    }
+    return finish(record);
+}
+
+bool VideoRecorder::finish(VideoRecord& record) {
+    if (!QFile::rename(record.convertPath(), resultPath(record))) {
+        tryError(QStringLiteral("Could not move file outside recording bundle."));
+        return false;
+    }
+    return true;
+}
+
+void VideoRecorder::tryError(const QString& message) {
+    if (m_delegate) {
+        m_delegate->recordError(message);
+    }
+}
+
+} // namespace zandor

@@ -1,0 +1,70 @@
+#pragma once
+
+#include "AudioRecord.h"
+#include "Recorder.h"
+#include "VideoRecord.h"
+
+#include <QMap>
+#include <QString>
+
+#include <atomic>
+#include <memory>
+
+class QThread;
+
+namespace zandor {
+
+// Told how a video recording ended. Called on the recorder's thread: a delegate with a user
+// interface hands the work to its own thread.
+class RecorderDelegate {
+public:
+    virtual ~RecorderDelegate() = default;
+    virtual void recordProgress(double) {}
+    virtual void recordDone() = 0;
+    virtual void recordError(const QString& message) = 0;
+};
+
+// Records a video of every layout on show, with the game sound (played through) and the
+// narrator's microphone, into the bundle "Capture <stamp>.zdrecord" in the storage folder. When
+// stopped it finishes the tracks, merges each layout's video with the game sound (SublerCLI),
+// converts it when a frame rate was chosen (HandBrakeCLI), moves the MP4 files out beside the
+// bundle, removes the bundle, and reports to its delegate.
+class VideoRecorder final : public Recorder {
+public:
+    explicit VideoRecorder(std::vector<LayoutPtr> layouts);
+    ~VideoRecorder() override;
+
+    void setDelegate(std::shared_ptr<RecorderDelegate> delegate);
+
+    bool start() override;
+    bool isDone() override { return Recorder::isDone() && m_done; }
+
+    const QString& basePath() const { return m_basePath; }
+    const QString& bundlePath() const { return m_bundlePath; }
+    // The finished file of a layout: "<base>.mp4", or "<base> <layout>.mp4" with several layouts.
+    QString resultPath(const VideoRecord& record) const;
+    const QMap<QString, std::shared_ptr<VideoRecord>>& videoRecords() const { return m_videoRecords; }
+
+protected:
+    bool capture(const LayoutPtr& layout, const ObserverPtr& observer) override;
+    void capturedLayouts() override;
+
+private:
+    void actualize();
+    bool convert(VideoRecord& record);
+    bool finish(VideoRecord& record);
+    void tryError(const QString& message);
+
+    // Keyed by layout name: layouts of one name share a writer.
+    QMap<QString, std::shared_ptr<VideoRecord>> m_videoRecords;
+    // The Qt audio objects of both inputs live on this thread.
+    std::unique_ptr<QThread> m_audioThread;
+    std::unique_ptr<AudioRecord> m_audioGameRecord;
+    std::unique_ptr<AudioRecord> m_audioNarratorRecord;
+    QString m_basePath;
+    QString m_bundlePath;
+    std::shared_ptr<RecorderDelegate> m_delegate;
+    std::atomic<bool> m_done{true};
+};
+
+} // namespace zandor
