@@ -1,0 +1,191 @@
+#include "GatedBoard.h"
+#include "Frames.h"
+#include "UserFolders.h"
+#include "base/DetachedThread.h"
+#include "base/Log.h"
+#include "capture/CaptureDevice.h"
+#include "layouts/CaptureLayout.h"
+#include "recording/ShellCommand.h"
+#include "recording/VideoRecorder.h"
+#include "settings/PreferencesController.h"
+
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+
+#include <condition_variable>
+#include <mutex>
+
+namespace zandor {
+namespace {
+
+using namespace std::chrono_literals;
+
+class Delegate final : public RecorderDelegate {
+public:
+    void recordDone() override {
+        std::scoped_lock lock(m_mutex);
+        done = true;
+    }
+    void recordError(const QString& message) override {
+        std::scoped_lock lock(m_mutex);
+        errors.append(message);
+    }
+    std::mutex m_mutex;
+    bool done = false;
+    QStringList errors;
+};
+
+// Stand-ins for the two tools that note their arguments and make their output from their input, so
+// that finalising can be followed without real media tools.
+const char* const FakeSubler = R"(#!/bin/sh
+echo "SublerCLI $*" >> "$(dirname "$0")/calls"
+[ -n "$FAIL_SUBLER" ] && exit 1
+[ -f "$4" ] || cp "$2" "$4"
+)";
+const char* const FakeHandBrake = R"(#!/bin/sh
+echo "HandBrakeCLI $*" >> "$(dirname "$0")/calls"
+[ -n "$FAIL_HANDBRAKE" ] && exit 1
+cp "$2" "$4"
+)";
+
+class VideoRecorderTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        test::isolateUserFolders();
+        ASSERT_TRUE(DetachedThread::waitForAll(20s));
+        writeTool("SublerCLI", FakeSubler);
+        writeTool("HandBrakeCLI", FakeHandBrake);
+        ShellCommand::setToolFolder(m_tools.path());
+        unsetenv("FAIL_SUBLER");
+        unsetenv("FAIL_HANDBRAKE");
+        PreferencesController& preferences = PreferencesController::instance();
+        preferences.setReadOnly(true);
+        preferences.setPreference(PreferenceCaptureStorageFolder, m_storage.path() + "/new/folder");
+        preferences.setPreference(PreferenceCaptureVideoFPS, "Original");
+        preferences.setPreference(PreferenceCaptureVideoQuality, "High");
+        preferences.setPreference(PreferenceCaptureGameAudioInput, "None");
+        preferences.setPreference(PreferenceCaptureNarratorAudioInput, "None");
+        m_device = CaptureDevice::create(std::make_unique<test::GatedBoard>());
+        ASSERT_TRUE(m_device->startListening());
+    }
+    void TearDown() override {
+        ShellCommand::setToolFolder({});
+        m_device->stopListening();
+        EXPECT_TRUE(DetachedThread::waitForAll(20s));
+    }
+
+    void writeTool(const QString& name, const char* script) {
+        QFile tool(m_tools.path() + "/" + name);
+        ASSERT_TRUE(tool.open(QIODevice::WriteOnly));
+        tool.write(script);
+        tool.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+    }
+
+    QStringList calls() const {
+        QFile file(m_tools.path() + "/calls");
+        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts)
+                                              : QStringList();
+    }
+
+    // Records until every layout has given a few frames, then stops and waits for finalising.
+    std::shared_ptr<VideoRecorder> record(std::vector<LayoutPtr> layouts, const std::shared_ptr<Delegate>& delegate) {
+        auto recorder = std::make_shared<VideoRecorder>(layouts);
+        recorder->setDelegate(delegate);
+        auto wakeup = std::make_shared<Wakeup>();
+        auto watch = layouts.front()->addObserver(wakeup);
+        EXPECT_TRUE(recorder->start());
+        EXPECT_FALSE(recorder->isDone());
+        EXPECT_EQ(test::takeFrames(*layouts.front(), watch, *wakeup, 10).size(), 10u);
+        layouts.front()->removeObserver(watch);
+        recorder->stop();
+        EXPECT_TRUE(recorder->waitUntilFinished(60s));
+        return recorder;
+    }
+
+    QStringList storage() const {
+        return QDir(m_storage.path() + "/new/folder").entryList(QDir::AllEntries | QDir::NoDotAndDotDot, QDir::Name);
+    }
+
+    QTemporaryDir m_tools;
+    QTemporaryDir m_storage;
+    std::shared_ptr<CaptureDevice> m_device;
+};
+
+TEST_F(VideoRecorderTest, OneLayoutAtTheOriginalRateIsMergedAndMovedOut) {
+    auto delegate = std::make_shared<Delegate>();
+    auto recorder = record({CaptureLayout::createWithScreen(m_device->screen(0), "Single")}, delegate);
+    EXPECT_TRUE(delegate->done);
+    EXPECT_TRUE(delegate->errors.isEmpty()) << delegate->errors.join(", ").toStdString();
+    EXPECT_TRUE(recorder->isDone());
+    const QString stamp = QFileInfo(recorder->basePath()).fileName();
+    EXPECT_EQ(storage(), QStringList{stamp + ".mp4"}) << "the bundle is gone";
+    ASSERT_EQ(calls().size(), 1) << "no game audio: one merge, no conversion";
+    EXPECT_EQ(calls()[0], "SublerCLI -source " + recorder->bundlePath() + "/VideoSingle.mov -dest " +
+                              recorder->bundlePath() + "/MergedSingle.mp4");
+}
+
+TEST_F(VideoRecorderTest, TwoLayoutsAtAChosenRateAreConvertedEachUnderItsName) {
+    PreferencesController::instance().setPreference(PreferenceCaptureVideoFPS, "30");
+    auto delegate = std::make_shared<Delegate>();
+    auto recorder = record({CaptureLayout::createWithScreen(m_device->screen(0), "Single"),
+                            CaptureLayout::createWithScreen(m_device->screen(1), "Double")},
+                           delegate);
+    EXPECT_TRUE(delegate->done);
+    const QString base = QFileInfo(recorder->basePath()).fileName();
+    EXPECT_EQ(storage(), (QStringList{base + " Double.mp4", base + " Single.mp4"}));
+    QStringList conversions = calls().filter("HandBrakeCLI");
+    ASSERT_EQ(conversions.size(), 2);
+    EXPECT_TRUE(conversions[0].endsWith("--encoder x264 --format mp4 --rate 30 --vb 3000 --aencoder copy:aac --optimize"))
+        << conversions[0].toStdString();
+}
+
+TEST_F(VideoRecorderTest, AFailedVideoMergeIsReportedAndTheRecordingStillEnds) {
+    setenv("FAIL_SUBLER", "1", 1);
+    auto delegate = std::make_shared<Delegate>();
+    auto recorder = record({CaptureLayout::createWithScreen(m_device->screen(0), "Single")}, delegate);
+    EXPECT_EQ(delegate->errors, QStringList{"It was not possible to merge video."});
+    EXPECT_TRUE(delegate->done) << "a failed video merge does not clear success";
+    EXPECT_TRUE(storage().isEmpty()) << "bundle removed, nothing made";
+}
+
+TEST_F(VideoRecorderTest, AFailedConversionLosesOnlyThatLayout) {
+    PreferencesController::instance().setPreference(PreferenceCaptureVideoFPS, "25");
+    setenv("FAIL_HANDBRAKE", "1", 1);
+    auto delegate = std::make_shared<Delegate>();
+    auto recorder = record({CaptureLayout::createWithScreen(m_device->screen(0), "Single")}, delegate);
+    EXPECT_EQ(delegate->errors, QStringList{"It was not possible to convert the merged video."});
+    EXPECT_TRUE(delegate->done);
+    EXPECT_TRUE(storage().isEmpty());
+}
+
+TEST_F(VideoRecorderTest, ABundleThatCannotBeMadeStartsNothingButSaysYes) {
+    QFile blocker(m_storage.path() + "/file");
+    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    PreferencesController::instance().setPreference(PreferenceCaptureStorageFolder, m_storage.path() + "/file");
+    LogCapture log;
+    auto recorder = std::make_shared<VideoRecorder>(
+        std::vector<LayoutPtr>{CaptureLayout::createWithScreen(m_device->screen(0), "Single")});
+    EXPECT_TRUE(recorder->start());
+    EXPECT_FALSE(recorder->isRecording());
+    EXPECT_FALSE(recorder->isDone());
+    EXPECT_EQ(log.count("Could not create bundle for recording"), 1u);
+}
+
+TEST_F(VideoRecorderTest, AnAudioInputThatIsGoneFailsTheStartAndKeepsTheBundle) {
+    PreferencesController::instance().setPreference(PreferenceCaptureGameAudioInput, "gone");
+    auto recorder = std::make_shared<VideoRecorder>(
+        std::vector<LayoutPtr>{CaptureLayout::createWithScreen(m_device->screen(0), "Single")});
+    LogCapture log;
+    EXPECT_FALSE(recorder->start());
+    EXPECT_FALSE(recorder->isRecording());
+    EXPECT_EQ(log.count("Could not construct connection of audio recording session"), 1u);
+    EXPECT_TRUE(QFileInfo(recorder->bundlePath()).isDir());
+    EXPECT_TRUE(calls().isEmpty());
+}
+
+} // namespace
+} // namespace zandor
