@@ -3,7 +3,7 @@ BUILD ?= build
 CMAKE_FLAGS ?=
 PREFIX ?= /usr/local
 
-.PHONY: run test bench build configure deps clean
+.PHONY: run test bench install build configure deps clean
 
 run: build
 	$(BUILD)/bin/zandor --board demo
@@ -14,6 +14,10 @@ test: build
 bench: configure
 	cmake --build $(BUILD) --target benchmarks
 	@for program in $(BUILD)/bench/*; do echo "== $$program"; "$$program" || exit 1; done
+
+# Installs under PREFIX (default /usr/local); DESTDIR works as usual.
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
 
 build: configure
 	cmake --build $(BUILD)

@@ -1,0 +1,49 @@
+#pragma once
+
+#include "layouts/CaptureLayout.h"
+
+#include <QImage>
+#include <QWidget>
+
+#include <memory>
+
+namespace zandor {
+
+class LayoutViewFeeder;
+
+// Draws the newest frame of the active layout stretched over its whole area, by nearest neighbour
+// so that pixel art stays sharp. A feeder thread takes the layout's frames as they come and asks
+// for a redraw; a frame is drawn at most twice (when it arrives and at the next redraw), after that
+// the view shows black until the next frame. Black also before any layout or frame.
+class CaptureLayoutView : public QWidget {
+    Q_OBJECT
+public:
+    explicit CaptureLayoutView(QWidget* parent = nullptr);
+    ~CaptureLayoutView() override;
+
+    using QWidget::setLayout;
+    // Shows another layout and forgets the frames of the previous one. The caller stops listening
+    // before and starts again after.
+    void setLayout(const LayoutPtr& layout);
+    bool startListening();
+    void stopListening();
+    bool isListening() const;
+
+    // Scales a frame of rows of red, green and blue bytes by nearest neighbour into `target`
+    // (Format_RGB32): target pixel (X, Y) shows the source pixel under its centre,
+    // ((2X + 1) * width / (2 * target width), (2Y + 1) * height / (2 * target height)).
+    static void scaleNearest(const uint8_t* rgb, int width, int height, QImage& target);
+
+signals:
+    // A new frame is waiting to be drawn (a redraw has been asked for).
+    void frameReceived();
+
+protected:
+    void paintEvent(QPaintEvent* event) override;
+
+private:
+    std::shared_ptr<LayoutViewFeeder> m_feeder;
+    QImage m_scaled; // reused from one draw to the next
+};
+
+} // namespace zandor

@@ -1,0 +1,593 @@
+#include "MainController.h"
+
+#include "CaptureLayoutView.h"
+#include "MainWindow.h"
+#include "MainWindowContentView.h"
+#include "NamedScreen.h"
+#include "ui_StatusSheet.h"
+#include "base/DetachedThread.h"
+#include "base/Log.h"
+#include "base/Notifier.h"
+#include "capture/CaptureDevice.h"
+#include "capture/UsbBoard.h"
+#include "layouts/LayoutController.h"
+#include "layouts/PluginController.h"
+#include "recording/ImageRecorder.h"
+#include "recording/VideoRecorder.h"
+#include "settings/CapturePreferencesView.h"
+#include "settings/Icons.h"
+#include "settings/PreferencesController.h"
+#include "settings/PreferencesWindow.h"
+#include "settings/ViewPreferencesView.h"
+
+#include <QApplication>
+#include <QCloseEvent>
+#include <QGuiApplication>
+#include <QMessageBox>
+#include <QScreen>
+#include <QVBoxLayout>
+#include <QWindow>
+
+#include <algorithm>
+#include <cmath>
+#include <thread>
+
+namespace zandor {
+
+namespace {
+
+MainController* g_instance = nullptr;
+
+// Halves away from zero.
+int roundPoint(double value) { return static_cast<int>(std::lround(value)); }
+
+// Reports of the video recorder arrive on its thread; they are handed to the GUI thread.
+class RecorderBridge final : public RecorderDelegate {
+public:
+    explicit RecorderBridge(MainController* controller) : m_controller(controller) {}
+    void recordDone() override {
+        QMetaObject::invokeMethod(
+            m_controller,
+            [controller = m_controller] {
+                if (controller) {
+                    controller->recordDone();
+                }
+            },
+            Qt::QueuedConnection);
+    }
+    void recordError(const QString& message) override {
+        QMetaObject::invokeMethod(
+            m_controller,
+            [controller = m_controller, message] {
+                if (controller) {
+                    controller->recordError(message);
+                }
+            },
+            Qt::QueuedConnection);
+    }
+
+private:
+    QPointer<MainController> m_controller;
+};
+
+QColor colorOf(const std::optional<Color>& color) {
+    if (!color) {
+        return Qt::black;
+    }
+    auto clamp = [](double component) { return std::clamp(component, 0.0, 1.0); };
+    return QColor::fromRgbF(static_cast<float>(clamp(color->red)), static_cast<float>(clamp(color->green)),
+                            static_cast<float>(clamp(color->blue)));
+}
+
+} // namespace
+
+MainController::MainController(std::unique_ptr<UsbBoard> board) {
+    m_device = CaptureDevice::create(std::move(board));
+}
+
+MainController::~MainController() {
+    if (g_instance == this) {
+        g_instance = nullptr;
+    }
+}
+
+MainController* MainController::instance() { return g_instance; }
+
+MainWindowContentView* MainController::mainView() const { return m_mainWindow->ui.mainView; }
+
+CaptureLayoutView* MainController::layoutView() const { return m_mainWindow->ui.layoutView; }
+
+void MainController::awakeFromNib() {
+    g_instance = this;
+    m_mainWindow = std::make_unique<MainWindow>();
+    m_statusWindow = std::make_unique<QDialog>(m_mainWindow.get());
+    m_statusUi = std::make_unique<::Ui::StatusSheet>();
+    m_statusUi->setupUi(m_statusWindow.get());
+    m_statusWindow->setWindowModality(Qt::WindowModal);
+
+    PreferencesController::instance();
+    PluginController::instance();
+    LayoutController::instance().setDevice(m_device);
+
+    QStringList screenNames;
+    for (const QScreen* screen : QGuiApplication::screens()) {
+        screenNames.append(NamedScreen::name(screen));
+    }
+    m_viewPreferences = new ViewPreferencesView(screenNames);
+    m_capturePreferences = new CapturePreferencesView;
+    m_preferencesWindow = std::make_unique<PreferencesWindow>(
+        QList<PreferencePane*>{m_viewPreferences, m_capturePreferences}, QStringLiteral("Preferences"));
+
+    ::Ui::MainWindow& ui = m_mainWindow->ui;
+    for (QAction* action : {ui.playPauseItem, ui.screenshotItem, ui.recordItem, ui.sizeOriginalItem,
+                            ui.sizeDoubleItem, ui.fullScreenItem, ui.preferencesItem, ui.quitItem}) {
+        // The shortcuts work in full screen too, where the picture is outside the main window.
+        action->setShortcutContext(Qt::ApplicationShortcut);
+    }
+    ui.sizeOriginalItem->setData(1);
+    ui.sizeDoubleItem->setData(2);
+    ui.fullScreenItem->setIcon(icon(QStringLiteral("toolbar_view")));
+    ui.preferencesItem->setIcon(icon(QStringLiteral("toolbar_preferences")));
+    ui.screenshotItem->setIcon(icon(QStringLiteral("toolbar_view")));
+    ui.recordItem->setIcon(icon(QStringLiteral("toolbar_record")));
+    connect(ui.playPauseItem, &QAction::triggered, this, &MainController::playPauseAction);
+    connect(ui.screenshotItem, &QAction::triggered, this, &MainController::recordScreenshotAction);
+    connect(ui.recordItem, &QAction::triggered, this, &MainController::recordVideoAction);
+    connect(ui.sizeOriginalItem, &QAction::triggered, this, [this] { selectSizeAction(m_mainWindow->ui.sizeOriginalItem); });
+    connect(ui.sizeDoubleItem, &QAction::triggered, this, [this] { selectSizeAction(m_mainWindow->ui.sizeDoubleItem); });
+    connect(ui.fullScreenItem, &QAction::triggered, this, &MainController::toggleFullScreen);
+    connect(ui.preferencesItem, &QAction::triggered, this, &MainController::showPreferences);
+    connect(ui.aboutItem, &QAction::triggered, this, &MainController::showAbout);
+    connect(ui.quitItem, &QAction::triggered, m_mainWindow.get(), &QWidget::close);
+
+    m_mainWindow->shouldClose = [this] { return attemptExit(); };
+    m_mainWindow->willResize = [this](QSize proposed) { return windowWillResize(proposed); };
+    m_mainWindow->didResize = [this] { updateLayoutViewFrame(); };
+
+    setupView();
+
+    connect(Notifier::instance(), &Notifier::notified, this,
+            [this](const QString& name, const QVariant& object, const QVariantMap&) {
+                if (name == PluginInstalledNotification) {
+                    installedPlugin(object.value<PluginPtr>());
+                }
+            });
+}
+
+void MainController::setupView() {
+    PreferencesController& preferences = PreferencesController::instance();
+    if (preferences.preference(PreferenceFirstRun).toBool()) {
+        showAbout();
+        preferences.setPreference(PreferenceFirstRun, false);
+    }
+    QPalette palette = m_mainWindow->palette();
+    palette.setColor(QPalette::Window, Qt::black);
+    mainView()->setPalette(palette);
+    setPlayPause(true);
+    enableRecorders(false);
+    setVideoRecording(false);
+    setupMainMenu();
+    connect(Notifier::instance(), &Notifier::notified, this,
+            [this](const QString& name, const QVariant& object, const QVariantMap& userInfo) {
+                if (name == MainWindowContentViewKeyNotification && object.value<QObject*>() == mainView()) {
+                    if (auto event = userInfo.value(MainWindowContentViewKeyEvent).value<KeyEventPtr>()) {
+                        keyPressed(*event);
+                    }
+                }
+            });
+    const auto& layouts = LayoutController::instance().layouts();
+    if (layouts.empty()) {
+        // The application's own plugins are missing: show a screen alone rather than nothing.
+        log("No layout plugin found in %s", qUtf8Printable(PluginController::appPluginFolder()));
+        setActiveLayout(LayoutController::instance().screenLayouts()[0]);
+    } else {
+        setActiveLayout(layouts.front());
+    }
+}
+
+void MainController::setupMainMenu() {
+    QMenu* menu = m_mainWindow->ui.activeLayoutMenu;
+    menu->clear();
+    for (const LayoutMenuItem& item : LayoutController::instance().menuItems()) {
+        if (item.separator) {
+            menu->addSeparator();
+            continue;
+        }
+        QAction* action = menu->addAction(item.title);
+        action->setCheckable(true);
+        connect(action, &QAction::triggered, this, [this, action] { selectActiveLayoutAction(action); });
+    }
+}
+
+void MainController::selectActiveLayoutAction(QAction* item) {
+    if (auto layout = LayoutController::instance().layoutNamed(item->text())) {
+        setActiveLayout(layout);
+    } else if (m_activeLayout) {
+        item->setChecked(item->text() == m_activeLayout->name());
+    }
+}
+
+QRect MainController::keepLowerLeft(QSize size) const {
+    const QRect old = m_mainWindow->geometry();
+    if (!m_mainWindow->isVisible()) {
+        return QRect(old.topLeft(), size); // not placed yet: the desktop places it when shown
+    }
+    QRect frame(old.left(), old.top() + old.height() - size.height(), size.width(), size.height());
+    // Never push the title bar off the top of the screen.
+    if (const QScreen* screen = m_mainWindow->screen()) {
+        frame.moveTop(std::max(frame.top(), screen->availableGeometry().top()));
+    }
+    return frame;
+}
+
+QSize MainController::decoration() const {
+    m_mainWindow->ensurePolished();
+    if (QLayout* layout = m_mainWindow->layout()) {
+        layout->activate();
+    }
+    return m_mainWindow->size() - mainView()->size();
+}
+
+void MainController::setActiveLayout(const LayoutPtr& layout) {
+    if (!layout) {
+        return;
+    }
+    const bool listening = layoutView()->isListening();
+    layoutView()->stopListening();
+    if (m_activeLayout) {
+        m_activeLayout->stopListening();
+    }
+    m_activeLayout = layout;
+
+    // The window's content takes the layout's natural size; its lower-left corner stays put.
+    const QSize natural(static_cast<int>(layout->width()), static_cast<int>(layout->height()));
+    const QSize frameSize = natural + decoration();
+    const QRect frame = keepLowerLeft(frameSize);
+
+    updateBackground();
+    layoutView()->setLayout(layout);
+    for (QAction* item : m_mainWindow->ui.activeLayoutMenu->actions()) {
+        item->setChecked(!item->isSeparator() && item->text() == layout->name());
+    }
+    if (listening) {
+        // The view subscribes first, so that the layout finds a consumer when its thread starts.
+        layoutView()->startListening();
+        layout->startListening();
+    }
+    if (layout->isResizable()) {
+        m_mainWindow->setMinimumSize(frameSize);
+        m_mainWindow->setMaximumSize(QWIDGETSIZE_MAX, QWIDGETSIZE_MAX);
+    } else {
+        m_mainWindow->setFixedSize(frameSize);
+    }
+    if (!isFullScreen()) {
+        m_mainWindow->setGeometry(frame);
+    }
+    updateLayoutViewFrame();
+}
+
+void MainController::updateBackground() {
+    if (m_activeLayout) {
+        const QColor color = colorOf(m_activeLayout->background());
+        QPalette palette = m_mainWindow->palette();
+        palette.setColor(QPalette::Window, color);
+        mainView()->setPalette(palette);
+        mainView()->setBackground(color);
+    }
+}
+
+void MainController::playPauseAction() {
+    if (m_device->isListening()) {
+        m_device->stopListening();
+        layoutView()->stopListening();
+        if (m_activeLayout) {
+            m_activeLayout->stopListening();
+        }
+        setPlayPause(true);
+        enableRecorders(false);
+        return;
+    }
+    if (!m_device->startListening()) {
+        displayMessage(QStringLiteral("Could not connect to device."),
+                       QStringLiteral("It was not possible to connect to the capture device. Please insert the cable "
+                                      "or check whether it is inserted correctly."),
+                       0);
+        return;
+    }
+    layoutView()->startListening();
+    if (m_activeLayout) {
+        m_activeLayout->startListening();
+    }
+    setPlayPause(false);
+    enableRecorders(true);
+}
+
+void MainController::setPlayPause(bool showPlay) {
+    QAction* item = m_mainWindow->ui.playPauseItem;
+    item->setIcon(icon(showPlay ? QStringLiteral("toolbar_play") : QStringLiteral("toolbar_pause")));
+    item->setText(showPlay ? QStringLiteral("Play") : QStringLiteral("Pause"));
+}
+
+void MainController::enableRecorders(bool enabled) {
+    m_mainWindow->ui.recordItem->setEnabled(enabled);
+    m_mainWindow->ui.screenshotItem->setEnabled(enabled);
+}
+
+std::vector<LayoutPtr> MainController::captureLayouts() {
+    LayoutPtr candidate = m_activeLayout;
+    const QString chosen = PreferencesController::instance().preference(PreferenceCaptureLayout).toString();
+    if (chosen != QLatin1String("Active Layout")) {
+        candidate = LayoutController::instance().layoutNamed(chosen);
+    }
+    if (candidate) {
+        return {candidate};
+    }
+    const auto& screens = LayoutController::instance().screenLayouts();
+    return {screens.begin(), screens.end()};
+}
+
+void MainController::recordScreenshotAction() {
+    if (m_imageRecorder && m_imageRecorder->isRecording()) {
+        return;
+    }
+    m_imageRecorder = std::make_shared<ImageRecorder>(captureLayouts());
+    m_imageRecorder->start();
+}
+
+void MainController::recordVideoAction() {
+    if (m_videoRecorder && m_videoRecorder->isRecording()) {
+        displayStatus(QStringLiteral("Finalizing video..."));
+        m_videoRecorder->stop();
+        return;
+    }
+    m_videoRecorder = std::make_shared<VideoRecorder>(captureLayouts());
+    m_videoRecorder->setDelegate(std::make_shared<RecorderBridge>(this));
+    if (m_videoRecorder->start()) {
+        setVideoRecording(true);
+    } else {
+        displayMessage(QStringLiteral("Could not start recording video."),
+                       QStringLiteral("It was somehow not possible to start recording video. You may want to try "
+                                      "again or verify whether the application has writing rights in the specified "
+                                      "output folder."),
+                       2, QStringLiteral("toolbar_record"));
+    }
+}
+
+void MainController::setVideoRecording(bool recording) {
+    if (!recording || !m_videoRecorder) {
+        return; // the blinking thread puts the items back when the recording ends
+    }
+    m_mainWindow->ui.playPauseItem->setEnabled(false);
+    m_mainWindow->ui.recordItem->setText(QStringLiteral("Stop"));
+    DetachedThread::start("zandor-blink", [controller = QPointer<MainController>(this), recorder = m_videoRecorder] {
+        if (controller) {
+            controller->blinkRecording(recorder);
+        }
+    });
+}
+
+void MainController::blinkRecording(std::shared_ptr<VideoRecorder> recorder) {
+    // Runs on its own thread; the toolbar is changed on the GUI thread.
+    QPointer<MainController> controller(this);
+    auto onGui = [controller](auto work) {
+        QMetaObject::invokeMethod(
+            qApp,
+            [controller, work] {
+                if (controller) {
+                    work(*controller);
+                }
+            },
+            Qt::QueuedConnection);
+    };
+    bool phase = false;
+    while (controller && !recorder->isDone()) {
+        const QString image = phase ? QStringLiteral("toolbar_stop_alt") : QStringLiteral("toolbar_stop");
+        onGui([image](MainController& c) { c.m_mainWindow->ui.recordItem->setIcon(icon(image)); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(phase ? 500 : 700));
+        phase = !phase;
+    }
+    onGui([](MainController& c) {
+        c.m_mainWindow->ui.recordItem->setIcon(icon(QStringLiteral("toolbar_record")));
+        c.m_mainWindow->ui.recordItem->setText(QStringLiteral("Record"));
+        c.m_mainWindow->ui.playPauseItem->setEnabled(true);
+    });
+}
+
+void MainController::recordDone() { hideStatus(); }
+
+void MainController::recordError(const QString& message) {
+    hideStatus();
+    displayMessage(QStringLiteral("Could not finalize the video."),
+                   QStringLiteral("It was not possible to record the video. %1").arg(message), 2,
+                   QStringLiteral("toolbar_record"));
+}
+
+void MainController::displayStatus(const QString& text) {
+    m_statusUi->statusLabel->setText(text);
+    m_statusUi->statusProgress->setRange(0, 0);
+    m_statusWindow->open();
+}
+
+void MainController::hideStatus() {
+    m_statusUi->statusProgress->setRange(0, 1);
+    m_statusWindow->hide();
+}
+
+void MainController::displayMessage(const QString& title, const QString& text, int style, const QString& image) {
+    const QMessageBox::Icon kind = style == 2   ? QMessageBox::Critical
+                                   : style == 1 ? QMessageBox::Information
+                                                : QMessageBox::Warning;
+    auto* alert = new QMessageBox(kind, QStringLiteral("Zandor"), title, QMessageBox::Ok, m_mainWindow.get());
+    alert->setInformativeText(text);
+    if (!image.isEmpty()) {
+        alert->setIconPixmap(icon(image).pixmap(64, 64));
+    }
+    alert->setWindowModality(Qt::WindowModal);
+    alert->setAttribute(Qt::WA_DeleteOnClose);
+    alert->open();
+}
+
+void MainController::showAbout() {
+    auto* about = new QMessageBox(QMessageBox::NoIcon, QStringLiteral("About Zandor"),
+                                  QStringLiteral("<b>Zandor</b>"), QMessageBox::Ok, m_mainWindow.get());
+    about->setObjectName(QStringLiteral("aboutWindow"));
+    about->setInformativeText(QStringLiteral(
+        "Live view, screenshots and video recording for the dual-screen handheld console's capture board."));
+    about->setIconPixmap(icon(QStringLiteral("zandor")).pixmap(64, 64));
+    about->setAttribute(Qt::WA_DeleteOnClose);
+    about->show();
+}
+
+void MainController::showPreferences() { m_preferencesWindow->showWindow(); }
+
+void MainController::installedPlugin(const PluginPtr& plugin) {
+    if (!plugin || plugin->type() != Plugin::LayoutType) {
+        return;
+    }
+    auto layout = LayoutController::instance().addPlugin(std::static_pointer_cast<LayoutPlugin>(plugin));
+    setupMainMenu();
+    setActiveLayout(layout);
+}
+
+void MainController::keyPressed(const QKeyEvent& event) {
+    if (event.key() == Qt::Key_Escape && isFullScreen()) {
+        toggleFullScreen();
+    }
+}
+
+bool MainController::attemptExit() {
+    if (m_videoRecorder && m_videoRecorder->isRecording()) {
+        displayMessage(QStringLiteral("Please stop recording first."),
+                       QStringLiteral("You are currently recording a video. Please stop the recording first before "
+                                      "attempting to close the application."),
+                       0);
+        return false;
+    }
+    return true;
+}
+
+QSize MainController::sizeForResize(QSize proposed, QSize decoration, QSize natural, bool resizable) {
+    const QSize minimum = natural + decoration;
+    if (!resizable) {
+        return minimum;
+    }
+    const double ratio = static_cast<double>(natural.height()) / natural.width();
+    // The width leads and the height follows.
+    const double width = proposed.width() + decoration.width();
+    const double height = proposed.width() * ratio + decoration.height();
+    if (width < minimum.width() || height < minimum.height()) {
+        return minimum;
+    }
+    return {roundPoint(width), roundPoint(height)};
+}
+
+QSize MainController::windowWillResize(QSize proposed) {
+    if (!m_activeLayout || isFullScreen()) {
+        return proposed;
+    }
+    const QSize natural(static_cast<int>(m_activeLayout->width()), static_cast<int>(m_activeLayout->height()));
+    const QSize decor = decoration();
+    // Our windows have no side borders: the proposed width is the content's width.
+    return sizeForResize(QSize(proposed.width() - decor.width(), proposed.height()), decor, natural,
+                         m_activeLayout->isResizable());
+}
+
+QRect MainController::layoutViewFrame(QSize content, QSize natural, bool resizable, bool fullScreen, int maxScale,
+                                      QPoint currentOrigin) {
+    if (!resizable) {
+        return QRect(currentOrigin, natural);
+    }
+    const double W = content.width(), H = content.height();
+    const double width = natural.width(), height = natural.height();
+    int w = roundPoint(W), h = roundPoint(W * height / width);
+    if (H < h) {
+        w = roundPoint(H * width / height);
+        h = roundPoint(H);
+    }
+    if (fullScreen && maxScale > 0 && w / width > maxScale) {
+        w = roundPoint(width * maxScale);
+        h = roundPoint(height * maxScale);
+    }
+    return QRect(roundPoint((W - w) / 2), roundPoint((H - h) / 2), w, h);
+}
+
+void MainController::updateLayoutViewFrame() {
+    if (!m_activeLayout) {
+        return;
+    }
+    const QSize natural(static_cast<int>(m_activeLayout->width()), static_cast<int>(m_activeLayout->height()));
+    const bool resizable = m_activeLayout->isResizable();
+    const int maxScale =
+        static_cast<int>(PreferencesController::instance().preference(PreferenceFullscreenMaxScale).toLongLong());
+    const QRect frame =
+        layoutViewFrame(mainView()->size(), natural, resizable, isFullScreen(), maxScale, layoutView()->pos());
+    layoutView()->setGeometry(frame);
+
+    ::Ui::MainWindow& ui = m_mainWindow->ui;
+    ui.sizeOriginalItem->setEnabled(resizable);
+    ui.sizeDoubleItem->setEnabled(resizable);
+    ui.sizeOriginalItem->setChecked(frame.size() == natural);
+    ui.sizeDoubleItem->setChecked(frame.size() != natural && frame.size() == natural * 2);
+}
+
+void MainController::selectSizeAction(QAction* item) {
+    if (!m_activeLayout || !m_activeLayout->isResizable() || isFullScreen()) {
+        updateLayoutViewFrame();
+        return;
+    }
+    const int scale = item->data().toInt();
+    const QSize content(static_cast<int>(m_activeLayout->width()) * scale,
+                        static_cast<int>(m_activeLayout->height()) * scale);
+    m_mainWindow->setGeometry(keepLowerLeft(content + decoration()));
+    updateLayoutViewFrame();
+}
+
+void MainController::toggleFullScreen() {
+    if (isFullScreen()) {
+        m_fullScreenWindow->layout()->removeWidget(mainView());
+        m_mainWindow->setCentralWidget(mainView());
+        m_fullScreenWindow.reset();
+        m_mainWindow->activateWindow();
+        updateLayoutViewFrame();
+        return;
+    }
+    // The display chosen by name, else the first one; only that display is taken over.
+    const QString chosen = PreferencesController::instance().preference(PreferenceFullscreenScreen).toString();
+    const auto screens = QGuiApplication::screens();
+    QScreen* screen = screens.isEmpty() ? nullptr : screens.front();
+    for (QScreen* candidate : screens) {
+        if (NamedScreen::name(candidate) == chosen) {
+            screen = candidate;
+            break;
+        }
+    }
+    m_fullScreenWindow = std::make_unique<QWidget>(nullptr, Qt::Window | Qt::FramelessWindowHint);
+    m_fullScreenWindow->setObjectName(QStringLiteral("fullScreenWindow"));
+    m_fullScreenWindow->setWindowTitle(QStringLiteral("Zandor"));
+    auto* box = new QVBoxLayout(m_fullScreenWindow.get());
+    box->setContentsMargins(0, 0, 0, 0);
+    box->addWidget(m_mainWindow->takeCentralWidget());
+    if (screen) {
+        m_fullScreenWindow->setGeometry(screen->geometry());
+        m_fullScreenWindow->winId();
+        m_fullScreenWindow->windowHandle()->setScreen(screen);
+    }
+    m_fullScreenWindow->showFullScreen();
+    mainView()->setFocus();
+    updateLayoutViewFrame();
+}
+
+void MainController::shutdown() {
+    if (m_videoRecorder && !m_videoRecorder->isRecording() && !m_videoRecorder->isDone()) {
+        // A recording being finalised: its files are finished before the application goes.
+        m_videoRecorder->waitUntilFinished(std::chrono::minutes(30));
+    }
+    m_device->stopListening();
+    layoutView()->stopListening();
+    if (m_activeLayout) {
+        m_activeLayout->stopListening();
+    }
+    DetachedThread::waitForAll(std::chrono::seconds(3));
+}
+
+} // namespace zandor

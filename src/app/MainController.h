@@ -1,0 +1,129 @@
+#pragma once
+
+#include "layouts/CaptureLayout.h"
+#include "layouts/Plugin.h"
+
+#include <QObject>
+#include <QPointer>
+#include <QRect>
+#include <QSize>
+
+#include <memory>
+#include <vector>
+
+class QAction;
+class QDialog;
+class QKeyEvent;
+class QWidget;
+namespace Ui {
+class StatusSheet;
+}
+
+namespace zandor {
+
+class CaptureDevice;
+class CaptureLayoutView;
+class CapturePreferencesView;
+class ImageRecorder;
+class MainWindow;
+class MainWindowContentView;
+class PreferencesWindow;
+class UsbBoard;
+class VideoRecorder;
+class ViewPreferencesView;
+
+// Joins the capture device, the layout catalogue, the recorders and the preferences to the main
+// window, its toolbar and menus; sizes the window to the active layout and takes the picture to
+// full screen. Exists once; everything runs on the GUI thread but the recorders' reports and the
+// record button's blinking, which are handed to it.
+class MainController : public QObject {
+    Q_OBJECT
+public:
+    explicit MainController(std::unique_ptr<UsbBoard> board);
+    ~MainController() override;
+
+    static MainController* instance();
+
+    // Builds everything, in start-up order, and shows nothing yet.
+    void awakeFromNib();
+
+    MainWindow* mainWindow() const { return m_mainWindow.get(); }
+    const std::shared_ptr<CaptureDevice>& device() const { return m_device; }
+    const LayoutPtr& activeLayout() const { return m_activeLayout; }
+    const std::shared_ptr<ImageRecorder>& imageRecorder() const { return m_imageRecorder; }
+    const std::shared_ptr<VideoRecorder>& videoRecorder() const { return m_videoRecorder; }
+    PreferencesWindow* preferencesWindow() const { return m_preferencesWindow.get(); }
+
+    // Actions of the menus and the toolbar.
+    void playPauseAction();
+    void recordScreenshotAction();
+    void recordVideoAction();
+    void selectActiveLayoutAction(QAction* item);
+    void showPreferences();
+    void selectSizeAction(QAction* item);
+    void toggleFullScreen();
+    void showAbout();
+
+    void setActiveLayout(const LayoutPtr& layout);
+    void setPlayPause(bool showPlay);
+    void setVideoRecording(bool recording);
+    void enableRecorders(bool enabled);
+
+    // The layouts a screenshot or a recording captures.
+    std::vector<LayoutPtr> captureLayouts();
+    // Whether the application may quit now; says why not.
+    bool attemptExit();
+
+    void displayStatus(const QString& text);
+    void hideStatus();
+    // A window-modal alert that does not wait: style 0 warning, 1 information, 2 critical; the
+    // image is a toolbar image's name, or empty for the standard one.
+    void displayMessage(const QString& title, const QString& text, int style, const QString& image = {});
+
+    // The video recorder's reports, on the GUI thread.
+    void recordDone();
+    void recordError(const QString& message);
+
+    void installedPlugin(const PluginPtr& plugin);
+    void keyPressed(const QKeyEvent& event);
+
+    // Window sizing.
+    QSize windowWillResize(QSize proposed);
+    void updateLayoutViewFrame();
+    bool isFullScreen() const { return m_fullScreenWindow != nullptr; }
+    // The window size for a proposed one: natural size plus decoration for a fixed layout; else
+    // the proposed width as content width with the layout's proportions, never below natural.
+    static QSize sizeForResize(QSize proposed, QSize decoration, QSize natural, bool resizable);
+    // Where the layout view goes in a content area: fitted, centred, capped in full screen.
+    static QRect layoutViewFrame(QSize content, QSize natural, bool resizable, bool fullScreen, int maxScale,
+                                 QPoint currentOrigin);
+
+    // Stops the picture and waits, bounded, for the pipeline's threads; waits for a recording
+    // that is being finalised, so that no finished file is lost at quit.
+    void shutdown();
+
+private:
+    void setupView();
+    void setupMainMenu();
+    void updateBackground();
+    void blinkRecording(std::shared_ptr<VideoRecorder> recorder);
+    QSize decoration() const;
+    // A window frame of the given size whose lower-left corner stays where the window's is.
+    QRect keepLowerLeft(QSize size) const;
+    MainWindowContentView* mainView() const;
+    CaptureLayoutView* layoutView() const;
+
+    std::shared_ptr<CaptureDevice> m_device;
+    std::unique_ptr<MainWindow> m_mainWindow;
+    std::unique_ptr<QDialog> m_statusWindow;
+    std::unique_ptr<::Ui::StatusSheet> m_statusUi;
+    std::unique_ptr<PreferencesWindow> m_preferencesWindow;
+    ViewPreferencesView* m_viewPreferences = nullptr;       // owned by the preferences window
+    CapturePreferencesView* m_capturePreferences = nullptr; // owned by the preferences window
+    std::unique_ptr<QWidget> m_fullScreenWindow;
+    LayoutPtr m_activeLayout;
+    std::shared_ptr<ImageRecorder> m_imageRecorder;
+    std::shared_ptr<VideoRecorder> m_videoRecorder;
+};
+
+} // namespace zandor

@@ -1,0 +1,178 @@
+#include "CapturePreferencesView.h"
+
+#include "Icons.h"
+#include "PreferencesController.h"
+#include "layouts/LayoutController.h"
+#include "recording/VideoQuality.h"
+#include "ui_CapturePreferencesView.h"
+
+#include <QAudioDevice>
+#include <QFileDialog>
+#include <QMediaDevices>
+
+namespace zandor {
+namespace {
+
+const QString ActiveLayout = QStringLiteral("Active Layout");
+const QString NoLayout = QStringLiteral("None");
+const QString NoAudioInput = QStringLiteral("None");
+
+QString storedString(const QString& key) {
+    return PreferencesController::instance().preference(key).toString();
+}
+
+// The index of the last item titled `title`, separators aside; -1 when there is none.
+int lastItemTitled(const QComboBox* popup, const QString& title) {
+    int found = -1;
+    for (int i = 0; i < popup->count(); ++i) {
+        if (popup->itemData(i, Qt::AccessibleDescriptionRole).toString() != QLatin1String("separator") &&
+            popup->itemText(i) == title) {
+            found = i;
+        }
+    }
+    return found;
+}
+
+} // namespace
+
+CapturePreferencesView::CapturePreferencesView(QWidget* parent)
+    : PreferencePane(parent), m_ui(std::make_unique<Ui::CapturePreferencesView>()) {
+    m_ui->setupUi(this);
+
+    if (const QString folder = storedString(PreferenceCaptureStorageFolder); !folder.isEmpty()) {
+        m_ui->capturePathControl->setPath(folder);
+    }
+    fillLayouts();
+    fillQualities();
+    if (const int index = lastItemTitled(m_ui->fpsPopup, storedString(PreferenceCaptureVideoFPS));
+        index >= 0) {
+        m_ui->fpsPopup->setCurrentIndex(index);
+    }
+    fillAudioInputs();
+    // The image format shows the interface's choice whatever is stored; only a pick of the user
+    // changes the stored format.
+
+    // Only the user's own choices write: these signals do not fire while the controls are filled.
+    connect(m_ui->capturePathControl, &PathControl::folderClicked, this,
+            &CapturePreferencesView::selectStorageFolderAction);
+    connect(m_ui->chooseStorageFolderButton, &QPushButton::clicked, this,
+            &CapturePreferencesView::chooseStorageFolder);
+    connect(m_ui->layoutPopup, &QComboBox::activated, this,
+            &CapturePreferencesView::selectCaptureLayoutAction);
+    connect(m_ui->qualityPopup, &QComboBox::activated, this, &CapturePreferencesView::selectQualityAction);
+    connect(m_ui->fpsPopup, &QComboBox::activated, this,
+            &CapturePreferencesView::selectFramesPerSecondAction);
+    connect(m_ui->audioGamePopup, &QComboBox::activated, this,
+            [this](int index) { selectAudioInput(m_ui->audioGamePopup, index); });
+    connect(m_ui->audioNarratorPopup, &QComboBox::activated, this,
+            [this](int index) { selectAudioInput(m_ui->audioNarratorPopup, index); });
+    connect(m_ui->imageFormatPopup, &QComboBox::activated, this,
+            &CapturePreferencesView::selectImageFormatAction);
+}
+
+CapturePreferencesView::~CapturePreferencesView() = default;
+
+QString CapturePreferencesView::identifier() const {
+    return QStringLiteral("Capture");
+}
+QString CapturePreferencesView::toolbarItemLabel() const {
+    return tr("Capture");
+}
+QIcon CapturePreferencesView::toolbarItemImage() const {
+    return icon(QStringLiteral("toolbar_record"));
+}
+
+void CapturePreferencesView::fillLayouts() {
+    QComboBox* popup = m_ui->layoutPopup;
+    popup->addItem(ActiveLayout);
+    popup->insertSeparator(popup->count());
+    popup->addItem(NoLayout);
+    popup->insertSeparator(popup->count());
+    for (const LayoutMenuItem& item : LayoutController::instance().menuItems()) {
+        if (item.separator) {
+            popup->insertSeparator(popup->count());
+        } else {
+            popup->addItem(item.title);
+        }
+    }
+    // A stored layout that is no longer offered selects nothing; it stays stored until the user
+    // picks another.
+    popup->setCurrentIndex(lastItemTitled(popup, storedString(PreferenceCaptureLayout)));
+}
+
+void CapturePreferencesView::fillQualities() {
+    QComboBox* popup = m_ui->qualityPopup;
+    for (const VideoQualityPtr& quality : VideoQuality::videoQualities()) {
+        popup->addItem(quality->name());
+    }
+    popup->setCurrentIndex(lastItemTitled(popup, storedString(PreferenceCaptureVideoQuality)));
+}
+
+void CapturePreferencesView::fillAudioInputs() {
+    const QString game = storedString(PreferenceCaptureGameAudioInput);
+    const QString narrator = storedString(PreferenceCaptureNarratorAudioInput);
+    for (QComboBox* popup : {m_ui->audioGamePopup, m_ui->audioNarratorPopup}) {
+        popup->addItem(tr("None"), NoAudioInput);
+        popup->insertSeparator(popup->count());
+        popup->setCurrentIndex(0);
+    }
+    // The devices present now; one plugged in later shows at the next start.
+    for (const QAudioDevice& device : QMediaDevices::audioInputs()) {
+        const QString id = QString::fromUtf8(device.id());
+        for (QComboBox* popup : {m_ui->audioGamePopup, m_ui->audioNarratorPopup}) {
+            popup->addItem(device.description(), id);
+        }
+        if (id == game) {
+            m_ui->audioGamePopup->setCurrentIndex(m_ui->audioGamePopup->count() - 1);
+        }
+        if (id == narrator) {
+            m_ui->audioNarratorPopup->setCurrentIndex(m_ui->audioNarratorPopup->count() - 1);
+        }
+    }
+}
+
+void CapturePreferencesView::selectStorageFolderAction(const QString& folder) {
+    m_ui->capturePathControl->setPath(folder);
+    PreferencesController::instance().setPreference(PreferenceCaptureStorageFolder,
+                                                    m_ui->capturePathControl->path());
+}
+
+void CapturePreferencesView::chooseStorageFolder() {
+    const QString folder = QFileDialog::getExistingDirectory(this, tr("Choose Where to Save Captures"),
+                                                             m_ui->capturePathControl->path());
+    if (!folder.isEmpty()) {
+        selectStorageFolderAction(folder);
+    }
+}
+
+void CapturePreferencesView::selectCaptureLayoutAction(int index) {
+    PreferencesController::instance().setPreference(PreferenceCaptureLayout,
+                                                    m_ui->layoutPopup->itemText(index));
+}
+
+void CapturePreferencesView::selectFramesPerSecondAction(int index) {
+    PreferencesController::instance().setPreference(PreferenceCaptureVideoFPS,
+                                                    m_ui->fpsPopup->itemText(index));
+}
+
+void CapturePreferencesView::selectQualityAction(int index) {
+    PreferencesController::instance().setPreference(PreferenceCaptureVideoQuality,
+                                                    m_ui->qualityPopup->itemText(index));
+}
+
+void CapturePreferencesView::selectAudioInput(QComboBox* popup, int index) {
+    const QVariant input = popup->itemData(index);
+    if (popup == m_ui->audioGamePopup) {
+        PreferencesController::instance().setPreference(PreferenceCaptureGameAudioInput, input.toString());
+    } else if (popup == m_ui->audioNarratorPopup) {
+        PreferencesController::instance().setPreference(PreferenceCaptureNarratorAudioInput,
+                                                        input.toString());
+    }
+}
+
+void CapturePreferencesView::selectImageFormatAction(int index) {
+    PreferencesController::instance().setPreference(PreferenceCaptureImageFormat,
+                                                    m_ui->imageFormatPopup->itemText(index));
+}
+
+} // namespace zandor

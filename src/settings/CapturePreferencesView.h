@@ -1,0 +1,43 @@
+#pragma once
+
+#include "PreferencePane.h"
+
+#include <memory>
+
+class QComboBox;
+
+namespace zandor {
+
+namespace Ui {
+class CapturePreferencesView;
+}
+
+// Where screenshots and recordings go and what they hold: the storage folder, the image format, the
+// layout to capture, the video quality and frame rate, and the two audio inputs.
+class CapturePreferencesView : public PreferencePane {
+    Q_OBJECT
+public:
+    explicit CapturePreferencesView(QWidget* parent = nullptr);
+    ~CapturePreferencesView() override;
+
+    QString identifier() const override;
+    QString toolbarItemLabel() const override;
+    QIcon toolbarItemImage() const override;
+
+private:
+    void fillLayouts();
+    void fillQualities();
+    void fillAudioInputs();
+
+    void selectStorageFolderAction(const QString& folder);
+    void chooseStorageFolder();
+    void selectCaptureLayoutAction(int index);
+    void selectFramesPerSecondAction(int index);
+    void selectQualityAction(int index);
+    void selectAudioInput(QComboBox* popup, int index);
+    void selectImageFormatAction(int index);
+
+    std::unique_ptr<Ui::CapturePreferencesView> m_ui;
+};
+
+} // namespace zandor

@@ -1,0 +1,134 @@
+#include "GatedBoard.h"
+#include "base/DetachedThread.h"
+#include "base/Notifier.h"
+#include "app/CaptureLayoutView.h"
+#include "app/MainWindowContentView.h"
+#include "capture/CaptureDevice.h"
+#include "layouts/CaptureLayout.h"
+
+#include <gtest/gtest.h>
+
+#include <QSignalSpy>
+#include <QTest>
+
+#include <random>
+
+namespace zandor {
+namespace {
+
+using namespace std::chrono_literals;
+
+class CaptureLayoutViewTest : public ::testing::Test {
+protected:
+    void TearDown() override {
+        m_view.stopListening();
+        EXPECT_TRUE(DetachedThread::waitForAll(20s));
+    }
+
+    CaptureDataPtr randomFrame(const CaptureLayout& layout) {
+        auto frame = CaptureData::create(layout.size());
+        for (uint64_t i = 0; i < frame->size(); ++i) {
+            frame->data()[i] = static_cast<uint8_t>(m_random());
+        }
+        return frame;
+    }
+
+    // Publishes frames as the layout would and waits until the view has them all.
+    void deliver(const LayoutPtr& layout, std::initializer_list<CaptureDataPtr> frames) {
+        QSignalSpy received(&m_view, &CaptureLayoutView::frameReceived);
+        for (const auto& frame : frames) {
+            layout->add(frame);
+        }
+        while (received.count() < static_cast<int>(frames.size())) {
+            ASSERT_TRUE(received.wait(20000));
+        }
+    }
+
+    // What the view should show: the frame scaled by nearest neighbour, pixel centres sampled.
+    static QImage expected(const CaptureLayout& layout, const CaptureData& frame, QSize size) {
+        QImage image(size, QImage::Format_RGB32);
+        const int w = static_cast<int>(layout.width()), h = static_cast<int>(layout.height());
+        for (int y = 0; y < size.height(); ++y) {
+            for (int x = 0; x < size.width(); ++x) {
+                const int sx = static_cast<int>((x + 0.5) * w / size.width());
+                const int sy = static_cast<int>((y + 0.5) * h / size.height());
+                const uint8_t* p = frame.data() + (sy * w + sx) * 3;
+                image.setPixel(x, y, qRgb(p[0], p[1], p[2]));
+            }
+        }
+        return image;
+    }
+
+    static bool isBlack(const QImage& image) {
+        for (int y = 0; y < image.height(); ++y) {
+            for (int x = 0; x < image.width(); ++x) {
+                if ((image.pixel(x, y) & 0xFFFFFF) != 0) {
+                    return false;
+                }
+            }
+        }
+        return true;
+    }
+
+    QImage draw() { return m_view.grab().toImage().convertToFormat(QImage::Format_RGB32); }
+
+    std::mt19937 m_random{5};
+    std::shared_ptr<CaptureDevice> m_device = CaptureDevice::create(std::make_unique<test::GatedBoard>());
+    LayoutPtr m_top = CaptureLayout::createWithScreen(m_device->screen(0), "Top");
+    CaptureLayoutView m_view;
+};
+
+TEST_F(CaptureLayoutViewTest, DrawsTheFrameStretchedByNearestNeighbour) {
+    EXPECT_TRUE(isBlack(draw())) << "black before any layout";
+    m_view.setLayout(m_top);
+    ASSERT_TRUE(m_view.startListening());
+    EXPECT_TRUE(isBlack(draw())) << "black before any frame";
+    for (QSize size : {QSize(400, 240), QSize(800, 480), QSize(1001, 333), QSize(123, 77)}) {
+        m_view.resize(size);
+        auto frame = randomFrame(*m_top);
+        deliver(m_top, {frame});
+        EXPECT_EQ(draw(), expected(*m_top, *frame, size)) << size.width() << "x" << size.height();
+    }
+}
+
+TEST_F(CaptureLayoutViewTest, DrawsTheNewestFrameTwiceThenBlack) {
+    m_view.resize(400, 240);
+    m_view.setLayout(m_top);
+    ASSERT_TRUE(m_view.startListening());
+    auto first = randomFrame(*m_top), second = randomFrame(*m_top);
+    deliver(m_top, {first, second});
+    const QImage shown = expected(*m_top, *second, m_view.size());
+    EXPECT_EQ(draw(), shown) << "only the second of two frames between redraws";
+    EXPECT_EQ(draw(), shown) << "drawn once more";
+    EXPECT_TRUE(isBlack(draw())) << "then black";
+
+    deliver(m_top, {randomFrame(*m_top)});
+    m_view.setLayout(CaptureLayout::createWithScreen(m_device->screen(1), "Bottom"));
+    EXPECT_TRUE(isBlack(draw())) << "a new layout forgets the old frames";
+}
+
+TEST(MainWindowContentView, EveryKeyPressIsOneNotificationWithItsEvent) {
+    MainWindowContentView view;
+    std::vector<std::pair<QObject*, KeyEventPtr>> received;
+    auto connection = QObject::connect(Notifier::instance(), &Notifier::notified,
+                                       [&](const QString& name, const QVariant& object, const QVariantMap& info) {
+                                           if (name == MainWindowContentViewKeyNotification) {
+                                               received.push_back({object.value<QObject*>(),
+                                                                   info.value(MainWindowContentViewKeyEvent).value<KeyEventPtr>()});
+                                           }
+                                       });
+    QTest::keyClick(&view, Qt::Key_Escape);
+    QTest::keyClick(&view, Qt::Key_A, Qt::ControlModifier, -1);
+    QObject::disconnect(connection);
+    // The Control key's own press is a key press too.
+    ASSERT_EQ(received.size(), 3u);
+    EXPECT_EQ(received[0].first, &view);
+    ASSERT_TRUE(received[0].second);
+    EXPECT_EQ(received[0].second->key(), Qt::Key_Escape);
+    EXPECT_EQ(received[1].second->key(), Qt::Key_Control);
+    EXPECT_EQ(received[2].second->key(), Qt::Key_A);
+    EXPECT_EQ(received[2].second->modifiers(), Qt::ControlModifier);
+}
+
+} // namespace
+} // namespace zandor

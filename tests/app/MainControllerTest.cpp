@@ -1,0 +1,256 @@
+#include "GatedBoard.h"
+#include "PluginBundles.h"
+#include "UserFolders.h"
+#include "app/CaptureLayoutView.h"
+#include "app/MainController.h"
+#include "app/MainWindow.h"
+#include "base/DetachedThread.h"
+#include "capture/CaptureDevice.h"
+#include "capture/DemoBoard.h"
+#include "layouts/LayoutController.h"
+#include "layouts/PluginController.h"
+#include "recording/ImageRecorder.h"
+#include "recording/ShellCommand.h"
+#include "recording/VideoRecorder.h"
+#include "settings/PreferencesController.h"
+
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QMessageBox>
+#include <QSignalSpy>
+#include <QTest>
+
+namespace zandor {
+namespace {
+
+using namespace std::chrono_literals;
+
+// A board that is never there.
+class AbsentBoard final : public SimulatedBoard {
+public:
+    bool openDeviceWithVidPid(uint16_t, uint16_t) override { return false; }
+
+protected:
+    void fill(uint64_t, uint64_t, uint8_t*, uint64_t) override {}
+};
+
+TEST(WindowSizing, KeepsProportionsAndNeverShrinksBelowNaturalSize) {
+    const QSize decoration(0, 60), natural(720, 240);
+    // Dragged to 1000 wide: content 1000 by 333.33, plus the decoration, rounded.
+    EXPECT_EQ(MainController::sizeForResize({1000, 500}, decoration, natural, true), QSize(1000, 393));
+    EXPECT_EQ(MainController::sizeForResize({1000, 100}, decoration, natural, true), QSize(1000, 393))
+        << "the height follows the width";
+    EXPECT_EQ(MainController::sizeForResize({500, 900}, decoration, natural, true), QSize(720, 300))
+        << "below natural size it snaps back";
+    EXPECT_EQ(MainController::sizeForResize({1000, 500}, decoration, natural, false), QSize(720, 300))
+        << "a fixed layout keeps its size";
+}
+
+TEST(WindowSizing, PlacesTheViewFittedCentredAndCappedInFullScreen) {
+    const QSize screen(1920, 1080), natural(400, 480);
+    EXPECT_EQ(MainController::layoutViewFrame(screen, natural, true, true, 0, {}), QRect(510, 0, 900, 1080));
+    EXPECT_EQ(MainController::layoutViewFrame(screen, natural, true, true, 2, {}), QRect(560, 60, 800, 960));
+    EXPECT_EQ(MainController::layoutViewFrame(screen, natural, true, true, 3, {}), QRect(510, 0, 900, 1080))
+        << "a cap above the fitted scale changes nothing";
+    EXPECT_EQ(MainController::layoutViewFrame(screen, natural, true, false, 2, {}), QRect(510, 0, 900, 1080))
+        << "no cap in a window";
+    EXPECT_EQ(MainController::layoutViewFrame({1000, 2000}, {720, 240}, true, false, 0, {}), QRect(0, 834, 1000, 333))
+        << "833.5 rounds away from zero";
+    EXPECT_EQ(MainController::layoutViewFrame(screen, natural, false, true, 0, {7, 9}), QRect(7, 9, 400, 480))
+        << "a fixed layout keeps its place and size";
+}
+
+class MainControllerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_home = test::isolateUserFolders();
+        ASSERT_TRUE(DetachedThread::waitForAll(20s));
+        PreferencesController::instance().setReadOnly(false);
+        PreferencesController::instance().setPreference(PreferenceCaptureStorageFolder, m_storage.path());
+        PreferencesController::instance().setPreference(PreferenceCaptureLayout, "Active Layout");
+        PreferencesController::instance().setPreference(PreferenceCaptureGameAudioInput, "None");
+        PreferencesController::instance().setPreference(PreferenceCaptureNarratorAudioInput, "None");
+    }
+    void TearDown() override {
+        if (m_controller) {
+            m_controller->shutdown();
+            m_controller.reset();
+        }
+        EXPECT_TRUE(DetachedThread::waitForAll(20s));
+    }
+
+    MainController& start(std::unique_ptr<UsbBoard> board) {
+        m_controller = std::make_unique<MainController>(std::move(board));
+        m_controller->awakeFromNib();
+        m_controller->mainWindow()->show();
+        return *m_controller;
+    }
+
+    QStringList alerts() const {
+        QStringList titles;
+        for (auto* box : m_controller->mainWindow()->findChildren<QMessageBox*>()) {
+            if (box->objectName() != "aboutWindow") {
+                titles << box->text() + " | " + box->informativeText();
+            }
+        }
+        return titles;
+    }
+
+    QString m_home;
+    QTemporaryDir m_storage;
+    std::unique_ptr<MainController> m_controller;
+};
+
+TEST_F(MainControllerTest, PlayWithoutABoardSaysSoAndStaysStopped) {
+    auto& controller = start(std::make_unique<AbsentBoard>());
+    auto& ui = controller.mainWindow()->ui;
+    EXPECT_EQ(ui.playPauseItem->text(), "Play");
+    EXPECT_FALSE(ui.screenshotItem->isEnabled());
+    ui.playPauseItem->trigger();
+    EXPECT_EQ(alerts(), QStringList{"Could not connect to device. | It was not possible to connect to the capture "
+                                    "device. Please insert the cable or check whether it is inserted correctly."});
+    EXPECT_EQ(ui.playPauseItem->text(), "Play");
+    EXPECT_FALSE(ui.recordItem->isEnabled());
+}
+
+TEST_F(MainControllerTest, PlayingShowsTheMovingPictureAndEnablesTheRecorders) {
+    auto& controller = start(std::make_unique<DemoBoard>());
+    auto& ui = controller.mainWindow()->ui;
+    ui.playPauseItem->trigger();
+    EXPECT_EQ(ui.playPauseItem->text(), "Pause");
+    EXPECT_TRUE(ui.screenshotItem->isEnabled());
+    EXPECT_TRUE(ui.recordItem->isEnabled());
+    QSignalSpy frames(ui.layoutView, &CaptureLayoutView::frameReceived);
+    ASSERT_TRUE(frames.wait(20000));
+    const QImage first = ui.layoutView->grab().toImage();
+    frames.clear();
+    ASSERT_TRUE(frames.wait(20000));
+    const QImage second = ui.layoutView->grab().toImage();
+    EXPECT_NE(first, second) << "the picture moves";
+    EXPECT_EQ(first.size(), QSize(400, 480));
+
+    ui.playPauseItem->trigger();
+    EXPECT_EQ(ui.playPauseItem->text(), "Play");
+    EXPECT_FALSE(controller.device()->isListening());
+}
+
+TEST_F(MainControllerTest, TheWindowsActionsTakeAScreenshotAndAVideo) {
+    ShellCommand::setToolFolder(QCoreApplication::applicationDirPath() + "/../libexec/zandor");
+    auto& controller = start(std::make_unique<DemoBoard>());
+    auto& ui = controller.mainWindow()->ui;
+    ui.playPauseItem->trigger();
+    ui.screenshotItem->trigger();
+    ASSERT_TRUE(controller.imageRecorder()->waitUntilFinished(20s));
+
+    ui.recordItem->trigger();
+    EXPECT_EQ(ui.recordItem->text(), "Stop");
+    EXPECT_FALSE(ui.playPauseItem->isEnabled()) << "no pausing while recording";
+    EXPECT_FALSE(controller.attemptExit()) << "no quitting while recording";
+    EXPECT_TRUE(alerts().last().startsWith("Please stop recording first."));
+    QTest::qWait(2000);
+    ui.recordItem->trigger();
+    ASSERT_TRUE(controller.videoRecorder()->waitUntilFinished(60s));
+    EXPECT_TRUE(controller.attemptExit());
+    QTRY_COMPARE_WITH_TIMEOUT(ui.recordItem->text(), QStringLiteral("Record"), 20000);
+    EXPECT_TRUE(ui.playPauseItem->isEnabled());
+
+    const QStringList files = QDir(m_storage.path()).entryList(QDir::Files, QDir::Name);
+    ASSERT_EQ(files.size(), 2) << files.join(", ").toStdString();
+    EXPECT_TRUE(files[0].startsWith("Capture ") && files[0].endsWith(".mp4"));
+    EXPECT_TRUE(files[1].startsWith("Screenshot ") && files[1].endsWith(".png"));
+    ShellCommand::setToolFolder({});
+}
+
+TEST_F(MainControllerTest, ALayoutChangeResizesTheWindowKeepingItsLowerLeftCorner) {
+    auto& controller = start(std::make_unique<DemoBoard>());
+    auto* window = controller.mainWindow();
+    auto& ui = window->ui;
+    window->move(100, 200);
+    const QRect before = window->geometry();
+    EXPECT_EQ(ui.mainView->size(), QSize(400, 480));
+    auto side = LayoutController::instance().layoutNamed("Side by Side");
+    ASSERT_TRUE(side);
+    controller.setActiveLayout(side);
+    EXPECT_EQ(ui.mainView->size(), QSize(720, 240));
+    EXPECT_EQ(window->geometry().left(), before.left());
+    EXPECT_EQ(window->geometry().bottom(), before.bottom());
+    int checked = 0;
+    for (QAction* item : ui.activeLayoutMenu->actions()) {
+        checked += item->isChecked() ? 1 : 0;
+        EXPECT_EQ(item->isChecked(), item->text() == "Side by Side");
+    }
+    EXPECT_EQ(checked, 1);
+    EXPECT_TRUE(ui.sizeOriginalItem->isChecked());
+    ui.sizeDoubleItem->trigger();
+    EXPECT_EQ(ui.mainView->size(), QSize(1440, 480));
+    EXPECT_TRUE(ui.sizeDoubleItem->isChecked());
+    EXPECT_FALSE(ui.sizeOriginalItem->isChecked());
+}
+
+TEST_F(MainControllerTest, AnInstalledLayoutPluginBecomesTheActiveLayout) {
+    auto& controller = start(std::make_unique<DemoBoard>());
+    auto& ui = controller.mainWindow()->ui;
+    const int items = static_cast<int>(ui.activeLayoutMenu->actions().size());
+    QTemporaryDir downloads;
+    const QString unknown = test::writeBundle(downloads.path(), "other.zdplugin", "<plugin><name>Other</name></plugin>");
+    EXPECT_FALSE(PluginController::instance().installPlugin(unknown));
+    EXPECT_EQ(ui.activeLayoutMenu->actions().size(), items);
+
+    const QString bundle = test::writeBundle(downloads.path(), "mine.zdplugin",
+                                             test::layoutDescriptor("My Layout", 1, 400, 480,
+                                                                    R"(<object type="screen_top" x="0" y="0"/>)"));
+    ASSERT_TRUE(PluginController::instance().installPlugin(bundle));
+    EXPECT_EQ(controller.activeLayout()->name(), "My Layout");
+    QStringList titles;
+    for (QAction* item : ui.activeLayoutMenu->actions()) {
+        titles << (item->isSeparator() ? "---" : item->text());
+    }
+    EXPECT_TRUE(titles.endsWith("My Layout")) << titles.join(", ").toStdString();
+    EXPECT_TRUE(titles.contains("---"));
+}
+
+TEST_F(MainControllerTest, CaptureFollowsTheChosenLayoutOrBothScreens) {
+    auto& controller = start(std::make_unique<DemoBoard>());
+    EXPECT_EQ(controller.captureLayouts(), std::vector<LayoutPtr>{controller.activeLayout()});
+    PreferencesController::instance().setPreference(PreferenceCaptureLayout, "Side by Side");
+    EXPECT_EQ(controller.captureLayouts().front()->name(), "Side by Side");
+    PreferencesController::instance().setPreference(PreferenceCaptureLayout, "None");
+    const auto layouts = controller.captureLayouts();
+    ASSERT_EQ(layouts.size(), 2u);
+    EXPECT_EQ(layouts[0]->name(), "Top");
+    EXPECT_EQ(layouts[1]->name(), "Bottom");
+}
+
+TEST_F(MainControllerTest, FullScreenTakesThePictureAloneAndEscapeBringsItBack) {
+    auto& controller = start(std::make_unique<DemoBoard>());
+    controller.toggleFullScreen();
+    ASSERT_TRUE(controller.isFullScreen());
+    QWidget* full = nullptr;
+    for (QWidget* widget : QApplication::topLevelWidgets()) {
+        if (widget->objectName() == "fullScreenWindow") {
+            full = widget;
+        }
+    }
+    ASSERT_NE(full, nullptr);
+    EXPECT_EQ(controller.mainWindow()->ui.mainView->window(), full);
+    QTest::keyClick(controller.mainWindow()->ui.mainView, Qt::Key_Escape);
+    EXPECT_FALSE(controller.isFullScreen());
+    EXPECT_EQ(controller.mainWindow()->ui.mainView->window(), controller.mainWindow());
+    QTest::keyClick(controller.mainWindow()->ui.mainView, Qt::Key_Escape);
+    EXPECT_FALSE(controller.isFullScreen()) << "Escape outside full screen does nothing";
+}
+
+TEST_F(MainControllerTest, TheFirstRunShowsTheAboutWindowOnce) {
+    PreferencesController::instance().setPreference(PreferenceFirstRun, true);
+    start(std::make_unique<DemoBoard>());
+    EXPECT_NE(m_controller->mainWindow()->findChild<QMessageBox*>("aboutWindow"), nullptr);
+    EXPECT_FALSE(PreferencesController::instance().preference(PreferenceFirstRun).toBool());
+    m_controller->shutdown();
+    m_controller.reset();
+    start(std::make_unique<DemoBoard>());
+    EXPECT_EQ(m_controller->mainWindow()->findChild<QMessageBox*>("aboutWindow"), nullptr);
+}
+
+} // namespace
+} // namespace zandor

@@ -1,0 +1,300 @@
+#include "settings/CapturePreferencesView.h"
+#include "settings/Icons.h"
+#include "settings/PathControl.h"
+#include "settings/PreferencesController.h"
+#include "settings/PreferencesWindow.h"
+#include "settings/ViewPreferencesView.h"
+
+#include "GatedBoard.h"
+#include "PluginBundles.h"
+#include "Process.h"
+#include "UserFolders.h"
+#include "capture/CaptureDevice.h"
+#include "layouts/LayoutController.h"
+#include "recording/VideoQuality.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QCheckBox>
+#include <QComboBox>
+#include <QDir>
+#include <QFile>
+#include <QMenu>
+#include <QSettings>
+#include <QStandardPaths>
+#include <QToolButton>
+
+#include <gtest/gtest.h>
+
+namespace zandor {
+namespace {
+
+// Before anything reads them: temporary user folders (the preferences file, the window state) and a
+// sound server that does not exist, so that no audio input is listed.
+const QString home = test::isolateUserFolders();
+
+// The value of `key` in the preferences file as Python's plistlib reads it, as JSON text ("null" when
+// absent), integers tagged as {"integer":n} so that they cannot pass for booleans or strings.
+std::string stored(const QString& key) {
+    static const char* const script = R"(
+import json, plistlib, sys
+with open(sys.argv[1], "rb") as f:
+    value = plistlib.load(f, fmt=plistlib.FMT_XML).get(sys.argv[2])
+print(json.dumps({"integer": value} if type(value) is int else value, separators=(",", ":")))
+)";
+    static const std::string python = QStandardPaths::findExecutable("python3").toStdString();
+    const auto result = test::runProcess(
+        {python, "-c", script, PreferencesController::preferencesFile().toStdString(), key.toStdString()});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    return QString::fromStdString(result.out).trimmed().toStdString();
+}
+
+QStringList titles(const QComboBox* popup) {
+    QStringList result;
+    for (int i = 0; i < popup->count(); ++i) {
+        const bool separator = popup->itemData(i, Qt::AccessibleDescriptionRole).toString() == "separator";
+        result << (separator ? QStringLiteral("---") : popup->itemText(i));
+    }
+    return result;
+}
+
+// What the pop-up does when the user picks an item.
+void choose(QComboBox* popup, int index) {
+    ASSERT_GE(index, 0);
+    popup->setCurrentIndex(index);
+    emit popup->activated(index);
+}
+void choose(QComboBox* popup, const QString& title) {
+    choose(popup, popup->findText(title));
+}
+
+template <typename T> T* control(QWidget& pane, const char* name) {
+    T* found = pane.findChild<T*>(QString::fromLatin1(name));
+    EXPECT_NE(found, nullptr) << name;
+    return found;
+}
+
+class PreferencePanesTest : public testing::Test {
+protected:
+    void SetUp() override {
+        QDir().mkpath(QFileInfo(PreferencesController::preferencesFile()).path());
+        QFile::remove(PreferencesController::preferencesFile());
+        PreferencesController::instance().defaults();
+    }
+    static void store(const QString& key, const QVariant& value) {
+        PreferencesController::instance().setPreference(key, value);
+    }
+};
+
+TEST_F(PreferencePanesTest, ViewPaneWritesEveryChoiceToTheFileAtOnce) {
+    ViewPreferencesView pane({"Built-in Display", "DELL U2720Q", "DELL U2720Q"});
+    auto* screens = control<QComboBox>(pane, "screenPopup");
+    EXPECT_EQ(titles(screens), (QStringList{"Built-in Display", "DELL U2720Q", "DELL U2720Q"}));
+    EXPECT_EQ(screens->currentIndex(), -1) << "no display chosen yet";
+    EXPECT_FALSE(QFile::exists(PreferencesController::preferencesFile())) << "filling the controls wrote";
+
+    choose(screens, 1);
+    EXPECT_EQ(stored("PreferenceFullscreenScreen"), R"("DELL U2720Q")");
+    store(PreferenceFullscreenScreen, "");
+    choose(screens, 2);
+    EXPECT_EQ(stored("PreferenceFullscreenScreen"), R"("DELL U2720Q")") << "either twin stores the name";
+
+    control<QCheckBox>(pane, "fullscreenhudEnableButton")->click();
+    EXPECT_EQ(stored("PreferenceFullscreenHudEnabled"), R"(false)");
+
+    auto* scale = control<QComboBox>(pane, "fullscreenMaxScale");
+    choose(scale, scale->findData(qint64(3)));
+    EXPECT_EQ(stored("PreferenceFullscreenMaxScale"), R"({"integer":3})");
+    choose(scale, scale->findData(qint64(0)));
+    EXPECT_EQ(scale->currentText(), "No limit");
+    EXPECT_EQ(stored("PreferenceFullscreenMaxScale"), R"({"integer":0})");
+}
+
+TEST_F(PreferencePanesTest, ViewPaneShowsTheStoredChoices) {
+    store(PreferenceFullscreenScreen, "DELL U2720Q");
+    store(PreferenceFullscreenHudEnabled, false);
+    store(PreferenceFullscreenMaxScale, qint64(4));
+    ViewPreferencesView pane({"DELL U2720Q", "Built-in Display", "DELL U2720Q"});
+    EXPECT_EQ(control<QComboBox>(pane, "screenPopup")->currentIndex(), 2) << "the last item of that name";
+    EXPECT_FALSE(control<QCheckBox>(pane, "fullscreenhudEnableButton")->isChecked());
+    EXPECT_EQ(control<QComboBox>(pane, "fullscreenMaxScale")->currentData(), qint64(4));
+
+    // Values no item has leave the interface's choices and stay stored.
+    store(PreferenceFullscreenScreen, "Unplugged");
+    store(PreferenceFullscreenMaxScale, qint64(9));
+    ViewPreferencesView later({"DELL U2720Q"});
+    EXPECT_EQ(control<QComboBox>(later, "screenPopup")->currentIndex(), -1);
+    EXPECT_EQ(control<QComboBox>(later, "fullscreenMaxScale")->currentText(), "No limit");
+    EXPECT_EQ(stored("PreferenceFullscreenScreen"), R"("Unplugged")");
+}
+
+TEST_F(PreferencePanesTest, CapturePaneWritesEveryChoiceToTheFileAtOnce) {
+    QDir().mkpath(home + "/Videos/Handheld");
+    store(PreferenceCaptureStorageFolder, home + "/Videos/Handheld");
+    QFile::remove(PreferencesController::preferencesFile());
+    CapturePreferencesView pane;
+    pane.resize(900, 500);
+    pane.show();
+    EXPECT_FALSE(QFile::exists(PreferencesController::preferencesFile())) << "filling the controls wrote";
+
+    choose(control<QComboBox>(pane, "layoutPopup"), "None");
+    EXPECT_EQ(stored("PreferenceCaptureLayout"), R"("None")");
+    choose(control<QComboBox>(pane, "layoutPopup"), "Active Layout");
+    EXPECT_EQ(stored("PreferenceCaptureLayout"), R"("Active Layout")");
+    choose(control<QComboBox>(pane, "qualityPopup"), "High");
+    EXPECT_EQ(stored("PreferenceCaptureVideoQuality"), R"("High")");
+    choose(control<QComboBox>(pane, "fpsPopup"), "30");
+    EXPECT_EQ(stored("PreferenceCaptureVideoFPS"), R"("30")");
+    choose(control<QComboBox>(pane, "imageFormatPopup"), "JPEG");
+    EXPECT_EQ(stored("PreferenceCaptureImageFormat"), R"("JPEG")");
+    choose(control<QComboBox>(pane, "audioNarratorPopup"), 0);
+    EXPECT_EQ(stored("PreferenceCaptureNarratorAudioInput"), R"("None")");
+    choose(control<QComboBox>(pane, "audioGamePopup"), 0);
+    EXPECT_EQ(stored("PreferenceCaptureGameAudioInput"), R"("None")");
+
+    // Clicking a component higher up the path chooses that folder.
+    auto* path = control<PathControl>(pane, "capturePathControl");
+    EXPECT_EQ(path->path(), home + "/Videos/Handheld");
+    QToolButton* videos = nullptr;
+    for (QToolButton* button : path->findChildren<QToolButton*>()) {
+        if (button->text() == "Videos") {
+            videos = button;
+        }
+    }
+    ASSERT_NE(videos, nullptr);
+    ASSERT_TRUE(videos->isVisible());
+    videos->click();
+    EXPECT_EQ(path->path(), home + "/Videos");
+    EXPECT_EQ(stored("PreferenceCaptureStorageFolder"), "\"" + (home + "/Videos").toStdString() + "\"");
+}
+
+TEST_F(PreferencePanesTest, CapturePaneShowsTheStoredChoices) {
+    QTemporaryDir bundles;
+    auto& catalogue = LayoutController::instance();
+    catalogue.setDevice(CaptureDevice::create(std::make_unique<test::GatedBoard>()));
+    for (const char* bundle : {"one.zdplugin", "two.zdplugin"}) {
+        auto plugin = std::make_shared<LayoutPlugin>(
+            test::writeBundle(bundles.path(), bundle, test::layoutDescriptor("Twin", 1, 400, 240)), true);
+        ASSERT_TRUE(plugin->parse());
+        catalogue.addPlugin(plugin);
+    }
+    store(PreferenceCaptureLayout, "Twin");
+    store(PreferenceCaptureVideoQuality, "Low");
+    store(PreferenceCaptureVideoFPS, "50");
+    store(PreferenceCaptureImageFormat, "JPEG");
+    CapturePreferencesView pane;
+
+    auto* layouts = control<QComboBox>(pane, "layoutPopup");
+    QStringList expected{"Active Layout", "---", "None", "---"};
+    for (const LayoutMenuItem& item : catalogue.menuItems()) {
+        expected << (item.separator ? QStringLiteral("---") : item.title);
+    }
+    EXPECT_EQ(titles(layouts), expected);
+    EXPECT_EQ(layouts->currentIndex(), expected.lastIndexOf("Twin")) << "the last item of that title";
+    QStringList presets;
+    for (const auto& quality : VideoQuality::videoQualities()) {
+        presets << quality->name();
+    }
+    EXPECT_EQ(titles(control<QComboBox>(pane, "qualityPopup")), presets);
+    EXPECT_EQ(control<QComboBox>(pane, "qualityPopup")->currentText(), "Low");
+    EXPECT_EQ(control<QComboBox>(pane, "fpsPopup")->currentText(), "50");
+    EXPECT_EQ(control<QComboBox>(pane, "imageFormatPopup")->currentText(), "PNG") << "not set from the store";
+
+    store(PreferenceCaptureLayout, "Removed");
+    store(PreferenceCaptureVideoFPS, "7");
+    CapturePreferencesView later;
+    EXPECT_EQ(control<QComboBox>(later, "layoutPopup")->currentIndex(), -1);
+    EXPECT_EQ(control<QComboBox>(later, "fpsPopup")->currentText(), "Original");
+}
+
+TEST_F(PreferencePanesTest, WithoutAudioInputsBothPopupsOfferOnlyNone) {
+    CapturePreferencesView pane;
+    for (const char* name : {"audioGamePopup", "audioNarratorPopup"}) {
+        auto* popup = control<QComboBox>(pane, name);
+        EXPECT_EQ(titles(popup), (QStringList{"None", "---"})) << name;
+        EXPECT_EQ(popup->currentData(), "None") << name;
+    }
+}
+
+TEST(PathControlTest, LeadingComponentsFoldIntoAMenuThatStillChoosesThem) {
+    PathControl path;
+    QStringList clicked;
+    QObject::connect(&path, &PathControl::folderClicked, [&](const QString& folder) { clicked << folder; });
+    path.setPath("/srv/captures/2024/a-long-folder-name-for-the-handheld/session-with-a-long-name");
+    path.resize(path.minimumSizeHint());
+    path.show();
+
+    auto* fold = path.findChild<QToolButton*>(QString(), Qt::FindDirectChildrenOnly);
+    ASSERT_TRUE(fold && fold->isVisible() && fold->menu());
+    const auto actions = fold->menu()->actions();
+    ASSERT_FALSE(actions.isEmpty());
+    EXPECT_EQ(actions.first()->text(), "/");
+    actions.first()->trigger();
+    EXPECT_EQ(clicked, QStringList{"/"});
+    EXPECT_EQ(path.path(), "/srv/captures/2024/a-long-folder-name-for-the-handheld/session-with-a-long-name")
+        << "the owner decides what to show";
+
+    path.resize(2000, path.height());
+    EXPECT_FALSE(fold->isVisible()) << "everything fits again";
+}
+
+TEST_F(PreferencePanesTest, WindowShowsOnePaneAtATimeAndRemembersItsPaneAndPlace) {
+    QSettings(QStringLiteral("Zandor"), QStringLiteral("Zandor")).clear();
+    auto* view = new ViewPreferencesView({"Built-in Display"});
+    auto* capture = new CapturePreferencesView;
+    {
+        PreferencesWindow window({view, capture}, "Preferences");
+        window.showWindow();
+        EXPECT_EQ(window.windowTitle(), "Preferences");
+        EXPECT_EQ(window.currentIdentifier(), "View");
+        EXPECT_TRUE(view->isVisible() && !capture->isVisible());
+
+        auto* toolbarCapture = window.findChild<QAction*>("Capture");
+        ASSERT_NE(toolbarCapture, nullptr);
+        toolbarCapture->trigger();
+        EXPECT_EQ(window.currentIdentifier(), "Capture");
+        EXPECT_TRUE(capture->isVisible() && !view->isVisible());
+        EXPECT_TRUE(toolbarCapture->isChecked());
+        EXPECT_FALSE(window.findChild<QAction*>("View")->isChecked());
+
+        window.selectPane("General");
+        EXPECT_EQ(window.currentIdentifier(), "Capture") << "not one of this window's panes";
+        window.move(140, 90);
+        window.close();
+    }
+    PreferencesWindow again({new ViewPreferencesView(QStringList()), new CapturePreferencesView},
+                            "Preferences");
+    again.showWindow();
+    EXPECT_EQ(again.currentIdentifier(), "Capture");
+    EXPECT_EQ(again.pos(), QPoint(140, 90));
+}
+
+TEST(IconsTest, ImagesRenderAtAnySizeAndGlyphsFollowThePalette) {
+    for (const char* name : {"toolbar_play", "toolbar_pause", "toolbar_record", "toolbar_stop",
+                             "toolbar_stop_alt", "toolbar_view", "toolbar_preferences", "zandor"}) {
+        for (int side : {16, 128}) {
+            const QImage image = icon(name).pixmap(side).toImage();
+            ASSERT_EQ(image.size(), QSize(side, side)) << name;
+            int opaque = 0;
+            for (int y = 0; y < side; ++y) {
+                for (int x = 0; x < side; ++x) {
+                    opaque += qAlpha(image.pixel(x, y)) > 200;
+                }
+            }
+            EXPECT_GT(opaque, side * side / 10) << name << " is all but empty at " << side;
+        }
+    }
+    EXPECT_TRUE(icon("no_such_image").isNull());
+
+    const QPalette original = QApplication::palette();
+    for (const QColor& text : {QColor(Qt::red), QColor(Qt::blue)}) {
+        QPalette palette = original;
+        palette.setColor(QPalette::WindowText, text);
+        QApplication::setPalette(palette);
+        EXPECT_EQ(icon("toolbar_stop").pixmap(32).toImage().pixelColor(16, 16), text);
+    }
+    QApplication::setPalette(original);
+}
+
+} // namespace
+} // namespace zandor
