@@ -213,9 +213,13 @@ QRect MainController::keepLowerLeft(QSize size) const {
         return QRect(old.topLeft(), size); // not placed yet: the desktop places it when shown
     }
     QRect frame(old.left(), old.top() + old.height() - size.height(), size.width(), size.height());
-    // Never push the title bar off the top of the screen.
+    // Keep the window on its screen as far as it fits, the title bar above all.
     if (const QScreen* screen = m_mainWindow->screen()) {
-        frame.moveTop(std::max(frame.top(), screen->availableGeometry().top()));
+        const QRect available = screen->availableGeometry();
+        if (frame.bottom() > available.bottom()) {
+            frame.moveBottom(available.bottom());
+        }
+        frame.moveTop(std::max(frame.top(), available.top()));
     }
     return frame;
 }
@@ -225,7 +229,10 @@ QSize MainController::decoration() const {
     if (QLayout* layout = m_mainWindow->layout()) {
         layout->activate();
     }
-    return m_mainWindow->size() - mainView()->size();
+    // Menu bar and toolbar sit above the content, which spans the whole width. Measured from the
+    // content's place, which stays put while a resize of the window is still on its way, unlike
+    // the two sizes.
+    return QSize(0, mainView()->geometry().top());
 }
 
 void MainController::setActiveLayout(const LayoutPtr& layout) {
@@ -261,7 +268,7 @@ void MainController::setActiveLayout(const LayoutPtr& layout) {
         m_mainWindow->setFixedSize(frameSize);
     }
     if (!isFullScreen()) {
-        m_mainWindow->setGeometry(frame);
+        m_mainWindow->place(frame);
     }
     updateLayoutViewFrame();
 }
@@ -538,7 +545,7 @@ void MainController::selectSizeAction(QAction* item) {
     const int scale = item->data().toInt();
     const QSize content(static_cast<int>(m_activeLayout->width()) * scale,
                         static_cast<int>(m_activeLayout->height()) * scale);
-    m_mainWindow->setGeometry(keepLowerLeft(content + decoration()));
+    m_mainWindow->place(keepLowerLeft(content + decoration()));
     updateLayoutViewFrame();
 }
 

@@ -26,6 +26,10 @@ public:
     // A plugin bundle dropped on the window.
     std::function<void(const QString&)> openFile;
 
+    // Sets the window's frame for the application (a layout change, a size step), as opposed to
+    // a resize by the user, which is kept in proportion.
+    void place(const QRect& frame);
+
 protected:
     void closeEvent(QCloseEvent* event) override;
     void resizeEvent(QResizeEvent* event) override;
@@ -34,6 +38,7 @@ protected:
 
 private:
     bool m_correcting = false;
+    QRect m_placing; // the frame being placed, until the window has its size
 };
 
 } // namespace zandor

@@ -168,8 +168,13 @@ void DemoBoard::render(uint64_t frame, uint8_t* raw) {
 
 void DemoBoard::fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) {
     if (m_rendered != static_cast<int64_t>(frame)) {
-        const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
-        const bool flash = m_flashes && sinceEpoch % std::chrono::seconds(1) < std::chrono::microseconds(16667);
+        // The first frame read in each second flashes. A fixed window after the second would miss
+        // seconds now and then: the board's pace is never exactly 60 frames a second.
+        const int64_t second = std::chrono::duration_cast<std::chrono::seconds>(
+                                   std::chrono::system_clock::now().time_since_epoch())
+                                   .count();
+        const bool flash = m_flashes && m_flashSecond >= 0 && second != m_flashSecond;
+        m_flashSecond = second;
         if (flash) {
             std::memset(m_frame.get(), 255, raw::FrameBytes);
         } else {

@@ -9,9 +9,9 @@ namespace zandor {
 
 // A simulated board with a moving, recognisable picture on both screens: a labelled frame
 // counter, scrolling colour bars and a bouncing marker on each. Every frame's bytes follow from its
-// number alone, unless flashes are on: then a frame read in the first 60th of a second after a
-// whole second of the wall clock (the clock of the frames' time stamps) is all white, for
-// measuring how sound and picture line up. Flashes are on when ZANDOR_DEMO_FLASH is set to 1.
+// number alone, unless flashes are on: then the first frame read after each whole second of the
+// wall clock (the clock of the frames' time stamps) is all white, for measuring how sound and
+// picture line up. Flashes are on when ZANDOR_DEMO_FLASH is set to 1.
 class DemoBoard final : public SimulatedBoard {
 public:
     DemoBoard();
@@ -27,6 +27,7 @@ protected:
 private:
     std::unique_ptr<uint8_t[]> m_frame;
     int64_t m_rendered = -1; // only touched by the reading thread, in fill()
+    int64_t m_flashSecond = -1; // the second of the wall clock of the last frame read; likewise
     bool m_flashes = false;
 };
 

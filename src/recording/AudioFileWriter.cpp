@@ -37,6 +37,10 @@ bool AudioFileWriter::open(const std::string& path, AVSampleFormat inputFormat, 
         return false;
     }
     m_stream->time_base = encoder->time_base;
+    // The encoder puts out `initial_padding` priming samples before the first one it was given and
+    // dates them that much earlier. Counting from there, the movie starts at time zero with the
+    // priming and no time is negative, which the muxer would otherwise shift on its own.
+    m_nextPts = encoder->initial_padding;
 
     AVChannelLayout inputLayout;
     av_channel_layout_default(&inputLayout, inputChannels);
@@ -57,9 +61,11 @@ bool AudioFileWriter::open(const std::string& path, AVSampleFormat inputFormat, 
 }
 
 bool AudioFileWriter::writeHeader(std::chrono::system_clock::time_point firstSample) {
+    // Time zero of the movie is the priming, which plays before the first captured sample.
+    const double priming = static_cast<double>(m_encoder->initial_padding) / SampleRate;
     char start[64];
     std::snprintf(start, sizeof start, "%.6f",
-                  std::chrono::duration<double>(firstSample.time_since_epoch()).count());
+                  std::chrono::duration<double>(firstSample.time_since_epoch()).count() - priming);
     av_dict_set(&m_output->metadata, "zandor_capture_start", start, 0);
     ff::Options options;
     options.set("movflags", "empty_moov+default_base_moof+use_metadata_tags");

@@ -10,7 +10,9 @@ namespace zandor {
 
 // Encodes captured sound to AAC (stereo, 44.1 kHz, 128 kbit/s) in a fragmented QuickTime movie.
 // The movie's metadata "zandor_capture_start" holds the wall-clock time of its first sample, so
-// that the merging tool can line it up with the video. Not thread-safe: one thread writes.
+// that the merging tool can line it up with the video. That first sample is the encoder's priming
+// (1024 samples of near silence), so the time is the first captured sample's less the priming's
+// length. Not thread-safe: one thread writes.
 class AudioFileWriter {
 public:
     static constexpr int SampleRate = 44100;
@@ -40,7 +42,7 @@ private:
     ff::Frame m_frame;
     ff::Packet m_packet;
     bool m_headerWritten = false;
-    int64_t m_nextPts = 0; // in samples
+    int64_t m_nextPts = 0; // in samples, the priming's included
 };
 
 } // namespace zandor

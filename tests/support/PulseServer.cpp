@@ -305,7 +305,7 @@ void PulseServer::endProcess(pid_t& pid) {
 }
 
 std::unique_ptr<PulseServer::Playback> PulseServer::play(const std::string& sink, Playback::Generator generator,
-                                                         double seconds) {
+                                                         double seconds, double aheadSeconds) {
     if (!m_running) {
         return nullptr;
     }
@@ -326,9 +326,8 @@ std::unique_ptr<PulseServer::Playback> PulseServer::play(const std::string& sink
     fcntl(fds[1], F_SETFL, O_NONBLOCK);
     playback->m_pipe = fds[1];
     const auto totalFrames = static_cast<int64_t>(std::llround(seconds * SampleRate));
-    playback->m_thread = std::thread([raw = playback.get(), generator = std::move(generator), totalFrames] {
-        raw->run(generator, totalFrames);
-    });
+    playback->m_thread = std::thread([raw = playback.get(), generator = std::move(generator), totalFrames,
+                                      aheadSeconds] { raw->run(generator, totalFrames, aheadSeconds); });
     return playback;
 }
 
@@ -343,17 +342,17 @@ std::unique_ptr<PulseServer::Playback> PulseServer::playTone(const std::string& 
                 samples[2 * i] = samples[2 * i + 1] = value;
             }
         },
-        seconds);
+        seconds, 0.2);
 }
 
 std::unique_ptr<PulseServer::Playback> PulseServer::playBeeps(const std::string& sink, double frequencyHz, int beepMs,
                                                               double seconds) {
     return play(
         sink,
-        [frequencyHz, beepMs](int64_t, double handedAt, int frames, int16_t* samples) {
+        [frequencyHz, beepMs](int64_t, double due, int frames, int16_t* samples) {
             for (int i = 0; i < frames; ++i) {
                 // The moment this sample is heard: handed to pacat, plus pacat's latency.
-                const double heard = handedAt + static_cast<double>(i) / SampleRate + PacatLatencySeconds;
+                const double heard = due + static_cast<double>(i) / SampleRate + PacatLatencySeconds;
                 const double intoSecond = heard - std::floor(heard);
                 const bool beeping = intoSecond < beepMs / 1000.0;
                 const auto value = beeping ? static_cast<int16_t>(std::lround(
@@ -367,7 +366,7 @@ std::unique_ptr<PulseServer::Playback> PulseServer::playBeeps(const std::string&
 
 PulseServer::Playback::~Playback() { stop(); }
 
-void PulseServer::Playback::run(Generator generator, int64_t totalFrames) {
+void PulseServer::Playback::run(Generator generator, int64_t totalFrames, double aheadSeconds) {
     // A write to a pacat that has gone raises SIGPIPE in the writing thread; with the signal blocked
     // here the write fails with EPIPE instead and the test program lives on.
     sigset_t pipeSignal;
@@ -377,6 +376,7 @@ void PulseServer::Playback::run(Generator generator, int64_t totalFrames) {
 
     const double start = wallSeconds();
     const auto startTick = Clock::now();
+    const auto ahead = std::chrono::microseconds(std::llround(aheadSeconds * 1e6));
     std::vector<int16_t> samples(ChunkFrames * 2);
     for (int64_t first = 0; first < totalFrames && !m_stopping; first += ChunkFrames) {
         const int frames = static_cast<int>(std::min<int64_t>(ChunkFrames, totalFrames - first));
@@ -384,9 +384,11 @@ void PulseServer::Playback::run(Generator generator, int64_t totalFrames) {
         if (write(m_pipe, samples.data(), static_cast<size_t>(frames) * 4) < 0 && errno == EPIPE) {
             break;
         }
-        // Paced by the clock: each piece goes to pacat when it is due, so nothing queues up in
-        // the pipe and a sample is heard pacat's latency after its time.
-        std::this_thread::sleep_until(startTick + std::chrono::microseconds((first + frames) * 1000000 / SampleRate));
+        // Paced by the clock: each piece goes to pacat when it is due (less the lead), so no more
+        // than the lead queues up in the pipe, and without a lead a sample is heard pacat's
+        // latency after its time.
+        std::this_thread::sleep_until(startTick - ahead +
+                                      std::chrono::microseconds((first + frames) * 1000000 / SampleRate));
     }
     close(m_pipe); // pacat plays what it holds and ends
     m_pipe = -1;

@@ -23,13 +23,13 @@ public:
     static constexpr int SampleRate = 44100;
 
     // A sound playing into a sink in the background: a pacat process fed by a thread that writes
-    // the samples in 5 ms pieces as the wall clock reaches them.
+    // the samples in 5 ms pieces as the wall clock reaches them, or a little ahead of it.
     class Playback {
     public:
         // Writes `frames` stereo frames starting at frame `first` of the sound into `samples`;
-        // `handedAt` is the wall-clock time (seconds since the epoch) at which frame `first` goes
-        // to pacat.
-        using Generator = std::function<void(int64_t first, double handedAt, int frames, int16_t* samples)>;
+        // `due` is the wall-clock time (seconds since the epoch) at which frame `first` is due at
+        // pacat.
+        using Generator = std::function<void(int64_t first, double due, int frames, int16_t* samples)>;
 
         ~Playback();
         Playback(const Playback&) = delete;
@@ -40,7 +40,7 @@ public:
     private:
         friend class PulseServer;
         Playback() = default;
-        void run(Generator generator, int64_t totalFrames);
+        void run(Generator generator, int64_t totalFrames, double aheadSeconds);
 
 
         pid_t m_pacat = -1;
@@ -65,8 +65,10 @@ public:
     // Silence with a beep of `frequencyHz` and `beepMs` at every whole second of the wall clock,
     // written ahead of the second by pacat's usual latency (about 8 ms) so that it is heard at it.
     std::unique_ptr<Playback> playBeeps(const std::string& sink, double frequencyHz, int beepMs, double seconds);
-    // Any sound.
-    std::unique_ptr<Playback> play(const std::string& sink, Playback::Generator generator, double seconds);
+    // Any sound. Each piece is written `aheadSeconds` before its time: a sound that need not be
+    // on time can be written ahead, so that a writer held up for a moment leaves no gap in it.
+    std::unique_ptr<Playback> play(const std::string& sink, Playback::Generator generator, double seconds,
+                                   double aheadSeconds = 0);
 
     // Runs pactl against this server; its output, or nothing when it failed.
     std::optional<std::string> pactl(const std::vector<std::string>& arguments) const;
