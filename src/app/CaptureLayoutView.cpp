@@ -3,6 +3,7 @@
 #include "LayoutViewFeeder.h"
 
 #include <QPainter>
+#include <QPaintEngine>
 #include <QPointer>
 
 #include <cstring>
@@ -40,23 +41,48 @@ void CaptureLayoutView::paintEvent(QPaintEvent*) {
     QPainter painter(this);
     const qreal ratio = devicePixelRatioF();
     const QSize pixels = (QSizeF(size()) * ratio).toSize();
-    {
-        std::scoped_lock lock(m_feeder->lock());
-        CaptureDataPtr frame = m_feeder->frameToDraw();
-        LayoutPtr layout = m_feeder->layout();
-        if (frame && layout && frame->size() >= layout->size() && !pixels.isEmpty()) {
-            if (m_scaled.size() != pixels) {
-                m_scaled = QImage(pixels, QImage::Format_RGB32);
-                m_scaled.setDevicePixelRatio(ratio);
-            }
-            // The frame's bytes are read in place, under the feeder's lock.
-            scaleNearest(frame->data(), static_cast<int>(layout->width()), static_cast<int>(layout->height()),
-                         m_scaled);
-            painter.drawImage(QPoint(0, 0), m_scaled);
-            return;
-        }
+    std::scoped_lock lock(m_feeder->lock());
+    CaptureDataPtr frame = m_feeder->frameToDraw();
+    LayoutPtr layout = m_feeder->layout();
+    if (!frame || !layout || frame->size() < layout->size() || pixels.isEmpty()) {
+        painter.fillRect(rect(), Qt::black);
+        return;
     }
-    painter.fillRect(rect(), Qt::black);
+    // The frame's bytes are read in place, under the feeder's lock. Where the window's backing
+    // store is a plain 32-bit image, the scaled picture is written straight into it; otherwise
+    // into an image of our own that is then drawn.
+    const int width = static_cast<int>(layout->width()), height = static_cast<int>(layout->height());
+    if (QImage* store = backingStoreImage(painter, pixels)) {
+        scaleNearest(frame->data(), width, height, *store);
+        return;
+    }
+    if (m_scaled.size() != pixels) {
+        m_scaled = QImage(pixels, QImage::Format_RGB32);
+        m_scaled.setDevicePixelRatio(ratio);
+    }
+    scaleNearest(frame->data(), width, height, m_scaled);
+    painter.drawImage(QPoint(0, 0), m_scaled);
+}
+
+QImage* CaptureLayoutView::backingStoreImage(QPainter& painter, QSize pixels) {
+    QPaintEngine* engine = painter.paintEngine();
+    QPaintDevice* device = engine ? engine->paintDevice() : nullptr;
+    if (!device || device->devType() != QInternal::Image ||
+        painter.deviceTransform().type() > QTransform::TxTranslate || devicePixelRatioF() != 1.0) {
+        return nullptr;
+    }
+    auto* image = static_cast<QImage*>(device);
+    if (image->format() != QImage::Format_RGB32 && image->format() != QImage::Format_ARGB32_Premultiplied) {
+        return nullptr;
+    }
+    const QPoint offset = painter.deviceTransform().map(QPoint(0, 0));
+    if (!image->rect().contains(QRect(offset, pixels))) {
+        return nullptr;
+    }
+    // A view of our part of the store, sharing its pixels: opaque, so premultiplied is the same.
+    m_storeView = QImage(image->bits() + offset.y() * image->bytesPerLine() + offset.x() * 4, pixels.width(),
+                         pixels.height(), image->bytesPerLine(), QImage::Format_RGB32);
+    return &m_storeView;
 }
 
 void CaptureLayoutView::scaleNearest(const uint8_t* rgb, int width, int height, QImage& target) {

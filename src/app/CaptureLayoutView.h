@@ -3,6 +3,7 @@
 #include "layouts/CaptureLayout.h"
 
 #include <QImage>
+#include <QPainter>
 #include <QWidget>
 
 #include <memory>
@@ -42,8 +43,12 @@ protected:
     void paintEvent(QPaintEvent* event) override;
 
 private:
+    // Our part of the window's backing store as an image to write into, when it can be reached.
+    QImage* backingStoreImage(QPainter& painter, QSize pixels);
+
     std::shared_ptr<LayoutViewFeeder> m_feeder;
-    QImage m_scaled; // reused from one draw to the next
+    QImage m_scaled;    // reused from one draw to the next
+    QImage m_storeView; // over the backing store's pixels, for one draw
 };
 
 } // namespace zandor

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QScreen>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -89,6 +90,24 @@ TEST_F(CaptureLayoutViewTest, DrawsTheFrameStretchedByNearestNeighbour) {
         deliver(m_top, {frame});
         EXPECT_EQ(draw(), expected(*m_top, *frame, size)) << size.width() << "x" << size.height();
     }
+}
+
+TEST_F(CaptureLayoutViewTest, DrawsStraightIntoTheWindowLikeIntoAnImage) {
+    // Shown, the view paints into the window's backing store rather than into an image of its own.
+    QWidget window;
+    window.resize(700, 500);
+    m_view.setParent(&window);
+    m_view.setGeometry(31, 17, 601, 421);
+    window.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&window));
+    m_view.setLayout(m_top);
+    ASSERT_TRUE(m_view.startListening());
+    auto frame = randomFrame(*m_top);
+    deliver(m_top, {frame});
+    m_view.repaint();
+    const QImage screen = window.screen()->grabWindow(window.winId()).toImage().convertToFormat(QImage::Format_RGB32);
+    EXPECT_EQ(screen.copy(m_view.geometry()), expected(*m_top, *frame, m_view.size()));
+    m_view.setParent(nullptr);
 }
 
 TEST_F(CaptureLayoutViewTest, DrawsTheNewestFrameTwiceThenBlack) {
