@@ -264,6 +264,7 @@ void MainController::setActiveLayout(const LayoutPtr& layout) {
     if (layout->isResizable()) {
         m_mainWindow->setMinimumSize(frameSize);
         m_mainWindow->setMaximumSize(QWIDGETSIZE_MAX, QWIDGETSIZE_MAX);
+        m_mainWindow->setAspect(natural, decoration());
     } else {
         m_mainWindow->setFixedSize(frameSize);
     }

@@ -1,6 +1,7 @@
 #include "MainWindow.h"
 
 #include <QCloseEvent>
+#include <QGuiApplication>
 #include <QCoreApplication>
 #include <QDragEnterEvent>
 #include <QDropEvent>
@@ -8,6 +9,14 @@
 #include <QResizeEvent>
 #include <QTimer>
 #include <QUrl>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include <xcb/xcb.h>
+
+#include <array>
 
 namespace zandor {
 
@@ -45,6 +54,7 @@ void MainWindow::resizeEvent(QResizeEvent* event) {
             }
         });
     }
+    QTimer::singleShot(0, this, [this] { applyAspect(); });
     if (didResize) {
         didResize();
     }
@@ -62,6 +72,50 @@ void MainWindow::place(const QRect& frame) {
             m_placing = QRect();
         }
     });
+}
+
+void MainWindow::setAspect(QSize natural, QSize decoration) {
+    m_aspect = natural;
+    m_aspectBase = decoration;
+    // After Qt has written its own hints for the sizes just set.
+    QTimer::singleShot(0, this, [this] { applyAspect(); });
+}
+
+void MainWindow::showEvent(QShowEvent* event) {
+    QMainWindow::showEvent(event);
+    QTimer::singleShot(0, this, [this] { applyAspect(); });
+}
+
+void MainWindow::applyAspect() {
+    auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
+    if (QGuiApplication::platformName() != QLatin1String("xcb") || !x11 || !x11->connection() ||
+        !m_aspect.isValid() || !testAttribute(Qt::WA_WState_Created)) {
+        return;
+    }
+    // Qt writes the size hints (WM_NORMAL_HINTS) itself whenever sizes change; the aspect is
+    // added to what it wrote. The ICCCM layout: flags, 4 obsolete, min, max, increment, min
+    // aspect, max aspect, base size, gravity.
+    xcb_connection_t* connection = x11->connection();
+    const auto window = static_cast<xcb_window_t>(winId());
+    std::array<uint32_t, 18> hints{};
+    xcb_get_property_reply_t* reply = xcb_get_property_reply(
+        connection,
+        xcb_get_property(connection, 0, window, XCB_ATOM_WM_NORMAL_HINTS, XCB_ATOM_WM_SIZE_HINTS, 0, 18), nullptr);
+    if (reply) {
+        const int length = xcb_get_property_value_length(reply);
+        std::memcpy(hints.data(), xcb_get_property_value(reply),
+                    std::min<size_t>(static_cast<size_t>(std::max(length, 0)), sizeof hints));
+        free(reply);
+    }
+    constexpr uint32_t AspectFlag = 1u << 7, BaseSizeFlag = 1u << 8;
+    hints[0] |= AspectFlag | BaseSizeFlag;
+    hints[11] = hints[13] = static_cast<uint32_t>(m_aspect.width());
+    hints[12] = hints[14] = static_cast<uint32_t>(m_aspect.height());
+    hints[15] = static_cast<uint32_t>(m_aspectBase.width());
+    hints[16] = static_cast<uint32_t>(m_aspectBase.height());
+    xcb_change_property(connection, XCB_PROP_MODE_REPLACE, window, XCB_ATOM_WM_NORMAL_HINTS, XCB_ATOM_WM_SIZE_HINTS, 32,
+                        static_cast<uint32_t>(hints.size()), hints.data());
+    xcb_flush(connection);
 }
 
 void MainWindow::dragEnterEvent(QDragEnterEvent* event) {

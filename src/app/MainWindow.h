@@ -29,16 +29,23 @@ public:
     // Sets the window's frame for the application (a layout change, a size step), as opposed to
     // a resize by the user, which is kept in proportion.
     void place(const QRect& frame);
+    // Tells an X11 window manager the proportions of the content (`natural`) and the size of the
+    // menu bar and toolbar around it (`decoration`), so that dragging the window keeps them.
+    void setAspect(QSize natural, QSize decoration);
 
 protected:
     void closeEvent(QCloseEvent* event) override;
     void resizeEvent(QResizeEvent* event) override;
+    void showEvent(QShowEvent* event) override;
     void dragEnterEvent(QDragEnterEvent* event) override;
     void dropEvent(QDropEvent* event) override;
 
 private:
     bool m_correcting = false;
     QRect m_placing; // the frame being placed, until the window has its size
+    QSize m_aspect;
+    QSize m_aspectBase;
+    void applyAspect();
 };
 
 } // namespace zandor
