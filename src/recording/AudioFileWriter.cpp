@@ -4,6 +4,7 @@
 
 extern "C" {
 #include <libavutil/channel_layout.h>
+#include <libavutil/opt.h>
 }
 
 #include <cstdio>
@@ -49,6 +50,22 @@ bool AudioFileWriter::open(const std::string& path, AVSampleFormat inputFormat, 
                                      inputFormat, inputRate, 0, nullptr);
     av_channel_layout_uninit(&inputLayout);
     m_resampler.reset(resampler);
+    if (resampler) {
+        // Keeps the sound on the wall clock. An input's sample clock runs a little fast or slow
+        // against it (a few hundred parts per million are common), so counting samples alone lets
+        // the sound drift away from the picture, by a frame within a minute or two. When the
+        // buffers' capture times and the samples put out so far part by more than 4 ms (more than
+        // the buffers' times jitter), the resampler stretches or squeezes the sound by at most
+        // 0.2 % for the next second; past 100 ms (samples lost in a dropout) it fills with silence
+        // or drops samples at once.
+        av_opt_set_double(resampler, "min_comp", 0.004, 0);
+        av_opt_set_double(resampler, "max_soft_comp", 0.002, 0);
+        av_opt_set_double(resampler, "comp_duration", 1.0, 0);
+        av_opt_set_double(resampler, "min_hard_comp", 0.1, 0);
+        // Resampling from the start: turned on only when first needed, it would start the time
+        // line afresh there and keep the gap it was meant to close.
+        av_opt_set_int(resampler, "flags", SWR_FLAG_RESAMPLE, 0);
+    }
     m_fifo.reset(av_audio_fifo_alloc(encoder->sample_fmt, 2, SampleRate));
     m_frame.reset(av_frame_alloc());
     m_packet.reset(av_packet_alloc());
@@ -75,10 +92,20 @@ bool AudioFileWriter::writeHeader(std::chrono::system_clock::time_point firstSam
     return m_headerWritten;
 }
 
-bool AudioFileWriter::write(const uint8_t* samples, int frames, std::chrono::system_clock::time_point firstSample) {
-    if (!m_encoder || (!m_headerWritten && !writeHeader(firstSample))) {
+bool AudioFileWriter::write(const uint8_t* samples, int frames, std::chrono::system_clock::time_point captured) {
+    if (!m_encoder) {
         return false;
     }
+    if (!m_headerWritten) {
+        m_firstSample = captured;
+        if (!writeHeader(captured)) {
+            return false;
+        }
+    }
+    // Where these samples belong on the movie's time line, in 1 / (rate * rate) seconds; the
+    // resampler compares it with what it has put out (see open()).
+    const int64_t sinceUs = std::chrono::duration_cast<std::chrono::microseconds>(captured - m_firstSample).count();
+    swr_next_pts(m_resampler.get(), sinceUs * SampleRate / 1000 * SampleRate / 1000);
     const int room = swr_get_out_samples(m_resampler.get(), frames);
     std::vector<float> left(static_cast<size_t>(room)), right(static_cast<size_t>(room));
     uint8_t* planes[2] = {reinterpret_cast<uint8_t*>(left.data()), reinterpret_cast<uint8_t*>(right.data())};
@@ -117,23 +144,7 @@ bool AudioFileWriter::drainFifo(bool flush) {
 }
 
 bool AudioFileWriter::encode(const AVFrame* frame) {
-    if (!ff::check(avcodec_send_frame(m_encoder.get(), frame), "avcodec_send_frame")) {
-        return false;
-    }
-    for (;;) {
-        int result = avcodec_receive_packet(m_encoder.get(), m_packet.get());
-        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
-            return true;
-        }
-        if (!ff::check(result, "avcodec_receive_packet")) {
-            return false;
-        }
-        av_packet_rescale_ts(m_packet.get(), m_encoder->time_base, m_stream->time_base);
-        m_packet->stream_index = m_stream->index;
-        if (!ff::check(av_interleaved_write_frame(m_output.get(), m_packet.get()), "av_interleaved_write_frame")) {
-            return false;
-        }
-    }
+    return ff::encodeAndWrite(m_encoder.get(), frame, m_packet.get(), m_output.get(), m_stream);
 }
 
 bool AudioFileWriter::finish() {

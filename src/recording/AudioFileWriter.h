@@ -20,9 +20,9 @@ public:
 
     // The captured samples: interleaved, of this format, rate and channel count.
     bool open(const std::string& path, AVSampleFormat inputFormat, int inputRate, int inputChannels);
-    // Encodes interleaved samples. `firstSample` is the wall-clock time of the first sample ever
-    // written; only the first call's value is used.
-    bool write(const uint8_t* samples, int frames, std::chrono::system_clock::time_point firstSample);
+    // Encodes interleaved samples; `captured` is the wall-clock time of the first of them. The
+    // first call's time is the start of the sound; later calls' keep it on the wall clock.
+    bool write(const uint8_t* samples, int frames, std::chrono::system_clock::time_point captured);
     // Flushes what is left and finishes the file. False, logged, when a step failed.
     bool finish();
 
@@ -42,6 +42,7 @@ private:
     ff::Frame m_frame;
     ff::Packet m_packet;
     bool m_headerWritten = false;
+    std::chrono::system_clock::time_point m_firstSample; // the first captured sample's time
     int64_t m_nextPts = 0; // in samples, the priming's included
 };
 

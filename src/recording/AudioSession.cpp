@@ -10,8 +10,8 @@ namespace zandor {
 
 namespace {
 
-// Short buffers: the first sample's time is estimated from the first buffer, and the sound played
-// through should not lag the picture by more than a frame or two.
+// Short buffers: each buffer's capture time is estimated from when it arrives, and the sound
+// played through should not lag the picture by more than a frame or two.
 constexpr int CaptureBufferMs = 20;
 constexpr int PreviewBufferMs = 40;
 
@@ -83,13 +83,10 @@ void AudioSession::readAvailable() {
     if (frames == 0) {
         return;
     }
-    if (!m_haveFirstSample) {
-        // The first buffer has just been filled: its first sample was taken its length ago.
-        m_firstSample = std::chrono::system_clock::now() -
-                        std::chrono::microseconds(m_format.durationForFrames(frames));
-        m_haveFirstSample = true;
-    }
-    m_writer.write(reinterpret_cast<const uint8_t*>(data.constData()), frames, m_firstSample);
+    // The buffer has just been filled: its first sample was taken its length ago.
+    const auto captured =
+        std::chrono::system_clock::now() - std::chrono::microseconds(m_format.durationForFrames(frames));
+    m_writer.write(reinterpret_cast<const uint8_t*>(data.constData()), frames, captured);
     if (m_output) {
         // Play-through never waits: what the output cannot take now is skipped.
         m_output->write(data);

@@ -41,8 +41,6 @@ private:
     QAudioFormat m_format;
     AudioFileWriter m_writer;
     bool m_started = false;
-    std::chrono::system_clock::time_point m_firstSample;
-    bool m_haveFirstSample = false;
 };
 
 } // namespace zandor

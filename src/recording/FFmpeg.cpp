@@ -72,6 +72,30 @@ void OutputContext::close() {
     }
 }
 
+bool encodeAndWrite(AVCodecContext* encoder, const AVFrame* frame, AVPacket* packet, AVFormatContext* output,
+                    AVStream* stream, int64_t defaultDuration) {
+    if (!check(avcodec_send_frame(encoder, frame), "avcodec_send_frame")) {
+        return false;
+    }
+    for (;;) {
+        int result = avcodec_receive_packet(encoder, packet);
+        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
+            return true;
+        }
+        if (!check(result, "avcodec_receive_packet")) {
+            return false;
+        }
+        if (packet->duration == 0) {
+            packet->duration = defaultDuration;
+        }
+        av_packet_rescale_ts(packet, encoder->time_base, stream->time_base);
+        packet->stream_index = stream->index;
+        if (!check(av_interleaved_write_frame(output, packet), "av_interleaved_write_frame")) {
+            return false;
+        }
+    }
+}
+
 InputContext openInput(const std::string& path, std::string& error) {
     routeLogging();
     AVFormatContext* raw = nullptr;

@@ -95,6 +95,11 @@ private:
     AVFormatContext* m_context = nullptr;
 };
 
+// Sends a frame (null to flush) to the encoder and writes every packet it gives back to `stream` of
+// `output`. A packet without a duration gets `defaultDuration`, in the encoder's time base.
+bool encodeAndWrite(AVCodecContext* encoder, const AVFrame* frame, AVPacket* packet, AVFormatContext* output,
+                    AVStream* stream, int64_t defaultDuration = 0);
+
 // Opens an input file and reads its stream information. Null, with the reason in `error`, on failure.
 InputContext openInput(const std::string& path, std::string& error);
 

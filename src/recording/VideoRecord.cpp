@@ -168,28 +168,9 @@ bool VideoRecord::append(const CaptureData& frame) {
 }
 
 bool VideoRecord::encode(const AVFrame* frame) {
-    if (!ff::check(avcodec_send_frame(m_encoder.get(), frame), "avcodec_send_frame")) {
-        return false;
-    }
-    for (;;) {
-        int result = avcodec_receive_packet(m_encoder.get(), m_packet.get());
-        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
-            return true;
-        }
-        if (!ff::check(result, "avcodec_receive_packet")) {
-            return false;
-        }
-        if (m_packet->duration == 0) {
-            // Frames come at the device's pace; until the next one arrives, a 60th of a second is
-            // the best guess of how long this one shows, and the muxer needs one for fragments.
-            m_packet->duration = 1000 / 60;
-        }
-        av_packet_rescale_ts(m_packet.get(), m_encoder->time_base, m_stream->time_base);
-        m_packet->stream_index = m_stream->index;
-        if (!ff::check(av_interleaved_write_frame(m_output.get(), m_packet.get()), "av_interleaved_write_frame")) {
-            return false;
-        }
-    }
+    // Frames come at the device's pace; until the next one arrives, a 60th of a second is the
+    // best guess of how long a frame shows, and the muxer needs one to cut fragments.
+    return ff::encodeAndWrite(m_encoder.get(), frame, m_packet.get(), m_output.get(), m_stream, 1000 / 60);
 }
 
 bool VideoRecord::stop() {
