@@ -92,7 +92,8 @@ bool AudioFileWriter::writeHeader(std::chrono::system_clock::time_point firstSam
     return m_headerWritten;
 }
 
-bool AudioFileWriter::write(const uint8_t* samples, int frames, std::chrono::system_clock::time_point captured) {
+bool AudioFileWriter::write(const uint8_t* samples, int frames,
+                            std::chrono::system_clock::time_point captured) {
     if (!m_encoder) {
         return false;
     }
@@ -104,7 +105,8 @@ bool AudioFileWriter::write(const uint8_t* samples, int frames, std::chrono::sys
     }
     // Where these samples belong on the movie's time line, in 1 / (rate * rate) seconds; the
     // resampler compares it with what it has put out (see open()).
-    const int64_t sinceUs = std::chrono::duration_cast<std::chrono::microseconds>(captured - m_firstSample).count();
+    const int64_t sinceUs =
+        std::chrono::duration_cast<std::chrono::microseconds>(captured - m_firstSample).count();
     swr_next_pts(m_resampler.get(), sinceUs * SampleRate / 1000 * SampleRate / 1000);
     const int room = swr_get_out_samples(m_resampler.get(), frames);
     std::vector<float> left(static_cast<size_t>(room)), right(static_cast<size_t>(room));

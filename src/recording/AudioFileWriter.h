@@ -11,8 +11,9 @@ namespace zandor {
 // Encodes captured sound to AAC (stereo, 44.1 kHz, 128 kbit/s) in a fragmented QuickTime movie.
 // The movie's metadata "zandor_capture_start" holds the wall-clock time of its first sample, so
 // that the merging tool can line it up with the video. That first sample is the encoder's priming
-// (1024 samples of near silence), so the time is the first captured sample's less the priming's
-// length. Not thread-safe: one thread writes.
+// (1024 samples of near silence), so the time stored is the first captured sample's less the
+// priming's length. The samples after it stay on the wall clock too, whatever the input's own
+// clock does (see write()). Not thread-safe: one thread writes.
 class AudioFileWriter {
 public:
     static constexpr int SampleRate = 44100;
@@ -21,7 +22,8 @@ public:
     // The captured samples: interleaved, of this format, rate and channel count.
     bool open(const std::string& path, AVSampleFormat inputFormat, int inputRate, int inputChannels);
     // Encodes interleaved samples; `captured` is the wall-clock time of the first of them. The
-    // first call's time is the start of the sound; later calls' keep it on the wall clock.
+    // first call's time is the start of the sound; where later calls' times and the samples
+    // counted part, the sound is stretched, squeezed, filled or cut to follow the times.
     bool write(const uint8_t* samples, int frames, std::chrono::system_clock::time_point captured);
     // Flushes what is left and finishes the file. False, logged, when a step failed.
     bool finish();

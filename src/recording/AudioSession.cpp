@@ -6,6 +6,8 @@
 #include <QAudioSource>
 #include <QMediaDevices>
 
+#include <chrono>
+
 namespace zandor {
 
 namespace {

@@ -6,7 +6,6 @@
 #include <QAudioFormat>
 #include <QObject>
 
-#include <chrono>
 #include <memory>
 
 class QAudioSink;

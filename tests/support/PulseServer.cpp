@@ -29,8 +29,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int ChunkFrames = PulseServer::SampleRate / 200; // 5 ms
 constexpr double Amplitude = 0.5 * 32767;
-// What pacat at --latency-msec=10 holds before a sample reaches the sink's input side, measured
-// with `pacat --verbose` against these null sinks: 7.5 to 10 ms.
+// How long a sample written to pacat at --latency-msec=10 waits before the sink plays it, as
+// `pacat --verbose` reports it against these null sinks: 7.5 to 10 ms.
 constexpr double PacatLatencySeconds = 0.008;
 // A sink in step with the clock plays at most this far ahead of it.
 constexpr long SettledLatencyUs = 20000;
@@ -77,7 +77,9 @@ std::string tail(const std::string& path) {
 
 } // namespace
 
-PulseServer::PulseServer() { m_running = start(); }
+PulseServer::PulseServer() {
+    m_running = start();
+}
 
 PulseServer::~PulseServer() {
     for (pid_t& keeper : m_keepers) {
@@ -110,40 +112,29 @@ bool PulseServer::start() {
 
     // The server keeps its runtime files and looks for its cookie in the private folder.
     std::vector<std::string> environment = {"HOME=" + m_folder, "XDG_RUNTIME_DIR=" + m_folder,
-                                            "PATH=" + std::string(std::getenv("PATH") ? std::getenv("PATH") : "")};
+                                            "PATH=" +
+                                                std::string(std::getenv("PATH") ? std::getenv("PATH") : "")};
     std::vector<char*> envp;
     for (auto& entry : environment) {
         envp.push_back(entry.data());
     }
     envp.push_back(nullptr);
-    std::vector<std::string> arguments = {
-        programPath("pulseaudio"), "--daemonize=no", "--exit-idle-time=-1", "--disable-shm=yes", "-n", "-F",
-        "/dev/null", "--load=module-native-protocol-unix socket=" + m_folder + "/native auth-anonymous=1",
-        "--load=module-null-sink sink_name=game_sink", "--load=module-null-sink sink_name=narrator_sink",
-        "--load=module-null-sink sink_name=out_sink"};
-    std::vector<char*> argv;
-    for (auto& argument : arguments) {
-        argv.push_back(argument.data());
-    }
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    const std::string log = m_folder + "/pulseaudio.log";
-    posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    const int spawned = posix_spawn(&m_server, argv[0], &actions, nullptr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0) {
-        m_server = -1;
-        m_error = "cannot start pulseaudio: " + std::string(std::strerror(spawned));
+    m_server = spawn(
+        {programPath("pulseaudio"), "--daemonize=no", "--exit-idle-time=-1", "--disable-shm=yes", "-n", "-F",
+         "/dev/null", "--load=module-native-protocol-unix socket=" + m_folder + "/native auth-anonymous=1",
+         "--load=module-null-sink sink_name=game_sink", "--load=module-null-sink sink_name=narrator_sink",
+         "--load=module-null-sink sink_name=out_sink"},
+        -1, nullptr, m_folder + "/pulseaudio.log", envp.data());
+    if (m_server < 0) {
+        m_error = "cannot start pulseaudio";
         return false;
     }
     if (!waitUntilAnswering()) {
         return false;
     }
     for (const auto& [input, sink, description] :
-         {std::tuple{"GameIn", "game_sink", "Game Input"}, std::tuple{"NarratorIn", "narrator_sink", "Narrator Input"}}) {
+         {std::tuple{"GameIn", "game_sink", "Game Input"},
+          std::tuple{"NarratorIn", "narrator_sink", "Narrator Input"}}) {
         if (!pactl({"load-module", "module-remap-source", std::string("source_name=") + input,
                     std::string("master=") + sink + ".monitor",
                     std::string("source_properties='device.description=\"") + description + "\"'"})) {
@@ -156,8 +147,8 @@ bool PulseServer::start() {
         return false;
     }
     for (const char* sink : {"game_sink", "narrator_sink"}) {
-        pid_t keeper = spawn({programPath("pacat"), "--playback", std::string("--device=") + sink, "--format=s16le",
-                              "--rate=44100", "--channels=2", "--latency-msec=10"},
+        pid_t keeper = spawn({programPath("pacat"), "--playback", std::string("--device=") + sink,
+                              "--format=s16le", "--rate=44100", "--channels=2", "--latency-msec=10"},
                              -1, "/dev/zero", "");
         if (keeper < 0) {
             m_error = "cannot start pacat";
@@ -268,7 +259,7 @@ std::optional<std::string> PulseServer::pactl(const std::vector<std::string>& ar
 }
 
 pid_t PulseServer::spawn(const std::vector<std::string>& arguments, int input, const char* inputPath,
-                         const std::string& output) const {
+                         const std::string& output, char* const* environment) const {
     std::vector<std::string> command = arguments;
     std::vector<char*> argv;
     for (auto& argument : command) {
@@ -286,7 +277,8 @@ pid_t PulseServer::spawn(const std::vector<std::string>& arguments, int input, c
                                      O_WRONLY | O_CREAT | O_APPEND, 0600);
     posix_spawn_file_actions_adddup2(&actions, 1, 2);
     pid_t pid = -1;
-    const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    const int spawned =
+        posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environment ? environment : environ);
     posix_spawn_file_actions_destroy(&actions);
     return spawned == 0 ? pid : -1;
 }
@@ -304,8 +296,9 @@ void PulseServer::endProcess(pid_t& pid) {
     pid = -1;
 }
 
-std::unique_ptr<PulseServer::Playback> PulseServer::play(const std::string& sink, Playback::Generator generator,
-                                                         double seconds, double aheadSeconds) {
+std::unique_ptr<PulseServer::Playback> PulseServer::play(const std::string& sink,
+                                                         Playback::Generator generator, double seconds,
+                                                         double aheadSeconds) {
     if (!m_running) {
         return nullptr;
     }
@@ -338,15 +331,16 @@ std::unique_ptr<PulseServer::Playback> PulseServer::playTone(const std::string& 
         [frequencyHz](int64_t first, double, int frames, int16_t* samples) {
             for (int i = 0; i < frames; ++i) {
                 const double t = static_cast<double>(first + i) / SampleRate;
-                const auto value = static_cast<int16_t>(std::lround(Amplitude * std::sin(2 * M_PI * frequencyHz * t)));
+                const auto value =
+                    static_cast<int16_t>(std::lround(Amplitude * std::sin(2 * M_PI * frequencyHz * t)));
                 samples[2 * i] = samples[2 * i + 1] = value;
             }
         },
         seconds, 0.2);
 }
 
-std::unique_ptr<PulseServer::Playback> PulseServer::playBeeps(const std::string& sink, double frequencyHz, int beepMs,
-                                                              double seconds) {
+std::unique_ptr<PulseServer::Playback> PulseServer::playBeeps(const std::string& sink, double frequencyHz,
+                                                              int beepMs, double seconds) {
     return play(
         sink,
         [frequencyHz, beepMs](int64_t, double due, int frames, int16_t* samples) {
@@ -364,7 +358,9 @@ std::unique_ptr<PulseServer::Playback> PulseServer::playBeeps(const std::string&
         seconds);
 }
 
-PulseServer::Playback::~Playback() { stop(); }
+PulseServer::Playback::~Playback() {
+    stop();
+}
 
 void PulseServer::Playback::run(Generator generator, int64_t totalFrames, double aheadSeconds) {
     // A write to a pacat that has gone raises SIGPIPE in the writing thread; with the signal blocked

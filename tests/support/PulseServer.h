@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -16,8 +17,9 @@ namespace zandor::test {
 // "narrator_sink" and "out_sink" (the default output, where play-through goes), and two inputs,
 // "GameIn" and "NarratorIn", remapped from the monitors of the first two sinks: what is played into
 // game_sink is what a program recording GameIn hears. The server runs in a temporary folder of its
-// own; PULSE_SERVER points at it for every process started while it lives. The destructor stops
-// every sound still playing, then the server, reaps both and removes the folder.
+// own; PULSE_SERVER points at it for every process started while it lives. A sound plays until
+// its handle goes, which stops and reaps its pacat; the server's destructor stops and reaps the
+// server and its helpers and removes the folder.
 class PulseServer {
 public:
     static constexpr int SampleRate = 44100;
@@ -37,11 +39,11 @@ public:
 
         // Ends the sound now; what pacat still holds plays out. Waits for pacat to end.
         void stop();
+
     private:
         friend class PulseServer;
         Playback() = default;
         void run(Generator generator, int64_t totalFrames, double aheadSeconds);
-
 
         pid_t m_pacat = -1;
         int m_pipe = -1; // pacat's standard input; written and closed by the thread only
@@ -64,7 +66,8 @@ public:
     std::unique_ptr<Playback> playTone(const std::string& sink, double frequencyHz, double seconds);
     // Silence with a beep of `frequencyHz` and `beepMs` at every whole second of the wall clock,
     // written ahead of the second by pacat's usual latency (about 8 ms) so that it is heard at it.
-    std::unique_ptr<Playback> playBeeps(const std::string& sink, double frequencyHz, int beepMs, double seconds);
+    std::unique_ptr<Playback> playBeeps(const std::string& sink, double frequencyHz, int beepMs,
+                                        double seconds);
     // Any sound. Each piece is written `aheadSeconds` before its time: a sound that need not be
     // on time can be written ahead, so that a writer held up for a moment leaves no gap in it.
     std::unique_ptr<Playback> play(const std::string& sink, Playback::Generator generator, double seconds,
@@ -80,9 +83,10 @@ private:
     bool settle(const std::string& sink);
     std::optional<long> sinkLatencyUs(const std::string& sink) const;
     // Starts a program with standard input from `input` (a descriptor) or else from `inputPath`,
-    // and its output appended to `output` (or dropped when empty).
+    // its output appended to `output` (or dropped when empty), and this process's environment
+    // unless one is given.
     pid_t spawn(const std::vector<std::string>& arguments, int input, const char* inputPath,
-                const std::string& output) const;
+                const std::string& output, char* const* environment = nullptr) const;
     static void endProcess(pid_t& pid);
 
     std::string m_folder;

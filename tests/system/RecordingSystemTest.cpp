@@ -43,8 +43,8 @@ using test::splitLines;
 constexpr int Rate = PulseServer::SampleRate;
 
 struct Finished {
-    int exitCode = -1;      // -1 when the program did not exit by itself
-    int signal = 0;         // the signal that ended it, when one did
+    int exitCode = -1;       // -1 when the program did not exit by itself
+    int signal = 0;          // the signal that ended it, when one did
     bool overstayed = false; // still running at the deadline, then killed
     std::string out;
     std::string err;
@@ -81,8 +81,8 @@ Finished runWithin(const std::vector<std::string>& arguments, std::chrono::secon
     std::string* sinks[2] = {&result.out, &result.err};
     int open = 2;
     while (open > 0) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) {
             result.overstayed = true;
             kill(pid, SIGKILL);
@@ -121,7 +121,9 @@ Finished runWithin(const std::vector<std::string>& arguments, std::chrono::secon
     return result;
 }
 
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
 
 size_t occurrences(const std::string& text, const std::string& part) {
     size_t count = 0;
@@ -137,10 +139,11 @@ using Fields = std::map<std::string, std::string>;
 
 // One entry per stream: ffprobe's fields by name.
 std::vector<Fields> streamsOf(const std::string& movie) {
-    const auto probe = runProcess({"/usr/bin/ffprobe", "-v", "error", "-show_entries",
-                                   "stream=codec_type,codec_name,width,height,r_frame_rate,avg_frame_rate,duration,"
-                                   "sample_rate,channels",
-                                   "-of", "compact=p=0", movie});
+    const auto probe =
+        runProcess({"/usr/bin/ffprobe", "-v", "error", "-show_entries",
+                    "stream=codec_type,codec_name,width,height,r_frame_rate,avg_frame_rate,duration,"
+                    "sample_rate,channels",
+                    "-of", "compact=p=0", movie});
     std::vector<Fields> streams;
     for (const std::string& line : splitLines(probe.out)) {
         Fields fields;
@@ -171,8 +174,8 @@ std::string formatTag(const std::string& movie, const std::string& tag) {
 // The first sound track, decoded to mono at 44.1 kHz; sample 0 is the movie's time zero.
 std::vector<int16_t> soundOf(const std::string& movie) {
     const auto decoded = runProcess({"/usr/bin/ffmpeg", "-v", "error", "-i", movie, "-map", "0:a:0", "-af",
-                                     "aresample=async=1:first_pts=0", "-ac", "1", "-ar", std::to_string(Rate), "-f",
-                                     "s16le", "-"});
+                                     "aresample=async=1:first_pts=0", "-ac", "1", "-ar", std::to_string(Rate),
+                                     "-f", "s16le", "-"});
     std::vector<int16_t> samples(decoded.out.size() / 2);
     std::memcpy(samples.data(), decoded.out.data(), samples.size() * 2);
     return samples;
@@ -180,17 +183,20 @@ std::vector<int16_t> soundOf(const std::string& movie) {
 
 // Level in dB of full scale over [from, to) seconds.
 double levelDb(const std::vector<int16_t>& samples, double from, double to) {
-    const auto begin = static_cast<size_t>(from * Rate), end = std::min(samples.size(), static_cast<size_t>(to * Rate));
+    const auto begin = static_cast<size_t>(from * Rate),
+               end = std::min(samples.size(), static_cast<size_t>(to * Rate));
     double sum = 0;
     for (size_t i = begin; i < end; ++i) {
         sum += static_cast<double>(samples[i]) * samples[i];
     }
-    return end > begin ? 10 * std::log10(sum / static_cast<double>(end - begin) / (32768.0 * 32768.0) + 1e-12) : -120;
+    return end > begin ? 10 * std::log10(sum / static_cast<double>(end - begin) / (32768.0 * 32768.0) + 1e-12)
+                       : -120;
 }
 
 // Frequency in Hz over [from, to) seconds, from the upward crossings of a tenth of full scale.
 double frequencyOf(const std::vector<int16_t>& samples, double from, double to) {
-    const auto begin = static_cast<size_t>(from * Rate), end = std::min(samples.size(), static_cast<size_t>(to * Rate));
+    const auto begin = static_cast<size_t>(from * Rate),
+               end = std::min(samples.size(), static_cast<size_t>(to * Rate));
     int crossings = 0;
     bool below = true;
     for (size_t i = begin; i < end; ++i) {
@@ -234,9 +240,9 @@ std::vector<double> beepOnsets(const std::vector<int16_t>& samples) {
 
 // The presentation times in seconds of the first frame of every run of white frames.
 std::vector<double> whiteFrames(const std::string& movie) {
-    const auto printed =
-        runProcess({"/usr/bin/ffmpeg", "-v", "error", "-nostats", "-i", movie, "-map", "0:v:0", "-vf",
-                    "scale=32:32,signalstats,metadata=mode=print:key=lavfi.signalstats.YAVG:file=-", "-f", "null", "-"});
+    const auto printed = runProcess(
+        {"/usr/bin/ffmpeg", "-v", "error", "-nostats", "-i", movie, "-map", "0:v:0", "-vf",
+         "scale=32:32,signalstats,metadata=mode=print:key=lavfi.signalstats.YAVG:file=-", "-f", "null", "-"});
     std::vector<double> times;
     double pts = 0;
     bool previousWhite = false;
@@ -265,8 +271,8 @@ double rate(const std::string& fraction) {
 
 // The presentation times of the picture's frames, in seconds, in file order.
 std::vector<double> frameTimes(const std::string& movie) {
-    const auto probe = runProcess({"/usr/bin/ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries",
-                                   "packet=pts_time", "-of", "csv=p=0", movie});
+    const auto probe = runProcess({"/usr/bin/ffprobe", "-v", "error", "-select_streams", "v:0",
+                                   "-show_entries", "packet=pts_time", "-of", "csv=p=0", movie});
     std::vector<double> times;
     for (const std::string& line : splitLines(probe.out)) {
         times.push_back(std::atof(line.c_str()));
@@ -295,7 +301,8 @@ protected:
 
     // Records with the demo board into out(); `program` is the zandor-cli to run.
     Finished record(std::vector<std::string> options, const std::string& program = ZANDOR_CLI) {
-        std::vector<std::string> command = {program, "record", "--board", "demo", "--out", out().toStdString()};
+        const std::string folder = out().toStdString();
+        std::vector<std::string> command = {program, "record", "--board", "demo", "--out", folder};
         command.insert(command.end(), options.begin(), options.end());
         return runWithin(command, std::chrono::seconds(90));
     }
@@ -314,7 +321,8 @@ protected:
         // A copy, not a link: the program finds its folders from where its own file is.
         std::filesystem::copy_file(ZANDOR_CLI, prefix / "bin/zandor-cli");
         std::filesystem::create_directory_symlink(ZANDOR_PLUGIN_FOLDER, prefix / "share/zandor/Plugins");
-        std::filesystem::create_symlink(std::filesystem::path(ZANDOR_TOOL_FOLDER) / tool, prefix / "libexec/zandor" / tool);
+        std::filesystem::create_symlink(std::filesystem::path(ZANDOR_TOOL_FOLDER) / tool,
+                                        prefix / "libexec/zandor" / tool);
         return (prefix / "bin/zandor-cli").string();
     }
 
@@ -331,15 +339,18 @@ protected:
 TEST_F(RecordingSystemTest, GameSoundIsTheMoviesAacTrackAndTheNarratorsIsNot) {
     auto game = m_pulse->playTone("game_sink", 440, 8);
     auto narrator = m_pulse->playTone("narrator_sink", 1000, 8);
-    const Finished run = record({"--seconds", "3", "--layout", "Top", "--game-audio", "GameIn", "--narrator-audio",
-                                 "NarratorIn"});
+    const Finished run = record(
+        {"--seconds", "3", "--layout", "Top", "--game-audio", "GameIn", "--narrator-audio", "NarratorIn"});
     expectEndedByItself(run);
     ASSERT_EQ(run.exitCode, 0) << run.err;
     const auto printed = splitLines(run.out);
     ASSERT_EQ(printed.size(), 1u) << run.out;
     const QString movie = QString::fromStdString(printed[0]);
-    EXPECT_TRUE(QRegularExpression(R"(/Capture \d\d_\d\d_\d{4} \d\d_\d\d_\d\d\.mp4$)").match(movie).hasMatch()) << printed[0];
-    EXPECT_EQ(stored(), QStringList{QFileInfo(movie).fileName()}) << "the bundle is gone, the movie is all that is left";
+    EXPECT_TRUE(
+        QRegularExpression(R"(/Capture \d\d_\d\d_\d{4} \d\d_\d\d_\d\d\.mp4$)").match(movie).hasMatch())
+        << printed[0];
+    EXPECT_EQ(stored(), QStringList{QFileInfo(movie).fileName()})
+        << "the bundle is gone, the movie is all that is left";
 
     const auto streams = streamsOf(printed[0]);
     ASSERT_EQ(streams.size(), 2u) << "one picture and one sound track: the narrator's is never merged";
@@ -403,7 +414,8 @@ TEST_F(RecordingSystemTest, BothScreensGiveOneMovieEachNamedAfterItsScreen) {
 
 TEST_F(RecordingSystemTest, FixedFrameRateIsMadeByTheConvertingTool) {
     auto game = m_pulse->playTone("game_sink", 440, 7);
-    const Finished run = record({"--seconds", "2", "--layout", "Top", "--fps", "30", "--game-audio", "GameIn"});
+    const Finished run =
+        record({"--seconds", "2", "--layout", "Top", "--fps", "30", "--game-audio", "GameIn"});
     expectEndedByItself(run);
     ASSERT_EQ(run.exitCode, 0) << run.err;
     const std::string movie = splitLines(run.out).at(0);
@@ -439,9 +451,9 @@ TEST_F(RecordingSystemTest, UnusableStorageFolderIsRefusedOrLogged) {
     ASSERT_TRUE(plainFile.open(QIODevice::WriteOnly));
     plainFile.close();
     for (const QString& folder : {m_work.path() + "/missing", plainFile.fileName()}) {
-        const Finished run = runWithin({ZANDOR_CLI, "record", "--board", "demo", "--seconds", "1", "--out",
-                                        folder.toStdString()},
-                                       std::chrono::seconds(30));
+        const Finished run = runWithin(
+            {ZANDOR_CLI, "record", "--board", "demo", "--seconds", "1", "--out", folder.toStdString()},
+            std::chrono::seconds(30));
         expectEndedByItself(run);
         EXPECT_EQ(run.exitCode, 2);
         EXPECT_EQ(splitLines(run.err).size(), 1u) << run.err;
@@ -452,7 +464,8 @@ TEST_F(RecordingSystemTest, UnusableStorageFolderIsRefusedOrLogged) {
     // the names of the bundles of the coming seconds.
     const QDateTime now = QDateTime::currentDateTime();
     for (int second = -2; second < 30; ++second) {
-        QFile blocker(out() + "/Capture " + now.addSecs(second).toString("dd_MM_yyyy HH_mm_ss") + ".zdrecord");
+        QFile blocker(out() + "/Capture " + now.addSecs(second).toString("dd_MM_yyyy HH_mm_ss") +
+                      ".zdrecord");
         ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
     }
     const QStringList before = stored();
@@ -465,20 +478,23 @@ TEST_F(RecordingSystemTest, UnusableStorageFolderIsRefusedOrLogged) {
 }
 
 TEST_F(RecordingSystemTest, AnAudioInputThatIsGoneStopsTheStart) {
-    for (const auto& options : {std::vector<std::string>{"--game-audio", "GoneIn"},
-                                std::vector<std::string>{"--game-audio", "GameIn", "--narrator-audio", "GoneIn"}}) {
+    for (const auto& options :
+         {std::vector<std::string>{"--game-audio", "GoneIn"},
+          std::vector<std::string>{"--game-audio", "GameIn", "--narrator-audio", "GoneIn"}}) {
         std::vector<std::string> arguments = {"--seconds", "1", "--layout", "Top"};
         arguments.insert(arguments.end(), options.begin(), options.end());
         const Finished run = record(arguments);
         expectEndedByItself(run);
         EXPECT_EQ(run.exitCode, 1);
-        EXPECT_TRUE(contains(run.err, "Could not construct connection of audio recording session")) << run.err;
+        EXPECT_TRUE(contains(run.err, "Could not construct connection of audio recording session"))
+            << run.err;
         EXPECT_TRUE(contains(run.err, "Could not start recording video.")) << run.err;
         EXPECT_TRUE(run.out.empty());
     }
     // Writers already started are left as they are: the bundles stay, and no movie is made.
     const QStringList left = stored();
-    EXPECT_EQ(left.filter(QRegularExpression(R"(\.zdrecord$)")).size(), left.size()) << left.join(", ").toStdString();
+    EXPECT_EQ(left.filter(QRegularExpression(R"(\.zdrecord$)")).size(), left.size())
+        << left.join(", ").toStdString();
     EXPECT_GE(left.size(), 1);
     EXPECT_TRUE(stored(QDir::Files).isEmpty());
 }
@@ -488,14 +504,16 @@ TEST_F(RecordingSystemTest, WithoutTheMergingToolNoMovieIsMadeAndTheBundleGoes) 
     const Finished run = record({"--seconds", "2", "--layout", "None", "--game-audio", "GameIn"}, program);
     expectEndedByItself(run);
     EXPECT_NE(run.exitCode, 0);
-    EXPECT_EQ(occurrences(run.err, "It was not possible to merge video."), 2u) << "once for each layout\n" << run.err;
+    EXPECT_EQ(occurrences(run.err, "It was not possible to merge video."), 2u) << "once for each layout\n"
+                                                                               << run.err;
     EXPECT_TRUE(run.out.empty()) << run.out;
     EXPECT_TRUE(stored().isEmpty()) << stored().join(", ").toStdString();
 }
 
 TEST_F(RecordingSystemTest, WithoutTheConvertingToolNoMovieIsMadeAndTheBundleGoes) {
     const std::string program = installWithOnly("SublerCLI");
-    const Finished run = record({"--seconds", "2", "--layout", "Top", "--fps", "30", "--game-audio", "GameIn"}, program);
+    const Finished run =
+        record({"--seconds", "2", "--layout", "Top", "--fps", "30", "--game-audio", "GameIn"}, program);
     expectEndedByItself(run);
     EXPECT_NE(run.exitCode, 0);
     EXPECT_TRUE(contains(run.err, "It was not possible to convert the merged video.")) << run.err;
