@@ -80,15 +80,8 @@ bool AudioFileWriter::open(const std::string& path, AVSampleFormat inputFormat, 
 bool AudioFileWriter::writeHeader(std::chrono::system_clock::time_point firstSample) {
     // Time zero of the movie is the priming, which plays before the first captured sample.
     const double priming = static_cast<double>(m_encoder->initial_padding) / SampleRate;
-    char start[64];
-    std::snprintf(start, sizeof start, "%.6f",
-                  std::chrono::duration<double>(firstSample.time_since_epoch()).count() - priming);
-    av_dict_set(&m_output->metadata, "zandor_capture_start", start, 0);
-    ff::Options options;
-    options.set("movflags", "empty_moov+default_base_moof+use_metadata_tags");
-    options.set("frag_duration", "1000000");
-    options.set("flush_packets", "1");
-    m_headerWritten = ff::check(avformat_write_header(m_output.get(), options.get()), "avformat_write_header");
+    m_headerWritten = ff::writeFragmentedHeader(
+        m_output.get(), std::chrono::duration<double>(firstSample.time_since_epoch()).count() - priming);
     return m_headerWritten;
 }
 

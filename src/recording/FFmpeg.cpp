@@ -96,6 +96,19 @@ bool encodeAndWrite(AVCodecContext* encoder, const AVFrame* frame, AVPacket* pac
     }
 }
 
+bool writeFragmentedHeader(AVFormatContext* output, double captureStart) {
+    if (captureStart >= 0) {
+        char start[64];
+        std::snprintf(start, sizeof start, "%.6f", captureStart);
+        av_dict_set(&output->metadata, "zandor_capture_start", start, 0);
+    }
+    Options options;
+    options.set("movflags", "empty_moov+default_base_moof+use_metadata_tags");
+    options.set("frag_duration", "1000000");
+    options.set("flush_packets", "1");
+    return check(avformat_write_header(output, options.get()), "avformat_write_header");
+}
+
 InputContext openInput(const std::string& path, std::string& error) {
     routeLogging();
     AVFormatContext* raw = nullptr;

@@ -100,6 +100,11 @@ private:
 bool encodeAndWrite(AVCodecContext* encoder, const AVFrame* frame, AVPacket* packet, AVFormatContext* output,
                     AVStream* stream, int64_t defaultDuration = 0);
 
+// Writes the header of a fragmented QuickTime movie (a fragment at least every second, each written
+// to the file at once, so that a crash leaves a playable file) whose metadata "zandor_capture_start"
+// holds `captureStart`, the wall-clock seconds of its time zero, when given (not negative).
+bool writeFragmentedHeader(AVFormatContext* output, double captureStart);
+
 // Opens an input file and reads its stream information. Null, with the reason in `error`, on failure.
 InputContext openInput(const std::string& path, std::string& error);
 

@@ -117,19 +117,13 @@ bool VideoRecord::startWriter() {
 
 bool VideoRecord::writeHeader(double firstFrameSeconds) {
     // The wall-clock time of the first frame, from which the merging tool lines up the sound.
+    double captureStart = -1;
     if (auto device = m_layout->device()) {
         const auto first = device->startTime() + std::chrono::duration_cast<std::chrono::system_clock::duration>(
                                                       std::chrono::duration<double>(firstFrameSeconds));
-        char start[64];
-        std::snprintf(start, sizeof start, "%.6f", std::chrono::duration<double>(first.time_since_epoch()).count());
-        av_dict_set(&m_output->metadata, "zandor_capture_start", start, 0);
+        captureStart = std::chrono::duration<double>(first.time_since_epoch()).count();
     }
-    ff::Options options;
-    // Fragmented: a fragment at least every second, each flushed to the file as it is written.
-    options.set("movflags", "empty_moov+default_base_moof+use_metadata_tags");
-    options.set("frag_duration", "1000000");
-    options.set("flush_packets", "1");
-    m_headerWritten = ff::check(avformat_write_header(m_output.get(), options.get()), "avformat_write_header");
+    m_headerWritten = ff::writeFragmentedHeader(m_output.get(), captureStart);
     return m_headerWritten;
 }
 
