@@ -7,7 +7,6 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
-#include <cstdio>
 #include <vector>
 
 namespace zandor {

@@ -9,7 +9,6 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
-#include <cstdio>
 
 namespace zandor {
 
