@@ -12,6 +12,7 @@
 #include <QSignalSpy>
 #include <QTest>
 
+#include <algorithm>
 #include <random>
 
 namespace zandor {
@@ -28,9 +29,8 @@ protected:
 
     CaptureDataPtr randomFrame(const CaptureLayout& layout) {
         auto frame = CaptureData::create(layout.size());
-        for (uint64_t i = 0; i < frame->size(); ++i) {
-            frame->data()[i] = static_cast<uint8_t>(m_random());
-        }
+        std::generate(frame->data(), frame->data() + frame->size(),
+                      [this] { return static_cast<uint8_t>(m_random()); });
         return frame;
     }
 
@@ -61,14 +61,9 @@ protected:
     }
 
     static bool isBlack(const QImage& image) {
-        for (int y = 0; y < image.height(); ++y) {
-            for (int x = 0; x < image.width(); ++x) {
-                if ((image.pixel(x, y) & 0xFFFFFF) != 0) {
-                    return false;
-                }
-            }
-        }
-        return true;
+        QImage black(image.size(), QImage::Format_RGB32);
+        black.fill(Qt::black);
+        return image == black;
     }
 
     QImage draw() { return m_view.grab().toImage().convertToFormat(QImage::Format_RGB32); }
@@ -133,7 +128,8 @@ TEST(MainWindowContentView, EveryKeyPressIsOneNotificationWithItsEvent) {
                                        [&](const QString& name, const QVariant& object, const QVariantMap& info) {
                                            if (name == MainWindowContentViewKeyNotification) {
                                                received.push_back({object.value<QObject*>(),
-                                                                   info.value(MainWindowContentViewKeyEvent).value<KeyEventPtr>()});
+                                                                   info.value(MainWindowContentViewKeyEvent)
+                                                                       .value<KeyEventPtr>()});
                                            }
                                        });
     QTest::keyClick(&view, Qt::Key_Escape);
@@ -142,7 +138,7 @@ TEST(MainWindowContentView, EveryKeyPressIsOneNotificationWithItsEvent) {
     // The Control key's own press is a key press too.
     ASSERT_EQ(received.size(), 3u);
     EXPECT_EQ(received[0].first, &view);
-    ASSERT_TRUE(received[0].second);
+    ASSERT_TRUE(received[0].second && received[1].second && received[2].second);
     EXPECT_EQ(received[0].second->key(), Qt::Key_Escape);
     EXPECT_EQ(received[1].second->key(), Qt::Key_Control);
     EXPECT_EQ(received[2].second->key(), Qt::Key_A);

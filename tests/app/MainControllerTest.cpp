@@ -1,4 +1,3 @@
-#include "GatedBoard.h"
 #include "PluginBundles.h"
 #include "UserFolders.h"
 #include "app/CaptureLayoutView.h"
@@ -64,27 +63,31 @@ TEST(WindowSizing, PlacesTheViewFittedCentredAndCappedInFullScreen) {
 class MainControllerTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        m_home = test::isolateUserFolders();
+        test::isolateUserFolders();
         ASSERT_TRUE(DetachedThread::waitForAll(20s));
-        PreferencesController::instance().setReadOnly(false);
-        PreferencesController::instance().setPreference(PreferenceCaptureStorageFolder, m_storage.path());
-        PreferencesController::instance().setPreference(PreferenceCaptureLayout, "Active Layout");
-        PreferencesController::instance().setPreference(PreferenceCaptureGameAudioInput, "None");
-        PreferencesController::instance().setPreference(PreferenceCaptureNarratorAudioInput, "None");
+        auto& preferences = PreferencesController::instance();
+        preferences.setReadOnly(false);
+        preferences.setPreference(PreferenceCaptureStorageFolder, m_storage.path());
+        preferences.setPreference(PreferenceCaptureLayout, "Active Layout");
+        preferences.setPreference(PreferenceCaptureGameAudioInput, "None");
+        preferences.setPreference(PreferenceCaptureNarratorAudioInput, "None");
     }
     void TearDown() override {
+        stop();
+        EXPECT_TRUE(DetachedThread::waitForAll(20s));
+    }
+
+    ::Ui::MainWindow& start(std::unique_ptr<UsbBoard> board = std::make_unique<DemoBoard>()) {
+        m_controller = std::make_unique<MainController>(std::move(board));
+        m_controller->awakeFromNib();
+        m_controller->mainWindow()->show();
+        return m_controller->mainWindow()->ui;
+    }
+    void stop() {
         if (m_controller) {
             m_controller->shutdown();
             m_controller.reset();
         }
-        EXPECT_TRUE(DetachedThread::waitForAll(20s));
-    }
-
-    MainController& start(std::unique_ptr<UsbBoard> board) {
-        m_controller = std::make_unique<MainController>(std::move(board));
-        m_controller->awakeFromNib();
-        m_controller->mainWindow()->show();
-        return *m_controller;
     }
 
     QStringList alerts() const {
@@ -97,14 +100,21 @@ protected:
         return titles;
     }
 
-    QString m_home;
+    // The items of a menu, separators as "---", checked ones marked with "*".
+    static QStringList items(const QMenu* menu) {
+        QStringList titles;
+        for (QAction* item : menu->actions()) {
+            titles << (item->isSeparator() ? "---" : item->text() + (item->isChecked() ? "*" : ""));
+        }
+        return titles;
+    }
+
     QTemporaryDir m_storage;
     std::unique_ptr<MainController> m_controller;
 };
 
 TEST_F(MainControllerTest, PlayWithoutABoardSaysSoAndStaysStopped) {
-    auto& controller = start(std::make_unique<AbsentBoard>());
-    auto& ui = controller.mainWindow()->ui;
+    auto& ui = start(std::make_unique<AbsentBoard>());
     EXPECT_EQ(ui.playPauseItem->text(), "Play");
     EXPECT_FALSE(ui.screenshotItem->isEnabled());
     ui.playPauseItem->trigger();
@@ -115,43 +125,41 @@ TEST_F(MainControllerTest, PlayWithoutABoardSaysSoAndStaysStopped) {
 }
 
 TEST_F(MainControllerTest, PlayingShowsTheMovingPictureAndEnablesTheRecorders) {
-    auto& controller = start(std::make_unique<DemoBoard>());
-    auto& ui = controller.mainWindow()->ui;
+    auto& ui = start();
     ui.playPauseItem->trigger();
     EXPECT_EQ(ui.playPauseItem->text(), "Pause");
-    EXPECT_TRUE(ui.screenshotItem->isEnabled());
-    EXPECT_TRUE(ui.recordItem->isEnabled());
+    EXPECT_TRUE(ui.screenshotItem->isEnabled() && ui.recordItem->isEnabled());
     QSignalSpy frames(ui.layoutView, &CaptureLayoutView::frameReceived);
     ASSERT_TRUE(frames.wait(20000));
     const QImage first = ui.layoutView->grab().toImage();
-    frames.clear();
     ASSERT_TRUE(frames.wait(20000));
-    const QImage second = ui.layoutView->grab().toImage();
-    EXPECT_NE(first, second) << "the picture moves";
+    EXPECT_NE(first, ui.layoutView->grab().toImage()) << "the picture moves";
     EXPECT_EQ(first.size(), QSize(400, 480));
 
     ui.playPauseItem->trigger();
     EXPECT_EQ(ui.playPauseItem->text(), "Play");
-    EXPECT_FALSE(controller.device()->isListening());
+    EXPECT_FALSE(m_controller->device()->isListening());
 }
 
 TEST_F(MainControllerTest, TheWindowsActionsTakeAScreenshotAndAVideo) {
     ShellCommand::setToolFolder(QCoreApplication::applicationDirPath() + "/../libexec/zandor");
-    auto& controller = start(std::make_unique<DemoBoard>());
-    auto& ui = controller.mainWindow()->ui;
+    auto& ui = start();
     ui.playPauseItem->trigger();
     ui.screenshotItem->trigger();
-    ASSERT_TRUE(controller.imageRecorder()->waitUntilFinished(20s));
+    ASSERT_TRUE(m_controller->imageRecorder()->waitUntilFinished(20s));
 
     ui.recordItem->trigger();
     EXPECT_EQ(ui.recordItem->text(), "Stop");
     EXPECT_FALSE(ui.playPauseItem->isEnabled()) << "no pausing while recording";
-    EXPECT_FALSE(controller.attemptExit()) << "no quitting while recording";
+    EXPECT_FALSE(m_controller->attemptExit()) << "no quitting while recording";
     EXPECT_TRUE(alerts().last().startsWith("Please stop recording first."));
-    QTest::qWait(2000);
+    QSignalSpy frames(ui.layoutView, &CaptureLayoutView::frameReceived);
+    while (frames.count() < 30) {
+        ASSERT_TRUE(frames.wait(20000));
+    }
     ui.recordItem->trigger();
-    ASSERT_TRUE(controller.videoRecorder()->waitUntilFinished(60s));
-    EXPECT_TRUE(controller.attemptExit());
+    ASSERT_TRUE(m_controller->videoRecorder()->waitUntilFinished(60s));
+    EXPECT_TRUE(m_controller->attemptExit());
     QTRY_COMPARE_WITH_TIMEOUT(ui.recordItem->text(), QStringLiteral("Record"), 20000);
     EXPECT_TRUE(ui.playPauseItem->isEnabled());
 
@@ -163,24 +171,18 @@ TEST_F(MainControllerTest, TheWindowsActionsTakeAScreenshotAndAVideo) {
 }
 
 TEST_F(MainControllerTest, ALayoutChangeResizesTheWindowKeepingItsLowerLeftCorner) {
-    auto& controller = start(std::make_unique<DemoBoard>());
-    auto* window = controller.mainWindow();
-    auto& ui = window->ui;
+    auto& ui = start();
+    auto* window = m_controller->mainWindow();
     window->move(100, 200);
     const QRect before = window->geometry();
     EXPECT_EQ(ui.mainView->size(), QSize(400, 480));
     auto side = LayoutController::instance().layoutNamed("Side by Side");
     ASSERT_TRUE(side);
-    controller.setActiveLayout(side);
+    m_controller->setActiveLayout(side);
     EXPECT_EQ(ui.mainView->size(), QSize(720, 240));
     EXPECT_EQ(window->geometry().left(), before.left());
     EXPECT_EQ(window->geometry().bottom(), before.bottom());
-    int checked = 0;
-    for (QAction* item : ui.activeLayoutMenu->actions()) {
-        checked += item->isChecked() ? 1 : 0;
-        EXPECT_EQ(item->isChecked(), item->text() == "Side by Side");
-    }
-    EXPECT_EQ(checked, 1);
+    EXPECT_EQ(items(ui.activeLayoutMenu).filter("*"), QStringList{"Side by Side*"});
     EXPECT_TRUE(ui.sizeOriginalItem->isChecked());
     ui.sizeDoubleItem->trigger();
     EXPECT_EQ(ui.mainView->size(), QSize(1440, 480));
@@ -189,66 +191,55 @@ TEST_F(MainControllerTest, ALayoutChangeResizesTheWindowKeepingItsLowerLeftCorne
 }
 
 TEST_F(MainControllerTest, AnInstalledLayoutPluginBecomesTheActiveLayout) {
-    auto& controller = start(std::make_unique<DemoBoard>());
-    auto& ui = controller.mainWindow()->ui;
-    const int items = static_cast<int>(ui.activeLayoutMenu->actions().size());
+    auto& ui = start();
+    const QStringList before = items(ui.activeLayoutMenu);
     QTemporaryDir downloads;
-    const QString unknown = test::writeBundle(downloads.path(), "other.zdplugin", "<plugin><name>Other</name></plugin>");
+    const QString unknown =
+        test::writeBundle(downloads.path(), "other.zdplugin", "<plugin><name>Other</name></plugin>");
     EXPECT_FALSE(PluginController::instance().installPlugin(unknown));
-    EXPECT_EQ(ui.activeLayoutMenu->actions().size(), items);
+    EXPECT_EQ(items(ui.activeLayoutMenu), before);
 
-    const QString bundle = test::writeBundle(downloads.path(), "mine.zdplugin",
-                                             test::layoutDescriptor("My Layout", 1, 400, 480,
-                                                                    R"(<object type="screen_top" x="0" y="0"/>)"));
+    const QString bundle = test::writeBundle(
+        downloads.path(), "mine.zdplugin",
+        test::layoutDescriptor("My Layout", 1, 400, 480, R"(<object type="screen_top" x="0" y="0"/>)"));
     ASSERT_TRUE(PluginController::instance().installPlugin(bundle));
-    EXPECT_EQ(controller.activeLayout()->name(), "My Layout");
-    QStringList titles;
-    for (QAction* item : ui.activeLayoutMenu->actions()) {
-        titles << (item->isSeparator() ? "---" : item->text());
-    }
-    EXPECT_TRUE(titles.endsWith("My Layout")) << titles.join(", ").toStdString();
-    EXPECT_TRUE(titles.contains("---"));
+    EXPECT_EQ(m_controller->activeLayout()->name(), "My Layout");
+    const QStringList after = items(ui.activeLayoutMenu);
+    EXPECT_TRUE(after.endsWith("My Layout*")) << after.join(", ").toStdString();
+    EXPECT_TRUE(after.contains("---"));
 }
 
 TEST_F(MainControllerTest, CaptureFollowsTheChosenLayoutOrBothScreens) {
-    auto& controller = start(std::make_unique<DemoBoard>());
-    EXPECT_EQ(controller.captureLayouts(), std::vector<LayoutPtr>{controller.activeLayout()});
+    start();
+    EXPECT_EQ(m_controller->captureLayouts(), std::vector<LayoutPtr>{m_controller->activeLayout()});
     PreferencesController::instance().setPreference(PreferenceCaptureLayout, "Side by Side");
-    EXPECT_EQ(controller.captureLayouts().front()->name(), "Side by Side");
+    EXPECT_EQ(m_controller->captureLayouts().front()->name(), "Side by Side");
     PreferencesController::instance().setPreference(PreferenceCaptureLayout, "None");
-    const auto layouts = controller.captureLayouts();
+    const auto layouts = m_controller->captureLayouts();
     ASSERT_EQ(layouts.size(), 2u);
-    EXPECT_EQ(layouts[0]->name(), "Top");
-    EXPECT_EQ(layouts[1]->name(), "Bottom");
+    EXPECT_EQ(layouts[0]->name() + layouts[1]->name(), "TopBottom");
 }
 
 TEST_F(MainControllerTest, FullScreenTakesThePictureAloneAndEscapeBringsItBack) {
-    auto& controller = start(std::make_unique<DemoBoard>());
-    controller.toggleFullScreen();
-    ASSERT_TRUE(controller.isFullScreen());
-    QWidget* full = nullptr;
-    for (QWidget* widget : QApplication::topLevelWidgets()) {
-        if (widget->objectName() == "fullScreenWindow") {
-            full = widget;
-        }
-    }
-    ASSERT_NE(full, nullptr);
-    EXPECT_EQ(controller.mainWindow()->ui.mainView->window(), full);
-    QTest::keyClick(controller.mainWindow()->ui.mainView, Qt::Key_Escape);
-    EXPECT_FALSE(controller.isFullScreen());
-    EXPECT_EQ(controller.mainWindow()->ui.mainView->window(), controller.mainWindow());
-    QTest::keyClick(controller.mainWindow()->ui.mainView, Qt::Key_Escape);
-    EXPECT_FALSE(controller.isFullScreen()) << "Escape outside full screen does nothing";
+    auto& ui = start();
+    m_controller->toggleFullScreen();
+    ASSERT_TRUE(m_controller->isFullScreen());
+    EXPECT_EQ(ui.mainView->window()->objectName(), "fullScreenWindow");
+    EXPECT_TRUE(QApplication::topLevelWidgets().contains(ui.mainView->window()));
+    QTest::keyClick(ui.mainView, Qt::Key_Escape);
+    EXPECT_FALSE(m_controller->isFullScreen());
+    EXPECT_EQ(ui.mainView->window(), m_controller->mainWindow());
+    QTest::keyClick(ui.mainView, Qt::Key_Escape);
+    EXPECT_FALSE(m_controller->isFullScreen()) << "Escape outside full screen does nothing";
 }
 
 TEST_F(MainControllerTest, TheFirstRunShowsTheAboutWindowOnce) {
     PreferencesController::instance().setPreference(PreferenceFirstRun, true);
-    start(std::make_unique<DemoBoard>());
+    start();
     EXPECT_NE(m_controller->mainWindow()->findChild<QMessageBox*>("aboutWindow"), nullptr);
     EXPECT_FALSE(PreferencesController::instance().preference(PreferenceFirstRun).toBool());
-    m_controller->shutdown();
-    m_controller.reset();
-    start(std::make_unique<DemoBoard>());
+    stop();
+    start();
     EXPECT_EQ(m_controller->mainWindow()->findChild<QMessageBox*>("aboutWindow"), nullptr);
 }
 

@@ -1,5 +1,5 @@
-#include "GatedBoard.h"
 #include "Frames.h"
+#include "GatedBoard.h"
 #include "ScreenReference.h"
 #include "base/DetachedThread.h"
 #include "base/Log.h"
@@ -23,45 +23,30 @@ struct ScreenGeometry {
 constexpr ScreenGeometry Top{raw::TopWidth, raw::TopHeight, raw::TopOffset};
 constexpr ScreenGeometry Bottom{raw::BottomWidth, raw::BottomHeight, raw::BottomOffset};
 
-std::vector<uint8_t> cutScreen(const std::vector<uint8_t>& rawFrame, ScreenGeometry screen) {
+std::vector<uint8_t> cutScreen(const std::vector<uint8_t>& area, ScreenGeometry screen) {
     std::vector<uint8_t> rows(screen.width * screen.height * 3);
-    CaptureScreen::cut(rawFrame.data() + screen.offset, rows.data(), screen.width, screen.height);
+    CaptureScreen::cut(area.data() + screen.offset, rows.data(), screen.width, screen.height);
     return rows;
 }
 
-// The three bytes of a screen pixel, as one number.
-uint32_t pixelAt(const std::vector<uint8_t>& rows, ScreenGeometry screen, uint64_t x, uint64_t y) {
-    const uint8_t* p = rows.data() + 3 * (y * screen.width + x);
-    return uint32_t(p[0]) << 16 | uint32_t(p[1]) << 8 | p[2];
-}
-
-TEST(ScreenCut, MatchesTheObviousCutOverRandomFrames) {
+TEST(ScreenCut, MatchesTheObviousCutOverRandomFramesAndOddSizes) {
     std::mt19937 random(12345);
-    std::vector<uint8_t> rawFrame(raw::BlockBytes);
-    for (int round = 0; round < 8; ++round) {
-        for (auto& byte : rawFrame) {
-            byte = static_cast<uint8_t>(random());
-        }
-        for (ScreenGeometry screen : {Top, Bottom}) {
-            EXPECT_EQ(cutScreen(rawFrame, screen),
-                      test::referenceScreen(rawFrame.data(), screen.offset, screen.width, screen.height))
-                << "round " << round << ", screen at offset " << screen.offset;
-        }
-    }
-}
-
-TEST(ScreenCut, MatchesTheObviousCutForOddSizes) {
-    std::mt19937 random(7);
+    std::vector<ScreenGeometry> geometries;
     for (uint64_t width : {1u, 15u, 17u, 33u}) {
         for (uint64_t height : {1u, 16u, 31u}) {
-            std::vector<uint8_t> area(width * height * 3);
-            for (auto& byte : area) {
-                byte = static_cast<uint8_t>(random());
-            }
-            std::vector<uint8_t> rows(area.size());
-            CaptureScreen::cut(area.data(), rows.data(), width, height);
-            EXPECT_EQ(rows, test::referenceScreen(area.data(), 0, width, height)) << width << "x" << height;
+            geometries.push_back({width, height, 0});
         }
+    }
+    for (int round = 0; round < 8; ++round) {
+        geometries.push_back(Top);
+        geometries.push_back(Bottom);
+    }
+    for (ScreenGeometry screen : geometries) {
+        std::vector<uint8_t> area(screen.offset + screen.width * screen.height * 3);
+        std::generate(area.begin(), area.end(), [&] { return static_cast<uint8_t>(random()); });
+        EXPECT_EQ(cutScreen(area, screen),
+                  test::referenceScreen(area.data(), screen.offset, screen.width, screen.height))
+            << screen.width << "x" << screen.height << " at offset " << screen.offset;
     }
 }
 
@@ -73,6 +58,10 @@ TEST(ScreenCut, TakesEachPixelFromTheBoardsColumnOrder) {
         rawFrame[3 * i + 1] = static_cast<uint8_t>(i >> 8);
         rawFrame[3 * i + 2] = static_cast<uint8_t>(i);
     }
+    const auto pixelAt = [](const std::vector<uint8_t>& rows, ScreenGeometry screen, uint64_t x, uint64_t y) {
+        const uint8_t* p = rows.data() + 3 * (y * screen.width + x);
+        return uint32_t(p[0]) << 16 | uint32_t(p[1]) << 8 | p[2];
+    };
     auto top = cutScreen(rawFrame, Top);
     EXPECT_EQ(pixelAt(top, Top, 0, 0), 239u);        // raw bytes 717 to 719
     EXPECT_EQ(pixelAt(top, Top, 399, 239), 95760u);  // raw bytes 287280 to 287282
@@ -86,83 +75,76 @@ TEST(ScreenCut, TakesEachPixelFromTheBoardsColumnOrder) {
 class CaptureScreenPipeline : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(DetachedThread::waitForAll(20s)); }
-    void TearDown() override { EXPECT_TRUE(DetachedThread::waitForAll(20s)); }
+    void TearDown() override {
+        m_device->stopListening();
+        m_board->release();
+        EXPECT_TRUE(DetachedThread::waitForAll(20s));
+    }
+
+    std::unique_ptr<test::GatedBoard> m_owned = std::make_unique<test::GatedBoard>();
+    test::GatedBoard* m_board = m_owned.get();
+    std::shared_ptr<CaptureDevice> m_device = CaptureDevice::create(std::move(m_owned));
+    std::shared_ptr<Wakeup> m_wakeup = std::make_shared<Wakeup>();
 };
 
 TEST_F(CaptureScreenPipeline, ScreensPublishTheCutOfEachRawFrameWithItsTimeStamp) {
-    auto device = CaptureDevice::create(std::make_unique<test::GatedBoard>());
-    auto wakeup = std::make_shared<Wakeup>();
-    auto rawObserver = device->addObserver(wakeup);
-    auto topObserver = device->screen(0)->addObserver(wakeup);
-    auto bottomObserver = device->screen(1)->addObserver(wakeup);
-    ASSERT_TRUE(device->startListening());
-    auto raws = test::takeFrames(*device, rawObserver, *wakeup, 6);
-    auto tops = test::takeFrames(*device->screen(0), topObserver, *wakeup, 6);
-    auto bottoms = test::takeFrames(*device->screen(1), bottomObserver, *wakeup, 6);
-    device->stopListening();
-
+    auto rawObserver = m_device->addObserver(m_wakeup);
+    auto topObserver = m_device->screen(0)->addObserver(m_wakeup);
+    auto bottomObserver = m_device->screen(1)->addObserver(m_wakeup);
+    ASSERT_TRUE(m_device->startListening());
+    auto raws = test::takeFrames(*m_device, rawObserver, *m_wakeup, 6);
+    auto tops = test::takeFrames(*m_device->screen(0), topObserver, *m_wakeup, 6);
+    auto bottoms = test::takeFrames(*m_device->screen(1), bottomObserver, *m_wakeup, 6);
+    m_device->stopListening();
     ASSERT_EQ(raws.size(), 6u);
     ASSERT_EQ(tops.size(), 6u);
     ASSERT_EQ(bottoms.size(), 6u);
     for (size_t n = 0; n < 6; ++n) {
-        std::vector<uint8_t> rawBytes(raws[n]->data(), raws[n]->data() + raw::FrameBytes);
-        EXPECT_EQ(tops[n]->timestamp(), raws[n]->timestamp());
-        EXPECT_EQ(bottoms[n]->timestamp(), raws[n]->timestamp());
-        ASSERT_EQ(tops[n]->size(), 288000u);
-        ASSERT_EQ(bottoms[n]->size(), 230400u);
-        EXPECT_EQ(std::vector<uint8_t>(tops[n]->data(), tops[n]->data() + tops[n]->size()),
-                  test::referenceScreen(rawBytes.data(), Top.offset, Top.width, Top.height));
-        EXPECT_EQ(std::vector<uint8_t>(bottoms[n]->data(), bottoms[n]->data() + bottoms[n]->size()),
-                  test::referenceScreen(rawBytes.data(), Bottom.offset, Bottom.width, Bottom.height));
+        for (const auto& [cut, screen] : {std::pair{tops[n], Top}, std::pair{bottoms[n], Bottom}}) {
+            EXPECT_EQ(cut->timestamp(), raws[n]->timestamp());
+            EXPECT_EQ(std::vector<uint8_t>(cut->data(), cut->data() + cut->size()),
+                      test::referenceScreen(raws[n]->data(), screen.offset, screen.width, screen.height))
+                << "frame " << n << ", screen at offset " << screen.offset;
+        }
     }
 }
 
 TEST_F(CaptureScreenPipeline, AStoppedScreenPublishesNothingMoreButKeepsItsObservers) {
-    test::GatedBoard* board;
-    auto owned = std::make_unique<test::GatedBoard>();
-    board = owned.get();
-    auto device = CaptureDevice::create(std::move(owned));
-    auto wakeup = std::make_shared<Wakeup>();
-    auto top = device->screen(0)->addObserver(wakeup);
-    board->holdAt(3);
-    ASSERT_TRUE(device->startListening());
-    ASSERT_TRUE(board->waitUntilHeld(3));
-    device->stopListening();
-    board->release();
+    auto top = m_device->screen(0)->addObserver(m_wakeup);
+    m_board->holdAt(3);
+    ASSERT_TRUE(m_device->startListening());
+    ASSERT_TRUE(m_board->waitUntilHeld(3));
+    m_device->stopListening();
+    m_board->release();
     ASSERT_TRUE(DetachedThread::waitForAll(20s));
 
     size_t published = 0;
-    while (device->screen(0)->observe(top)) {
+    while (m_device->screen(0)->observe(top)) {
         ++published;
     }
     EXPECT_LE(published, 3u);
-    EXPECT_TRUE(device->screen(0)->hasObservers());
-    EXPECT_FALSE(device->hasObservers()) << "the device lets go of the screens' queues";
+    EXPECT_TRUE(m_device->screen(0)->hasObservers());
+    EXPECT_FALSE(m_device->hasObservers()) << "the device lets go of the screens' queues";
 
     // Listening again, the same observer receives frames again.
-    ASSERT_TRUE(device->startListening());
-    EXPECT_EQ(test::takeFrames(*device->screen(0), top, *wakeup, 1).size(), 1u);
-    device->stopListening();
+    ASSERT_TRUE(m_device->startListening());
+    EXPECT_EQ(test::takeFrames(*m_device->screen(0), top, *m_wakeup, 1).size(), 1u);
 }
 
 TEST_F(CaptureScreenPipeline, AFullScreenQueueLogsTheObserverThenTheScreen) {
-    auto owned = std::make_unique<test::GatedBoard>();
-    auto* board = owned.get();
-    auto device = CaptureDevice::create(std::move(owned));
-    auto slow = device->screen(1)->addObserver();
-    board->holdAt(21);
+    const std::string screenLine = "Frame was skipped as the buffer for screen with offset '288000' became too large";
+    auto slow = m_device->screen(1)->addObserver();
+    m_board->holdAt(21);
     LogCapture log;
-    ASSERT_TRUE(device->startListening());
-    ASSERT_TRUE(board->waitUntilHeld(21));
+    ASSERT_TRUE(m_device->startListening());
+    ASSERT_TRUE(m_board->waitUntilHeld(21));
     // Frames 0 to 20 went to the device; the bottom screen's 21st cut overflows the queue.
-    EXPECT_TRUE(log.waitFor("Frame was skipped as the buffer for screen with offset '288000' became too large", 20s));
-    device->stopListening();
-    board->release();
+    EXPECT_TRUE(log.waitFor(screenLine, 20s));
     auto lines = log.lines();
     auto skipped = std::find(lines.begin(), lines.end(), "Skipped frame of observer 0");
     ASSERT_NE(skipped, lines.end());
     ASSERT_NE(skipped + 1, lines.end());
-    EXPECT_EQ(*(skipped + 1), "Frame was skipped as the buffer for screen with offset '288000' became too large");
+    EXPECT_EQ(*(skipped + 1), screenLine);
 }
 
 } // namespace

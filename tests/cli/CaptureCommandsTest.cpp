@@ -20,63 +20,58 @@ protected:
         setenv("XDG_DATA_HOME", qPrintable(m_home.path() + "/data"), 1);
         setenv("HOME", qPrintable(m_home.path()), 1);
         setenv("PULSE_SERVER", "unix:/nonexistent", 1);
-        QDir().mkpath(QString::fromStdString(out()));
+        QDir().mkpath(out());
     }
 
-    static test::ProcessResult cli(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), ZANDOR_CLI);
-        return runProcess(arguments);
+    // Takes screenshots of the demo board into out() and gives the files it printed.
+    std::vector<std::string> screenshot(const std::vector<std::string>& options) {
+        std::vector<std::string> command = {ZANDOR_CLI, "screenshot", "--board", "demo", "--out", out().toStdString()};
+        command.insert(command.end(), options.begin(), options.end());
+        const auto result = runProcess(command);
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        return splitLines(result.out);
     }
 
-    std::string out() const { return (m_home.path() + "/shots folder").toStdString(); }
-    QStringList files() const { return QDir(QString::fromStdString(out())).entryList(QDir::Files, QDir::Name); }
-
+    // Codec and size of a picture as ffprobe reads it.
     static std::string probe(const std::string& file) {
-        return runProcess({"/usr/bin/ffprobe", "-v", "error", "-show_entries", "stream=codec_name,width,height", "-of",
+        return runProcess({"ffprobe", "-v", "error", "-show_entries", "stream=codec_name,width,height", "-of",
                            "csv=p=0", file})
             .out;
     }
+
+    QString out() const { return m_home.path() + "/shots folder"; }
 
     QTemporaryDir m_home;
 };
 
 TEST_F(CaptureCommandsTest, ScreenshotSavesTheChosenLayoutsAndPrintsTheFiles) {
-    auto result = cli({"screenshot", "--board", "demo", "--out", out()});
-    ASSERT_EQ(result.exitCode, 0) << result.err;
-    auto printed = splitLines(result.out);
+    auto printed = screenshot({});
     ASSERT_EQ(printed.size(), 1u);
     EXPECT_EQ(probe(printed[0]), "png,400,480\n") << "the first layout of the catalogue";
 
-    result = cli({"screenshot", "--board", "demo", "--layout", "None", "--format", "JPEG", "--out", out()});
-    ASSERT_EQ(result.exitCode, 0) << result.err;
-    printed = splitLines(result.out);
+    printed = screenshot({"--layout", "None", "--format", "JPEG"});
     ASSERT_EQ(printed.size(), 2u);
-    std::sort(printed.begin(), printed.end(), [](const std::string& a, const std::string& b) {
-        return a.find(" Top.jpg") != std::string::npos && b.find(" Top.jpg") == std::string::npos;
-    });
-    EXPECT_TRUE(QString::fromStdString(printed[0]).endsWith(" Top.jpg")) << printed[0];
-    EXPECT_TRUE(QString::fromStdString(printed[1]).endsWith(" Bottom.jpg")) << printed[1];
-    EXPECT_EQ(probe(printed[1]), "mjpeg,320,240\n");
+    const size_t bottom = QString::fromStdString(printed[0]).endsWith(" Bottom.jpg") ? 0 : 1;
+    EXPECT_TRUE(QString::fromStdString(printed[1 - bottom]).endsWith(" Top.jpg")) << printed[1 - bottom];
+    EXPECT_EQ(probe(printed[bottom]), "mjpeg,320,240\n");
 
-    result = cli({"screenshot", "--board", "demo", "--layout", "Side by Side", "--out", out()});
-    ASSERT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_EQ(probe(splitLines(result.out).at(0)), "png,720,240\n");
+    EXPECT_EQ(probe(screenshot({"--layout", "Side by Side"}).at(0)), "png,720,240\n");
     EXPECT_FALSE(QFileInfo::exists(m_home.path() + "/data/Zandor/preferences.plist")) << "settings are never written";
 }
 
 TEST_F(CaptureCommandsTest, ScreenshotRefusesUnknownLayoutsAndFolders) {
-    for (const auto& arguments : std::vector<std::vector<std::string>>{
-             {"screenshot", "--board", "demo", "--layout", "Sideways", "--out", out()},
-             {"screenshot", "--board", "demo", "--out", out() + "/missing"},
-             {"screenshot", "--board", "demo", "--format", "GIF", "--out", out()},
-         }) {
-        auto result = cli(arguments);
+    for (const auto& [options, message] : std::vector<std::pair<std::vector<std::string>, std::string>>{
+             {{"--layout", "Sideways", "--out", out().toStdString()}, "Unknown layout 'Sideways'"},
+             {{"--out", out().toStdString() + "/missing"}, ""},
+             {{"--format", "GIF", "--out", out().toStdString()}, ""}}) {
+        std::vector<std::string> command = {ZANDOR_CLI, "screenshot", "--board", "demo"};
+        command.insert(command.end(), options.begin(), options.end());
+        const auto result = runProcess(command);
         EXPECT_NE(result.exitCode, 0);
         EXPECT_EQ(splitLines(result.err).size(), 1u) << result.err;
+        EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
     }
-    EXPECT_NE(cli({"screenshot", "--board", "demo", "--layout", "Sideways", "--out", out()}).err.find("Unknown layout 'Sideways'"),
-              std::string::npos);
-    EXPECT_TRUE(files().isEmpty());
+    EXPECT_TRUE(QDir(out()).entryList(QDir::Files).isEmpty());
 }
 
 } // namespace

@@ -25,25 +25,20 @@ protected:
         setenv("HOME", qPrintable(m_home.path()), 1);
     }
 
-    static test::ProcessResult cli(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), ZANDOR_CLI);
-        return runProcess(arguments);
-    }
-
     QString userFolder() const { return m_home.path() + "/data/Zandor/Plugins"; }
 
     QTemporaryDir m_home;
 };
 
 TEST_F(LayoutsCommandTest, ListsTheApplicationLayoutsThenTheScreenLayouts) {
-    auto result = cli({"layouts", "--json"});
+    auto result = runProcess({ZANDOR_CLI, "layouts", "--json"});
     ASSERT_EQ(result.exitCode, 0) << result.err;
     QJsonParseError error;
     auto entries = QJsonDocument::fromJson(QByteArray::fromStdString(result.out), &error).array();
     ASSERT_EQ(error.error, QJsonParseError::NoError) << result.out;
     ASSERT_GE(entries.size(), 6) << "four application layouts at least, and Top and Bottom";
 
-    auto first = entries[0].toObject();
+    const auto first = entries[0].toObject();
     EXPECT_EQ(first["width"].toInt(), 400);
     EXPECT_EQ(first["height"].toInt(), 480);
     EXPECT_EQ(first["origin"].toString(), "application");
@@ -60,7 +55,7 @@ TEST_F(LayoutsCommandTest, ListsTheApplicationLayoutsThenTheScreenLayouts) {
     EXPECT_EQ(bottom["background"].toArray(), (QJsonArray{0, 0, 0}));
     EXPECT_TRUE(bottom["importance"].isNull());
 
-    auto text = cli({"layouts"});
+    auto text = runProcess({ZANDOR_CLI, "layouts"});
     auto lines = splitLines(text.out);
     ASSERT_EQ(lines.size(), static_cast<size_t>(entries.size()));
     EXPECT_EQ(lines.back(), "Bottom\t320\t240\tresizable\t0,0,0\tapplication\t-");
@@ -70,26 +65,26 @@ TEST_F(LayoutsCommandTest, InstallsAPluginForTheUserAndRefusesBadOnes) {
     QTemporaryDir downloads;
     QString bundle = test::writeBundle(downloads.path(), "mine.zdplugin",
                                        test::layoutDescriptor("Mine", 5, 400, 240, {}, R"(<background r="1" g="2" b="3"/>)"));
-    auto result = cli({"install-plugin", bundle.toStdString()});
+    auto result = runProcess({ZANDOR_CLI, "install-plugin", bundle.toStdString()});
     ASSERT_EQ(result.exitCode, 0) << result.err;
     EXPECT_FALSE(QFileInfo::exists(bundle));
     EXPECT_TRUE(QFileInfo::exists(userFolder() + "/mine.zdplugin/plugin.xml"));
-    auto listed = cli({"layouts"});
+    auto listed = runProcess({ZANDOR_CLI, "layouts"});
     EXPECT_NE(listed.out.find("Mine\t400\t240\tresizable\t1,2,3\tuser\t5\n"), std::string::npos) << listed.out;
 
     QString again = test::writeBundle(downloads.path(), "mine.zdplugin", test::layoutDescriptor("Again", 5, 400, 240));
-    result = cli({"install-plugin", again.toStdString()});
+    result = runProcess({ZANDOR_CLI, "install-plugin", again.toStdString()});
     EXPECT_NE(result.exitCode, 0);
     EXPECT_NE(result.err.find("already installed"), std::string::npos) << result.err;
     EXPECT_TRUE(QFileInfo::exists(again));
 
     QString broken = test::writeBundle(downloads.path(), "broken.zdplugin", "<ZandorLayout><name>Broken");
-    result = cli({"install-plugin", broken.toStdString()});
+    result = runProcess({ZANDOR_CLI, "install-plugin", broken.toStdString()});
     EXPECT_NE(result.exitCode, 0);
     EXPECT_NE(result.err.find("Could not parse plugin: "), std::string::npos) << result.err;
     EXPECT_TRUE(QFileInfo::exists(broken + "/plugin.xml")) << "moved back";
 
-    result = cli({"install-plugin", (downloads.path() + "/nothing").toStdString()});
+    result = runProcess({ZANDOR_CLI, "install-plugin", (downloads.path() + "/nothing").toStdString()});
     EXPECT_NE(result.exitCode, 0);
     EXPECT_EQ(splitLines(result.err).size(), 1u);
     EXPECT_NE(result.err.find("not a plugin bundle"), std::string::npos) << result.err;

@@ -1,6 +1,6 @@
 #include "Frames.h"
 #include "GatedBoard.h"
-#include "Process.h"
+#include "Media.h"
 #include "UserFolders.h"
 #include "base/DetachedThread.h"
 #include "capture/CaptureDevice.h"
@@ -104,19 +104,8 @@ TEST_F(RecorderTest, ARecorderThatNeverFinishesIsFinishedByStop) {
     EXPECT_FALSE(m_top->isListening()) << "the layout stops once its last consumer left";
 }
 
-TEST_F(RecorderTest, DateStampsAreDayMonthYearAndTime) {
-    QDateTime when(QDate(2014, 3, 5), QTime(18, 7, 9));
-    EXPECT_EQ(Recorder::stringWithDate(when), QStringLiteral("05_03_2014 18_07_09"));
-    EXPECT_TRUE(QRegularExpression("^\\d\\d_\\d\\d_\\d{4} \\d\\d_\\d\\d_\\d\\d$")
-                    .match(Recorder::stringWithCurrentDate())
-                    .hasMatch());
-}
-
-// The screenshot, decoded by ffmpeg rather than by the library that wrote it.
-std::string decodedRgb(const QString& file) {
-    auto result = test::runProcess({"/usr/bin/ffmpeg", "-v", "error", "-i", file.toStdString(), "-f", "rawvideo",
-                                    "-pix_fmt", "rgb24", "-"});
-    return result.exitCode == 0 ? result.out : std::string();
+TEST(RecorderNames, DateStampsAreDayMonthYearAndTime) {
+    EXPECT_EQ(Recorder::stringWithDate(QDateTime(QDate(2014, 3, 5), QTime(18, 7, 9))), "05_03_2014 18_07_09");
 }
 
 TEST_F(RecorderTest, AScreenshotIsTheLayoutsFrameByteForByte) {
@@ -132,10 +121,16 @@ TEST_F(RecorderTest, AScreenshotIsTheLayoutsFrameByteForByte) {
 
     ASSERT_EQ(files().size(), 1);
     const QString name = files().first();
-    EXPECT_TRUE(QRegularExpression("^Screenshot \\d\\d_\\d\\d_\\d{4} \\d\\d_\\d\\d_\\d\\d\\.png$").match(name).hasMatch())
+    EXPECT_TRUE(QRegularExpression("^Screenshot \\d\\d_\\d\\d_\\d{4} \\d\\d_\\d\\d_\\d\\d\\.png$")
+                    .match(name)
+                    .hasMatch())
         << name.toStdString();
     EXPECT_EQ(recorder->savedFiles(), QStringList{m_folder.path() + "/" + name});
-    std::string pixels = decodedRgb(m_folder.path() + "/" + name);
+    // Decoded by ffmpeg rather than by the library that wrote it.
+    const std::string pixels =
+        test::runProcess({"ffmpeg", "-v", "error", "-i", (m_folder.path() + "/" + name).toStdString(), "-f",
+                          "rawvideo", "-pix_fmt", "rgb24", "-"})
+            .out;
     ASSERT_EQ(pixels.size(), frames[0]->size());
     EXPECT_EQ(std::memcmp(pixels.data(), frames[0]->data(), pixels.size()), 0);
     m_bottom->removeObserver(watch);
@@ -150,12 +145,15 @@ TEST_F(RecorderTest, TwoLayoutsAreToldApartByNameAndOtherFormatsGiveJpeg) {
     ASSERT_TRUE(recorder->waitUntilFinished(20s));
     auto names = files();
     ASSERT_EQ(names.size(), 2) << names.join(", ").toStdString();
-    std::sort(names.begin(), names.end(), [](const QString& a, const QString& b) { return a.endsWith(" Top.jpg") < b.endsWith(" Top.jpg"); });
+    std::sort(names.begin(), names.end(), [](const QString& a, const QString& b) {
+        return a.endsWith(" Top.jpg") < b.endsWith(" Top.jpg");
+    });
     EXPECT_TRUE(names[0].endsWith(" Bottom.jpg")) << names[0].toStdString();
     EXPECT_TRUE(names[1].endsWith(" Top.jpg")) << names[1].toStdString();
-    auto probe = test::runProcess({"/usr/bin/ffprobe", "-v", "error", "-show_entries", "stream=codec_name,width",
-                                   "-of", "csv=p=0", (m_folder.path() + "/" + names[1]).toStdString()});
-    EXPECT_EQ(probe.out, "mjpeg,400\n");
+    const auto probed = test::probe((m_folder.path() + "/" + names[1]).toStdString(),
+                                    {"-show_entries", "stream=codec_name,width"});
+    EXPECT_EQ(probed["streams"][0][u"codec_name"], "mjpeg");
+    EXPECT_EQ(probed["streams"][0][u"width"], 400);
 }
 
 TEST_F(RecorderTest, AScreenshotInTheSameSecondReplacesTheFirst) {

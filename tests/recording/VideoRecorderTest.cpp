@@ -16,7 +16,6 @@
 #include <QFileInfo>
 #include <QTemporaryDir>
 
-#include <condition_variable>
 #include <mutex>
 
 namespace zandor {
@@ -57,8 +56,12 @@ protected:
     void SetUp() override {
         test::isolateUserFolders();
         ASSERT_TRUE(DetachedThread::waitForAll(20s));
-        writeTool("SublerCLI", FakeSubler);
-        writeTool("HandBrakeCLI", FakeHandBrake);
+        for (const auto& [name, script] : {std::pair{"SublerCLI", FakeSubler}, {"HandBrakeCLI", FakeHandBrake}}) {
+            QFile tool(m_tools.path() + "/" + name);
+            ASSERT_TRUE(tool.open(QIODevice::WriteOnly));
+            tool.write(script);
+            tool.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+        }
         ShellCommand::setToolFolder(m_tools.path());
         unsetenv("FAIL_SUBLER");
         unsetenv("FAIL_HANDBRAKE");
@@ -78,12 +81,6 @@ protected:
         EXPECT_TRUE(DetachedThread::waitForAll(20s));
     }
 
-    void writeTool(const QString& name, const char* script) {
-        QFile tool(m_tools.path() + "/" + name);
-        ASSERT_TRUE(tool.open(QIODevice::WriteOnly));
-        tool.write(script);
-        tool.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-    }
 
     QStringList calls() const {
         QFile file(m_tools.path() + "/calls");
@@ -139,27 +136,24 @@ TEST_F(VideoRecorderTest, TwoLayoutsAtAChosenRateAreConvertedEachUnderItsName) {
     EXPECT_EQ(storage(), (QStringList{base + " Double.mp4", base + " Single.mp4"}));
     QStringList conversions = calls().filter("HandBrakeCLI");
     ASSERT_EQ(conversions.size(), 2);
-    EXPECT_TRUE(conversions[0].endsWith("--encoder x264 --format mp4 --rate 30 --vb 3000 --aencoder copy:aac --optimize"))
+    EXPECT_TRUE(conversions[0].endsWith(
+        "--encoder x264 --format mp4 --rate 30 --vb 3000 --aencoder copy:aac --optimize"))
         << conversions[0].toStdString();
 }
 
-TEST_F(VideoRecorderTest, AFailedVideoMergeIsReportedAndTheRecordingStillEnds) {
-    setenv("FAIL_SUBLER", "1", 1);
-    auto delegate = std::make_shared<Delegate>();
-    auto recorder = record({CaptureLayout::createWithScreen(m_device->screen(0), "Single")}, delegate);
-    EXPECT_EQ(delegate->errors, QStringList{"It was not possible to merge video."});
-    EXPECT_TRUE(delegate->done) << "a failed video merge does not clear success";
-    EXPECT_TRUE(storage().isEmpty()) << "bundle removed, nothing made";
-}
-
-TEST_F(VideoRecorderTest, AFailedConversionLosesOnlyThatLayout) {
-    PreferencesController::instance().setPreference(PreferenceCaptureVideoFPS, "25");
-    setenv("FAIL_HANDBRAKE", "1", 1);
-    auto delegate = std::make_shared<Delegate>();
-    auto recorder = record({CaptureLayout::createWithScreen(m_device->screen(0), "Single")}, delegate);
-    EXPECT_EQ(delegate->errors, QStringList{"It was not possible to convert the merged video."});
-    EXPECT_TRUE(delegate->done);
-    EXPECT_TRUE(storage().isEmpty());
+TEST_F(VideoRecorderTest, AFailedMergeOrConversionIsReportedAndTheRecordingStillEnds) {
+    for (const auto& [failing, fps, message] :
+         {std::tuple{"FAIL_SUBLER", "Original", "It was not possible to merge video."},
+          std::tuple{"FAIL_HANDBRAKE", "25", "It was not possible to convert the merged video."}}) {
+        setenv(failing, "1", 1);
+        PreferencesController::instance().setPreference(PreferenceCaptureVideoFPS, fps);
+        auto delegate = std::make_shared<Delegate>();
+        record({CaptureLayout::createWithScreen(m_device->screen(0), "Single")}, delegate);
+        EXPECT_EQ(delegate->errors, QStringList{message});
+        EXPECT_TRUE(delegate->done) << "a failure of one layout does not clear success";
+        EXPECT_TRUE(storage().isEmpty()) << "bundle removed, nothing made";
+        unsetenv(failing);
+    }
 }
 
 TEST_F(VideoRecorderTest, ABundleThatCannotBeMadeStartsNothingButSaysYes) {

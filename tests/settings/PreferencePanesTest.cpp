@@ -7,7 +7,7 @@
 
 #include "GatedBoard.h"
 #include "PluginBundles.h"
-#include "Process.h"
+#include "Plist.h"
 #include "UserFolders.h"
 #include "capture/CaptureDevice.h"
 #include "layouts/LayoutController.h"
@@ -19,9 +19,10 @@
 #include <QComboBox>
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
 #include <QMenu>
 #include <QSettings>
-#include <QStandardPaths>
 #include <QToolButton>
 
 #include <gtest/gtest.h>
@@ -33,20 +34,17 @@ namespace {
 // sound server that does not exist, so that no audio input is listed.
 const QString home = test::isolateUserFolders();
 
-// The value of `key` in the preferences file as Python's plistlib reads it, as JSON text ("null" when
-// absent), integers tagged as {"integer":n} so that they cannot pass for booleans or strings.
+// The value of `key` in the preferences file as Python's plistlib reads it, as JSON text ("null"
+// when absent), integers tagged as {"integer":n} so that they cannot pass for booleans or strings.
 std::string stored(const QString& key) {
-    static const char* const script = R"(
-import json, plistlib, sys
-with open(sys.argv[1], "rb") as f:
-    value = plistlib.load(f, fmt=plistlib.FMT_XML).get(sys.argv[2])
-print(json.dumps({"integer": value} if type(value) is int else value, separators=(",", ":")))
-)";
-    static const std::string python = QStandardPaths::findExecutable("python3").toStdString();
-    const auto result = test::runProcess(
-        {python, "-c", script, PreferencesController::preferencesFile().toStdString(), key.toStdString()});
-    EXPECT_EQ(result.exitCode, 0) << result.err;
-    return QString::fromStdString(result.out).trimmed().toStdString();
+    const std::string file = test::plistAsJson(PreferencesController::preferencesFile());
+    for (const QJsonValue& entry : QJsonDocument::fromJson(QByteArray::fromStdString(file)).array()) {
+        if (entry[0] == key) {
+            const std::string value = QJsonDocument(QJsonArray{entry[1]}).toJson(QJsonDocument::Compact).toStdString();
+            return value.substr(1, value.size() - 2);
+        }
+    }
+    return "null";
 }
 
 QStringList titles(const QComboBox* popup) {
@@ -64,7 +62,7 @@ void choose(QComboBox* popup, int index) {
     popup->setCurrentIndex(index);
     emit popup->activated(index);
 }
-void choose(QComboBox* popup, const QString& title) {
+void choose(QComboBox* popup, const char* title) {
     choose(popup, popup->findText(title));
 }
 
@@ -137,21 +135,16 @@ TEST_F(PreferencePanesTest, CapturePaneWritesEveryChoiceToTheFileAtOnce) {
     pane.show();
     EXPECT_FALSE(QFile::exists(PreferencesController::preferencesFile())) << "filling the controls wrote";
 
-    choose(control<QComboBox>(pane, "layoutPopup"), "None");
-    EXPECT_EQ(stored("PreferenceCaptureLayout"), R"("None")");
-    choose(control<QComboBox>(pane, "layoutPopup"), "Active Layout");
-    EXPECT_EQ(stored("PreferenceCaptureLayout"), R"("Active Layout")");
-    choose(control<QComboBox>(pane, "qualityPopup"), "High");
-    EXPECT_EQ(stored("PreferenceCaptureVideoQuality"), R"("High")");
-    choose(control<QComboBox>(pane, "fpsPopup"), "30");
-    EXPECT_EQ(stored("PreferenceCaptureVideoFPS"), R"("30")");
-    choose(control<QComboBox>(pane, "imageFormatPopup"), "JPEG");
-    EXPECT_EQ(stored("PreferenceCaptureImageFormat"), R"("JPEG")");
-    choose(control<QComboBox>(pane, "audioNarratorPopup"), 0);
-    EXPECT_EQ(stored("PreferenceCaptureNarratorAudioInput"), R"("None")");
-    choose(control<QComboBox>(pane, "audioGamePopup"), 0);
-    EXPECT_EQ(stored("PreferenceCaptureGameAudioInput"), R"("None")");
-
+    for (const auto& [popup, title, key] : {std::tuple{"layoutPopup", "None", "PreferenceCaptureLayout"},
+                                            {"layoutPopup", "Active Layout", "PreferenceCaptureLayout"},
+                                            {"qualityPopup", "High", "PreferenceCaptureVideoQuality"},
+                                            {"fpsPopup", "30", "PreferenceCaptureVideoFPS"},
+                                            {"imageFormatPopup", "JPEG", "PreferenceCaptureImageFormat"},
+                                            {"audioNarratorPopup", "None", "PreferenceCaptureNarratorAudioInput"},
+                                            {"audioGamePopup", "None", "PreferenceCaptureGameAudioInput"}}) {
+        choose(control<QComboBox>(pane, popup), title);
+        EXPECT_EQ(stored(key), '"' + std::string(title) + '"') << popup;
+    }
     // Clicking a component higher up the path chooses that folder.
     auto* path = control<PathControl>(pane, "capturePathControl");
     EXPECT_EQ(path->path(), home + "/Videos/Handheld");
@@ -205,14 +198,10 @@ TEST_F(PreferencePanesTest, CapturePaneShowsTheStoredChoices) {
     CapturePreferencesView later;
     EXPECT_EQ(control<QComboBox>(later, "layoutPopup")->currentIndex(), -1);
     EXPECT_EQ(control<QComboBox>(later, "fpsPopup")->currentText(), "Original");
-}
-
-TEST_F(PreferencePanesTest, WithoutAudioInputsBothPopupsOfferOnlyNone) {
-    CapturePreferencesView pane;
+    // Without audio inputs both pop-ups offer only None.
     for (const char* name : {"audioGamePopup", "audioNarratorPopup"}) {
-        auto* popup = control<QComboBox>(pane, name);
-        EXPECT_EQ(titles(popup), (QStringList{"None", "---"})) << name;
-        EXPECT_EQ(popup->currentData(), "None") << name;
+        EXPECT_EQ(titles(control<QComboBox>(later, name)), (QStringList{"None", "---"})) << name;
+        EXPECT_EQ(control<QComboBox>(later, name)->currentData(), "None") << name;
     }
 }
 

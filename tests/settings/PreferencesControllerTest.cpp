@@ -1,6 +1,7 @@
 #include "settings/PreferencesController.h"
 
-#include "Process.h"
+#include "Plist.h"
+#include "UserFolders.h"
 #include "base/AppPaths.h"
 
 #include <QDateTime>
@@ -9,7 +10,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTimeZone>
 
@@ -21,43 +21,9 @@
 namespace zandor {
 namespace {
 
-// Points the user folders at a temporary home for the whole run, and the sound client at a server that
-// does not exist, so that there is deterministically no default audio input.
-class UserFolders : public testing::Environment {
-public:
-    void SetUp() override {
-        ASSERT_TRUE(m_home.isValid());
-        qputenv("HOME", m_home.path().toUtf8());
-        qputenv("XDG_DATA_HOME", (m_home.path() + "/.local/share").toUtf8());
-        qputenv("XDG_CONFIG_HOME", (m_home.path() + "/.config").toUtf8());
-        qputenv("PULSE_SERVER", ("unix:" + m_home.path() + "/no-sound-server").toUtf8());
-    }
-    QString home() const { return m_home.path(); }
-
-private:
-    QTemporaryDir m_home;
-};
-UserFolders* const userFolders =
-    static_cast<UserFolders*>(testing::AddGlobalTestEnvironment(new UserFolders));
-
-// Reads a property list with Python's plistlib and gives its top-level entries as [key, value] pairs in
-// file order. Scalars that JSON cannot tell apart are tagged: {"integer": n}, {"real": x},
-// {"data": hex}, {"date": iso}.
-const char* const plistToJson = R"(
-import datetime, json, plistlib, sys
-def conv(v):
-    if isinstance(v, bool): return v
-    if isinstance(v, int): return {"integer": v}
-    if isinstance(v, float): return {"real": v}
-    if isinstance(v, bytes): return {"data": v.hex()}
-    if isinstance(v, datetime.datetime): return {"date": v.isoformat()}
-    if isinstance(v, list): return [conv(x) for x in v]
-    if isinstance(v, dict): return {k: conv(x) for k, x in v.items()}
-    return v
-with open(sys.argv[1], "rb") as f:
-    root = plistlib.load(f, fmt=plistlib.FMT_XML)
-print(json.dumps([[k, conv(v)] for k, v in root.items()]))
-)";
+// Before anything reads them: temporary user folders, and no sound server, so that there is
+// deterministically no default audio input.
+const QString home = test::isolateUserFolders();
 
 std::string compact(const QJsonArray& array) {
     return QJsonDocument(array).toJson(QJsonDocument::Compact).toStdString();
@@ -102,45 +68,23 @@ protected:
     QStringList filesInFolder() const {
         return QDir(m_dir.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
     }
-
-    // The file as Python reads it, compact JSON; the parser's complaint when it could not.
-    std::string readWithPython() const {
-        const QString python = QStandardPaths::findExecutable("python3");
-        if (python.isEmpty()) {
-            return "python3 not found";
-        }
-        auto result = test::runProcess({python.toStdString(), "-c", plistToJson, path().toStdString()});
-        if (result.exitCode != 0) {
-            return result.err;
-        }
-        return compact(QJsonDocument::fromJson(QByteArray::fromStdString(result.out)).array());
-    }
+    std::string readWithPython() const { return test::plistAsJson(path()); }
 
     QTemporaryDir m_dir;
 };
 
 TEST_F(PreferencesStore, FirstStartGivesTheDefaultsAndWritesNothing) {
+    // The defaults' values and types show in the files the other tests compare with defaultFile().
     PreferencesController store(path());
     EXPECT_EQ(store.preference(PreferenceFirstRun), QVariant(true));
-    EXPECT_EQ(store.preference(PreferenceFullscreenScreen), QVariant(QString("")));
-    EXPECT_EQ(store.preference(PreferenceFullscreenHudEnabled), QVariant(true));
-    EXPECT_EQ(store.preference(PreferenceFullscreenMaxScale).typeId(), QMetaType::LongLong);
-    EXPECT_EQ(store.preference(PreferenceFullscreenMaxScale).toLongLong(), 0);
-    EXPECT_EQ(store.preference(PreferenceCaptureStorageFolder), QVariant(userFolders->home() + "/Desktop"));
-    EXPECT_EQ(store.preference(PreferenceCaptureLayout), QVariant(QString("Active Layout")));
-    EXPECT_EQ(store.preference(PreferenceCaptureVideoFPS), QVariant(QString("Original")));
-    EXPECT_EQ(store.preference(PreferenceCaptureVideoQuality), QVariant(QString("Medium")));
-    EXPECT_FALSE(store.preference(PreferenceCaptureGameAudioInput).isValid())
-        << "no sound server, no default";
-    EXPECT_EQ(store.preference(PreferenceCaptureNarratorAudioInput), QVariant(QString("None")));
-    EXPECT_EQ(store.preference(PreferenceCaptureImageFormat), QVariant(QString("PNG")));
+    EXPECT_EQ(store.preference(PreferenceCaptureStorageFolder), QVariant(home + "/Desktop"));
+    EXPECT_FALSE(store.preference(PreferenceCaptureGameAudioInput).isValid()) << "no sound server, no default";
     EXPECT_TRUE(store.load());
     EXPECT_TRUE(filesInFolder().isEmpty());
 
-    EXPECT_EQ(PreferencesController::preferencesFile(),
-              userFolders->home() + "/.local/share/Zandor/preferences.plist");
+    EXPECT_EQ(PreferencesController::preferencesFile(), home + "/data/Zandor/preferences.plist");
     EXPECT_EQ(PreferencesController::instance().file(), PreferencesController::preferencesFile());
-    EXPECT_FALSE(QFileInfo::exists(userFolders->home() + "/.local/share/Zandor"));
+    EXPECT_FALSE(QFileInfo::exists(home + "/data/Zandor"));
 }
 
 TEST_F(PreferencesStore, FileEntriesOverlayTheDefaultsAndEveryChangeWritesAllKeys) {

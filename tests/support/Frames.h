@@ -4,6 +4,7 @@
 #include "capture/CaptureData.h"
 #include "capture/Observable.h"
 
+#include <algorithm>
 #include <chrono>
 #include <vector>
 
@@ -26,12 +27,7 @@ inline std::vector<CaptureDataPtr> takeFrames(Observable& producer, const Observ
 }
 
 inline bool allZero(const CaptureData& frame) {
-    for (uint64_t i = 0; i < frame.size(); ++i) {
-        if (frame.data()[i] != 0) {
-            return false;
-        }
-    }
-    return true;
+    return std::all_of(frame.data(), frame.data() + frame.size(), [](uint8_t byte) { return byte == 0; });
 }
 
 } // namespace zandor::test
