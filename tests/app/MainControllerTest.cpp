@@ -3,6 +3,7 @@
 #include "app/CaptureLayoutView.h"
 #include "app/MainController.h"
 #include "app/MainWindow.h"
+#include "app/ZDAppDelegate.h"
 #include "base/DetachedThread.h"
 #include "capture/CaptureDevice.h"
 #include "capture/DemoBoard.h"
@@ -241,6 +242,23 @@ TEST_F(MainControllerTest, TheFirstRunShowsTheAboutWindowOnce) {
     stop();
     start();
     EXPECT_EQ(m_controller->mainWindow()->findChild<QMessageBox*>("aboutWindow"), nullptr);
+}
+
+TEST_F(MainControllerTest, PluginsOpenedOrHandedOverAreInstalledAndRefusalsAreShown) {
+    start();
+    MainController& controller = *m_controller;
+    ZDAppDelegate delegate(controller);
+    QTemporaryDir downloads;
+    EXPECT_FALSE(delegate.openFile(downloads.path() + "/missing.zdplugin"));
+    EXPECT_TRUE(alerts().last().startsWith("Could not install the plugin.")) << alerts().join("\n").toStdString();
+
+    // A second start of the application hands its plugins to this one.
+    ASSERT_TRUE(delegate.listen());
+    const QString bundle = test::writeBundle(downloads.path(), "handed.zdplugin",
+                                             test::layoutDescriptor("Handed Over", 1, 400, 240,
+                                                                    R"(<object type="screen_top" x="0" y="0"/>)"));
+    ASSERT_TRUE(ZDAppDelegate::sendToRunning({bundle}));
+    QTRY_COMPARE_WITH_TIMEOUT(controller.activeLayout()->name(), QStringLiteral("Handed Over"), 20000);
 }
 
 } // namespace
