@@ -5,12 +5,6 @@
 
 namespace zandor {
 
-namespace {
-
-constexpr std::chrono::milliseconds IdleWait{100};
-
-} // namespace
-
 LayoutViewFeeder::LayoutViewFeeder(std::function<void()> redraw)
     : m_redraw(std::move(redraw)), m_wakeup(std::make_shared<Wakeup>()) {}
 
@@ -66,7 +60,7 @@ void LayoutViewFeeder::listener(const ObserverPtr& observer) {
             layout = m_layout;
         }
         if (!updater(layout, observer)) {
-            m_wakeup->wait(IdleWait);
+            m_wakeup->wait(Wakeup::IdleWait);
         }
     }
 }

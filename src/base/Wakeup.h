@@ -20,6 +20,10 @@ public:
     // Returns true when woken by a signal, false when the timeout passed first.
     bool wait(std::chrono::nanoseconds timeout);
 
+    // How long an idle consumer sleeps before it looks at its listening flag again. Every frame
+    // queued for it and every stop wakes it at once, so this only bounds a missed wake-up.
+    static constexpr std::chrono::milliseconds IdleWait{100};
+
 private:
     std::mutex m_mutex;
     std::condition_variable m_condition;

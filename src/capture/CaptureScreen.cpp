@@ -11,14 +11,6 @@
 
 namespace zandor {
 
-namespace {
-
-// How long an idle screen thread sleeps before it looks at its flag again; stopListening wakes
-// it at once, so this only bounds a missed wake-up.
-constexpr std::chrono::milliseconds IdleWait{100};
-
-} // namespace
-
 CaptureScreen::CaptureScreen(uint64_t width, uint64_t height, uint64_t offset,
                              const std::shared_ptr<CaptureDevice>& device)
     : Observable(QueueLength), m_width(width), m_height(height), m_offset(offset), m_device(device),
@@ -58,16 +50,6 @@ bool CaptureScreen::isListening() {
     return m_listening;
 }
 
-bool CaptureScreen::update() {
-    ObserverPtr observer;
-    {
-        std::scoped_lock lock(m_lock);
-        observer = m_observer;
-    }
-    auto device = m_device.lock();
-    return device && update(*device, observer);
-}
-
 void CaptureScreen::listener(const std::shared_ptr<CaptureDevice>& device, const ObserverPtr& observer) {
     for (;;) {
         {
@@ -79,7 +61,7 @@ void CaptureScreen::listener(const std::shared_ptr<CaptureDevice>& device, const
             }
         }
         if (!update(*device, observer)) {
-            m_wakeup->wait(IdleWait);
+            m_wakeup->wait(Wakeup::IdleWait);
         }
     }
 }

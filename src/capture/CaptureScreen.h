@@ -29,9 +29,6 @@ public:
     void stopListening();
     bool isListening();
 
-    // One pass: cuts and publishes the next waiting raw frame. Returns whether there was one.
-    bool update();
-
     // Cuts one screen out of the board's storage: `area` holds `width` columns, left first, each
     // of `height` pixels from the bottom row up; `rows` receives rows top to bottom.
     static void cut(const uint8_t* area, uint8_t* rows, uint64_t width, uint64_t height);

@@ -154,9 +154,4 @@ int SimulatedBoard::clearHaltCount() const {
     return m_clearHalts;
 }
 
-uint64_t SimulatedBoard::framesBegun() const {
-    std::scoped_lock lock(m_mutex);
-    return static_cast<uint64_t>(m_frame + 1);
-}
-
 } // namespace zandor

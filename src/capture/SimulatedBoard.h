@@ -40,8 +40,6 @@ public:
     // often the endpoint's halt was cleared.
     std::vector<int> readLengths(uint64_t frame) const;
     int clearHaltCount() const;
-    // Frames begun so far (the number the next frame will get).
-    uint64_t framesBegun() const;
 
 protected:
     // Writes `length` bytes of frame `frame` starting at byte `offset` of the raw frame.

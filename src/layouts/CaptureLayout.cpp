@@ -13,9 +13,6 @@ namespace zandor {
 
 namespace {
 
-// How long an idle layout thread sleeps before it looks at its flag and observers again.
-constexpr std::chrono::milliseconds IdleWait{100};
-
 const QString ScreenTop = QStringLiteral("screen_top");
 const QString ScreenBottom = QStringLiteral("screen_bottom");
 const QString Image = QStringLiteral("image");
@@ -142,7 +139,7 @@ void CaptureLayout::listener(const Subscriptions& subscriptions) {
             }
         }
         if (!update(subscriptions)) {
-            m_wakeup->wait(IdleWait);
+            m_wakeup->wait(Wakeup::IdleWait);
         }
     }
 }

@@ -7,14 +7,6 @@
 
 namespace zandor {
 
-namespace {
-
-// How long an idle recorder thread sleeps before it looks at its flag again; every queued frame
-// and every stop wakes it at once.
-constexpr std::chrono::milliseconds IdleWait{100};
-
-} // namespace
-
 Recorder::Recorder(std::vector<LayoutPtr> layouts)
     : m_layouts(std::move(layouts)), m_wakeup(std::make_shared<Wakeup>()) {}
 
@@ -91,7 +83,7 @@ void Recorder::listener(Run run) {
             }
         }
         if (!update(run)) {
-            m_wakeup->wait(IdleWait);
+            m_wakeup->wait(Wakeup::IdleWait);
         }
     }
     tryDone();
