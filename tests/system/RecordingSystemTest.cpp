@@ -58,18 +58,31 @@ std::vector<int16_t> soundOf(const std::string& movie) {
 
 // Level in dB of full scale, and frequency in Hz from the upward crossings of a tenth of full scale,
 // over [from, to) seconds.
+// Level (dB of full scale) and pitch of a stretch of sound. The pitch comes from the median time
+// between upward crossings, so a short gap in the sound does not change it.
 std::pair<double, double> levelAndFrequency(const std::vector<int16_t>& samples, double from, double to) {
     const auto begin = static_cast<size_t>(from * Rate), end = std::min(samples.size(), static_cast<size_t>(to * Rate));
     double sum = 0;
-    int crossings = 0;
+    std::vector<size_t> crossings;
     bool below = true;
     for (size_t i = begin; i < end; ++i) {
         sum += static_cast<double>(samples[i]) * samples[i];
-        crossings += below && samples[i] > 3277;
+        if (below && samples[i] > 3277) {
+            crossings.push_back(i);
+        }
         below = samples[i] < -3277 || (below && samples[i] <= 3277);
     }
+    std::vector<size_t> periods;
+    for (size_t i = 1; i < crossings.size(); ++i) {
+        periods.push_back(crossings[i] - crossings[i - 1]);
+    }
+    double frequency = 0;
+    if (!periods.empty()) {
+        std::nth_element(periods.begin(), periods.begin() + static_cast<long>(periods.size() / 2), periods.end());
+        frequency = static_cast<double>(Rate) / static_cast<double>(periods[periods.size() / 2]);
+    }
     const double n = std::max<double>(1, static_cast<double>(end) - static_cast<double>(begin));
-    return {10 * std::log10(sum / n / (32768.0 * 32768.0) + 1e-12), crossings / (n / Rate)};
+    return {10 * std::log10(sum / n / (32768.0 * 32768.0) + 1e-12), frequency};
 }
 
 // Level and pitch over a second of sound from where it starts (plus a tenth of a second): the
