@@ -34,24 +34,55 @@ void CaptureDevice::waitForPreviousThread() {
     m_threadEnded.wait_for(lock, std::chrono::seconds(2), [this] { return m_threadsRunning == 0; });
 }
 
+CaptureDevice::Failure CaptureDevice::openBoard(bool quiet) {
+    const auto say = [quiet](const char* line) {
+        if (!quiet) {
+            log("%s", line);
+        }
+    };
+    if (m_board->init() < 0) {
+        say("Could not initialize USB library");
+        return Failure::Library;
+    }
+    if (!m_board->openDeviceWithVidPid(raw::VendorId, raw::ProductId)) {
+        say("Could not connect to capture device");
+        std::string node;
+        if (m_board->openError(node) == usb::ErrorAccess) {
+            if (!quiet) {
+                log("No permission to open the capture board at %s: install the udev rule "
+                    "70-zandor-capture.rules (see README) and plug the board in again",
+                    node.c_str());
+            }
+            return Failure::NoPermission;
+        }
+        return Failure::NoBoard;
+    }
+    if (m_board->setConfiguration(raw::Configuration) < 0) {
+        say("Could not configure capture device");
+        return Failure::Configuration;
+    }
+    if (int claim = m_board->claimInterface(raw::Interface); claim < 0) {
+        say("Could not claim capture interface");
+        if (claim == usb::ErrorBusy) {
+            say("Another program is using the capture board: close it, then try again");
+        }
+        return Failure::Claim;
+    }
+    // The board needs a first frame start request and a moment before it answers bulk reads.
+    vendorRequest(raw::FrameRequest, 0, 0, nullptr);
+    std::this_thread::sleep_for(std::chrono::microseconds(50000));
+    return Failure::None;
+}
+
 bool CaptureDevice::startListening() {
     waitForPreviousThread();
     std::scoped_lock lock(m_lock);
-    if (m_board->init() < 0) {
-        log("Could not initialize USB library");
-    } else if (!m_board->openDeviceWithVidPid(raw::VendorId, raw::ProductId)) {
-        log("Could not connect to capture device");
-    } else if (m_board->setConfiguration(raw::Configuration) < 0) {
-        log("Could not configure capture device");
-    } else if (m_board->claimInterface(raw::Interface) < 0) {
-        log("Could not claim capture interface");
-    } else {
-        // The board needs a first frame start request and a moment before it answers bulk reads.
-        vendorRequest(raw::FrameRequest, 0, 0, nullptr);
-        std::this_thread::sleep_for(std::chrono::microseconds(50000));
+    m_failure = openBoard(false);
+    if (m_failure == Failure::None) {
         m_count = 0;
         m_first = std::chrono::system_clock::now();
         m_listening = true;
+        m_disconnected = false;
         {
             std::scoped_lock threadLock(m_threadMutex);
             ++m_threadsRunning;
@@ -83,6 +114,33 @@ bool CaptureDevice::isListening() {
 uint64_t CaptureDevice::count() {
     std::scoped_lock lock(m_lock);
     return m_count;
+}
+
+CaptureDevice::Failure CaptureDevice::failure() {
+    std::scoped_lock lock(m_lock);
+    return m_failure;
+}
+
+bool CaptureDevice::isDisconnected() {
+    std::scoped_lock lock(m_lock);
+    return m_disconnected;
+}
+
+void CaptureDevice::setConnectionObserver(std::function<void(bool connected)> observer) {
+    std::scoped_lock lock(m_lock);
+    m_connectionObserver = std::move(observer);
+}
+
+void CaptureDevice::notifyConnection(bool connected) {
+    std::function<void(bool)> observer;
+    {
+        std::scoped_lock lock(m_lock);
+        observer = m_connectionObserver;
+    }
+    // Outside the lock: the observer may ask the device anything.
+    if (observer) {
+        observer(connected);
+    }
 }
 
 std::chrono::system_clock::time_point CaptureDevice::startTime() {
@@ -127,6 +185,7 @@ CaptureDevice::Status CaptureDevice::receiveFrame(CaptureData& frame) {
         }
     } while (received < wanted && result == usb::Success && transferred > 0);
 
+    m_lastRead = result;
     if (result == usb::ErrorPipe) {
         m_board->clearHalt(raw::BulkEndpoint);
         status = Error;
@@ -142,8 +201,11 @@ CaptureDevice::Status CaptureDevice::receiveFrame(CaptureData& frame) {
 
 void CaptureDevice::frameRequest() {
     auto frame = CaptureData::create(raw::BlockBytes);
-    if (receiveFrame(*frame) != Complete) {
+    const bool wasDisconnected = isDisconnected();
+    bool vanished = false;
+    if (wasDisconnected || receiveFrame(*frame) != Complete) {
         std::memset(frame->data(), 0, frame->size());
+        vanished = !wasDisconnected && m_lastRead == usb::ErrorNoDevice;
     }
 
     std::scoped_lock lock(m_lock);
@@ -156,6 +218,58 @@ void CaptureDevice::frameRequest() {
     if (m_listening && add(frame)) {
         log("Frame was skipped as the device buffer became too large");
     }
+    if (vanished) {
+        disconnected();
+    }
+}
+
+// On the device thread, after the black frame of the read that found the board gone.
+void CaptureDevice::disconnected() {
+    log("Capture device disconnected");
+    m_board->close();
+    m_announced = m_board->watchArrivals();
+    const auto now = std::chrono::steady_clock::now();
+    m_nextAttempt = now + ReconnectInterval;
+    m_retryUntil = now;
+    {
+        std::scoped_lock lock(m_lock);
+        m_disconnected = true;
+    }
+    notifyConnection(false);
+}
+
+// On the device thread, once a pass while the board is gone: opens it again when it was announced
+// (or, without announcements, every ReconnectInterval). An announced board may not be ready at
+// once (its node's permissions come a moment later), so it is tried again for a while.
+void CaptureDevice::tryReconnect() {
+    const auto now = std::chrono::steady_clock::now();
+    bool attempt;
+    if (m_announced) {
+        if (m_board->arrived()) {
+            m_retryUntil = now + ArrivalRetryTime;
+            attempt = true;
+        } else {
+            attempt = now < m_retryUntil && now >= m_nextAttempt;
+        }
+    } else {
+        attempt = now >= m_nextAttempt;
+    }
+    if (!attempt) {
+        return;
+    }
+    m_nextAttempt = now + ReconnectInterval;
+    if (openBoard(true) != Failure::None) {
+        m_board->close();
+        return;
+    }
+    m_board->stopWatching();
+    m_retryUntil = now;
+    {
+        std::scoped_lock lock(m_lock);
+        m_disconnected = false;
+    }
+    log("Capture device reconnected");
+    notifyConnection(true);
 }
 
 void CaptureDevice::listener() {
@@ -175,6 +289,9 @@ void CaptureDevice::listener() {
             period = m_framePeriod;
         }
         if (listening) {
+            if (isDisconnected()) {
+                tryReconnect();
+            }
             frameRequest();
         }
         passStart = std::max(passStart + period, std::chrono::steady_clock::now());
@@ -182,6 +299,9 @@ void CaptureDevice::listener() {
         if (!listening) {
             break;
         }
+    }
+    if (isDisconnected()) {
+        m_board->stopWatching();
     }
     std::scoped_lock threadLock(m_threadMutex);
     --m_threadsRunning;

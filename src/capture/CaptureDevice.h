@@ -6,6 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -17,13 +18,24 @@ class UsbBoard;
 // The capture board: requests one raw frame at a time on a thread of its own, at most 60 a second,
 // stamps it with the seconds since listening began and publishes it. Owns the two screens that cut
 // each raw frame.
+//
+// When the board vanishes while listening (the cable is pulled), the device logs it once, lets the
+// handle go and goes on publishing a black, stamped frame every period, so that everything
+// downstream keeps time; it watches for the board to come back, opens it again and goes on with
+// real frames.
 class CaptureDevice final : public Observable {
 public:
     enum Status { Complete = 0, Incomplete = 1, Error = 2 };
+    // Why the last startListening failed.
+    enum class Failure { None, Library, NoBoard, NoPermission, Configuration, Claim };
 
     static constexpr uint64_t QueueLength = 20;
     static constexpr std::chrono::nanoseconds DefaultFramePeriod{16'666'667};
     static constexpr uint64_t RateLogInterval = 300;
+    // Without hotplug notices, how often a vanished board is looked for; with them, how often an
+    // announced board that could not be opened yet is tried again, for at most ArrivalRetryTime.
+    static constexpr std::chrono::milliseconds ReconnectInterval{500};
+    static constexpr std::chrono::seconds ArrivalRetryTime{5};
 
     static std::shared_ptr<CaptureDevice> create(std::unique_ptr<UsbBoard> board);
     ~CaptureDevice() override;
@@ -33,6 +45,11 @@ public:
     bool startListening();
     void stopListening();
     bool isListening();
+    Failure failure();
+    // Whether the board vanished while listening and has not come back yet.
+    bool isDisconnected();
+    // Called on the device thread, with false when the board vanishes and true when it is back.
+    void setConnectionObserver(std::function<void(bool connected)> observer);
 
     // 0 the top screen, 1 the bottom one.
     std::shared_ptr<CaptureScreen> screen(unsigned index) const { return m_screens.at(index); }
@@ -58,6 +75,12 @@ private:
     explicit CaptureDevice(std::unique_ptr<UsbBoard> board);
     void listener();
     void waitForPreviousThread();
+    // The opening sequence up to the frame start request and its pause; `quiet` for the attempts
+    // while waiting for a vanished board, which must not fill the log.
+    Failure openBoard(bool quiet);
+    void disconnected();
+    void tryReconnect();
+    void notifyConnection(bool connected);
 
     std::unique_ptr<UsbBoard> m_board;
     std::array<std::shared_ptr<CaptureScreen>, 2> m_screens;
@@ -67,6 +90,16 @@ private:
     uint64_t m_count = 0;
     std::chrono::system_clock::time_point m_first;
     std::chrono::nanoseconds m_framePeriod = DefaultFramePeriod;
+    Failure m_failure = Failure::None;
+    bool m_disconnected = false;
+    std::function<void(bool)> m_connectionObserver;
+
+    // The device thread's own: the result of the last bulk read, and how it waits for a vanished
+    // board (announced arrivals, or attempts at intervals).
+    int m_lastRead = 0;
+    bool m_announced = false;
+    std::chrono::steady_clock::time_point m_nextAttempt;
+    std::chrono::steady_clock::time_point m_retryUntil;
 
     // Device threads still running. A restart after a stop waits for the previous one to end, so
     // that its last request cannot mix with the new run's counters and handle.

@@ -22,9 +22,9 @@ std::string readSysfs(const std::filesystem::path& path) {
     return value;
 }
 
-// libusb_open_device_with_vid_pid says only "no handle". When the board is plugged in but its
-// device node is not ours to open, say so: that is the common first-run problem on Linux.
-void explainOpenFailure(uint16_t vendorId, uint16_t productId) {
+// libusb_open_device_with_vid_pid says only "no handle". Finds the board's device node, when the
+// board is plugged in, and whether we may open it: that is the common first-run problem on Linux.
+int diagnoseOpenFailure(uint16_t vendorId, uint16_t productId, std::string& deniedNode) {
     char vendor[8], product[8];
     std::snprintf(vendor, sizeof vendor, "%04x", vendorId);
     std::snprintf(product, sizeof product, "%04x", productId);
@@ -41,12 +41,12 @@ void explainOpenFailure(uint16_t vendorId, uint16_t productId) {
         char node[64];
         std::snprintf(node, sizeof node, "/dev/bus/usb/%03d/%03d", std::stoi(bus), std::stoi(dev));
         if (access(node, R_OK | W_OK) != 0 && errno == EACCES) {
-            log("No permission to open the capture board at %s: install the udev rule "
-                "70-zandor-capture.rules (see README) and plug the board in again",
-                node);
+            deniedNode = node;
+            return LIBUSB_ERROR_ACCESS;
         }
-        return;
+        break;
     }
+    return LIBUSB_ERROR_NOT_FOUND;
 }
 
 } // namespace
@@ -54,15 +54,16 @@ void explainOpenFailure(uint16_t vendorId, uint16_t productId) {
 LibusbBoard::~LibusbBoard() {
     {
         std::unique_lock lock(m_handleMutex);
-        close();
+        closeLocked();
     }
+    stopWatching();
     for (; m_initCount > 0; --m_initCount) {
         libusb_exit(nullptr);
     }
 }
 
 // Called with m_handleMutex held exclusively.
-void LibusbBoard::close() {
+void LibusbBoard::closeLocked() {
     if (!m_handle) {
         return;
     }
@@ -75,6 +76,9 @@ void LibusbBoard::close() {
 }
 
 int LibusbBoard::init() {
+    if (m_initCount > 0) {
+        return LIBUSB_SUCCESS; // the default context stays ours; a reconnect must not stack references
+    }
     int result = libusb_init(nullptr);
     if (result == LIBUSB_SUCCESS) {
         ++m_initCount;
@@ -86,11 +90,12 @@ bool LibusbBoard::openDeviceWithVidPid(uint16_t vendorId, uint16_t productId) {
     // The previous handle still claims the interface; a new claim would fail with "busy", so it is
     // closed before the new one is opened. The device makes sure no transfer still uses it.
     std::unique_lock lock(m_handleMutex);
-    close();
+    closeLocked();
+    m_vendorId = vendorId;
+    m_productId = productId;
     m_handle = libusb_open_device_with_vid_pid(nullptr, vendorId, productId);
-    if (!m_handle) {
-        explainOpenFailure(vendorId, productId);
-    }
+    m_deniedNode.clear();
+    m_openError = m_handle ? LIBUSB_SUCCESS : diagnoseOpenFailure(vendorId, productId, m_deniedNode);
     return m_handle != nullptr;
 }
 
@@ -133,6 +138,59 @@ int LibusbBoard::bulkTransfer(uint8_t endpoint, uint8_t* data, int length, int* 
 int LibusbBoard::clearHalt(uint8_t endpoint) {
     std::shared_lock lock(m_handleMutex);
     return m_handle ? libusb_clear_halt(m_handle, endpoint) : LIBUSB_ERROR_NO_DEVICE;
+}
+
+int LibusbBoard::openError(std::string& node) {
+    std::shared_lock lock(m_handleMutex);
+    node = m_deniedNode;
+    return m_openError;
+}
+
+void LibusbBoard::close() {
+    std::unique_lock lock(m_handleMutex);
+    closeLocked();
+}
+
+int LibusbBoard::hotplugArrived(libusb_context*, libusb_device*, int, void* self) {
+    static_cast<LibusbBoard*>(self)->m_arrived = true;
+    return 0; // stay registered
+}
+
+bool LibusbBoard::watchArrivals() {
+    if (m_watching) {
+        return true;
+    }
+    if (m_initCount == 0 || !libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG)) {
+        return false;
+    }
+    m_arrived = false;
+    int result = libusb_hotplug_register_callback(
+        nullptr, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED, LIBUSB_HOTPLUG_NO_FLAGS, m_vendorId, m_productId,
+        LIBUSB_HOTPLUG_MATCH_ANY,
+        [](libusb_context* context, libusb_device* device, libusb_hotplug_event event, void* self) {
+            return hotplugArrived(context, device, static_cast<int>(event), self);
+        },
+        this, &m_hotplugHandle);
+    m_watching = result == LIBUSB_SUCCESS;
+    return m_watching;
+}
+
+bool LibusbBoard::arrived() {
+    if (!m_watching) {
+        return false;
+    }
+    // Hotplug callbacks run inside event handling; with no handle open there is nothing else to
+    // handle, and a zero time-out returns at once.
+    timeval noWait{};
+    libusb_handle_events_timeout_completed(nullptr, &noWait, nullptr);
+    return m_arrived.exchange(false);
+}
+
+void LibusbBoard::stopWatching() {
+    if (m_watching) {
+        libusb_hotplug_deregister_callback(nullptr, m_hotplugHandle);
+        m_watching = false;
+    }
 }
 
 } // namespace zandor

@@ -2,8 +2,12 @@
 
 #include "UsbBoard.h"
 
+#include <atomic>
 #include <shared_mutex>
+#include <string>
 
+struct libusb_context;
+struct libusb_device;
 struct libusb_device_handle;
 
 namespace zandor {
@@ -25,8 +29,15 @@ public:
     int bulkTransfer(uint8_t endpoint, uint8_t* data, int length, int* transferred, unsigned timeoutMs) override;
     int clearHalt(uint8_t endpoint) override;
 
+    int openError(std::string& node) override;
+    void close() override;
+    bool watchArrivals() override;
+    bool arrived() override;
+    void stopWatching() override;
+
 private:
-    void close();
+    static int hotplugArrived(libusb_context* context, libusb_device* device, int event, void* self);
+    void closeLocked();
 
     // Transfers hold it shared, replacing or closing the handle holds it exclusively, so a handle
     // is never closed under a transfer still running on another thread.
@@ -34,6 +45,17 @@ private:
     libusb_device_handle* m_handle = nullptr;
     int m_claimed = -1;
     int m_initCount = 0;
+
+    // What the last failed open found, for openError().
+    int m_openError = 0;
+    std::string m_deniedNode;
+
+    // Used by the device thread alone while it waits for the board to come back.
+    uint16_t m_vendorId = 0;
+    uint16_t m_productId = 0;
+    int m_hotplugHandle = 0;
+    bool m_watching = false;
+    std::atomic<bool> m_arrived{false};
 };
 
 } // namespace zandor

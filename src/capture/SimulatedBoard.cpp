@@ -3,6 +3,7 @@
 #include "RawFrame.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace zandor {
 
@@ -131,6 +132,40 @@ int SimulatedBoard::clearHalt(uint8_t endpoint) {
         ++m_clearHalts;
     }
     return usb::Success;
+}
+
+void SimulatedBoard::close() {
+    std::scoped_lock lock(m_mutex);
+    m_open = false;
+}
+
+bool SimulatedBoard::watchArrivals() {
+    std::scoped_lock lock(m_mutex);
+    m_watching = true;
+    m_arrived = false;
+    return true;
+}
+
+bool SimulatedBoard::arrived() {
+    std::scoped_lock lock(m_mutex);
+    return std::exchange(m_arrived, false);
+}
+
+void SimulatedBoard::stopWatching() {
+    std::scoped_lock lock(m_mutex);
+    m_watching = false;
+}
+
+void SimulatedBoard::replug() {
+    std::scoped_lock lock(m_mutex);
+    m_vanished = false;
+    m_halted = false;
+    m_arrived = m_watching;
+}
+
+void SimulatedBoard::unplug() {
+    std::scoped_lock lock(m_mutex);
+    m_vanished = true;
 }
 
 void SimulatedBoard::injectFault(uint64_t frame, BoardFault fault) {

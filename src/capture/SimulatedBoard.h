@@ -31,6 +31,15 @@ public:
                         uint16_t length, unsigned timeoutMs) override;
     int bulkTransfer(uint8_t endpoint, uint8_t* data, int length, int* transferred, unsigned timeoutMs) override;
     int clearHalt(uint8_t endpoint) override;
+    void close() override;
+    // Arrivals are announced, as libusb's hotplug does.
+    bool watchArrivals() override;
+    bool arrived() override;
+    void stopWatching() override;
+
+    // The board comes back after a Vanish fault (or unplug()), announced to a watcher.
+    void replug();
+    void unplug();
 
     void injectFault(uint64_t frame, BoardFault fault);
     // The most bytes one bulk read returns; the real board fills a whole read, so 0 means no limit.
@@ -51,6 +60,8 @@ private:
     int m_chunkBytes = 0;
     bool m_open = false;
     bool m_vanished = false;
+    bool m_watching = false;
+    bool m_arrived = false;
     bool m_halted = false;
     bool m_frameRead = false; // the current frame has seen its first read
     int64_t m_frame = -1;       // frame being sent, -1 before the first request

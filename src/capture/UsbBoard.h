@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 namespace zandor {
 
@@ -10,6 +11,8 @@ constexpr int Success = 0;
 constexpr int ErrorIo = -1;
 constexpr int ErrorAccess = -3;
 constexpr int ErrorNoDevice = -4;
+constexpr int ErrorNotFound = -5;
+constexpr int ErrorBusy = -6;
 constexpr int ErrorTimeout = -7;
 constexpr int ErrorPipe = -9;
 } // namespace usb
@@ -33,6 +36,23 @@ public:
     virtual int bulkTransfer(uint8_t endpoint, uint8_t* data, int length, int* transferred,
                              unsigned timeoutMs) = 0;
     virtual int clearHalt(uint8_t endpoint) = 0;
+
+    // Why the last openDeviceWithVidPid gave no handle: usb::ErrorAccess when a board is plugged
+    // in but its device node (named in `node`) is not ours to open, usb::ErrorNotFound otherwise.
+    virtual int openError(std::string& node) {
+        node.clear();
+        return usb::ErrorNotFound;
+    }
+
+    // For a board that vanished (libusb_release_interface and libusb_close): lets the handle go.
+    virtual void close() {}
+    // Starts watching for the board to be plugged in (libusb_hotplug_register_callback). False
+    // when arrivals are not announced: then the caller tries to open the board at intervals.
+    virtual bool watchArrivals() { return false; }
+    // Whether the board was announced since the last call (libusb_handle_events_timeout with no
+    // wait: it never blocks).
+    virtual bool arrived() { return false; }
+    virtual void stopWatching() {}
 };
 
 } // namespace zandor

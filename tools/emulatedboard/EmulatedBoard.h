@@ -1,0 +1,122 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+typedef struct _UMockdevTestbed UMockdevTestbed;
+typedef struct _UMockdevIoctlBase UMockdevIoctlBase;
+typedef struct _UMockdevIoctlClient UMockdevIoctlClient;
+typedef struct _UMockdevIoctlData UMockdevIoctlData;
+
+namespace zandor {
+
+class SimulatedBoard;
+
+// The capture board emulated where the kernel would present it: a umockdev testbed shows a USB
+// device 16d0:06a3 in sysfs and at /dev/bus/usb/001/DDD, and answers the usbfs ioctls that libusb
+// issues on that node. A simulated board (the demo picture or a replay file) decides what the
+// board answers; this class only speaks usbfs. A program reaches the board when it runs with
+// libumockdev-preload loaded and $UMOCKDEV_DIR naming rootDir() (this process, when it was
+// started under the preload, or any child started with childEnvironment()).
+//
+// Unplugging fails every URB in flight and every later request with ENODEV, sends a "remove"
+// uevent and takes the device out of sysfs and /dev; plugging it in again gives it the next device
+// number and sends "add", as the kernel does.
+class EmulatedBoard {
+public:
+    // A control request as it reached the board.
+    struct Setup {
+        uint8_t requestType;
+        uint8_t request;
+        uint16_t value;
+        uint16_t index;
+        uint16_t length;
+    };
+
+    // Starts the testbed with the board plugged in. Null with a one-line reason when umockdev
+    // cannot start.
+    static std::unique_ptr<EmulatedBoard> create(std::unique_ptr<SimulatedBoard> model, std::string& error);
+    ~EmulatedBoard();
+    EmulatedBoard(const EmulatedBoard&) = delete;
+    EmulatedBoard& operator=(const EmulatedBoard&) = delete;
+
+    void plug();
+    void unplug();
+    bool isPlugged();
+    // Unplugs when the board receives frame start request number `request` (0 is the first one
+    // after plugging in), and plugs in again `replugAfter` later unless that is negative.
+    void unplugAtRequest(uint64_t request, std::chrono::milliseconds replugAfter = std::chrono::milliseconds(-1));
+    // Waits until the board has been unplugged (or plugged in) `times` times since it started.
+    bool waitForUnplugs(int times, std::chrono::milliseconds timeout);
+    bool waitForPlugs(int times, std::chrono::milliseconds timeout);
+    // Called on umockdev's thread, or the caller's, whenever the board is plugged in.
+    void setPlugObserver(std::function<void()> observer);
+
+    // The device node's permission bits (0600 by default, as the kernel leaves it without a rule).
+    void setNodeMode(unsigned mode);
+
+    SimulatedBoard& model() { return *m_model; }
+    std::string rootDir() const { return m_rootDir; }
+    std::string deviceNode();
+    // Environment entries that put a child process in front of this board.
+    std::vector<std::string> childEnvironment() const;
+
+    // What the board has seen: the last control requests (at most 64), frame start requests since
+    // the last plug, the halts cleared, and the interface claims refused as busy.
+    std::vector<Setup> controlRequests();
+    uint64_t frameRequests();
+    int clearedHalts();
+    int busyClaims();
+
+private:
+    struct Urb;
+    struct Client;
+
+    EmulatedBoard() = default;
+    static int handleIoctl(UMockdevIoctlBase* handler, UMockdevIoctlClient* client, void* self);
+    bool handle(UMockdevIoctlClient* client);
+    void submit(UMockdevIoctlClient* client, Client& state, UMockdevIoctlData* arg);
+    void reap(UMockdevIoctlClient* client, Client& state, UMockdevIoctlData* arg);
+    void discard(UMockdevIoctlClient* client, Client& state, UMockdevIoctlData* arg);
+    bool claim(UMockdevIoctlClient* client, Client& state, UMockdevIoctlData* arg);
+    void unplugLocked();
+    void plugLocked();
+    void replugTimer();
+
+    std::unique_ptr<SimulatedBoard> m_model;
+    UMockdevTestbed* m_testbed = nullptr;
+    UMockdevIoctlBase* m_handler = nullptr;
+    std::string m_rootDir;
+    bool m_trace = false;
+
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_plugged = false;
+    int m_deviceNumber = 1;
+    int m_plugs = 0;
+    int m_unplugs = 0;
+    unsigned m_nodeMode = 0600;
+    std::string m_node;    // /dev/bus/usb/001/DDD while plugged
+    std::string m_syspath; // /sys/devices/... while plugged
+    std::map<UMockdevIoctlClient*, std::unique_ptr<Client>> m_clients;
+    std::vector<Setup> m_setups;
+    uint64_t m_frameRequests = 0;
+    int m_clearedHalts = 0;
+    int m_busyClaims = 0;
+    uint64_t m_unplugAt = UINT64_MAX;
+    std::chrono::milliseconds m_replugAfter{-1};
+    std::chrono::steady_clock::time_point m_replugAt = std::chrono::steady_clock::time_point::max();
+    std::function<void()> m_plugObserver;
+    bool m_stopping = false;
+    std::thread m_timer; // plugs the board in again when an unplug asked for it
+};
+
+} // namespace zandor

@@ -1,0 +1,130 @@
+// zandor-emulated-board: runs one command with the capture board emulated at the device node, so
+// that `--board usb` takes the real path through libusb and usbfs without hardware.
+
+#include "EmulatedBoard.h"
+
+#include "capture/DemoBoard.h"
+#include "capture/ReplayBoard.h"
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+pid_t g_child = 0;
+
+void forward(int signal) {
+    if (g_child > 0) {
+        kill(g_child, signal);
+    }
+}
+
+int usage() {
+    std::fprintf(stderr, "usage: with-emulated-board [--replay FILE] [--unplug-at-frame N] "
+                         "[--replug-after-ms M] -- COMMAND...\n");
+    return 2;
+}
+
+bool number(const char* text, long long& value) {
+    char* end = nullptr;
+    errno = 0;
+    value = std::strtoll(text, &end, 10);
+    return errno == 0 && end != text && *end == '\0' && value >= 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    // umockdev sends uevents through libudev, which must see the testbed's sysfs as the programs
+    // do: this program runs under the preload library too.
+    const char* existing = std::getenv("LD_PRELOAD");
+    if (!existing || !std::strstr(existing, "libumockdev-preload")) {
+        std::string preload = std::string("libumockdev-preload.so.0") + (existing && *existing ? ":" : "") +
+                              (existing ? existing : "");
+        setenv("LD_PRELOAD", preload.c_str(), 1);
+        execv("/proc/self/exe", argv);
+        std::perror("with-emulated-board: cannot load umockdev");
+        return 2;
+    }
+    std::string replay;
+    long long unplugAt = -1;
+    long long replugAfterMs = -1;
+    int i = 1;
+    for (; i < argc; ++i) {
+        std::string option = argv[i];
+        if (option == "--") {
+            ++i;
+            break;
+        }
+        if (i + 1 >= argc) {
+            return usage();
+        }
+        if (option == "--replay") {
+            replay = argv[++i];
+        } else if (option == "--unplug-at-frame") {
+            if (!number(argv[++i], unplugAt)) {
+                return usage();
+            }
+        } else if (option == "--replug-after-ms") {
+            if (!number(argv[++i], replugAfterMs)) {
+                return usage();
+            }
+        } else {
+            return usage();
+        }
+    }
+    if (i >= argc) {
+        return usage();
+    }
+
+    std::string error;
+    std::unique_ptr<zandor::SimulatedBoard> model;
+    if (replay.empty()) {
+        model = std::make_unique<zandor::DemoBoard>();
+    } else {
+        model = zandor::ReplayBoard::open(replay, error);
+        if (!model) {
+            std::fprintf(stderr, "with-emulated-board: %s\n", error.c_str());
+            return 2;
+        }
+    }
+    auto board = zandor::EmulatedBoard::create(std::move(model), error);
+    if (!board) {
+        std::fprintf(stderr, "with-emulated-board: %s\n", error.c_str());
+        return 2;
+    }
+    if (unplugAt >= 0) {
+        board->unplugAtRequest(static_cast<uint64_t>(unplugAt), std::chrono::milliseconds(replugAfterMs));
+    }
+
+    const auto environment = board->childEnvironment();
+    g_child = fork();
+    if (g_child < 0) {
+        std::perror("with-emulated-board: fork");
+        return 2;
+    }
+    if (g_child == 0) {
+        for (const auto& entry : environment) {
+            putenv(strdup(entry.c_str()));
+        }
+        execvp(argv[i], argv + i);
+        std::fprintf(stderr, "with-emulated-board: cannot run %s: %s\n", argv[i], std::strerror(errno));
+        _exit(127);
+    }
+    std::signal(SIGINT, forward);
+    std::signal(SIGTERM, forward);
+    int status = 0;
+    while (waitpid(g_child, &status, 0) < 0 && errno == EINTR) {
+    }
+    board.reset();
+    if (WIFEXITED(status)) {
+        return WEXITSTATUS(status);
+    }
+    return 128 + WTERMSIG(status);
+}
