@@ -37,7 +37,7 @@ constexpr const char* Descriptors = "12010002000000" "40d016a3060001" "000000" "
 
 // The usbfs capabilities of a current kernel on an xHCI controller: a bulk read of any length goes
 // out as one URB.
-constexpr uint32_t Capabilities = USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_BULK_CONTINUATION |
+constexpr uint32_t Capabilities = USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_BULK_CONTINUATION | USBDEVFS_CAP_BULK_SCATTER_GATHER |
                                   USBDEVFS_CAP_NO_PACKET_SIZE_LIM | USBDEVFS_CAP_REAP_AFTER_DISCONNECT;
 
 int errnoOf(int usbResult) {
@@ -110,7 +110,7 @@ std::unique_ptr<EmulatedBoard> EmulatedBoard::create(std::unique_ptr<SimulatedBo
     g_free(root);
     // The testbed folder is private to its creator; a program that runs as another user (to test
     // what a user without permission sees) must still find the device in it.
-    chmod(board->m_rootDir.c_str(), 0755);
+    chmod(board->m_rootDir.c_str(), 01777);
 
     board->m_handler = umockdev_ioctl_base_new();
     g_signal_connect(board->m_handler, "handle-ioctl", G_CALLBACK(&EmulatedBoard::handleIoctl), board.get());
@@ -173,9 +173,24 @@ bool EmulatedBoard::waitForPlugs(int times, std::chrono::milliseconds timeout) {
     return m_changed.wait_for(lock, timeout, [&] { return m_plugs >= times; });
 }
 
+bool EmulatedBoard::waitForFrameRequests(uint64_t count, std::chrono::milliseconds timeout) {
+    std::unique_lock lock(m_mutex);
+    return m_changed.wait_for(lock, timeout, [&] { return m_frameRequests >= count; });
+}
+
 void EmulatedBoard::setPlugObserver(std::function<void()> observer) {
     std::scoped_lock lock(m_mutex);
     m_plugObserver = std::move(observer);
+}
+
+void EmulatedBoard::refuseConfiguration(bool refuse) {
+    std::scoped_lock lock(m_mutex);
+    m_refuseConfiguration = refuse;
+}
+
+void EmulatedBoard::refuseClaim(bool refuse) {
+    std::scoped_lock lock(m_mutex);
+    m_refuseClaim = refuse;
 }
 
 void EmulatedBoard::setNodeMode(unsigned mode) {
@@ -238,6 +253,9 @@ void EmulatedBoard::plugLocked() {
         std::fprintf(stderr, "emulated board: could not attach to %s: %s\n", node, error ? error->message : "?");
         g_clear_error(&error);
     }
+    // The socket that carries the ioctls stands for the kernel, which every user reaches; who may
+    // use the board is the node's mode alone.
+    chmod((m_rootDir + "/ioctl" + m_node).c_str(), 0666);
     std::filesystem::path file = m_rootDir + m_node;
     std::filesystem::create_directories(file.parent_path());
     if (int fd = ::open(file.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600); fd >= 0) {
@@ -370,6 +388,10 @@ bool EmulatedBoard::handle(UMockdevIoctlClient* client) {
         if (value.data) {
             std::memcpy(&configuration, value.data->data, sizeof configuration);
         }
+        if (m_refuseConfiguration) {
+            umockdev_ioctl_client_complete(client, -1, EIO);
+            return true;
+        }
         int result = m_model->setConfiguration(static_cast<int>(configuration));
         umockdev_ioctl_client_complete(client, result < 0 ? -1 : 0, result < 0 ? EINVAL : 0);
         return true;
@@ -423,6 +445,10 @@ bool EmulatedBoard::claim(UMockdevIoctlClient* client, Client& state, UMockdevIo
         umockdev_ioctl_client_complete(client, -1, ENOENT);
         return false;
     }
+    if (m_refuseClaim) {
+        umockdev_ioctl_client_complete(client, -1, EIO);
+        return false;
+    }
     // Another open file, in this process or another, holding the interface makes it busy.
     for (const auto& [other, otherState] : m_clients) {
         if (other != client && otherState->claimed && otherState->node == state.node &&
@@ -462,7 +488,9 @@ void EmulatedBoard::submit(UMockdevIoctlClient* client, Client& state, UMockdevI
             m_setups.erase(m_setups.begin());
         }
         if (setup.requestType == raw::FrameRequestType && setup.request == raw::FrameRequest) {
-            if (m_frameRequests++ == m_unplugAt) {
+            const uint64_t number = m_frameRequests++;
+            m_changed.notify_all();
+            if (number == m_unplugAt) {
                 m_unplugAt = UINT64_MAX;
                 umockdev_ioctl_data_unref(urbData);
                 unplugLocked();

@@ -57,8 +57,14 @@ public:
     // Waits until the board has been unplugged (or plugged in) `times` times since it started.
     bool waitForUnplugs(int times, std::chrono::milliseconds timeout);
     bool waitForPlugs(int times, std::chrono::milliseconds timeout);
+    // Waits until the board has received `count` frame start requests since it was last plugged in.
+    bool waitForFrameRequests(uint64_t count, std::chrono::milliseconds timeout);
     // Called on umockdev's thread, or the caller's, whenever the board is plugged in.
     void setPlugObserver(std::function<void()> observer);
+
+    // Makes the board refuse to be configured, or its interface to be claimed (with EIO).
+    void refuseConfiguration(bool refuse);
+    void refuseClaim(bool refuse);
 
     // The device node's permission bits (0600 by default, as the kernel leaves it without a rule).
     void setNodeMode(unsigned mode);
@@ -104,6 +110,8 @@ private:
     int m_plugs = 0;
     int m_unplugs = 0;
     unsigned m_nodeMode = 0600;
+    bool m_refuseConfiguration = false;
+    bool m_refuseClaim = false;
     std::string m_node;    // /dev/bus/usb/001/DDD while plugged
     std::string m_syspath; // /sys/devices/... while plugged
     std::map<UMockdevIoctlClient*, std::unique_ptr<Client>> m_clients;
