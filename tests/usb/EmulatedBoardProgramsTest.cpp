@@ -1,0 +1,173 @@
+// Whole programs on the real board path: zandor-cli and the application with `--board usb`,
+// started through scripts/with-emulated-board as a developer or a bug reporter would.
+
+#include "Media.h"
+#include "Process.h"
+#include "UserFolders.h"
+#include "XServer.h"
+#include "capture/RawFrame.h"
+
+#include <gtest/gtest.h>
+
+#include <QColor>
+#include <QDir>
+#include <QTemporaryDir>
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <fstream>
+#include <iterator>
+
+extern char** environ;
+
+namespace zandor {
+namespace {
+
+using namespace std::chrono_literals;
+using test::ProcessResult;
+
+const std::string Script = ZANDOR_SOURCE_DIR "/scripts/with-emulated-board";
+
+std::vector<std::string> withEmulatedBoard(std::vector<std::string> options, std::vector<std::string> command) {
+    options.insert(options.begin(), Script);
+    options.push_back("--");
+    options.insert(options.end(), command.begin(), command.end());
+    return options;
+}
+
+std::string readAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// Raw frames whose screens are each one colour, pixel bytes as the board sends them (red, green,
+// blue); nearest-neighbour scaling keeps such colours exact on screen.
+std::string solidFrames(int count, QColor top, QColor bottom) {
+    std::string frames;
+    for (int frame = 0; frame < count; ++frame) {
+        for (uint64_t pixel = 0; pixel < raw::FrameBytes / 3; ++pixel) {
+            const QColor& colour = pixel * 3 < raw::BottomOffset ? top : bottom;
+            frames += static_cast<char>(colour.red());
+            frames += static_cast<char>(colour.green());
+            frames += static_cast<char>(colour.blue());
+        }
+    }
+    return frames;
+}
+
+class EmulatedBoardProgramsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        test::isolateUserFolders();
+        setenv("ZANDOR_BUILD", ZANDOR_BUILD_DIR, 1);
+    }
+    QTemporaryDir m_folder;
+    std::string path(const char* name) const { return m_folder.filePath(name).toStdString(); }
+};
+
+TEST_F(EmulatedBoardProgramsTest, DumpGivesTheFramesOfTheReplayFileByteForByte) {
+    // Seven different frames, so that an off-by-one frame or a wrong loop shows.
+    std::string replay;
+    for (int frame = 0; frame < 7; ++frame) {
+        for (uint64_t i = 0; i < raw::FrameBytes; ++i) {
+            replay += static_cast<char>((i * 7 + static_cast<uint64_t>(frame) * 131 + i / 4099) & 0xff);
+        }
+    }
+    std::ofstream(path("replay.raw"), std::ios::binary) << replay;
+
+    const ProcessResult run = test::runProcess(withEmulatedBoard(
+        {"--replay", path("replay.raw")},
+        {ZANDOR_CLI, "dump", "--board", "usb", "--frames", "10", "--out", path("dumped.raw")}));
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const std::string dumped = readAll(path("dumped.raw"));
+    ASSERT_EQ(dumped.size(), 10 * raw::FrameBytes);
+    EXPECT_TRUE(dumped.compare(0, replay.size(), replay) == 0) << "the seven frames in order";
+    EXPECT_TRUE(dumped.compare(replay.size(), 3 * raw::FrameBytes, replay, 0, 3 * raw::FrameBytes) == 0)
+        << "then from the first again";
+}
+
+TEST_F(EmulatedBoardProgramsTest, ARecordingGoesOnThroughAnUnplugWithBlackFramesInTheGap) {
+    // The cable is pulled about two seconds in and plugged in again two seconds later.
+    const ProcessResult run = test::runProcess(
+        withEmulatedBoard({"--unplug-at-frame", "120", "--replug-after-ms", "2000"},
+                          {ZANDOR_CLI, "record", "--board", "usb", "--seconds", "8", "--layout", "Top", "--game-audio", "None",
+                           "--narrator-audio", "None", "--out", m_folder.path().toStdString()}),
+        120s);
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const auto made = test::splitLines(run.out);
+    ASSERT_EQ(made.size(), 1u) << run.out;
+    EXPECT_EQ(QDir(m_folder.path()).entryList({"*.mp4"}).size(), 1);
+    EXPECT_NE(run.err.find("Capture device disconnected\n"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("Capture device reconnected\n"), std::string::npos) << run.err;
+
+    // Each frame's mean brightness, as ffmpeg decodes the movie.
+    const std::string grey = test::runProcess({"ffmpeg", "-v", "error", "-i", made.front(), "-vf", "scale=8:8",
+                                               "-pix_fmt", "gray", "-f", "rawvideo", "-"})
+                                 .out;
+    std::vector<bool> black;
+    for (size_t frame = 0; frame + 64 <= grey.size(); frame += 64) {
+        int sum = 0;
+        for (size_t i = frame; i < frame + 64; ++i) {
+            sum += static_cast<uint8_t>(grey[i]);
+        }
+        black.push_back(sum < 64 * 12); // black decodes a little above 0 (video range)
+    }
+    const double expected = 8 * 60;
+    EXPECT_NEAR(static_cast<double>(black.size()), expected, expected * 0.02);
+    // Real frames, then the gap, then real frames again.
+    ASSERT_FALSE(black.empty());
+    EXPECT_FALSE(black.front());
+    EXPECT_FALSE(black.back());
+    const auto gapStart = std::find(black.begin(), black.end(), true);
+    const auto gapEnd = std::find(gapStart, black.end(), false);
+    EXPECT_EQ(std::find(gapEnd, black.end(), true), black.end()) << "one gap only";
+    EXPECT_NEAR(static_cast<double>(gapEnd - gapStart), 2 * 60.0, 0.25 * 60) << "about two seconds of black";
+}
+
+TEST_F(EmulatedBoardProgramsTest, TheApplicationShowsTheBoardsPicture) {
+    test::XServer x;
+    ASSERT_TRUE(x.isRunning()) << x.error();
+    const QColor magenta(0xff, 0x00, 0xff), green(0x00, 0xff, 0x00);
+    std::ofstream(path("solid.raw"), std::ios::binary) << solidFrames(2, magenta, green);
+
+    setenv("DISPLAY", x.display().c_str(), 1);
+    setenv("QT_QPA_PLATFORM", "xcb", 1);
+    const auto command =
+        withEmulatedBoard({"--replay", path("solid.raw")}, {ZANDOR_APP, "--board", "usb", "--play"});
+    std::vector<char*> argv;
+    for (const auto& argument : command) {
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    }
+    argv.push_back(nullptr);
+    pid_t application = -1;
+    ASSERT_EQ(posix_spawn(&application, argv[0], nullptr, nullptr, argv.data(), environ), 0);
+
+    // Both screens fill a good part of the window once the picture plays.
+    int topPixels = 0, bottomPixels = 0;
+    for (auto deadline = std::chrono::steady_clock::now() + 60s;
+         std::chrono::steady_clock::now() < deadline && (topPixels < 40000 || bottomPixels < 30000);) {
+        const QImage shot = x.screenshot().convertToFormat(QImage::Format_RGB32);
+        topPixels = bottomPixels = 0;
+        for (int y = 0; y < shot.height(); ++y) {
+            const auto* line = reinterpret_cast<const QRgb*>(shot.constScanLine(y));
+            for (int x = 0; x < shot.width(); ++x) {
+                topPixels += (line[x] & 0xffffff) == (magenta.rgb() & 0xffffff);
+                bottomPixels += (line[x] & 0xffffff) == (green.rgb() & 0xffffff);
+            }
+        }
+    }
+    if (const char* keep = std::getenv("ZANDOR_TEST_SCREENSHOT")) {
+        x.screenshot().save(keep);
+    }
+    kill(application, SIGTERM);
+    int status = 0;
+    waitpid(application, &status, 0);
+    EXPECT_GE(topPixels, 40000) << "the top screen (400 x 240) is not on show";
+    EXPECT_GE(bottomPixels, 30000) << "the bottom screen (320 x 240) is not on show";
+}
+
+} // namespace
+} // namespace zandor
