@@ -11,6 +11,7 @@ int SimulatedBoard::init() { return usb::Success; }
 
 bool SimulatedBoard::openDeviceWithVidPid(uint16_t vendorId, uint16_t productId) {
     std::scoped_lock lock(m_mutex);
+    ++m_opens;
     m_open = !m_vanished && vendorId == raw::VendorId && productId == raw::ProductId;
     return m_open;
 }
@@ -141,9 +142,19 @@ void SimulatedBoard::close() {
 
 bool SimulatedBoard::watchArrivals() {
     std::scoped_lock lock(m_mutex);
-    m_watching = true;
+    m_watching = m_announces;
     m_arrived = false;
-    return true;
+    return m_announces;
+}
+
+void SimulatedBoard::setAnnouncesArrivals(bool announces) {
+    std::scoped_lock lock(m_mutex);
+    m_announces = announces;
+}
+
+int SimulatedBoard::openCount() const {
+    std::scoped_lock lock(m_mutex);
+    return m_opens;
 }
 
 bool SimulatedBoard::arrived() {

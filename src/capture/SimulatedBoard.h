@@ -37,9 +37,11 @@ public:
     bool arrived() override;
     void stopWatching() override;
 
-    // The board comes back after a Vanish fault (or unplug()), announced to a watcher.
+    // The board comes back after a Vanish fault (or unplug()), announced to a watcher unless
+    // announcements are off (as on a system without hotplug notices).
     void replug();
     void unplug();
+    void setAnnouncesArrivals(bool announces);
 
     void injectFault(uint64_t frame, BoardFault fault);
     // The most bytes one bulk read returns; the real board fills a whole read, so 0 means no limit.
@@ -49,6 +51,8 @@ public:
     // often the endpoint's halt was cleared.
     std::vector<int> readLengths(uint64_t frame) const;
     int clearHaltCount() const;
+    // How often the board was asked to open.
+    int openCount() const;
 
 protected:
     // Writes `length` bytes of frame `frame` starting at byte `offset` of the raw frame.
@@ -60,7 +64,9 @@ private:
     int m_chunkBytes = 0;
     bool m_open = false;
     bool m_vanished = false;
+    bool m_announces = true;
     bool m_watching = false;
+    int m_opens = 0;
     bool m_arrived = false;
     bool m_halted = false;
     bool m_frameRead = false; // the current frame has seen its first read

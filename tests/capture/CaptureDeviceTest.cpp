@@ -169,18 +169,74 @@ TEST_F(CaptureDeviceTest, FailedReadsPublishBlackStampedFramesAndTheStallIsClear
     EXPECT_GE(m_device->count(), 9u);
 }
 
-TEST_F(CaptureDeviceTest, AVanishedBoardGivesBlackFramesWhileTheCountGoesOn) {
+// With hotplug notices the board is opened when it is announced; without, it is looked for twice a
+// second. Either way the device publishes black frames meanwhile and never asks the board in a loop.
+class ReconnectTest : public CaptureDeviceTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(ReconnectTest, AVanishedBoardGivesBlackFramesUntilItIsBackAndIsLookedForWithoutSpinning) {
+    const bool announced = GetParam();
+    m_board->setAnnouncesArrivals(announced);
     m_board->injectFault(3, BoardFault::Vanish);
-    auto frames = run(m_device, 6);
-    ASSERT_EQ(frames.size(), 6u);
-    EXPECT_FALSE(test::allZero(*frames[2]));
-    for (size_t n = 3; n < 6; ++n) {
-        EXPECT_TRUE(test::allZero(*frames[n])) << "frame " << n;
-    }
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<bool> connections;
+    m_device->setConnectionObserver([&](bool connected) {
+        std::scoped_lock lock(mutex);
+        connections.push_back(connected);
+        changed.notify_all();
+    });
+    const auto waitForConnections = [&](size_t count) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, 20s, [&] { return connections.size() >= count; });
+    };
     LogCapture log;
-    EXPECT_FALSE(m_device->startListening()) << "starting again finds no board";
+    auto observer = m_device->addObserver(m_wakeup);
+    ASSERT_TRUE(m_device->startListening());
+    auto frames = takeFrames(*m_device, observer, *m_wakeup, 3);
+    ASSERT_TRUE(waitForConnections(1));
+    const int opensBefore = m_board->openCount();
+    auto away = takeFrames(*m_device, observer, *m_wakeup, 45); // three quarters of a second
+    ASSERT_EQ(away.size(), 45u);
+    const int attempts = m_board->openCount() - opensBefore;
+    if (announced) {
+        EXPECT_EQ(attempts, 0) << "nothing was announced";
+    } else {
+        EXPECT_GE(attempts, 1);
+        EXPECT_LE(attempts, 3) << "looked for the board every frame";
+    }
+
+    m_board->replug();
+    for (int n = 0; n < 60 * 5 && (away.empty() || test::allZero(*away.back())); ++n) {
+        auto more = takeFrames(*m_device, observer, *m_wakeup, 1);
+        ASSERT_EQ(more.size(), 1u);
+        away.push_back(more.front());
+    }
+    frames.insert(frames.end(), away.begin(), away.end());
+    ASSERT_FALSE(test::allZero(*frames.back())) << "the board never came back";
+    for (size_t n = 1; n < frames.size(); ++n) {
+        EXPECT_GT(frames[n]->timestamp(), frames[n - 1]->timestamp()) << "frame " << n;
+    }
+    EXPECT_FALSE(test::allZero(*frames[2]));
+    EXPECT_TRUE(test::allZero(*frames[3])) << "the read that found the board gone";
+    EXPECT_EQ(log.count("Capture device disconnected"), 1u);
+    EXPECT_EQ(log.count("Capture device reconnected"), 1u);
+    EXPECT_EQ(log.lines().size(), 2u) << "nothing else while the board was away";
+    {
+        std::scoped_lock lock(mutex);
+        EXPECT_EQ(connections, (std::vector<bool>{false, true}));
+    }
+
+    // Gone again and stopped: a new start is the ordinary failure to find the board.
+    m_board->unplug();
+    ASSERT_TRUE(waitForConnections(3));
+    m_device->stopListening();
+    ASSERT_TRUE(DetachedThread::waitForAll(20s));
+    EXPECT_FALSE(m_device->startListening());
     EXPECT_EQ(log.count("Could not connect to capture device"), 1u);
 }
+
+INSTANTIATE_TEST_SUITE_P(Arrivals, ReconnectTest, ::testing::Bool(),
+                         [](const auto& info) { return info.param ? "Announced" : "LookedFor"; });
 
 TEST_F(CaptureDeviceTest, LogsTheAverageRateOnEvery300thFrameOnly) {
     m_device->setFramePeriod(0ns);
