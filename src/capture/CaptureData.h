@@ -11,6 +11,9 @@ class CaptureData {
 public:
     // The block is allocated but not cleared.
     explicit CaptureData(uint64_t size);
+    // A frame over a block that other frames share (the same black picture, say); it is never
+    // written.
+    CaptureData(std::shared_ptr<uint8_t[]> sharedBlock, uint64_t size);
     CaptureData(const CaptureData&) = delete;
     CaptureData& operator=(const CaptureData&) = delete;
 
@@ -26,7 +29,7 @@ public:
     std::shared_ptr<CaptureData> copy() const;
 
 private:
-    std::unique_ptr<uint8_t[]> m_data;
+    std::shared_ptr<uint8_t[]> m_data;
     uint64_t m_size;
     double m_timestamp = 0;
 };

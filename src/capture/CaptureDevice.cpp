@@ -200,12 +200,18 @@ CaptureDevice::Status CaptureDevice::receiveFrame(CaptureData& frame) {
 }
 
 void CaptureDevice::frameRequest() {
-    auto frame = CaptureData::create(raw::BlockBytes);
     const bool wasDisconnected = isDisconnected();
     bool vanished = false;
-    if (wasDisconnected || receiveFrame(*frame) != Complete) {
-        std::memset(frame->data(), 0, frame->size());
-        vanished = !wasDisconnected && m_lastRead == usb::ErrorNoDevice;
+    std::shared_ptr<CaptureData> frame;
+    if (wasDisconnected) {
+        // While the board is away every frame is the same black picture: one block serves them all.
+        frame = std::make_shared<CaptureData>(m_black, raw::BlockBytes);
+    } else {
+        frame = CaptureData::create(raw::BlockBytes);
+        if (receiveFrame(*frame) != Complete) {
+            std::memset(frame->data(), 0, frame->size());
+            vanished = m_lastRead == usb::ErrorNoDevice;
+        }
     }
 
     std::scoped_lock lock(m_lock);
@@ -227,6 +233,9 @@ void CaptureDevice::frameRequest() {
 void CaptureDevice::disconnected() {
     log("Capture device disconnected");
     m_board->close();
+    if (!m_black) {
+        m_black = std::make_shared<uint8_t[]>(raw::BlockBytes); // value-initialised: all zero
+    }
     m_announced = m_board->watchArrivals();
     const auto now = std::chrono::steady_clock::now();
     m_nextAttempt = now + ReconnectInterval;

@@ -97,6 +97,7 @@ private:
     // The device thread's own: the result of the last bulk read, and how it waits for a vanished
     // board (announced arrivals, or attempts at intervals).
     int m_lastRead = 0;
+    std::shared_ptr<uint8_t[]> m_black; // the one block every black frame of a disconnect shares
     bool m_announced = false;
     std::chrono::steady_clock::time_point m_nextAttempt;
     std::chrono::steady_clock::time_point m_retryUntil;

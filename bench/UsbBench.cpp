@@ -1,0 +1,212 @@
+// The real board path against the emulated board: how soon real frames come back after the board
+// is plugged in again, what the device thread costs while the board is away, and the pipeline's
+// processor time at 60 frames a second through libusb beside the replay board's in the same run.
+
+#include "BenchSupport.h"
+#include "EmulatedBoard.h"
+
+#include "base/Log.h"
+#include "capture/LibusbBoard.h"
+
+#include <condition_variable>
+#include <mutex>
+#include <unistd.h>
+
+namespace zandor {
+namespace {
+
+using namespace bench;
+
+// The emulated board showing the demo picture, and the device on it through libusb.
+class EmulatedPipeline {
+public:
+    EmulatedPipeline() {
+        std::string error;
+        m_board = EmulatedBoard::create(std::make_unique<DemoBoard>(), error);
+        if (!m_board) {
+            fail(error);
+        }
+        m_pipeline = std::make_unique<Pipeline>(CaptureDevice::DefaultFramePeriod, std::make_unique<LibusbBoard>());
+        m_pipeline->device().setConnectionObserver([this](bool connected) {
+            std::scoped_lock lock(m_mutex);
+            m_connected = connected;
+            m_changed.notify_all();
+        });
+    }
+    ~EmulatedPipeline() {
+        m_pipeline.reset(); // libusb's context ends before the testbed it looks at
+        m_board.reset();
+    }
+
+    void waitConnected(bool connected) {
+        std::unique_lock lock(m_mutex);
+        if (!m_changed.wait_for(lock, 20s, [&] { return m_connected == connected; })) {
+            fail(connected ? "the board did not come back" : "the device did not notice the unplug");
+        }
+    }
+
+    EmulatedBoard& board() { return *m_board; }
+    Pipeline& pipeline() { return *m_pipeline; }
+
+private:
+    std::unique_ptr<EmulatedBoard> m_board;
+    std::unique_ptr<Pipeline> m_pipeline;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_connected = true;
+};
+
+bool isBlack(const CaptureData& frame) {
+    return std::all_of(frame.data(), frame.data() + frame.size(), [](uint8_t byte) { return byte == 0; });
+}
+
+// Milliseconds from plugging the board in again to the first real frame the device publishes (as
+// the top screen's consumer receives it), over ten replugs.
+void BM_ReplugToFirstRealFrame(benchmark::State& state) {
+    LogCapture log;
+    for (auto _ : state) {
+        EmulatedPipeline emulated;
+        std::vector<double> delays;
+        for (int replug = 0; replug < 10; ++replug) {
+            emulated.board().unplug();
+            emulated.waitConnected(false);
+            // Let the black frames run a while, as after a real unplug.
+            emulated.pipeline().drainUntil(SteadyClock::now() + 300ms, [](unsigned, const CaptureData&) {});
+            const auto plugged = SteadyClock::now();
+            emulated.board().plug();
+            bool real = false;
+            SteadyClock::time_point arrived;
+            while (!real && SteadyClock::now() < plugged + 10s) {
+                emulated.pipeline().drainUntil(SteadyClock::now() + 1ms, [&](unsigned screen, const CaptureData& frame) {
+                    if (!real && screen == 1 && !isBlack(frame)) {
+                        real = true;
+                        arrived = SteadyClock::now();
+                    }
+                });
+            }
+            if (!real) {
+                fail("no real frame 10 s after the replug");
+            }
+            delays.push_back(std::chrono::duration<double, std::milli>(arrived - plugged).count());
+        }
+        std::sort(delays.begin(), delays.end());
+        state.counters["median_ms"] = percentile(delays, 0.5);
+        state.counters["worst_ms"] = delays.back();
+        state.counters["best_ms"] = delays.front();
+    }
+}
+BENCHMARK(BM_ReplugToFirstRealFrame)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+double threadPercent(const std::map<std::string, double>& start, const std::map<std::string, double>& end,
+                     const std::string& name, double wall) {
+    auto a = start.find(name), b = end.find(name);
+    return a == start.end() || b == end.end() ? 0 : 100 * (b->second - a->second) / wall;
+}
+
+// The device thread's processor time, in percent of one core, while the board is unplugged: it
+// publishes a black frame every 1/60 s and asks libusb, without waiting, whether the board is back.
+// Beside it the plain-copy floor of a connected board (the same bytes copied 60 times a second).
+void BM_UnpluggedDeviceThreadCpu(benchmark::State& state) {
+    LogCapture log;
+    for (auto _ : state) {
+        double unplugged = 0;
+        {
+            EmulatedPipeline emulated;
+            emulated.board().unplug();
+            emulated.waitConnected(false);
+            emulated.pipeline().drainUntil(SteadyClock::now() + WarmUp, [](unsigned, const CaptureData&) {});
+            const auto wallStart = SteadyClock::now();
+            const auto threadsStart = threadCpuSeconds();
+            emulated.pipeline().drainUntil(wallStart + 5s, [](unsigned, const CaptureData&) {});
+            const auto threadsEnd = threadCpuSeconds();
+            const double wall = std::chrono::duration<double>(SteadyClock::now() - wallStart).count();
+            unplugged = threadPercent(threadsStart, threadsEnd, "zandor-device", wall);
+            state.counters["device_unplugged_cpu_percent"] = unplugged;
+            state.counters["screens_unplugged_cpu_percent"] =
+                threadPercent(threadsStart, threadsEnd, "zandor-top", wall) +
+                threadPercent(threadsStart, threadsEnd, "zandor-bottom", wall);
+        }
+        const double memcpyPercent = memcpyAt60FpsPercent();
+        state.counters["memcpy_cpu_percent"] = memcpyPercent;
+        state.counters["unplugged_over_memcpy"] = unplugged / memcpyPercent;
+    }
+}
+BENCHMARK(BM_UnpluggedDeviceThreadCpu)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+struct PipelineCpu {
+    double ours = 0;     // device, screens and libusb's threads
+    double device = 0;   // of which the device thread
+    double emulator = 0; // the emulated board's own threads (umockdev's worker)
+    double fps = 0;
+};
+
+// Processor time over five seconds of a paced pipeline, by thread.
+PipelineCpu measure(Pipeline& pipeline) {
+    uint64_t frames = 0;
+    pipeline.drainUntil(SteadyClock::now() + WarmUp, [](unsigned, const CaptureData&) {});
+    const auto wallStart = SteadyClock::now();
+    const auto threadsStart = threadCpuSeconds();
+    pipeline.drainUntil(wallStart + 5s, [&](unsigned screen, const CaptureData&) { frames += screen; });
+    const auto threadsEnd = threadCpuSeconds();
+    const double wall = std::chrono::duration<double>(SteadyClock::now() - wallStart).count();
+    PipelineCpu cpu;
+    for (const auto& [name, seconds] : threadsEnd) {
+        const double percent = threadPercent(threadsStart, threadsEnd, name, wall);
+        if (name.rfind("zandor-", 0) == 0 || name.rfind("libusb", 0) == 0) {
+            cpu.ours += percent;
+        } else if (name.rfind("umockdev", 0) == 0 || name.rfind("gmain", 0) == 0 || name.rfind("pool", 0) == 0) {
+            cpu.emulator += percent;
+        }
+    }
+    cpu.device = threadPercent(threadsStart, threadsEnd, "zandor-device", wall);
+    cpu.fps = static_cast<double>(frames) / wall;
+    return cpu;
+}
+
+// The pipeline at 60 frames a second through libusb on the emulated board, then on the replay
+// board, in percent of one core. The device thread's figure on the emulated board includes the
+// preload library's work in its ioctls (each frame's bytes cross a socket from the emulator),
+// which a kernel does with far less; the emulator's own thread is counted apart.
+void BM_PipelineCpuEmulatedAndReplay(benchmark::State& state) {
+    LogCapture log;
+    for (auto _ : state) {
+        PipelineCpu emulatedCpu, replayCpu;
+        {
+            EmulatedPipeline emulated;
+            emulatedCpu = measure(emulated.pipeline());
+        }
+        {
+            Pipeline replay(CaptureDevice::DefaultFramePeriod);
+            replayCpu = measure(replay);
+        }
+        state.counters["emulated_ours_cpu_percent"] = emulatedCpu.ours;
+        state.counters["emulated_device_cpu_percent"] = emulatedCpu.device;
+        state.counters["emulator_cpu_percent"] = emulatedCpu.emulator;
+        state.counters["emulated_fps"] = emulatedCpu.fps;
+        state.counters["replay_ours_cpu_percent"] = replayCpu.ours;
+        state.counters["replay_device_cpu_percent"] = replayCpu.device;
+        state.counters["replay_fps"] = replayCpu.fps;
+        state.counters["emulated_over_replay"] = emulatedCpu.ours / replayCpu.ours;
+    }
+}
+BENCHMARK(BM_PipelineCpuEmulatedAndReplay)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+} // namespace
+} // namespace zandor
+
+int main(int argc, char** argv) {
+    // libusb must see the testbed's sysfs and device nodes: run under umockdev's preload library.
+    const char* preload = std::getenv("LD_PRELOAD");
+    if (!preload || !std::strstr(preload, "libumockdev-preload")) {
+        std::string value = std::string("libumockdev-preload.so.0") + (preload && *preload ? ":" : "") +
+                            (preload ? preload : "");
+        setenv("LD_PRELOAD", value.c_str(), 1);
+        execv("/proc/self/exe", argv);
+        std::perror("usb_bench: cannot start again under libumockdev-preload");
+        return 1;
+    }
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
