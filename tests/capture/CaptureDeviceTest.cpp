@@ -220,7 +220,7 @@ TEST_P(ReconnectTest, AVanishedBoardGivesBlackFramesUntilItIsBackAndIsLookedForW
     EXPECT_TRUE(test::allZero(*frames[3])) << "the read that found the board gone";
     EXPECT_EQ(log.count("Capture device disconnected"), 1u);
     EXPECT_EQ(log.count("Capture device reconnected"), 1u);
-    EXPECT_EQ(log.lines().size(), 2u) << "nothing else while the board was away";
+    EXPECT_EQ(log.countPrefix("Could not"), 0u) << "the attempts while the board was away fill the log";
     {
         std::scoped_lock lock(mutex);
         EXPECT_EQ(connections, (std::vector<bool>{false, true}));
