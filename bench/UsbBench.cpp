@@ -26,7 +26,8 @@ public:
         if (!m_board) {
             fail(error);
         }
-        m_pipeline = std::make_unique<Pipeline>(CaptureDevice::DefaultFramePeriod, std::make_unique<LibusbBoard>());
+        m_pipeline =
+            std::make_unique<Pipeline>(CaptureDevice::DefaultFramePeriod, std::make_unique<LibusbBoard>());
         m_pipeline->device().setConnectionObserver([this](bool connected) {
             std::scoped_lock lock(m_mutex);
             m_connected = connected;
@@ -77,12 +78,13 @@ void BM_ReplugToFirstRealFrame(benchmark::State& state) {
             bool real = false;
             SteadyClock::time_point arrived;
             while (!real && SteadyClock::now() < plugged + 10s) {
-                emulated.pipeline().drainUntil(SteadyClock::now() + 1ms, [&](unsigned screen, const CaptureData& frame) {
-                    if (!real && screen == 1 && !isBlack(frame)) {
-                        real = true;
-                        arrived = SteadyClock::now();
-                    }
-                });
+                emulated.pipeline().drainUntil(SteadyClock::now() + 1ms,
+                                               [&](unsigned screen, const CaptureData& frame) {
+                                                   if (!real && screen == 1 && !isBlack(frame)) {
+                                                       real = true;
+                                                       arrived = SteadyClock::now();
+                                                   }
+                                               });
             }
             if (!real) {
                 fail("no real frame 10 s after the replug");
@@ -154,7 +156,8 @@ PipelineCpu measure(Pipeline& pipeline) {
         const double percent = threadPercent(threadsStart, threadsEnd, name, wall);
         if (name.rfind("zandor-", 0) == 0 || name.rfind("libusb", 0) == 0) {
             cpu.ours += percent;
-        } else if (name.rfind("umockdev", 0) == 0 || name.rfind("gmain", 0) == 0 || name.rfind("pool", 0) == 0) {
+        } else if (name.rfind("umockdev", 0) == 0 || name.rfind("gmain", 0) == 0 ||
+                   name.rfind("pool", 0) == 0) {
             cpu.emulator += percent;
         }
     }

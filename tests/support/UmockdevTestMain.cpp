@@ -18,7 +18,8 @@ int main(int argc, char** argv) {
         setenv("LD_PRELOAD", value.c_str(), 1);
         // The sanitizers' runtime then no longer comes first; it works all the same.
         const char* asan = std::getenv("ASAN_OPTIONS");
-        std::string options = std::string(asan ? asan : "") + (asan && *asan ? ":" : "") + "verify_asan_link_order=0";
+        std::string options =
+            std::string(asan ? asan : "") + (asan && *asan ? ":" : "") + "verify_asan_link_order=0";
         setenv("ASAN_OPTIONS", options.c_str(), 1);
         execv("/proc/self/exe", argv);
         std::perror("cannot start again under libumockdev-preload");

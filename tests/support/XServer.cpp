@@ -64,10 +64,10 @@ XServer::~XServer() {
 }
 
 QImage XServer::screenshot() const {
-    const ProcessResult grab = runProcess({"ffmpeg", "-v", "error", "-f", "x11grab", "-video_size", "1280x1024",
-                                           "-i", m_display, "-frames:v", "1", "-f", "image2pipe", "-vcodec", "png",
-                                           "-"},
-                                          std::chrono::seconds(30));
+    const ProcessResult grab =
+        runProcess({"ffmpeg", "-v", "error", "-f", "x11grab", "-video_size", "1280x1024", "-i", m_display,
+                    "-frames:v", "1", "-f", "image2pipe", "-vcodec", "png", "-"},
+                   std::chrono::seconds(30));
     return QImage::fromData(QByteArray::fromStdString(grab.out), "PNG");
 }
 

@@ -31,7 +31,8 @@ using test::ProcessResult;
 
 const std::string Script = ZANDOR_SOURCE_DIR "/scripts/with-emulated-board";
 
-std::vector<std::string> withEmulatedBoard(std::vector<std::string> options, std::vector<std::string> command) {
+std::vector<std::string> withEmulatedBoard(std::vector<std::string> options,
+                                           std::vector<std::string> command) {
     options.insert(options.begin(), Script);
     options.push_back("--");
     options.insert(options.end(), command.begin(), command.end());
@@ -78,9 +79,9 @@ TEST_F(EmulatedBoardProgramsTest, DumpGivesTheFramesOfTheReplayFileByteForByte) 
     }
     std::ofstream(path("replay.raw"), std::ios::binary) << replay;
 
-    const ProcessResult run = test::runProcess(withEmulatedBoard(
-        {"--replay", path("replay.raw")},
-        {ZANDOR_CLI, "dump", "--board", "usb", "--frames", "10", "--out", path("dumped.raw")}));
+    const ProcessResult run = test::runProcess(
+        withEmulatedBoard({"--replay", path("replay.raw")}, {ZANDOR_CLI, "dump", "--board", "usb", "--frames",
+                                                             "10", "--out", path("dumped.raw")}));
     ASSERT_EQ(run.exitCode, 0) << run.err;
     const std::string dumped = readAll(path("dumped.raw"));
     ASSERT_EQ(dumped.size(), 10 * raw::FrameBytes);
@@ -91,11 +92,12 @@ TEST_F(EmulatedBoardProgramsTest, DumpGivesTheFramesOfTheReplayFileByteForByte) 
 
 TEST_F(EmulatedBoardProgramsTest, ARecordingGoesOnThroughAnUnplugWithBlackFramesInTheGap) {
     // The cable is pulled about two seconds in and plugged in again two seconds later.
-    const ProcessResult run = test::runProcess(
-        withEmulatedBoard({"--unplug-at-frame", "120", "--replug-after-ms", "2000"},
-                          {ZANDOR_CLI, "record", "--board", "usb", "--seconds", "8", "--layout", "Top", "--game-audio", "None",
-                           "--narrator-audio", "None", "--out", m_folder.path().toStdString()}),
-        120s);
+    const ProcessResult run =
+        test::runProcess(withEmulatedBoard({"--unplug-at-frame", "120", "--replug-after-ms", "2000"},
+                                           {ZANDOR_CLI, "record", "--board", "usb", "--seconds", "8",
+                                            "--layout", "Top", "--game-audio", "None", "--narrator-audio",
+                                            "None", "--out", m_folder.path().toStdString()}),
+                         120s);
     ASSERT_EQ(run.exitCode, 0) << run.err;
     const auto made = test::splitLines(run.out);
     ASSERT_EQ(made.size(), 1u) << run.out;
@@ -104,8 +106,8 @@ TEST_F(EmulatedBoardProgramsTest, ARecordingGoesOnThroughAnUnplugWithBlackFrames
     EXPECT_NE(run.err.find("Capture device reconnected\n"), std::string::npos) << run.err;
 
     // Each frame's mean brightness, as ffmpeg decodes the movie.
-    const std::string grey = test::runProcess({"ffmpeg", "-v", "error", "-i", made.front(), "-vf", "scale=8:8",
-                                               "-pix_fmt", "gray", "-f", "rawvideo", "-"})
+    const std::string grey = test::runProcess({"ffmpeg", "-v", "error", "-i", made.front(), "-vf",
+                                               "scale=8:8", "-pix_fmt", "gray", "-f", "rawvideo", "-"})
                                  .out;
     std::vector<bool> black;
     for (size_t frame = 0; frame + 64 <= grey.size(); frame += 64) {

@@ -136,7 +136,8 @@ TEST_P(LibusbFaultTest, AFailedReadGivesABlackStampedFrameAndTheNextFrameIsRealA
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, LibusbFaultTest,
-                         ::testing::Values(BoardFault::Timeout, BoardFault::ShortFrame, BoardFault::Stall), faultName);
+                         ::testing::Values(BoardFault::Timeout, BoardFault::ShortFrame, BoardFault::Stall),
+                         faultName);
 
 struct OpeningFailure {
     const char* name;
@@ -145,7 +146,9 @@ struct OpeningFailure {
     const char* line;
 };
 
-void PrintTo(const OpeningFailure& failure, std::ostream* out) { *out << failure.name; }
+void PrintTo(const OpeningFailure& failure, std::ostream* out) {
+    *out << failure.name;
+}
 
 class LibusbOpeningTest : public LibusbBoardTest, public ::testing::WithParamInterface<OpeningFailure> {};
 
@@ -161,13 +164,13 @@ TEST_P(LibusbOpeningTest, AFailingStepLogsItsLineAndStartsNothing) {
 
 INSTANTIATE_TEST_SUITE_P(
     Steps, LibusbOpeningTest,
-    ::testing::Values(
-        OpeningFailure{"NoBoard", [](EmulatedBoard& board) { board.unplug(); }, CaptureDevice::Failure::NoBoard,
-                       "Could not connect to capture device"},
-        OpeningFailure{"Configuration", [](EmulatedBoard& board) { board.refuseConfiguration(true); },
-                       CaptureDevice::Failure::Configuration, "Could not configure capture device"},
-        OpeningFailure{"Claim", [](EmulatedBoard& board) { board.refuseClaim(true); },
-                       CaptureDevice::Failure::Claim, "Could not claim capture interface"}),
+    ::testing::Values(OpeningFailure{"NoBoard", [](EmulatedBoard& board) { board.unplug(); },
+                                     CaptureDevice::Failure::NoBoard, "Could not connect to capture device"},
+                      OpeningFailure{
+                          "Configuration", [](EmulatedBoard& board) { board.refuseConfiguration(true); },
+                          CaptureDevice::Failure::Configuration, "Could not configure capture device"},
+                      OpeningFailure{"Claim", [](EmulatedBoard& board) { board.refuseClaim(true); },
+                                     CaptureDevice::Failure::Claim, "Could not claim capture interface"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(LibusbBoardTest, AnInterfaceHeldByAnotherProgramIsNamedAsTheReason) {
@@ -189,9 +192,10 @@ TEST_F(LibusbBoardTest, AnInterfaceHeldByAnotherProgramIsNamedAsTheReason) {
     ASSERT_TRUE(claimed) << "the other program never read the board";
     EXPECT_FALSE(started);
     EXPECT_EQ(m_board->busyClaims(), 1);
-    EXPECT_EQ(m_log.lines(), (std::vector<std::string>{"Could not claim capture interface",
-                                                       "Another program is using the capture board: close it, "
-                                                       "then try again"}));
+    EXPECT_EQ(m_log.lines(),
+              (std::vector<std::string>{"Could not claim capture interface",
+                                        "Another program is using the capture board: close it, "
+                                        "then try again"}));
 }
 
 TEST_F(LibusbBoardTest, AnUnpluggedBoardGivesBlackFramesUntilItIsBackAtItsNewNodeWithinTheSameRun) {
@@ -242,11 +246,13 @@ TEST_F(LibusbBoardTest, ANodeWeMayNotOpenNamesTheUdevRule) {
     m_board->setNodeMode(0);
     QTemporaryDir folder;
     ASSERT_EQ(chmod(qPrintable(folder.path()), 0777), 0);
-    std::vector<std::string> command{ZANDOR_CLI, "dump", "--board", "usb", "--frames", "1",
-                                     "--out", folder.filePath("frames.raw").toStdString()};
+    std::vector<std::string> command{
+        ZANDOR_CLI, "dump", "--board", "usb",
+        "--frames", "1",    "--out",   folder.filePath("frames.raw").toStdString()};
     if (geteuid() == 0) {
         // Root opens any node: the program runs as an unprivileged user, as a user would.
-        command.insert(command.begin(), {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--"});
+        command.insert(command.begin(),
+                       {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--"});
     }
     auto result = test::runProcess(command);
     EXPECT_NE(result.exitCode, 0);

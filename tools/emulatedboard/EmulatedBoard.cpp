@@ -30,15 +30,37 @@ constexpr const char* SysPath = "/sys/devices/pci0000:00/0000:00:14.0/usb1/1-2";
 
 // Device, configuration, interface and endpoint descriptors as the kernel shows them in sysfs:
 // one configuration, interface 0 of the vendor class, bulk IN endpoint 0x82 with 512-byte packets.
-constexpr const char* Descriptors = "12010002000000" "40d016a3060001" "000000" "01" // USB 2.0, 64-byte control packets
-                                    "09021900010100" "8032"                       // configuration 1: 25 bytes
-                                    "09040000" "01ff000000"                       // interface 0: vendor class
-                                    "07058202000200";                              // bulk IN 0x82, 512 bytes
+constexpr const char* Descriptors = "12010002000000"
+                                    "40d016a3060001"
+                                    "000000"
+                                    "01" // USB 2.0, 64-byte control packets
+                                    "09021900010100"
+                                    "8032" // configuration 1: 25 bytes
+                                    "09040000"
+                                    "01ff000000"      // interface 0: vendor class
+                                    "07058202000200"; // bulk IN 0x82, 512 bytes
 
 // The usbfs capabilities of a current kernel on an xHCI controller: a bulk read of any length goes
 // out as one URB.
-constexpr uint32_t Capabilities = USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_BULK_CONTINUATION | USBDEVFS_CAP_BULK_SCATTER_GATHER |
-                                  USBDEVFS_CAP_NO_PACKET_SIZE_LIM | USBDEVFS_CAP_REAP_AFTER_DISCONNECT;
+constexpr uint32_t Capabilities = USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_BULK_CONTINUATION |
+                                  USBDEVFS_CAP_BULK_SCATTER_GATHER | USBDEVFS_CAP_NO_PACKET_SIZE_LIM |
+                                  USBDEVFS_CAP_REAP_AFTER_DISCONNECT;
+
+// The device as umockdev-record would describe it: sysfs attributes, udev properties, descriptors.
+std::string deviceDescription(int deviceNumber) {
+    char text[1024];
+    std::snprintf(text, sizeof text,
+                  "P: %s\n"
+                  "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\nE: DRIVER=usb\nE: PRODUCT=16d0/6a3/100\n"
+                  "E: BUSNUM=%03d\nE: DEVNUM=%03d\nE: DEVNAME=/dev/bus/usb/%03d/%03d\n"
+                  "A: idVendor=16d0\\n\nA: idProduct=06a3\\n\nA: busnum=%d\\n\nA: devnum=%d\\n\n"
+                  "A: bConfigurationValue=1\\n\nA: bNumConfigurations=1\\n\nA: speed=480\\n\n"
+                  "A: manufacturer=Zandor\\n\nA: product=Capture board (emulated)\\n\n"
+                  "H: descriptors=%s\n",
+                  SysPath + 4, BusNumber, deviceNumber, BusNumber, deviceNumber, BusNumber, deviceNumber,
+                  Descriptors);
+    return text;
+}
 
 int errnoOf(int usbResult) {
     switch (usbResult) {
@@ -95,7 +117,8 @@ struct EmulatedBoard::Client {
     }
 };
 
-std::unique_ptr<EmulatedBoard> EmulatedBoard::create(std::unique_ptr<SimulatedBoard> model, std::string& error) {
+std::unique_ptr<EmulatedBoard> EmulatedBoard::create(std::unique_ptr<SimulatedBoard> model,
+                                                     std::string& error) {
     std::unique_ptr<EmulatedBoard> board(new EmulatedBoard);
     board->m_model = std::move(model);
     board->m_model->openDeviceWithVidPid(raw::VendorId, raw::ProductId);
@@ -152,35 +175,15 @@ void EmulatedBoard::unplug() {
     }
 }
 
-bool EmulatedBoard::isPlugged() {
-    std::scoped_lock lock(m_mutex);
-    return m_plugged;
-}
-
 void EmulatedBoard::unplugAtRequest(uint64_t request, std::chrono::milliseconds replugAfter) {
     std::scoped_lock lock(m_mutex);
     m_unplugAt = request;
     m_replugAfter = replugAfter;
 }
 
-bool EmulatedBoard::waitForUnplugs(int times, std::chrono::milliseconds timeout) {
-    std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, timeout, [&] { return m_unplugs >= times; });
-}
-
-bool EmulatedBoard::waitForPlugs(int times, std::chrono::milliseconds timeout) {
-    std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, timeout, [&] { return m_plugs >= times; });
-}
-
 bool EmulatedBoard::waitForFrameRequests(uint64_t count, std::chrono::milliseconds timeout) {
     std::unique_lock lock(m_mutex);
     return m_changed.wait_for(lock, timeout, [&] { return m_frameRequests >= count; });
-}
-
-void EmulatedBoard::setPlugObserver(std::function<void()> observer) {
-    std::scoped_lock lock(m_mutex);
-    m_plugObserver = std::move(observer);
 }
 
 void EmulatedBoard::refuseConfiguration(bool refuse) {
@@ -208,8 +211,8 @@ std::string EmulatedBoard::deviceNode() {
 
 std::vector<std::string> EmulatedBoard::childEnvironment() const {
     std::string preload = "libumockdev-preload.so.0";
-    if (const char* existing = std::getenv("LD_PRELOAD"); existing && *existing &&
-                                                          std::strstr(existing, "libumockdev-preload") == nullptr) {
+    if (const char* existing = std::getenv("LD_PRELOAD");
+        existing && *existing && std::strstr(existing, "libumockdev-preload") == nullptr) {
         preload += std::string(":") + existing;
     } else if (existing && *existing) {
         preload = existing;
@@ -243,14 +246,14 @@ void EmulatedBoard::plugLocked() {
     char node[32];
     std::snprintf(node, sizeof node, "/dev/bus/usb/%03d/%03d", BusNumber, m_deviceNumber);
     m_node = node;
-    m_syspath = SysPath;
     m_frameRequests = 0;
 
     // The ioctl handler and the node exist before the "add" uevent goes out, so a program that
     // opens the board as soon as it hears of it finds both.
     GError* error = nullptr;
     if (!umockdev_testbed_attach_ioctl(m_testbed, node, m_handler, &error)) {
-        std::fprintf(stderr, "emulated board: could not attach to %s: %s\n", node, error ? error->message : "?");
+        std::fprintf(stderr, "emulated board: could not attach to %s: %s\n", node,
+                     error ? error->message : "?");
         g_clear_error(&error);
     }
     // The socket that carries the ioctls stands for the kernel, which every user reaches; who may
@@ -263,31 +266,17 @@ void EmulatedBoard::plugLocked() {
     }
     chmod(file.c_str(), m_nodeMode);
 
-    std::string bus = std::to_string(BusNumber);
-    std::string dev = std::to_string(m_deviceNumber);
-    char busDev[16];
-    std::snprintf(busDev, sizeof busDev, "%03d/%03d", BusNumber, m_deviceNumber);
-    std::string description = std::string("P: ") + (SysPath + 4) + "\n" + "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\nE: DRIVER=usb\n" +
-                  "E: PRODUCT=16d0/6a3/100\n" + "E: BUSNUM=" + std::string(busDev, 3) + "\n" +
-                  "E: DEVNUM=" + std::string(busDev + 4) + "\n" + "E: DEVNAME=" + m_node + "\n" +
-                  "A: idVendor=16d0\\n\n" + "A: idProduct=06a3\\n\n" + "A: busnum=" + bus + "\\n\n" +
-                  "A: devnum=" + dev + "\\n\n" + "A: bConfigurationValue=1\\n\n" + "A: bNumConfigurations=1\\n\n" +
-                  "A: speed=480\\n\n" + "A: manufacturer=Zandor\\n\n" + "A: product=Capture board (emulated)\\n\n" +
-                  "H: descriptors=" + Descriptors + "\n";
+    const std::string description = deviceDescription(m_deviceNumber);
     if (!umockdev_testbed_add_from_string(m_testbed, description.c_str(), &error)) {
         std::fprintf(stderr, "emulated board: could not add the device: %s\n", error ? error->message : "?");
         g_clear_error(&error);
     }
     m_model->openDeviceWithVidPid(raw::VendorId, raw::ProductId);
     m_plugged = true;
-    ++m_plugs;
     if (m_trace) {
         std::fprintf(stderr, "emulated board: plugged in at %s\n", node);
     }
     m_changed.notify_all();
-    if (m_plugObserver) {
-        m_plugObserver();
-    }
 }
 
 // Called with m_mutex held.
@@ -302,9 +291,8 @@ void EmulatedBoard::unplugLocked() {
         state->inFlight.clear();
         state->claimed = false;
     }
-    umockdev_testbed_uevent(m_testbed, m_syspath.c_str(), "remove");
-    umockdev_testbed_remove_device(m_testbed, m_syspath.c_str());
-    ++m_unplugs;
+    umockdev_testbed_uevent(m_testbed, SysPath, "remove");
+    umockdev_testbed_remove_device(m_testbed, SysPath);
     if (m_replugAfter.count() >= 0) {
         m_replugAt = std::chrono::steady_clock::now() + m_replugAfter;
     }
@@ -339,13 +327,15 @@ bool EmulatedBoard::handle(UMockdevIoctlClient* client) {
     const unsigned long request = umockdev_ioctl_client_get_request(client);
     UMockdevIoctlData* arg = umockdev_ioctl_client_get_arg(client);
     if (m_trace) {
-        std::fprintf(stderr, "emulated board: %s ioctl 0x%lx\n", umockdev_ioctl_client_get_devnode(client), request);
+        std::fprintf(stderr, "emulated board: %s ioctl 0x%lx\n", umockdev_ioctl_client_get_devnode(client),
+                     request);
     }
 
     auto found = m_clients.find(client);
     if (found == m_clients.end()) {
         // A new open file of the node; files closed since are forgotten with their URBs and claims.
-        std::erase_if(m_clients, [](const auto& entry) { return !umockdev_ioctl_client_get_connected(entry.first); });
+        std::erase_if(m_clients,
+                      [](const auto& entry) { return !umockdev_ioctl_client_get_connected(entry.first); });
         auto state = std::make_unique<Client>();
         state->client = static_cast<UMockdevIoctlClient*>(g_object_ref(client));
         state->node = umockdev_ioctl_client_get_devnode(client);
@@ -504,7 +494,8 @@ void EmulatedBoard::submit(UMockdevIoctlClient* client, Client& state, UMockdevI
         pending.actualLength = result < 0 ? 0 : result;
     } else if (urb->type == USBDEVFS_URB_TYPE_BULK && buffer) {
         int transferred = 0;
-        int result = m_model->bulkTransfer(urb->endpoint, buffer, urb->buffer_length, &transferred, raw::BulkTimeoutMs);
+        int result = m_model->bulkTransfer(urb->endpoint, buffer, urb->buffer_length, &transferred,
+                                           raw::BulkTimeoutMs);
         pending.actualLength = transferred;
         if (result == usb::ErrorTimeout) {
             // The board says no more; the URB stays in flight until libusb gives up on it.

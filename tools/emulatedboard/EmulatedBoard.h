@@ -3,7 +3,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -50,17 +49,12 @@ public:
 
     void plug();
     void unplug();
-    bool isPlugged();
     // Unplugs when the board receives frame start request number `request` (0 is the first one
     // after plugging in), and plugs in again `replugAfter` later unless that is negative.
-    void unplugAtRequest(uint64_t request, std::chrono::milliseconds replugAfter = std::chrono::milliseconds(-1));
-    // Waits until the board has been unplugged (or plugged in) `times` times since it started.
-    bool waitForUnplugs(int times, std::chrono::milliseconds timeout);
-    bool waitForPlugs(int times, std::chrono::milliseconds timeout);
+    void unplugAtRequest(uint64_t request,
+                         std::chrono::milliseconds replugAfter = std::chrono::milliseconds(-1));
     // Waits until the board has received `count` frame start requests since it was last plugged in.
     bool waitForFrameRequests(uint64_t count, std::chrono::milliseconds timeout);
-    // Called on umockdev's thread, or the caller's, whenever the board is plugged in.
-    void setPlugObserver(std::function<void()> observer);
 
     // Makes the board refuse to be configured, or its interface to be claimed (with EIO).
     void refuseConfiguration(bool refuse);
@@ -107,13 +101,10 @@ private:
     std::condition_variable m_changed;
     bool m_plugged = false;
     int m_deviceNumber = 1;
-    int m_plugs = 0;
-    int m_unplugs = 0;
     unsigned m_nodeMode = 0600;
     bool m_refuseConfiguration = false;
     bool m_refuseClaim = false;
-    std::string m_node;    // /dev/bus/usb/001/DDD while plugged
-    std::string m_syspath; // /sys/devices/... while plugged
+    std::string m_node; // /dev/bus/usb/001/DDD while plugged
     std::map<UMockdevIoctlClient*, std::unique_ptr<Client>> m_clients;
     std::vector<Setup> m_setups;
     uint64_t m_frameRequests = 0;
@@ -122,7 +113,6 @@ private:
     uint64_t m_unplugAt = UINT64_MAX;
     std::chrono::milliseconds m_replugAfter{-1};
     std::chrono::steady_clock::time_point m_replugAt = std::chrono::steady_clock::time_point::max();
-    std::function<void()> m_plugObserver;
     bool m_stopping = false;
     std::thread m_timer; // plugs the board in again when an unplug asked for it
 };
