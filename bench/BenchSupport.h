@@ -16,6 +16,7 @@
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -102,9 +103,15 @@ struct Usage {
     }
 };
 
-// Processor time of each thread of this process by name, from the scheduler's own account.
-inline std::map<std::string, double> threadCpuSeconds() {
-    std::map<std::string, double> seconds;
+struct ThreadTime {
+    std::string name;
+    bool main; // the process's first thread
+    double seconds;
+};
+
+// Processor time of each thread of this process, by thread id, from the scheduler's own account.
+inline std::map<long, ThreadTime> threadTimes() {
+    std::map<long, ThreadTime> times;
     std::error_code error;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", error)) {
         std::ifstream commFile(task.path() / "comm");
@@ -112,8 +119,18 @@ inline std::map<std::string, double> threadCpuSeconds() {
         std::string name;
         double runNanoseconds = 0;
         if (std::getline(commFile, name) && schedstat >> runNanoseconds) {
-            seconds[name] += runNanoseconds * 1e-9;
+            const long id = std::stol(task.path().filename().string());
+            times[id] = {name, id == static_cast<long>(getpid()), runNanoseconds * 1e-9};
         }
+    }
+    return times;
+}
+
+// The same summed by thread name.
+inline std::map<std::string, double> threadCpuSeconds() {
+    std::map<std::string, double> seconds;
+    for (const auto& [id, time] : threadTimes()) {
+        seconds[time.name] += time.seconds;
     }
     return seconds;
 }

@@ -142,26 +142,29 @@ struct PipelineCpu {
     double fps = 0;
 };
 
-// Processor time over five seconds of a paced pipeline, by thread.
+// Processor time over five seconds of a paced pipeline, by thread: the pipeline's and libusb's are
+// ours; the emulator's (umockdev's worker and GLib's) are all the others but the consumer's.
 PipelineCpu measure(Pipeline& pipeline) {
     uint64_t frames = 0;
     pipeline.drainUntil(SteadyClock::now() + WarmUp, [](unsigned, const CaptureData&) {});
     const auto wallStart = SteadyClock::now();
-    const auto threadsStart = threadCpuSeconds();
+    const auto start = threadTimes();
     pipeline.drainUntil(wallStart + 5s, [&](unsigned screen, const CaptureData&) { frames += screen; });
-    const auto threadsEnd = threadCpuSeconds();
+    const auto end = threadTimes();
     const double wall = std::chrono::duration<double>(SteadyClock::now() - wallStart).count();
     PipelineCpu cpu;
-    for (const auto& [name, seconds] : threadsEnd) {
-        const double percent = threadPercent(threadsStart, threadsEnd, name, wall);
-        if (name.rfind("zandor-", 0) == 0 || name.rfind("libusb", 0) == 0) {
+    for (const auto& [id, time] : end) {
+        const auto before = start.find(id);
+        const double percent = 100 * (time.seconds - (before == start.end() ? 0 : before->second.seconds)) / wall;
+        if (time.name.rfind("zandor-", 0) == 0 || time.name.rfind("libusb", 0) == 0) {
             cpu.ours += percent;
-        } else if (name.rfind("umockdev", 0) == 0 || name.rfind("gmain", 0) == 0 ||
-                   name.rfind("pool", 0) == 0) {
+            if (time.name == "zandor-device") {
+                cpu.device += percent;
+            }
+        } else if (!time.main) {
             cpu.emulator += percent;
         }
     }
-    cpu.device = threadPercent(threadsStart, threadsEnd, "zandor-device", wall);
     cpu.fps = static_cast<double>(frames) / wall;
     return cpu;
 }
@@ -204,7 +207,10 @@ int main(int argc, char** argv) {
         std::string value = std::string("libumockdev-preload.so.0") + (preload && *preload ? ":" : "") +
                             (preload ? preload : "");
         setenv("LD_PRELOAD", value.c_str(), 1);
-        execv("/proc/self/exe", argv);
+        char self[4096];
+        const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+        self[length > 0 ? length : 0] = '\0';
+        execv(self, argv); // by its own name, which the process and its threads keep
         std::perror("usb_bench: cannot start again under libumockdev-preload");
         return 1;
     }

@@ -21,7 +21,10 @@ int main(int argc, char** argv) {
         std::string options =
             std::string(asan ? asan : "") + (asan && *asan ? ":" : "") + "verify_asan_link_order=0";
         setenv("ASAN_OPTIONS", options.c_str(), 1);
-        execv("/proc/self/exe", argv);
+        char self[4096];
+        const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+        self[length > 0 ? length : 0] = '\0';
+        execv(self, argv); // by its own name, which the process and its threads keep
         std::perror("cannot start again under libumockdev-preload");
         return 1;
     }

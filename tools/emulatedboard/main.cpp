@@ -48,7 +48,10 @@ int main(int argc, char** argv) {
         std::string preload = std::string("libumockdev-preload.so.0") + (existing && *existing ? ":" : "") +
                               (existing ? existing : "");
         setenv("LD_PRELOAD", preload.c_str(), 1);
-        execv("/proc/self/exe", argv);
+        char self[4096];
+        const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+        self[length > 0 ? length : 0] = '\0';
+        execv(self, argv); // by its own name, which the process and its threads keep
         std::perror("with-emulated-board: cannot load umockdev");
         return 2;
     }
