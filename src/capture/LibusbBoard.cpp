@@ -164,8 +164,9 @@ bool LibusbBoard::watchArrivals() {
         return false;
     }
     m_arrived = false;
+    // With ENUMERATE a board that came back before we started watching is announced at once.
     int result = libusb_hotplug_register_callback(
-        nullptr, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED, LIBUSB_HOTPLUG_NO_FLAGS, m_vendorId, m_productId,
+        nullptr, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED, LIBUSB_HOTPLUG_ENUMERATE, m_vendorId, m_productId,
         LIBUSB_HOTPLUG_MATCH_ANY,
         [](libusb_context* context, libusb_device* device, libusb_hotplug_event event, void* self) {
             return hotplugArrived(context, device, static_cast<int>(event), self);
