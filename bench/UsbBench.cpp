@@ -10,7 +10,6 @@
 
 #include <condition_variable>
 #include <mutex>
-#include <unistd.h>
 
 namespace zandor {
 namespace {
@@ -155,7 +154,8 @@ PipelineCpu measure(Pipeline& pipeline) {
     PipelineCpu cpu;
     for (const auto& [id, time] : end) {
         const auto before = start.find(id);
-        const double percent = 100 * (time.seconds - (before == start.end() ? 0 : before->second.seconds)) / wall;
+        const double percent =
+            100 * (time.seconds - (before == start.end() ? 0 : before->second.seconds)) / wall;
         if (time.name.rfind("zandor-", 0) == 0 || time.name.rfind("libusb", 0) == 0) {
             cpu.ours += percent;
             if (time.name == "zandor-device") {
@@ -201,17 +201,8 @@ BENCHMARK(BM_PipelineCpuEmulatedAndReplay)->Iterations(1)->Unit(benchmark::kMill
 } // namespace zandor
 
 int main(int argc, char** argv) {
-    // libusb must see the testbed's sysfs and device nodes: run under umockdev's preload library.
-    const char* preload = std::getenv("LD_PRELOAD");
-    if (!preload || !std::strstr(preload, "libumockdev-preload")) {
-        std::string value = std::string("libumockdev-preload.so.0") + (preload && *preload ? ":" : "") +
-                            (preload ? preload : "");
-        setenv("LD_PRELOAD", value.c_str(), 1);
-        char self[4096];
-        const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
-        self[length > 0 ? length : 0] = '\0';
-        execv(self, argv); // by its own name, which the process and its threads keep
-        std::perror("usb_bench: cannot start again under libumockdev-preload");
+    if (const std::string error = zandor::EmulatedBoard::runUnderPreload(argv); !error.empty()) {
+        std::fprintf(stderr, "usb_bench: %s\n", error.c_str());
         return 1;
     }
     benchmark::Initialize(&argc, argv);

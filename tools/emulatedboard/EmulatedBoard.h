@@ -40,6 +40,12 @@ public:
         uint16_t length;
     };
 
+    // A program that makes the board in its own process must run under umockdev's preload library
+    // (libusb there, and umockdev's uevent sender, must see the testbed). Called first thing in
+    // main(): starts the program again with the library when it was not loaded; returns only when
+    // it was, or with a reason when starting again failed.
+    static std::string runUnderPreload(char** argv);
+
     // Starts the testbed with the board plugged in. Null with a one-line reason when umockdev
     // cannot start.
     static std::unique_ptr<EmulatedBoard> create(std::unique_ptr<SimulatedBoard> model, std::string& error);

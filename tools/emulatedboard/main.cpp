@@ -43,16 +43,8 @@ bool number(const char* text, long long& value) {
 int main(int argc, char** argv) {
     // umockdev sends uevents through libudev, which must see the testbed's sysfs as the programs
     // do: this program runs under the preload library too.
-    const char* existing = std::getenv("LD_PRELOAD");
-    if (!existing || !std::strstr(existing, "libumockdev-preload")) {
-        std::string preload = std::string("libumockdev-preload.so.0") + (existing && *existing ? ":" : "") +
-                              (existing ? existing : "");
-        setenv("LD_PRELOAD", preload.c_str(), 1);
-        char self[4096];
-        const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
-        self[length > 0 ? length : 0] = '\0';
-        execv(self, argv); // by its own name, which the process and its threads keep
-        std::perror("with-emulated-board: cannot load umockdev");
+    if (const std::string error = zandor::EmulatedBoard::runUnderPreload(argv); !error.empty()) {
+        std::fprintf(stderr, "with-emulated-board: %s\n", error.c_str());
         return 2;
     }
     std::string replay;
