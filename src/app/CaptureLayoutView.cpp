@@ -6,6 +6,7 @@
 #include <QPaintEngine>
 #include <QPointer>
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -37,6 +38,21 @@ void CaptureLayoutView::stopListening() { m_feeder->stopListening(); }
 
 bool CaptureLayoutView::isListening() const { return m_feeder->isListening(); }
 
+void CaptureLayoutView::setNoSignal(bool noSignal) {
+    if (noSignal != m_noSignal) {
+        m_noSignal = noSignal;
+        update();
+    }
+}
+
+void CaptureLayoutView::drawNoSignal(QPainter& painter) {
+    QFont font = painter.font();
+    font.setPixelSize(std::clamp(height() / 24, 12, 48));
+    painter.setFont(font);
+    painter.setPen(QColor(0xe0, 0xe0, 0xe0));
+    painter.drawText(rect(), Qt::AlignCenter, NoSignalText);
+}
+
 void CaptureLayoutView::paintEvent(QPaintEvent*) {
     QPainter painter(this);
     const qreal ratio = devicePixelRatioF();
@@ -46,6 +62,9 @@ void CaptureLayoutView::paintEvent(QPaintEvent*) {
     LayoutPtr layout = m_feeder->layout();
     if (!frame || !layout || frame->size() < layout->size() || pixels.isEmpty()) {
         painter.fillRect(rect(), Qt::black);
+        if (m_noSignal) {
+            drawNoSignal(painter);
+        }
         return;
     }
     // The frame's bytes are read in place, under the feeder's lock. Where the window's backing
@@ -54,14 +73,17 @@ void CaptureLayoutView::paintEvent(QPaintEvent*) {
     const int width = static_cast<int>(layout->width()), height = static_cast<int>(layout->height());
     if (QImage* store = backingStoreImage(painter, pixels)) {
         scaleNearest(frame->data(), width, height, *store);
-        return;
+    } else {
+        if (m_scaled.size() != pixels) {
+            m_scaled = QImage(pixels, QImage::Format_RGB32);
+            m_scaled.setDevicePixelRatio(ratio);
+        }
+        scaleNearest(frame->data(), width, height, m_scaled);
+        painter.drawImage(QPoint(0, 0), m_scaled);
     }
-    if (m_scaled.size() != pixels) {
-        m_scaled = QImage(pixels, QImage::Format_RGB32);
-        m_scaled.setDevicePixelRatio(ratio);
+    if (m_noSignal) {
+        drawNoSignal(painter);
     }
-    scaleNearest(frame->data(), width, height, m_scaled);
-    painter.drawImage(QPoint(0, 0), m_scaled);
 }
 
 QImage* CaptureLayoutView::backingStoreImage(QPainter& painter, QSize pixels) {

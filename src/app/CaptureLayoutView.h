@@ -30,6 +30,11 @@ public:
     void stopListening();
     bool isListening() const;
 
+    // While the board is away the picture is black; this puts one centred line over it saying so.
+    void setNoSignal(bool noSignal);
+    bool showsNoSignal() const { return m_noSignal; }
+    static inline const QString NoSignalText = QStringLiteral("No signal: capture board disconnected");
+
     // Scales a frame of rows of red, green and blue bytes by nearest neighbour into `target`
     // (Format_RGB32): target pixel (X, Y) shows the source pixel under its centre,
     // ((2X + 1) * width / (2 * target width), (2Y + 1) * height / (2 * target height)).
@@ -45,10 +50,12 @@ protected:
 private:
     // Our part of the window's backing store as an image to write into, when it can be reached.
     QImage* backingStoreImage(QPainter& painter, QSize pixels);
+    void drawNoSignal(QPainter& painter);
 
     std::shared_ptr<LayoutViewFeeder> m_feeder;
     QImage m_scaled;    // reused from one draw to the next
     QImage m_storeView; // over the backing store's pixels, for one draw
+    bool m_noSignal = false;
 };
 
 } // namespace zandor

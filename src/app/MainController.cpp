@@ -85,6 +85,22 @@ MainController::MainController(std::unique_ptr<UsbBoard> board) {
     m_device = CaptureDevice::create(std::move(board));
 }
 
+// The device tells of its board leaving and coming back on its own thread; the layout view hears
+// of it on the GUI thread.
+void MainController::observeConnection() {
+    QPointer<CaptureLayoutView> view(layoutView());
+    m_device->setConnectionObserver([view](bool connected) {
+        QMetaObject::invokeMethod(
+            view,
+            [view, connected] {
+                if (view) {
+                    view->setNoSignal(!connected);
+                }
+            },
+            Qt::QueuedConnection);
+    });
+}
+
 MainController::~MainController() {
     if (g_instance == this) {
         g_instance = nullptr;
@@ -108,6 +124,7 @@ void MainController::awakeFromNib() {
     PreferencesController::instance();
     PluginController::instance();
     LayoutController::instance().setDevice(m_device);
+    observeConnection();
 
     QStringList screenNames;
     for (const QScreen* screen : QGuiApplication::screens()) {
@@ -288,6 +305,7 @@ void MainController::playPauseAction() {
     if (m_device->isListening()) {
         m_device->stopListening();
         layoutView()->stopListening();
+        layoutView()->setNoSignal(false); // a paused picture says nothing of the board
         if (m_activeLayout) {
             m_activeLayout->stopListening();
         }
@@ -296,10 +314,18 @@ void MainController::playPauseAction() {
         return;
     }
     if (!m_device->startListening()) {
+        // A board that is there but not ours to open needs the udev rule, not a cable.
+        const QString details =
+            m_device->failure() == CaptureDevice::Failure::NoPermission
+                ? QStringLiteral("Zandor may not open the capture board's USB device. Install the udev rule "
+                                 "70-zandor-capture.rules, then plug the board in again:\n"
+                                 "sudo cp resources/udev/70-zandor-capture.rules /etc/udev/rules.d/\n"
+                                 "sudo udevadm control --reload-rules")
+                : QString();
         displayMessage(QStringLiteral("Could not connect to device."),
                        QStringLiteral("It was not possible to connect to the capture device. Please insert the cable "
                                       "or check whether it is inserted correctly."),
-                       0);
+                       0, {}, details);
         return;
     }
     layoutView()->startListening();
@@ -421,12 +447,16 @@ void MainController::hideStatus() {
     m_statusWindow->hide();
 }
 
-void MainController::displayMessage(const QString& title, const QString& text, int style, const QString& image) {
+void MainController::displayMessage(const QString& title, const QString& text, int style, const QString& image,
+                                    const QString& details) {
     const QMessageBox::Icon kind = style == 2   ? QMessageBox::Critical
                                    : style == 1 ? QMessageBox::Information
                                                 : QMessageBox::Warning;
     auto* alert = new QMessageBox(kind, QStringLiteral("Zandor"), title, QMessageBox::Ok, m_mainWindow.get());
     alert->setInformativeText(text);
+    if (!details.isEmpty()) {
+        alert->setDetailedText(details);
+    }
     if (!image.isEmpty()) {
         alert->setIconPixmap(icon(image).pixmap(64, 64));
     }
@@ -590,6 +620,7 @@ void MainController::shutdown() {
         // A recording being finalised: its files are finished before the application goes.
         m_videoRecorder->waitUntilFinished(std::chrono::minutes(30));
     }
+    m_device->setConnectionObserver(nullptr);
     m_device->stopListening();
     layoutView()->stopListening();
     if (m_activeLayout) {

@@ -78,7 +78,9 @@ public:
     void hideStatus();
     // A window-modal alert that does not wait: style 0 warning, 1 information, 2 critical; the
     // image is a toolbar image's name, or empty for the standard one.
-    void displayMessage(const QString& title, const QString& text, int style, const QString& image = {});
+    // `details`, when given, are shown behind the alert's details button.
+    void displayMessage(const QString& title, const QString& text, int style, const QString& image = {},
+                        const QString& details = {});
 
     // The video recorder's reports, on the GUI thread.
     void recordDone();
@@ -103,6 +105,7 @@ public:
     void shutdown();
 
 private:
+    void observeConnection();
     void setupView();
     void setupMainMenu();
     void updateBackground();

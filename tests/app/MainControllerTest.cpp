@@ -35,6 +35,19 @@ protected:
     void fill(uint64_t, uint64_t, uint8_t*, uint64_t) override {}
 };
 
+// A board that is plugged in but whose device node is not ours to open.
+class ForbiddenBoard final : public SimulatedBoard {
+public:
+    bool openDeviceWithVidPid(uint16_t, uint16_t) override { return false; }
+    int openError(std::string& node) override {
+        node = "/dev/bus/usb/001/002";
+        return usb::ErrorAccess;
+    }
+
+protected:
+    void fill(uint64_t, uint64_t, uint8_t*, uint64_t) override {}
+};
+
 TEST(WindowSizing, KeepsProportionsAndNeverShrinksBelowNaturalSize) {
     const QSize decoration(0, 60), natural(720, 240);
     // Dragged to 1000 wide: content 1000 by 333.33, plus the decoration, rounded.
@@ -91,11 +104,12 @@ protected:
         }
     }
 
-    QStringList alerts() const {
+    QStringList alerts(bool withDetails = false) const {
         QStringList titles;
         for (auto* box : m_controller->mainWindow()->findChildren<QMessageBox*>()) {
             if (box->objectName() != "aboutWindow") {
-                titles << box->text() + " | " + box->informativeText();
+                titles << box->text() + " | " + box->informativeText() +
+                              (withDetails && !box->detailedText().isEmpty() ? " | " + box->detailedText() : "");
             }
         }
         return titles;
@@ -115,14 +129,54 @@ protected:
 };
 
 TEST_F(MainControllerTest, PlayWithoutABoardSaysSoAndStaysStopped) {
+    const QString alert = "Could not connect to device. | It was not possible to connect to the capture device. "
+                          "Please insert the cable or check whether it is inserted correctly.";
     auto& ui = start(std::make_unique<AbsentBoard>());
     EXPECT_EQ(ui.playPauseItem->text(), "Play");
     EXPECT_FALSE(ui.screenshotItem->isEnabled());
     ui.playPauseItem->trigger();
-    EXPECT_EQ(alerts(), QStringList{"Could not connect to device. | It was not possible to connect to the capture "
-                                    "device. Please insert the cable or check whether it is inserted correctly."});
+    EXPECT_EQ(alerts(true), QStringList{alert}) << "no details for a missing board";
     EXPECT_EQ(ui.playPauseItem->text(), "Play");
     EXPECT_FALSE(ui.recordItem->isEnabled());
+
+    // A board we may not open: the same alert, with the rule to install behind its details.
+    stop();
+    start(std::make_unique<ForbiddenBoard>()).playPauseItem->trigger();
+    EXPECT_EQ(alerts(true), QStringList{alert + " | Zandor may not open the capture board's USB device. Install the "
+                                                "udev rule 70-zandor-capture.rules, then plug the board in again:\n"
+                                                "sudo cp resources/udev/70-zandor-capture.rules /etc/udev/rules.d/\n"
+                                                "sudo udevadm control --reload-rules"});
+}
+
+TEST_F(MainControllerTest, WhileTheBoardIsAwayThePictureSaysSoUntilItIsBackOrPaused) {
+    auto owned = std::make_unique<DemoBoard>();
+    DemoBoard* board = owned.get();
+    board->injectFault(30, BoardFault::Vanish);
+    auto& ui = start(std::move(owned));
+    // The line over the black picture, in the view's light grey.
+    auto lettered = [&] {
+        const QImage picture = ui.layoutView->grab().toImage().convertToFormat(QImage::Format_RGB32);
+        int light = 0;
+        for (int x = 0; x < picture.width(); ++x) {
+            light += (picture.pixel(x, picture.height() / 2) & 0xffffff) == 0xe0e0e0;
+        }
+        return light > 0;
+    };
+    ui.playPauseItem->trigger();
+    QTRY_VERIFY_WITH_TIMEOUT(ui.layoutView->showsNoSignal(), 20000);
+    EXPECT_TRUE(lettered());
+    EXPECT_EQ(m_controller->mainWindow()->windowTitle(), "Zandor") << "the title stays as it is";
+
+    board->replug();
+    QTRY_VERIFY_WITH_TIMEOUT(!ui.layoutView->showsNoSignal(), 20000);
+    QSignalSpy frames(ui.layoutView, &CaptureLayoutView::frameReceived);
+    ASSERT_TRUE(frames.wait(20000));
+    EXPECT_FALSE(lettered());
+
+    board->unplug();
+    QTRY_VERIFY_WITH_TIMEOUT(ui.layoutView->showsNoSignal(), 20000);
+    ui.playPauseItem->trigger();
+    EXPECT_FALSE(ui.layoutView->showsNoSignal()) << "a paused picture says nothing of the board";
 }
 
 TEST_F(MainControllerTest, PlayingShowsTheMovingPictureAndEnablesTheRecorders) {
