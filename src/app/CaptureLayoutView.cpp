@@ -2,6 +2,7 @@
 
 #include "LayoutViewFeeder.h"
 
+#include <QFontMetrics>
 #include <QPainter>
 #include <QPaintEngine>
 #include <QPointer>
@@ -46,8 +47,15 @@ void CaptureLayoutView::setNoSignal(bool noSignal) {
 }
 
 void CaptureLayoutView::drawNoSignal(QPainter& painter) {
+    // A size that reads well at the view's height, smaller where the line would not fit across.
     QFont font = painter.font();
-    font.setPixelSize(std::clamp(height() / 24, 12, 48));
+    const int size = std::clamp(height() / 24, 10, 48);
+    font.setPixelSize(size);
+    const int room = width() * 9 / 10;
+    const int advance = QFontMetrics(font).horizontalAdvance(NoSignalText);
+    if (advance > room) {
+        font.setPixelSize(std::max(8, size * room / advance));
+    }
     painter.setFont(font);
     painter.setPen(QColor(0xe0, 0xe0, 0xe0));
     painter.drawText(rect(), Qt::AlignCenter, NoSignalText);
