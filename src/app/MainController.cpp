@@ -86,15 +86,18 @@ MainController::MainController(std::unique_ptr<UsbBoard> board) {
 }
 
 // The device tells of its board leaving and coming back on its own thread; the layout view hears
-// of it on the GUI thread.
+// of it on the GUI thread, where it shows the device's state at that moment (a notice that arrives
+// after a pause is stale).
 void MainController::observeConnection() {
     QPointer<CaptureLayoutView> view(layoutView());
-    m_device->setConnectionObserver([view](bool connected) {
+    std::weak_ptr<CaptureDevice> weakDevice = m_device;
+    m_device->setConnectionObserver([view, weakDevice](bool) {
         QMetaObject::invokeMethod(
             view,
-            [view, connected] {
-                if (view) {
-                    view->setNoSignal(!connected);
+            [view, weakDevice] {
+                auto device = weakDevice.lock();
+                if (view && device) {
+                    view->setNoSignal(device->isListening() && device->isDisconnected());
                 }
             },
             Qt::QueuedConnection);

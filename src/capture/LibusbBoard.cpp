@@ -1,6 +1,5 @@
 #include "LibusbBoard.h"
 
-#include "base/Log.h"
 
 #include <libusb.h>
 
@@ -8,6 +7,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <string>
 #include <unistd.h>
 
