@@ -152,7 +152,8 @@ std::unique_ptr<EmulatedBoard> EmulatedBoard::create(std::unique_ptr<SimulatedBo
     board->m_rootDir = root;
     g_free(root);
     // The testbed folder is private to its creator; a program that runs as another user (to test
-    // what a user without permission sees) must still find the device in it.
+    // what a user without permission sees) must still find the device in it, and place the socket
+    // that stands in for its uevent listener there.
     chmod(board->m_rootDir.c_str(), 01777);
 
     board->m_handler = umockdev_ioctl_base_new();
@@ -189,7 +190,7 @@ void EmulatedBoard::plug() {
 }
 
 void EmulatedBoard::unplug() {
-    std::unique_lock lock(m_mutex);
+    std::scoped_lock lock(m_mutex);
     if (m_plugged) {
         unplugLocked();
     }
