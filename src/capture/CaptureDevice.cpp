@@ -34,6 +34,19 @@ void CaptureDevice::waitForPreviousThread() {
     m_threadEnded.wait_for(lock, std::chrono::seconds(2), [this] { return m_threadsRunning == 0; });
 }
 
+namespace {
+
+// The board is there but its device node is not ours to open: the common first-run problem on Linux.
+void logNoPermission(UsbBoard& board) {
+    std::string node;
+    board.openError(node);
+    log("No permission to open the capture board at %s: install the udev rule 70-zandor-capture.rules (see "
+        "README) and plug the board in again",
+        node.c_str());
+}
+
+} // namespace
+
 CaptureDevice::Failure CaptureDevice::openBoard(bool quiet) {
     const auto say = [quiet](const char* line) {
         if (!quiet) {
@@ -49,9 +62,7 @@ CaptureDevice::Failure CaptureDevice::openBoard(bool quiet) {
         std::string node;
         if (m_board->openError(node) == usb::ErrorAccess) {
             if (!quiet) {
-                log("No permission to open the capture board at %s: install the udev rule "
-                    "70-zandor-capture.rules (see README) and plug the board in again",
-                    node.c_str());
+                logNoPermission(*m_board);
             }
             return Failure::NoPermission;
         }
@@ -237,6 +248,7 @@ void CaptureDevice::disconnected() {
         m_black = std::make_shared<uint8_t[]>(raw::BlockBytes); // value-initialised: all zero
     }
     m_announced = m_board->watchArrivals();
+    m_saidNoPermission = false;
     const auto now = std::chrono::steady_clock::now();
     m_nextAttempt = now + ReconnectInterval;
     m_retryUntil = now;
@@ -267,8 +279,13 @@ void CaptureDevice::tryReconnect() {
         return;
     }
     m_nextAttempt = now + ReconnectInterval;
-    if (openBoard(true) != Failure::None) {
+    if (const Failure failure = openBoard(true); failure != Failure::None) {
         m_board->close();
+        // The one failure worth a line while waiting: the board is back but we may not open it.
+        if (failure == Failure::NoPermission && !m_saidNoPermission) {
+            logNoPermission(*m_board);
+            m_saidNoPermission = true;
+        }
         return;
     }
     m_board->stopWatching();

@@ -99,6 +99,7 @@ private:
     int m_lastRead = 0;
     std::shared_ptr<uint8_t[]> m_black; // the one block every black frame of a disconnect shares
     bool m_announced = false;
+    bool m_saidNoPermission = false;
     std::chrono::steady_clock::time_point m_nextAttempt;
     std::chrono::steady_clock::time_point m_retryUntil;
 

@@ -143,7 +143,8 @@ void SimulatedBoard::close() {
 bool SimulatedBoard::watchArrivals() {
     std::scoped_lock lock(m_mutex);
     m_watching = m_announces;
-    m_arrived = false;
+    // As libusb's hotplug with ENUMERATE: a board already back is announced at once.
+    m_arrived = m_announces && !m_vanished;
     return m_announces;
 }
 

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdio>
 
 namespace zandor {
@@ -237,6 +238,71 @@ TEST_P(ReconnectTest, AVanishedBoardGivesBlackFramesUntilItIsBackAndIsLookedForW
 
 INSTANTIATE_TEST_SUITE_P(Arrivals, ReconnectTest, ::testing::Bool(),
                          [](const auto& info) { return info.param ? "Announced" : "LookedFor"; });
+
+// A board that can come back with a device node we may not open (its udev rule went meanwhile).
+class LockedOutBoard final : public SimulatedBoard {
+public:
+    void lockOut(bool locked) {
+        std::scoped_lock lock(m_mutex);
+        m_lockedOut = locked;
+    }
+    bool waitForRefusals(int count) {
+        std::unique_lock lock(m_mutex);
+        return m_refused.wait_for(lock, 20s, [&] { return m_refusals >= count; });
+    }
+    bool openDeviceWithVidPid(uint16_t vendorId, uint16_t productId) override {
+        {
+            std::scoped_lock lock(m_mutex);
+            if (m_lockedOut) {
+                ++m_refusals;
+                m_refused.notify_all();
+                return false;
+            }
+        }
+        return SimulatedBoard::openDeviceWithVidPid(vendorId, productId);
+    }
+    int openError(std::string& node) override {
+        std::scoped_lock lock(m_mutex);
+        node = "/dev/bus/usb/001/009";
+        return m_lockedOut ? usb::ErrorAccess : usb::ErrorNotFound;
+    }
+
+protected:
+    void fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) override {
+        for (uint64_t i = 0; i < length; ++i) {
+            destination[i] = test::patternByte(frame, offset + i);
+        }
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_refused;
+    bool m_lockedOut = false;
+    int m_refusals = 0;
+};
+
+TEST(CaptureDeviceReconnect, ABoardBackWithANodeWeMayNotOpenIsNamedOnceAndTakenWhenItMayBe) {
+    ASSERT_TRUE(DetachedThread::waitForAll(20s));
+    auto owned = std::make_unique<LockedOutBoard>();
+    LockedOutBoard* board = owned.get();
+    board->injectFault(2, BoardFault::Vanish);
+    auto device = CaptureDevice::create(std::move(owned));
+    LogCapture log;
+    ASSERT_TRUE(device->startListening());
+    ASSERT_TRUE(log.waitFor("Capture device disconnected", 20s));
+    board->lockOut(true);
+    board->replug();
+    // Three attempts, half a second apart, all refused: one line says why.
+    EXPECT_TRUE(board->waitForRefusals(3));
+    EXPECT_EQ(log.count("No permission to open the capture board at /dev/bus/usb/001/009: install the udev rule "
+                        "70-zandor-capture.rules (see README) and plug the board in again"),
+              1u);
+    EXPECT_EQ(log.countPrefix("Could not"), 0u);
+    board->lockOut(false);
+    EXPECT_TRUE(log.waitFor("Capture device reconnected", 20s));
+    device->stopListening();
+    EXPECT_TRUE(DetachedThread::waitForAll(20s));
+}
 
 TEST_F(CaptureDeviceTest, LogsTheAverageRateOnEvery300thFrameOnly) {
     m_device->setFramePeriod(0ns);
