@@ -74,8 +74,8 @@ int main(int argc, char** argv) {
             return usage();
         }
     }
-    if (i >= argc) {
-        return usage();
+    if (i >= argc || (replugAfterMs >= 0 && unplugAt < 0)) {
+        return usage(); // no command, or a replug without an unplug
     }
 
     std::string error;
