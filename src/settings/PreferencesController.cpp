@@ -2,6 +2,7 @@
 
 #include "PropertyList.h"
 #include "base/AppPaths.h"
+#include "base/Log.h"
 
 #include <QAudioDevice>
 #include <QDir>
@@ -9,7 +10,14 @@
 #include <QMediaDevices>
 #include <QSaveFile>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <string_view>
 
 namespace zandor {
 
@@ -62,6 +70,96 @@ QString expandTilde(const QString& path) {
 QString defaultAudioInputId() {
     const QAudioDevice device = QMediaDevices::defaultAudioInput();
     return device.isNull() ? QString() : QString::fromUtf8(device.id());
+}
+
+// A preferences file larger than this, or nesting arrays and dictionaries deeper, is not ours: the
+// store never writes one, and parsing it could take the stack or minutes.
+constexpr qint64 MaximumFileBytes = 1024 * 1024;
+constexpr int MaximumNesting = 64;
+
+enum class FileRead { Missing, Unreadable, Malformed, Read };
+
+// Reads the preferences file if it is a regular file of at most MaximumFileBytes. It is opened
+// without blocking and checked before anything is read, so a named pipe or a device in its place
+// cannot hold the start up.
+FileRead readPreferencesFile(const QString& path, QByteArray& contents, QString& why) {
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        return errno == ENOENT ? FileRead::Missing : FileRead::Unreadable;
+    }
+    FileRead result = FileRead::Read;
+    struct stat info {};
+    if (fstat(fd, &info) != 0) {
+        result = FileRead::Unreadable;
+    } else if (!S_ISREG(info.st_mode)) {
+        why = QStringLiteral("it is not a regular file");
+        result = FileRead::Malformed;
+    } else if (info.st_size > MaximumFileBytes) {
+        why = QStringLiteral("it is larger than 1 MB");
+        result = FileRead::Malformed;
+    } else {
+        // One byte more than allowed tells a file that grew meanwhile.
+        contents.resize(MaximumFileBytes + 1);
+        qsizetype filled = 0;
+        while (filled < contents.size()) {
+            const ssize_t n = ::read(fd, contents.data() + filled, static_cast<size_t>(contents.size() - filled));
+            if (n == 0) {
+                break;
+            }
+            if (n < 0) {
+                if (errno == EINTR) {
+                    continue;
+                }
+                result = FileRead::Unreadable;
+                break;
+            }
+            filled += n;
+        }
+        contents.resize(filled);
+        if (result == FileRead::Read && filled > MaximumFileBytes) {
+            why = QStringLiteral("it is larger than 1 MB");
+            result = FileRead::Malformed;
+        }
+    }
+    ::close(fd);
+    return result;
+}
+
+// How deep arrays and dictionaries nest in an XML property list, counted in one pass without
+// recursion, so that the file cannot choose how deep we go; counting stops past `limit`.
+int nestingDepth(std::string_view xml, int limit) {
+    int depth = 0, deepest = 0;
+    const auto opens = [&](size_t at, std::string_view name) {
+        const size_t end = at + name.size();
+        return xml.compare(at, name.size(), name) == 0 && end < xml.size() &&
+               (xml[end] == '>' || xml[end] == '/' || xml[end] == ' ' || xml[end] == '\t' || xml[end] == '\n' ||
+                xml[end] == '\r');
+    };
+    for (size_t at = xml.find('<'); at != std::string_view::npos && deepest <= limit; at = xml.find('<', at + 1)) {
+        if (xml.compare(at, 4, "<!--") == 0) {
+            at = xml.find("-->", at);
+        } else if (xml.compare(at, 9, "<![CDATA[") == 0) {
+            at = xml.find("]]>", at);
+        } else {
+            const bool closing = at + 1 < xml.size() && xml[at + 1] == '/';
+            const size_t name = at + (closing ? 2 : 1);
+            if (opens(name, "array") || opens(name, "dict")) {
+                const size_t end = xml.find('>', name);
+                if (end == std::string_view::npos) {
+                    break;
+                }
+                if (closing) {
+                    --depth;
+                } else if (xml[end - 1] != '/') {
+                    deepest = std::max(deepest, ++depth);
+                }
+            }
+        }
+        if (at == std::string_view::npos) {
+            break;
+        }
+    }
+    return deepest;
 }
 
 } // namespace
@@ -131,32 +229,54 @@ void PreferencesController::setReadOnly(bool readOnly) {
 }
 
 bool PreferencesController::load() {
-    QFile file(m_file);
-    if (!file.exists()) {
+    QByteArray xml;
+    QString why;
+    switch (readPreferencesFile(m_file, xml, why)) {
+    case FileRead::Missing:
         return true;
+    case FileRead::Unreadable:
+        return false; // left in place; the next store replaces it
+    case FileRead::Malformed:
+        break;
+    case FileRead::Read:
+        if (nestingDepth(std::string_view(xml.constData(), static_cast<size_t>(xml.size())), MaximumNesting) >
+            MaximumNesting) {
+            why = QStringLiteral("arrays or dictionaries nest deeper than 64");
+            break;
+        }
+        if (const PropertyList list = PropertyList::fromXml(xml); list.isDictionary()) {
+            auto entries = list.entries();
+            std::scoped_lock lock(m_mutex);
+            for (auto& [key, value] : entries) {
+                assign(m_preferences, key, std::move(value));
+            }
+            return true;
+        }
+        why = QStringLiteral("it is not a property list holding a dictionary");
+        break;
     }
-    // A file that cannot be read or is no dictionary is left in place; the next store replaces it.
-    if (!file.open(QIODevice::ReadOnly)) {
-        return false;
-    }
-    const PropertyList list = PropertyList::fromXml(file.readAll());
-    if (!list.isDictionary()) {
-        return false;
-    }
-    auto entries = list.entries();
+    log("The preferences file %s cannot be used (%s): the defaults hold, and the file is kept as "
+        "preferences.plist.bad at the next change",
+        qUtf8Printable(m_file), qUtf8Printable(why));
     std::scoped_lock lock(m_mutex);
-    for (auto& [key, value] : entries) {
-        assign(m_preferences, key, std::move(value));
-    }
-    return true;
+    m_keepAside = true;
+    return false;
 }
 
 bool PreferencesController::store() {
     std::scoped_lock writing(m_storeMutex);
     Entries snapshot;
+    bool keepAside = false;
     {
         std::scoped_lock lock(m_mutex);
         snapshot = m_preferences;
+        keepAside = std::exchange(m_keepAside, false);
+    }
+    if (keepAside) {
+        // What the user had is not destroyed: the unusable file (or pipe, or link) moves aside,
+        // replacing an older one, before the new file takes its place.
+        const QByteArray from = QFile::encodeName(m_file), to = QFile::encodeName(m_file + QStringLiteral(".bad"));
+        std::rename(from.constData(), to.constData());
     }
     const QByteArray xml = PropertyList::dictionary(snapshot).toXml();
     if (xml.isEmpty()) {

@@ -52,7 +52,9 @@ public:
     // Replaces the dictionary with the built-in defaults, writing nothing, and makes the store live.
     void defaults();
     // Overlays the file on the dictionary. True when there is no file or it was read; false when it
-    // is not a property list holding a dictionary, which leaves the dictionary as it was.
+    // cannot be read or used, which leaves the dictionary as it was. A file that is no regular file,
+    // is larger than 1 MB, nests arrays and dictionaries deeper than 64 or is no property list
+    // holding a dictionary is logged and moved aside to "preferences.plist.bad" at the next store.
     bool load();
     // Writes the whole dictionary to the file atomically; false when that failed. Never creates the
     // file's folder.
@@ -70,13 +72,15 @@ private:
     const QString m_file;
     // Serialises writes of the file so that the last write holds the newest dictionary.
     std::mutex m_storeMutex;
-    // Guards m_preferences and m_defaulted.
+    // Guards m_preferences, m_defaulted and m_keepAside.
     mutable std::mutex m_mutex;
     // In insertion order, which is the order of the file.
     Entries m_preferences;
     // False while the defaults are set; from then on every change is written through.
     bool m_defaulted = false;
     bool m_readOnly = false;
+    // The file read at start could not be used; the next store moves it aside first.
+    bool m_keepAside = false;
 };
 
 } // namespace zandor

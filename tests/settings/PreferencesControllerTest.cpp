@@ -3,10 +3,12 @@
 #include "Plist.h"
 #include "UserFolders.h"
 #include "base/AppPaths.h"
+#include "base/Log.h"
 
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -16,6 +18,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
+#include <sys/stat.h>
 #include <thread>
 
 namespace zandor {
@@ -156,25 +160,98 @@ TEST_F(PreferencesStore, UnknownKeysOfAnyTypeSurviveRewrites) {
     EXPECT_EQ(readWithPython(), compact(expected));
 }
 
-TEST_F(PreferencesStore, AMalformedFileKeepsTheDefaultsAndIsReplacedWholeAtTheFirstChange) {
-    const QByteArray malformed[] = {
-        "",
-        "not a property list",
-        R"(<?xml version="1.0"?><plist version="1.0"><dict><key>PreferenceCaptureImageFormat</key><string>JPEG)",
-        R"(<?xml version="1.0"?><plist version="1.0"><array><string>JPEG</string></array></plist>)",
-        QByteArray("\xff\xfe\x00<plist>\x00\x01", 12),
-    };
-    for (const QByteArray& contents : malformed) {
-        SCOPED_TRACE(contents.toStdString());
-        writeFile(contents);
-        PreferencesController store(path());
-        EXPECT_FALSE(store.load());
-        EXPECT_EQ(store.preference(PreferenceCaptureImageFormat), QVariant(QString("PNG")));
-        EXPECT_EQ(readFile(), contents) << "the bad file stays until the next change";
+// An unknown key holding arrays nested `depth` deep, inside the top dictionary.
+QByteArray nested(int depth) {
+    return "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Unknown</key>" + QByteArray("<array>").repeated(depth) +
+           QByteArray("</array>").repeated(depth) + "</dict></plist>";
+}
 
-        store.setPreference(PreferenceCaptureLayout, QString("Side by Side"));
-        EXPECT_EQ(readWithPython(), compact(defaultFile({{PreferenceCaptureLayout, "Side by Side"}})));
+struct UnusableFile {
+    const char* name;
+    // Puts the file in place at `path`; returns what is there afterwards, for the copy kept aside.
+    std::function<QByteArray(const QString& path)> make;
+};
+
+QByteArray written(const QString& path, const QByteArray& contents) {
+    QFile file(path);
+    file.open(QIODevice::WriteOnly);
+    file.write(contents);
+    return contents;
+}
+
+class UnusableFileTest : public PreferencesStore, public testing::WithParamInterface<UnusableFile> {};
+
+TEST_P(UnusableFileTest, KeepsTheDefaultsSaysWhyAndIsKeptAsideWhenTheFirstChangeReplacesIt) {
+    const QByteArray before = GetParam().make(path());
+    LogCapture log;
+    PreferencesController store(path());
+    EXPECT_EQ(store.preference(PreferenceCaptureImageFormat), QVariant(QString("PNG")));
+    EXPECT_EQ(log.countPrefix("The preferences file " + path().toStdString() + " cannot be used ("), 1u);
+    EXPECT_FALSE(QFileInfo::exists(path() + ".bad")) << "nothing moves before a change";
+
+    store.setPreference(PreferenceCaptureLayout, QString("Side by Side"));
+    EXPECT_EQ(readWithPython(), compact(defaultFile({{PreferenceCaptureLayout, "Side by Side"}})));
+    const QFileInfo aside(path() + ".bad");
+    EXPECT_TRUE(aside.exists() || aside.isSymLink());
+    if (!before.isNull()) {
+        QFile kept(aside.filePath());
+        ASSERT_TRUE(kept.open(QIODevice::ReadOnly));
+        EXPECT_TRUE(kept.readAll() == before) << "the file kept aside is the user's, byte for byte";
     }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Files, UnusableFileTest,
+    testing::Values(
+        UnusableFile{"Empty", [](const QString& p) { return written(p, ""); }},
+        UnusableFile{"NotXml", [](const QString& p) { return written(p, "not a property list"); }},
+        UnusableFile{"Truncated",
+                     [](const QString& p) {
+                         return written(p, R"(<?xml version="1.0"?><plist version="1.0"><dict><key>A</key><string>J)");
+                     }},
+        UnusableFile{"NoDictionary",
+                     [](const QString& p) {
+                         return written(p, R"(<?xml version="1.0"?><plist version="1.0"><array/></plist>)");
+                     }},
+        UnusableFile{"Binary", [](const QString& p) { return written(p, QByteArray("\xff\xfe\x00<plist>\x00\x01", 12)); }},
+        // Nested too deep for the parser's stack, and deeper than we keep.
+        UnusableFile{"Nested100000Deep", [](const QString& p) { return written(p, nested(100000)); }},
+        UnusableFile{"Nested1000Deep", [](const QString& p) { return written(p, nested(1000)); }},
+        UnusableFile{"HalfAMillionKeys",
+                     [](const QString& p) {
+                         QByteArray keys;
+                         for (int i = 0; i < 500000; ++i) {
+                             keys += "<key>Unknown" + QByteArray::number(i) + "</key><integer>1</integer>";
+                         }
+                         return written(p, R"(<?xml version="1.0"?><plist version="1.0"><dict>)" + keys +
+                                               "</dict></plist>");
+                     }},
+        UnusableFile{"NamedPipe",
+                     [](const QString& p) {
+                         mkfifo(qPrintable(p), 0600);
+                         return QByteArray();
+                     }},
+        UnusableFile{"LinkToDevZero",
+                     [](const QString& p) {
+                         QFile::link("/dev/zero", p);
+                         return QByteArray();
+                     }},
+        UnusableFile{"LinkToDevUrandom",
+                     [](const QString& p) {
+                         QFile::link("/dev/urandom", p);
+                         return QByteArray();
+                     }}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(PreferencesStore, UnknownKeysNestedAsDeepAsAllowedSurviveAChange) {
+    writeFile(nested(63)); // the top dictionary and 63 arrays: 64 deep
+    const std::string unknown = readWithPython();
+    LogCapture log;
+    PreferencesController store(path());
+    store.setPreference(PreferenceCaptureLayout, QString("Side by Side"));
+    EXPECT_TRUE(log.lines().empty());
+    const std::string after = readWithPython();
+    EXPECT_NE(after.find(unknown.substr(1, unknown.size() - 2)), std::string::npos) << after;
 }
 
 TEST_F(PreferencesStore, AnInvalidValueRemovesTheKeyFromMemoryAndFile) {
