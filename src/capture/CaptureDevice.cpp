@@ -37,9 +37,7 @@ void CaptureDevice::waitForPreviousThread() {
 namespace {
 
 // The board is there but its device node is not ours to open: the common first-run problem on Linux.
-void logNoPermission(UsbBoard& board) {
-    std::string node;
-    board.openError(node);
+void logNoPermission(const std::string& node) {
     log("No permission to open the capture board at %s: install the udev rule 70-zandor-capture.rules (see "
         "README) and plug the board in again",
         node.c_str());
@@ -62,7 +60,7 @@ CaptureDevice::Failure CaptureDevice::openBoard(bool quiet) {
         std::string node;
         if (m_board->openError(node) == usb::ErrorAccess) {
             if (!quiet) {
-                logNoPermission(*m_board);
+                logNoPermission(node);
             }
             return Failure::NoPermission;
         }
@@ -283,7 +281,9 @@ void CaptureDevice::tryReconnect() {
         m_board->close();
         // The one failure worth a line while waiting: the board is back but we may not open it.
         if (failure == Failure::NoPermission && !m_saidNoPermission) {
-            logNoPermission(*m_board);
+            std::string node;
+            m_board->openError(node);
+            logNoPermission(node);
             m_saidNoPermission = true;
         }
         return;

@@ -47,14 +47,8 @@ protected:
         EXPECT_TRUE(DetachedThread::waitForAll(20s)) << "a pipeline thread outlived its test";
     }
 
-    // Starts the device and takes `count` frames from a fresh observer, then stops it.
     std::vector<CaptureDataPtr> run(const std::shared_ptr<CaptureDevice>& device, size_t count) {
-        auto observer = device->addObserver(m_wakeup);
-        EXPECT_TRUE(device->startListening());
-        auto frames = takeFrames(*device, observer, *m_wakeup, count);
-        device->stopListening();
-        EXPECT_EQ(frames.size(), count);
-        return frames;
+        return test::playFrames(*device, m_wakeup, count);
     }
 
     std::unique_ptr<GatedBoard> m_owned = std::make_unique<GatedBoard>();

@@ -2,7 +2,10 @@
 
 #include "base/Wakeup.h"
 #include "capture/CaptureData.h"
+#include "capture/CaptureDevice.h"
 #include "capture/Observable.h"
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
@@ -12,8 +15,8 @@ namespace zandor::test {
 
 // Takes frames from `observer` until `count` have arrived or `timeout` passed without progress,
 // sleeping on the observer's wake-up in between.
-inline std::vector<CaptureDataPtr> takeFrames(Observable& producer, const ObserverPtr& observer, Wakeup& wakeup,
-                                              size_t count,
+inline std::vector<CaptureDataPtr> takeFrames(Observable& producer, const ObserverPtr& observer,
+                                              Wakeup& wakeup, size_t count,
                                               std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
     std::vector<CaptureDataPtr> frames;
     while (frames.size() < count) {
@@ -23,6 +26,17 @@ inline std::vector<CaptureDataPtr> takeFrames(Observable& producer, const Observ
             break;
         }
     }
+    return frames;
+}
+
+// Starts the device, takes `count` frames from a fresh observer, then stops it.
+inline std::vector<CaptureDataPtr> playFrames(CaptureDevice& device, const std::shared_ptr<Wakeup>& wakeup,
+                                              size_t count) {
+    auto observer = device.addObserver(wakeup);
+    EXPECT_TRUE(device.startListening());
+    auto frames = takeFrames(device, observer, *wakeup, count);
+    device.stopListening();
+    EXPECT_EQ(frames.size(), count);
     return frames;
 }
 

@@ -58,14 +58,7 @@ protected:
         m_board.reset();
     }
 
-    std::vector<CaptureDataPtr> play(size_t count) {
-        auto observer = m_device->addObserver(m_wakeup);
-        EXPECT_TRUE(m_device->startListening());
-        auto frames = takeFrames(*m_device, observer, *m_wakeup, count);
-        m_device->stopListening();
-        EXPECT_EQ(frames.size(), count);
-        return frames;
-    }
+    std::vector<CaptureDataPtr> play(size_t count) { return test::playFrames(*m_device, m_wakeup, count); }
 
     std::vector<bool> connections() {
         std::scoped_lock lock(m_mutex);
