@@ -14,11 +14,11 @@
 #include "layouts/PluginController.h"
 #include "recording/ImageRecorder.h"
 #include "recording/VideoRecorder.h"
-#include "settings/CapturePreferencesView.h"
-#include "settings/Icons.h"
+#include "ui/CapturePreferencesView.h"
+#include "ui/Icons.h"
 #include "settings/PreferencesController.h"
-#include "settings/PreferencesWindow.h"
-#include "settings/ViewPreferencesView.h"
+#include "ui/PreferencesWindow.h"
+#include "ui/ViewPreferencesView.h"
 
 #include <QApplication>
 #include <QCloseEvent>

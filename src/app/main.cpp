@@ -5,7 +5,7 @@
 #include "base/QtMessages.h"
 #include "capture/Boards.h"
 #include "capture/UsbBoard.h"
-#include "settings/Icons.h"
+#include "ui/Icons.h"
 
 #include <QApplication>
 

@@ -6,7 +6,7 @@
 #include "capture/CaptureDevice.h"
 #include "capture/UsbBoard.h"
 #include "layouts/LayoutController.h"
-#include "recording/VideoQuality.h"
+#include "settings/VideoQuality.h"
 #include "settings/PreferencesController.h"
 
 #include <QDir>

@@ -1,6 +1,8 @@
 #include "Cli.h"
 
+#include "AudioInputsCommand.h"
 #include "DumpCommand.h"
+#include "InstallPluginCommand.h"
 #include "LayoutsCommand.h"
 #include "RecordCommand.h"
 #include "ScreenshotCommand.h"

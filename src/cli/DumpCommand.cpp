@@ -1,6 +1,6 @@
 #include "DumpCommand.h"
 
-#include "OutputFile.h"
+#include "base/AtomicFile.h"
 #include "base/CommandLine.h"
 #include "base/DetachedThread.h"
 #include "base/Wakeup.h"
@@ -38,8 +38,8 @@ int DumpCommand::run(const CommandLine& options) {
         std::fprintf(stderr, "zandor-cli dump: %s\n", error.c_str());
         return 2;
     }
-    OutputFile out(*outPath);
-    if (!out.open(error)) {
+    AtomicFile out(*outPath);
+    if (!out.create(error)) {
         std::fprintf(stderr, "zandor-cli dump: %s\n", error.c_str());
         return 1;
     }

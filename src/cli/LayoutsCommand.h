@@ -10,10 +10,4 @@ public:
     static int run(const CommandLine& options);
 };
 
-// `zandor-cli install-plugin PATH`: installs a plugin bundle as the application does.
-class InstallPluginCommand {
-public:
-    static int run(const CommandLine& options);
-};
-
 } // namespace zandor

@@ -89,11 +89,4 @@ int RecordCommand::run(const CommandLine& options) {
     return errors.isEmpty() ? 0 : 1;
 }
 
-int AudioInputsCommand::run(const CommandLine&) {
-    for (const QAudioDevice& device : QMediaDevices::audioInputs()) {
-        std::printf("%s\t%s\n", device.id().constData(), qUtf8Printable(device.description()));
-    }
-    return 0;
-}
-
 } // namespace zandor

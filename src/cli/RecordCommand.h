@@ -11,10 +11,4 @@ public:
     static int run(const CommandLine& options);
 };
 
-// `zandor-cli audio-inputs`: the audio inputs, one a line: unique identifier, a tab, the name.
-class AudioInputsCommand {
-public:
-    static int run(const CommandLine& options);
-};
-
 } // namespace zandor

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "FFmpeg.h"
+#include "media/FFmpeg.h"
 
 #include <chrono>
 #include <cstdint>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "FFmpeg.h"
-#include "VideoQuality.h"
+#include "media/FFmpeg.h"
+#include "settings/VideoQuality.h"
 #include "layouts/CaptureLayout.h"
 
 #include <QString>

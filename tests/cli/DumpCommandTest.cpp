@@ -82,7 +82,7 @@ TEST_F(DumpCommandTest, BadInputGetsOneClearLine) {
              {{"--board", "demo", "--frames", "1", "--out", out, "--quality", "High"},
               "Unknown option --quality"},
              {{"--board", "demo", "--frames", "1", "--out", (m_folder / "no/such/dir.raw").string()},
-              "Could not write"},
+              "cannot write beside"},
              {{"--board", "demo", "--frames", "1", "--out", m_folder.string()}, "is a folder"}}) {
         expectOneLineFailure(dump(options), message);
     }

@@ -6,7 +6,7 @@
 #include "capture/CaptureData.h"
 #include "capture/CaptureDevice.h"
 #include "layouts/CaptureLayout.h"
-#include "recording/VideoQuality.h"
+#include "settings/VideoQuality.h"
 #include "recording/VideoRecord.h"
 #include "settings/PreferencesController.h"
 

@@ -1,8 +1,8 @@
 #include "MovieMerger.h"
 
-#include "TemporaryFile.h"
+#include "base/AtomicFile.h"
 #include "TrackSource.h"
-#include "recording/FFmpeg.h"
+#include "media/FFmpeg.h"
 
 #include <cstring>
 #include <memory>
@@ -69,7 +69,7 @@ bool MovieMerger::merge(const std::string& source, const std::string& destinatio
         }
     }
 
-    TemporaryFile file(destination);
+    AtomicFile file(destination);
     if (!file.create(error)) {
         return false;
     }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "recording/FFmpeg.h"
+#include "media/FFmpeg.h"
 
 #include <cstdint>
 #include <deque>

@@ -1,9 +1,9 @@
-#include "settings/CapturePreferencesView.h"
-#include "settings/Icons.h"
-#include "settings/PathControl.h"
+#include "ui/CapturePreferencesView.h"
+#include "ui/Icons.h"
+#include "ui/PathControl.h"
 #include "settings/PreferencesController.h"
-#include "settings/PreferencesWindow.h"
-#include "settings/ViewPreferencesView.h"
+#include "ui/PreferencesWindow.h"
+#include "ui/ViewPreferencesView.h"
 
 #include "GatedBoard.h"
 #include "PluginBundles.h"
@@ -11,7 +11,7 @@
 #include "UserFolders.h"
 #include "capture/CaptureDevice.h"
 #include "layouts/LayoutController.h"
-#include "recording/VideoQuality.h"
+#include "settings/VideoQuality.h"
 
 #include <QAction>
 #include <QApplication>

@@ -1,7 +1,7 @@
 #include "ViewPreferencesView.h"
 
 #include "Icons.h"
-#include "PreferencesController.h"
+#include "settings/PreferencesController.h"
 #include "ui_ViewPreferencesView.h"
 
 namespace zandor {

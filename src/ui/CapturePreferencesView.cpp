@@ -1,9 +1,9 @@
 #include "CapturePreferencesView.h"
 
 #include "Icons.h"
-#include "PreferencesController.h"
+#include "settings/PreferencesController.h"
 #include "layouts/LayoutController.h"
-#include "recording/VideoQuality.h"
+#include "settings/VideoQuality.h"
 #include "ui_CapturePreferencesView.h"
 
 #include <QAudioDevice>

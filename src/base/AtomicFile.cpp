@@ -1,4 +1,4 @@
-#include "TemporaryFile.h"
+#include "AtomicFile.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -25,7 +25,7 @@ std::string folderOf(const std::string& path) {
 
 } // namespace
 
-TemporaryFile::~TemporaryFile() {
+AtomicFile::~AtomicFile() {
     if (m_fd >= 0) {
         ::close(m_fd);
     }
@@ -34,7 +34,13 @@ TemporaryFile::~TemporaryFile() {
     }
 }
 
-bool TemporaryFile::create(std::string& error) {
+bool AtomicFile::create(std::string& error) {
+    struct stat info {};
+    const bool exists = ::stat(m_target.c_str(), &info) == 0;
+    if (exists && S_ISDIR(info.st_mode)) {
+        error = "cannot write '" + m_target + "': it is a folder";
+        return false;
+    }
     std::string pattern = m_target + ".part-XXXXXX";
     m_fd = mkstemp(pattern.data());
     if (m_fd < 0) {
@@ -44,9 +50,8 @@ bool TemporaryFile::create(std::string& error) {
     m_path = pattern;
     // mkstemp makes the file private; the result should look like any other file the user makes,
     // or keep the permissions the target had.
-    struct stat info {};
     mode_t mode = 0;
-    if (::stat(m_target.c_str(), &info) == 0) {
+    if (exists) {
         mode = info.st_mode & 07777;
     } else {
         const mode_t mask = ::umask(0);
@@ -57,10 +62,27 @@ bool TemporaryFile::create(std::string& error) {
     return true;
 }
 
-bool TemporaryFile::commit(std::string& error) {
-    // The muxer wrote through its own descriptor, now closed; ours refers to the same file.
+bool AtomicFile::write(const uint8_t* data, uint64_t length, std::string& error) {
+    while (length > 0) {
+        const ssize_t n = ::write(m_fd, data, length);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            error = reason("cannot write", m_target);
+            return false;
+        }
+        data += n;
+        length -= static_cast<uint64_t>(n);
+    }
+    return true;
+}
+
+bool AtomicFile::commit(std::string& error) {
+    // A writer that opened path() itself has closed its descriptor by now; ours refers to the
+    // same file.
     if (::fsync(m_fd) != 0) {
-        error = reason("cannot write", m_path);
+        error = reason("cannot write", m_target);
         return false;
     }
     if (::rename(m_path.c_str(), m_target.c_str()) != 0) {

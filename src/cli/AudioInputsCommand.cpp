@@ -1,0 +1,17 @@
+#include "AudioInputsCommand.h"
+
+#include <QAudioDevice>
+#include <QMediaDevices>
+
+#include <cstdio>
+
+namespace zandor {
+
+int AudioInputsCommand::run(const CommandLine&) {
+    for (const QAudioDevice& device : QMediaDevices::audioInputs()) {
+        std::printf("%s\t%s\n", device.id().constData(), qUtf8Printable(device.description()));
+    }
+    return 0;
+}
+
+} // namespace zandor
