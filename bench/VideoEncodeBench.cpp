@@ -9,7 +9,7 @@
 #include "capture/RawFrame.h"
 #include "layouts/CaptureLayout.h"
 #include "layouts/PluginController.h"
-#include "recording/VideoQuality.h"
+#include "settings/VideoQuality.h"
 #include "recording/VideoRecord.h"
 #include "settings/PreferencesController.h"
 
