@@ -33,7 +33,8 @@ std::vector<Screens> demoScreens() {
         DemoBoard::render(n * 7, raw.data());
         Screens pair{CaptureData::create(288000), CaptureData::create(230400)};
         CaptureScreen::cut(raw.data() + raw::TopOffset, pair.top->data(), raw::TopWidth, raw::TopHeight);
-        CaptureScreen::cut(raw.data() + raw::BottomOffset, pair.bottom->data(), raw::BottomWidth, raw::BottomHeight);
+        CaptureScreen::cut(raw.data() + raw::BottomOffset, pair.bottom->data(), raw::BottomWidth,
+                           raw::BottomHeight);
         pairs.push_back(pair);
     }
     return pairs;
@@ -44,7 +45,8 @@ template <class F> double medianMicroseconds(int rounds, F&& work) {
     for (int i = 0; i < rounds; ++i) {
         auto start = std::chrono::steady_clock::now();
         work(i);
-        times.push_back(std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count());
+        times.push_back(
+            std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count());
     }
     std::nth_element(times.begin(), times.begin() + rounds / 2, times.end());
     return times[static_cast<size_t>(rounds / 2)];
@@ -85,8 +87,9 @@ int registerLayouts() {
     static PluginController registry(PluginController::appPluginFolder(), user.path() + "/Plugins/");
     for (const auto& plugin : registry.pluginTyped(Plugin::LayoutType)) {
         auto layoutPlugin = std::static_pointer_cast<LayoutPlugin>(plugin);
-        benchmark::RegisterBenchmark(("BM_Composite/" + plugin->name().toStdString()).c_str(),
-                                     [layoutPlugin](benchmark::State& state) { compositeLayout(state, layoutPlugin); })
+        benchmark::RegisterBenchmark(
+            ("BM_Composite/" + plugin->name().toStdString()).c_str(),
+            [layoutPlugin](benchmark::State& state) { compositeLayout(state, layoutPlugin); })
             ->Iterations(1)
             ->UseManualTime()
             ->Unit(benchmark::kMicrosecond);

@@ -80,7 +80,8 @@ Footage& footage(const QString& layoutName) {
     static PluginController registry(PluginController::appPluginFolder(), folder().path() + "/user/");
     static auto device = CaptureDevice::create(std::make_unique<DemoBoard>());
     Footage& result = made[layoutName];
-    auto plugin = std::static_pointer_cast<LayoutPlugin>(registry.pluginNamed(layoutName, Plugin::LayoutType));
+    auto plugin =
+        std::static_pointer_cast<LayoutPlugin>(registry.pluginNamed(layoutName, Plugin::LayoutType));
     result.layout = CaptureLayout::createWithPlugin(plugin, device);
     static auto observer = result.layout->addObserver();
     result.layout->startListening(); // for the drawing state only; the device never runs
@@ -92,7 +93,8 @@ Footage& footage(const QString& layoutName) {
         DemoBoard::render(static_cast<uint64_t>(n), board.data());
         auto top = CaptureData::create(288000), bottom = CaptureData::create(230400);
         CaptureScreen::cut(board.data() + raw::TopOffset, top->data(), raw::TopWidth, raw::TopHeight);
-        CaptureScreen::cut(board.data() + raw::BottomOffset, bottom->data(), raw::BottomWidth, raw::BottomHeight);
+        CaptureScreen::cut(board.data() + raw::BottomOffset, bottom->data(), raw::BottomWidth,
+                           raw::BottomHeight);
         top->setTimestamp(n / 60.0);
         auto frame = result.layout->composite(top, bottom);
         raw.write(reinterpret_cast<const char*>(frame->data()), static_cast<qint64>(frame->size()));
@@ -121,13 +123,45 @@ void encode(benchmark::State& state, const QString& layoutName, VideoQualityPtr 
         ours = threadSeconds() - start;
         state.SetIterationTime(ours);
 
-        const auto size = std::to_string(input.layout->width()) + "x" + std::to_string(input.layout->height());
-        theirs = runCommand({"/usr/bin/ffmpeg", "-v", "error", "-y", "-f", "rawvideo", "-pix_fmt", "rgb24", "-s", size,
-                             "-framerate", "60", "-i", input.rawFile.toStdString(), "-filter_threads", "1", "-c:v",
-                             "libx264", "-preset", VideoRecord::encoderSpeed(*preset), "-threads", "1", "-bf", "0", "-b:v",
-                             std::to_string(preset->bitsPerSecond()), "-g", std::to_string(preset->maxKeyInterval()),
-                             "-pix_fmt", "yuv420p", "-f", "mov", "-movflags", "empty_moov+default_base_moof",
-                             "-frag_duration", "1000000", (folder().path() + "/cli.mov").toStdString()});
+        const auto size =
+            std::to_string(input.layout->width()) + "x" + std::to_string(input.layout->height());
+        theirs = runCommand({"/usr/bin/ffmpeg",
+                             "-v",
+                             "error",
+                             "-y",
+                             "-f",
+                             "rawvideo",
+                             "-pix_fmt",
+                             "rgb24",
+                             "-s",
+                             size,
+                             "-framerate",
+                             "60",
+                             "-i",
+                             input.rawFile.toStdString(),
+                             "-filter_threads",
+                             "1",
+                             "-c:v",
+                             "libx264",
+                             "-preset",
+                             VideoRecord::encoderSpeed(*preset),
+                             "-threads",
+                             "1",
+                             "-bf",
+                             "0",
+                             "-b:v",
+                             std::to_string(preset->bitsPerSecond()),
+                             "-g",
+                             std::to_string(preset->maxKeyInterval()),
+                             "-pix_fmt",
+                             "yuv420p",
+                             "-f",
+                             "mov",
+                             "-movflags",
+                             "empty_moov+default_base_moof",
+                             "-frag_duration",
+                             "1000000",
+                             (folder().path() + "/cli.mov").toStdString()});
     }
     state.counters["ours_fps"] = FrameCount / ours;
     state.counters["ffmpeg_fps"] = theirs > 0 ? FrameCount / theirs : 0;

@@ -45,11 +45,12 @@ void registerSizes() {
         const char* name;
         QSize natural, window;
     };
-    for (const Case& c : {Case{"TopOverBottom/1x", tall, tall}, Case{"TopOverBottom/2x", tall, tall * 2},
-                          Case{"TopOverBottom/1920x1080", tall, {1920, 1080}},
-                          Case{"TopOverBottom/3840x2160", tall, {3840, 2160}}, Case{"SideBySide/1x", wide, wide},
-                          Case{"SideBySide/2x", wide, wide * 2}, Case{"SideBySide/1920x1080", wide, {1920, 1080}},
-                          Case{"SideBySide/3840x2160", wide, {3840, 2160}}}) {
+    for (const Case& c :
+         {Case{"TopOverBottom/1x", tall, tall}, Case{"TopOverBottom/2x", tall, tall * 2},
+          Case{"TopOverBottom/1920x1080", tall, {1920, 1080}},
+          Case{"TopOverBottom/3840x2160", tall, {3840, 2160}}, Case{"SideBySide/1x", wide, wide},
+          Case{"SideBySide/2x", wide, wide * 2}, Case{"SideBySide/1920x1080", wide, {1920, 1080}},
+          Case{"SideBySide/3840x2160", wide, {3840, 2160}}}) {
         benchmark::RegisterBenchmark((std::string("BM_DrawFrame/") + c.name).c_str(),
                                      [c](benchmark::State& state) { drawFrame(state, c.natural, c.window); })
             ->Unit(benchmark::kMillisecond);

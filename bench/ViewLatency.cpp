@@ -54,8 +54,9 @@ protected:
             newest = frame;
         }
         if (newest) {
-            const auto stamped = m_device->startTime() + std::chrono::duration_cast<std::chrono::system_clock::duration>(
-                                                             std::chrono::duration<double>(newest->timestamp()));
+            const auto stamped =
+                m_device->startTime() + std::chrono::duration_cast<std::chrono::system_clock::duration>(
+                                            std::chrono::duration<double>(newest->timestamp()));
             latenciesMs.push_back(std::chrono::duration<double, std::milli>(now - stamped).count());
         }
         return true;
@@ -113,8 +114,10 @@ int main(int argc, char** argv) {
     }
     std::sort(ms.begin(), ms.end());
     std::printf("paints: %zu in %d s (%.1f a second)\n", ms.size(), seconds, ms.size() / double(seconds));
-    std::printf("board to screen: median %.2f ms, 99th percentile %.2f ms, max %.2f ms (a frame is 16.7 ms)\n",
-                ms[ms.size() / 2], ms[ms.size() * 99 / 100], ms.back());
-    std::printf("CPU: %.1f%% of one core (device, screens, layout, view and drawing)\n", 100.0 * cpu / seconds);
+    std::printf(
+        "board to screen: median %.2f ms, 99th percentile %.2f ms, max %.2f ms (a frame is 16.7 ms)\n",
+        ms[ms.size() / 2], ms[ms.size() * 99 / 100], ms.back());
+    std::printf("CPU: %.1f%% of one core (device, screens, layout, view and drawing)\n",
+                100.0 * cpu / seconds);
     return 0;
 }

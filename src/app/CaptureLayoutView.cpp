@@ -19,7 +19,8 @@ CaptureLayoutView::CaptureLayoutView(QWidget* parent) : QWidget(parent) {
     // Asked from the feeder's thread; update() runs on the GUI thread and merges waiting requests.
     m_feeder = std::make_shared<LayoutViewFeeder>([view] {
         QMetaObject::invokeMethod(
-            view, [view] {
+            view,
+            [view] {
                 if (view) {
                     view->update();
                     emit view->frameReceived();
@@ -29,15 +30,25 @@ CaptureLayoutView::CaptureLayoutView(QWidget* parent) : QWidget(parent) {
     });
 }
 
-CaptureLayoutView::~CaptureLayoutView() { m_feeder->stopListening(); }
+CaptureLayoutView::~CaptureLayoutView() {
+    m_feeder->stopListening();
+}
 
-void CaptureLayoutView::setLayout(const LayoutPtr& layout) { m_feeder->setLayout(layout); }
+void CaptureLayoutView::setLayout(const LayoutPtr& layout) {
+    m_feeder->setLayout(layout);
+}
 
-bool CaptureLayoutView::startListening() { return m_feeder->startListening(); }
+bool CaptureLayoutView::startListening() {
+    return m_feeder->startListening();
+}
 
-void CaptureLayoutView::stopListening() { m_feeder->stopListening(); }
+void CaptureLayoutView::stopListening() {
+    m_feeder->stopListening();
+}
 
-bool CaptureLayoutView::isListening() const { return m_feeder->isListening(); }
+bool CaptureLayoutView::isListening() const {
+    return m_feeder->isListening();
+}
 
 void CaptureLayoutView::setNoSignal(bool noSignal) {
     if (noSignal != m_noSignal) {
@@ -122,8 +133,7 @@ void CaptureLayoutView::scaleNearest(const uint8_t* rgb, int width, int height, 
     }
     std::vector<int> columns(static_cast<size_t>(targetWidth));
     for (int x = 0; x < targetWidth; ++x) {
-        columns[static_cast<size_t>(x)] =
-            static_cast<int>((2LL * x + 1) * width / (2LL * targetWidth)) * 3;
+        columns[static_cast<size_t>(x)] = static_cast<int>((2LL * x + 1) * width / (2LL * targetWidth)) * 3;
     }
     int previousSource = -1;
     const auto rowBytes = static_cast<size_t>(targetWidth) * 4;

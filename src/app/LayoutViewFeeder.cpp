@@ -26,9 +26,8 @@ bool LayoutViewFeeder::startListening() {
         return m_listening;
     }
     m_observer = m_layout->addObserver(m_wakeup);
-    DetachedThread::start("zandor-view", [feeder = shared_from_this(), observer = m_observer] {
-        feeder->listener(observer);
-    });
+    DetachedThread::start(
+        "zandor-view", [feeder = shared_from_this(), observer = m_observer] { feeder->listener(observer); });
     m_listening = true;
     return true;
 }

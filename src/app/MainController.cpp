@@ -39,7 +39,9 @@ namespace {
 MainController* g_instance = nullptr;
 
 // Halves away from zero.
-int roundPoint(double value) { return static_cast<int>(std::lround(value)); }
+int roundPoint(double value) {
+    return static_cast<int>(std::lround(value));
+}
 
 // Reports of the video recorder arrive on its thread; they are handed to the GUI thread.
 class RecorderBridge final : public RecorderDelegate {
@@ -110,11 +112,17 @@ MainController::~MainController() {
     }
 }
 
-MainController* MainController::instance() { return g_instance; }
+MainController* MainController::instance() {
+    return g_instance;
+}
 
-MainWindowContentView* MainController::mainView() const { return m_mainWindow->ui.mainView; }
+MainWindowContentView* MainController::mainView() const {
+    return m_mainWindow->ui.mainView;
+}
 
-CaptureLayoutView* MainController::layoutView() const { return m_mainWindow->ui.layoutView; }
+CaptureLayoutView* MainController::layoutView() const {
+    return m_mainWindow->ui.layoutView;
+}
 
 void MainController::awakeFromNib() {
     g_instance = this;
@@ -153,8 +161,10 @@ void MainController::awakeFromNib() {
     connect(ui.playPauseItem, &QAction::triggered, this, &MainController::playPauseAction);
     connect(ui.screenshotItem, &QAction::triggered, this, &MainController::recordScreenshotAction);
     connect(ui.recordItem, &QAction::triggered, this, &MainController::recordVideoAction);
-    connect(ui.sizeOriginalItem, &QAction::triggered, this, [this] { selectSizeAction(m_mainWindow->ui.sizeOriginalItem); });
-    connect(ui.sizeDoubleItem, &QAction::triggered, this, [this] { selectSizeAction(m_mainWindow->ui.sizeDoubleItem); });
+    connect(ui.sizeOriginalItem, &QAction::triggered, this,
+            [this] { selectSizeAction(m_mainWindow->ui.sizeOriginalItem); });
+    connect(ui.sizeDoubleItem, &QAction::triggered, this,
+            [this] { selectSizeAction(m_mainWindow->ui.sizeDoubleItem); });
     connect(ui.fullScreenItem, &QAction::triggered, this, &MainController::toggleFullScreen);
     connect(ui.preferencesItem, &QAction::triggered, this, &MainController::showPreferences);
     connect(ui.aboutItem, &QAction::triggered, this, &MainController::showAbout);
@@ -325,10 +335,11 @@ void MainController::playPauseAction() {
                                  "sudo cp resources/udev/70-zandor-capture.rules /etc/udev/rules.d/\n"
                                  "sudo udevadm control --reload-rules")
                 : QString();
-        displayMessage(QStringLiteral("Could not connect to device."),
-                       QStringLiteral("It was not possible to connect to the capture device. Please insert the cable "
-                                      "or check whether it is inserted correctly."),
-                       0, {}, details);
+        displayMessage(
+            QStringLiteral("Could not connect to device."),
+            QStringLiteral("It was not possible to connect to the capture device. Please insert the cable "
+                           "or check whether it is inserted correctly."),
+            0, {}, details);
         return;
     }
     layoutView()->startListening();
@@ -382,11 +393,12 @@ void MainController::recordVideoAction() {
     if (m_videoRecorder->start()) {
         setVideoRecording(true);
     } else {
-        displayMessage(QStringLiteral("Could not start recording video."),
-                       QStringLiteral("It was somehow not possible to start recording video. You may want to try "
-                                      "again or verify whether the application has writing rights in the specified "
-                                      "output folder."),
-                       2, QStringLiteral("toolbar_record"));
+        displayMessage(
+            QStringLiteral("Could not start recording video."),
+            QStringLiteral("It was somehow not possible to start recording video. You may want to try "
+                           "again or verify whether the application has writing rights in the specified "
+                           "output folder."),
+            2, QStringLiteral("toolbar_record"));
     }
 }
 
@@ -396,11 +408,12 @@ void MainController::setVideoRecording(bool recording) {
     }
     m_mainWindow->ui.playPauseItem->setEnabled(false);
     m_mainWindow->ui.recordItem->setText(QStringLiteral("Stop"));
-    DetachedThread::start("zandor-blink", [controller = QPointer<MainController>(this), recorder = m_videoRecorder] {
-        if (controller) {
-            controller->blinkRecording(recorder);
-        }
-    });
+    DetachedThread::start("zandor-blink",
+                          [controller = QPointer<MainController>(this), recorder = m_videoRecorder] {
+                              if (controller) {
+                                  controller->blinkRecording(recorder);
+                              }
+                          });
 }
 
 void MainController::blinkRecording(std::shared_ptr<VideoRecorder> recorder) {
@@ -430,7 +443,9 @@ void MainController::blinkRecording(std::shared_ptr<VideoRecorder> recorder) {
     });
 }
 
-void MainController::recordDone() { hideStatus(); }
+void MainController::recordDone() {
+    hideStatus();
+}
 
 void MainController::recordError(const QString& message) {
     hideStatus();
@@ -450,8 +465,8 @@ void MainController::hideStatus() {
     m_statusWindow->hide();
 }
 
-void MainController::displayMessage(const QString& title, const QString& text, int style, const QString& image,
-                                    const QString& details) {
+void MainController::displayMessage(const QString& title, const QString& text, int style,
+                                    const QString& image, const QString& details) {
     const QMessageBox::Icon kind = style == 2   ? QMessageBox::Critical
                                    : style == 1 ? QMessageBox::Information
                                                 : QMessageBox::Warning;
@@ -479,7 +494,9 @@ void MainController::showAbout() {
     about->show();
 }
 
-void MainController::showPreferences() { m_preferencesWindow->showWindow(); }
+void MainController::showPreferences() {
+    m_preferencesWindow->showWindow();
+}
 
 void MainController::installedPlugin(const PluginPtr& plugin) {
     if (!plugin || plugin->type() != Plugin::LayoutType) {
@@ -498,10 +515,11 @@ void MainController::keyPressed(const QKeyEvent& event) {
 
 bool MainController::attemptExit() {
     if (m_videoRecorder && m_videoRecorder->isRecording()) {
-        displayMessage(QStringLiteral("Please stop recording first."),
-                       QStringLiteral("You are currently recording a video. Please stop the recording first before "
-                                      "attempting to close the application."),
-                       0);
+        displayMessage(
+            QStringLiteral("Please stop recording first."),
+            QStringLiteral("You are currently recording a video. Please stop the recording first before "
+                           "attempting to close the application."),
+            0);
         return false;
     }
     return true;
@@ -526,15 +544,16 @@ QSize MainController::windowWillResize(QSize proposed) {
     if (!m_activeLayout || isFullScreen()) {
         return proposed;
     }
-    const QSize natural(static_cast<int>(m_activeLayout->width()), static_cast<int>(m_activeLayout->height()));
+    const QSize natural(static_cast<int>(m_activeLayout->width()),
+                        static_cast<int>(m_activeLayout->height()));
     const QSize decor = decoration();
     // Our windows have no side borders: the proposed width is the content's width.
     return sizeForResize(QSize(proposed.width() - decor.width(), proposed.height()), decor, natural,
                          m_activeLayout->isResizable());
 }
 
-QRect MainController::layoutViewFrame(QSize content, QSize natural, bool resizable, bool fullScreen, int maxScale,
-                                      QPoint currentOrigin) {
+QRect MainController::layoutViewFrame(QSize content, QSize natural, bool resizable, bool fullScreen,
+                                      int maxScale, QPoint currentOrigin) {
     if (!resizable) {
         return QRect(currentOrigin, natural);
     }
@@ -556,12 +575,13 @@ void MainController::updateLayoutViewFrame() {
     if (!m_activeLayout) {
         return;
     }
-    const QSize natural(static_cast<int>(m_activeLayout->width()), static_cast<int>(m_activeLayout->height()));
+    const QSize natural(static_cast<int>(m_activeLayout->width()),
+                        static_cast<int>(m_activeLayout->height()));
     const bool resizable = m_activeLayout->isResizable();
-    const int maxScale =
-        static_cast<int>(PreferencesController::instance().preference(PreferenceFullscreenMaxScale).toLongLong());
-    const QRect frame =
-        layoutViewFrame(mainView()->size(), natural, resizable, isFullScreen(), maxScale, layoutView()->pos());
+    const int maxScale = static_cast<int>(
+        PreferencesController::instance().preference(PreferenceFullscreenMaxScale).toLongLong());
+    const QRect frame = layoutViewFrame(mainView()->size(), natural, resizable, isFullScreen(), maxScale,
+                                        layoutView()->pos());
     layoutView()->setGeometry(frame);
 
     ::Ui::MainWindow& ui = m_mainWindow->ui;
@@ -593,7 +613,8 @@ void MainController::toggleFullScreen() {
         return;
     }
     // The display chosen by name, else the first one; only that display is taken over.
-    const QString chosen = PreferencesController::instance().preference(PreferenceFullscreenScreen).toString();
+    const QString chosen =
+        PreferencesController::instance().preference(PreferenceFullscreenScreen).toString();
     const auto screens = QGuiApplication::screens();
     QScreen* screen = screens.isEmpty() ? nullptr : screens.front();
     for (QScreen* candidate : screens) {

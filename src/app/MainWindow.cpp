@@ -100,7 +100,8 @@ void MainWindow::applyAspect() {
     std::array<uint32_t, 18> hints{};
     xcb_get_property_reply_t* reply = xcb_get_property_reply(
         connection,
-        xcb_get_property(connection, 0, window, XCB_ATOM_WM_NORMAL_HINTS, XCB_ATOM_WM_SIZE_HINTS, 0, 18), nullptr);
+        xcb_get_property(connection, 0, window, XCB_ATOM_WM_NORMAL_HINTS, XCB_ATOM_WM_SIZE_HINTS, 0, 18),
+        nullptr);
     if (reply) {
         const int length = xcb_get_property_value_length(reply);
         std::memcpy(hints.data(), xcb_get_property_value(reply),
@@ -113,8 +114,8 @@ void MainWindow::applyAspect() {
     hints[12] = hints[14] = static_cast<uint32_t>(m_aspect.height());
     hints[15] = static_cast<uint32_t>(m_aspectBase.width());
     hints[16] = static_cast<uint32_t>(m_aspectBase.height());
-    xcb_change_property(connection, XCB_PROP_MODE_REPLACE, window, XCB_ATOM_WM_NORMAL_HINTS, XCB_ATOM_WM_SIZE_HINTS, 32,
-                        static_cast<uint32_t>(hints.size()), hints.data());
+    xcb_change_property(connection, XCB_PROP_MODE_REPLACE, window, XCB_ATOM_WM_NORMAL_HINTS,
+                        XCB_ATOM_WM_SIZE_HINTS, 32, static_cast<uint32_t>(hints.size()), hints.data());
     xcb_flush(connection);
 }
 

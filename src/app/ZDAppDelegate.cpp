@@ -27,7 +27,9 @@ ZDAppDelegate::ZDAppDelegate(MainController& controller) : m_controller(controll
 
 ZDAppDelegate::~ZDAppDelegate() = default;
 
-bool ZDAppDelegate::applicationShouldTerminate() { return m_controller.attemptExit(); }
+bool ZDAppDelegate::applicationShouldTerminate() {
+    return m_controller.attemptExit();
+}
 
 bool ZDAppDelegate::openFile(const QString& path) {
     if (PluginController::instance().installPlugin(path)) {
@@ -35,14 +37,17 @@ bool ZDAppDelegate::openFile(const QString& path) {
     }
     m_controller.displayMessage(
         QStringLiteral("Could not install the plugin."),
-        QStringLiteral("\"%1\" could not be installed. It must be a layout plugin (a folder ending in .zdplugin "
-                       "holding a plugin.xml), and no plugin of the same name may be installed already.")
+        QStringLiteral(
+            "\"%1\" could not be installed. It must be a layout plugin (a folder ending in .zdplugin "
+            "holding a plugin.xml), and no plugin of the same name may be installed already.")
             .arg(QDir::toNativeSeparators(path)),
         0);
     return false;
 }
 
-QString ZDAppDelegate::serverName() { return QStringLiteral("zandor-%1").arg(getuid()); }
+QString ZDAppDelegate::serverName() {
+    return QStringLiteral("zandor-%1").arg(getuid());
+}
 
 bool ZDAppDelegate::listen() {
     m_server = std::make_unique<QLocalServer>();

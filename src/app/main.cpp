@@ -30,7 +30,8 @@ int main(int argc, char** argv) {
     CommandLine options({"board"}, {"play"});
     std::string error;
     if (!options.parse(words, error)) {
-        std::fprintf(stderr, "zandor: %s\nusage: zandor [--board usb|demo|replay:FILE] [--play] [PLUGIN...]\n",
+        std::fprintf(stderr,
+                     "zandor: %s\nusage: zandor [--board usb|demo|replay:FILE] [--play] [PLUGIN...]\n",
                      error.c_str());
         return 2;
     }

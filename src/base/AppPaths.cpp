@@ -20,12 +20,16 @@ QString AppPaths::applicationSupportFolder() {
     return QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
 }
 
-QString AppPaths::desktopFolder() { return QStandardPaths::writableLocation(QStandardPaths::DesktopLocation); }
+QString AppPaths::desktopFolder() {
+    return QStandardPaths::writableLocation(QStandardPaths::DesktopLocation);
+}
 
 QString AppPaths::appPluginFolder() {
     return QDir::cleanPath(executableFolder() + QStringLiteral("/../share/zandor/Plugins"));
 }
 
-QString AppPaths::toolFolder() { return QDir::cleanPath(executableFolder() + QStringLiteral("/../libexec/zandor")); }
+QString AppPaths::toolFolder() {
+    return QDir::cleanPath(executableFolder() + QStringLiteral("/../libexec/zandor"));
+}
 
 } // namespace zandor

@@ -103,8 +103,8 @@ void LogCapture::append(const std::string& line) {
 
 bool LogCapture::waitFor(const std::string& line, std::chrono::milliseconds timeout) {
     std::unique_lock lock(m_mutex);
-    return m_appended.wait_for(lock, timeout,
-                               [&] { return std::find(m_lines.begin(), m_lines.end(), line) != m_lines.end(); });
+    return m_appended.wait_for(
+        lock, timeout, [&] { return std::find(m_lines.begin(), m_lines.end(), line) != m_lines.end(); });
 }
 
 std::vector<std::string> LogCapture::lines() const {

@@ -26,6 +26,8 @@ void handle(QtMsgType type, const QMessageLogContext&, const QString& message) {
 
 } // namespace
 
-void routeQtMessages() { qInstallMessageHandler(handle); }
+void routeQtMessages() {
+    qInstallMessageHandler(handle);
+}
 
 } // namespace zandor

@@ -6,7 +6,8 @@
 namespace zandor {
 
 // Allocated for overwriting: the block is not cleared, as producers overwrite all of it.
-CaptureData::CaptureData(uint64_t size) : m_data(std::make_shared_for_overwrite<uint8_t[]>(size)), m_size(size) {}
+CaptureData::CaptureData(uint64_t size)
+    : m_data(std::make_shared_for_overwrite<uint8_t[]>(size)), m_size(size) {}
 
 CaptureData::CaptureData(std::shared_ptr<uint8_t[]> sharedBlock, uint64_t size)
     : m_data(std::move(sharedBlock)), m_size(size) {}

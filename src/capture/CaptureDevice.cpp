@@ -15,13 +15,15 @@ namespace zandor {
 
 std::shared_ptr<CaptureDevice> CaptureDevice::create(std::unique_ptr<UsbBoard> board) {
     std::shared_ptr<CaptureDevice> device(new CaptureDevice(std::move(board)));
-    device->m_screens[0] = std::make_shared<CaptureScreen>(raw::TopWidth, raw::TopHeight, raw::TopOffset, device);
+    device->m_screens[0] =
+        std::make_shared<CaptureScreen>(raw::TopWidth, raw::TopHeight, raw::TopOffset, device);
     device->m_screens[1] =
         std::make_shared<CaptureScreen>(raw::BottomWidth, raw::BottomHeight, raw::BottomOffset, device);
     return device;
 }
 
-CaptureDevice::CaptureDevice(std::unique_ptr<UsbBoard> board) : Observable(QueueLength), m_board(std::move(board)) {}
+CaptureDevice::CaptureDevice(std::unique_ptr<UsbBoard> board)
+    : Observable(QueueLength), m_board(std::move(board)) {}
 
 CaptureDevice::~CaptureDevice() = default;
 
@@ -163,7 +165,8 @@ void CaptureDevice::setFramePeriod(std::chrono::nanoseconds period) {
 }
 
 int CaptureDevice::vendorRequest(uint8_t request, uint16_t value, uint16_t length, uint8_t* buffer) {
-    return m_board->controlTransfer(raw::FrameRequestType, request, value, 0, buffer, length, raw::ControlTimeoutMs);
+    return m_board->controlTransfer(raw::FrameRequestType, request, value, 0, buffer, length,
+                                    raw::ControlTimeoutMs);
 }
 
 int CaptureDevice::readBulk(uint8_t* buffer, int32_t length, int32_t* transferred) {

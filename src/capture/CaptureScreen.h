@@ -18,7 +18,8 @@ public:
 
     // The device owns its screens; a screen refers back to it weakly, and its thread holds the
     // device for as long as it runs.
-    CaptureScreen(uint64_t width, uint64_t height, uint64_t offset, const std::shared_ptr<CaptureDevice>& device);
+    CaptureScreen(uint64_t width, uint64_t height, uint64_t offset,
+                  const std::shared_ptr<CaptureDevice>& device);
 
     uint64_t width() const { return m_width; }
     uint64_t height() const { return m_height; }

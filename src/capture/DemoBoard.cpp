@@ -55,7 +55,9 @@ public:
     }
 
 private:
-    uint8_t* pixel(int x, int y) { return m_area + 3 * (static_cast<uint64_t>(x) * m_height + (m_height - 1 - y)); }
+    uint8_t* pixel(int x, int y) {
+        return m_area + 3 * (static_cast<uint64_t>(x) * m_height + (m_height - 1 - y));
+    }
 
     static const std::array<uint8_t, 7>& glyphFor(char c) {
         static const std::array<uint8_t, 7> digits[10] = {
@@ -75,12 +77,18 @@ private:
             return digits[c - '0'];
         }
         switch (c) {
-        case 'B': return letterB;
-        case 'M': return letterM;
-        case 'O': return letterO;
-        case 'P': return letterP;
-        case 'T': return letterT;
-        default: return blank;
+        case 'B':
+            return letterB;
+        case 'M':
+            return letterM;
+        case 'O':
+            return letterO;
+        case 'P':
+            return letterP;
+        case 'T':
+            return letterT;
+        default:
+            return blank;
         }
     }
 
@@ -99,7 +107,13 @@ int bounce(uint64_t frame, int step, int span) {
 }
 
 constexpr std::array<Rgb, 7> Bars{{
-    {235, 235, 235}, {235, 235, 16}, {16, 235, 235}, {16, 235, 16}, {235, 16, 235}, {235, 16, 16}, {16, 16, 235},
+    {235, 235, 235},
+    {235, 235, 16},
+    {16, 235, 235},
+    {16, 235, 16},
+    {235, 16, 235},
+    {235, 16, 16},
+    {16, 16, 235},
 }};
 
 // The still part of every frame: a vertical gradient per screen with a faint grid, computed once.
@@ -109,7 +123,9 @@ const uint8_t* background() {
         auto paint = [&](uint64_t offset, int width, int height, Rgb from, Rgb to) {
             RawPainter painter(block.get(), offset, width, height);
             for (int y = 0; y < height; ++y) {
-                auto mix = [&](uint8_t a, uint8_t b) { return static_cast<uint8_t>(a + (b - a) * y / (height - 1)); };
+                auto mix = [&](uint8_t a, uint8_t b) {
+                    return static_cast<uint8_t>(a + (b - a) * y / (height - 1));
+                };
                 painter.fill(0, y, width, 1, {mix(from.r, to.r), mix(from.g, to.g), mix(from.b, to.b)});
             }
             Rgb grid{70, 70, 90};

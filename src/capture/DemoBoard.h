@@ -26,7 +26,7 @@ protected:
 
 private:
     std::unique_ptr<uint8_t[]> m_frame;
-    int64_t m_rendered = -1; // only touched by the reading thread, in fill()
+    int64_t m_rendered = -1;    // only touched by the reading thread, in fill()
     int64_t m_flashSecond = -1; // the second of the wall clock of the last frame read; likewise
     bool m_flashes = false;
 };

@@ -1,6 +1,5 @@
 #include "LibusbBoard.h"
 
-
 #include <libusb.h>
 
 #include <cerrno>
@@ -30,7 +29,8 @@ int diagnoseOpenFailure(uint16_t vendorId, uint16_t productId, std::string& deni
     std::snprintf(product, sizeof product, "%04x", productId);
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator("/sys/bus/usb/devices", error)) {
-        if (readSysfs(entry.path() / "idVendor") != vendor || readSysfs(entry.path() / "idProduct") != product) {
+        if (readSysfs(entry.path() / "idVendor") != vendor ||
+            readSysfs(entry.path() / "idProduct") != product) {
             continue;
         }
         std::string bus = readSysfs(entry.path() / "busnum");

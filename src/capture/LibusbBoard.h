@@ -26,7 +26,8 @@ public:
     int claimInterface(int interfaceNumber) override;
     int controlTransfer(uint8_t requestType, uint8_t request, uint16_t value, uint16_t index, uint8_t* data,
                         uint16_t length, unsigned timeoutMs) override;
-    int bulkTransfer(uint8_t endpoint, uint8_t* data, int length, int* transferred, unsigned timeoutMs) override;
+    int bulkTransfer(uint8_t endpoint, uint8_t* data, int length, int* transferred,
+                     unsigned timeoutMs) override;
     int clearHalt(uint8_t endpoint) override;
 
     int openError(std::string& node) override;

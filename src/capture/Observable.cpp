@@ -26,7 +26,9 @@ void Observable::removeObserver(const ObserverPtr& observer) {
     m_observers.erase(observer->key());
 }
 
-void Observable::removeObservers() { m_observers.clear(); }
+void Observable::removeObservers() {
+    m_observers.clear();
+}
 
 bool Observable::hasObservers() {
     std::scoped_lock lock(m_lock);

@@ -24,15 +24,17 @@ std::unique_ptr<ReplayBoard> ReplayBoard::open(const std::string& path, std::str
     }
     auto size = static_cast<uint64_t>(info.st_size);
     if (size == 0 || size % raw::FrameBytes != 0) {
-        error = "Replay file '" + path + "' holds " + std::to_string(size) + " bytes, not a whole number of " +
-                std::to_string(raw::FrameBytes) + "-byte frames";
+        error = "Replay file '" + path + "' holds " + std::to_string(size) +
+                " bytes, not a whole number of " + std::to_string(raw::FrameBytes) + "-byte frames";
         ::close(fd);
         return nullptr;
     }
     return std::unique_ptr<ReplayBoard>(new ReplayBoard(fd, size / raw::FrameBytes));
 }
 
-ReplayBoard::~ReplayBoard() { ::close(m_fd); }
+ReplayBoard::~ReplayBoard() {
+    ::close(m_fd);
+}
 
 void ReplayBoard::fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) {
     // Straight from the file into the frame, as the board's DMA would: no copy in between.

@@ -7,7 +7,9 @@
 
 namespace zandor {
 
-int SimulatedBoard::init() { return usb::Success; }
+int SimulatedBoard::init() {
+    return usb::Success;
+}
 
 bool SimulatedBoard::openDeviceWithVidPid(uint16_t vendorId, uint16_t productId) {
     std::scoped_lock lock(m_mutex);

@@ -29,7 +29,8 @@ public:
     int claimInterface(int interfaceNumber) override;
     int controlTransfer(uint8_t requestType, uint8_t request, uint16_t value, uint16_t index, uint8_t* data,
                         uint16_t length, unsigned timeoutMs) override;
-    int bulkTransfer(uint8_t endpoint, uint8_t* data, int length, int* transferred, unsigned timeoutMs) override;
+    int bulkTransfer(uint8_t endpoint, uint8_t* data, int length, int* transferred,
+                     unsigned timeoutMs) override;
     int clearHalt(uint8_t endpoint) override;
     void close() override;
     // Arrivals are announced, as libusb's hotplug does.
@@ -69,9 +70,9 @@ private:
     int m_opens = 0;
     bool m_arrived = false;
     bool m_halted = false;
-    bool m_frameRead = false; // the current frame has seen its first read
-    int64_t m_frame = -1;       // frame being sent, -1 before the first request
-    uint64_t m_position = 0;    // bytes of it already sent
+    bool m_frameRead = false;                           // the current frame has seen its first read
+    int64_t m_frame = -1;                               // frame being sent, -1 before the first request
+    uint64_t m_position = 0;                            // bytes of it already sent
     std::map<uint64_t, std::vector<int>> m_readLengths; // the last few frames only
     int m_clearHalts = 0;
 };

@@ -17,7 +17,9 @@
 
 namespace zandor {
 
-CaptureSession::~CaptureSession() { stop(); }
+CaptureSession::~CaptureSession() {
+    stop();
+}
 
 bool CaptureSession::open(const CommandLine& options, std::string& error) {
     PreferencesController& preferences = PreferencesController::instance();
@@ -52,8 +54,10 @@ bool CaptureSession::open(const CommandLine& options, std::string& error) {
     if (auto quality = options.value("quality")) {
         const QString name = QString::fromStdString(*quality);
         const auto& presets = VideoQuality::videoQualities();
-        if (std::none_of(presets.begin(), presets.end(), [&](const auto& preset) { return preset->name() == name; })) {
-            error = "Unknown quality '" + *quality + "': use Highest, Higher, High, Medium, Low, Lower or Lowest";
+        if (std::none_of(presets.begin(), presets.end(),
+                         [&](const auto& preset) { return preset->name() == name; })) {
+            error =
+                "Unknown quality '" + *quality + "': use Highest, Higher, High, Medium, Low, Lower or Lowest";
             return false;
         }
         preferences.setPreference(PreferenceCaptureVideoQuality, name);
@@ -92,7 +96,9 @@ bool CaptureSession::open(const CommandLine& options, std::string& error) {
     return true;
 }
 
-bool CaptureSession::start() { return m_device && m_device->startListening(); }
+bool CaptureSession::start() {
+    return m_device && m_device->startListening();
+}
 
 void CaptureSession::stop() {
     if (!m_device) {

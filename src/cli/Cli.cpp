@@ -17,23 +17,24 @@ namespace zandor {
 
 namespace {
 
-const char* const Usage = "usage: zandor-cli COMMAND [OPTIONS]\n"
-                          "\n"
-                          "commands:\n"
-                          "  layouts [--json]             list the layouts: name, width, height, resizable,\n"
-                          "                               background bytes, application or user, importance\n"
-                          "  install-plugin PATH          install a layout plugin bundle for this user\n"
-                          "  screenshot [--layout NAME] [--format PNG|JPEG] [--out DIR]\n"
-                          "                               save one screenshot of the layout (a catalogue\n"
-                          "                               layout, Top, Bottom, or None for both screens)\n"
-                          "  record --seconds N [--layout NAME] [--fps Original|24|25|30|50|60]\n"
-                          "         [--quality NAME] [--game-audio ID|None] [--narrator-audio ID|None] [--out DIR]\n"
-                          "                               record a video with sound and wait for the finished file\n"
-                          "  audio-inputs                 list the audio inputs: identifier and name\n"
-                          "  dump --frames N --out FILE   write N raw frames of the board to FILE\n"
-                          "\n"
-                          "options of every command:\n"
-                          "  --board usb|demo|replay:FILE  the capture board (default usb)\n";
+const char* const Usage =
+    "usage: zandor-cli COMMAND [OPTIONS]\n"
+    "\n"
+    "commands:\n"
+    "  layouts [--json]             list the layouts: name, width, height, resizable,\n"
+    "                               background bytes, application or user, importance\n"
+    "  install-plugin PATH          install a layout plugin bundle for this user\n"
+    "  screenshot [--layout NAME] [--format PNG|JPEG] [--out DIR]\n"
+    "                               save one screenshot of the layout (a catalogue\n"
+    "                               layout, Top, Bottom, or None for both screens)\n"
+    "  record --seconds N [--layout NAME] [--fps Original|24|25|30|50|60]\n"
+    "         [--quality NAME] [--game-audio ID|None] [--narrator-audio ID|None] [--out DIR]\n"
+    "                               record a video with sound and wait for the finished file\n"
+    "  audio-inputs                 list the audio inputs: identifier and name\n"
+    "  dump --frames N --out FILE   write N raw frames of the board to FILE\n"
+    "\n"
+    "options of every command:\n"
+    "  --board usb|demo|replay:FILE  the capture board (default usb)\n";
 
 struct Command {
     std::set<std::string> valueOptions;
@@ -55,13 +56,16 @@ int Cli::run(const std::vector<std::string>& arguments) {
         {"install-plugin", {{"board"}, {}, true, InstallPluginCommand::run}},
         {"screenshot", {{"board", "layout", "format", "out"}, {}, false, ScreenshotCommand::run}},
         {"record",
-         {{"board", "layout", "seconds", "fps", "quality", "game-audio", "narrator-audio", "out"}, {}, false,
+         {{"board", "layout", "seconds", "fps", "quality", "game-audio", "narrator-audio", "out"},
+          {},
+          false,
           RecordCommand::run}},
         {"audio-inputs", {{"board"}, {}, false, AudioInputsCommand::run}},
     };
     auto command = commands.find(arguments[0]);
     if (command == commands.end()) {
-        std::fprintf(stderr, "zandor-cli: unknown command '%s' (try zandor-cli --help)\n", arguments[0].c_str());
+        std::fprintf(stderr, "zandor-cli: unknown command '%s' (try zandor-cli --help)\n",
+                     arguments[0].c_str());
         return 2;
     }
     CommandLine options(command->second.valueOptions, command->second.flags);

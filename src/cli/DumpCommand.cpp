@@ -58,7 +58,8 @@ int DumpCommand::run(const CommandLine& options) {
         auto frame = device->observe(observer);
         if (!frame) {
             if (!wakeup->wait(FrameTimeout) && !device->observable(observer)) {
-                error = "No frame came from the board for " + std::to_string(FrameTimeout.count()) + " seconds";
+                error =
+                    "No frame came from the board for " + std::to_string(FrameTimeout.count()) + " seconds";
                 ok = false;
             }
             continue;

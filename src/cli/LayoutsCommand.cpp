@@ -24,7 +24,9 @@ QJsonValue backgroundBytes(const CaptureLayout& layout) {
         return QJsonValue::Null;
     }
     // The bytes the canvas is painted with: each component times 255, truncated.
-    auto byte = [](double component) { return static_cast<int>(static_cast<int64_t>(component * 255.0) & 0xFF); };
+    auto byte = [](double component) {
+        return static_cast<int>(static_cast<int64_t>(component * 255.0) & 0xFF);
+    };
     const Color& c = *layout.background();
     return QJsonArray{byte(c.red), byte(c.green), byte(c.blue)};
 }
@@ -47,7 +49,8 @@ QString line(const QJsonObject& entry) {
     QString background = QStringLiteral("none");
     if (entry["background"].isArray()) {
         const QJsonArray bytes = entry["background"].toArray();
-        background = QStringLiteral("%1,%2,%3").arg(bytes[0].toInt()).arg(bytes[1].toInt()).arg(bytes[2].toInt());
+        background =
+            QStringLiteral("%1,%2,%3").arg(bytes[0].toInt()).arg(bytes[1].toInt()).arg(bytes[2].toInt());
     }
     return QStringList{entry["name"].toString(),
                        QString::number(entry["width"].toInteger()),

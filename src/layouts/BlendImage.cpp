@@ -43,7 +43,8 @@ BlendImage::BlendImage(const QImage& image) : m_width(image.width()), m_height(i
     }
 }
 
-void BlendImage::draw(uint8_t* canvas, uint64_t canvasWidth, uint64_t canvasHeight, uint64_t x, uint64_t y) const {
+void BlendImage::draw(uint8_t* canvas, uint64_t canvasWidth, uint64_t canvasHeight, uint64_t x,
+                      uint64_t y) const {
     const auto [firstColumn, lastColumn] = visible(x, static_cast<uint64_t>(m_width), canvasWidth);
     const auto [firstRow, lastRow] = visible(y, static_cast<uint64_t>(m_height), canvasHeight);
     if (firstColumn >= lastColumn) {

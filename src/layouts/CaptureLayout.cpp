@@ -36,7 +36,8 @@ std::shared_ptr<CaptureLayout> CaptureLayout::createWithPlugin(const std::shared
     layout->m_bottom = device->screen(1);
     // A negative or absurd size would ask for an impossible canvas; such a layout stays empty
     // instead of taking the application down.
-    if (plugin->width() > 0 && plugin->height() > 0 && plugin->width() <= MaxSide && plugin->height() <= MaxSide) {
+    if (plugin->width() > 0 && plugin->height() > 0 && plugin->width() <= MaxSide &&
+        plugin->height() <= MaxSide) {
         layout->m_width = static_cast<uint64_t>(plugin->width());
         layout->m_height = static_cast<uint64_t>(plugin->height());
     } else if (plugin->width() != 0 || plugin->height() != 0) {
@@ -62,7 +63,9 @@ std::shared_ptr<CaptureLayout> CaptureLayout::createWithScreen(const std::shared
     return layout;
 }
 
-std::shared_ptr<CaptureDevice> CaptureLayout::device() const { return m_device ? m_device : m_top->device(); }
+std::shared_ptr<CaptureDevice> CaptureLayout::device() const {
+    return m_device ? m_device : m_top->device();
+}
 
 void CaptureLayout::initialize() {
     std::scoped_lock draw(m_drawMutex);
@@ -294,7 +297,8 @@ void CaptureLayout::findStaticSpans() {
         uint64_t column = 0;
         auto keep = [&](uint64_t from, uint64_t to) {
             const uint64_t offset = (row * m_width + from) * 3, length = (to - from) * 3;
-            if (!m_staticSpans.empty() && m_staticSpans.back().first + m_staticSpans.back().second == offset) {
+            if (!m_staticSpans.empty() &&
+                m_staticSpans.back().first + m_staticSpans.back().second == offset) {
                 m_staticSpans.back().second += length; // joins whole rows into one copy
             } else {
                 m_staticSpans.push_back({offset, length});

@@ -11,9 +11,13 @@ namespace zandor {
 
 Plugin::Plugin(QString file, bool fromUser) : m_file(std::move(file)), m_fromUser(fromUser) {}
 
-QString Plugin::pluginFile() const { return m_file + QStringLiteral("/plugin.xml"); }
+QString Plugin::pluginFile() const {
+    return m_file + QStringLiteral("/plugin.xml");
+}
 
-QString Plugin::resourcePath(const QString& name) const { return m_file + QStringLiteral("/Resources/") + name; }
+QString Plugin::resourcePath(const QString& name) const {
+    return m_file + QStringLiteral("/Resources/") + name;
+}
 
 bool Plugin::parse() {
     QFile file(pluginFile());
@@ -49,9 +53,13 @@ bool Plugin::parse() {
     return true;
 }
 
-void Plugin::didStartElement(const QString&, const QXmlStreamAttributes&) { m_workingString = QString(); }
+void Plugin::didStartElement(const QString&, const QXmlStreamAttributes&) {
+    m_workingString = QString();
+}
 
-void Plugin::foundCharacters(QStringView text) { m_workingString.append(text); }
+void Plugin::foundCharacters(QStringView text) {
+    m_workingString.append(text);
+}
 
 void Plugin::didEndElement(const QString& name) {
     if (name == QLatin1String("name")) {

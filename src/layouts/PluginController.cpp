@@ -30,7 +30,8 @@ bool moveItem(const QString& from, const QString& to) {
     if (errno != EXDEV) {
         return false;
     }
-    std::function<bool(const QString&, const QString&)> copy = [&](const QString& source, const QString& target) {
+    std::function<bool(const QString&, const QString&)> copy = [&](const QString& source,
+                                                                   const QString& target) {
         QFileInfo info(source);
         if (!info.isDir()) {
             return QFile::copy(source, target);
@@ -38,7 +39,8 @@ bool moveItem(const QString& from, const QString& to) {
         if (!QDir().mkdir(target)) {
             return false;
         }
-        const auto entries = QDir(source).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+        const auto entries =
+            QDir(source).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
         return std::all_of(entries.begin(), entries.end(), [&](const QString& entry) {
             return copy(source + u'/' + entry, target + u'/' + entry);
         });
@@ -63,7 +65,9 @@ PluginController::PluginController(QString appFolder, QString userFolder)
     initialize();
 }
 
-QString PluginController::appPluginFolder() { return AppPaths::appPluginFolder(); }
+QString PluginController::appPluginFolder() {
+    return AppPaths::appPluginFolder();
+}
 
 QString PluginController::userPluginFolder() {
     return AppPaths::applicationSupportFolder() + QStringLiteral("/Zandor/Plugins/");
@@ -95,7 +99,8 @@ bool PluginController::isPluginFile(const QString& path) {
     if (!info.isDir() || info.suffix() != QLatin1String("zdplugin")) {
         return false;
     }
-    const auto entries = QDir(path).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    const auto entries =
+        QDir(path).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
     return entries.contains(QStringLiteral("plugin.xml"));
 }
 
@@ -117,8 +122,8 @@ int PluginController::typePluginFile(const QString& path) {
 
 QStringList PluginController::listPluginFiles(const QString& folder) {
     QStringList result;
-    const auto entries =
-        QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Unsorted);
+    const auto entries = QDir(folder).entryList(
+        QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Unsorted);
     for (const QString& entry : entries) {
         QString path = folder + u'/' + entry;
         if (isPluginFile(path)) {
@@ -138,8 +143,9 @@ PluginPtr PluginController::parsePlugin(const QString& path, bool fromUser) {
 
 void PluginController::addPlugins(const QList<PluginPtr>& plugins) {
     QList<PluginPtr> all = m_plugins + plugins;
-    std::stable_sort(all.begin(), all.end(),
-                     [](const PluginPtr& a, const PluginPtr& b) { return a->importance() > b->importance(); });
+    std::stable_sort(all.begin(), all.end(), [](const PluginPtr& a, const PluginPtr& b) {
+        return a->importance() > b->importance();
+    });
     m_plugins = all;
 }
 

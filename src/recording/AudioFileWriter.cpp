@@ -11,7 +11,8 @@ extern "C" {
 
 namespace zandor {
 
-bool AudioFileWriter::open(const std::string& path, AVSampleFormat inputFormat, int inputRate, int inputChannels) {
+bool AudioFileWriter::open(const std::string& path, AVSampleFormat inputFormat, int inputRate,
+                           int inputChannels) {
     if (!m_output.open(path, "mov")) {
         return false;
     }
@@ -32,7 +33,8 @@ bool AudioFileWriter::open(const std::string& path, AVSampleFormat inputFormat, 
         encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     }
     if (!ff::check(avcodec_open2(encoder, codec, nullptr), "avcodec_open2") ||
-        !ff::check(avcodec_parameters_from_context(m_stream->codecpar, encoder), "avcodec_parameters_from_context")) {
+        !ff::check(avcodec_parameters_from_context(m_stream->codecpar, encoder),
+                   "avcodec_parameters_from_context")) {
         m_encoder.reset();
         return false;
     }
@@ -45,8 +47,8 @@ bool AudioFileWriter::open(const std::string& path, AVSampleFormat inputFormat, 
     AVChannelLayout inputLayout;
     av_channel_layout_default(&inputLayout, inputChannels);
     SwrContext* resampler = nullptr;
-    int result = swr_alloc_set_opts2(&resampler, &encoder->ch_layout, encoder->sample_fmt, SampleRate, &inputLayout,
-                                     inputFormat, inputRate, 0, nullptr);
+    int result = swr_alloc_set_opts2(&resampler, &encoder->ch_layout, encoder->sample_fmt, SampleRate,
+                                     &inputLayout, inputFormat, inputRate, 0, nullptr);
     av_channel_layout_uninit(&inputLayout);
     m_resampler.reset(resampler);
     if (resampler) {
@@ -68,8 +70,8 @@ bool AudioFileWriter::open(const std::string& path, AVSampleFormat inputFormat, 
     m_fifo.reset(av_audio_fifo_alloc(encoder->sample_fmt, 2, SampleRate));
     m_frame.reset(av_frame_alloc());
     m_packet.reset(av_packet_alloc());
-    if (!ff::check(result, "swr_alloc_set_opts2") || !ff::check(swr_init(m_resampler.get()), "swr_init") || !m_fifo ||
-        !m_frame || !m_packet) {
+    if (!ff::check(result, "swr_alloc_set_opts2") || !ff::check(swr_init(m_resampler.get()), "swr_init") ||
+        !m_fifo || !m_frame || !m_packet) {
         m_encoder.reset();
         return false;
     }
@@ -123,7 +125,8 @@ bool AudioFileWriter::drainFifo(bool flush) {
         m_frame->nb_samples = count;
         m_frame->format = m_encoder->sample_fmt;
         m_frame->sample_rate = SampleRate;
-        if (!ff::check(av_channel_layout_copy(&m_frame->ch_layout, &m_encoder->ch_layout), "av_channel_layout_copy") ||
+        if (!ff::check(av_channel_layout_copy(&m_frame->ch_layout, &m_encoder->ch_layout),
+                       "av_channel_layout_copy") ||
             !ff::check(av_frame_get_buffer(m_frame.get(), 0), "av_frame_get_buffer")) {
             return false;
         }
@@ -151,7 +154,8 @@ bool AudioFileWriter::finish() {
         const int room = swr_get_out_samples(m_resampler.get(), 0);
         if (room > 0) {
             std::vector<float> left(static_cast<size_t>(room)), right(static_cast<size_t>(room));
-            uint8_t* planes[2] = {reinterpret_cast<uint8_t*>(left.data()), reinterpret_cast<uint8_t*>(right.data())};
+            uint8_t* planes[2] = {reinterpret_cast<uint8_t*>(left.data()),
+                                  reinterpret_cast<uint8_t*>(right.data())};
             const int converted = swr_convert(m_resampler.get(), planes, room, nullptr, 0);
             if (converted > 0) {
                 av_audio_fifo_write(m_fifo.get(), reinterpret_cast<void**>(planes), converted);

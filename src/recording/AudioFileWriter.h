@@ -45,7 +45,7 @@ private:
     ff::Packet m_packet;
     bool m_headerWritten = false;
     std::chrono::system_clock::time_point m_firstSample; // the first captured sample's time
-    int64_t m_nextPts = 0; // in samples, the priming's included
+    int64_t m_nextPts = 0;                               // in samples, the priming's included
 };
 
 } // namespace zandor

@@ -22,14 +22,16 @@ template <class F> auto onThreadOf(QObject* context, F&& work) {
         QMetaObject::invokeMethod(context, std::forward<F>(work), Qt::BlockingQueuedConnection);
     } else {
         Result result{};
-        QMetaObject::invokeMethod(context, [&] { result = work(); }, Qt::BlockingQueuedConnection);
+        QMetaObject::invokeMethod(
+            context, [&] { result = work(); }, Qt::BlockingQueuedConnection);
         return result;
     }
 }
 
 } // namespace
 
-AudioRecord::AudioRecord(QString name, QThread* audioThread) : m_name(std::move(name)), m_thread(audioThread) {}
+AudioRecord::AudioRecord(QString name, QThread* audioThread)
+    : m_name(std::move(name)), m_thread(audioThread) {}
 
 AudioRecord::~AudioRecord() {
     std::scoped_lock lock(m_lock);
@@ -77,7 +79,8 @@ bool AudioRecord::createSession(const QString& bundlePath, const AudioSettings&)
     session->moveToThread(m_thread);
     const QString path = m_path;
     const bool preview = m_preview;
-    if (!onThreadOf(session, [session, input, preview, path] { return session->open(input, preview, path); })) {
+    if (!onThreadOf(session,
+                    [session, input, preview, path] { return session->open(input, preview, path); })) {
         onThreadOf(session, [session] { delete session; });
         return false;
     }

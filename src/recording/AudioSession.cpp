@@ -19,11 +19,16 @@ constexpr int PreviewBufferMs = 40;
 
 AVSampleFormat sampleFormat(QAudioFormat::SampleFormat format) {
     switch (format) {
-    case QAudioFormat::UInt8: return AV_SAMPLE_FMT_U8;
-    case QAudioFormat::Int16: return AV_SAMPLE_FMT_S16;
-    case QAudioFormat::Int32: return AV_SAMPLE_FMT_S32;
-    case QAudioFormat::Float: return AV_SAMPLE_FMT_FLT;
-    default: return AV_SAMPLE_FMT_NONE;
+    case QAudioFormat::UInt8:
+        return AV_SAMPLE_FMT_U8;
+    case QAudioFormat::Int16:
+        return AV_SAMPLE_FMT_S16;
+    case QAudioFormat::Int32:
+        return AV_SAMPLE_FMT_S32;
+    case QAudioFormat::Float:
+        return AV_SAMPLE_FMT_FLT;
+    default:
+        return AV_SAMPLE_FMT_NONE;
     }
 }
 
@@ -31,7 +36,9 @@ AVSampleFormat sampleFormat(QAudioFormat::SampleFormat format) {
 
 AudioSession::AudioSession() = default;
 
-AudioSession::~AudioSession() { stop(); }
+AudioSession::~AudioSession() {
+    stop();
+}
 
 bool AudioSession::open(const QAudioDevice& input, bool preview, const QString& path) {
     QAudioFormat wanted;

@@ -35,7 +35,8 @@ bool ImageRecorder::saveImage(const QImage& image, const QString& file) {
     PreferencesController& preferences = PreferencesController::instance();
     const bool png = preferences.preference(PreferenceCaptureImageFormat).toString() == QLatin1String("PNG");
     const QString folder = preferences.preference(PreferenceCaptureStorageFolder).toString();
-    const QString path = QStringLiteral("%1/%2.%3").arg(folder, file, png ? QStringLiteral("png") : QStringLiteral("jpg"));
+    const QString path =
+        QStringLiteral("%1/%2.%3").arg(folder, file, png ? QStringLiteral("png") : QStringLiteral("jpg"));
 
     QSaveFile out(path);
     if (!out.open(QIODevice::WriteOnly)) {

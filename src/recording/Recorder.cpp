@@ -12,7 +12,9 @@ Recorder::Recorder(std::vector<LayoutPtr> layouts)
 
 Recorder::~Recorder() = default;
 
-QString Recorder::stringWithCurrentDate() { return stringWithDate(QDateTime::currentDateTime()); }
+QString Recorder::stringWithCurrentDate() {
+    return stringWithDate(QDateTime::currentDateTime());
+}
 
 QString Recorder::stringWithDate(const QDateTime& date) {
     return date.toLocalTime().toString(QStringLiteral("dd_MM_yyyy HH_mm_ss"));

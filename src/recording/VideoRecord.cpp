@@ -9,7 +9,6 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
-
 namespace zandor {
 
 namespace {
@@ -24,7 +23,9 @@ const char* VideoRecord::encoderSpeed(const VideoQuality& preset) {
 
 VideoRecord::VideoRecord(LayoutPtr layout) : m_layout(std::move(layout)) {}
 
-VideoRecord::~VideoRecord() { stop(); }
+VideoRecord::~VideoRecord() {
+    stop();
+}
 
 bool VideoRecord::start(const QString& bundlePath) {
     std::scoped_lock lock(m_lock);
@@ -33,13 +34,15 @@ bool VideoRecord::start(const QString& bundlePath) {
     }
     m_recordPath = QStringLiteral("%1/Video%2.%3").arg(bundlePath, m_layout->name(), QStringLiteral("mov"));
     m_mergePath = QStringLiteral("%1/Merged%2.%3").arg(bundlePath, m_layout->name(), QStringLiteral("mp4"));
-    m_convertPath = QStringLiteral("%1/Converted%2.%3").arg(bundlePath, m_layout->name(), QStringLiteral("mp4"));
+    m_convertPath =
+        QStringLiteral("%1/Converted%2.%3").arg(bundlePath, m_layout->name(), QStringLiteral("mp4"));
 
     PreferencesController& preferences = PreferencesController::instance();
     m_quality = VideoQuality::qualityNamed(preferences.preference(PreferenceCaptureVideoQuality).toString());
     m_framesPerSecond = preferences.preference(PreferenceCaptureVideoFPS).toString();
     // A movie that is re-encoded at a fixed rate later is written near lossless first.
-    VideoQualityPtr preset = m_framesPerSecond == QLatin1String("Original") ? m_quality : VideoQuality::recordingQuality();
+    VideoQualityPtr preset =
+        m_framesPerSecond == QLatin1String("Original") ? m_quality : VideoQuality::recordingQuality();
 
     if (createWriter(*preset)) {
         m_recording = startWriter();
@@ -83,7 +86,8 @@ bool VideoRecord::createWriter(const VideoQuality& preset) {
     ff::Options options;
     options.set("preset", encoderSpeed(preset));
     if (!ff::check(avcodec_open2(encoder, codec, options.get()), "avcodec_open2") ||
-        !ff::check(avcodec_parameters_from_context(m_stream->codecpar, encoder), "avcodec_parameters_from_context")) {
+        !ff::check(avcodec_parameters_from_context(m_stream->codecpar, encoder),
+                   "avcodec_parameters_from_context")) {
         return false;
     }
     m_stream->time_base = Milliseconds;
@@ -118,8 +122,9 @@ bool VideoRecord::writeHeader(double firstFrameSeconds) {
     // The wall-clock time of the first frame, from which the merging tool lines up the sound.
     double captureStart = -1;
     if (auto device = m_layout->device()) {
-        const auto first = device->startTime() + std::chrono::duration_cast<std::chrono::system_clock::duration>(
-                                                      std::chrono::duration<double>(firstFrameSeconds));
+        const auto first =
+            device->startTime() + std::chrono::duration_cast<std::chrono::system_clock::duration>(
+                                      std::chrono::duration<double>(firstFrameSeconds));
         captureStart = std::chrono::duration<double>(first.time_since_epoch()).count();
     }
     m_headerWritten = ff::writeFragmentedHeader(m_output.get(), captureStart);

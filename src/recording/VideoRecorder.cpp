@@ -32,7 +32,9 @@ VideoRecorder::~VideoRecorder() {
     m_audioThread->wait();
 }
 
-void VideoRecorder::setDelegate(std::shared_ptr<RecorderDelegate> delegate) { m_delegate = std::move(delegate); }
+void VideoRecorder::setDelegate(std::shared_ptr<RecorderDelegate> delegate) {
+    m_delegate = std::move(delegate);
+}
 
 QString VideoRecorder::resultPath(const VideoRecord& record) const {
     if (m_videoRecords.size() > 1) {
@@ -44,8 +46,9 @@ QString VideoRecorder::resultPath(const VideoRecord& record) const {
 bool VideoRecorder::start() {
     m_done = false;
     PreferencesController& preferences = PreferencesController::instance();
-    m_basePath = QStringLiteral("%1/Capture %2")
-                     .arg(preferences.preference(PreferenceCaptureStorageFolder).toString(), stringWithCurrentDate());
+    m_basePath =
+        QStringLiteral("%1/Capture %2")
+            .arg(preferences.preference(PreferenceCaptureStorageFolder).toString(), stringWithCurrentDate());
     m_bundlePath = QStringLiteral("%1.%2").arg(m_basePath, QStringLiteral("zdrecord"));
     if (!QDir().mkpath(m_bundlePath)) {
         // Reported as a success on purpose: the caller shows the recording state although

@@ -102,7 +102,8 @@ FileRead readPreferencesFile(const QString& path, QByteArray& contents, QString&
         contents.resize(MaximumFileBytes + 1);
         qsizetype filled = 0;
         while (filled < contents.size()) {
-            const ssize_t n = ::read(fd, contents.data() + filled, static_cast<size_t>(contents.size() - filled));
+            const ssize_t n =
+                ::read(fd, contents.data() + filled, static_cast<size_t>(contents.size() - filled));
             if (n == 0) {
                 break;
             }
@@ -132,10 +133,11 @@ int nestingDepth(std::string_view xml, int limit) {
     const auto opens = [&](size_t at, std::string_view name) {
         const size_t end = at + name.size();
         return xml.compare(at, name.size(), name) == 0 && end < xml.size() &&
-               (xml[end] == '>' || xml[end] == '/' || xml[end] == ' ' || xml[end] == '\t' || xml[end] == '\n' ||
-                xml[end] == '\r');
+               (xml[end] == '>' || xml[end] == '/' || xml[end] == ' ' || xml[end] == '\t' ||
+                xml[end] == '\n' || xml[end] == '\r');
     };
-    for (size_t at = xml.find('<'); at != std::string_view::npos && deepest <= limit; at = xml.find('<', at + 1)) {
+    for (size_t at = xml.find('<'); at != std::string_view::npos && deepest <= limit;
+         at = xml.find('<', at + 1)) {
         if (xml.compare(at, 4, "<!--") == 0) {
             at = xml.find("-->", at);
         } else if (xml.compare(at, 9, "<![CDATA[") == 0) {
@@ -275,7 +277,8 @@ bool PreferencesController::store() {
     if (keepAside) {
         // What the user had is not destroyed: the unusable file (or pipe, or link) moves aside,
         // replacing an older one, before the new file takes its place.
-        const QByteArray from = QFile::encodeName(m_file), to = QFile::encodeName(m_file + QStringLiteral(".bad"));
+        const QByteArray from = QFile::encodeName(m_file),
+                         to = QFile::encodeName(m_file + QStringLiteral(".bad"));
         std::rename(from.constData(), to.constData());
     }
     const QByteArray xml = PropertyList::dictionary(snapshot).toXml();

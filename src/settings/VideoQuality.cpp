@@ -5,9 +5,12 @@ namespace zandor {
 const QList<VideoQualityPtr>& VideoQuality::videoQualities() {
     // The four lower presets share one bit rate on purpose and differ in key-frame spacing only.
     static const QList<VideoQualityPtr> qualities{
-        qualityWithName(QStringLiteral("Highest"), 9000, 30), qualityWithName(QStringLiteral("Higher"), 6000, 30),
-        qualityWithName(QStringLiteral("High"), 3000, 60),    qualityWithName(QStringLiteral("Medium"), 1000, 120),
-        qualityWithName(QStringLiteral("Low"), 1000, 240),    qualityWithName(QStringLiteral("Lower"), 1000, 360),
+        qualityWithName(QStringLiteral("Highest"), 9000, 30),
+        qualityWithName(QStringLiteral("Higher"), 6000, 30),
+        qualityWithName(QStringLiteral("High"), 3000, 60),
+        qualityWithName(QStringLiteral("Medium"), 1000, 120),
+        qualityWithName(QStringLiteral("Low"), 1000, 240),
+        qualityWithName(QStringLiteral("Lower"), 1000, 360),
         qualityWithName(QStringLiteral("Lowest"), 1000, 480),
     };
     return qualities;
@@ -22,6 +25,8 @@ VideoQualityPtr VideoQuality::qualityNamed(const QString& name) {
     return qualityNamed(QStringLiteral("Medium"));
 }
 
-VideoQualityPtr VideoQuality::recordingQuality() { return qualityWithName(QStringLiteral("Recording"), 100000, 1); }
+VideoQualityPtr VideoQuality::recordingQuality() {
+    return qualityWithName(QStringLiteral("Recording"), 100000, 1);
+}
 
 } // namespace zandor

@@ -100,7 +100,8 @@ TEST_F(CaptureLayoutViewTest, DrawsStraightIntoTheWindowLikeIntoAnImage) {
     auto frame = randomFrame(*m_top);
     deliver(m_top, {frame});
     m_view.repaint();
-    const QImage screen = window.screen()->grabWindow(window.winId()).toImage().convertToFormat(QImage::Format_RGB32);
+    const QImage screen =
+        window.screen()->grabWindow(window.winId()).toImage().convertToFormat(QImage::Format_RGB32);
     EXPECT_EQ(screen.copy(m_view.geometry()), expected(*m_top, *frame, m_view.size()));
     m_view.setParent(nullptr);
 }
@@ -124,14 +125,14 @@ TEST_F(CaptureLayoutViewTest, DrawsTheNewestFrameTwiceThenBlack) {
 TEST(MainWindowContentView, EveryKeyPressIsOneNotificationWithItsEvent) {
     MainWindowContentView view;
     std::vector<std::pair<QObject*, KeyEventPtr>> received;
-    auto connection = QObject::connect(Notifier::instance(), &Notifier::notified,
-                                       [&](const QString& name, const QVariant& object, const QVariantMap& info) {
-                                           if (name == MainWindowContentViewKeyNotification) {
-                                               received.push_back({object.value<QObject*>(),
-                                                                   info.value(MainWindowContentViewKeyEvent)
-                                                                       .value<KeyEventPtr>()});
-                                           }
-                                       });
+    auto connection = QObject::connect(
+        Notifier::instance(), &Notifier::notified,
+        [&](const QString& name, const QVariant& object, const QVariantMap& info) {
+            if (name == MainWindowContentViewKeyNotification) {
+                received.push_back({object.value<QObject*>(),
+                                    info.value(MainWindowContentViewKeyEvent).value<KeyEventPtr>()});
+            }
+        });
     QTest::keyClick(&view, Qt::Key_Escape);
     QTest::keyClick(&view, Qt::Key_A, Qt::ControlModifier, -1);
     QObject::disconnect(connection);

@@ -68,7 +68,8 @@ TEST(WindowSizing, PlacesTheViewFittedCentredAndCappedInFullScreen) {
         << "a cap above the fitted scale changes nothing";
     EXPECT_EQ(MainController::layoutViewFrame(screen, natural, true, false, 2, {}), QRect(510, 0, 900, 1080))
         << "no cap in a window";
-    EXPECT_EQ(MainController::layoutViewFrame({1000, 2000}, {720, 240}, true, false, 0, {}), QRect(0, 834, 1000, 333))
+    EXPECT_EQ(MainController::layoutViewFrame({1000, 2000}, {720, 240}, true, false, 0, {}),
+              QRect(0, 834, 1000, 333))
         << "833.5 rounds away from zero";
     EXPECT_EQ(MainController::layoutViewFrame(screen, natural, false, true, 0, {7, 9}), QRect(7, 9, 400, 480))
         << "a fixed layout keeps its place and size";
@@ -109,7 +110,8 @@ protected:
         for (auto* box : m_controller->mainWindow()->findChildren<QMessageBox*>()) {
             if (box->objectName() != "aboutWindow") {
                 titles << box->text() + " | " + box->informativeText() +
-                              (withDetails && !box->detailedText().isEmpty() ? " | " + box->detailedText() : "");
+                              (withDetails && !box->detailedText().isEmpty() ? " | " + box->detailedText()
+                                                                             : "");
             }
         }
         return titles;
@@ -129,8 +131,9 @@ protected:
 };
 
 TEST_F(MainControllerTest, PlayWithoutABoardSaysSoAndStaysStopped) {
-    const QString alert = "Could not connect to device. | It was not possible to connect to the capture device. "
-                          "Please insert the cable or check whether it is inserted correctly.";
+    const QString alert =
+        "Could not connect to device. | It was not possible to connect to the capture device. "
+        "Please insert the cable or check whether it is inserted correctly.";
     auto& ui = start(std::make_unique<AbsentBoard>());
     EXPECT_EQ(ui.playPauseItem->text(), "Play");
     EXPECT_FALSE(ui.screenshotItem->isEnabled());
@@ -142,10 +145,11 @@ TEST_F(MainControllerTest, PlayWithoutABoardSaysSoAndStaysStopped) {
     // A board we may not open: the same alert, with the rule to install behind its details.
     stop();
     start(std::make_unique<ForbiddenBoard>()).playPauseItem->trigger();
-    EXPECT_EQ(alerts(true), QStringList{alert + " | Zandor may not open the capture board's USB device. Install the "
-                                                "udev rule 70-zandor-capture.rules, then plug the board in again:\n"
-                                                "sudo cp resources/udev/70-zandor-capture.rules /etc/udev/rules.d/\n"
-                                                "sudo udevadm control --reload-rules"});
+    EXPECT_EQ(alerts(true),
+              QStringList{alert + " | Zandor may not open the capture board's USB device. Install the "
+                                  "udev rule 70-zandor-capture.rules, then plug the board in again:\n"
+                                  "sudo cp resources/udev/70-zandor-capture.rules /etc/udev/rules.d/\n"
+                                  "sudo udevadm control --reload-rules"});
 }
 
 TEST_F(MainControllerTest, WhileTheBoardIsAwayThePictureSaysSoUntilItIsBackOrPaused) {
@@ -304,13 +308,14 @@ TEST_F(MainControllerTest, PluginsOpenedOrHandedOverAreInstalledAndRefusalsAreSh
     ZDAppDelegate delegate(controller);
     QTemporaryDir downloads;
     EXPECT_FALSE(delegate.openFile(downloads.path() + "/missing.zdplugin"));
-    EXPECT_TRUE(alerts().last().startsWith("Could not install the plugin.")) << alerts().join("\n").toStdString();
+    EXPECT_TRUE(alerts().last().startsWith("Could not install the plugin."))
+        << alerts().join("\n").toStdString();
 
     // A second start of the application hands its plugins to this one.
     ASSERT_TRUE(delegate.listen());
-    const QString bundle = test::writeBundle(downloads.path(), "handed.zdplugin",
-                                             test::layoutDescriptor("Handed Over", 1, 400, 240,
-                                                                    R"(<object type="screen_top" x="0" y="0"/>)"));
+    const QString bundle = test::writeBundle(
+        downloads.path(), "handed.zdplugin",
+        test::layoutDescriptor("Handed Over", 1, 400, 240, R"(<object type="screen_top" x="0" y="0"/>)"));
     ASSERT_TRUE(ZDAppDelegate::sendToRunning({bundle}));
     QTRY_COMPARE_WITH_TIMEOUT(controller.activeLayout()->name(), QStringLiteral("Handed Over"), 20000);
 }

@@ -8,7 +8,8 @@ namespace {
 TEST(CommandLine, ReadsValuesFlagsAndPositionals) {
     CommandLine line({"board", "frames"}, {"play"});
     std::string error;
-    ASSERT_TRUE(line.parse({"--board", "replay:/tmp/a b.raw", "--frames=12", "--play", "x.zdplugin"}, error)) << error;
+    ASSERT_TRUE(line.parse({"--board", "replay:/tmp/a b.raw", "--frames=12", "--play", "x.zdplugin"}, error))
+        << error;
     EXPECT_EQ(line.value("board"), "replay:/tmp/a b.raw");
     EXPECT_EQ(line.value("frames"), "12");
     EXPECT_TRUE(line.flag("play"));

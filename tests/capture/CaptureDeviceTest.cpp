@@ -74,7 +74,8 @@ TEST_P(OpeningFailureTest, OpensInOrderStopsAtTheFailingStepLogsItsLineAndStarts
             EXPECT_CALL(*mock, openDeviceWithVidPid(0x16D0, 0x06A3)).WillOnce(Return(failingStep > 1));
         }
         if (failingStep >= 2) {
-            EXPECT_CALL(*mock, setConfiguration(1)).WillOnce(Return(failingStep == 2 ? usb::ErrorIo : usb::Success));
+            EXPECT_CALL(*mock, setConfiguration(1))
+                .WillOnce(Return(failingStep == 2 ? usb::ErrorIo : usb::Success));
         }
         if (failingStep >= 3) {
             EXPECT_CALL(*mock, claimInterface(0)).WillOnce(Return(usb::ErrorAccess));
@@ -87,7 +88,8 @@ TEST_P(OpeningFailureTest, OpensInOrderStopsAtTheFailingStepLogsItsLineAndStarts
     auto device = CaptureDevice::create(std::move(mock));
     EXPECT_FALSE(device->startListening());
     EXPECT_EQ(log.lines(), std::vector<std::string>{line});
-    EXPECT_FALSE(device->isListening() || device->screen(0)->isListening() || device->screen(1)->isListening());
+    EXPECT_FALSE(device->isListening() || device->screen(0)->isListening() ||
+                 device->screen(1)->isListening());
     EXPECT_EQ(DetachedThread::running(), 0);
 }
 
@@ -288,9 +290,10 @@ TEST(CaptureDeviceReconnect, ABoardBackWithANodeWeMayNotOpenIsNamedOnceAndTakenW
     board->replug();
     // Three attempts, half a second apart, all refused: one line says why.
     EXPECT_TRUE(board->waitForRefusals(3));
-    EXPECT_EQ(log.count("No permission to open the capture board at /dev/bus/usb/001/009: install the udev rule "
-                        "70-zandor-capture.rules (see README) and plug the board in again"),
-              1u);
+    EXPECT_EQ(
+        log.count("No permission to open the capture board at /dev/bus/usb/001/009: install the udev rule "
+                  "70-zandor-capture.rules (see README) and plug the board in again"),
+        1u);
     EXPECT_EQ(log.countPrefix("Could not"), 0u);
     board->lockOut(false);
     EXPECT_TRUE(log.waitFor("Capture device reconnected", 20s));

@@ -132,7 +132,8 @@ TEST_F(CaptureScreenPipeline, AStoppedScreenPublishesNothingMoreButKeepsItsObser
 }
 
 TEST_F(CaptureScreenPipeline, AFullScreenQueueLogsTheObserverThenTheScreen) {
-    const std::string screenLine = "Frame was skipped as the buffer for screen with offset '288000' became too large";
+    const std::string screenLine =
+        "Frame was skipped as the buffer for screen with offset '288000' became too large";
     auto slow = m_device->screen(1)->addObserver();
     m_board->holdAt(21);
     LogCapture log;

@@ -25,7 +25,8 @@ protected:
 
     // Takes screenshots of the demo board into out() and gives the files it printed.
     std::vector<std::string> screenshot(const std::vector<std::string>& options) {
-        std::vector<std::string> command = {ZANDOR_CLI, "screenshot", "--board", "demo", "--out", out().toStdString()};
+        std::vector<std::string> command = {ZANDOR_CLI, "screenshot", "--board",
+                                            "demo",     "--out",      out().toStdString()};
         command.insert(command.end(), options.begin(), options.end());
         const auto result = runProcess(command);
         EXPECT_EQ(result.exitCode, 0) << result.err;
@@ -56,7 +57,8 @@ TEST_F(CaptureCommandsTest, ScreenshotSavesTheChosenLayoutsAndPrintsTheFiles) {
     EXPECT_EQ(probe(printed[bottom]), "mjpeg,320,240\n");
 
     EXPECT_EQ(probe(screenshot({"--layout", "Side by Side"}).at(0)), "png,720,240\n");
-    EXPECT_FALSE(QFileInfo::exists(m_home.path() + "/data/Zandor/preferences.plist")) << "settings are never written";
+    EXPECT_FALSE(QFileInfo::exists(m_home.path() + "/data/Zandor/preferences.plist"))
+        << "settings are never written";
 }
 
 TEST_F(CaptureCommandsTest, ScreenshotRefusesUnknownLayoutsAndFolders) {

@@ -43,12 +43,14 @@ protected:
 };
 
 TEST_F(DumpCommandTest, WritesTheDemoBoardsFramesAndReplaysThemInALoop) {
-    const std::string demo = (m_folder / "demo frames.raw").string(), again = (m_folder / "again.raw").string();
+    const std::string demo = (m_folder / "demo frames.raw").string(),
+                      again = (m_folder / "again.raw").string();
     auto result = dump({"--board", "demo", "--frames", "4", "--out", demo});
     ASSERT_EQ(result.exitCode, 0) << result.err;
     EXPECT_NE(result.out.find("Wrote 4 frames (2073600 bytes)"), std::string::npos) << result.out;
     std::ifstream demoFile(demo, std::ios::binary);
-    const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(demoFile), std::istreambuf_iterator<char>()};
+    const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(demoFile),
+                                     std::istreambuf_iterator<char>()};
     ASSERT_EQ(bytes.size(), 4 * raw::FrameBytes);
     std::vector<uint8_t> expected(raw::FrameBytes);
     const long frame = static_cast<long>(raw::FrameBytes);
@@ -61,7 +63,8 @@ TEST_F(DumpCommandTest, WritesTheDemoBoardsFramesAndReplaysThemInALoop) {
     result = dump({"--board", "replay:" + demo, "--frames", "6", "--out", again});
     ASSERT_EQ(result.exitCode, 0) << result.err;
     std::ifstream againFile(again, std::ios::binary);
-    const std::vector<uint8_t> replayed{std::istreambuf_iterator<char>(againFile), std::istreambuf_iterator<char>()};
+    const std::vector<uint8_t> replayed{std::istreambuf_iterator<char>(againFile),
+                                        std::istreambuf_iterator<char>()};
     ASSERT_EQ(replayed.size(), 6 * raw::FrameBytes);
     EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), replayed.begin()));
     EXPECT_TRUE(std::equal(bytes.begin(), bytes.begin() + 2 * frame, replayed.begin() + 4 * frame));

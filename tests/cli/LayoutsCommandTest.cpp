@@ -44,8 +44,10 @@ TEST_F(LayoutsCommandTest, ListsTheApplicationLayoutsThenTheScreenLayouts) {
     EXPECT_EQ(first["origin"].toString(), "application");
     bool sideBySide = false;
     for (qsizetype i = 1; i < entries.size() - 2; ++i) {
-        EXPECT_GE(entries[i - 1].toObject()["importance"].toInteger(), entries[i].toObject()["importance"].toInteger());
-        sideBySide |= entries[i].toObject()["width"].toInt() == 720 && entries[i].toObject()["height"].toInt() == 240;
+        EXPECT_GE(entries[i - 1].toObject()["importance"].toInteger(),
+                  entries[i].toObject()["importance"].toInteger());
+        sideBySide |=
+            entries[i].toObject()["width"].toInt() == 720 && entries[i].toObject()["height"].toInt() == 240;
     }
     EXPECT_TRUE(sideBySide);
     auto top = entries[entries.size() - 2].toObject(), bottom = entries.last().toObject();
@@ -63,16 +65,19 @@ TEST_F(LayoutsCommandTest, ListsTheApplicationLayoutsThenTheScreenLayouts) {
 
 TEST_F(LayoutsCommandTest, InstallsAPluginForTheUserAndRefusesBadOnes) {
     QTemporaryDir downloads;
-    QString bundle = test::writeBundle(downloads.path(), "mine.zdplugin",
-                                       test::layoutDescriptor("Mine", 5, 400, 240, {}, R"(<background r="1" g="2" b="3"/>)"));
+    QString bundle = test::writeBundle(
+        downloads.path(), "mine.zdplugin",
+        test::layoutDescriptor("Mine", 5, 400, 240, {}, R"(<background r="1" g="2" b="3"/>)"));
     auto result = runProcess({ZANDOR_CLI, "install-plugin", bundle.toStdString()});
     ASSERT_EQ(result.exitCode, 0) << result.err;
     EXPECT_FALSE(QFileInfo::exists(bundle));
     EXPECT_TRUE(QFileInfo::exists(userFolder() + "/mine.zdplugin/plugin.xml"));
     auto listed = runProcess({ZANDOR_CLI, "layouts"});
-    EXPECT_NE(listed.out.find("Mine\t400\t240\tresizable\t1,2,3\tuser\t5\n"), std::string::npos) << listed.out;
+    EXPECT_NE(listed.out.find("Mine\t400\t240\tresizable\t1,2,3\tuser\t5\n"), std::string::npos)
+        << listed.out;
 
-    QString again = test::writeBundle(downloads.path(), "mine.zdplugin", test::layoutDescriptor("Again", 5, 400, 240));
+    QString again =
+        test::writeBundle(downloads.path(), "mine.zdplugin", test::layoutDescriptor("Again", 5, 400, 240));
     result = runProcess({ZANDOR_CLI, "install-plugin", again.toStdString()});
     EXPECT_NE(result.exitCode, 0);
     EXPECT_NE(result.err.find("already installed"), std::string::npos) << result.err;

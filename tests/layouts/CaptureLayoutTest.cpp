@@ -33,7 +33,8 @@ public:
     const std::vector<uint8_t>& draw(const uint8_t* top, const uint8_t* bottom) {
         const auto& objects = m_plugin.objects();
         qsizetype start = 0;
-        while (m_drawn && start < objects.size() && !objects[start]["type"].toString().startsWith("screen_")) {
+        while (m_drawn && start < objects.size() &&
+               !objects[start]["type"].toString().startsWith("screen_")) {
             ++start;
         }
         paint(!m_drawn, start, top, bottom);
@@ -105,7 +106,8 @@ QImage randomImage(std::mt19937& random, int width, int height) {
         for (int x = 0; x < width; ++x) {
             int choice = static_cast<int>(random() % 4);
             int alpha = choice == 0 ? 0 : choice == 1 ? 255 : static_cast<int>(random() % 256);
-            image.setPixelColor(x, y, QColor(int(random() % 256), int(random() % 256), int(random() % 256), alpha));
+            image.setPixelColor(x, y,
+                                QColor(int(random() % 256), int(random() % 256), int(random() % 256), alpha));
         }
     }
     return image;
@@ -125,7 +127,8 @@ protected:
         EXPECT_TRUE(DetachedThread::waitForAll(20s));
     }
 
-    std::shared_ptr<LayoutPlugin> plugin(const QByteArray& descriptor, const QMap<QString, QImage>& images = {}) {
+    std::shared_ptr<LayoutPlugin> plugin(const QByteArray& descriptor,
+                                         const QMap<QString, QImage>& images = {}) {
         auto bundle = test::writeBundle(m_folder.path(), QStringLiteral("l%1.zdplugin").arg(++m_count),
                                         descriptor, images);
         auto plugin = std::make_shared<LayoutPlugin>(bundle, false);
@@ -143,7 +146,8 @@ protected:
 };
 
 // Runs the layout live for five frames and compares each with the obvious compositor.
-void CaptureLayoutTest::expectLikeTheReference(const QByteArray& descriptor, const QMap<QString, QImage>& images) {
+void CaptureLayoutTest::expectLikeTheReference(const QByteArray& descriptor,
+                                               const QMap<QString, QImage>& images) {
     auto layoutPlugin = plugin(descriptor, images);
     auto layout = CaptureLayout::createWithPlugin(layoutPlugin, m_device);
     ReferenceCanvas reference(*layoutPlugin, images);
@@ -198,18 +202,22 @@ TEST_F(CaptureLayoutTest, CompositesImagesOverAndUnderScreensLikeTheObviousCompo
 TEST_F(CaptureLayoutTest, CompositesScreensOverAStillCanvasLikeTheObviousCompositor) {
     std::mt19937 random(7);
     // Only screens after the first screen, all inside the canvas, overlapping each other.
-    expectLikeTheReference(test::layoutDescriptor("Still", 1, 460, 500,
-                                                  R"(<object type="image" x="100" y="150" resource="under.png"/>
+    expectLikeTheReference(
+        test::layoutDescriptor("Still", 1, 460, 500,
+                               R"(<object type="image" x="100" y="150" resource="under.png"/>
            <object type="screen_bottom" x="20" y="200"/>
            <object type="screen_top" x="30" y="10"/>
            <object type="screen_bottom" x="140" y="250"/>)",
-                                                  R"(<background r="1" g="2" b="3"/>)"),
-                           {{"under.png", randomImage(random, 300, 200)}});
+                               R"(<background r="1" g="2" b="3"/>)"),
+        {{"under.png", randomImage(random, 300, 200)}});
 }
 
 TEST_F(CaptureLayoutTest, PairsScreensOnlyWhenBothDeliver) {
-    auto layout = CaptureLayout::createWithPlugin(plugin(test::layoutDescriptor("Pair", 1, 720, 240,
-        R"(<object type="screen_top" x="0" y="0"/><object type="screen_bottom" x="400" y="0"/>)")), m_device);
+    auto layout = CaptureLayout::createWithPlugin(
+        plugin(test::layoutDescriptor(
+            "Pair", 1, 720, 240,
+            R"(<object type="screen_top" x="0" y="0"/><object type="screen_bottom" x="400" y="0"/>)")),
+        m_device);
     auto frames = layout->addObserver(m_wakeup);
     auto tops = m_device->screen(0)->addObserver(m_wakeup);
     layout->startListening();

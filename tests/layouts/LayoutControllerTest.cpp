@@ -25,7 +25,8 @@ protected:
     QString user() const { return m_root.path() + "/user/"; }
 
     std::shared_ptr<LayoutPlugin> userPlugin(const QString& name) {
-        auto bundle = test::writeBundle(user(), name + ".zdplugin", test::layoutDescriptor(name, 1, 400, 240));
+        auto bundle =
+            test::writeBundle(user(), name + ".zdplugin", test::layoutDescriptor(name, 1, 400, 240));
         auto plugin = std::make_shared<LayoutPlugin>(bundle, true);
         EXPECT_TRUE(plugin->parse());
         return plugin;
@@ -48,7 +49,8 @@ TEST_F(LayoutControllerTest, WithoutPluginsOnlyTheScreenLayoutsExist) {
     EXPECT_EQ(catalogue.layoutNamed("Top"), nullptr);
 
     catalogue.addPlugin(userPlugin("Mine"));
-    EXPECT_EQ(titles(catalogue.menuItems()), (QStringList{"---", "Mine"})) << "only user layouts: separator first";
+    EXPECT_EQ(titles(catalogue.menuItems()), (QStringList{"---", "Mine"}))
+        << "only user layouts: separator first";
 }
 
 TEST_F(LayoutControllerTest, MenuListsApplicationLayoutsThenUserLayoutsByName) {
@@ -57,7 +59,8 @@ TEST_F(LayoutControllerTest, MenuListsApplicationLayoutsThenUserLayoutsByName) {
     PluginController registry(app(), user());
     LayoutController catalogue(registry);
     catalogue.setDevice(m_device);
-    EXPECT_EQ(titles(catalogue.menuItems()), (QStringList{"High", "Low"})) << "no separator without user layouts";
+    EXPECT_EQ(titles(catalogue.menuItems()), (QStringList{"High", "Low"}))
+        << "no separator without user layouts";
 
     auto first = catalogue.layoutNamed("High");
     auto added = catalogue.addPlugin(userPlugin("High"));

@@ -12,7 +12,9 @@
 namespace zandor {
 namespace {
 
-QByteArray layout(const QString& name, int importance) { return test::layoutDescriptor(name, importance, 400, 240); }
+QByteArray layout(const QString& name, int importance) {
+    return test::layoutDescriptor(name, importance, 400, 240);
+}
 
 QStringList names(const QList<PluginPtr>& plugins) {
     QStringList result;
@@ -45,7 +47,8 @@ TEST_F(PluginControllerTest, OnlyDirectoriesNamedZdpluginWithADescriptorArePlugi
     auto untyped = test::writeBundle(folder, "untyped.zdplugin", "<a><name>Valid but untyped</name></a>");
     EXPECT_EQ(PluginController::typePluginFile(untyped), Plugin::NoType);
     EXPECT_EQ(PluginController::parsePlugin(untyped, false), nullptr);
-    auto latin1 = test::writeBundle(folder, "latin1.zdplugin", "<ZandorLayout><name>Caf\xe9</name></ZandorLayout>");
+    auto latin1 =
+        test::writeBundle(folder, "latin1.zdplugin", "<ZandorLayout><name>Caf\xe9</name></ZandorLayout>");
     EXPECT_EQ(PluginController::typePluginFile(latin1), Plugin::NoType) << "not UTF-8";
     auto comment = test::writeBundle(folder, "comment.zdplugin", "<a><!-- ZandorLayout --></a>");
     EXPECT_EQ(PluginController::typePluginFile(comment), Plugin::LayoutType);
@@ -62,10 +65,12 @@ TEST_F(PluginControllerTest, LoadsBothFoldersSortedByImportance) {
     EXPECT_EQ(registry.plugins()[1]->importance(), 7);
     auto fromUser = registry.pluginsFromUser(true);
     ASSERT_EQ(fromUser.size(), 1);
-    EXPECT_TRUE(fromUser[0]->file().endsWith("/Zandor/Plugins//seven.zdplugin")) << fromUser[0]->file().toStdString();
+    EXPECT_TRUE(fromUser[0]->file().endsWith("/Zandor/Plugins//seven.zdplugin"))
+        << fromUser[0]->file().toStdString();
     EXPECT_EQ(names(registry.pluginTyped(Plugin::LayoutType, false)), (QStringList{"Ten", "Five"}));
     EXPECT_EQ(registry.pluginTyped(Plugin::NoType).size(), 0);
-    EXPECT_EQ(registry.pluginNamed("Ten", Plugin::LayoutType)->importance(), 10) << "the higher of two of a name";
+    EXPECT_EQ(registry.pluginNamed("Ten", Plugin::LayoutType)->importance(), 10)
+        << "the higher of two of a name";
     EXPECT_EQ(registry.pluginNamed("ten", Plugin::LayoutType), nullptr);
 }
 

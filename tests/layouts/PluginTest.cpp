@@ -12,7 +12,8 @@ namespace {
 class PluginTest : public ::testing::Test {
 protected:
     std::shared_ptr<LayoutPlugin> parsed(const QByteArray& descriptor, bool expectSuccess = true) {
-        QString path = test::writeBundle(m_folder.path(), QStringLiteral("p%1.zdplugin").arg(++m_count), descriptor);
+        QString path =
+            test::writeBundle(m_folder.path(), QStringLiteral("p%1.zdplugin").arg(++m_count), descriptor);
         auto plugin = std::make_shared<LayoutPlugin>(path, false);
         EXPECT_EQ(plugin->parse(), expectSuccess) << descriptor.toStdString();
         return plugin;
@@ -76,9 +77,11 @@ TEST_F(PluginTest, ReadsTheWorkedExampleLayout) {
     EXPECT_EQ(plugin->background()->blue, 64 / 255.0);
     EXPECT_EQ(plugin->background()->alpha, 1.0);
     ASSERT_EQ(plugin->objects().size(), 3);
-    EXPECT_EQ(plugin->objects()[0],
-              (QVariantMap{{"type", "image"}, {"x", qint64(0)}, {"y", qint64(0)}, {"resource", "backdrop.png"}}));
-    EXPECT_EQ(plugin->objects()[2], (QVariantMap{{"type", "screen_bottom"}, {"x", qint64(400)}, {"y", qint64(0)}}));
+    EXPECT_EQ(
+        plugin->objects()[0],
+        (QVariantMap{{"type", "image"}, {"x", qint64(0)}, {"y", qint64(0)}, {"resource", "backdrop.png"}}));
+    EXPECT_EQ(plugin->objects()[2],
+              (QVariantMap{{"type", "screen_bottom"}, {"x", qint64(400)}, {"y", qint64(0)}}));
 }
 
 TEST_F(PluginTest, LayoutAttributesFollowTheirOwnRules) {

@@ -65,20 +65,23 @@ TEST(AudioFileWriterTest, ASoundPlaysAtTheWallClockTimeItWasCaptured) {
             const auto captured =
                 start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
                             static_cast<double>(first) / Rate / capture.clockRate));
-            EXPECT_TRUE(writer.write(reinterpret_cast<const uint8_t*>(buffer.data()), BufferFrames, captured));
+            EXPECT_TRUE(
+                writer.write(reinterpret_cast<const uint8_t*>(buffer.data()), BufferFrames, captured));
         }
         EXPECT_TRUE(writer.finish());
 
         // When the movie plays the click: its start time from the metadata plus where the click is
         // in the decoded sound.
         const double movieStart =
-            test::probe(path, {"-show_entries", "format_tags=zandor_capture_start"})["format"][u"tags"]
-                       [u"zandor_capture_start"]
-                           .toString()
-                           .toDouble() -
+            test::probe(path,
+                        {"-show_entries",
+                         "format_tags=zandor_capture_start"})["format"][u"tags"][u"zandor_capture_start"]
+                .toString()
+                .toDouble() -
             std::chrono::duration<double>(start.time_since_epoch()).count();
         const auto sound = test::decodeSound(path);
-        const auto onset = std::find_if(sound.begin(), sound.end(), [](int16_t s) { return std::abs(s) >= 8192; });
+        const auto onset =
+            std::find_if(sound.begin(), sound.end(), [](int16_t s) { return std::abs(s) >= 8192; });
         ASSERT_NE(onset, sound.end()) << "no click in the movie";
         EXPECT_NEAR(movieStart + static_cast<double>(onset - sound.begin()) / Rate, capture.clickSeconds,
                     capture.tolerance);

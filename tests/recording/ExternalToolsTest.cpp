@@ -110,16 +110,17 @@ TEST_F(ShellCommandTest, WrappersPassTheirExactArgumentListsWithoutAShell) {
         return QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts);
     };
     // The tools write their arguments, one per line, to a file beside them.
-    const QByteArray recorder = "for a in \"$@\"; do printf '%s\\n' \"$a\"; done > \"$(dirname \"$0\")/arguments\"\n";
+    const QByteArray recorder =
+        "for a in \"$@\"; do printf '%s\\n' \"$a\"; done > \"$(dirname \"$0\")/arguments\"\n";
     writeTool("SublerCLI", recorder);
     writeTool("HandBrakeCLI", recorder);
 
     ASSERT_TRUE(SublerWrapper::instance().appendSource(source, tricky));
     EXPECT_EQ(recordedArguments(), (QStringList{"-source", source, "-dest", tricky}));
     ASSERT_TRUE(HandBrakeWrapper::instance().convert(source, tricky, "2500", "30"));
-    EXPECT_EQ(recordedArguments(), (QStringList{"--input", source, "--output", tricky, "--encoder", "x264", "--format",
-                                                "mp4", "--rate", "30", "--vb", "2500", "--aencoder", "copy:aac",
-                                                "--optimize"}));
+    EXPECT_EQ(recordedArguments(),
+              (QStringList{"--input", source, "--output", tricky, "--encoder", "x264", "--format", "mp4",
+                           "--rate", "30", "--vb", "2500", "--aencoder", "copy:aac", "--optimize"}));
 }
 
 TEST_F(ShellCommandTest, MissingToolFailsAndIsNeverTakenFromTheSearchPath) {
@@ -144,11 +145,13 @@ protected:
     static void SetUpTestSuite() {
         s_media = new QTemporaryDir(QDir::tempPath() + "/zandor media XXXXXX");
         ASSERT_TRUE(s_media->isValid());
-        const std::vector<std::string> video = {"-f", "lavfi", "-i", "testsrc=size=400x240:rate=60", "-c:v", "libx264"};
+        const std::vector<std::string> video = {"-f",   "lavfi",  "-i", "testsrc=size=400x240:rate=60",
+                                                "-c:v", "libx264"};
         const std::vector<std::string> sound = {"-f", "lavfi", "-i", "sine=frequency=440", "-c:a", "aac"};
-        for (const auto& [name, input, captureStart] :
-             {std::tuple{"video file.mov", video, VideoStart}, {"audio file.mov", sound, nullptr},
-              {"audio later.mov", sound, "1763760000.500000"}, {"audio earlier.mov", sound, "1763759999.700000"}}) {
+        for (const auto& [name, input, captureStart] : {std::tuple{"video file.mov", video, VideoStart},
+                                                        {"audio file.mov", sound, nullptr},
+                                                        {"audio later.mov", sound, "1763760000.500000"},
+                                                        {"audio earlier.mov", sound, "1763759999.700000"}}) {
             std::vector<std::string> command{"ffmpeg", "-v", "error", "-y"};
             command.insert(command.end(), input.begin(), input.end());
             command.insert(command.end(), {"-t", "1", "-f", "mov"});
@@ -174,11 +177,15 @@ protected:
         return runProcess({ZANDOR_SUBLERCLI, "-source", source, "-dest", destination});
     }
 
-    static QJsonObject probe(const std::string& file) { return test::probe(file, {"-show_format", "-show_streams"}); }
+    static QJsonObject probe(const std::string& file) {
+        return test::probe(file, {"-show_format", "-show_streams"});
+    }
     static QJsonObject stream(const QJsonObject& probed, const QString& codec) {
         return test::streamWith(probed, "codec_name", codec);
     }
-    static double seconds(const QJsonValue& object, const char* key) { return object[key].toString().toDouble(); }
+    static double seconds(const QJsonValue& object, const char* key) {
+        return object[key].toString().toDouble();
+    }
     static QString captureStart(const QJsonObject& probed) {
         return probed["format"][u"tags"][u"zandor_capture_start"].toString();
     }

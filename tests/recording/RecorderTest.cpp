@@ -177,11 +177,13 @@ TEST_F(RecorderTest, AScreenshotInTheSameSecondReplacesTheFirst) {
     ASSERT_EQ(saved.size(), 2);
     ASSERT_EQ(saved[0], saved[1]) << "three tries all crossed a second boundary";
     EXPECT_EQ(files().size(), 1);
-    EXPECT_TRUE(QDir(m_folder.path()).entryList(QDir::Hidden | QDir::Files).size() == 1) << "no temporary file left";
+    EXPECT_TRUE(QDir(m_folder.path()).entryList(QDir::Hidden | QDir::Files).size() == 1)
+        << "no temporary file left";
 }
 
 TEST_F(RecorderTest, AnUnwritableFolderStillFinishesTheScreenshot) {
-    PreferencesController::instance().setPreference(PreferenceCaptureStorageFolder, m_folder.path() + "/missing");
+    PreferencesController::instance().setPreference(PreferenceCaptureStorageFolder,
+                                                    m_folder.path() + "/missing");
     auto recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_top});
     recorder->start();
     ASSERT_TRUE(m_device->startListening());

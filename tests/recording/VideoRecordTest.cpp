@@ -46,8 +46,9 @@ struct ProbedFrame {
 
 // The picture's size and its frames in presentation order, as ffprobe reads them.
 std::pair<QString, std::vector<ProbedFrame>> probe(const QString& file) {
-    const auto json = test::probe(file.toStdString(), {"-select_streams", "v:0", "-show_entries",
-                                                       "stream=codec_name,width,height:frame=pts_time,key_frame"});
+    const auto json =
+        test::probe(file.toStdString(), {"-select_streams", "v:0", "-show_entries",
+                                         "stream=codec_name,width,height:frame=pts_time,key_frame"});
     const auto stream = json["streams"][0];
     std::vector<ProbedFrame> frames;
     for (const auto& frame : json["frames"].toArray()) {
@@ -77,8 +78,9 @@ protected:
     }
 
     LayoutPtr layout(int width, int height) {
-        auto bundle = test::writeBundle(m_folder.path(), QStringLiteral("L%1.zdplugin").arg(width),
-                                        test::layoutDescriptor(QStringLiteral("Size %1").arg(width), 1, width, height));
+        auto bundle =
+            test::writeBundle(m_folder.path(), QStringLiteral("L%1.zdplugin").arg(width),
+                              test::layoutDescriptor(QStringLiteral("Size %1").arg(width), 1, width, height));
         auto plugin = std::make_shared<LayoutPlugin>(bundle, false);
         EXPECT_TRUE(plugin->parse());
         return CaptureLayout::createWithPlugin(plugin, m_device);

@@ -56,7 +56,8 @@ protected:
     void SetUp() override {
         test::isolateUserFolders();
         ASSERT_TRUE(DetachedThread::waitForAll(20s));
-        for (const auto& [name, script] : {std::pair{"SublerCLI", FakeSubler}, {"HandBrakeCLI", FakeHandBrake}}) {
+        for (const auto& [name, script] :
+             {std::pair{"SublerCLI", FakeSubler}, {"HandBrakeCLI", FakeHandBrake}}) {
             QFile tool(m_tools.path() + "/" + name);
             ASSERT_TRUE(tool.open(QIODevice::WriteOnly));
             tool.write(script);
@@ -81,15 +82,16 @@ protected:
         EXPECT_TRUE(DetachedThread::waitForAll(20s));
     }
 
-
     QStringList calls() const {
         QFile file(m_tools.path() + "/calls");
-        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts)
-                                              : QStringList();
+        return file.open(QIODevice::ReadOnly)
+                   ? QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts)
+                   : QStringList();
     }
 
     // Records until every layout has given a few frames, then stops and waits for finalising.
-    std::shared_ptr<VideoRecorder> record(std::vector<LayoutPtr> layouts, const std::shared_ptr<Delegate>& delegate) {
+    std::shared_ptr<VideoRecorder> record(std::vector<LayoutPtr> layouts,
+                                          const std::shared_ptr<Delegate>& delegate) {
         auto recorder = std::make_shared<VideoRecorder>(layouts);
         recorder->setDelegate(delegate);
         auto wakeup = std::make_shared<Wakeup>();
@@ -104,7 +106,8 @@ protected:
     }
 
     QStringList storage() const {
-        return QDir(m_storage.path() + "/new/folder").entryList(QDir::AllEntries | QDir::NoDotAndDotDot, QDir::Name);
+        return QDir(m_storage.path() + "/new/folder")
+            .entryList(QDir::AllEntries | QDir::NoDotAndDotDot, QDir::Name);
     }
 
     QTemporaryDir m_tools;
@@ -159,7 +162,8 @@ TEST_F(VideoRecorderTest, AFailedMergeOrConversionIsReportedAndTheRecordingStill
 TEST_F(VideoRecorderTest, ABundleThatCannotBeMadeStartsNothingButSaysYes) {
     QFile blocker(m_storage.path() + "/file");
     ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
-    PreferencesController::instance().setPreference(PreferenceCaptureStorageFolder, m_storage.path() + "/file");
+    PreferencesController::instance().setPreference(PreferenceCaptureStorageFolder,
+                                                    m_storage.path() + "/file");
     LogCapture log;
     auto recorder = std::make_shared<VideoRecorder>(
         std::vector<LayoutPtr>{CaptureLayout::createWithScreen(m_device->screen(0), "Single")});

@@ -82,7 +82,8 @@ TEST_F(PreferencesStore, FirstStartGivesTheDefaultsAndWritesNothing) {
     PreferencesController store(path());
     EXPECT_EQ(store.preference(PreferenceFirstRun), QVariant(true));
     EXPECT_EQ(store.preference(PreferenceCaptureStorageFolder), QVariant(home + "/Desktop"));
-    EXPECT_FALSE(store.preference(PreferenceCaptureGameAudioInput).isValid()) << "no sound server, no default";
+    EXPECT_FALSE(store.preference(PreferenceCaptureGameAudioInput).isValid())
+        << "no sound server, no default";
     EXPECT_TRUE(store.load());
     EXPECT_TRUE(filesInFolder().isEmpty());
 
@@ -162,8 +163,8 @@ TEST_F(PreferencesStore, UnknownKeysOfAnyTypeSurviveRewrites) {
 
 // An unknown key holding arrays nested `depth` deep, inside the top dictionary.
 QByteArray nested(int depth) {
-    return "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Unknown</key>" + QByteArray("<array>").repeated(depth) +
-           QByteArray("</array>").repeated(depth) + "</dict></plist>";
+    return "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Unknown</key>" +
+           QByteArray("<array>").repeated(depth) + QByteArray("</array>").repeated(depth) + "</dict></plist>";
 }
 
 struct UnusableFile {
@@ -207,13 +208,16 @@ INSTANTIATE_TEST_SUITE_P(
         UnusableFile{"NotXml", [](const QString& p) { return written(p, "not a property list"); }},
         UnusableFile{"Truncated",
                      [](const QString& p) {
-                         return written(p, R"(<?xml version="1.0"?><plist version="1.0"><dict><key>A</key><string>J)");
+                         return written(
+                             p, R"(<?xml version="1.0"?><plist version="1.0"><dict><key>A</key><string>J)");
                      }},
         UnusableFile{"NoDictionary",
                      [](const QString& p) {
                          return written(p, R"(<?xml version="1.0"?><plist version="1.0"><array/></plist>)");
                      }},
-        UnusableFile{"Binary", [](const QString& p) { return written(p, QByteArray("\xff\xfe\x00<plist>\x00\x01", 12)); }},
+        UnusableFile{
+            "Binary",
+            [](const QString& p) { return written(p, QByteArray("\xff\xfe\x00<plist>\x00\x01", 12)); }},
         // Nested too deep for the parser's stack, and deeper than we keep.
         UnusableFile{"Nested100000Deep", [](const QString& p) { return written(p, nested(100000)); }},
         UnusableFile{"Nested1000Deep", [](const QString& p) { return written(p, nested(1000)); }},

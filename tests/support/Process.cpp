@@ -39,8 +39,8 @@ ProcessResult runProcess(const std::vector<std::string>& arguments, std::chrono:
     std::string* sinks[2] = {&result.out, &result.err};
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     for (int open = spawned == 0 ? 2 : 0; open > 0;) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) {
             result.overstayed = true;
             kill(pid, SIGKILL);

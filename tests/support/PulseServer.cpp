@@ -122,7 +122,8 @@ std::string PulseServer::start() {
                       "--exit-idle-time=-1", "--disable-shm=yes", "-n", "-F", "/dev/null",
                       "--load=module-native-protocol-unix socket=" + m_folder + "/native auth-anonymous=1",
                       "--load=module-null-sink sink_name=game_sink",
-                      "--load=module-null-sink sink_name=narrator_sink", "--load=module-null-sink sink_name=out_sink"},
+                      "--load=module-null-sink sink_name=narrator_sink",
+                      "--load=module-null-sink sink_name=out_sink"},
                      -1, m_folder + "/pulseaudio.log");
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     // Waiting for the server's end (20 ms) is the pause between looks.
@@ -139,7 +140,8 @@ std::string PulseServer::start() {
             return "pulseaudio does not answer: " + log.str();
         }
     }
-    for (const auto& [input, sink] : {std::pair{"Game", "game_sink"}, std::pair{"Narrator", "narrator_sink"}}) {
+    for (const auto& [input, sink] :
+         {std::pair{"Game", "game_sink"}, std::pair{"Narrator", "narrator_sink"}}) {
         if (!pactl({"load-module", "module-remap-source", std::string("source_name=") + input + "In",
                     std::string("master=") + sink + ".monitor",
                     std::string("source_properties='device.description=\"") + input + " Input\"'"})) {
@@ -155,7 +157,8 @@ std::string PulseServer::start() {
         m_keepers.push_back(spawn({"pacat", "--playback", std::string("--device=") + sink, "--format=s16le",
                                    "--rate=44100", "--channels=2", "--latency-msec=10"},
                                   -1));
-        for (long latency = sinkLatencyUs(sink); latency < 0 || latency >= 20000; latency = sinkLatencyUs(sink)) {
+        for (long latency = sinkLatencyUs(sink); latency < 0 || latency >= 20000;
+             latency = sinkLatencyUs(sink)) {
             if (m_keepers.back() < 0 || serverEndsOrTimesOut()) {
                 return std::string(sink) + " does not play in step with the clock";
             }
@@ -171,8 +174,8 @@ PulseServer::Playback::Playback(const std::string& sink, double frequencyHz, int
     if (pipe2(fds, O_CLOEXEC) != 0) {
         return;
     }
-    m_pacat = spawn({"pacat", "--playback", "--device=" + sink, "--format=s16le", "--rate=44100", "--channels=2",
-                     "--latency-msec=10"},
+    m_pacat = spawn({"pacat", "--playback", "--device=" + sink, "--format=s16le", "--rate=44100",
+                     "--channels=2", "--latency-msec=10"},
                     fds[0]);
     close(fds[0]);
     // Never blocks: should pacat stall, a piece is left out rather than the thread stuck.
@@ -198,7 +201,8 @@ void PulseServer::Playback::run(double frequencyHz, int beepMs, int64_t totalFra
     sigaddset(&pipeSignal, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &pipeSignal, nullptr);
 
-    const double start = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    const double start =
+        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
     const auto startTick = std::chrono::steady_clock::now();
     // A tone is written ahead so that a writer held up for a moment leaves no gap; beeps when due.
     const auto ahead = std::chrono::milliseconds(beepMs > 0 ? 0 : 200);

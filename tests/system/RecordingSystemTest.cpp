@@ -37,8 +37,9 @@ bool contains(const std::string& text, const std::string& part) {
 
 // The movie's streams as ffprobe sees them, and the first of a type ("video", "audio").
 QJsonObject probeStreams(const std::string& movie) {
-    return test::probe(movie, {"-show_entries", "stream=codec_type,codec_name,width,height,avg_frame_rate,duration,"
-                                                "sample_rate,channels"});
+    return test::probe(movie,
+                       {"-show_entries", "stream=codec_type,codec_name,width,height,avg_frame_rate,duration,"
+                                         "sample_rate,channels"});
 }
 qsizetype streamCount(const std::string& movie) {
     return probeStreams(movie)["streams"].toArray().size();
@@ -53,7 +54,8 @@ QString size(const QJsonObject& video) {
 
 // The first sound track at 44.1 kHz; sample 0 is the movie's time zero.
 std::vector<int16_t> soundOf(const std::string& movie) {
-    return test::decodeSound(movie, {"-map", "0:a:0", "-af", "aresample=async=1:first_pts=0", "-ar", "44100"});
+    return test::decodeSound(movie,
+                             {"-map", "0:a:0", "-af", "aresample=async=1:first_pts=0", "-ar", "44100"});
 }
 
 // Level in dB of full scale, and frequency in Hz from the upward crossings of a tenth of full scale,
@@ -61,7 +63,8 @@ std::vector<int16_t> soundOf(const std::string& movie) {
 // Level (dB of full scale) and pitch of a stretch of sound. The pitch comes from the median time
 // between upward crossings, so a short gap in the sound does not change it.
 std::pair<double, double> levelAndFrequency(const std::vector<int16_t>& samples, double from, double to) {
-    const auto begin = static_cast<size_t>(from * Rate), end = std::min(samples.size(), static_cast<size_t>(to * Rate));
+    const auto begin = static_cast<size_t>(from * Rate),
+               end = std::min(samples.size(), static_cast<size_t>(to * Rate));
     double sum = 0;
     std::vector<size_t> crossings;
     bool below = true;
@@ -78,7 +81,8 @@ std::pair<double, double> levelAndFrequency(const std::vector<int16_t>& samples,
     }
     double frequency = 0;
     if (!periods.empty()) {
-        std::nth_element(periods.begin(), periods.begin() + static_cast<long>(periods.size() / 2), periods.end());
+        std::nth_element(periods.begin(), periods.begin() + static_cast<long>(periods.size() / 2),
+                         periods.end());
         frequency = static_cast<double>(Rate) / static_cast<double>(periods[periods.size() / 2]);
     }
     const double n = std::max<double>(1, static_cast<double>(end) - static_cast<double>(begin));
@@ -88,7 +92,8 @@ std::pair<double, double> levelAndFrequency(const std::vector<int16_t>& samples,
 // Level and pitch over a second of sound from where it starts (plus a tenth of a second): the
 // input delivers its first samples a varying while after a recording starts.
 std::pair<double, double> levelAndFrequencyOfTheStart(const std::vector<int16_t>& samples) {
-    const auto first = std::find_if(samples.begin(), samples.end(), [](int16_t s) { return std::abs(s) > 3277; });
+    const auto first =
+        std::find_if(samples.begin(), samples.end(), [](int16_t s) { return std::abs(s) > 3277; });
     const double start = static_cast<double>(first - samples.begin()) / Rate + 0.1;
     return levelAndFrequency(samples, start, start + 1.0);
 }
@@ -108,7 +113,8 @@ std::vector<double> beepOnsets(const std::vector<int16_t>& samples) {
             const auto begin = samples.begin() + static_cast<long>(i);
             const auto end = begin + static_cast<long>(std::min(beepLength, samples.size() - i));
             const int peak = std::abs(*std::max_element(begin, end, louder));
-            const auto onset = std::find_if(begin, end, [peak](int16_t s) { return std::abs(s) * 2 >= peak; });
+            const auto onset =
+                std::find_if(begin, end, [peak](int16_t s) { return std::abs(s) * 2 >= peak; });
             onsets.push_back(static_cast<double>(onset - samples.begin()) / Rate);
             i += beepLength;
         }
@@ -156,8 +162,8 @@ protected:
     // Records with the demo board into out() and checks that zandor-cli ended by itself.
     ProcessResult record(std::vector<std::string> options, const std::string& program = ZANDOR_CLI,
                          const QString& folder = {}) {
-        std::vector<std::string> command = {program, "record", "--board", "demo", "--out",
-                                            (folder.isEmpty() ? out() : folder).toStdString()};
+        std::vector<std::string> command = {
+            program, "record", "--board", "demo", "--out", (folder.isEmpty() ? out() : folder).toStdString()};
         command.insert(command.end(), options.begin(), options.end());
         const ProcessResult run = test::runProcess(command);
         EXPECT_FALSE(run.overstayed) << "zandor-cli hung";
@@ -202,7 +208,8 @@ TEST_F(RecordingSystemTest, GameSoundIsTheMoviesAacTrackAndTheNarratorsIsNot) {
         << printed[0];
     EXPECT_EQ(stored(), QStringList{QFileInfo(movie).fileName()}) << "the bundle is gone, the movie is left";
 
-    ASSERT_EQ(streamCount(printed[0]), 2) << "one picture and one sound track: the narrator's is never merged";
+    ASSERT_EQ(streamCount(printed[0]), 2)
+        << "one picture and one sound track: the narrator's is never merged";
     const QJsonObject video = streamOf(printed[0], "video"), audio = streamOf(printed[0], "audio");
     EXPECT_EQ(video["codec_name"], "h264");
     EXPECT_EQ(size(video), "400x240");
@@ -253,7 +260,8 @@ TEST_F(RecordingSystemTest, BothScreensGiveOneMovieEachNamedAfterItsScreen) {
 
 TEST_F(RecordingSystemTest, FixedFrameRateIsMadeByTheConvertingTool) {
     const PulseServer::Playback game("game_sink", 440, 0, 7);
-    const ProcessResult run = record({"--seconds", "2", "--layout", "Top", "--fps", "30", "--game-audio", "GameIn"});
+    const ProcessResult run =
+        record({"--seconds", "2", "--layout", "Top", "--fps", "30", "--game-audio", "GameIn"});
     ASSERT_EQ(run.exitCode, 0) << run.err;
     const std::string movie = splitLines(run.out).at(0);
     const QString encoder =
@@ -264,13 +272,15 @@ TEST_F(RecordingSystemTest, FixedFrameRateIsMadeByTheConvertingTool) {
     const QJsonObject video = streamOf(movie, "video");
     EXPECT_EQ(video["codec_name"], "h264");
     const QStringList rate = video["avg_frame_rate"].toString().split('/');
-    EXPECT_NEAR(rate.value(0).toDouble() / rate.value(1).toDouble(), 30.0, 1.0) << rate.join('/').toStdString();
+    EXPECT_NEAR(rate.value(0).toDouble() / rate.value(1).toDouble(), 30.0, 1.0)
+        << rate.join('/').toStdString();
     EXPECT_EQ(streamOf(movie, "audio")["codec_name"], "aac") << "the sound is copied, not re-encoded";
     // "--rate 30" caps the rate and keeps the source's timing: no two frames closer than a 30th of
     // a second, and 30 of them a second on average.
     std::vector<double> times;
     const QJsonArray packets =
-        test::probe(movie, {"-select_streams", "v:0", "-show_entries", "packet=pts_time"})["packets"].toArray();
+        test::probe(movie, {"-select_streams", "v:0", "-show_entries", "packet=pts_time"})["packets"]
+            .toArray();
     for (const QJsonValue& packet : packets) {
         times.push_back(packet[u"pts_time"].toString().toDouble());
     }
@@ -300,7 +310,8 @@ TEST_F(RecordingSystemTest, UnusableStorageFolderIsRefusedOrLogged) {
     // A folder where the bundle cannot be made: files hold the names of the coming seconds' bundles.
     const QDateTime now = QDateTime::currentDateTime();
     for (int second = -2; second < 30; ++second) {
-        QFile blocker(out() + "/Capture " + now.addSecs(second).toString("dd_MM_yyyy HH_mm_ss") + ".zdrecord");
+        QFile blocker(out() + "/Capture " + now.addSecs(second).toString("dd_MM_yyyy HH_mm_ss") +
+                      ".zdrecord");
         ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
     }
     const QStringList before = stored();
@@ -312,13 +323,15 @@ TEST_F(RecordingSystemTest, UnusableStorageFolderIsRefusedOrLogged) {
 }
 
 TEST_F(RecordingSystemTest, AnAudioInputThatIsGoneStopsTheStart) {
-    for (const auto& audio : {std::vector<std::string>{"--game-audio", "GoneIn"},
-                              std::vector<std::string>{"--game-audio", "GameIn", "--narrator-audio", "GoneIn"}}) {
+    for (const auto& audio :
+         {std::vector<std::string>{"--game-audio", "GoneIn"},
+          std::vector<std::string>{"--game-audio", "GameIn", "--narrator-audio", "GoneIn"}}) {
         std::vector<std::string> options = {"--seconds", "1", "--layout", "Top"};
         options.insert(options.end(), audio.begin(), audio.end());
         const ProcessResult run = record(options);
         EXPECT_EQ(run.exitCode, 1);
-        EXPECT_TRUE(contains(run.err, "Could not construct connection of audio recording session")) << run.err;
+        EXPECT_TRUE(contains(run.err, "Could not construct connection of audio recording session"))
+            << run.err;
         EXPECT_TRUE(contains(run.err, "Could not start recording video.")) << run.err;
         EXPECT_TRUE(run.out.empty());
     }
@@ -334,8 +347,9 @@ TEST_F(RecordingSystemTest, WithoutAToolNoMovieIsMadeAndTheBundleGoes) {
         const char *installed, *layout, *fps, *message;
         long times; // once for each layout
     };
-    for (const Case& c : {Case{"HandBrakeCLI", "None", "Original", "It was not possible to merge video.", 2},
-                          Case{"SublerCLI", "Top", "30", "It was not possible to convert the merged video.", 1}}) {
+    for (const Case& c :
+         {Case{"HandBrakeCLI", "None", "Original", "It was not possible to merge video.", 2},
+          Case{"SublerCLI", "Top", "30", "It was not possible to convert the merged video.", 1}}) {
         SCOPED_TRACE(c.installed);
         const ProcessResult run =
             record({"--seconds", "2", "--layout", c.layout, "--fps", c.fps, "--game-audio", "GameIn"},

@@ -40,7 +40,8 @@ std::string stored(const QString& key) {
     const std::string file = test::plistAsJson(PreferencesController::preferencesFile());
     for (const QJsonValue& entry : QJsonDocument::fromJson(QByteArray::fromStdString(file)).array()) {
         if (entry[0] == key) {
-            const std::string value = QJsonDocument(QJsonArray{entry[1]}).toJson(QJsonDocument::Compact).toStdString();
+            const std::string value =
+                QJsonDocument(QJsonArray{entry[1]}).toJson(QJsonDocument::Compact).toStdString();
             return value.substr(1, value.size() - 2);
         }
     }
@@ -135,13 +136,14 @@ TEST_F(PreferencePanesTest, CapturePaneWritesEveryChoiceToTheFileAtOnce) {
     pane.show();
     EXPECT_FALSE(QFile::exists(PreferencesController::preferencesFile())) << "filling the controls wrote";
 
-    for (const auto& [popup, title, key] : {std::tuple{"layoutPopup", "None", "PreferenceCaptureLayout"},
-                                            {"layoutPopup", "Active Layout", "PreferenceCaptureLayout"},
-                                            {"qualityPopup", "High", "PreferenceCaptureVideoQuality"},
-                                            {"fpsPopup", "30", "PreferenceCaptureVideoFPS"},
-                                            {"imageFormatPopup", "JPEG", "PreferenceCaptureImageFormat"},
-                                            {"audioNarratorPopup", "None", "PreferenceCaptureNarratorAudioInput"},
-                                            {"audioGamePopup", "None", "PreferenceCaptureGameAudioInput"}}) {
+    for (const auto& [popup, title, key] :
+         {std::tuple{"layoutPopup", "None", "PreferenceCaptureLayout"},
+          {"layoutPopup", "Active Layout", "PreferenceCaptureLayout"},
+          {"qualityPopup", "High", "PreferenceCaptureVideoQuality"},
+          {"fpsPopup", "30", "PreferenceCaptureVideoFPS"},
+          {"imageFormatPopup", "JPEG", "PreferenceCaptureImageFormat"},
+          {"audioNarratorPopup", "None", "PreferenceCaptureNarratorAudioInput"},
+          {"audioGamePopup", "None", "PreferenceCaptureGameAudioInput"}}) {
         choose(control<QComboBox>(pane, popup), title);
         EXPECT_EQ(stored(key), '"' + std::string(title) + '"') << popup;
     }
