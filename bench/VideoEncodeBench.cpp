@@ -107,14 +107,14 @@ void encode(benchmark::State& state, const QString& layoutName, VideoQualityPtr 
     LogCapture quiet;
     Footage& input = footage(layoutName);
     const bool intermediate = preset->name() == QLatin1String("Recording");
-    PreferencesController& preferences = PreferencesController::instance();
-    preferences.setPreference(PreferenceCaptureVideoFPS, intermediate ? "30" : "Original");
-    preferences.setPreference(PreferenceCaptureVideoQuality, intermediate ? "Medium" : preset->name());
+    CaptureSettings settings;
+    settings.framesPerSecond = intermediate ? QStringLiteral("30") : QStringLiteral("Original");
+    settings.videoQuality = intermediate ? QStringLiteral("Medium") : preset->name();
 
     double ours = 0, theirs = 0;
     for (auto _ : state) {
         VideoRecord record(input.layout);
-        record.start(folder().path());
+        record.start(folder().path(), settings);
         const double start = threadSeconds();
         for (const auto& frame : input.frames) {
             record.append(*frame);

@@ -378,7 +378,8 @@ void MainController::recordScreenshotAction() {
     if (m_imageRecorder && m_imageRecorder->isRecording()) {
         return;
     }
-    m_imageRecorder = std::make_shared<ImageRecorder>(captureLayouts());
+    m_imageRecorder = std::make_shared<ImageRecorder>(
+        captureLayouts(), CaptureSettings::fromPreferences(PreferencesController::instance()));
     m_imageRecorder->start();
 }
 
@@ -388,7 +389,8 @@ void MainController::recordVideoAction() {
         m_videoRecorder->stop();
         return;
     }
-    m_videoRecorder = std::make_shared<VideoRecorder>(captureLayouts());
+    m_videoRecorder = std::make_shared<VideoRecorder>(
+        captureLayouts(), CaptureSettings::fromPreferences(PreferencesController::instance()));
     m_videoRecorder->setDelegate(std::make_shared<RecorderBridge>(this));
     if (m_videoRecorder->start()) {
         setVideoRecording(true);

@@ -1,11 +1,13 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 
 namespace zandor {
 
-// One frame: an owned block of bytes and the seconds since the device started listening.
+// One frame: an owned block of bytes, the seconds since the device started listening and the
+// wall-clock time it was taken, which places it beside the sound recorded at the same moment.
 // Frames travel as std::shared_ptr<CaptureData>; after publishing nobody writes them.
 class CaptureData {
 public:
@@ -24,6 +26,14 @@ public:
     uint64_t size() const { return m_size; }
     double timestamp() const { return m_timestamp; }
     void setTimestamp(double seconds) { m_timestamp = seconds; }
+    // The epoch when unknown.
+    std::chrono::system_clock::time_point wallClock() const { return m_wallClock; }
+    void setWallClock(std::chrono::system_clock::time_point time) { m_wallClock = time; }
+    // A frame made from another shows the same moment.
+    void takeTimesOf(const CaptureData& other) {
+        m_timestamp = other.m_timestamp;
+        m_wallClock = other.m_wallClock;
+    }
 
     // A new frame with the same bytes; its time stamp is left at 0 on purpose.
     std::shared_ptr<CaptureData> copy() const;
@@ -32,6 +42,7 @@ private:
     std::shared_ptr<uint8_t[]> m_data;
     uint64_t m_size;
     double m_timestamp = 0;
+    std::chrono::system_clock::time_point m_wallClock{};
 };
 
 using CaptureDataPtr = std::shared_ptr<CaptureData>;

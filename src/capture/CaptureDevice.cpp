@@ -228,8 +228,10 @@ void CaptureDevice::frameRequest() {
 
     std::scoped_lock lock(m_lock);
     ++m_count;
-    std::chrono::duration<double> since = std::chrono::system_clock::now() - m_first;
+    const auto now = std::chrono::system_clock::now();
+    std::chrono::duration<double> since = now - m_first;
     frame->setTimestamp(since.count());
+    frame->setWallClock(now);
     if (m_count % RateLogInterval == 0) {
         log("Device FPS: %f Timestamp: %f", static_cast<double>(m_count) / since.count(), since.count());
     }

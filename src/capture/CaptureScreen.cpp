@@ -76,7 +76,7 @@ bool CaptureScreen::update(CaptureDevice& device, const ObserverPtr& observer) {
         return false;
     }
     auto frame = CaptureData::create(m_width * m_height * 3);
-    frame->setTimestamp(raw->timestamp());
+    frame->takeTimesOf(*raw);
     cut(raw->data() + m_offset, frame->data(), m_width, m_height);
 
     std::scoped_lock lock(m_lock);

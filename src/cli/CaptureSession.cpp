@@ -22,8 +22,10 @@ CaptureSession::~CaptureSession() {
 }
 
 bool CaptureSession::open(const CommandLine& options, std::string& error) {
+    // The stored settings, overridden by the command line for this run; the store is only read.
     PreferencesController& preferences = PreferencesController::instance();
     preferences.setReadOnly(true);
+    m_settings = CaptureSettings::fromPreferences(preferences);
 
     if (auto out = options.value("out")) {
         QFileInfo folder(QString::fromStdString(*out));
@@ -33,14 +35,14 @@ bool CaptureSession::open(const CommandLine& options, std::string& error) {
                                      : ": it does not exist");
             return false;
         }
-        preferences.setPreference(PreferenceCaptureStorageFolder, folder.absoluteFilePath());
+        m_settings.storageFolder = folder.absoluteFilePath();
     }
     if (auto format = options.value("format")) {
         if (*format != "PNG" && *format != "JPEG") {
             error = "Unknown image format '" + *format + "': use PNG or JPEG";
             return false;
         }
-        preferences.setPreference(PreferenceCaptureImageFormat, QString::fromStdString(*format));
+        m_settings.imageFormat = QString::fromStdString(*format);
     }
 
     if (auto fps = options.value("fps")) {
@@ -49,7 +51,7 @@ bool CaptureSession::open(const CommandLine& options, std::string& error) {
             error = "Unknown frame rate '" + *fps + "': use Original, 24, 25, 30, 50 or 60";
             return false;
         }
-        preferences.setPreference(PreferenceCaptureVideoFPS, QString::fromStdString(*fps));
+        m_settings.framesPerSecond = QString::fromStdString(*fps);
     }
     if (auto quality = options.value("quality")) {
         const QString name = QString::fromStdString(*quality);
@@ -60,13 +62,13 @@ bool CaptureSession::open(const CommandLine& options, std::string& error) {
                 "Unknown quality '" + *quality + "': use Highest, Higher, High, Medium, Low, Lower or Lowest";
             return false;
         }
-        preferences.setPreference(PreferenceCaptureVideoQuality, name);
+        m_settings.videoQuality = name;
     }
-    for (const auto& [option, key] : {std::pair{"game-audio", PreferenceCaptureGameAudioInput},
-                                      std::pair{"narrator-audio", PreferenceCaptureNarratorAudioInput}}) {
-        if (auto input = options.value(option)) {
-            preferences.setPreference(key, QString::fromStdString(*input));
-        }
+    if (auto input = options.value("game-audio")) {
+        m_settings.gameAudioInput = QString::fromStdString(*input);
+    }
+    if (auto input = options.value("narrator-audio")) {
+        m_settings.narratorAudioInput = QString::fromStdString(*input);
     }
 
     auto board = createBoard(options.value("board").value_or("usb"), error);

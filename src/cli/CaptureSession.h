@@ -1,6 +1,7 @@
 #pragma once
 
 #include "layouts/CaptureLayout.h"
+#include "settings/CaptureSettings.h"
 
 #include <memory>
 #include <string>
@@ -26,10 +27,12 @@ public:
     void stop();
 
     const std::vector<LayoutPtr>& layouts() const { return m_layouts; }
+    const CaptureSettings& settings() const { return m_settings; }
 
 private:
     std::shared_ptr<CaptureDevice> m_device;
     std::vector<LayoutPtr> m_layouts;
+    CaptureSettings m_settings;
 };
 
 } // namespace zandor

@@ -57,7 +57,7 @@ int RecordCommand::run(const CommandLine& options) {
     if (!session.start()) {
         return 1; // the device has logged why
     }
-    auto recorder = std::make_shared<VideoRecorder>(session.layouts());
+    auto recorder = std::make_shared<VideoRecorder>(session.layouts(), session.settings());
     auto outcome = std::make_shared<Outcome>();
     recorder->setDelegate(outcome);
     if (!recorder->start()) {

@@ -24,7 +24,7 @@ int ScreenshotCommand::run(const CommandLine& options) {
     if (!session.start()) {
         return 1; // the device has logged why
     }
-    auto recorder = std::make_shared<ImageRecorder>(session.layouts());
+    auto recorder = std::make_shared<ImageRecorder>(session.layouts(), session.settings());
     recorder->start();
     const bool finished = recorder->waitUntilFinished(FrameTimeout);
     recorder->stop();

@@ -181,7 +181,7 @@ CaptureDataPtr CaptureLayout::composite(CaptureDataPtr top, CaptureDataPtr botto
     m_topData = std::move(top);
     m_bottomData = std::move(bottom);
     auto result = CaptureData::create(size());
-    result->setTimestamp(m_topData->timestamp());
+    result->takeTimesOf(*m_topData);
     if (m_direct && !m_firstDraw) {
         for (const auto& [offset, length] : m_staticSpans) {
             std::memcpy(result->data() + offset, m_canvas.get() + offset, length);

@@ -3,7 +3,6 @@
 #include "ScreenshotSound.h"
 #include "base/Log.h"
 #include "capture/CaptureData.h"
-#include "settings/PreferencesController.h"
 
 #include <QImageWriter>
 #include <QSaveFile>
@@ -32,11 +31,10 @@ bool ImageRecorder::capture(const LayoutPtr& layout, const ObserverPtr& observer
 }
 
 bool ImageRecorder::saveImage(const QImage& image, const QString& file) {
-    PreferencesController& preferences = PreferencesController::instance();
-    const bool png = preferences.preference(PreferenceCaptureImageFormat).toString() == QLatin1String("PNG");
-    const QString folder = preferences.preference(PreferenceCaptureStorageFolder).toString();
+    const bool png = m_settings.imageFormat == QLatin1String("PNG");
     const QString path =
-        QStringLiteral("%1/%2.%3").arg(folder, file, png ? QStringLiteral("png") : QStringLiteral("jpg"));
+        QStringLiteral("%1/%2.%3")
+            .arg(m_settings.storageFolder, file, png ? QStringLiteral("png") : QStringLiteral("jpg"));
 
     QSaveFile out(path);
     if (!out.open(QIODevice::WriteOnly)) {

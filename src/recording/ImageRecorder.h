@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Recorder.h"
+#include "settings/CaptureSettings.h"
 
 #include <QImage>
 #include <QStringList>
@@ -15,11 +16,12 @@ class CaptureData;
 // storage folder, plays the screenshot sound once all are written, and stops itself.
 class ImageRecorder final : public Recorder {
 public:
-    using Recorder::Recorder;
+    ImageRecorder(std::vector<LayoutPtr> layouts, CaptureSettings settings)
+        : Recorder(std::move(layouts)), m_settings(std::move(settings)) {}
 
     // An image over the frame's bytes, without copying them: the frame must outlive it.
     static QImage imageOfLayout(const CaptureLayout& layout, const CaptureData& frame);
-    // Writes "<storage folder>/<name>.png" (format "PNG") or ".jpg" (any other format) atomically,
+    // Writes "<storage folder>/<name>.png" (image format "PNG") or ".jpg" (any other) atomically,
     // replacing a file of that name. Returns whether the write succeeded.
     bool saveImage(const QImage& image, const QString& file);
 
@@ -31,6 +33,7 @@ protected:
     void capturedLayouts() override;
 
 private:
+    const CaptureSettings m_settings;
     std::mutex m_savedMutex;
     QStringList m_saved;
 };

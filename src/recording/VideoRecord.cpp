@@ -2,8 +2,6 @@
 
 #include "base/Log.h"
 #include "capture/CaptureData.h"
-#include "capture/CaptureDevice.h"
-#include "settings/PreferencesController.h"
 
 extern "C" {
 #include <libavutil/opt.h>
@@ -27,7 +25,7 @@ VideoRecord::~VideoRecord() {
     stop();
 }
 
-bool VideoRecord::start(const QString& bundlePath) {
+bool VideoRecord::start(const QString& bundlePath, const CaptureSettings& settings) {
     std::scoped_lock lock(m_lock);
     if (m_recording) {
         return false;
@@ -37,9 +35,8 @@ bool VideoRecord::start(const QString& bundlePath) {
     m_convertPath =
         QStringLiteral("%1/Converted%2.%3").arg(bundlePath, m_layout->name(), QStringLiteral("mp4"));
 
-    PreferencesController& preferences = PreferencesController::instance();
-    m_quality = VideoQuality::qualityNamed(preferences.preference(PreferenceCaptureVideoQuality).toString());
-    m_framesPerSecond = preferences.preference(PreferenceCaptureVideoFPS).toString();
+    m_quality = VideoQuality::qualityNamed(settings.videoQuality);
+    m_framesPerSecond = settings.framesPerSecond;
     // A movie that is re-encoded at a fixed rate later is written near lossless first.
     VideoQualityPtr preset =
         m_framesPerSecond == QLatin1String("Original") ? m_quality : VideoQuality::recordingQuality();
@@ -118,14 +115,11 @@ bool VideoRecord::startWriter() {
     return true;
 }
 
-bool VideoRecord::writeHeader(double firstFrameSeconds) {
+bool VideoRecord::writeHeader(std::chrono::system_clock::time_point firstFrame) {
     // The wall-clock time of the first frame, from which the merging tool lines up the sound.
     double captureStart = -1;
-    if (auto device = m_layout->device()) {
-        const auto first =
-            device->startTime() + std::chrono::duration_cast<std::chrono::system_clock::duration>(
-                                      std::chrono::duration<double>(firstFrameSeconds));
-        captureStart = std::chrono::duration<double>(first.time_since_epoch()).count();
+    if (firstFrame.time_since_epoch().count() != 0) {
+        captureStart = std::chrono::duration<double>(firstFrame.time_since_epoch()).count();
     }
     m_headerWritten = ff::writeFragmentedHeader(m_output.get(), captureStart);
     return m_headerWritten;
@@ -141,7 +135,7 @@ bool VideoRecord::append(const CaptureData& frame) {
         // The movie's time zero is the capture time of its first frame.
         m_sessionStart = time;
         m_sessionStarted = true;
-        if (!writeHeader(frame.timestamp())) {
+        if (!writeHeader(frame.wallClock())) {
             return false;
         }
     }
@@ -186,7 +180,7 @@ bool VideoRecord::stop() {
 
 bool VideoRecord::stopWriter() {
     // A recording stopped before its first frame still leaves a well-formed, empty movie.
-    bool finished = m_headerWritten || writeHeader(0);
+    bool finished = m_headerWritten || writeHeader({});
     finished = finished && encode(nullptr);
     finished = finished && ff::check(av_write_trailer(m_output.get()), "av_write_trailer");
     m_output.close();

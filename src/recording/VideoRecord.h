@@ -1,11 +1,13 @@
 #pragma once
 
 #include "media/FFmpeg.h"
+#include "settings/CaptureSettings.h"
 #include "settings/VideoQuality.h"
 #include "layouts/CaptureLayout.h"
 
 #include <QString>
 
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 
@@ -30,9 +32,9 @@ public:
     VideoRecord(const VideoRecord&) = delete;
     VideoRecord& operator=(const VideoRecord&) = delete;
 
-    // Opens "<bundle>/Video<layout name>.mov" for writing with the preset and frame rate that the
-    // preferences hold now. True when the writer runs.
-    bool start(const QString& bundlePath);
+    // Opens "<bundle>/Video<layout name>.mov" for writing with the settings' quality preset and
+    // frame rate. True when the writer runs.
+    bool start(const QString& bundlePath, const CaptureSettings& settings);
     // Encodes one frame of the layout (rows of red, green, blue bytes). False when not recording,
     // when the frame's time does not come after the previous frame's (the frame is dropped), or
     // when encoding failed.
@@ -53,7 +55,8 @@ public:
 private:
     bool createWriter(const VideoQuality& preset);
     bool startWriter();
-    bool writeHeader(double firstFrameSeconds);
+    // The header names the wall-clock time of the first frame, when it is known.
+    bool writeHeader(std::chrono::system_clock::time_point firstFrame);
     // Sends a frame (null to flush) and writes every packet the encoder gives back.
     bool encode(const AVFrame* frame);
     bool stopWriter();

@@ -3,7 +3,6 @@
 #include "HandBrakeWrapper.h"
 #include "SublerWrapper.h"
 #include "base/Log.h"
-#include "settings/PreferencesController.h"
 
 #include <QDir>
 #include <QFile>
@@ -14,8 +13,9 @@
 
 namespace zandor {
 
-VideoRecorder::VideoRecorder(std::vector<LayoutPtr> layouts)
-    : Recorder(std::move(layouts)), m_audioThread(std::make_unique<QThread>()) {
+VideoRecorder::VideoRecorder(std::vector<LayoutPtr> layouts, CaptureSettings settings)
+    : Recorder(std::move(layouts)), m_settings(std::move(settings)),
+      m_audioThread(std::make_unique<QThread>()) {
     for (const auto& layout : this->layouts()) {
         m_videoRecords.insert(layout->name(), std::make_shared<VideoRecord>(layout));
     }
@@ -45,10 +45,7 @@ QString VideoRecorder::resultPath(const VideoRecord& record) const {
 
 bool VideoRecorder::start() {
     m_done = false;
-    PreferencesController& preferences = PreferencesController::instance();
-    m_basePath =
-        QStringLiteral("%1/Capture %2")
-            .arg(preferences.preference(PreferenceCaptureStorageFolder).toString(), stringWithCurrentDate());
+    m_basePath = QStringLiteral("%1/Capture %2").arg(m_settings.storageFolder, stringWithCurrentDate());
     m_bundlePath = QStringLiteral("%1.%2").arg(m_basePath, QStringLiteral("zdrecord"));
     if (!QDir().mkpath(m_bundlePath)) {
         // Reported as a success on purpose: the caller shows the recording state although
@@ -59,7 +56,7 @@ bool VideoRecorder::start() {
 
     bool success = true;
     for (const auto& record : m_videoRecords) {
-        if (!record->start(m_bundlePath)) {
+        if (!record->start(m_bundlePath, m_settings)) {
             success = false;
             break;
         }
@@ -68,11 +65,9 @@ bool VideoRecorder::start() {
         if (!m_audioThread->isRunning()) {
             m_audioThread->start();
         }
-        success = m_audioGameRecord->start(preferences.preference(PreferenceCaptureGameAudioInput).toString(),
-                                           m_bundlePath, true);
+        success = m_audioGameRecord->start(m_settings.gameAudioInput, m_bundlePath, true);
         if (success) {
-            success = m_audioNarratorRecord->start(
-                preferences.preference(PreferenceCaptureNarratorAudioInput).toString(), m_bundlePath, false);
+            success = m_audioNarratorRecord->start(m_settings.narratorAudioInput, m_bundlePath, false);
         }
     }
     if (success) {

@@ -3,6 +3,7 @@
 #include "AudioRecord.h"
 #include "Recorder.h"
 #include "VideoRecord.h"
+#include "settings/CaptureSettings.h"
 
 #include <QMap>
 #include <QString>
@@ -31,7 +32,7 @@ public:
 // bundle, removes the bundle, and reports to its delegate.
 class VideoRecorder final : public Recorder {
 public:
-    explicit VideoRecorder(std::vector<LayoutPtr> layouts);
+    VideoRecorder(std::vector<LayoutPtr> layouts, CaptureSettings settings);
     ~VideoRecorder() override;
 
     void setDelegate(std::shared_ptr<RecorderDelegate> delegate);
@@ -55,6 +56,7 @@ private:
     bool finish(VideoRecord& record);
     void tryError(const QString& message);
 
+    const CaptureSettings m_settings;
     // Keyed by layout name: layouts of one name share a writer.
     QMap<QString, std::shared_ptr<VideoRecord>> m_videoRecords;
     // The Qt audio objects of both inputs live on this thread.

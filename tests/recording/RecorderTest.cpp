@@ -7,7 +7,6 @@
 #include "capture/CaptureScreen.h"
 #include "layouts/CaptureLayout.h"
 #include "recording/ImageRecorder.h"
-#include "settings/PreferencesController.h"
 
 #include <gtest/gtest.h>
 
@@ -55,9 +54,7 @@ protected:
         m_device = CaptureDevice::create(std::move(board));
         m_top = CaptureLayout::createWithScreen(m_device->screen(0), "Top");
         m_bottom = CaptureLayout::createWithScreen(m_device->screen(1), "Bottom");
-        PreferencesController::instance().setReadOnly(true);
-        PreferencesController::instance().setPreference(PreferenceCaptureStorageFolder, m_folder.path());
-        PreferencesController::instance().setPreference(PreferenceCaptureImageFormat, "PNG");
+        m_settings.storageFolder = m_folder.path();
     }
     void TearDown() override {
         m_device->stopListening();
@@ -68,6 +65,7 @@ protected:
     QStringList files() const { return QDir(m_folder.path()).entryList(QDir::Files, QDir::Name); }
 
     QTemporaryDir m_folder;
+    CaptureSettings m_settings;
     test::GatedBoard* m_board = nullptr;
     std::shared_ptr<CaptureDevice> m_device;
     LayoutPtr m_top, m_bottom;
@@ -111,7 +109,7 @@ TEST(RecorderNames, DateStampsAreDayMonthYearAndTime) {
 TEST_F(RecorderTest, AScreenshotIsTheLayoutsFrameByteForByte) {
     auto wakeup = std::make_shared<Wakeup>();
     auto watch = m_bottom->addObserver(wakeup);
-    auto recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_bottom});
+    auto recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_bottom}, m_settings);
     recorder->start();
     ASSERT_TRUE(m_device->startListening());
     ASSERT_TRUE(recorder->waitUntilFinished(20s));
@@ -138,8 +136,8 @@ TEST_F(RecorderTest, AScreenshotIsTheLayoutsFrameByteForByte) {
 }
 
 TEST_F(RecorderTest, TwoLayoutsAreToldApartByNameAndOtherFormatsGiveJpeg) {
-    PreferencesController::instance().setPreference(PreferenceCaptureImageFormat, "JPEG2000");
-    auto recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_top, m_bottom});
+    m_settings.imageFormat = "JPEG2000";
+    auto recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_top, m_bottom}, m_settings);
     recorder->start();
     ASSERT_TRUE(m_device->startListening());
     ASSERT_TRUE(recorder->waitUntilFinished(20s));
@@ -162,7 +160,7 @@ TEST_F(RecorderTest, AScreenshotInTheSameSecondReplacesTheFirst) {
     for (int attempt = 0; attempt < 3; ++attempt) {
         saved.clear();
         for (int shot = 0; shot < 2; ++shot) {
-            auto recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_top});
+            auto recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_top}, m_settings);
             recorder->start();
             ASSERT_TRUE(recorder->waitUntilFinished(20s));
             saved += recorder->savedFiles();
@@ -182,9 +180,8 @@ TEST_F(RecorderTest, AScreenshotInTheSameSecondReplacesTheFirst) {
 }
 
 TEST_F(RecorderTest, AnUnwritableFolderStillFinishesTheScreenshot) {
-    PreferencesController::instance().setPreference(PreferenceCaptureStorageFolder,
-                                                    m_folder.path() + "/missing");
-    auto recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_top});
+    m_settings.storageFolder = m_folder.path() + "/missing";
+    auto recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_top}, m_settings);
     recorder->start();
     ASSERT_TRUE(m_device->startListening());
     ASSERT_TRUE(recorder->waitUntilFinished(20s));

@@ -8,7 +8,6 @@
 #include "layouts/CaptureLayout.h"
 #include "settings/VideoQuality.h"
 #include "recording/VideoRecord.h"
-#include "settings/PreferencesController.h"
 
 #include <gtest/gtest.h>
 
@@ -68,13 +67,12 @@ class VideoRecordTest : public ::testing::Test {
 protected:
     void SetUp() override {
         test::isolateUserFolders();
-        PreferencesController::instance().setReadOnly(true);
         setSettings("Original", "Medium");
     }
 
-    static void setSettings(const char* fps, const char* quality) {
-        PreferencesController::instance().setPreference(PreferenceCaptureVideoFPS, fps);
-        PreferencesController::instance().setPreference(PreferenceCaptureVideoQuality, quality);
+    void setSettings(const char* fps, const char* quality) {
+        m_settings.framesPerSecond = fps;
+        m_settings.videoQuality = quality;
     }
 
     LayoutPtr layout(int width, int height) {
@@ -97,6 +95,7 @@ protected:
     }
 
     QTemporaryDir m_folder;
+    CaptureSettings m_settings;
     std::shared_ptr<CaptureDevice> m_device = CaptureDevice::create(std::make_unique<test::GatedBoard>());
 };
 
@@ -104,8 +103,8 @@ TEST_F(VideoRecordTest, WritesEveryIncreasingFrameAtItsMillisecond) {
     setSettings("Original", "High");
     auto side = layout(720, 240);
     VideoRecord record(side);
-    ASSERT_TRUE(record.start(m_folder.path()));
-    EXPECT_FALSE(record.start(m_folder.path())) << "already recording";
+    ASSERT_TRUE(record.start(m_folder.path(), m_settings));
+    EXPECT_FALSE(record.start(m_folder.path(), m_settings)) << "already recording";
     EXPECT_EQ(record.recordPath(), m_folder.path() + "/VideoSize 720.mov");
     EXPECT_EQ(record.mergePath(), m_folder.path() + "/MergedSize 720.mp4");
     EXPECT_EQ(record.convertPath(), m_folder.path() + "/ConvertedSize 720.mp4");
@@ -146,7 +145,7 @@ TEST_F(VideoRecordTest, AChosenFrameRateRecordsEveryFrameAsAKeyFrame) {
     setSettings("30", "Low");
     auto tall = layout(400, 480);
     VideoRecord record(tall);
-    ASSERT_TRUE(record.start(m_folder.path()));
+    ASSERT_TRUE(record.start(m_folder.path(), m_settings));
     EXPECT_EQ(record.quality()->name(), "Low");
     EXPECT_EQ(record.framesPerSecond(), "30");
     for (int n = 0; n < 20; ++n) {
@@ -162,7 +161,7 @@ TEST_F(VideoRecordTest, AChosenFrameRateRecordsEveryFrameAsAKeyFrame) {
 TEST_F(VideoRecordTest, AnUnwritableBundleFailsToStart) {
     LogCapture log;
     VideoRecord record(layout(400, 480));
-    EXPECT_FALSE(record.start(m_folder.path() + "/missing"));
+    EXPECT_FALSE(record.start(m_folder.path() + "/missing", m_settings));
     EXPECT_FALSE(record.append(*frame(*record.layout(), 0, 1.0)));
     EXPECT_FALSE(record.stop());
     EXPECT_EQ(log.countPrefix("avio_open: "), 1u);
@@ -176,7 +175,7 @@ TEST_F(VideoRecordTest, AKilledRecordingLeavesAPlayableMovie) {
     if (child == 0) {
         // Three seconds of frames, then killed before the movie is finished.
         VideoRecord record(tall);
-        if (record.start(m_folder.path())) {
+        if (record.start(m_folder.path(), m_settings)) {
             for (int n = 0; n < 180; ++n) {
                 record.append(*frame(*tall, n, n / 60.0));
             }

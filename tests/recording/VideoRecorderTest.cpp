@@ -7,7 +7,6 @@
 #include "layouts/CaptureLayout.h"
 #include "recording/ShellCommand.h"
 #include "recording/VideoRecorder.h"
-#include "settings/PreferencesController.h"
 
 #include <gtest/gtest.h>
 
@@ -66,13 +65,8 @@ protected:
         ShellCommand::setToolFolder(m_tools.path());
         unsetenv("FAIL_SUBLER");
         unsetenv("FAIL_HANDBRAKE");
-        PreferencesController& preferences = PreferencesController::instance();
-        preferences.setReadOnly(true);
-        preferences.setPreference(PreferenceCaptureStorageFolder, m_storage.path() + "/new/folder");
-        preferences.setPreference(PreferenceCaptureVideoFPS, "Original");
-        preferences.setPreference(PreferenceCaptureVideoQuality, "High");
-        preferences.setPreference(PreferenceCaptureGameAudioInput, "None");
-        preferences.setPreference(PreferenceCaptureNarratorAudioInput, "None");
+        m_settings.storageFolder = m_storage.path() + "/new/folder";
+        m_settings.videoQuality = "High";
         m_device = CaptureDevice::create(std::make_unique<test::GatedBoard>());
         ASSERT_TRUE(m_device->startListening());
     }
@@ -92,7 +86,7 @@ protected:
     // Records until every layout has given a few frames, then stops and waits for finalising.
     std::shared_ptr<VideoRecorder> record(std::vector<LayoutPtr> layouts,
                                           const std::shared_ptr<Delegate>& delegate) {
-        auto recorder = std::make_shared<VideoRecorder>(layouts);
+        auto recorder = std::make_shared<VideoRecorder>(layouts, m_settings);
         recorder->setDelegate(delegate);
         auto wakeup = std::make_shared<Wakeup>();
         auto watch = layouts.front()->addObserver(wakeup);
@@ -112,6 +106,7 @@ protected:
 
     QTemporaryDir m_tools;
     QTemporaryDir m_storage;
+    CaptureSettings m_settings;
     std::shared_ptr<CaptureDevice> m_device;
 };
 
@@ -129,7 +124,7 @@ TEST_F(VideoRecorderTest, OneLayoutAtTheOriginalRateIsMergedAndMovedOut) {
 }
 
 TEST_F(VideoRecorderTest, TwoLayoutsAtAChosenRateAreConvertedEachUnderItsName) {
-    PreferencesController::instance().setPreference(PreferenceCaptureVideoFPS, "30");
+    m_settings.framesPerSecond = "30";
     auto delegate = std::make_shared<Delegate>();
     auto recorder = record({CaptureLayout::createWithScreen(m_device->screen(0), "Single"),
                             CaptureLayout::createWithScreen(m_device->screen(1), "Double")},
@@ -149,7 +144,7 @@ TEST_F(VideoRecorderTest, AFailedMergeOrConversionIsReportedAndTheRecordingStill
          {std::tuple{"FAIL_SUBLER", "Original", "It was not possible to merge video."},
           std::tuple{"FAIL_HANDBRAKE", "25", "It was not possible to convert the merged video."}}) {
         setenv(failing, "1", 1);
-        PreferencesController::instance().setPreference(PreferenceCaptureVideoFPS, fps);
+        m_settings.framesPerSecond = fps;
         auto delegate = std::make_shared<Delegate>();
         record({CaptureLayout::createWithScreen(m_device->screen(0), "Single")}, delegate);
         EXPECT_EQ(delegate->errors, QStringList{message});
@@ -162,11 +157,10 @@ TEST_F(VideoRecorderTest, AFailedMergeOrConversionIsReportedAndTheRecordingStill
 TEST_F(VideoRecorderTest, ABundleThatCannotBeMadeStartsNothingButSaysYes) {
     QFile blocker(m_storage.path() + "/file");
     ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
-    PreferencesController::instance().setPreference(PreferenceCaptureStorageFolder,
-                                                    m_storage.path() + "/file");
+    m_settings.storageFolder = m_storage.path() + "/file";
     LogCapture log;
     auto recorder = std::make_shared<VideoRecorder>(
-        std::vector<LayoutPtr>{CaptureLayout::createWithScreen(m_device->screen(0), "Single")});
+        std::vector<LayoutPtr>{CaptureLayout::createWithScreen(m_device->screen(0), "Single")}, m_settings);
     EXPECT_TRUE(recorder->start());
     EXPECT_FALSE(recorder->isRecording());
     EXPECT_FALSE(recorder->isDone());
@@ -174,9 +168,9 @@ TEST_F(VideoRecorderTest, ABundleThatCannotBeMadeStartsNothingButSaysYes) {
 }
 
 TEST_F(VideoRecorderTest, AnAudioInputThatIsGoneFailsTheStartAndKeepsTheBundle) {
-    PreferencesController::instance().setPreference(PreferenceCaptureGameAudioInput, "gone");
+    m_settings.gameAudioInput = "gone";
     auto recorder = std::make_shared<VideoRecorder>(
-        std::vector<LayoutPtr>{CaptureLayout::createWithScreen(m_device->screen(0), "Single")});
+        std::vector<LayoutPtr>{CaptureLayout::createWithScreen(m_device->screen(0), "Single")}, m_settings);
     LogCapture log;
     EXPECT_FALSE(recorder->start());
     EXPECT_FALSE(recorder->isRecording());
