@@ -1,6 +1,7 @@
 #include "CaptureLayoutView.h"
 
 #include "LayoutViewFeeder.h"
+#include "base/RunOn.h"
 
 #include <QFontMetrics>
 #include <QPainter>
@@ -18,15 +19,10 @@ CaptureLayoutView::CaptureLayoutView(QWidget* parent) : QWidget(parent) {
     QPointer<CaptureLayoutView> view(this);
     // Asked from the feeder's thread; update() runs on the GUI thread and merges waiting requests.
     m_feeder = std::make_shared<LayoutViewFeeder>([view] {
-        QMetaObject::invokeMethod(
-            view,
-            [view] {
-                if (view) {
-                    view->update();
-                    emit view->frameReceived();
-                }
-            },
-            Qt::QueuedConnection);
+        runLater(view, [view] {
+            view->update();
+            emit view->frameReceived();
+        });
     });
 }
 

@@ -8,6 +8,7 @@
 #include "base/DetachedThread.h"
 #include "base/Log.h"
 #include "base/Notifier.h"
+#include "base/RunOn.h"
 #include "capture/CaptureDevice.h"
 #include "capture/UsbBoard.h"
 #include "layouts/LayoutController.h"
@@ -48,24 +49,10 @@ class RecorderBridge final : public RecorderDelegate {
 public:
     explicit RecorderBridge(MainController* controller) : m_controller(controller) {}
     void recordDone() override {
-        QMetaObject::invokeMethod(
-            m_controller,
-            [controller = m_controller] {
-                if (controller) {
-                    controller->recordDone();
-                }
-            },
-            Qt::QueuedConnection);
+        runLater(m_controller, [controller = m_controller] { controller->recordDone(); });
     }
     void recordError(const QString& message) override {
-        QMetaObject::invokeMethod(
-            m_controller,
-            [controller = m_controller, message] {
-                if (controller) {
-                    controller->recordError(message);
-                }
-            },
-            Qt::QueuedConnection);
+        runLater(m_controller, [controller = m_controller, message] { controller->recordError(message); });
     }
 
 private:
@@ -94,15 +81,11 @@ void MainController::observeConnection() {
     QPointer<CaptureLayoutView> view(layoutView());
     std::weak_ptr<CaptureDevice> weakDevice = m_device;
     m_device->setConnectionObserver([view, weakDevice](bool) {
-        QMetaObject::invokeMethod(
-            view,
-            [view, weakDevice] {
-                auto device = weakDevice.lock();
-                if (view && device) {
-                    view->setNoSignal(device->isListening() && device->isDisconnected());
-                }
-            },
-            Qt::QueuedConnection);
+        runLater(view, [view, weakDevice] {
+            if (auto device = weakDevice.lock()) {
+                view->setNoSignal(device->isListening() && device->isDisconnected());
+            }
+        });
     });
 }
 
@@ -208,7 +191,8 @@ void MainController::setupView() {
     const auto& layouts = LayoutController::instance().layouts();
     if (layouts.empty()) {
         // The application's own plugins are missing: show a screen alone rather than nothing.
-        log("No layout plugin found in %s", qUtf8Printable(PluginController::appPluginFolder()));
+        logs::app.warning("No layout plugin found in %s",
+                          qUtf8Printable(PluginController::appPluginFolder()));
         setActiveLayout(LayoutController::instance().screenLayouts()[0]);
     } else {
         setActiveLayout(layouts.front());

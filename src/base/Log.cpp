@@ -20,16 +20,18 @@ void openSyslogOnce() {
 
 } // namespace
 
-void receive(const std::string& line, bool toStandardError) {
+void receive(LogLevel level, const char* component, const std::string& line, bool toStandardError) {
     std::scoped_lock lock(g_sinkMutex);
     if (g_capture) {
         g_capture->append(line);
         return;
     }
     openSyslogOnce();
-    syslog(LOG_NOTICE, "%s", line.c_str());
+    static constexpr int Priority[] = {LOG_INFO, LOG_WARNING, LOG_ERR};
+    syslog(Priority[static_cast<int>(level)], "%s: %s", component, line.c_str());
     if (toStandardError) {
-        std::fprintf(stderr, "%s\n", line.c_str());
+        static constexpr const char* Tag[] = {"", "warning: ", "error: "};
+        std::fprintf(stderr, "%s: %s%s\n", component, Tag[static_cast<int>(level)], line.c_str());
     }
 }
 
@@ -55,20 +57,36 @@ std::string formatLine(const char* format, va_list args) {
 
 } // namespace
 
-void log(const char* text, ...) {
-    va_list args;
-    va_start(args, text);
-    std::string line = formatLine(text, args);
-    va_end(args);
-    receive(line, true);
+void Logger::write(LogLevel level, bool toStandardError, const char* format, va_list args) const {
+    receive(level, m_component, formatLine(format, args), toStandardError);
 }
 
-void logQuietly(const char* text, ...) {
+void Logger::info(const char* format, ...) const {
     va_list args;
-    va_start(args, text);
-    std::string line = formatLine(text, args);
+    va_start(args, format);
+    write(LogLevel::Info, true, format, args);
     va_end(args);
-    receive(line, false);
+}
+
+void Logger::warning(const char* format, ...) const {
+    va_list args;
+    va_start(args, format);
+    write(LogLevel::Warning, true, format, args);
+    va_end(args);
+}
+
+void Logger::error(const char* format, ...) const {
+    va_list args;
+    va_start(args, format);
+    write(LogLevel::Error, true, format, args);
+    va_end(args);
+}
+
+void Logger::quietly(const char* format, ...) const {
+    va_list args;
+    va_start(args, format);
+    write(LogLevel::Info, false, format, args);
+    va_end(args);
 }
 
 LogCapture::LogCapture() {

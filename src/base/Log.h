@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdarg>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -8,14 +9,46 @@
 
 namespace zandor {
 
-// Writes one line to the system log (identity "zandor") and to standard error. The format is
-// printf's; the line carries no level or tag of our own.
-void log(const char* format, ...) __attribute__((format(printf, 1, 2)));
-// The same, to the system log only: for libraries' chatter that would clutter a terminal.
-void logQuietly(const char* format, ...) __attribute__((format(printf, 1, 2)));
+enum class LogLevel { Info, Warning, Error };
+
+// One part of the program that writes to the log. Each line goes to the system log (identity
+// "zandor", the level as the line's priority) and to standard error, starting with the part's
+// name so that a user can filter the log: "capture: Capture device disconnected" in the system
+// log, "capture: warning: Capture device disconnected" on standard error. The format is printf's.
+// Lines may be written from any thread.
+class Logger {
+public:
+    constexpr explicit Logger(const char* component) : m_component(component) {}
+
+    void info(const char* format, ...) const __attribute__((format(printf, 2, 3)));
+    void warning(const char* format, ...) const __attribute__((format(printf, 2, 3)));
+    void error(const char* format, ...) const __attribute__((format(printf, 2, 3)));
+    // An informational line for the system log only: libraries' chatter that would clutter a
+    // terminal.
+    void quietly(const char* format, ...) const __attribute__((format(printf, 2, 3)));
+
+    const char* component() const { return m_component; }
+
+private:
+    void write(LogLevel level, bool toStandardError, const char* format, va_list args) const;
+
+    const char* m_component;
+};
+
+// The parts of the program, one for each folder that writes to the log.
+namespace logs {
+inline constexpr Logger base{"base"};
+inline constexpr Logger capture{"capture"};
+inline constexpr Logger layouts{"layouts"};
+inline constexpr Logger settings{"settings"};
+inline constexpr Logger media{"media"};
+inline constexpr Logger recording{"recording"};
+inline constexpr Logger app{"app"};
+} // namespace logs
 
 // While an instance lives, log lines go to it instead of syslog and standard error, so tests can
-// read them back. Instances nest; the newest one receives the lines.
+// read them back: the text alone, without the part's name or the level. Instances nest; the newest
+// one receives the lines.
 class LogCapture {
 public:
     LogCapture();
@@ -33,7 +66,7 @@ public:
     bool waitFor(const std::string& line, std::chrono::milliseconds timeout);
 
 private:
-    friend void receive(const std::string& line, bool toStandardError);
+    friend void receive(LogLevel level, const char* component, const std::string& line, bool toStandardError);
     void append(const std::string& line);
 
     mutable std::mutex m_mutex;

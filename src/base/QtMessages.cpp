@@ -15,11 +15,11 @@ void handle(QtMsgType type, const QMessageLogContext&, const QString& message) {
     case QtInfoMsg:
         break;
     case QtWarningMsg:
-        logQuietly("%s", qUtf8Printable(message));
+        logs::base.quietly("%s", qUtf8Printable(message));
         break;
     case QtCriticalMsg:
     case QtFatalMsg:
-        log("%s", qUtf8Printable(message));
+        logs::base.error("%s", qUtf8Printable(message));
         break;
     }
 }

@@ -40,7 +40,8 @@ namespace {
 
 // The board is there but its device node is not ours to open: the common first-run problem on Linux.
 void logNoPermission(const std::string& node) {
-    log("No permission to open the capture board at %s: install the udev rule 70-zandor-capture.rules (see "
+    logs::capture.error(
+        "No permission to open the capture board at %s: install the udev rule 70-zandor-capture.rules (see "
         "README) and plug the board in again",
         node.c_str());
 }
@@ -50,7 +51,7 @@ void logNoPermission(const std::string& node) {
 CaptureDevice::Failure CaptureDevice::openBoard(bool quiet) {
     const auto say = [quiet](const char* line) {
         if (!quiet) {
-            log("%s", line);
+            logs::capture.error("%s", line);
         }
     };
     if (m_board->init() < 0) {
@@ -115,6 +116,11 @@ void CaptureDevice::stopListening() {
     }
     removeObservers();
     m_listening = false;
+    endDropRun();
+    if (const uint64_t dropped = m_drops.endRun()) {
+        logs::capture.warning("%llu frames were skipped in this run as the device buffer became too large",
+                              static_cast<unsigned long long>(dropped));
+    }
 }
 
 bool CaptureDevice::isListening() {
@@ -233,10 +239,11 @@ void CaptureDevice::frameRequest() {
     frame->setTimestamp(since.count());
     frame->setWallClock(now);
     if (m_count % RateLogInterval == 0) {
-        log("Device FPS: %f Timestamp: %f", static_cast<double>(m_count) / since.count(), since.count());
+        logs::capture.info("Device FPS: %f Timestamp: %f", static_cast<double>(m_count) / since.count(),
+                           since.count());
     }
-    if (m_listening && add(frame)) {
-        log("Frame was skipped as the device buffer became too large");
+    if (m_listening && add(frame) && m_drops.dropped()) {
+        logs::capture.warning("Frame was skipped as the device buffer became too large");
     }
     if (vanished) {
         disconnected();
@@ -245,7 +252,7 @@ void CaptureDevice::frameRequest() {
 
 // On the device thread, after the black frame of the read that found the board gone.
 void CaptureDevice::disconnected() {
-    log("Capture device disconnected");
+    logs::capture.warning("Capture device disconnected");
     m_board->close();
     if (!m_black) {
         m_black = std::make_shared<uint8_t[]>(raw::BlockBytes); // value-initialised: all zero
@@ -299,7 +306,7 @@ void CaptureDevice::tryReconnect() {
         std::scoped_lock lock(m_lock);
         m_disconnected = false;
     }
-    log("Capture device reconnected");
+    logs::capture.info("Capture device reconnected");
     notifyConnection(true);
 }
 

@@ -42,6 +42,8 @@ public:
 
     // Opens the board and starts the device thread and both screens. Returns whether the device
     // is now listening.
+    // Take the device's lock, then each screen's to start or stop it (see Observable.h). Call
+    // them holding no other producer's lock.
     bool startListening();
     void stopListening();
     bool isListening();
@@ -87,6 +89,7 @@ private:
 
     // Guarded by the Observable lock.
     bool m_listening = false;
+    DropReport m_drops; // guarded by m_lock
     uint64_t m_count = 0;
     std::chrono::system_clock::time_point m_first;
     std::chrono::nanoseconds m_framePeriod = DefaultFramePeriod;

@@ -42,6 +42,13 @@ void CaptureScreen::stopListening() {
     // thread ends, not at the next start.
     m_observer = nullptr;
     m_listening = false;
+    endDropRun();
+    if (const uint64_t dropped = m_drops.endRun()) {
+        logs::capture.warning(
+            "%llu frames were skipped in this run as the buffer for screen with offset '%ld' "
+            "became too large",
+            static_cast<unsigned long long>(dropped), static_cast<long>(m_offset));
+    }
     m_wakeup->signal();
 }
 
@@ -80,9 +87,9 @@ bool CaptureScreen::update(CaptureDevice& device, const ObserverPtr& observer) {
     cut(raw->data() + m_offset, frame->data(), m_width, m_height);
 
     std::scoped_lock lock(m_lock);
-    if (m_listening && add(frame)) {
-        log("Frame was skipped as the buffer for screen with offset '%ld' became too large",
-            static_cast<long>(m_offset));
+    if (m_listening && add(frame) && m_drops.dropped()) {
+        logs::capture.warning("Frame was skipped as the buffer for screen with offset '%ld' became too large",
+                              static_cast<long>(m_offset));
     }
     return true;
 }

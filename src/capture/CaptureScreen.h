@@ -26,6 +26,8 @@ public:
     uint64_t offset() const { return m_offset; }
     std::shared_ptr<CaptureDevice> device() const { return m_device.lock(); }
 
+    // Called by the device, which holds its lock (see Observable.h): they subscribe to the device
+    // and unsubscribe while holding the screen's.
     bool startListening();
     void stopListening();
     bool isListening();
@@ -46,6 +48,7 @@ private:
 
     // Guarded by the Observable lock.
     bool m_listening = false;
+    DropReport m_drops; // guarded by m_lock
     ObserverPtr m_observer;
 };
 

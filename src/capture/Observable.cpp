@@ -40,7 +40,10 @@ bool Observable::add(const CaptureDataPtr& frame) {
     bool dropped = false;
     for (auto& [key, observer] : m_observers) {
         if (observer->push(frame)) {
-            log("Skipped frame of observer %i", static_cast<int>(observer->identifier()));
+            if (m_observerDrops.dropped()) {
+                logs::capture.warning("Skipped frame of observer %i",
+                                      static_cast<int>(observer->identifier()));
+            }
             ++m_dropped;
             dropped = true;
         }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "CaptureData.h"
+#include "DropReport.h"
 #include "Observer.h"
 
 #include <cstdint>
@@ -15,6 +16,19 @@ class Wakeup;
 // A producer of frames with one bounded queue per subscriber. Publishing never blocks: a full
 // queue drops its oldest frame. One recursive lock guards the observers, their queues and the
 // subclass's own state; it is recursive because a producer publishes while holding it.
+//
+// The threads of the pipeline and their locks. Each producer runs one thread (the device's reads
+// the board; each screen's, layout's and recorder's waits on its Wakeup for frames from the one
+// before it) and has one lock, m_lock. A thread never holds a producer's lock while it waits for
+// frames, and takes another producer's lock while holding its own only in this order, from the
+// consumer end down:
+//
+//     recorder  ->  layout  ->  screen          device  ->  screen
+//
+// A recorder starts and stops its layouts under its lock; a layout subscribes to its screens under
+// its lock; the device starts and stops its screens under its lock, and those two calls reach back
+// to the device, so they expect the device's lock held. Device and layout locks never nest. Frames
+// travel between threads only through the observers' queues, under the producer's lock.
 class Observable : public std::enable_shared_from_this<Observable> {
 public:
     explicit Observable(uint64_t bufferSize);
@@ -51,6 +65,10 @@ public:
 protected:
     template <class T> std::shared_ptr<T> self() { return std::static_pointer_cast<T>(shared_from_this()); }
 
+    // Ends a run of the producer for the observers' drop lines: the next drop is logged again.
+    // Expects m_lock held.
+    void endDropRun() { m_observerDrops.endRun(); }
+
     std::recursive_mutex m_lock;
 
 private:
@@ -58,6 +76,7 @@ private:
     std::map<Observer::Key, ObserverPtr> m_observers; // guarded by m_lock
     uint8_t m_last = 0;                               // guarded by m_lock
     uint64_t m_dropped = 0;                           // guarded by m_lock
+    DropReport m_observerDrops;                       // guarded by m_lock
 };
 
 } // namespace zandor

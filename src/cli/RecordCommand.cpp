@@ -65,6 +65,7 @@ int RecordCommand::run(const CommandLine& options) {
         std::fprintf(stderr, "zandor-cli record: Could not start recording video.\n");
         return 1;
     }
+    // The recording runs on the recorder's and the device's threads; this one only keeps time.
     std::this_thread::sleep_for(std::chrono::seconds(*seconds));
     recorder->stop();
     // Finalising runs the merging and converting tools; a long recording takes a while.

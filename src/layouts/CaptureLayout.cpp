@@ -41,8 +41,9 @@ std::shared_ptr<CaptureLayout> CaptureLayout::createWithPlugin(const std::shared
         layout->m_width = static_cast<uint64_t>(plugin->width());
         layout->m_height = static_cast<uint64_t>(plugin->height());
     } else if (plugin->width() != 0 || plugin->height() != 0) {
-        log("Layout '%s' has an unusable size of %lld by %lld pixels", qUtf8Printable(plugin->name()),
-            static_cast<long long>(plugin->width()), static_cast<long long>(plugin->height()));
+        logs::layouts.warning("Layout '%s' has an unusable size of %lld by %lld pixels",
+                              qUtf8Printable(plugin->name()), static_cast<long long>(plugin->width()),
+                              static_cast<long long>(plugin->height()));
     }
     layout->m_resizable = plugin->isResizable();
     layout->m_background = plugin->background();
@@ -123,6 +124,12 @@ void CaptureLayout::stopListening() {
     }
     m_observer = {};
     m_listening = false;
+    endDropRun();
+    if (const uint64_t dropped = m_drops.endRun()) {
+        logs::layouts.warning(
+            "%llu frames were skipped in this run as the buffer for layout '%s' became too large",
+            static_cast<unsigned long long>(dropped), qUtf8Printable(m_name));
+    }
     m_wakeup->signal();
 }
 
@@ -170,8 +177,9 @@ bool CaptureLayout::update(const Subscriptions& subscriptions) {
         return false;
     }
     std::scoped_lock lock(m_lock);
-    if (m_listening && add(result)) {
-        log("Frame was skipped as the buffer for layout '%s' became too large", qUtf8Printable(m_name));
+    if (m_listening && add(result) && m_drops.dropped()) {
+        logs::layouts.warning("Frame was skipped as the buffer for layout '%s' became too large",
+                              qUtf8Printable(m_name));
     }
     return true;
 }

@@ -54,7 +54,8 @@ public:
     std::shared_ptr<CaptureDevice> device() const;
 
     // Consumers subscribe with addObserver before startListening, and remove their observer
-    // before stopListening: the layout keeps running while it has observers.
+    // before stopListening: the layout keeps running while it has observers. Both take the
+    // layout's lock, then the screens' (see capture/Observable.h); a recorder may hold its own.
     bool startListening();
     void stopListening();
     bool isListening();
@@ -107,6 +108,7 @@ private:
 
     // Guarded by the Observable lock: the flag and the subscriptions of the current run.
     bool m_listening = false;
+    DropReport m_drops; // guarded by m_lock
     Subscriptions m_observer;
 
     // The drawing state belongs to the layout's thread. A stop followed at once by a start can

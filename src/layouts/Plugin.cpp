@@ -22,7 +22,7 @@ QString Plugin::resourcePath(const QString& name) const {
 bool Plugin::parse() {
     QFile file(pluginFile());
     if (!file.open(QIODevice::ReadOnly)) {
-        log("Could not parse plugin: %s", qUtf8Printable(file.errorString()));
+        logs::layouts.warning("Could not parse plugin: %s", qUtf8Printable(file.errorString()));
         return false;
     }
     const QByteArray bytes = file.readAll();
@@ -46,7 +46,8 @@ bool Plugin::parse() {
         }
     }
     if (reader.hasError()) {
-        log("Could not parse plugin: %s (line %lld, column %lld)", qUtf8Printable(reader.errorString()),
+        logs::layouts.warning(
+            "Could not parse plugin: %s (line %lld, column %lld)", qUtf8Printable(reader.errorString()),
             static_cast<long long>(reader.lineNumber()), static_cast<long long>(reader.columnNumber()));
         return false;
     }

@@ -75,7 +75,7 @@ QString PluginController::userPluginFolder() {
 
 void PluginController::initialize() {
     if (!QDir().mkpath(m_userFolder)) {
-        log("Could not creating user plugin folder");
+        logs::layouts.warning("Could not creating user plugin folder");
     }
     QStringList candidates = listPluginFiles(m_appFolder);
     QList<PluginPtr> parsed;

@@ -18,7 +18,7 @@ bool check(int code, const char* call) {
     if (code >= 0) {
         return true;
     }
-    log("%s: %s", call, errorText(code).c_str());
+    logs::media.error("%s: %s", call, errorText(code).c_str());
     return false;
 }
 
@@ -36,7 +36,11 @@ void logCallback(void* object, int level, const char* format, va_list arguments)
         text.pop_back();
     }
     if (!text.empty()) {
-        log("%s", text.c_str());
+        if (level <= AV_LOG_ERROR) {
+            logs::media.error("%s", text.c_str());
+        } else {
+            logs::media.warning("%s", text.c_str());
+        }
     }
 }
 

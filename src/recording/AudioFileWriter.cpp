@@ -19,7 +19,7 @@ bool AudioFileWriter::open(const std::string& path, AVSampleFormat inputFormat, 
     const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
     m_stream = codec ? avformat_new_stream(m_output.get(), nullptr) : nullptr;
     if (!m_stream) {
-        log("Could not add an audio track to %s", path.c_str());
+        logs::recording.error("Could not add an audio track to %s", path.c_str());
         return false;
     }
     m_encoder.reset(avcodec_alloc_context3(codec));
@@ -111,7 +111,7 @@ bool AudioFileWriter::write(const uint8_t* samples, int frames,
         return false;
     }
     if (av_audio_fifo_write(m_fifo.get(), reinterpret_cast<void**>(planes), converted) < converted) {
-        log("Could not queue audio samples");
+        logs::recording.error("Could not queue audio samples");
         return false;
     }
     return drainFifo(false);

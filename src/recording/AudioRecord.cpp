@@ -2,33 +2,13 @@
 
 #include "AudioSession.h"
 #include "base/Log.h"
+#include "base/RunOn.h"
 
 #include <QMediaDevices>
 #include <QMetaObject>
 #include <QThread>
 
 namespace zandor {
-
-namespace {
-
-// Runs `work` on the thread that `context` lives on and waits for it.
-template <class F> auto onThreadOf(QObject* context, F&& work) {
-    using Result = decltype(work());
-    // A thread that no longer runs has no loop to run it: nothing else can touch the object then.
-    if (context->thread() == QThread::currentThread() || !context->thread()->isRunning()) {
-        return work();
-    }
-    if constexpr (std::is_void_v<Result>) {
-        QMetaObject::invokeMethod(context, std::forward<F>(work), Qt::BlockingQueuedConnection);
-    } else {
-        Result result{};
-        QMetaObject::invokeMethod(
-            context, [&] { result = work(); }, Qt::BlockingQueuedConnection);
-        return result;
-    }
-}
-
-} // namespace
 
 AudioRecord::AudioRecord(QString name, QThread* audioThread)
     : m_name(std::move(name)), m_thread(audioThread) {}
@@ -38,7 +18,7 @@ AudioRecord::~AudioRecord() {
     if (m_session) {
         // The session's audio objects belong to the audio thread and are taken down there.
         AudioSession* session = m_session;
-        onThreadOf(session, [session] { delete session; });
+        runAndWait(session, [session] { delete session; });
         m_session = nullptr;
     }
 }
@@ -51,7 +31,7 @@ bool AudioRecord::start(const QString& deviceId, const QString& bundlePath, bool
     m_deviceId = deviceId == QLatin1String("None") ? QString() : deviceId;
     m_preview = preview;
     if (m_deviceId.isEmpty()) {
-        log("No audio device selected for '%s'", qUtf8Printable(m_name));
+        logs::recording.warning("No audio device selected for '%s'", qUtf8Printable(m_name));
         return true;
     }
     if (!createSession(bundlePath, AudioSettings{})) {
@@ -72,16 +52,16 @@ bool AudioRecord::createSession(const QString& bundlePath, const AudioSettings&)
         }
     }
     if (input.isNull()) {
-        log("Could not construct connection of audio recording session");
+        logs::recording.error("Could not construct connection of audio recording session");
         return false;
     }
     auto* session = new AudioSession;
     session->moveToThread(m_thread);
     const QString path = m_path;
     const bool preview = m_preview;
-    if (!onThreadOf(session,
+    if (!runAndWait(session,
                     [session, input, preview, path] { return session->open(input, preview, path); })) {
-        onThreadOf(session, [session] { delete session; });
+        runAndWait(session, [session] { delete session; });
         return false;
     }
     m_session = session;
@@ -90,7 +70,7 @@ bool AudioRecord::createSession(const QString& bundlePath, const AudioSettings&)
 
 void AudioRecord::startSession() {
     AudioSession* session = m_session;
-    onThreadOf(session, [session] { session->start(); });
+    runAndWait(session, [session] { session->start(); });
 }
 
 bool AudioRecord::stop() {
@@ -101,13 +81,13 @@ bool AudioRecord::stop() {
     m_recording = false;
     AudioSession* session = m_session;
     m_session = nullptr;
-    const bool finished = onThreadOf(session, [session] {
+    const bool finished = runAndWait(session, [session] {
         bool done = session->stop();
         delete session;
         return done;
     });
     if (!finished) {
-        log("Could not finish audio recording session");
+        logs::recording.error("Could not finish audio recording session");
     }
     return true;
 }

@@ -47,13 +47,13 @@ bool AudioSession::open(const QAudioDevice& input, bool preview, const QString& 
     wanted.setSampleFormat(QAudioFormat::Int16);
     m_format = input.isFormatSupported(wanted) ? wanted : input.preferredFormat();
     if (input.isNull() || sampleFormat(m_format.sampleFormat()) == AV_SAMPLE_FMT_NONE) {
-        log("Could not construct connection of audio recording session");
+        logs::recording.error("Could not construct connection of audio recording session");
         return false;
     }
     if (preview) {
         const QAudioDevice output = QMediaDevices::defaultAudioOutput();
         if (output.isNull()) {
-            log("Could not add preview for audio.");
+            logs::recording.error("Could not add preview for audio.");
             return false;
         }
         m_sink = std::make_unique<QAudioSink>(output, m_format);
@@ -61,7 +61,7 @@ bool AudioSession::open(const QAudioDevice& input, bool preview, const QString& 
     }
     if (!m_writer.open(path.toStdString(), sampleFormat(m_format.sampleFormat()), m_format.sampleRate(),
                        m_format.channelCount())) {
-        log("Could not construct connection of audio recording session");
+        logs::recording.error("Could not construct connection of audio recording session");
         return false;
     }
     m_source = std::make_unique<QAudioSource>(input, m_format);
@@ -79,7 +79,7 @@ void AudioSession::start() {
     }
     m_input = m_source->start();
     if (!m_input) {
-        log("Could not start audio capture: error %d", static_cast<int>(m_source->error()));
+        logs::recording.error("Could not start audio capture: error %d", static_cast<int>(m_source->error()));
         return;
     }
     connect(m_input, &QIODevice::readyRead, this, &AudioSession::readAvailable);

@@ -38,17 +38,20 @@ bool ImageRecorder::saveImage(const QImage& image, const QString& file) {
 
     QSaveFile out(path);
     if (!out.open(QIODevice::WriteOnly)) {
-        log("Could not write screenshot %s: %s", qUtf8Printable(path), qUtf8Printable(out.errorString()));
+        logs::recording.error("Could not write screenshot %s: %s", qUtf8Printable(path),
+                              qUtf8Printable(out.errorString()));
         return false;
     }
     QImageWriter writer(&out, png ? "png" : "jpeg");
     if (!writer.write(image)) {
-        log("Could not write screenshot %s: %s", qUtf8Printable(path), qUtf8Printable(writer.errorString()));
+        logs::recording.error("Could not write screenshot %s: %s", qUtf8Printable(path),
+                              qUtf8Printable(writer.errorString()));
         out.cancelWriting();
         return false;
     }
     if (!out.commit()) {
-        log("Could not write screenshot %s: %s", qUtf8Printable(path), qUtf8Printable(out.errorString()));
+        logs::recording.error("Could not write screenshot %s: %s", qUtf8Printable(path),
+                              qUtf8Printable(out.errorString()));
         return false;
     }
     std::scoped_lock lock(m_savedMutex);

@@ -38,7 +38,8 @@ public:
     virtual bool isDone() { return !isListening(); }
 
     // Subscribes and starts the thread, then asks every layout to start again. Returns whether
-    // the recorder listens.
+    // the recorder listens. The recorder's lock is the first of the pipeline's (see
+    // capture/Observable.h): call start and stop holding none of a producer's.
     virtual bool start();
     // Ends listening and asks every layout to stop (a layout stops once nobody is subscribed).
     virtual bool stop();

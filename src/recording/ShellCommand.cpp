@@ -158,9 +158,10 @@ bool ShellCommand::runSucceeded(const QString& tool, const QStringList& argument
     }
     const QString tail = outputTail(outcome.value(ShellCommandOutput).toString());
     if (tail.isEmpty()) {
-        log("%s failed with status %d", qUtf8Printable(tool), status);
+        logs::recording.error("%s failed with status %d", qUtf8Printable(tool), status);
     } else {
-        log("%s failed with status %d: %s", qUtf8Printable(tool), status, qUtf8Printable(tail));
+        logs::recording.error("%s failed with status %d: %s", qUtf8Printable(tool), status,
+                              qUtf8Printable(tail));
     }
     return false;
 }

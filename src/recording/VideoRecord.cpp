@@ -58,7 +58,7 @@ bool VideoRecord::createWriter(const VideoQuality& preset) {
     const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
     m_stream = codec ? avformat_new_stream(m_output.get(), nullptr) : nullptr;
     if (!m_stream) {
-        log("Error adding writers for video");
+        logs::recording.error("Error adding writers for video");
         return false;
     }
     m_encoder.reset(avcodec_alloc_context3(codec));
@@ -92,7 +92,7 @@ bool VideoRecord::createWriter(const VideoQuality& preset) {
     m_scaler.reset(sws_getContext(width, height, AV_PIX_FMT_RGB24, width, height, encoder->pix_fmt,
                                   SWS_BILINEAR | SWS_ACCURATE_RND, nullptr, nullptr, nullptr));
     if (!m_scaler) {
-        log("Error creating pixel buffer adaptor");
+        logs::recording.error("Error creating pixel buffer adaptor");
         return false;
     }
     return true;
@@ -102,14 +102,14 @@ bool VideoRecord::startWriter() {
     m_frame.reset(av_frame_alloc());
     m_packet.reset(av_packet_alloc());
     if (!m_frame || !m_packet) {
-        log("Error creating pixel buffer");
+        logs::recording.error("Error creating pixel buffer");
         return false;
     }
     m_frame->format = m_encoder->pix_fmt;
     m_frame->width = m_encoder->width;
     m_frame->height = m_encoder->height;
     if (!ff::check(av_frame_get_buffer(m_frame.get(), 0), "av_frame_get_buffer")) {
-        log("Error creating pixel buffer");
+        logs::recording.error("Error creating pixel buffer");
         return false;
     }
     return true;
@@ -146,7 +146,7 @@ bool VideoRecord::append(const CaptureData& frame) {
     const auto stride = static_cast<int>(m_layout->width() * 3);
     if (frame.size() < m_layout->size() ||
         !ff::check(av_frame_make_writable(m_frame.get()), "av_frame_make_writable")) {
-        log("Could not lock base address");
+        logs::recording.error("Could not lock base address");
         return false;
     }
     const uint8_t* source[1] = {frame.data()};
@@ -173,7 +173,7 @@ bool VideoRecord::stop() {
     m_recording = false;
     bool finished = stopWriter();
     if (!finished) {
-        log("Could not finish the movie %s", qUtf8Printable(m_recordPath));
+        logs::recording.error("Could not finish the movie %s", qUtf8Printable(m_recordPath));
     }
     return finished;
 }

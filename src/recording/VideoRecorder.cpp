@@ -50,7 +50,7 @@ bool VideoRecorder::start() {
     if (!QDir().mkpath(m_bundlePath)) {
         // Reported as a success on purpose: the caller shows the recording state although
         // nothing records.
-        log("Could not create bundle for recording");
+        logs::recording.error("Could not create bundle for recording");
         return true;
     }
 
@@ -88,6 +88,8 @@ bool VideoRecorder::capture(const LayoutPtr& layout, const ObserverPtr& observer
 }
 
 void VideoRecorder::capturedLayouts() {
+    // A second for the sound: the audio inputs still deliver what they captured before the stop,
+    // and the game track should end with the picture rather than short of it.
     std::this_thread::sleep_for(std::chrono::seconds(1));
     bool success = true;
     for (const auto& record : m_videoRecords) {

@@ -257,7 +257,8 @@ bool PreferencesController::load() {
         why = QStringLiteral("it is not a property list holding a dictionary");
         break;
     }
-    log("The preferences file %s cannot be used (%s): the defaults hold, and the file is kept as "
+    logs::settings.warning(
+        "The preferences file %s cannot be used (%s): the defaults hold, and the file is kept as "
         "preferences.plist.bad at the next change",
         qUtf8Printable(m_file), qUtf8Printable(why));
     std::scoped_lock lock(m_mutex);

@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <unistd.h>
+
 #include <string>
 #include <thread>
 
@@ -10,10 +15,11 @@ namespace {
 
 TEST(Log, FormatsLikePrintfIncludingLongLines) {
     LogCapture capture;
-    log("Skipped frame of observer %i", 255);
-    log("Frame was skipped as the buffer for screen with offset '%ld' became too large", 288000L);
+    logs::capture.warning("Skipped frame of observer %i", 255);
+    logs::capture.info("Frame was skipped as the buffer for screen with offset '%ld' became too large",
+                       288000L);
     std::string longText(2000, 'x');
-    log("%s!", longText.c_str());
+    logs::recording.error("%s!", longText.c_str());
     auto lines = capture.lines();
     ASSERT_EQ(lines.size(), 3u);
     EXPECT_EQ(lines[0], "Skipped frame of observer 255");
@@ -21,14 +27,40 @@ TEST(Log, FormatsLikePrintfIncludingLongLines) {
     EXPECT_EQ(lines[2], longText + "!");
 }
 
+// On a terminal every line names its part and, unless it is only information, its level, so that
+// a user can filter them; the text itself stays as written.
+TEST(Log, TheTerminalSeesThePartAndTheLevel) {
+    char path[] = "/tmp/zandor-log-XXXXXX";
+    const int file = mkstemp(path);
+    ASSERT_GE(file, 0);
+    std::fflush(stderr);
+    const int saved = dup(STDERR_FILENO);
+    dup2(file, STDERR_FILENO);
+    logs::capture.info("Capture device reconnected");
+    logs::capture.warning("Capture device disconnected");
+    logs::recording.error("Could not create bundle for recording");
+    logs::media.quietly("only in the system log");
+    std::fflush(stderr);
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    close(file);
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    unlink(path);
+    EXPECT_EQ(text.str(), "capture: Capture device reconnected\n"
+                          "capture: warning: Capture device disconnected\n"
+                          "recording: error: Could not create bundle for recording\n");
+}
+
 TEST(Log, TheNewestCaptureGetsTheLinesUntilItEnds) {
     LogCapture outer;
     {
         LogCapture inner;
-        log("one");
+        logs::app.info("one");
         EXPECT_EQ(inner.count("one"), 1u);
     }
-    log("two");
+    logs::app.info("two");
     EXPECT_EQ(outer.lines(), std::vector<std::string>{"two"});
 }
 
@@ -38,7 +70,7 @@ TEST(Log, LinesFromManyThreadsStayWhole) {
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([t] {
             for (int i = 0; i < 200; ++i) {
-                log("thread %d line %d", t, i);
+                logs::layouts.info("thread %d line %d", t, i);
             }
         });
     }
