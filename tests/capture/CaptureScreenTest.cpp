@@ -2,7 +2,6 @@
 #include "GatedBoard.h"
 #include "ScreenReference.h"
 #include "base/DetachedThread.h"
-#include "base/Log.h"
 #include "capture/CaptureDevice.h"
 #include "capture/CaptureScreen.h"
 #include "capture/RawFrame.h"
@@ -129,23 +128,6 @@ TEST_F(CaptureScreenPipeline, AStoppedScreenPublishesNothingMoreButKeepsItsObser
     // Listening again, the same observer receives frames again.
     ASSERT_TRUE(m_device->startListening());
     EXPECT_EQ(test::takeFrames(*m_device->screen(0), top, *m_wakeup, 1).size(), 1u);
-}
-
-TEST_F(CaptureScreenPipeline, AFullScreenQueueLogsTheObserverThenTheScreen) {
-    const std::string screenLine =
-        "Frame was skipped as the buffer for screen with offset '288000' became too large";
-    auto slow = m_device->screen(1)->addObserver();
-    m_board->holdAt(21);
-    LogCapture log;
-    ASSERT_TRUE(m_device->startListening());
-    ASSERT_TRUE(m_board->waitUntilHeld(21));
-    // Frames 0 to 20 went to the device; the bottom screen's 21st cut overflows the queue.
-    EXPECT_TRUE(log.waitFor(screenLine, 20s));
-    auto lines = log.lines();
-    auto skipped = std::find(lines.begin(), lines.end(), "Skipped frame of observer 0");
-    ASSERT_NE(skipped, lines.end());
-    ASSERT_NE(skipped + 1, lines.end());
-    EXPECT_EQ(*(skipped + 1), screenLine);
 }
 
 } // namespace

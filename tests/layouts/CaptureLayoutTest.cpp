@@ -11,6 +11,7 @@
 
 #include <QTemporaryDir>
 
+#include <algorithm>
 #include <cmath>
 #include <random>
 
@@ -136,8 +137,6 @@ protected:
         return plugin;
     }
 
-    void expectLikeTheReference(const QByteArray& descriptor, const QMap<QString, QImage>& images);
-
     QTemporaryDir m_folder;
     int m_count = 0;
     std::shared_ptr<Wakeup> m_wakeup = std::make_shared<Wakeup>();
@@ -145,72 +144,85 @@ protected:
     std::shared_ptr<CaptureDevice> m_device;
 };
 
-// Runs the layout live for five frames and compares each with the obvious compositor.
-void CaptureLayoutTest::expectLikeTheReference(const QByteArray& descriptor,
-                                               const QMap<QString, QImage>& images) {
-    auto layoutPlugin = plugin(descriptor, images);
-    auto layout = CaptureLayout::createWithPlugin(layoutPlugin, m_device);
-    ReferenceCanvas reference(*layoutPlugin, images);
-    ASSERT_EQ(layout->size(), reference.canvas().size());
-    EXPECT_EQ(std::vector<uint8_t>(layout->canvas(), layout->canvas() + layout->size()), reference.canvas())
-        << "before any frame the canvas shows background and images";
+struct Composition {
+    const char* name;
+    int width, height;
+    const char* objects;
+};
 
-    auto frames = layout->addObserver(m_wakeup);
-    auto tops = m_device->screen(0)->addObserver(m_wakeup);
-    auto bottoms = m_device->screen(1)->addObserver(m_wakeup);
-    ASSERT_TRUE(layout->startListening());
-    ASSERT_TRUE(m_device->startListening());
-    auto published = test::takeFrames(*layout, frames, *m_wakeup, 5);
-    auto topFrames = test::takeFrames(*m_device->screen(0), tops, *m_wakeup, 5);
-    auto bottomFrames = test::takeFrames(*m_device->screen(1), bottoms, *m_wakeup, 5);
-    layout->removeObserver(frames);
-    layout->stopListening();
-    m_device->stopListening();
-    ASSERT_EQ(published.size(), 5u);
-    ASSERT_EQ(topFrames.size(), 5u);
-    ASSERT_EQ(bottomFrames.size(), 5u);
-
-    // A fresh reference: the layout's first frame repaints everything.
-    ReferenceCanvas live(*layoutPlugin, images);
-    for (size_t n = 0; n < 5; ++n) {
-        EXPECT_EQ(published[n]->timestamp(), topFrames[n]->timestamp());
-        const auto& expected = live.draw(topFrames[n]->data(), bottomFrames[n]->data());
-        ASSERT_EQ(published[n]->size(), expected.size());
-        EXPECT_TRUE(std::equal(expected.begin(), expected.end(), published[n]->data())) << "frame " << n;
-    }
+void PrintTo(const Composition& composition, std::ostream* out) {
+    *out << composition.name;
 }
 
-TEST_F(CaptureLayoutTest, CompositesImagesOverAndUnderScreensLikeTheObviousCompositor) {
+class CompositionTest : public CaptureLayoutTest, public ::testing::WithParamInterface<Composition> {};
+
+// Five pairs of random screen frames through composite(), each compared with the obvious
+// compositor. The top and bottom frames carry different times: the result shows the top's.
+TEST_P(CompositionTest, CompositesLikeTheObviousCompositorAndKeepsTheTopScreensTime) {
     std::mt19937 random(99);
     QMap<QString, QImage> images{{"under.png", randomImage(random, 60, 50)},
                                  {"over.png", randomImage(random, 90, 70)},
-                                 {"edge.png", randomImage(random, 40, 40)}};
-    // A canvas narrower than the screens' row span, so the bottom screen runs past the right edge
-    // into the next rows and past the last row, where it is cut off.
-    expectLikeTheReference(test::layoutDescriptor("Mixed", 1, 500, 400,
-                                                  R"(<object type="image" x="5" y="5" resource="under.png"/>
-           <object type="screen_top" x="10" y="20"/>
-           <object type="image" x="380" y="230" resource="over.png"/>
-           <object type="screen_bottom" x="300" y="200"/>
-           <object type="image" x="470" y="380" resource="edge.png"/>
-           <object type="image" x="-10" y="0" resource="edge.png"/>
-           <object type="clock" x="0" y="0"/>)",
-                                                  R"(<background r="10" g="200" b="64"/>)"),
-                           images);
+                                 {"frame.png", randomImage(random, 480, 520)}};
+    auto layoutPlugin =
+        plugin(test::layoutDescriptor(GetParam().name, 1, GetParam().width, GetParam().height,
+                                      GetParam().objects, R"(<background r="10" g="200" b="64"/>)"),
+               images);
+    auto layout = CaptureLayout::createWithPlugin(layoutPlugin, m_device);
+    ReferenceCanvas reference(*layoutPlugin, images);
+    ASSERT_EQ(layout->size(), reference.canvas().size());
+    EXPECT_TRUE(std::equal(reference.canvas().begin(), reference.canvas().end(), layout->canvas()))
+        << "before any frame the canvas shows background and images";
+
+    layout->startListening(); // resets the drawing state; the device never runs
+    const auto origin = std::chrono::system_clock::now();
+    for (int n = 0; n < 5; ++n) {
+        auto top = CaptureData::create(CaptureLayout::TopWidth * CaptureLayout::ScreenHeight * 3);
+        auto bottom = CaptureData::create(CaptureLayout::BottomWidth * CaptureLayout::ScreenHeight * 3);
+        for (const auto& screen : {top, bottom}) {
+            std::generate(screen->data(), screen->data() + screen->size(),
+                          [&] { return static_cast<uint8_t>(random()); });
+        }
+        top->setTimestamp(1.0 + n);
+        top->setWallClock(origin + std::chrono::seconds(n));
+        bottom->setTimestamp(50.0 + n);
+        bottom->setWallClock(origin + std::chrono::hours(1));
+        const auto& expected = reference.draw(top->data(), bottom->data());
+        auto result = layout->composite(top, bottom);
+        ASSERT_EQ(result->size(), expected.size());
+        EXPECT_TRUE(std::equal(expected.begin(), expected.end(), result->data())) << "frame " << n;
+        EXPECT_EQ(result->timestamp(), top->timestamp()) << "frame " << n;
+        EXPECT_EQ(result->wallClock(), top->wallClock()) << "frame " << n;
+        EXPECT_EQ(top.use_count(), 1) << "the layout keeps no screen frame";
+    }
+    layout->stopListening();
 }
 
-TEST_F(CaptureLayoutTest, CompositesScreensOverAStillCanvasLikeTheObviousCompositor) {
-    std::mt19937 random(7);
-    // Only screens after the first screen, all inside the canvas, overlapping each other.
-    expectLikeTheReference(
-        test::layoutDescriptor("Still", 1, 460, 500,
-                               R"(<object type="image" x="100" y="150" resource="under.png"/>
-           <object type="screen_bottom" x="20" y="200"/>
-           <object type="screen_top" x="30" y="10"/>
-           <object type="screen_bottom" x="140" y="250"/>)",
-                               R"(<background r="1" g="2" b="3"/>)"),
-        {{"under.png", randomImage(random, 300, 200)}});
-}
+INSTANTIATE_TEST_SUITE_P(
+    Layouts, CompositionTest,
+    ::testing::Values(
+        // A canvas narrower than the screens' row span: the bottom screen runs past the right
+        // edge into the next rows and past the last row, where it is cut off.
+        Composition{"ImagesAroundScreensPastTheEdges", 500, 400,
+                    R"(<object type="image" x="5" y="5" resource="under.png"/>
+                       <object type="screen_top" x="10" y="20"/>
+                       <object type="image" x="380" y="230" resource="over.png"/>
+                       <object type="screen_bottom" x="300" y="200"/>
+                       <object type="image" x="470" y="380" resource="over.png"/>
+                       <object type="image" x="-10" y="0" resource="under.png"/>
+                       <object type="clock" x="0" y="0"/>)"},
+        // Only screens from the first screen on, all inside the canvas, overlapping each other.
+        Composition{"OverlappingScreensOnAStillCanvas", 460, 500,
+                    R"(<object type="image" x="100" y="150" resource="under.png"/>
+                       <object type="screen_bottom" x="20" y="200"/>
+                       <object type="screen_top" x="30" y="10"/>
+                       <object type="screen_bottom" x="140" y="250"/>)"},
+        // Screens inside the canvas under a frame image drawn over them, as a handheld layout is.
+        Composition{"AnImageOverTheScreens", 480, 520,
+                    R"(<object type="screen_top" x="40" y="20"/>
+                       <object type="image" x="200" y="200" resource="over.png"/>
+                       <object type="screen_bottom" x="80" y="270"/>
+                       <object type="image" x="0" y="0" resource="frame.png"/>)"}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(CaptureLayoutTest, PairsScreensOnlyWhenBothDeliver) {
     auto layout = CaptureLayout::createWithPlugin(
@@ -223,8 +235,11 @@ TEST_F(CaptureLayoutTest, PairsScreensOnlyWhenBothDeliver) {
     layout->startListening();
     ASSERT_TRUE(m_device->startListening());
     auto first = test::takeFrames(*layout, frames, *m_wakeup, 1);
+    auto firstTop = test::takeFrames(*m_device->screen(0), tops, *m_wakeup, 1);
     ASSERT_EQ(first.size(), 1u);
+    ASSERT_EQ(firstTop.size(), 1u);
     EXPECT_EQ(first[0]->size(), 518400u);
+    EXPECT_EQ(first[0]->timestamp(), firstTop[0]->timestamp()) << "paired in queue order";
 
     // Without the bottom screen no frame is composited, however many top frames come.
     m_device->screen(1)->stopListening();
@@ -295,23 +310,62 @@ TEST_F(CaptureLayoutTest, KeepsRunningWhileAConsumerIsSubscribed) {
     layout->stopListening();
 }
 
-TEST_F(CaptureLayoutTest, AFullLayoutQueueLogsTheObserverThenTheLayout) {
-    auto layout = CaptureLayout::createWithScreen(m_device->screen(0), "Top");
-    auto slow = layout->addObserver();
-    LogCapture log;
-    // At the board's own pace every frame reaches the layout (an unpaced board would overrun the
-    // screen's queue first); the 201st one overflows the layout's queue of 200.
-    layout->startListening();
-    ASSERT_TRUE(m_device->startListening());
-    EXPECT_TRUE(log.waitFor("Frame was skipped as the buffer for layout 'Top' became too large", 20s));
-    auto lines = log.lines();
-    auto layoutLine = std::find(lines.begin(), lines.end(),
-                                "Frame was skipped as the buffer for layout 'Top' became too large");
-    ASSERT_NE(layoutLine, lines.begin());
-    EXPECT_EQ(*(layoutLine - 1), "Skipped frame of observer 0");
-    layout->removeObserver(slow);
-    layout->stopListening();
+// Every producer in the pipeline: a consumer that falls behind loses the oldest frame, and the
+// observer's line comes before the producer's own; the producer counts the run's drops at its stop.
+struct DropLines {
+    const char* producer;
+    uint64_t overflowingFrame; // the first frame its queue has no room for
+    const char* line;
+    const char* runLine;
+};
+
+void PrintTo(const DropLines& lines, std::ostream* out) {
+    *out << lines.producer;
 }
+
+class ProducerDropLinesTest : public CaptureLayoutTest, public ::testing::WithParamInterface<DropLines> {};
+
+TEST_P(ProducerDropLinesTest, AFullQueueLogsTheObserverThenTheProducerAndTheRunsCount) {
+    const DropLines& c = GetParam();
+    auto layout = CaptureLayout::createWithScreen(m_device->screen(0), "Top");
+    const std::string producer = c.producer;
+    Observable& queue = producer == "device"   ? static_cast<Observable&>(*m_device)
+                        : producer == "screen" ? static_cast<Observable&>(*m_device->screen(1))
+                                               : static_cast<Observable&>(*layout);
+    auto slow = queue.addObserver(); // never drained
+    layout->startListening();
+    // Frames come at the board's pace, so nothing upstream of the slow queue overflows first.
+    m_board->holdAt(c.overflowingFrame + 1);
+    LogCapture log;
+    ASSERT_TRUE(m_device->startListening());
+    ASSERT_TRUE(m_board->waitUntilHeld(c.overflowingFrame + 1));
+    ASSERT_TRUE(log.waitFor(c.line, 20s));
+    const auto lines = log.lines();
+    const auto line = std::find(lines.begin(), lines.end(), c.line);
+    ASSERT_NE(line, lines.begin());
+    EXPECT_EQ(*(line - 1), "Skipped frame of observer 0");
+    EXPECT_EQ(log.count(c.line), 1u);
+
+    queue.removeObserver(slow);
+    layout->stopListening();
+    m_device->stopListening();
+    EXPECT_EQ(log.count(c.runLine), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Producers, ProducerDropLinesTest,
+    ::testing::Values(
+        DropLines{"device", CaptureDevice::QueueLength,
+                  "Frame was skipped as the device buffer became too large",
+                  "1 frames were skipped in this run as the device buffer became too large"},
+        DropLines{"screen", CaptureScreen::QueueLength,
+                  "Frame was skipped as the buffer for screen with offset '288000' became too large",
+                  "1 frames were skipped in this run as the buffer for screen with offset '288000' became "
+                  "too large"},
+        DropLines{"layout", CaptureLayout::QueueLength,
+                  "Frame was skipped as the buffer for layout 'Top' became too large",
+                  "1 frames were skipped in this run as the buffer for layout 'Top' became too large"}),
+    [](const auto& info) { return std::string(info.param.producer); });
 
 } // namespace
 } // namespace zandor

@@ -53,22 +53,41 @@ TEST_F(LayoutControllerTest, WithoutPluginsOnlyTheScreenLayoutsExist) {
         << "only user layouts: separator first";
 }
 
-TEST_F(LayoutControllerTest, MenuListsApplicationLayoutsThenUserLayoutsByName) {
+// The registry sorts by importance alone and keeps the order plugins came in among equals:
+// application before user plugins, installed ones after those already there. The menu and the
+// catalogue follow the registry.
+TEST_F(LayoutControllerTest, EqualImportanceKeepsTheOrderPluginsCameInAndTheMenuFollowsIt) {
     test::writeBundle(app(), "a.zdplugin", test::layoutDescriptor("Low", 1, 400, 240));
-    test::writeBundle(app(), "b.zdplugin", test::layoutDescriptor("High", 9, 400, 240));
+    test::writeBundle(app(), "b.zdplugin", test::layoutDescriptor("Even", 5, 400, 240));
+    test::writeBundle(app(), "c.zdplugin", test::layoutDescriptor("High", 9, 400, 240));
+    test::writeBundle(user(), "u.zdplugin", test::layoutDescriptor("Mine", 5, 400, 240));
     PluginController registry(app(), user());
+    // Enough equals that a sort that does not keep their order shows it.
+    QTemporaryDir downloads;
+    QStringList installed;
+    for (int n = 0; n < 24; ++n) {
+        installed << QStringLiteral("New %1").arg(n, 2, 10, QChar('0'));
+        ASSERT_TRUE(
+            registry.installPlugin(test::writeBundle(downloads.path(), QStringLiteral("n%1.zdplugin").arg(n),
+                                                     test::layoutDescriptor(installed.last(), 5, 400, 240))));
+    }
+    QStringList names;
+    for (const auto& plugin : registry.plugins()) {
+        names << plugin->name();
+    }
+    EXPECT_EQ(names, QStringList({"High", "Even", "Mine"}) + installed + QStringList{"Low"});
+
     LayoutController catalogue(registry);
     catalogue.setDevice(m_device);
-    EXPECT_EQ(titles(catalogue.menuItems()), (QStringList{"High", "Low"}))
-        << "no separator without user layouts";
+    EXPECT_EQ(titles(catalogue.menuItems()), QStringList({"High", "Even", "Low", "---", "Mine"}) + installed);
 
+    // A name taken twice keeps finding the earlier layout.
     auto first = catalogue.layoutNamed("High");
     auto added = catalogue.addPlugin(userPlugin("High"));
-    catalogue.addPlugin(userPlugin("Other"));
-    EXPECT_EQ(titles(catalogue.menuItems()), (QStringList{"High", "Low", "---", "High", "Other"}));
-    EXPECT_EQ(catalogue.layoutNamed("High"), first) << "a taken name keeps finding the earlier layout";
+    EXPECT_EQ(titles(catalogue.menuItems()).last(), "High");
+    EXPECT_EQ(catalogue.layoutNamed("High"), first);
     EXPECT_NE(added, first);
-    EXPECT_EQ(catalogue.layoutsFromUser(true).size(), 2u);
+    EXPECT_EQ(catalogue.layoutsFromUser(true).size(), 26u);
     EXPECT_EQ(catalogue.layoutNamed("high"), nullptr);
 }
 

@@ -1,5 +1,7 @@
 #include "GatedBoard.h"
 
+#include <cstring>
+
 namespace zandor::test {
 
 uint8_t patternByte(uint64_t frame, uint64_t offset) {
@@ -19,6 +21,14 @@ void GatedBoard::holdAt(uint64_t frame) {
 bool GatedBoard::waitUntilHeld(uint64_t frame, std::chrono::milliseconds timeout) {
     std::unique_lock lock(m_mutex);
     return m_changed.wait_for(lock, timeout, [&] { return m_held == frame; });
+}
+
+int GatedBoard::bulkTransfer(uint8_t endpoint, uint8_t* data, int length, int* transferred,
+                             unsigned timeoutMs) {
+    if (data && length > 0) {
+        std::memset(data, 0xA5, static_cast<size_t>(length));
+    }
+    return SimulatedBoard::bulkTransfer(endpoint, data, length, transferred, timeoutMs);
 }
 
 void GatedBoard::fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) {

@@ -14,9 +14,12 @@ namespace zandor::test {
 uint8_t patternByte(uint64_t frame, uint64_t offset);
 
 // A simulated board whose frames follow patternByte and which can be held inside the bulk read of
-// a chosen frame until the test releases it.
+// a chosen frame until the test releases it. Every bulk read first scribbles over the whole buffer,
+// as a real transfer may leave anything there: a frame comes out black only if it is cleared.
 class GatedBoard final : public SimulatedBoard {
 public:
+    int bulkTransfer(uint8_t endpoint, uint8_t* data, int length, int* transferred,
+                     unsigned timeoutMs) override;
     // Reads of frame `frame` and later ones wait until release() or a later holdAt(), which lets
     // a held read go on.
     void holdAt(uint64_t frame);
