@@ -134,9 +134,8 @@ TEST_F(VideoRecorderTest, TwoLayoutsAtAChosenRateAreConvertedEachUnderItsName) {
     EXPECT_EQ(storage(), (QStringList{base + " Double.mp4", base + " Single.mp4"}));
     QStringList conversions = calls().filter("HandBrakeCLI");
     ASSERT_EQ(conversions.size(), 2);
-    EXPECT_TRUE(conversions[0].endsWith(
-        "--encoder x264 --format mp4 --rate 30 --vb 3000 --aencoder copy:aac --optimize"))
-        << conversions[0].toStdString();
+    EXPECT_TRUE(conversions[0].contains("--rate 30 --vb 3000"))
+        << "the chosen rate and the quality's bit rate";
 }
 
 TEST_F(VideoRecorderTest, AFailedMergeOrConversionIsReportedAndTheRecordingStillEnds) {
@@ -165,18 +164,6 @@ TEST_F(VideoRecorderTest, ABundleThatCannotBeMadeStartsNothingButSaysYes) {
     EXPECT_FALSE(recorder->isRecording());
     EXPECT_FALSE(recorder->isDone());
     EXPECT_EQ(log.count("Could not create bundle for recording"), 1u);
-}
-
-TEST_F(VideoRecorderTest, AnAudioInputThatIsGoneFailsTheStartAndKeepsTheBundle) {
-    m_settings.gameAudioInput = "gone";
-    auto recorder = std::make_shared<VideoRecorder>(
-        std::vector<LayoutPtr>{CaptureLayout::createWithScreen(m_device->screen(0), "Single")}, m_settings);
-    LogCapture log;
-    EXPECT_FALSE(recorder->start());
-    EXPECT_FALSE(recorder->isRecording());
-    EXPECT_EQ(log.count("Could not construct connection of audio recording session"), 1u);
-    EXPECT_TRUE(QFileInfo(recorder->bundlePath()).isDir());
-    EXPECT_TRUE(calls().isEmpty());
 }
 
 } // namespace
