@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
 
@@ -61,11 +62,14 @@ TEST_F(CaptureCommandsTest, ScreenshotSavesTheChosenLayoutsAndPrintsTheFiles) {
         << "settings are never written";
 }
 
+// The screenshot and record commands share these checks, made before anything starts.
 TEST_F(CaptureCommandsTest, ScreenshotRefusesUnknownLayoutsAndFolders) {
+    QFile(m_home.path() + "/a file").open(QIODevice::WriteOnly);
     for (const auto& [options, message] : std::vector<std::pair<std::vector<std::string>, std::string>>{
              {{"--layout", "Sideways", "--out", out().toStdString()}, "Unknown layout 'Sideways'"},
-             {{"--out", out().toStdString() + "/missing"}, ""},
-             {{"--format", "GIF", "--out", out().toStdString()}, ""}}) {
+             {{"--out", out().toStdString() + "/missing"}, "Cannot write to the folder"},
+             {{"--out", m_home.path().toStdString() + "/a file"}, ": it is not a folder"},
+             {{"--format", "GIF", "--out", out().toStdString()}, "GIF"}}) {
         std::vector<std::string> command = {ZANDOR_CLI, "screenshot", "--board", "demo"};
         command.insert(command.end(), options.begin(), options.end());
         const auto result = runProcess(command);

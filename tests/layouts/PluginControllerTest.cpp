@@ -92,51 +92,40 @@ TEST_F(PluginControllerTest, CreatesTheUserFolderOrSaysItCannot) {
     EXPECT_EQ(log.lines(), std::vector<std::string>{"Could not creating user plugin folder"});
 }
 
-TEST_F(PluginControllerTest, InstallingMovesTheBundleInAndAnnouncesIt) {
-    test::writeBundle(app(), "ten.zdplugin", layout("Ten", 10));
-    PluginController registry(app(), user());
-    PluginPtr announced;
-    auto connection = QObject::connect(Notifier::instance(), &Notifier::notified,
-                                       [&](const QString& name, const QVariant& object, const QVariantMap&) {
-                                           if (name == PluginInstalledNotification) {
-                                               announced = object.value<PluginPtr>();
-                                           }
-                                       });
-    QString bundle = test::writeBundle(elsewhere(), "new.zdplugin", layout("New", 20));
-    EXPECT_TRUE(registry.installPlugin(bundle));
-    QObject::disconnect(connection);
-
-    EXPECT_FALSE(QFileInfo::exists(bundle));
-    EXPECT_TRUE(PluginController::isPluginFile(user() + "new.zdplugin"));
-    ASSERT_NE(announced, nullptr);
-    EXPECT_EQ(announced->name(), QStringLiteral("New"));
-    EXPECT_TRUE(announced->fromUser());
-    EXPECT_EQ(registry.plugins().first(), announced);
-}
-
-TEST_F(PluginControllerTest, RefusedInstallationsLeaveEveryBundleWhereItWas) {
+TEST_F(PluginControllerTest, InstallingMovesTheBundleInAndAnnouncesItARefusalLeavesItWhereItWas) {
     test::writeBundle(app(), "ten.zdplugin", layout("Ten", 10));
     test::writeBundle(user(), "taken.zdplugin", layout("Old", 1));
     PluginController registry(app(), user());
-    int announcements = 0;
-    auto connection = QObject::connect(Notifier::instance(), &Notifier::notified, [&] { ++announcements; });
-
-    QString taken = test::writeBundle(elsewhere(), "taken.zdplugin", layout("New", 1));
-    EXPECT_FALSE(registry.installPlugin(taken));
-    EXPECT_TRUE(PluginController::isPluginFile(taken));
-    EXPECT_EQ(registry.pluginNamed("Old", Plugin::LayoutType)->file(), user() + "/taken.zdplugin");
-
+    QList<PluginPtr> announced;
+    auto connection = QObject::connect(Notifier::instance(), &Notifier::notified,
+                                       [&](const QString& name, const QVariant& object, const QVariantMap&) {
+                                           if (name == PluginInstalledNotification) {
+                                               announced << object.value<PluginPtr>();
+                                           }
+                                       });
     LogCapture log;
-    QString malformed = test::writeBundle(elsewhere(), "malformed.zdplugin", "<ZandorLayout><name>Bad");
+    const QString taken = test::writeBundle(elsewhere(), "taken.zdplugin", layout("New", 1));
+    const QString malformed = test::writeBundle(elsewhere(), "malformed.zdplugin", "<ZandorLayout><name>Bad");
+    EXPECT_FALSE(registry.installPlugin(taken));
     EXPECT_FALSE(registry.installPlugin(malformed));
+    EXPECT_FALSE(registry.installPlugin(elsewhere() + "/missing.zdplugin"));
+    EXPECT_TRUE(PluginController::isPluginFile(taken));
     EXPECT_TRUE(PluginController::isPluginFile(malformed)) << "moved back";
     EXPECT_FALSE(QFileInfo::exists(user() + "malformed.zdplugin"));
     EXPECT_EQ(log.countPrefix("Could not parse plugin: "), 1u);
-
-    EXPECT_FALSE(registry.installPlugin(elsewhere() + "/missing.zdplugin"));
-    QObject::disconnect(connection);
-    EXPECT_EQ(announcements, 0);
+    EXPECT_EQ(registry.pluginNamed("Old", Plugin::LayoutType)->file(), user() + "/taken.zdplugin");
+    EXPECT_TRUE(announced.isEmpty());
     EXPECT_EQ(registry.plugins().size(), 2);
+
+    const QString bundle = test::writeBundle(elsewhere(), "new.zdplugin", layout("New", 20));
+    EXPECT_TRUE(registry.installPlugin(bundle));
+    QObject::disconnect(connection);
+    EXPECT_FALSE(QFileInfo::exists(bundle));
+    EXPECT_TRUE(PluginController::isPluginFile(user() + "new.zdplugin"));
+    ASSERT_EQ(announced.size(), 1);
+    EXPECT_EQ(announced[0]->name(), QStringLiteral("New"));
+    EXPECT_TRUE(announced[0]->fromUser());
+    EXPECT_EQ(registry.plugins().first(), announced[0]);
 }
 
 } // namespace
