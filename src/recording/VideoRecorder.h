@@ -2,6 +2,7 @@
 
 #include "AudioRecord.h"
 #include "Recorder.h"
+#include "RecorderDelegate.h"
 #include "VideoRecord.h"
 #include "settings/CaptureSettings.h"
 
@@ -14,16 +15,6 @@
 class QThread;
 
 namespace zandor {
-
-// Told how a video recording ended. Called on the recorder's thread: a delegate with a user
-// interface hands the work to its own thread.
-class RecorderDelegate {
-public:
-    virtual ~RecorderDelegate() = default;
-    virtual void recordProgress(double) {}
-    virtual void recordDone() = 0;
-    virtual void recordError(const QString& message) = 0;
-};
 
 // Records a video of every layout on show, with the game sound (played through) and the
 // narrator's microphone, into the bundle "Capture <stamp>.zdrecord" in the storage folder. When
