@@ -86,8 +86,9 @@ void CaptureLayout::initialize() {
         }
     }
     findStaticSpans();
-    // Not listening yet: this paints the images only.
-    drawCanvas(m_plugin->objects());
+    // Not listening yet: this paints the images only. (Asking isListening() here would take the
+    // layout's lock under the drawing lock, against the order startListening takes them in.)
+    drawCanvas(m_plugin->objects(), false);
 }
 
 bool CaptureLayout::startListening() {
