@@ -31,7 +31,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <thread>
 
 namespace zandor {
 
@@ -135,6 +134,8 @@ void MainController::awakeFromNib() {
         // The shortcuts work in full screen too, where the picture is outside the main window.
         action->setShortcutContext(Qt::ApplicationShortcut);
     }
+    m_blinkTimer.setSingleShot(true);
+    connect(&m_blinkTimer, &QTimer::timeout, this, &MainController::blinkRecording);
     ui.sizeOriginalItem->setData(1);
     ui.sizeDoubleItem->setData(2);
     ui.fullScreenItem->setIcon(icon(QStringLiteral("toolbar_view")));
@@ -239,6 +240,9 @@ QRect MainController::keepLowerLeft(QSize size) const {
 }
 
 QSize MainController::decoration() const {
+    if (isFullScreen()) {
+        return m_windowDecoration; // the content is on the full-screen surface now
+    }
     m_mainWindow->ensurePolished();
     if (QLayout* layout = m_mainWindow->layout()) {
         layout->activate();
@@ -282,9 +286,8 @@ void MainController::setActiveLayout(const LayoutPtr& layout) {
     } else {
         m_mainWindow->setFixedSize(frameSize);
     }
-    if (!isFullScreen()) {
-        m_mainWindow->place(frame);
-    }
+    // Also in full screen: the window waits at the new size for the picture's return.
+    m_mainWindow->place(frame);
     updateLayoutViewFrame();
 }
 
@@ -390,43 +393,29 @@ void MainController::recordVideoAction() {
 
 void MainController::setVideoRecording(bool recording) {
     if (!recording || !m_videoRecorder) {
-        return; // the blinking thread puts the items back when the recording ends
+        return; // the blinking puts the items back when the recording ends
     }
     m_mainWindow->ui.playPauseItem->setEnabled(false);
     m_mainWindow->ui.recordItem->setText(QStringLiteral("Stop"));
-    DetachedThread::start("zandor-blink",
-                          [controller = QPointer<MainController>(this), recorder = m_videoRecorder] {
-                              if (controller) {
-                                  controller->blinkRecording(recorder);
-                              }
-                          });
+    m_blinkPhase = false;
+    blinkRecording();
 }
 
-void MainController::blinkRecording(std::shared_ptr<VideoRecorder> recorder) {
-    // Runs on its own thread; the toolbar is changed on the GUI thread.
-    QPointer<MainController> controller(this);
-    auto onGui = [controller](auto work) {
-        QMetaObject::invokeMethod(
-            qApp,
-            [controller, work] {
-                if (controller) {
-                    work(*controller);
-                }
-            },
-            Qt::QueuedConnection);
-    };
-    bool phase = false;
-    while (controller && !recorder->isDone()) {
-        const QString image = phase ? QStringLiteral("toolbar_stop_alt") : QStringLiteral("toolbar_stop");
-        onGui([image](MainController& c) { c.m_mainWindow->ui.recordItem->setIcon(icon(image)); });
-        std::this_thread::sleep_for(std::chrono::milliseconds(phase ? 500 : 700));
-        phase = !phase;
+void MainController::blinkRecording() {
+    // Follows the current recorder, so a recording started while an earlier one still finalises
+    // keeps its items when the earlier one ends.
+    QAction* record = m_mainWindow->ui.recordItem;
+    if (!m_videoRecorder || m_videoRecorder->isDone()) {
+        m_blinkTimer.stop();
+        record->setIcon(icon(QStringLiteral("toolbar_record")));
+        record->setText(QStringLiteral("Record"));
+        m_mainWindow->ui.playPauseItem->setEnabled(true);
+        return;
     }
-    onGui([](MainController& c) {
-        c.m_mainWindow->ui.recordItem->setIcon(icon(QStringLiteral("toolbar_record")));
-        c.m_mainWindow->ui.recordItem->setText(QStringLiteral("Record"));
-        c.m_mainWindow->ui.playPauseItem->setEnabled(true);
-    });
+    record->setIcon(icon(m_blinkPhase ? QStringLiteral("toolbar_stop_alt") : QStringLiteral("toolbar_stop")));
+    // The plain image shows 0.7 s, the other 0.5 s.
+    m_blinkTimer.start(m_blinkPhase ? 500 : 700);
+    m_blinkPhase = !m_blinkPhase;
 }
 
 void MainController::recordDone() {
@@ -477,6 +466,8 @@ void MainController::showAbout() {
         "Live view, screenshots and video recording for the dual-screen handheld console's capture board."));
     about->setIconPixmap(icon(QStringLiteral("zandor")).pixmap(64, 64));
     about->setAttribute(Qt::WA_DeleteOnClose);
+    // A message box is modal by default; the about window must not hold up the main window.
+    about->setWindowModality(Qt::NonModal);
     about->show();
 }
 
@@ -578,7 +569,7 @@ void MainController::updateLayoutViewFrame() {
 }
 
 void MainController::selectSizeAction(QAction* item) {
-    if (!m_activeLayout || !m_activeLayout->isResizable() || isFullScreen()) {
+    if (!m_activeLayout || !m_activeLayout->isResizable()) {
         updateLayoutViewFrame();
         return;
     }
@@ -595,6 +586,10 @@ void MainController::toggleFullScreen() {
         m_mainWindow->setCentralWidget(mainView());
         m_fullScreenWindow.reset();
         m_mainWindow->activateWindow();
+        // Shown and laid out at once (a reparented widget is hidden until later), so that the
+        // picture is placed in the window's content, not in the full-screen surface it leaves.
+        mainView()->show();
+        m_mainWindow->layout()->activate();
         updateLayoutViewFrame();
         return;
     }
@@ -609,6 +604,7 @@ void MainController::toggleFullScreen() {
             break;
         }
     }
+    m_windowDecoration = decoration();
     m_fullScreenWindow = std::make_unique<QWidget>(nullptr, Qt::Window | Qt::FramelessWindowHint);
     m_fullScreenWindow->setObjectName(QStringLiteral("fullScreenWindow"));
     m_fullScreenWindow->setWindowTitle(QStringLiteral("Zandor"));

@@ -7,6 +7,7 @@
 #include <QPointer>
 #include <QRect>
 #include <QSize>
+#include <QTimer>
 
 #include <memory>
 #include <vector>
@@ -34,8 +35,8 @@ class ViewPreferencesView;
 
 // Joins the capture device, the layout catalogue, the recorders and the preferences to the main
 // window, its toolbar and menus; sizes the window to the active layout and takes the picture to
-// full screen. Exists once; everything runs on the GUI thread but the recorders' reports and the
-// record button's blinking, which are handed to it.
+// full screen. Exists once; everything runs on the GUI thread but the recorders' reports, which
+// are handed to it.
 class MainController : public QObject {
     Q_OBJECT
 public:
@@ -109,7 +110,9 @@ private:
     void setupView();
     void setupMainMenu();
     void updateBackground();
-    void blinkRecording(std::shared_ptr<VideoRecorder> recorder);
+    // One step of the record button's blinking while the current video recorder is not done; puts
+    // the items back once it is.
+    void blinkRecording();
     QSize decoration() const;
     // A window frame of the given size whose lower-left corner stays where the window's is.
     QRect keepLowerLeft(QSize size) const;
@@ -127,6 +130,9 @@ private:
     LayoutPtr m_activeLayout;
     std::shared_ptr<ImageRecorder> m_imageRecorder;
     std::shared_ptr<VideoRecorder> m_videoRecorder;
+    QTimer m_blinkTimer;
+    bool m_blinkPhase = false;
+    QSize m_windowDecoration; // measured when the content went to full screen
 };
 
 } // namespace zandor

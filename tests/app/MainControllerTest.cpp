@@ -21,6 +21,8 @@
 #include <QSignalSpy>
 #include <QTest>
 
+#include <sys/stat.h>
+
 namespace zandor {
 namespace {
 
@@ -292,10 +294,82 @@ TEST_F(MainControllerTest, FullScreenTakesThePictureAloneAndEscapeBringsItBack) 
     EXPECT_FALSE(m_controller->isFullScreen()) << "Escape outside full screen does nothing";
 }
 
+TEST_F(MainControllerTest, ALayoutChangeOrSizeStepInFullScreenSizesTheWindowForTheReturn) {
+    auto& ui = start();
+    m_controller->toggleFullScreen();
+    m_controller->setActiveLayout(LayoutController::instance().layoutNamed("Side by Side"));
+    m_controller->toggleFullScreen();
+    EXPECT_EQ(ui.mainView->size(), QSize(720, 240)) << "not the old layout's window, letterboxed";
+
+    m_controller->toggleFullScreen();
+    ui.sizeDoubleItem->trigger();
+    m_controller->toggleFullScreen();
+    EXPECT_EQ(ui.mainView->size(), QSize(1440, 480));
+    EXPECT_TRUE(ui.sizeDoubleItem->isChecked());
+}
+
+TEST_F(MainControllerTest, TheRecordButtonFollowsTheRecordingStartedWhileAnotherFinalises) {
+    // A conversion that waits until the test lets it go, so that the first recording is still
+    // being finalised when the second starts.
+    QTemporaryDir tools;
+    const QString gate = tools.path() + "/gate";
+    ASSERT_EQ(mkfifo(gate.toLocal8Bit().constData(), 0600), 0);
+    for (const auto& [name, script] :
+         {std::pair{"SublerCLI", "[ -f \"$4\" ] || cp \"$2\" \"$4\"\n"},
+          {"HandBrakeCLI", "echo converting > \"$(dirname \"$0\")/converting\"\n"
+                           "[ -f \"$(dirname \"$0\")/open\" ] || read line < \"$(dirname \"$0\")/gate\"\n"
+                           "cp \"$2\" \"$4\"\n"}}) {
+        QFile tool(tools.path() + "/" + name);
+        ASSERT_TRUE(tool.open(QIODevice::WriteOnly));
+        tool.write(QByteArray("#!/bin/sh\n") + script);
+        tool.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+    }
+    ShellCommand::setToolFolder(tools.path());
+    PreferencesController::instance().setPreference(PreferenceCaptureVideoFPS, "30");
+
+    auto& ui = start();
+    ui.playPauseItem->trigger();
+    QSignalSpy frames(ui.layoutView, &CaptureLayoutView::frameReceived);
+    auto recordSomeFrames = [&] {
+        ui.recordItem->trigger();
+        for (int seen = frames.count(); frames.count() < seen + 10;) {
+            ASSERT_TRUE(frames.wait(20000));
+        }
+        ui.recordItem->trigger();
+    };
+    recordSomeFrames();
+    const auto first = m_controller->videoRecorder();
+    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(tools.path() + "/converting"), 60000);
+    ui.recordItem->trigger();
+    ASSERT_NE(m_controller->videoRecorder(), first);
+    EXPECT_EQ(ui.recordItem->text(), "Stop");
+
+    // The first recording ends while the second runs; the button keeps blinking for the second.
+    QFile(tools.path() + "/open").open(QIODevice::WriteOnly);
+    QFile release(gate);
+    ASSERT_TRUE(release.open(QIODevice::WriteOnly));
+    release.write("go\n");
+    release.close();
+    ASSERT_TRUE(first->waitUntilFinished(60s));
+    QSignalSpy blinks(ui.recordItem, &QAction::changed);
+    QTRY_VERIFY_WITH_TIMEOUT(blinks.count() >= 2, 20000);
+    EXPECT_EQ(ui.recordItem->text(), "Stop");
+    EXPECT_FALSE(ui.playPauseItem->isEnabled()) << "no pausing in the middle of the second recording";
+
+    ui.recordItem->trigger();
+    ASSERT_TRUE(m_controller->videoRecorder()->waitUntilFinished(60s));
+    QTRY_COMPARE_WITH_TIMEOUT(ui.recordItem->text(), QStringLiteral("Record"), 20000);
+    EXPECT_TRUE(ui.playPauseItem->isEnabled());
+    ShellCommand::setToolFolder({});
+}
+
 TEST_F(MainControllerTest, TheFirstRunShowsTheAboutWindowOnce) {
     PreferencesController::instance().setPreference(PreferenceFirstRun, true);
     start();
-    EXPECT_NE(m_controller->mainWindow()->findChild<QMessageBox*>("aboutWindow"), nullptr);
+    const auto* about = m_controller->mainWindow()->findChild<QMessageBox*>("aboutWindow");
+    ASSERT_NE(about, nullptr);
+    EXPECT_TRUE(about->isVisible());
+    EXPECT_EQ(QApplication::activeModalWidget(), nullptr) << "the main window stays usable";
     EXPECT_FALSE(PreferencesController::instance().preference(PreferenceFirstRun).toBool());
     stop();
     start();
