@@ -4,6 +4,7 @@
 #include "base/Log.h"
 #include "capture/CaptureData.h"
 
+#include <QDir>
 #include <QImageWriter>
 #include <QSaveFile>
 
@@ -36,6 +37,9 @@ bool ImageRecorder::saveImage(const QImage& image, const QString& file) {
         QStringLiteral("%1/%2.%3")
             .arg(m_settings.storageFolder, file, png ? QStringLiteral("png") : QStringLiteral("jpg"));
 
+    // The storage folder may not exist yet (a fresh desktop has no ~/Desktop); it is made as a
+    // recording makes it.
+    QDir().mkpath(m_settings.storageFolder);
     QSaveFile out(path);
     if (!out.open(QIODevice::WriteOnly)) {
         logs::recording.error("Could not write screenshot %s: %s", qUtf8Printable(path),

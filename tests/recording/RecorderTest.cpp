@@ -179,11 +179,22 @@ TEST_F(RecorderTest, AScreenshotInTheSameSecondReplacesTheFirst) {
         << "no temporary file left";
 }
 
-TEST_F(RecorderTest, AnUnwritableFolderStillFinishesTheScreenshot) {
-    m_settings.storageFolder = m_folder.path() + "/missing";
+TEST_F(RecorderTest, AScreenshotMakesAMissingFolderAndAnUnwritableOneStillFinishes) {
+    ASSERT_TRUE(m_device->startListening());
+    // A storage folder that is not there yet (a fresh desktop has no ~/Desktop) is made.
+    m_settings.storageFolder = m_folder.path() + "/Desktop/shots";
     auto recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_top}, m_settings);
     recorder->start();
-    ASSERT_TRUE(m_device->startListening());
+    ASSERT_TRUE(recorder->waitUntilFinished(20s));
+    ASSERT_EQ(recorder->savedFiles().size(), 1);
+    EXPECT_TRUE(QFileInfo(recorder->savedFiles()[0]).isFile());
+
+    // A file where the folder should be: nothing is saved, and the recorder still ends.
+    QFile blocker(m_folder.path() + "/blocker");
+    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    m_settings.storageFolder = blocker.fileName();
+    recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_top}, m_settings);
+    recorder->start();
     ASSERT_TRUE(recorder->waitUntilFinished(20s));
     EXPECT_TRUE(recorder->savedFiles().isEmpty());
     EXPECT_FALSE(recorder->isRecording());
