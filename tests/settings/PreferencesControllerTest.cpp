@@ -18,7 +18,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <functional>
 #include <sys/stat.h>
 #include <thread>
 
@@ -192,21 +191,23 @@ QByteArray nested(int depth) {
 
 struct UnusableFile {
     const char* name;
-    // Puts the file in place at `path`; returns what is there afterwards, for the copy kept aside.
-    std::function<QByteArray(const QString& path)> make;
+    QByteArray (*contents)();
+    const char* special = nullptr; // "fifo", or the file the preferences are a link to
 };
-
-QByteArray written(const QString& path, const QByteArray& contents) {
-    QFile file(path);
-    file.open(QIODevice::WriteOnly);
-    file.write(contents);
-    return contents;
-}
 
 class UnusableFileTest : public PreferencesStore, public testing::WithParamInterface<UnusableFile> {};
 
 TEST_P(UnusableFileTest, KeepsTheDefaultsSaysWhyAndIsKeptAsideWhenTheFirstChangeReplacesIt) {
-    const QByteArray before = GetParam().make(path());
+    const UnusableFile& file = GetParam();
+    const std::string special = file.special ? file.special : "";
+    if (special == "fifo") {
+        mkfifo(qPrintable(path()), 0600);
+    } else if (!special.empty()) {
+        QFile::link(file.special, path());
+    } else {
+        writeFile(file.contents());
+    }
+    const QByteArray before = special.empty() ? file.contents() : QByteArray();
     LogCapture log;
     PreferencesController store(path());
     EXPECT_EQ(store.preference(PreferenceCaptureImageFormat), QVariant(QString("PNG")));
@@ -225,50 +226,38 @@ TEST_P(UnusableFileTest, KeepsTheDefaultsSaysWhyAndIsKeptAsideWhenTheFirstChange
     }
 }
 
+QByteArray none() {
+    return {};
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Files, UnusableFileTest,
     testing::Values(
-        UnusableFile{"Empty", [](const QString& p) { return written(p, ""); }},
-        UnusableFile{"NotXml", [](const QString& p) { return written(p, "not a property list"); }},
+        UnusableFile{"Empty", [] { return QByteArray(""); }},
+        UnusableFile{"NotXml", [] { return QByteArray("not a property list"); }},
         UnusableFile{"Truncated",
-                     [](const QString& p) {
-                         return written(
-                             p, R"(<?xml version="1.0"?><plist version="1.0"><dict><key>A</key><string>J)");
-                     }},
-        UnusableFile{"NoDictionary",
-                     [](const QString& p) {
-                         return written(p, R"(<?xml version="1.0"?><plist version="1.0"><array/></plist>)");
+                     [] {
+                         return QByteArray(
+                             R"(<?xml version="1.0"?><plist version="1.0"><dict><key>A</key><string>J)");
                      }},
         UnusableFile{
-            "Binary",
-            [](const QString& p) { return written(p, QByteArray("\xff\xfe\x00<plist>\x00\x01", 12)); }},
+            "NoDictionary",
+            [] { return QByteArray(R"(<?xml version="1.0"?><plist version="1.0"><array/></plist>)"); }},
+        UnusableFile{"Binary", [] { return QByteArray("\xff\xfe\x00<plist>\x00\x01", 12); }},
         // Nested too deep for the parser's stack, and deeper than we keep.
-        UnusableFile{"Nested100000Deep", [](const QString& p) { return written(p, nested(100000)); }},
-        UnusableFile{"Nested1000Deep", [](const QString& p) { return written(p, nested(1000)); }},
+        UnusableFile{"Nested100000Deep", [] { return nested(100000); }},
+        UnusableFile{"Nested1000Deep", [] { return nested(1000); }},
         UnusableFile{"HalfAMillionKeys",
-                     [](const QString& p) {
+                     [] {
                          QByteArray keys;
                          for (int i = 0; i < 500000; ++i) {
                              keys += "<key>Unknown" + QByteArray::number(i) + "</key><integer>1</integer>";
                          }
-                         return written(p, R"(<?xml version="1.0"?><plist version="1.0"><dict>)" + keys +
-                                               "</dict></plist>");
+                         return R"(<?xml version="1.0"?><plist version="1.0"><dict>)" + keys +
+                                "</dict></plist>";
                      }},
-        UnusableFile{"NamedPipe",
-                     [](const QString& p) {
-                         mkfifo(qPrintable(p), 0600);
-                         return QByteArray();
-                     }},
-        UnusableFile{"LinkToDevZero",
-                     [](const QString& p) {
-                         QFile::link("/dev/zero", p);
-                         return QByteArray();
-                     }},
-        UnusableFile{"LinkToDevUrandom",
-                     [](const QString& p) {
-                         QFile::link("/dev/urandom", p);
-                         return QByteArray();
-                     }}),
+        UnusableFile{"NamedPipe", none, "fifo"}, UnusableFile{"LinkToDevZero", none, "/dev/zero"},
+        UnusableFile{"LinkToDevUrandom", none, "/dev/urandom"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(PreferencesStore, UnknownKeysNestedAsDeepAsAllowedSurviveAChange) {
