@@ -89,7 +89,7 @@ bool AudioRecord::stop() {
     if (!finished) {
         logs::recording.error("Could not finish audio recording session");
     }
-    return true;
+    return finished;
 }
 
 bool AudioRecord::isRecording() {

@@ -32,7 +32,8 @@ public:
     // Starts recording the input with unique identifier `deviceId`. "None", empty or unset means
     // no input: logged, and a success that records nothing. False when the input cannot be used.
     bool start(const QString& deviceId, const QString& bundlePath, bool preview);
-    // True when it was recording and has finished its file.
+    // True when it was recording and has finished its file; false when idle or when the file
+    // could not be finished (the recorder then reports the audio as not finalised).
     bool stop();
     bool isRecording();
 

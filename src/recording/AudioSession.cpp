@@ -95,7 +95,12 @@ void AudioSession::readAvailable() {
     // The buffer has just been filled: its first sample was taken its length ago.
     const auto captured =
         std::chrono::system_clock::now() - std::chrono::microseconds(m_format.durationForFrames(frames));
-    m_writer.write(reinterpret_cast<const uint8_t*>(data.constData()), frames, captured);
+    // After a failed write (a full disk, a file gone) the file cannot be finished as a whole
+    // movie: the rest is not written, and stop() reports the failure.
+    if (!m_writeFailed &&
+        !m_writer.write(reinterpret_cast<const uint8_t*>(data.constData()), frames, captured)) {
+        m_writeFailed = true;
+    }
     if (m_output) {
         // Play-through never waits: what the output cannot take now is skipped.
         m_output->write(data);
@@ -117,7 +122,11 @@ bool AudioSession::stop() {
     }
     m_input = nullptr;
     m_output = nullptr;
-    return m_writer.finish();
+    const bool finished = m_writer.finish() && !m_writeFailed;
+    if (finished) {
+        logs::recording.info("Done");
+    }
+    return finished;
 }
 
 } // namespace zandor

@@ -27,7 +27,7 @@ public:
     // with the reason, when the input or the preview output cannot be used.
     bool open(const QAudioDevice& input, bool preview, const QString& path);
     void start();
-    // Ends capture and play-through and finishes the file; false when finishing failed.
+    // Ends capture and play-through and finishes the file; false when a write or finishing failed.
     bool stop();
 
 private:
@@ -40,6 +40,7 @@ private:
     QAudioFormat m_format;
     AudioFileWriter m_writer;
     bool m_started = false;
+    bool m_writeFailed = false;
 };
 
 } // namespace zandor

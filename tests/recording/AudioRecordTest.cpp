@@ -1,3 +1,5 @@
+#include "Media.h"
+#include "PulseServer.h"
 #include "UserFolders.h"
 #include "base/Log.h"
 #include "recording/AudioRecord.h"
@@ -5,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <QFile>
 #include <QTemporaryDir>
 #include <QThread>
 
@@ -47,6 +50,32 @@ TEST_F(AudioRecordTest, AnInputThatIsGoneFailsToStart) {
     EXPECT_EQ(log.count("Could not construct connection of audio recording session"), 1u);
     EXPECT_EQ(narrator.path(), m_bundle.path() + "/AudioNarrator.mov");
     EXPECT_TRUE(QDir(m_bundle.path()).isEmpty());
+}
+
+// With a private sound server's "GameIn": a finished file is reported, and one that cannot be
+// written (a full disk) makes stop() say so, which the video recorder turns into its message.
+TEST_F(AudioRecordTest, StopSaysWhetherTheFileCouldBeFinished) {
+    test::PulseServer pulse;
+    ASSERT_TRUE(pulse.isRunning()) << pulse.error();
+    const test::PulseServer::Playback game("game_sink", 440, 0, 10);
+    {
+        LogCapture log;
+        AudioRecord record(QStringLiteral("Game"), &m_thread);
+        ASSERT_TRUE(record.start(QStringLiteral("GameIn"), m_bundle.path(), true));
+        EXPECT_TRUE(record.stop());
+        EXPECT_EQ(log.count("Done"), 1u);
+        const auto probed = test::probe(record.path().toStdString(), {"-show_streams"});
+        EXPECT_EQ(test::streamWith(probed, "codec_type", "audio")["codec_name"], "aac");
+    }
+    QTemporaryDir full;
+    ASSERT_TRUE(QFile::link("/dev/full", full.path() + "/AudioGame.mov"));
+    LogCapture log;
+    AudioRecord record(QStringLiteral("Game"), &m_thread);
+    ASSERT_TRUE(record.start(QStringLiteral("GameIn"), full.path(), false));
+    EXPECT_FALSE(record.stop());
+    EXPECT_FALSE(record.isRecording());
+    EXPECT_EQ(log.count("Could not finish audio recording session"), 1u);
+    EXPECT_EQ(log.count("Done"), 0u);
 }
 
 } // namespace
