@@ -248,16 +248,6 @@ TEST_F(RecordingSystemTest, GameSoundIsTheMoviesAacTrackAndTheNarratorsIsNot) {
     EXPECT_NEAR(frequency, 440.0, 5.0);
 }
 
-TEST_F(RecordingSystemTest, WithoutGameAudioTheMovieHasOnlyPicture) {
-    const PulseServer::Playback game("game_sink", 440, 0, 6);
-    const ProcessResult run = record({"--seconds", "2", "--layout", "Top", "--game-audio", "None"});
-    ASSERT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_TRUE(contains(run.err, "No audio device selected for 'Game'")) << run.err;
-    const std::string movie = splitLines(run.out).at(0);
-    EXPECT_EQ(streamCount(movie), 1);
-    EXPECT_FALSE(streamOf(movie, "video").isEmpty());
-}
-
 TEST_F(RecordingSystemTest, BothScreensGiveOneMovieEachNamedAfterItsScreen) {
     const ProcessResult run = record({"--seconds", "2", "--layout", "None", "--game-audio", "GameIn"});
     ASSERT_EQ(run.exitCode, 0) << run.err;

@@ -15,6 +15,7 @@
 
 #include <QTemporaryDir>
 
+#include <array>
 #include <csignal>
 #include <cstring>
 #include <mutex>
@@ -102,20 +103,6 @@ TEST_F(LibusbBoardTest, FramesArriveByteForByteWithTheFrameStartRequestAndReadLe
 
 class LibusbFaultTest : public LibusbBoardTest, public ::testing::WithParamInterface<BoardFault> {};
 
-std::string faultName(const ::testing::TestParamInfo<BoardFault>& info) {
-    switch (info.param) {
-    case BoardFault::Timeout:
-        return "Timeout";
-    case BoardFault::ShortFrame:
-        return "ShortFrame";
-    case BoardFault::Stall:
-        return "Stall";
-    case BoardFault::Vanish:
-        return "Vanish";
-    }
-    return "Unknown";
-}
-
 TEST_P(LibusbFaultTest, AFailedReadGivesABlackStampedFrameAndTheNextFrameIsRealAgain) {
     m_model->injectFault(2, GetParam());
     auto frames = play(4);
@@ -128,9 +115,11 @@ TEST_P(LibusbFaultTest, AFailedReadGivesABlackStampedFrameAndTheNextFrameIsRealA
     EXPECT_EQ(m_log.countPrefix("Capture device"), 0u) << "a failed read is not a disconnect";
 }
 
-INSTANTIATE_TEST_SUITE_P(Faults, LibusbFaultTest,
-                         ::testing::Values(BoardFault::Timeout, BoardFault::ShortFrame, BoardFault::Stall),
-                         faultName);
+INSTANTIATE_TEST_SUITE_P(
+    Faults, LibusbFaultTest,
+    ::testing::Values(BoardFault::Timeout, BoardFault::ShortFrame, BoardFault::Stall), [](const auto& info) {
+        return (std::array{"Timeout", "ShortFrame", "Stall"})[static_cast<size_t>(info.param)];
+    });
 
 struct OpeningFailure {
     const char* name;
