@@ -8,7 +8,6 @@
 #include "capture/CaptureDevice.h"
 #include "capture/DemoBoard.h"
 #include "layouts/LayoutController.h"
-#include "layouts/PluginController.h"
 #include "recording/ImageRecorder.h"
 #include "recording/ShellCommand.h"
 #include "recording/VideoRecorder.h"
@@ -28,26 +27,21 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A board that is never there.
-class AbsentBoard final : public SimulatedBoard {
+// A board that is never there, or (forbidden) plugged in with a device node that is not ours to open.
+class MissingBoard final : public SimulatedBoard {
 public:
-    bool openDeviceWithVidPid(uint16_t, uint16_t) override { return false; }
-
-protected:
-    void fill(uint64_t, uint64_t, uint8_t*, uint64_t) override {}
-};
-
-// A board that is plugged in but whose device node is not ours to open.
-class ForbiddenBoard final : public SimulatedBoard {
-public:
+    explicit MissingBoard(bool forbidden = false) : m_forbidden(forbidden) {}
     bool openDeviceWithVidPid(uint16_t, uint16_t) override { return false; }
     int openError(std::string& node) override {
-        node = "/dev/bus/usb/001/002";
-        return usb::ErrorAccess;
+        node = m_forbidden ? "/dev/bus/usb/001/002" : "";
+        return m_forbidden ? usb::ErrorAccess : usb::ErrorNotFound;
     }
 
 protected:
     void fill(uint64_t, uint64_t, uint8_t*, uint64_t) override {}
+
+private:
+    bool m_forbidden;
 };
 
 TEST(WindowSizing, KeepsProportionsAndNeverShrinksBelowNaturalSize) {
@@ -136,7 +130,7 @@ TEST_F(MainControllerTest, PlayWithoutABoardSaysSoAndStaysStopped) {
     const QString alert =
         "Could not connect to device. | It was not possible to connect to the capture device. "
         "Please insert the cable or check whether it is inserted correctly.";
-    auto& ui = start(std::make_unique<AbsentBoard>());
+    auto& ui = start(std::make_unique<MissingBoard>());
     EXPECT_EQ(ui.playPauseItem->text(), "Play");
     EXPECT_FALSE(ui.screenshotItem->isEnabled());
     ui.playPauseItem->trigger();
@@ -146,7 +140,7 @@ TEST_F(MainControllerTest, PlayWithoutABoardSaysSoAndStaysStopped) {
 
     // A board we may not open: the same alert, with the rule to install behind its details.
     stop();
-    start(std::make_unique<ForbiddenBoard>()).playPauseItem->trigger();
+    start(std::make_unique<MissingBoard>(true)).playPauseItem->trigger();
     EXPECT_EQ(alerts(true),
               QStringList{alert + " | Zandor may not open the capture board's USB device. Install the "
                                   "udev rule 70-zandor-capture.rules, then plug the board in again:\n"
@@ -185,11 +179,11 @@ TEST_F(MainControllerTest, WhileTheBoardIsAwayThePictureSaysSoUntilItIsBackOrPau
     EXPECT_FALSE(ui.layoutView->showsNoSignal()) << "a paused picture says nothing of the board";
 }
 
-TEST_F(MainControllerTest, PlayingShowsTheMovingPictureAndEnablesTheRecorders) {
+TEST_F(MainControllerTest, PlayingShowsTheMovingPictureAndTheActionsTakeAScreenshotAndAVideo) {
+    ShellCommand::setToolFolder(QCoreApplication::applicationDirPath() + "/../libexec/zandor");
     auto& ui = start();
     ui.playPauseItem->trigger();
     EXPECT_EQ(ui.playPauseItem->text(), "Pause");
-    EXPECT_TRUE(ui.screenshotItem->isEnabled() && ui.recordItem->isEnabled());
     QSignalSpy frames(ui.layoutView, &CaptureLayoutView::frameReceived);
     ASSERT_TRUE(frames.wait(20000));
     const QImage first = ui.layoutView->grab().toImage();
@@ -197,38 +191,30 @@ TEST_F(MainControllerTest, PlayingShowsTheMovingPictureAndEnablesTheRecorders) {
     EXPECT_NE(first, ui.layoutView->grab().toImage()) << "the picture moves";
     EXPECT_EQ(first.size(), QSize(400, 480));
 
-    ui.playPauseItem->trigger();
-    EXPECT_EQ(ui.playPauseItem->text(), "Play");
-    EXPECT_FALSE(m_controller->device()->isListening());
-}
-
-TEST_F(MainControllerTest, TheWindowsActionsTakeAScreenshotAndAVideo) {
-    ShellCommand::setToolFolder(QCoreApplication::applicationDirPath() + "/../libexec/zandor");
-    auto& ui = start();
-    ui.playPauseItem->trigger();
     ui.screenshotItem->trigger();
     ASSERT_TRUE(m_controller->imageRecorder()->waitUntilFinished(20s));
-
     ui.recordItem->trigger();
     EXPECT_EQ(ui.recordItem->text(), "Stop");
     EXPECT_FALSE(ui.playPauseItem->isEnabled()) << "no pausing while recording";
     EXPECT_FALSE(m_controller->attemptExit()) << "no quitting while recording";
     EXPECT_TRUE(alerts().last().startsWith("Please stop recording first."));
-    QSignalSpy frames(ui.layoutView, &CaptureLayoutView::frameReceived);
-    while (frames.count() < 30) {
+    for (int seen = frames.count(); frames.count() < seen + 30;) {
         ASSERT_TRUE(frames.wait(20000));
     }
     ui.recordItem->trigger();
     ASSERT_TRUE(m_controller->videoRecorder()->waitUntilFinished(60s));
     EXPECT_TRUE(m_controller->attemptExit());
     QTRY_COMPARE_WITH_TIMEOUT(ui.recordItem->text(), QStringLiteral("Record"), 20000);
-    EXPECT_TRUE(ui.playPauseItem->isEnabled());
-
     const QStringList files = QDir(m_storage.path()).entryList(QDir::Files, QDir::Name);
     ASSERT_EQ(files.size(), 2) << files.join(", ").toStdString();
     EXPECT_TRUE(files[0].startsWith("Capture ") && files[0].endsWith(".mp4"));
     EXPECT_TRUE(files[1].startsWith("Screenshot ") && files[1].endsWith(".png"));
     ShellCommand::setToolFolder({});
+
+    ui.playPauseItem->trigger();
+    EXPECT_EQ(ui.playPauseItem->text(), "Play");
+    EXPECT_FALSE(m_controller->device()->isListening());
+    EXPECT_FALSE(ui.screenshotItem->isEnabled() || ui.recordItem->isEnabled());
 }
 
 TEST_F(MainControllerTest, ALayoutChangeResizesTheWindowKeepingItsLowerLeftCorner) {
@@ -249,25 +235,6 @@ TEST_F(MainControllerTest, ALayoutChangeResizesTheWindowKeepingItsLowerLeftCorne
     EXPECT_EQ(ui.mainView->size(), QSize(1440, 480));
     EXPECT_TRUE(ui.sizeDoubleItem->isChecked());
     EXPECT_FALSE(ui.sizeOriginalItem->isChecked());
-}
-
-TEST_F(MainControllerTest, AnInstalledLayoutPluginBecomesTheActiveLayout) {
-    auto& ui = start();
-    const QStringList before = items(ui.activeLayoutMenu);
-    QTemporaryDir downloads;
-    const QString unknown =
-        test::writeBundle(downloads.path(), "other.zdplugin", "<plugin><name>Other</name></plugin>");
-    EXPECT_FALSE(PluginController::instance().installPlugin(unknown));
-    EXPECT_EQ(items(ui.activeLayoutMenu), before);
-
-    const QString bundle = test::writeBundle(
-        downloads.path(), "mine.zdplugin",
-        test::layoutDescriptor("My Layout", 1, 400, 480, R"(<object type="screen_top" x="0" y="0"/>)"));
-    ASSERT_TRUE(PluginController::instance().installPlugin(bundle));
-    EXPECT_EQ(m_controller->activeLayout()->name(), "My Layout");
-    const QStringList after = items(ui.activeLayoutMenu);
-    EXPECT_TRUE(after.endsWith("My Layout*")) << after.join(", ").toStdString();
-    EXPECT_TRUE(after.contains("---"));
 }
 
 TEST_F(MainControllerTest, CaptureFollowsTheChosenLayoutOrBothScreens) {
@@ -376,14 +343,16 @@ TEST_F(MainControllerTest, TheFirstRunShowsTheAboutWindowOnce) {
     EXPECT_EQ(m_controller->mainWindow()->findChild<QMessageBox*>("aboutWindow"), nullptr);
 }
 
-TEST_F(MainControllerTest, PluginsOpenedOrHandedOverAreInstalledAndRefusalsAreShown) {
-    start();
-    MainController& controller = *m_controller;
-    ZDAppDelegate delegate(controller);
+TEST_F(MainControllerTest, APluginOpenedOrHandedOverBecomesTheActiveLayoutAndARefusalIsShown) {
+    auto& ui = start();
+    ZDAppDelegate delegate(*m_controller);
+    const QStringList before = items(ui.activeLayoutMenu);
     QTemporaryDir downloads;
-    EXPECT_FALSE(delegate.openFile(downloads.path() + "/missing.zdplugin"));
+    EXPECT_FALSE(delegate.openFile(
+        test::writeBundle(downloads.path(), "other.zdplugin", "<plugin><name>Other</name></plugin>")));
     EXPECT_TRUE(alerts().last().startsWith("Could not install the plugin."))
         << alerts().join("\n").toStdString();
+    EXPECT_EQ(items(ui.activeLayoutMenu), before);
 
     // A second start of the application hands its plugins to this one.
     ASSERT_TRUE(delegate.listen());
@@ -391,7 +360,10 @@ TEST_F(MainControllerTest, PluginsOpenedOrHandedOverAreInstalledAndRefusalsAreSh
         downloads.path(), "handed.zdplugin",
         test::layoutDescriptor("Handed Over", 1, 400, 240, R"(<object type="screen_top" x="0" y="0"/>)"));
     ASSERT_TRUE(ZDAppDelegate::sendToRunning({bundle}));
-    QTRY_COMPARE_WITH_TIMEOUT(controller.activeLayout()->name(), QStringLiteral("Handed Over"), 20000);
+    QTRY_COMPARE_WITH_TIMEOUT(m_controller->activeLayout()->name(), QStringLiteral("Handed Over"), 20000);
+    const QStringList after = items(ui.activeLayoutMenu);
+    EXPECT_TRUE(after.endsWith("Handed Over*")) << after.join(", ").toStdString();
+    EXPECT_TRUE(after.contains("---"));
 }
 
 } // namespace

@@ -70,15 +70,9 @@ TEST_F(DumpCommandTest, WritesTheDemoBoardsFramesAndReplaysThemInALoop) {
 }
 
 TEST_F(DumpCommandTest, BadInputGetsOneClearLine) {
-    const std::string out = (m_folder / "out.raw").string(), broken = (m_folder / "broken.raw").string();
-    // One and a half frames.
-    std::ofstream(broken, std::ios::binary) << std::string(raw::FrameBytes * 3 / 2, 'x');
+    const std::string out = (m_folder / "out.raw").string();
     for (const auto& [options, message] : std::vector<std::pair<std::vector<std::string>, std::string>>{
              {{"--board", "camera", "--frames", "1", "--out", out}, "Unknown board 'camera'"},
-             {{"--board", "replay:" + (m_folder / "nope.raw").string(), "--frames", "1", "--out", out},
-              "No such file or directory"},
-             {{"--board", "replay:" + broken, "--frames", "1", "--out", out},
-              "not a whole number of 518400-byte frames"},
              {{"--board", "demo", "--frames", "0", "--out", out}, "--frames"},
              {{"--board", "demo", "--frames", "1"}, "--out"},
              {{"--board", "demo", "--frames", "1", "--out", out, "--quality", "High"},
@@ -89,8 +83,7 @@ TEST_F(DumpCommandTest, BadInputGetsOneClearLine) {
         expectOneLineFailure(dump(options), message);
     }
     expectOneLineFailure(test::runProcess({ZANDOR_CLI, "frobnicate"}), "unknown command 'frobnicate'");
-    EXPECT_EQ(std::distance(fs::directory_iterator(m_folder), fs::directory_iterator()), 1)
-        << "a failed dump left a file";
+    EXPECT_TRUE(fs::is_empty(m_folder)) << "a failed dump left a file";
 }
 
 } // namespace

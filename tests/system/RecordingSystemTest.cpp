@@ -10,7 +10,6 @@
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <QJsonArray>
 #include <QRegularExpression>
 #include <QTemporaryDir>
@@ -60,8 +59,6 @@ std::vector<int16_t> soundOf(const std::string& movie) {
                              {"-map", "0:a:0", "-af", "aresample=async=1:first_pts=0", "-ar", "44100"});
 }
 
-// Level in dB of full scale, and frequency in Hz from the upward crossings of a tenth of full scale,
-// over [from, to) seconds.
 // Level (dB of full scale) and pitch of a stretch of sound. The pitch comes from the median time
 // between upward crossings, so a short gap in the sound does not change it.
 std::pair<double, double> levelAndFrequency(const std::vector<int16_t>& samples, double from, double to) {
@@ -217,58 +214,44 @@ protected:
     std::unique_ptr<PulseServer> m_pulse;
 };
 
-TEST_F(RecordingSystemTest, GameSoundIsTheMoviesAacTrackAndTheNarratorsIsNot) {
+// Both screens: one movie each, named after its screen with one stamp, each with the game's sound
+// as its only sound track; the narrator's is never merged.
+TEST_F(RecordingSystemTest, EachScreensMovieGetsTheGameSoundAsItsAacTrackAndNotTheNarrators) {
     const PulseServer::Playback game("game_sink", 440, 0, 8);
     const PulseServer::Playback narrator("narrator_sink", 1000, 0, 8);
     const ProcessResult run = record(
-        {"--seconds", "3", "--layout", "Top", "--game-audio", "GameIn", "--narrator-audio", "NarratorIn"});
-    ASSERT_EQ(run.exitCode, 0) << run.err;
-    const auto printed = splitLines(run.out);
-    ASSERT_EQ(printed.size(), 1u) << run.out;
-    const QString movie = QString::fromStdString(printed[0]);
-    EXPECT_TRUE(
-        QRegularExpression(R"(/Capture \d\d_\d\d_\d{4} \d\d_\d\d_\d\d\.mp4$)").match(movie).hasMatch())
-        << printed[0];
-    EXPECT_EQ(stored(), QStringList{QFileInfo(movie).fileName()}) << "the bundle is gone, the movie is left";
-
-    ASSERT_EQ(streamCount(printed[0]), 2)
-        << "one picture and one sound track: the narrator's is never merged";
-    const QJsonObject video = streamOf(printed[0], "video"), audio = streamOf(printed[0], "audio");
-    EXPECT_EQ(video["codec_name"], "h264");
-    EXPECT_EQ(size(video), "400x240");
-    EXPECT_NEAR(video["duration"].toString().toDouble(), 3.0, 0.5);
-    EXPECT_EQ(audio["codec_name"], "aac");
-    EXPECT_EQ(audio["sample_rate"], "44100");
-    EXPECT_EQ(audio["channels"], 2);
-
-    // The game's tone, at its level (half of full scale is -9 dB) and its pitch; the narrator's
-    // tone at 1 kHz, mixed in, would show in both.
-    const auto [level, frequency] = levelAndFrequencyOfTheStart(soundOf(printed[0]));
-    EXPECT_GT(level, -12.0);
-    EXPECT_NEAR(frequency, 440.0, 5.0);
-}
-
-TEST_F(RecordingSystemTest, BothScreensGiveOneMovieEachNamedAfterItsScreen) {
-    const ProcessResult run = record({"--seconds", "2", "--layout", "None", "--game-audio", "GameIn"});
+        {"--seconds", "3", "--layout", "None", "--game-audio", "GameIn", "--narrator-audio", "NarratorIn"});
     ASSERT_EQ(run.exitCode, 0) << run.err;
     const QStringList files = stored();
-    ASSERT_EQ(files.size(), 2) << files.join(", ").toStdString();
-    // Sorted by name: Bottom before Top, with the same stamp.
+    ASSERT_EQ(files.size(), 2) << files.join(", ").toStdString()
+                               << ": the bundle is gone, the movies are left";
+    // Sorted by name: Bottom before Top.
     const QRegularExpression name(R"(^Capture (\d\d_\d\d_\d{4} \d\d_\d\d_\d\d) (Top|Bottom)\.mp4$)");
     const auto bottom = name.match(files[0]), top = name.match(files[1]);
     ASSERT_TRUE(bottom.hasMatch() && top.hasMatch()) << files.join(", ").toStdString();
-    EXPECT_EQ(bottom.captured(2), "Bottom");
-    EXPECT_EQ(top.captured(2), "Top");
+    EXPECT_EQ(bottom.captured(2) + top.captured(2), "BottomTop");
     EXPECT_EQ(bottom.captured(1), top.captured(1));
     auto printed = splitLines(run.out);
     std::sort(printed.begin(), printed.end());
-    const std::string bottomMovie = (out() + "/" + files[0]).toStdString(),
-                      topMovie = (out() + "/" + files[1]).toStdString();
-    EXPECT_EQ(printed, (std::vector<std::string>{bottomMovie, topMovie}));
-    EXPECT_EQ(size(streamOf(bottomMovie, "video")), "320x240");
-    EXPECT_EQ(size(streamOf(topMovie, "video")), "400x240");
-    EXPECT_EQ(streamCount(bottomMovie), 2) << "each movie gets the game sound";
-    EXPECT_EQ(streamCount(topMovie), 2) << "each movie gets the game sound";
+    ASSERT_EQ(printed, (std::vector<std::string>{(out() + "/" + files[0]).toStdString(),
+                                                 (out() + "/" + files[1]).toStdString()}));
+
+    for (const auto& [movie, picture] : {std::pair{printed[0], "320x240"}, {printed[1], "400x240"}}) {
+        SCOPED_TRACE(movie);
+        ASSERT_EQ(streamCount(movie), 2) << "one picture and one sound track";
+        const QJsonObject video = streamOf(movie, "video"), audio = streamOf(movie, "audio");
+        EXPECT_EQ(video["codec_name"], "h264");
+        EXPECT_EQ(size(video), picture);
+        EXPECT_NEAR(video["duration"].toString().toDouble(), 3.0, 0.5);
+        EXPECT_EQ(audio["codec_name"], "aac");
+        EXPECT_EQ(audio["sample_rate"], "44100");
+        EXPECT_EQ(audio["channels"], 2);
+        // The game's tone, at its level (half of full scale is -9 dB) and its pitch; the narrator's
+        // tone at 1 kHz, mixed in, would show in both.
+        const auto [level, frequency] = levelAndFrequencyOfTheStart(soundOf(movie));
+        EXPECT_GT(level, -12.0);
+        EXPECT_NEAR(frequency, 440.0, 5.0);
+    }
 }
 
 TEST_F(RecordingSystemTest, FixedFrameRateIsMadeByTheConvertingTool) {

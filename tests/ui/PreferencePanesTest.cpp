@@ -85,38 +85,32 @@ protected:
     }
 };
 
-TEST_F(PreferencePanesTest, ViewPaneWritesEveryChoiceToTheFileAtOnce) {
-    ViewPreferencesView pane({"Built-in Display", "DELL U2720Q", "DELL U2720Q"});
-    auto* screens = control<QComboBox>(pane, "screenPopup");
-    EXPECT_EQ(titles(screens), (QStringList{"Built-in Display", "DELL U2720Q", "DELL U2720Q"}));
-    EXPECT_EQ(screens->currentIndex(), -1) << "no display chosen yet";
+TEST_F(PreferencePanesTest, ViewPaneShowsTheStoredChoicesAndWritesEveryChoiceAtOnce) {
+    store(PreferenceFullscreenScreen, "DELL U2720Q");
+    store(PreferenceFullscreenHudEnabled, false);
+    store(PreferenceFullscreenMaxScale, qint64(4));
+    QFile::remove(PreferencesController::preferencesFile());
+    ViewPreferencesView pane({"DELL U2720Q", "Built-in Display", "DELL U2720Q"});
     EXPECT_FALSE(QFile::exists(PreferencesController::preferencesFile())) << "filling the controls wrote";
+    auto* screens = control<QComboBox>(pane, "screenPopup");
+    auto* hud = control<QCheckBox>(pane, "fullscreenhudEnableButton");
+    auto* scale = control<QComboBox>(pane, "fullscreenMaxScale");
+    EXPECT_EQ(titles(screens), (QStringList{"DELL U2720Q", "Built-in Display", "DELL U2720Q"}));
+    EXPECT_EQ(screens->currentIndex(), 2) << "the last item of that name";
+    EXPECT_FALSE(hud->isChecked());
+    EXPECT_EQ(scale->currentData(), qint64(4));
 
     choose(screens, 1);
-    EXPECT_EQ(stored("PreferenceFullscreenScreen"), R"("DELL U2720Q")");
-    store(PreferenceFullscreenScreen, "");
-    choose(screens, 2);
+    EXPECT_EQ(stored("PreferenceFullscreenScreen"), R"("Built-in Display")");
+    choose(screens, 0);
     EXPECT_EQ(stored("PreferenceFullscreenScreen"), R"("DELL U2720Q")") << "either twin stores the name";
-
-    control<QCheckBox>(pane, "fullscreenhudEnableButton")->click();
-    EXPECT_EQ(stored("PreferenceFullscreenHudEnabled"), R"(false)");
-
-    auto* scale = control<QComboBox>(pane, "fullscreenMaxScale");
+    hud->click();
+    EXPECT_EQ(stored("PreferenceFullscreenHudEnabled"), R"(true)");
     choose(scale, scale->findData(qint64(3)));
     EXPECT_EQ(stored("PreferenceFullscreenMaxScale"), R"({"integer":3})");
     choose(scale, scale->findData(qint64(0)));
     EXPECT_EQ(scale->currentText(), "No limit");
     EXPECT_EQ(stored("PreferenceFullscreenMaxScale"), R"({"integer":0})");
-}
-
-TEST_F(PreferencePanesTest, ViewPaneShowsTheStoredChoices) {
-    store(PreferenceFullscreenScreen, "DELL U2720Q");
-    store(PreferenceFullscreenHudEnabled, false);
-    store(PreferenceFullscreenMaxScale, qint64(4));
-    ViewPreferencesView pane({"DELL U2720Q", "Built-in Display", "DELL U2720Q"});
-    EXPECT_EQ(control<QComboBox>(pane, "screenPopup")->currentIndex(), 2) << "the last item of that name";
-    EXPECT_FALSE(control<QCheckBox>(pane, "fullscreenhudEnableButton")->isChecked());
-    EXPECT_EQ(control<QComboBox>(pane, "fullscreenMaxScale")->currentData(), qint64(4));
 
     // Values no item has leave the interface's choices and stay stored.
     store(PreferenceFullscreenScreen, "Unplugged");
@@ -127,43 +121,7 @@ TEST_F(PreferencePanesTest, ViewPaneShowsTheStoredChoices) {
     EXPECT_EQ(stored("PreferenceFullscreenScreen"), R"("Unplugged")");
 }
 
-TEST_F(PreferencePanesTest, CapturePaneWritesEveryChoiceToTheFileAtOnce) {
-    QDir().mkpath(home + "/Videos/Handheld");
-    store(PreferenceCaptureStorageFolder, home + "/Videos/Handheld");
-    QFile::remove(PreferencesController::preferencesFile());
-    CapturePreferencesView pane;
-    pane.resize(900, 500);
-    pane.show();
-    EXPECT_FALSE(QFile::exists(PreferencesController::preferencesFile())) << "filling the controls wrote";
-
-    for (const auto& [popup, title, key] :
-         {std::tuple{"layoutPopup", "None", "PreferenceCaptureLayout"},
-          {"layoutPopup", "Active Layout", "PreferenceCaptureLayout"},
-          {"qualityPopup", "High", "PreferenceCaptureVideoQuality"},
-          {"fpsPopup", "30", "PreferenceCaptureVideoFPS"},
-          {"imageFormatPopup", "JPEG", "PreferenceCaptureImageFormat"},
-          {"audioNarratorPopup", "None", "PreferenceCaptureNarratorAudioInput"},
-          {"audioGamePopup", "None", "PreferenceCaptureGameAudioInput"}}) {
-        choose(control<QComboBox>(pane, popup), title);
-        EXPECT_EQ(stored(key), '"' + std::string(title) + '"') << popup;
-    }
-    // Clicking a component higher up the path chooses that folder.
-    auto* path = control<PathControl>(pane, "capturePathControl");
-    EXPECT_EQ(path->path(), home + "/Videos/Handheld");
-    QToolButton* videos = nullptr;
-    for (QToolButton* button : path->findChildren<QToolButton*>()) {
-        if (button->text() == "Videos") {
-            videos = button;
-        }
-    }
-    ASSERT_NE(videos, nullptr);
-    ASSERT_TRUE(videos->isVisible());
-    videos->click();
-    EXPECT_EQ(path->path(), home + "/Videos");
-    EXPECT_EQ(stored("PreferenceCaptureStorageFolder"), "\"" + (home + "/Videos").toStdString() + "\"");
-}
-
-TEST_F(PreferencePanesTest, CapturePaneShowsTheStoredChoices) {
+TEST_F(PreferencePanesTest, CapturePaneShowsTheStoredChoicesAndWritesEveryChoiceAtOnce) {
     QTemporaryDir bundles;
     auto& catalogue = LayoutController::instance();
     catalogue.setDevice(CaptureDevice::create(std::make_unique<test::GatedBoard>()));
@@ -173,11 +131,17 @@ TEST_F(PreferencePanesTest, CapturePaneShowsTheStoredChoices) {
         ASSERT_TRUE(plugin->parse());
         catalogue.addPlugin(plugin);
     }
+    QDir().mkpath(home + "/Videos/Handheld");
+    store(PreferenceCaptureStorageFolder, home + "/Videos/Handheld");
     store(PreferenceCaptureLayout, "Twin");
     store(PreferenceCaptureVideoQuality, "Low");
     store(PreferenceCaptureVideoFPS, "50");
     store(PreferenceCaptureImageFormat, "JPEG");
+    QFile::remove(PreferencesController::preferencesFile());
     CapturePreferencesView pane;
+    pane.resize(900, 500);
+    pane.show();
+    EXPECT_FALSE(QFile::exists(PreferencesController::preferencesFile())) << "filling the controls wrote";
 
     auto* layouts = control<QComboBox>(pane, "layoutPopup");
     QStringList expected{"Active Layout", "---", "None", "---"};
@@ -195,12 +159,35 @@ TEST_F(PreferencePanesTest, CapturePaneShowsTheStoredChoices) {
     EXPECT_EQ(control<QComboBox>(pane, "fpsPopup")->currentText(), "50");
     EXPECT_EQ(control<QComboBox>(pane, "imageFormatPopup")->currentText(), "PNG") << "not set from the store";
 
+    for (const auto& [popup, title, key] :
+         {std::tuple{"layoutPopup", "None", "PreferenceCaptureLayout"},
+          {"layoutPopup", "Active Layout", "PreferenceCaptureLayout"},
+          {"qualityPopup", "High", "PreferenceCaptureVideoQuality"},
+          {"fpsPopup", "30", "PreferenceCaptureVideoFPS"},
+          {"imageFormatPopup", "JPEG", "PreferenceCaptureImageFormat"},
+          {"audioNarratorPopup", "None", "PreferenceCaptureNarratorAudioInput"},
+          {"audioGamePopup", "None", "PreferenceCaptureGameAudioInput"}}) {
+        choose(control<QComboBox>(pane, popup), title);
+        EXPECT_EQ(stored(key), '"' + std::string(title) + '"') << popup;
+    }
+    // Clicking a component higher up the path chooses that folder.
+    auto* path = control<PathControl>(pane, "capturePathControl");
+    EXPECT_EQ(path->path(), home + "/Videos/Handheld");
+    QToolButton* videos = nullptr;
+    for (QToolButton* button : path->findChildren<QToolButton*>()) {
+        videos = button->text() == "Videos" ? button : videos;
+    }
+    ASSERT_TRUE(videos && videos->isVisible());
+    videos->click();
+    EXPECT_EQ(path->path(), home + "/Videos");
+    EXPECT_EQ(stored("PreferenceCaptureStorageFolder"), "\"" + (home + "/Videos").toStdString() + "\"");
+
+    // Values no item has leave the choices; without audio inputs both pop-ups offer only None.
     store(PreferenceCaptureLayout, "Removed");
     store(PreferenceCaptureVideoFPS, "7");
     CapturePreferencesView later;
     EXPECT_EQ(control<QComboBox>(later, "layoutPopup")->currentIndex(), -1);
     EXPECT_EQ(control<QComboBox>(later, "fpsPopup")->currentText(), "Original");
-    // Without audio inputs both pop-ups offer only None.
     for (const char* name : {"audioGamePopup", "audioNarratorPopup"}) {
         EXPECT_EQ(titles(control<QComboBox>(later, name)), (QStringList{"None", "---"})) << name;
         EXPECT_EQ(control<QComboBox>(later, name)->currentData(), "None") << name;

@@ -27,7 +27,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::allZero;
-using test::takeFrames;
 
 bool isDemoFrame(const CaptureData& frame, uint64_t number) {
     std::vector<uint8_t> expected(raw::FrameBytes);
@@ -178,50 +177,6 @@ TEST_F(LibusbBoardTest, AnInterfaceHeldByAnotherProgramIsNamedAsTheReason) {
               (std::vector<std::string>{"Could not claim capture interface",
                                         "Another program is using the capture board: close it, "
                                         "then try again"}));
-}
-
-TEST_F(LibusbBoardTest, AnUnpluggedBoardGivesBlackFramesUntilItIsBackAtItsNewNodeWithinTheSameRun) {
-    const std::string firstNode = m_board->deviceNode();
-    m_board->unplugAtRequest(10, 300ms);
-    auto observer = m_device->addObserver(m_wakeup);
-    ASSERT_TRUE(m_device->startListening());
-    // Enough frames to see the board leave and come back, and a few real ones after.
-    std::vector<CaptureDataPtr> frames;
-    size_t realAfterReturn = 0;
-    while (realAfterReturn < 10) {
-        auto more = takeFrames(*m_device, observer, *m_wakeup, 1);
-        ASSERT_EQ(more.size(), 1u) << "the device stopped publishing";
-        frames.push_back(more.front());
-        const bool back = connections().size() == 2;
-        if (back && !allZero(*frames.back())) {
-            ++realAfterReturn;
-        }
-        ASSERT_LT(frames.size(), 60u * 20) << "the board never came back";
-    }
-
-    EXPECT_EQ(connections(), (std::vector<bool>{false, true}));
-    EXPECT_EQ(m_log.count("Capture device disconnected"), 1u);
-    EXPECT_EQ(m_log.count("Capture device reconnected"), 1u);
-    EXPECT_NE(m_board->deviceNode(), firstNode);
-    // Real frames, one run of black ones while the board was away, real ones again; the time
-    // stamps go on from the same start.
-    size_t runs = 1;
-    for (size_t i = 1; i < frames.size(); ++i) {
-        runs += allZero(*frames[i]) != allZero(*frames[i - 1]);
-        EXPECT_GT(frames[i]->timestamp(), frames[i - 1]->timestamp());
-    }
-    EXPECT_EQ(runs, 3u);
-    EXPECT_TRUE(isDemoFrame(*frames[0], 0));
-    EXPECT_FALSE(allZero(*frames.back()));
-
-    // Gone for good: a new start is the ordinary failure to find the board, not a disconnect.
-    m_board->unplug();
-    ASSERT_TRUE(m_log.waitFor("Capture device disconnected", 5s));
-    m_device->stopListening();
-    ASSERT_TRUE(DetachedThread::waitForAll(20s));
-    m_log.clear();
-    EXPECT_FALSE(m_device->startListening());
-    EXPECT_EQ(m_log.lines(), std::vector<std::string>{"Could not connect to capture device"});
 }
 
 TEST_F(LibusbBoardTest, ANodeWeMayNotOpenNamesTheUdevRule) {
