@@ -17,12 +17,15 @@ CaptureScreen::CaptureScreen(uint64_t width, uint64_t height, uint64_t offset,
       m_wakeup(std::make_shared<Wakeup>()) {}
 
 bool CaptureScreen::startListening() {
+    auto device = m_device.lock();
+    if (!device) {
+        return true;
+    }
+    // The device's lock first (the device already holds it when it starts its screens), so that
+    // a screen started on its own takes the two in the same order.
+    std::scoped_lock deviceLock(*device);
     std::scoped_lock lock(m_lock);
     if (!m_listening) {
-        auto device = m_device.lock();
-        if (!device) {
-            return true;
-        }
         m_observer = device->addObserver(m_wakeup);
         DetachedThread::start(m_offset == 0 ? "zandor-top" : "zandor-bottom",
                               [screen = self<CaptureScreen>(), device, observer = m_observer] {
@@ -34,8 +37,14 @@ bool CaptureScreen::startListening() {
 }
 
 void CaptureScreen::stopListening() {
+    auto device = m_device.lock();
+    // As in startListening: the device's lock before the screen's.
+    std::unique_lock<Observable> deviceLock;
+    if (device) {
+        deviceLock = std::unique_lock<Observable>(*device);
+    }
     std::scoped_lock lock(m_lock);
-    if (auto device = m_device.lock()) {
+    if (device) {
         device->removeObserver(m_observer);
     }
     // The thread holds its own reference to the observer; frames still queued in it go when the

@@ -26,8 +26,8 @@ public:
     uint64_t offset() const { return m_offset; }
     std::shared_ptr<CaptureDevice> device() const { return m_device.lock(); }
 
-    // Called by the device, which holds its lock (see Observable.h): they subscribe to the device
-    // and unsubscribe while holding the screen's.
+    // Called by the device, which holds its lock (see Observable.h): they take the device's lock
+    // (again) and then the screen's, and subscribe to the device or unsubscribe.
     bool startListening();
     void stopListening();
     bool isListening();
