@@ -38,24 +38,11 @@ public:
     MOCK_METHOD(int, clearHalt, (uint8_t), (override));
 };
 
-// Every test leaves no pipeline thread behind. The device reads a gated board.
-class CaptureDeviceTest : public ::testing::Test {
+class CaptureDeviceTest : public test::GatedDeviceTest {
 protected:
-    void SetUp() override { ASSERT_TRUE(DetachedThread::waitForAll(20s)); }
-    void TearDown() override {
-        m_device->stopListening();
-        m_board->release();
-        EXPECT_TRUE(DetachedThread::waitForAll(20s)) << "a pipeline thread outlived its test";
-    }
-
     std::vector<CaptureDataPtr> run(const std::shared_ptr<CaptureDevice>& device, size_t count) {
         return test::playFrames(*device, m_wakeup, count);
     }
-
-    std::unique_ptr<GatedBoard> m_owned = std::make_unique<GatedBoard>();
-    GatedBoard* m_board = m_owned.get();
-    std::shared_ptr<CaptureDevice> m_device = CaptureDevice::create(std::move(m_owned));
-    std::shared_ptr<Wakeup> m_wakeup = std::make_shared<Wakeup>();
 };
 
 struct OpeningFailure {

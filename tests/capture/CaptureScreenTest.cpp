@@ -71,20 +71,7 @@ TEST(ScreenCut, TakesEachPixelFromTheBoardsColumnOrder) {
     EXPECT_EQ(pixelAt(bottom, Bottom, 319, 0), 96000u + 319 * 240 + 239);
 }
 
-class CaptureScreenPipeline : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(DetachedThread::waitForAll(20s)); }
-    void TearDown() override {
-        m_device->stopListening();
-        m_board->release();
-        EXPECT_TRUE(DetachedThread::waitForAll(20s));
-    }
-
-    std::unique_ptr<test::GatedBoard> m_owned = std::make_unique<test::GatedBoard>();
-    test::GatedBoard* m_board = m_owned.get();
-    std::shared_ptr<CaptureDevice> m_device = CaptureDevice::create(std::move(m_owned));
-    std::shared_ptr<Wakeup> m_wakeup = std::make_shared<Wakeup>();
-};
+using CaptureScreenPipeline = test::GatedDeviceTest;
 
 TEST_F(CaptureScreenPipeline, ScreensPublishTheCutOfEachRawFrameWithItsTimeStamp) {
     auto rawObserver = m_device->addObserver(m_wakeup);

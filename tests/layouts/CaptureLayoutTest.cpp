@@ -114,20 +114,8 @@ QImage randomImage(std::mt19937& random, int width, int height) {
     return image;
 }
 
-class CaptureLayoutTest : public ::testing::Test {
+class CaptureLayoutTest : public test::GatedDeviceTest {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(DetachedThread::waitForAll(20s));
-        auto board = std::make_unique<test::GatedBoard>();
-        m_board = board.get();
-        m_device = CaptureDevice::create(std::move(board));
-    }
-    void TearDown() override {
-        m_device->stopListening();
-        m_board->release();
-        EXPECT_TRUE(DetachedThread::waitForAll(20s));
-    }
-
     std::shared_ptr<LayoutPlugin> plugin(const QByteArray& descriptor,
                                          const QMap<QString, QImage>& images = {}) {
         auto bundle = test::writeBundle(m_folder.path(), QStringLiteral("l%1.zdplugin").arg(++m_count),
@@ -139,9 +127,6 @@ protected:
 
     QTemporaryDir m_folder;
     int m_count = 0;
-    std::shared_ptr<Wakeup> m_wakeup = std::make_shared<Wakeup>();
-    test::GatedBoard* m_board = nullptr;
-    std::shared_ptr<CaptureDevice> m_device;
 };
 
 struct Composition {

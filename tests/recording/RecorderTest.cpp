@@ -44,42 +44,30 @@ private:
     std::map<QString, int> m_seen; // the recorder's thread only
 };
 
-class RecorderTest : public ::testing::Test {
+class RecorderTest : public test::GatedDeviceTest {
 protected:
     void SetUp() override {
         test::isolateUserFolders();
-        ASSERT_TRUE(DetachedThread::waitForAll(20s));
-        auto board = std::make_unique<test::GatedBoard>();
-        m_board = board.get();
-        m_device = CaptureDevice::create(std::move(board));
-        m_top = CaptureLayout::createWithScreen(m_device->screen(0), "Top");
-        m_bottom = CaptureLayout::createWithScreen(m_device->screen(1), "Bottom");
+        GatedDeviceTest::SetUp();
         m_settings.storageFolder = m_folder.path();
-    }
-    void TearDown() override {
-        m_device->stopListening();
-        m_board->release();
-        EXPECT_TRUE(DetachedThread::waitForAll(20s));
     }
 
     QStringList files() const { return QDir(m_folder.path()).entryList(QDir::Files, QDir::Name); }
 
     QTemporaryDir m_folder;
     CaptureSettings m_settings;
-    test::GatedBoard* m_board = nullptr;
-    std::shared_ptr<CaptureDevice> m_device;
-    LayoutPtr m_top, m_bottom;
+    LayoutPtr m_top = CaptureLayout::createWithScreen(m_device->screen(0), "Top");
+    LayoutPtr m_bottom = CaptureLayout::createWithScreen(m_device->screen(1), "Bottom");
 };
 
 TEST_F(RecorderTest, HandsOneFramePerLayoutAndFinishesOnceHoweverManyWait) {
     auto recorder = std::make_shared<CountingRecorder>(std::vector<LayoutPtr>{m_top, m_bottom}, 1);
-    auto wakeup = std::make_shared<Wakeup>();
-    auto watch = m_top->addObserver(wakeup);
+    auto watch = m_top->addObserver(m_wakeup);
     ASSERT_TRUE(recorder->start());
     EXPECT_TRUE(recorder->start()) << "a second start changes nothing";
     ASSERT_TRUE(m_device->startListening());
     // Many more frames pass than the recorder takes.
-    ASSERT_EQ(test::takeFrames(*m_top, watch, *wakeup, 12).size(), 12u);
+    ASSERT_EQ(test::takeFrames(*m_top, watch, *m_wakeup, 12).size(), 12u);
     EXPECT_EQ(recorder->captured, 1);
     EXPECT_TRUE(recorder->isRecording()) << "the base does not stop by itself";
     recorder->stop();
@@ -107,14 +95,13 @@ TEST(RecorderNames, DateStampsAreDayMonthYearAndTime) {
 }
 
 TEST_F(RecorderTest, AScreenshotIsTheLayoutsFrameByteForByte) {
-    auto wakeup = std::make_shared<Wakeup>();
-    auto watch = m_bottom->addObserver(wakeup);
+    auto watch = m_bottom->addObserver(m_wakeup);
     auto recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_bottom}, m_settings);
     recorder->start();
     ASSERT_TRUE(m_device->startListening());
     ASSERT_TRUE(recorder->waitUntilFinished(20s));
     EXPECT_FALSE(recorder->isRecording()) << "a screenshot recorder stops itself";
-    auto frames = test::takeFrames(*m_bottom, watch, *wakeup, 1);
+    auto frames = test::takeFrames(*m_bottom, watch, *m_wakeup, 1);
     ASSERT_EQ(frames.size(), 1u);
 
     ASSERT_EQ(files().size(), 1);

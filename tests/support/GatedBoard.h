@@ -1,10 +1,16 @@
 #pragma once
 
+#include "base/DetachedThread.h"
+#include "base/Wakeup.h"
+#include "capture/CaptureDevice.h"
 #include "capture/SimulatedBoard.h"
+
+#include <gtest/gtest.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 
 namespace zandor::test {
@@ -35,6 +41,23 @@ private:
     std::condition_variable m_changed;
     uint64_t m_holdAt = UINT64_MAX;
     uint64_t m_held = UINT64_MAX; // the frame whose read waits, if any
+};
+
+// A device reading a gated board. Every test starts and ends with no pipeline thread running.
+class GatedDeviceTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(DetachedThread::waitForAll(std::chrono::seconds(20))); }
+    void TearDown() override {
+        m_device->stopListening();
+        m_board->release();
+        EXPECT_TRUE(DetachedThread::waitForAll(std::chrono::seconds(20)))
+            << "a pipeline thread outlived its test";
+    }
+
+    std::unique_ptr<GatedBoard> m_owned = std::make_unique<GatedBoard>();
+    GatedBoard* m_board = m_owned.get();
+    std::shared_ptr<CaptureDevice> m_device = CaptureDevice::create(std::move(m_owned));
+    std::shared_ptr<Wakeup> m_wakeup = std::make_shared<Wakeup>();
 };
 
 } // namespace zandor::test
