@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <string>
 #include <vector>
@@ -18,6 +20,15 @@ struct ProcessResult {
 // still runs at the deadline, and collects what it wrote.
 ProcessResult runProcess(const std::vector<std::string>& arguments,
                          std::chrono::seconds timeout = std::chrono::seconds(90));
+
+// Starts a program (looked up on PATH) with standard input from `input` (/dev/zero when negative)
+// and standard output and error appended to `log`; its process id, or -1 when it cannot start.
+pid_t startProcess(const std::vector<std::string>& arguments, int input = -1,
+                   const std::string& log = "/dev/null");
+// Waits up to `timeout` for a started process to end, and reaps it; false when it still runs.
+bool reapWithin(pid_t pid, std::chrono::milliseconds timeout);
+// Ends a started process by its id: SIGTERM, SIGKILL when it is still there 5 s later.
+void endProcess(pid_t pid);
 
 // The lines of a text, without their line ends.
 std::vector<std::string> splitLines(const std::string& text);

@@ -3,23 +3,17 @@
 #include "Process.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
+#include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <utility>
-
-extern char** environ;
 
 namespace zandor::test {
 
@@ -30,48 +24,6 @@ constexpr double Amplitude = 0.5 * 32767;
 // How long a sample written to pacat at --latency-msec=10 waits before the sink plays it, as
 // `pacat --verbose` reports it against these null sinks: 7.5 to 10 ms.
 constexpr double PacatLatencySeconds = 0.008;
-
-// Starts a program with standard input from `input` (or /dev/zero) and its output appended to `log`.
-pid_t spawn(const std::vector<std::string>& arguments, int input, const std::string& log = "/dev/null") {
-    std::vector<char*> argv;
-    for (const auto& argument : arguments) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    }
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    if (input >= 0) {
-        posix_spawn_file_actions_adddup2(&actions, input, 0);
-    } else {
-        posix_spawn_file_actions_addopen(&actions, 0, "/dev/zero", O_RDONLY, 0);
-    }
-    posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    pid_t pid = -1;
-    const int spawned = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    return spawned == 0 ? pid : -1;
-}
-
-// Waits up to `timeout` for the process to end and reaps it. False when it still runs.
-bool reapWithin(pid_t pid, std::chrono::milliseconds timeout) {
-    // A pidfd becomes readable when the process ends: a real wait, not a polling loop.
-    const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-    if (pidfd >= 0) {
-        pollfd fd{pidfd, POLLIN, 0};
-        poll(&fd, 1, static_cast<int>(timeout.count()));
-        close(pidfd);
-    }
-    const pid_t result = waitpid(pid, nullptr, WNOHANG);
-    return result == pid || (result < 0 && errno == ECHILD);
-}
-
-void endProcess(pid_t pid) {
-    if (pid > 0 && kill(pid, SIGTERM) == 0 && !reapWithin(pid, std::chrono::seconds(5))) {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-    }
-}
 
 bool pactl(std::vector<std::string> arguments, std::string* out = nullptr) {
     arguments.insert(arguments.begin(), "pactl");
@@ -117,14 +69,14 @@ std::string PulseServer::start() {
     m_folder = folder;
     setenv("PULSE_SERVER", ("unix:" + m_folder + "/native").c_str(), 1);
     // The server keeps its runtime files and looks for its cookie in the private folder.
-    m_server = spawn({"env", "-i", "PATH=" + std::string(std::getenv("PATH") ? std::getenv("PATH") : ""),
-                      "HOME=" + m_folder, "XDG_RUNTIME_DIR=" + m_folder, "pulseaudio", "--daemonize=no",
-                      "--exit-idle-time=-1", "--disable-shm=yes", "-n", "-F", "/dev/null",
-                      "--load=module-native-protocol-unix socket=" + m_folder + "/native auth-anonymous=1",
-                      "--load=module-null-sink sink_name=game_sink",
-                      "--load=module-null-sink sink_name=narrator_sink",
-                      "--load=module-null-sink sink_name=out_sink"},
-                     -1, m_folder + "/pulseaudio.log");
+    m_server = startProcess(
+        {"env", "-i", "PATH=" + std::string(std::getenv("PATH") ? std::getenv("PATH") : ""),
+         "HOME=" + m_folder, "XDG_RUNTIME_DIR=" + m_folder, "pulseaudio", "--daemonize=no",
+         "--exit-idle-time=-1", "--disable-shm=yes", "-n", "-F", "/dev/null",
+         "--load=module-native-protocol-unix socket=" + m_folder + "/native auth-anonymous=1",
+         "--load=module-null-sink sink_name=game_sink", "--load=module-null-sink sink_name=narrator_sink",
+         "--load=module-null-sink sink_name=out_sink"},
+        -1, m_folder + "/pulseaudio.log");
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     // Waiting for the server's end (20 ms) is the pause between looks.
     const auto serverEndsOrTimesOut = [&] {
@@ -154,9 +106,10 @@ std::string PulseServer::start() {
     // An idle null sink runs up to two seconds ahead of the clock, and a stream started then lags by
     // that much for good; a suspend and resume with a low-latency keeper stream puts it in step.
     for (const char* sink : {"game_sink", "narrator_sink"}) {
-        m_keepers.push_back(spawn({"pacat", "--playback", std::string("--device=") + sink, "--format=s16le",
-                                   "--rate=44100", "--channels=2", "--latency-msec=10"},
-                                  -1));
+        m_keepers.push_back(
+            startProcess({"pacat", "--playback", std::string("--device=") + sink, "--format=s16le",
+                          "--rate=44100", "--channels=2", "--latency-msec=10"},
+                         -1));
         for (long latency = sinkLatencyUs(sink); latency < 0 || latency >= 20000;
              latency = sinkLatencyUs(sink)) {
             if (m_keepers.back() < 0 || serverEndsOrTimesOut()) {
@@ -174,9 +127,9 @@ PulseServer::Playback::Playback(const std::string& sink, double frequencyHz, int
     if (pipe2(fds, O_CLOEXEC) != 0) {
         return;
     }
-    m_pacat = spawn({"pacat", "--playback", "--device=" + sink, "--format=s16le", "--rate=44100",
-                     "--channels=2", "--latency-msec=10"},
-                    fds[0]);
+    m_pacat = startProcess({"pacat", "--playback", "--device=" + sink, "--format=s16le", "--rate=44100",
+                            "--channels=2", "--latency-msec=10"},
+                           fds[0]);
     close(fds[0]);
     // Never blocks: should pacat stall, a piece is left out rather than the thread stuck.
     fcntl(fds[1], F_SETFL, O_NONBLOCK);

@@ -13,14 +13,8 @@
 #include <QDir>
 #include <QTemporaryDir>
 
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-
 #include <chrono>
 #include <fstream>
-
-extern char** environ;
 
 namespace zandor {
 namespace {
@@ -110,15 +104,10 @@ TEST_F(EmulatedBoardProgramsTest, TheApplicationShowsTheBoardsPicture) {
 
     setenv("DISPLAY", x.display().c_str(), 1);
     setenv("QT_QPA_PLATFORM", "xcb", 1);
-    const auto command =
-        withEmulatedBoard({"--replay", path("solid.raw")}, {ZANDOR_APP, "--board", "usb", "--play"});
-    std::vector<char*> argv;
-    for (const auto& argument : command) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    }
-    argv.push_back(nullptr);
-    pid_t application = -1;
-    ASSERT_EQ(posix_spawn(&application, argv[0], nullptr, nullptr, argv.data(), environ), 0);
+    const pid_t application = test::startProcess(
+        withEmulatedBoard({"--replay", path("solid.raw")}, {ZANDOR_APP, "--board", "usb", "--play"}), -1,
+        path("application.log"));
+    ASSERT_GT(application, 0);
 
     // Both screens fill a good part of the window once the picture plays.
     int topPixels = 0, bottomPixels = 0;
@@ -137,9 +126,7 @@ TEST_F(EmulatedBoardProgramsTest, TheApplicationShowsTheBoardsPicture) {
     if (const char* keep = std::getenv("ZANDOR_TEST_SCREENSHOT")) {
         x.screenshot().save(keep);
     }
-    kill(application, SIGTERM);
-    int status = 0;
-    waitpid(application, &status, 0);
+    test::endProcess(application);
     EXPECT_GE(topPixels, 40000) << "the top screen (400 x 240) is not on show";
     EXPECT_GE(bottomPixels, 30000) << "the bottom screen (320 x 240) is not on show";
 }
