@@ -44,29 +44,26 @@ protected:
 TEST_F(DumpCommandTest, WritesTheDemoBoardsFramesAndReplaysThemInALoop) {
     const std::string demo = (m_folder / "demo frames.raw").string(),
                       again = (m_folder / "again.raw").string();
+    const auto contents = [](const std::string& file) {
+        std::ifstream in(file, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    };
     auto result = dump({"--board", "demo", "--frames", "4", "--out", demo});
     ASSERT_EQ(result.exitCode, 0) << result.err;
     EXPECT_NE(result.out.find("Wrote 4 frames (2073600 bytes)"), std::string::npos) << result.out;
-    std::ifstream demoFile(demo, std::ios::binary);
-    const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(demoFile),
-                                     std::istreambuf_iterator<char>()};
+    const std::string bytes = contents(demo);
     ASSERT_EQ(bytes.size(), 4 * raw::FrameBytes);
-    std::vector<uint8_t> expected(raw::FrameBytes);
-    const long frame = static_cast<long>(raw::FrameBytes);
-    for (long n = 0; n < 4; ++n) {
-        DemoBoard::render(static_cast<uint64_t>(n), expected.data());
-        EXPECT_TRUE(std::equal(expected.begin(), expected.end(), bytes.begin() + n * frame))
+    std::string expected(raw::FrameBytes, '\0');
+    for (uint64_t n = 0; n < 4; ++n) {
+        DemoBoard::render(n, reinterpret_cast<uint8_t*>(expected.data()));
+        EXPECT_TRUE(bytes.compare(n * raw::FrameBytes, raw::FrameBytes, expected) == 0)
             << "frame " << n << " is not the demo board's frame " << n;
     }
 
     result = dump({"--board", "replay:" + demo, "--frames", "6", "--out", again});
     ASSERT_EQ(result.exitCode, 0) << result.err;
-    std::ifstream againFile(again, std::ios::binary);
-    const std::vector<uint8_t> replayed{std::istreambuf_iterator<char>(againFile),
-                                        std::istreambuf_iterator<char>()};
-    ASSERT_EQ(replayed.size(), 6 * raw::FrameBytes);
-    EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), replayed.begin()));
-    EXPECT_TRUE(std::equal(bytes.begin(), bytes.begin() + 2 * frame, replayed.begin() + 4 * frame));
+    EXPECT_EQ(contents(again), bytes + bytes.substr(0, 2 * raw::FrameBytes))
+        << "the four frames, then from the first again";
 }
 
 TEST_F(DumpCommandTest, BadInputGetsOneClearLine) {
