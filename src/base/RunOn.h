@@ -1,19 +1,13 @@
 #pragma once
 
-#include <QMetaObject>
 #include <QObject>
 #include <QThread>
 
 #include <condition_variable>
-#include <mutex>
 #include <memory>
+#include <mutex>
 #include <type_traits>
 #include <utility>
-
-#if defined(__SANITIZE_THREAD__)
-extern "C" void __tsan_acquire(void* address);
-extern "C" void __tsan_release(void* address);
-#endif
 
 namespace zandor {
 
@@ -23,19 +17,24 @@ namespace zandor {
 
 namespace detail {
 
-// Qt's event queue hands work over under its own locks, which ThreadSanitizer does not see (Qt is
-// not built with it). These two tell it what the queue guarantees: everything the sending thread
-// did before the hand-over happens before the work runs. No-ops in other builds.
-inline void handOver([[maybe_unused]] QObject* context) {
-#if defined(__SANITIZE_THREAD__)
-    __tsan_release(context);
-#endif
-}
-inline void takeOver([[maybe_unused]] QObject* context) {
-#if defined(__SANITIZE_THREAD__)
-    __tsan_acquire(context);
-#endif
-}
+class Task {
+public:
+    virtual ~Task() = default;
+    virtual void run() = 0;
+};
+
+template <class Work> class WorkTask final : public Task {
+public:
+    explicit WorkTask(Work work) : m_work(std::move(work)) {}
+    void run() override { m_work(); }
+
+private:
+    Work m_work;
+};
+
+// Hands `task` to the thread of `context`, where it runs unless `context` is gone by then; the
+// task is destroyed on that thread either way.
+void post(QObject* context, std::unique_ptr<Task> task);
 
 } // namespace detail
 
@@ -43,22 +42,13 @@ inline void takeOver([[maybe_unused]] QObject* context) {
 // null (a QPointer whose object is gone) or is destroyed before its thread gets to the work.
 template <class Work> void runLater(QObject* context, Work work) {
     if (context) {
-        detail::handOver(context);
-        QMetaObject::invokeMethod(
-            context,
-            [context, work = std::move(work)]() mutable {
-                detail::takeOver(context);
-                work();
-            },
-            Qt::QueuedConnection);
+        detail::post(context, std::make_unique<detail::WorkTask<Work>>(std::move(work)));
     }
 }
 
 // Runs `work` on the thread of `context` and waits for its result (a default one when `context`
 // is destroyed before its thread got to the work). On that thread, or when that thread no longer
-// runs (nothing else can touch the object then), `work` runs at once. The wait is on a condition
-// variable of our own rather than Qt's blocking connection, so that the thread checkers see the
-// result handed back too.
+// runs (nothing else can touch the object then), `work` runs at once.
 template <class Work> auto runAndWait(QObject* context, Work&& work) {
     using Result = decltype(work());
     if (context->thread() == QThread::currentThread() || !context->thread()->isRunning()) {
@@ -68,13 +58,8 @@ template <class Work> auto runAndWait(QObject* context, Work&& work) {
         std::mutex mutex;
         std::condition_variable ended;
         bool done = false; // guarded by mutex
-        void end() {
-            std::scoped_lock lock(mutex);
-            done = true;
-            ended.notify_one();
-        }
     };
-    // Ends the wait when the posted work has run, or when Qt drops it unrun.
+    // Ends the wait when the handed work is destroyed: after it ran, or unrun.
     struct Ender {
         std::shared_ptr<Wait> wait;
         explicit Ender(std::shared_ptr<Wait> w) : wait(std::move(w)) {}
@@ -82,7 +67,9 @@ template <class Work> auto runAndWait(QObject* context, Work&& work) {
         Ender(const Ender&) = delete;
         ~Ender() {
             if (wait) {
-                wait->end();
+                std::scoped_lock lock(wait->mutex);
+                wait->done = true;
+                wait->ended.notify_one();
             }
         }
     };
