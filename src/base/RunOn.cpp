@@ -41,8 +41,9 @@ protected:
         if (m_context) {
             m_task->run();
         }
-        m_task.reset();
-        deleteLater();
+        // Its one event is being delivered and no other is posted to it: the carrier goes now,
+        // as Qt's own deferred deletion does it, rather than by another trip through the queue.
+        delete this;
         return true;
     }
 
