@@ -36,31 +36,20 @@ XServer::XServer() {
     // Xvfb writes its display number once it accepts clients.
     std::string number;
     pollfd fd{ready[0], POLLIN, 0};
-    while (m_server > 0 && poll(&fd, 1, 20000) > 0) {
-        char buffer[16];
-        const ssize_t n = read(ready[0], buffer, sizeof buffer);
-        if (n <= 0) {
-            break;
-        }
-        number.append(buffer, static_cast<size_t>(n));
-        if (number.find('\n') != std::string::npos) {
-            break;
-        }
+    char c = 0;
+    while (m_server > 0 && poll(&fd, 1, 20000) > 0 && read(ready[0], &c, 1) == 1 && c != '\n') {
+        number += c;
     }
     close(ready[0]);
-    if (m_server < 0 || number.empty() || number.back() != '\n') {
+    if (number.empty() || c != '\n') {
         m_error = "Xvfb did not start";
         return;
     }
-    number.pop_back();
     m_display = ":" + number;
 }
 
 XServer::~XServer() {
-    if (m_server > 0) {
-        kill(m_server, SIGTERM);
-        waitpid(m_server, nullptr, 0);
-    }
+    endProcess(m_server);
 }
 
 QImage XServer::screenshot() const {
