@@ -1,3 +1,4 @@
+#include "GatedBoard.h"
 #include "PluginBundles.h"
 #include "UserFolders.h"
 #include "app/CaptureLayoutView.h"
@@ -28,7 +29,7 @@ namespace {
 using namespace std::chrono_literals;
 
 // A board that is never there, or (forbidden) plugged in with a device node that is not ours to open.
-class MissingBoard final : public SimulatedBoard {
+class MissingBoard final : public test::GatedBoard {
 public:
     explicit MissingBoard(bool forbidden = false) : m_forbidden(forbidden) {}
     bool openDeviceWithVidPid(uint16_t, uint16_t) override { return false; }
@@ -36,9 +37,6 @@ public:
         node = m_forbidden ? "/dev/bus/usb/001/002" : "";
         return m_forbidden ? usb::ErrorAccess : usb::ErrorNotFound;
     }
-
-protected:
-    void fill(uint64_t, uint64_t, uint8_t*, uint64_t) override {}
 
 private:
     bool m_forbidden;
@@ -227,8 +225,7 @@ TEST_F(MainControllerTest, ALayoutChangeResizesTheWindowKeepingItsLowerLeftCorne
     ASSERT_TRUE(side);
     m_controller->setActiveLayout(side);
     EXPECT_EQ(ui.mainView->size(), QSize(720, 240));
-    EXPECT_EQ(window->geometry().left(), before.left());
-    EXPECT_EQ(window->geometry().bottom(), before.bottom());
+    EXPECT_EQ(window->geometry().bottomLeft(), before.bottomLeft());
     EXPECT_EQ(items(ui.activeLayoutMenu).filter("*"), QStringList{"Side by Side*"});
     EXPECT_TRUE(ui.sizeOriginalItem->isChecked());
     ui.sizeDoubleItem->trigger();
@@ -286,10 +283,7 @@ TEST_F(MainControllerTest, TheRecordButtonFollowsTheRecordingStartedWhileAnother
           {"HandBrakeCLI", "echo converting > \"$(dirname \"$0\")/converting\"\n"
                            "[ -f \"$(dirname \"$0\")/open\" ] || read line < \"$(dirname \"$0\")/gate\"\n"
                            "cp \"$2\" \"$4\"\n"}}) {
-        QFile tool(tools.path() + "/" + name);
-        ASSERT_TRUE(tool.open(QIODevice::WriteOnly));
-        tool.write(QByteArray("#!/bin/sh\n") + script);
-        tool.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+        ASSERT_TRUE(test::writeFile(tools.path() + "/" + name, QByteArray("#!/bin/sh\n") + script, true));
     }
     ShellCommand::setToolFolder(tools.path());
     PreferencesController::instance().setPreference(PreferenceCaptureVideoFPS, "30");
@@ -312,11 +306,8 @@ TEST_F(MainControllerTest, TheRecordButtonFollowsTheRecordingStartedWhileAnother
     EXPECT_EQ(ui.recordItem->text(), "Stop");
 
     // The first recording ends while the second runs; the button keeps blinking for the second.
-    QFile(tools.path() + "/open").open(QIODevice::WriteOnly);
-    QFile release(gate);
-    ASSERT_TRUE(release.open(QIODevice::WriteOnly));
-    release.write("go\n");
-    release.close();
+    ASSERT_TRUE(test::writeFile(tools.path() + "/open"));
+    ASSERT_TRUE(test::writeFile(gate, "go\n"));
     ASSERT_TRUE(first->waitUntilFinished(60s));
     QSignalSpy blinks(ui.recordItem, &QAction::changed);
     QTRY_VERIFY_WITH_TIMEOUT(blinks.count() >= 2, 20000);

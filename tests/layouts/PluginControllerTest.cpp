@@ -39,8 +39,7 @@ TEST_F(PluginControllerTest, OnlyDirectoriesNamedZdpluginWithADescriptorArePlugi
     EXPECT_FALSE(PluginController::isPluginFile(test::writeBundle(folder, "upper.ZDPLUGIN", layout("A", 1))));
     QDir().mkpath(folder + "/empty.zdplugin");
     EXPECT_FALSE(PluginController::isPluginFile(folder + "/empty.zdplugin"));
-    QFile plain(folder + "/plain.zdplugin");
-    ASSERT_TRUE(plain.open(QIODevice::WriteOnly));
+    ASSERT_TRUE(test::writeFile(folder + "/plain.zdplugin"));
     EXPECT_FALSE(PluginController::isPluginFile(folder + "/plain.zdplugin"));
 
     EXPECT_EQ(PluginController::typePluginFile(folder + "/good.zdplugin"), Plugin::LayoutType);
@@ -85,8 +84,7 @@ TEST_F(PluginControllerTest, CreatesTheUserFolderOrSaysItCannot) {
     PluginController registry(app(), user());
     EXPECT_TRUE(QFileInfo(user()).isDir());
 
-    QFile blocker(m_root.path() + "/file");
-    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    ASSERT_TRUE(test::writeFile(m_root.path() + "/file"));
     LogCapture log;
     PluginController blocked(app(), m_root.path() + "/file/Zandor/Plugins/");
     EXPECT_EQ(log.lines(), std::vector<std::string>{"Could not creating user plugin folder"});

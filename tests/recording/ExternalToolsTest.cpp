@@ -1,3 +1,4 @@
+#include "Files.h"
 #include "Media.h"
 #include "base/Log.h"
 #include "recording/HandBrakeWrapper.h"
@@ -35,11 +36,7 @@ protected:
     void TearDown() override { ShellCommand::setToolFolder({}); }
 
     void writeTool(const QString& name, const QByteArray& script) {
-        QFile file(m_tools.filePath(name));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write("#!/bin/sh\n" + script);
-        file.close();
-        file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        ASSERT_TRUE(test::writeFile(m_tools.filePath(name), "#!/bin/sh\n" + script, true));
     }
 
     QTemporaryDir m_tools;
@@ -104,11 +101,7 @@ TEST_F(ShellCommandTest, WrappersSucceedOnlyOnExitStatusZeroAndLogFailures) {
 TEST_F(ShellCommandTest, WrappersPassTheirExactArgumentListsWithoutAShell) {
     const QString source = "/tmp/my movies/Video Double Screen.mov";
     const QString tricky = "/tmp/$HOME `date` 'quoted' \"x\" *.mp4";
-    const auto recordedArguments = [this] {
-        QFile file(m_tools.filePath("arguments"));
-        EXPECT_TRUE(file.open(QIODevice::ReadOnly));
-        return QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts);
-    };
+    const auto recordedArguments = [this] { return test::readLines(m_tools.filePath("arguments")); };
     // The tools write their arguments, one per line, to a file beside them.
     const QByteArray recorder =
         "for a in \"$@\"; do printf '%s\\n' \"$a\"; done > \"$(dirname \"$0\")/arguments\"\n";
@@ -238,14 +231,8 @@ TEST_F(SublerCliTest, AlignsAddedTracksByTheirCaptureStart) {
 TEST_F(SublerCliTest, RefusesABadSourceWithOneLineAndLeavesTheDestinationAlone) {
     const std::string merged = work("merged movie.mp4");
     ASSERT_EQ(subler(path("video file.mov"), merged).exitCode, 0);
-    QFile file(QString::fromStdString(merged));
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    const QByteArray before = file.readAll();
-    file.close();
-    QFile notes(QString::fromStdString(work("notes.txt")));
-    ASSERT_TRUE(notes.open(QIODevice::WriteOnly));
-    notes.write("not a movie\n");
-    notes.close();
+    const QByteArray before = test::readFile(QString::fromStdString(merged));
+    ASSERT_TRUE(test::writeFile(QString::fromStdString(work("notes.txt")), "not a movie\n"));
 
     for (const std::string& source : {work("no such movie.mov"), work("notes.txt")}) {
         const ProcessResult refused = subler(source, merged);
@@ -254,8 +241,7 @@ TEST_F(SublerCliTest, RefusesABadSourceWithOneLineAndLeavesTheDestinationAlone) 
         ASSERT_EQ(lines.size(), 1u) << refused.err;
         EXPECT_NE(lines[0].find(source), std::string::npos) << lines[0];
     }
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    EXPECT_EQ(file.readAll(), before);
+    EXPECT_EQ(test::readFile(QString::fromStdString(merged)), before);
     EXPECT_EQ(workFiles(), (QStringList{"merged movie.mp4", "notes.txt"}));
 
     // Without a destination, none is created.

@@ -1,3 +1,4 @@
+#include "Files.h"
 #include "Frames.h"
 #include "GatedBoard.h"
 #include "Media.h"
@@ -177,9 +178,8 @@ TEST_F(RecorderTest, AScreenshotMakesAMissingFolderAndAnUnwritableOneStillFinish
     EXPECT_TRUE(QFileInfo(recorder->savedFiles()[0]).isFile());
 
     // A file where the folder should be: nothing is saved, and the recorder still ends.
-    QFile blocker(m_folder.path() + "/blocker");
-    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
-    m_settings.storageFolder = blocker.fileName();
+    m_settings.storageFolder = m_folder.path() + "/blocker";
+    ASSERT_TRUE(test::writeFile(m_settings.storageFolder));
     recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_top}, m_settings);
     recorder->start();
     ASSERT_TRUE(recorder->waitUntilFinished(20s));

@@ -1,3 +1,4 @@
+#include "Files.h"
 #include "GatedBoard.h"
 #include "Frames.h"
 #include "UserFolders.h"
@@ -55,10 +56,7 @@ protected:
         ASSERT_TRUE(DetachedThread::waitForAll(20s));
         for (const auto& [name, script] :
              {std::pair{"SublerCLI", FakeSubler}, {"HandBrakeCLI", FakeHandBrake}}) {
-            QFile tool(m_tools.path() + "/" + name);
-            ASSERT_TRUE(tool.open(QIODevice::WriteOnly));
-            tool.write(script);
-            tool.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+            ASSERT_TRUE(test::writeFile(m_tools.path() + "/" + name, script, true));
         }
         ShellCommand::setToolFolder(m_tools.path());
         m_settings.storageFolder = m_storage.path() + "/new/folder";
@@ -72,12 +70,7 @@ protected:
         EXPECT_TRUE(DetachedThread::waitForAll(20s));
     }
 
-    QStringList calls() const {
-        QFile file(m_tools.path() + "/calls");
-        return file.open(QIODevice::ReadOnly)
-                   ? QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts)
-                   : QStringList();
-    }
+    QStringList calls() const { return test::readLines(m_tools.path() + "/calls"); }
 
     // Records until every layout has given a few frames, then stops and waits for finalising.
     std::shared_ptr<VideoRecorder> record(std::vector<LayoutPtr> layouts,
@@ -135,8 +128,7 @@ TEST_F(VideoRecorderTest, TwoLayoutsAtAChosenRateAreConvertedEachUnderItsName) {
 }
 
 TEST_F(VideoRecorderTest, ABundleThatCannotBeMadeStartsNothingButSaysYes) {
-    QFile blocker(m_storage.path() + "/file");
-    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    ASSERT_TRUE(test::writeFile(m_storage.path() + "/file"));
     m_settings.storageFolder = m_storage.path() + "/file";
     LogCapture log;
     auto recorder = std::make_shared<VideoRecorder>(

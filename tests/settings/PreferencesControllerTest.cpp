@@ -1,3 +1,4 @@
+#include "Files.h"
 #include "settings/PreferencesController.h"
 
 #include "Plist.h"
@@ -32,15 +33,8 @@ class PreferencesStore : public testing::Test {
 protected:
     QString path() const { return m_dir.path() + "/preferences.plist"; }
 
-    void writeFile(const QByteArray& contents) {
-        QFile file(path());
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(contents);
-    }
-    QByteArray readFile() const {
-        QFile file(path());
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
+    void writeFile(const QByteArray& contents) { ASSERT_TRUE(test::writeFile(path(), contents)); }
+    QByteArray readFile() const { return test::readFile(path()); }
     QStringList filesInFolder() const {
         return QDir(m_dir.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
     }
@@ -213,14 +207,9 @@ TEST_P(UnusableFileTest, KeepsTheDefaultsSaysWhyAndIsKeptAsideWhenTheFirstChange
     const QFileInfo aside(path() + ".bad");
     EXPECT_TRUE(aside.exists() || aside.isSymLink());
     if (!before.isNull()) {
-        QFile kept(aside.filePath());
-        ASSERT_TRUE(kept.open(QIODevice::ReadOnly));
-        EXPECT_TRUE(kept.readAll() == before) << "the file kept aside is the user's, byte for byte";
+        EXPECT_TRUE(test::readFile(aside.filePath()) == before)
+            << "the file kept aside is the user's, byte for byte";
     }
-}
-
-QByteArray none() {
-    return {};
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -248,7 +237,8 @@ INSTANTIATE_TEST_SUITE_P(
                          return R"(<?xml version="1.0"?><plist version="1.0"><dict>)" + keys +
                                 "</dict></plist>";
                      }},
-        UnusableFile{"NamedPipe", none, "fifo"}, UnusableFile{"LinkToDevZero", none, "/dev/zero"}),
+        UnusableFile{"NamedPipe", [] { return QByteArray(); }, "fifo"},
+        UnusableFile{"LinkToDevZero", [] { return QByteArray(); }, "/dev/zero"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(PreferencesStore, UnknownKeysNestedAsDeepAsAllowedSurviveAChange) {

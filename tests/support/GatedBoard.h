@@ -22,7 +22,7 @@ uint8_t patternByte(uint64_t frame, uint64_t offset);
 // A simulated board whose frames follow patternByte and which can be held inside the bulk read of
 // a chosen frame until the test releases it. Every bulk read first scribbles over the whole buffer,
 // as a real transfer may leave anything there: a frame comes out black only if it is cleared.
-class GatedBoard final : public SimulatedBoard {
+class GatedBoard : public SimulatedBoard {
 public:
     int bulkTransfer(uint8_t endpoint, uint8_t* data, int length, int* transferred,
                      unsigned timeoutMs) override;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Files.h"
+
 #include <QDir>
 #include <QFile>
 #include <QImage>
@@ -15,10 +17,7 @@ inline QString writeBundle(const QString& folder, const QString& bundle, const Q
                            const QMap<QString, QImage>& images = {}) {
     QString path = folder + u'/' + bundle;
     QDir().mkpath(path + QStringLiteral("/Resources"));
-    QFile file(path + QStringLiteral("/plugin.xml"));
-    if (file.open(QIODevice::WriteOnly)) {
-        file.write(descriptor);
-    }
+    writeFile(path + QStringLiteral("/plugin.xml"), descriptor);
     for (auto image = images.begin(); image != images.end(); ++image) {
         image.value().save(path + QStringLiteral("/Resources/") + image.key(), "PNG");
     }

@@ -1,6 +1,7 @@
 // Whole-program tests of `zandor-cli record`: the demo board, a private sound server whose sinks
 // feed the inputs GameIn and NarratorIn, and the movies checked with ffprobe and ffmpeg.
 
+#include "Files.h"
 #include "Media.h"
 #include "PulseServer.h"
 #include "UserFolders.h"
@@ -191,15 +192,14 @@ protected:
         std::filesystem::copy_file(ZANDOR_CLI, prefix() / "bin/zandor-cli");
         std::filesystem::create_directory_symlink(ZANDOR_PLUGIN_FOLDER, prefix() / "share/zandor/Plugins");
         for (const Tool& tool : tools) {
-            QFile script(QString::fromStdString((prefix() / "libexec/zandor" / tool.name).string()));
-            EXPECT_TRUE(script.open(QIODevice::WriteOnly));
-            script.write(
+            EXPECT_TRUE(test::writeFile(
+                QString::fromStdString((prefix() / "libexec/zandor" / tool.name).string()),
                 QStringLiteral("#!/bin/sh\necho \"$(basename \"$0\") $(basename \"$2\") $(basename \"$4\")\""
                                " >> '%1/calls'\ncase \"$2\" in %2) exit 1;; esac\nexec '%3/%4' \"$@\"\n")
                     .arg(QString::fromStdString(prefix().string()), tool.refused, ZANDOR_TOOL_FOLDER,
                          tool.name)
-                    .toUtf8());
-            script.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+                    .toUtf8(),
+                true));
         }
         return (prefix() / "bin/zandor-cli").string();
     }
@@ -300,9 +300,8 @@ TEST_F(RecordingSystemTest, AStorageFolderWhereNoBundleCanBeMadeIsLogged) {
     // A folder where the bundle cannot be made: files hold the names of the coming seconds' bundles.
     const QDateTime now = QDateTime::currentDateTime();
     for (int second = -2; second < 30; ++second) {
-        QFile blocker(out() + "/Capture " + now.addSecs(second).toString("dd_MM_yyyy HH_mm_ss") +
-                      ".zdrecord");
-        ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+        ASSERT_TRUE(test::writeFile(out() + "/Capture " +
+                                    now.addSecs(second).toString("dd_MM_yyyy HH_mm_ss") + ".zdrecord"));
     }
     const QStringList before = stored();
     const ProcessResult run = record({"--seconds", "1", "--layout", "Top", "--game-audio", "GameIn"});
@@ -350,12 +349,8 @@ TEST_F(RecordingSystemTest, AFailingToolMakesNoMovieSaysWhichStepFailedAndTheBun
             record({"--seconds", "2", "--layout", c.layout, "--fps", c.fps, "--game-audio", "GameIn"},
                    installWith(c.tools));
         EXPECT_NE(run.exitCode, 0);
-        std::vector<std::string> said;
-        for (const std::string& line : splitLines(run.err)) {
-            if (line.rfind("zandor-cli record: ", 0) == 0) {
-                said.push_back(line);
-            }
-        }
+        std::vector<std::string> said = splitLines(run.err);
+        std::erase_if(said, [](const std::string& line) { return line.rfind("zandor-cli record: ", 0) != 0; });
         EXPECT_EQ(said, std::vector<std::string>(static_cast<size_t>(c.times),
                                                  std::string("zandor-cli record: ") + c.message))
             << run.err;

@@ -15,6 +15,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <numeric>
 
 namespace zandor {
 namespace {
@@ -39,9 +40,8 @@ std::string solidFrames(int count, QColor top, QColor bottom) {
     for (int frame = 0; frame < count; ++frame) {
         for (uint64_t pixel = 0; pixel < raw::FrameBytes / 3; ++pixel) {
             const QColor& colour = pixel * 3 < raw::BottomOffset ? top : bottom;
-            frames += static_cast<char>(colour.red());
-            frames += static_cast<char>(colour.green());
-            frames += static_cast<char>(colour.blue());
+            frames += {static_cast<char>(colour.red()), static_cast<char>(colour.green()),
+                       static_cast<char>(colour.blue())};
         }
     }
     return frames;
@@ -78,10 +78,8 @@ TEST_F(EmulatedBoardProgramsTest, ARecordingGoesOnThroughAnUnplugWithBlackFrames
                                  .out;
     std::vector<bool> black;
     for (size_t frame = 0; frame + 64 <= grey.size(); frame += 64) {
-        int sum = 0;
-        for (size_t i = frame; i < frame + 64; ++i) {
-            sum += static_cast<uint8_t>(grey[i]);
-        }
+        const auto pixels = reinterpret_cast<const uint8_t*>(grey.data()) + frame;
+        const int sum = std::accumulate(pixels, pixels + 64, 0);
         black.push_back(sum < 64 * 12); // black decodes a little above 0 (video range)
     }
     const double expected = 8 * 60;

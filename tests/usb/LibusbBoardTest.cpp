@@ -90,12 +90,9 @@ TEST_F(LibusbBoardTest, FramesArriveByteForByteWithTheFrameStartRequestAndReadLe
 
     const auto requests = m_board->controlRequests();
     ASSERT_GE(requests.size(), 5u); // one when opening, one a frame
-    for (const auto& setup : requests) {
-        EXPECT_EQ(setup.requestType, 0x40);
-        EXPECT_EQ(setup.request, 0x40);
-        EXPECT_EQ(setup.value, 0);
-        EXPECT_EQ(setup.index, 0);
-        EXPECT_EQ(setup.length, 0);
+    for (const auto& s : requests) {
+        EXPECT_EQ((std::tuple<int, int, int, int, int>(s.requestType, s.request, s.value, s.index, s.length)),
+                  std::make_tuple(0x40, 0x40, 0, 0, 0));
     }
     EXPECT_TRUE(m_log.lines().empty()) << m_log.lines().front();
 }
