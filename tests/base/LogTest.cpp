@@ -2,11 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <fstream>
-#include <sstream>
-#include <unistd.h>
-
 #include <string>
 #include <thread>
 
@@ -24,27 +19,15 @@ TEST(Log, FormatsLikePrintfIncludingLongLines) {
 // On a terminal every line names its part and, unless it is only information, its level, so that
 // a user can filter them; the text itself stays as written.
 TEST(Log, TheTerminalSeesThePartAndTheLevel) {
-    char path[] = "/tmp/zandor-log-XXXXXX";
-    const int file = mkstemp(path);
-    ASSERT_GE(file, 0);
-    std::fflush(stderr);
-    const int saved = dup(STDERR_FILENO);
-    dup2(file, STDERR_FILENO);
+    testing::internal::CaptureStderr();
     logs::capture.info("Capture device reconnected");
     logs::capture.warning("Capture device disconnected");
     logs::recording.error("Could not create bundle for recording");
     logs::media.quietly("only in the system log");
-    std::fflush(stderr);
-    dup2(saved, STDERR_FILENO);
-    close(saved);
-    close(file);
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    unlink(path);
-    EXPECT_EQ(text.str(), "capture: Capture device reconnected\n"
-                          "capture: warning: Capture device disconnected\n"
-                          "recording: error: Could not create bundle for recording\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "capture: Capture device reconnected\n"
+              "capture: warning: Capture device disconnected\n"
+              "recording: error: Could not create bundle for recording\n");
 }
 
 TEST(Log, TheNewestCaptureGetsTheLinesUntilItEnds) {

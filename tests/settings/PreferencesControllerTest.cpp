@@ -40,17 +40,8 @@ protected:
     }
     std::string readWithPython() const { return test::plistAsJson(path()); }
     // The file's [key, value] entries in file order, as an independent parser reads them.
-    QJsonArray entries() const {
-        return QJsonDocument::fromJson(QByteArray::fromStdString(readWithPython())).array();
-    }
-    QJsonValue entry(const QString& key) const {
-        for (const QJsonValue& pair : entries()) {
-            if (pair[0] == key) {
-                return pair[1];
-            }
-        }
-        return QJsonValue(QJsonValue::Undefined);
-    }
+    QJsonArray entries() const { return test::plistEntries(path()); }
+    QJsonValue entry(const QString& key) const { return test::plistEntry(path(), key); }
 
     QTemporaryDir m_dir;
 };

@@ -36,4 +36,19 @@ print(json.dumps([[k, conv(v)] for k, v in root.items()]))
     return QJsonDocument(entries).toJson(QJsonDocument::Compact).toStdString();
 }
 
+// The same entries as JSON values; empty when the file cannot be read.
+inline QJsonArray plistEntries(const QString& path) {
+    return QJsonDocument::fromJson(QByteArray::fromStdString(plistAsJson(path))).array();
+}
+
+// The value of `key` among them; undefined when the file has no such key.
+inline QJsonValue plistEntry(const QString& path, const QString& key) {
+    for (const QJsonValue& pair : plistEntries(path)) {
+        if (pair[0] == key) {
+            return pair[1];
+        }
+    }
+    return QJsonValue(QJsonValue::Undefined);
+}
+
 } // namespace zandor::test

@@ -37,15 +37,9 @@ const QString home = test::isolateUserFolders();
 // The value of `key` in the preferences file as Python's plistlib reads it, as JSON text ("null"
 // when absent), integers tagged as {"integer":n} so that they cannot pass for booleans or strings.
 std::string stored(const QString& key) {
-    const std::string file = test::plistAsJson(PreferencesController::preferencesFile());
-    for (const QJsonValue& entry : QJsonDocument::fromJson(QByteArray::fromStdString(file)).array()) {
-        if (entry[0] == key) {
-            const std::string value =
-                QJsonDocument(QJsonArray{entry[1]}).toJson(QJsonDocument::Compact).toStdString();
-            return value.substr(1, value.size() - 2);
-        }
-    }
-    return "null";
+    const QJsonArray value{test::plistEntry(PreferencesController::preferencesFile(), key)};
+    const std::string text = QJsonDocument(value).toJson(QJsonDocument::Compact).toStdString();
+    return text.substr(1, text.size() - 2);
 }
 
 QStringList titles(const QComboBox* popup) {
