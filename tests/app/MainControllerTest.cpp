@@ -18,6 +18,7 @@
 
 #include <QDir>
 #include <QMessageBox>
+#include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -203,10 +204,11 @@ TEST_F(MainControllerTest, PlayingShowsTheMovingPictureAndTheActionsTakeAScreens
     ASSERT_TRUE(m_controller->videoRecorder()->waitUntilFinished(60s));
     EXPECT_TRUE(m_controller->attemptExit());
     QTRY_COMPARE_WITH_TIMEOUT(ui.recordItem->text(), QStringLiteral("Record"), 20000);
-    const QStringList files = QDir(m_storage.path()).entryList(QDir::Files, QDir::Name);
-    ASSERT_EQ(files.size(), 2) << files.join(", ").toStdString();
-    EXPECT_TRUE(files[0].startsWith("Capture ") && files[0].endsWith(".mp4"));
-    EXPECT_TRUE(files[1].startsWith("Screenshot ") && files[1].endsWith(".png"));
+    const QStringList files =
+        QDir(m_storage.path())
+            .entryList(QDir::Files, QDir::Name)
+            .replaceInStrings(QRegularExpression(R"(\d\d_\d\d_\d{4} \d\d_\d\d_\d\d)"), "#");
+    EXPECT_EQ(files, (QStringList{"Capture #.mp4", "Screenshot #.png"}));
     ShellCommand::setToolFolder({});
 
     ui.playPauseItem->trigger();
