@@ -25,29 +25,20 @@ constexpr double Amplitude = 0.5 * 32767;
 // `pacat --verbose` reports it against these null sinks: 7.5 to 10 ms.
 constexpr double PacatLatencySeconds = 0.008;
 
-bool pactl(std::vector<std::string> arguments, std::string* out = nullptr) {
+bool pactl(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), "pactl");
-    ProcessResult result = runProcess(arguments, std::chrono::seconds(10));
-    if (out) {
-        *out = std::move(result.out);
-    }
-    return result.exitCode == 0;
+    return runProcess(arguments, std::chrono::seconds(10)).exitCode == 0;
 }
 
 // How far ahead of the clock the sink plays, in microseconds; -1 when unknown.
 long sinkLatencyUs(const std::string& sink) {
-    std::string listing;
-    pactl({"list", "sinks"}, &listing);
+    const std::string listing = runProcess({"pactl", "list", "sinks"}, std::chrono::seconds(10)).out;
     const size_t name = listing.find("Name: " + sink + "\n");
     const size_t latency = name == std::string::npos ? name : listing.find("Latency: ", name);
     return latency == std::string::npos ? -1 : std::strtol(listing.c_str() + latency + 9, nullptr, 10);
 }
 
 } // namespace
-
-PulseServer::PulseServer() {
-    m_error = start();
-}
 
 PulseServer::~PulseServer() {
     for (pid_t keeper : m_keepers) {

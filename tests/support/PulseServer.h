@@ -37,7 +37,7 @@ public:
         std::thread m_thread;
     };
 
-    PulseServer();
+    PulseServer() : m_error(start()) {}
     ~PulseServer();
     PulseServer(const PulseServer&) = delete;
     PulseServer& operator=(const PulseServer&) = delete;
@@ -52,7 +52,7 @@ private:
     std::string m_folder;
     pid_t m_server = -1;
     std::vector<pid_t> m_keepers; // silent streams that keep the sinks in step with the clock
-    std::string m_error;
+    std::string m_error;          // set last, by start()
 };
 
 } // namespace zandor::test
