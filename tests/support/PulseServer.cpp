@@ -61,28 +61,14 @@ std::string PulseServer::start() {
     setenv("PULSE_SERVER", ("unix:" + m_folder + "/native").c_str(), 1);
     // The server keeps its runtime files and looks for its cookie in the private folder, and goes
     // with the test program even when that is killed before it can end the server.
-    m_server =
-        startProcess({"setpriv",
-                      "--pdeathsig",
-                      "TERM",
-                      "--",
-                      "env",
-                      "-i",
-                      "PATH=" + std::string(std::getenv("PATH") ? std::getenv("PATH") : ""),
-                      "HOME=" + m_folder,
-                      "XDG_RUNTIME_DIR=" + m_folder,
-                      "pulseaudio",
-                      "--daemonize=no",
-                      "--exit-idle-time=-1",
-                      "--disable-shm=yes",
-                      "-n",
-                      "-F",
-                      "/dev/null",
-                      "--load=module-native-protocol-unix socket=" + m_folder + "/native auth-anonymous=1",
-                      "--load=module-null-sink sink_name=game_sink",
-                      "--load=module-null-sink sink_name=narrator_sink",
-                      "--load=module-null-sink sink_name=out_sink"},
-                     -1, m_folder + "/pulseaudio.log");
+    m_server = startProcess(
+        {"env", "-i", "PATH=" + std::string(std::getenv("PATH") ? std::getenv("PATH") : ""),
+         "HOME=" + m_folder, "XDG_RUNTIME_DIR=" + m_folder, "setpriv", "--pdeathsig=TERM", "pulseaudio",
+         "--daemonize=no", "--exit-idle-time=-1", "--disable-shm=yes", "-n", "--file=/dev/null",
+         "--load=module-native-protocol-unix socket=" + m_folder + "/native auth-anonymous=1",
+         "--load=module-null-sink sink_name=game_sink", "--load=module-null-sink sink_name=narrator_sink",
+         "--load=module-null-sink sink_name=out_sink"},
+        -1, m_folder + "/pulseaudio.log");
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     // Waiting for the server's end (20 ms) is the pause between looks.
     const auto serverEndsOrTimesOut = [&] {
