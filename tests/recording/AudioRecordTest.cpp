@@ -14,10 +14,20 @@
 namespace zandor {
 namespace {
 
+// The audio inputs of a private sound server ("GameIn", "NarratorIn"). One for the whole suite: Qt's
+// audio devices stay with the server they first met, also when the tests run in one process.
 class AudioRecordTest : public ::testing::Test {
 protected:
+    static void SetUpTestSuite() {
+        test::isolateUserFolders(); // before the server, which it would otherwise hide
+        s_pulse = new test::PulseServer;
+    }
+    static void TearDownTestSuite() {
+        delete s_pulse;
+        s_pulse = nullptr;
+    }
     void SetUp() override {
-        test::isolateUserFolders();
+        ASSERT_TRUE(s_pulse->isRunning()) << s_pulse->error();
         m_thread.start();
     }
     void TearDown() override {
@@ -25,6 +35,7 @@ protected:
         m_thread.wait();
     }
 
+    static inline test::PulseServer* s_pulse = nullptr;
     QThread m_thread;
     QTemporaryDir m_bundle;
 };
@@ -52,11 +63,9 @@ TEST_F(AudioRecordTest, AnInputThatIsGoneFailsToStart) {
     EXPECT_TRUE(QDir(m_bundle.path()).isEmpty());
 }
 
-// With a private sound server's "GameIn": a finished file is reported, and one that cannot be
+// A finished file is reported, and one that cannot be
 // written (a full disk) makes stop() say so, which the video recorder turns into its message.
 TEST_F(AudioRecordTest, StopSaysWhetherTheFileCouldBeFinished) {
-    test::PulseServer pulse;
-    ASSERT_TRUE(pulse.isRunning()) << pulse.error();
     const test::PulseServer::Playback game("game_sink", 440, 0, 10);
     {
         LogCapture log;
