@@ -28,8 +28,8 @@ class Wakeup;
 // A recorder starts and stops its layouts under its lock; a layout subscribes to its screens under
 // its lock; the device starts and stops its screens under its lock, and those two calls reach back
 // to the device, so they take the device's lock first themselves (the device's own calls already
-// hold it). Device and layout locks never nest. Frames
-// travel between threads only through the observers' queues, under the producer's lock.
+// hold it). Device and layout locks never nest. Frames travel between threads only through the
+// observers' queues, under the producer's lock.
 class Observable : public std::enable_shared_from_this<Observable> {
 public:
     explicit Observable(uint64_t bufferSize);
