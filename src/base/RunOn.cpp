@@ -13,17 +13,26 @@ namespace zandor::detail {
 
 namespace {
 
-// Carries one task to its thread as an event of its own. Everything the carrier holds is made
-// before it is posted and touched after only on the receiving thread, so the hand-over is the
+// One task on its way, owned by the event as Qt owns its queued calls: when the receiving thread
+// ends before it gets to the event, Qt deletes the event and the task goes with it (which also
+// ends a runAndWait's wait).
+class TaskEvent final : public QEvent {
+public:
+    static inline const auto Type = static_cast<QEvent::Type>(QEvent::registerEventType());
+    TaskEvent(QObject* context, std::unique_ptr<Task> task)
+        : QEvent(Type), context(context), task(std::move(task)) {}
+    QPointer<QObject> context;
+    std::unique_ptr<Task> task;
+};
+
+// Receives one task event on the context's thread, runs it and goes. Everything the event holds is
+// made before it is posted and touched after only on the receiving thread, so the hand-over is the
 // event queue's alone. Qt is not built with ThreadSanitizer and its queue's locks are invisible
 // to it; the two annotations say what the queue guarantees: what the sending thread did before
 // posting happens before the task runs.
 class Carrier final : public QObject {
 public:
-    Carrier(QObject* context, std::unique_ptr<Task> task) : m_context(context), m_task(std::move(task)) {}
-
-    void send() {
-        auto* event = new QEvent(QEvent::User);
+    void send(TaskEvent* event) {
 #if defined(__SANITIZE_THREAD__)
         __tsan_release(this);
 #endif
@@ -35,29 +44,28 @@ protected:
 #if defined(__SANITIZE_THREAD__)
         __tsan_acquire(this);
 #endif
-        if (event->type() != QEvent::User) {
+        if (event->type() != TaskEvent::Type) {
             return QObject::event(event);
         }
-        if (m_context) {
-            m_task->run();
+        auto* task = static_cast<TaskEvent*>(event);
+        if (task->context) {
+            task->task->run();
         }
+        task->task.reset();
         // Its one event is being delivered and no other is posted to it: the carrier goes now,
         // as Qt's own deferred deletion does it, rather than by another trip through the queue.
         delete this;
         return true;
     }
-
-private:
-    QPointer<QObject> m_context;
-    std::unique_ptr<Task> m_task;
 };
 
 } // namespace
 
 void post(QObject* context, std::unique_ptr<Task> task) {
-    auto* carrier = new Carrier(context, std::move(task));
+    auto* event = new TaskEvent(context, std::move(task));
+    auto* carrier = new Carrier;
     carrier->moveToThread(context->thread());
-    carrier->send();
+    carrier->send(event);
 }
 
 } // namespace zandor::detail
