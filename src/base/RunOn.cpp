@@ -51,7 +51,6 @@ protected:
         if (task->context) {
             task->task->run();
         }
-        task->task.reset();
         // Its one event is being delivered and no other is posted to it: the carrier goes now,
         // as Qt's own deferred deletion does it, rather than by another trip through the queue.
         delete this;

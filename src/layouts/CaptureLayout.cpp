@@ -86,8 +86,7 @@ void CaptureLayout::initialize() {
         }
     }
     findStaticSpans();
-    // Not listening yet: this paints the images only. (Asking isListening() here would take the
-    // layout's lock under the drawing lock, against the order startListening takes them in.)
+    // Not listening yet: this paints the images only.
     drawCanvas(m_plugin->objects(), false);
 }
 

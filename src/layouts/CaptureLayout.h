@@ -68,7 +68,6 @@ public:
     // Drawing, on the layout's own thread (and once at construction). Screens are drawn only
     // while the layout listens.
     void drawBackground();
-    void drawCanvas(const QList<QVariantMap>& objects) { drawCanvas(objects, isListening()); }
     void drawImage(const BlendImage& image, uint64_t x, uint64_t y);
     void drawCanvasSource(const uint8_t* source, Rect rect) { copyScreen(m_canvas.get(), source, rect); }
     void drawCanvasPixelColor(const uint8_t* color, double alpha, uint64_t x, uint64_t y);
