@@ -23,6 +23,8 @@
 
 #include <QApplication>
 #include <QCloseEvent>
+#include <QDir>
+#include <QFile>
 #include <QGuiApplication>
 #include <QMessageBox>
 #include <QScreen>
@@ -31,6 +33,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <unistd.h>
 
 namespace zandor {
 
@@ -52,6 +55,9 @@ public:
     }
     void recordError(const QString& message) override {
         runLater(m_controller, [controller = m_controller, message] { controller->recordError(message); });
+    }
+    void recordNotice(const QString& message) override {
+        runLater(m_controller, [controller = m_controller, message] { controller->recordNotice(message); });
     }
 
 private:
@@ -91,6 +97,7 @@ void MainController::observeConnection() {
 MainController::~MainController() {
     if (g_instance == this) {
         g_instance = nullptr;
+        PreferencesController::instance().setWriteFailureHandler({});
     }
 }
 
@@ -114,7 +121,16 @@ void MainController::awakeFromNib() {
     m_statusUi->setupUi(m_statusWindow.get());
     m_statusWindow->setWindowModality(Qt::WindowModal);
 
-    PreferencesController::instance();
+    // Settings that cannot be saved still work for this run; the user is told once.
+    PreferencesController::instance().setWriteFailureHandler([this](const QString& why) {
+        runLater(this, [this, why] {
+            displayMessage(QStringLiteral("Could not save the preferences."),
+                           QStringLiteral("Your changes hold until Zandor quits, but they could not be "
+                                          "written to \"%1\": %2")
+                               .arg(PreferencesController::instance().file(), why),
+                           0);
+        });
+    });
     PluginController::instance();
     LayoutController::instance().setDevice(m_device);
     observeConnection();
@@ -376,10 +392,21 @@ void MainController::recordVideoAction() {
         m_videoRecorder->stop();
         return;
     }
-    m_videoRecorder = std::make_shared<VideoRecorder>(
-        captureLayouts(), CaptureSettings::fromPreferences(PreferencesController::instance()));
-    m_videoRecorder->setDelegate(std::make_shared<RecorderBridge>(this));
-    if (m_videoRecorder->start()) {
+    CaptureSettings settings = CaptureSettings::fromPreferences(PreferencesController::instance());
+    // The recorder reports a bundle it cannot make as a start, so the folder is checked first: a
+    // recording that cannot write must not look like one that runs.
+    bool started = QDir().mkpath(settings.storageFolder) &&
+                   ::access(QFile::encodeName(settings.storageFolder).constData(), W_OK | X_OK) == 0;
+    if (started) {
+        if (m_videoRecorder && !m_videoRecorder->isDone()) {
+            m_finalisingRecorders.push_back(m_videoRecorder);
+        }
+        std::erase_if(m_finalisingRecorders, [](const auto& recorder) { return recorder->isDone(); });
+        m_videoRecorder = std::make_shared<VideoRecorder>(captureLayouts(), std::move(settings));
+        m_videoRecorder->setDelegate(std::make_shared<RecorderBridge>(this));
+        started = m_videoRecorder->start();
+    }
+    if (started) {
         setVideoRecording(true);
     } else {
         displayMessage(
@@ -427,6 +454,10 @@ void MainController::recordError(const QString& message) {
     displayMessage(QStringLiteral("Could not finalize the video."),
                    QStringLiteral("It was not possible to record the video. %1").arg(message), 2,
                    QStringLiteral("toolbar_record"));
+}
+
+void MainController::recordNotice(const QString& message) {
+    displayMessage(QStringLiteral("The video was recorded."), message, 1, QStringLiteral("toolbar_record"));
 }
 
 void MainController::displayStatus(const QString& text) {
@@ -622,9 +653,13 @@ void MainController::toggleFullScreen() {
 }
 
 void MainController::shutdown() {
-    if (m_videoRecorder && !m_videoRecorder->isRecording() && !m_videoRecorder->isDone()) {
-        // A recording being finalised: its files are finished before the application goes.
-        m_videoRecorder->waitUntilFinished(std::chrono::minutes(30));
+    // Recordings being finalised, the current one and any earlier one whose sheet was dismissed:
+    // their files are finished before the application goes.
+    m_finalisingRecorders.push_back(m_videoRecorder);
+    for (const auto& recorder : m_finalisingRecorders) {
+        if (recorder && !recorder->isRecording() && !recorder->isDone()) {
+            recorder->waitUntilFinished(std::chrono::minutes(30));
+        }
     }
     m_device->setConnectionObserver(nullptr);
     m_device->stopListening();

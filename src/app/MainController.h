@@ -86,6 +86,7 @@ public:
     // The video recorder's reports, on the GUI thread.
     void recordDone();
     void recordError(const QString& message);
+    void recordNotice(const QString& message);
 
     void installedPlugin(const PluginPtr& plugin);
     void keyPressed(const QKeyEvent& event);
@@ -130,6 +131,9 @@ private:
     LayoutPtr m_activeLayout;
     std::shared_ptr<ImageRecorder> m_imageRecorder;
     std::shared_ptr<VideoRecorder> m_videoRecorder;
+    // Earlier recorders that were still finalising when another recording started; shutdown waits
+    // for them too.
+    std::vector<std::shared_ptr<VideoRecorder>> m_finalisingRecorders;
     QTimer m_blinkTimer;
     bool m_blinkPhase = false;
     QSize m_windowDecoration; // measured when the content went to full screen

@@ -1,6 +1,7 @@
 #include "ReplayBoard.h"
 
 #include "RawFrame.h"
+#include "base/RegularFile.h"
 
 #include <cerrno>
 #include <cstring>
@@ -11,17 +12,18 @@
 namespace zandor {
 
 std::unique_ptr<ReplayBoard> ReplayBoard::open(const std::string& path, std::string& error) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    RegularFile::Status status = RegularFile::Status::Read;
+    const int fd = RegularFile::open(path, status);
+    if (status == RegularFile::Status::NotRegular) {
+        error = "Replay file '" + path + "' is not a regular file";
+        return nullptr;
+    }
     if (fd < 0) {
-        error = "Could not open replay file '" + path + "': " + std::strerror(errno);
+        error = "Could not open replay file '" + path + "': " + RegularFile::describe(status);
         return nullptr;
     }
     struct stat info {};
-    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-        error = "Replay file '" + path + "' is not a regular file";
-        ::close(fd);
-        return nullptr;
-    }
+    fstat(fd, &info);
     auto size = static_cast<uint64_t>(info.st_size);
     if (size == 0 || size % raw::FrameBytes != 0) {
         error = "Replay file '" + path + "' holds " + std::to_string(size) +

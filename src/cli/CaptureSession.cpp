@@ -13,7 +13,6 @@
 #include <QFileInfo>
 
 #include <algorithm>
-#include <set>
 
 namespace zandor {
 
@@ -46,8 +45,7 @@ bool CaptureSession::open(const CommandLine& options, std::string& error) {
     }
 
     if (auto fps = options.value("fps")) {
-        static const std::set<std::string> rates{"Original", "24", "25", "30", "50", "60"};
-        if (!rates.count(*fps)) {
+        if (!CaptureSettings::frameRates().contains(QString::fromStdString(*fps))) {
             error = "Unknown frame rate '" + *fps + "': use Original, 24, 25, 30, 50 or 60";
             return false;
         }

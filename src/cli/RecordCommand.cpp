@@ -29,15 +29,24 @@ public:
         std::scoped_lock lock(m_mutex);
         m_errors.append(message);
     }
+    void recordNotice(const QString& message) override {
+        std::scoped_lock lock(m_mutex);
+        m_notices.append(message);
+    }
     QStringList errors() {
         std::scoped_lock lock(m_mutex);
         return m_errors;
+    }
+    QStringList notices() {
+        std::scoped_lock lock(m_mutex);
+        return m_notices;
     }
 
 private:
     std::mutex m_mutex;
     bool m_done = false;
     QStringList m_errors;
+    QStringList m_notices;
 };
 
 } // namespace
@@ -80,7 +89,7 @@ int RecordCommand::run(const CommandLine& options) {
         }
     }
     const QStringList errors = outcome->errors();
-    for (const QString& message : errors) {
+    for (const QString& message : outcome->notices() + errors) {
         std::fprintf(stderr, "zandor-cli record: %s\n", qUtf8Printable(message));
     }
     if (errors.isEmpty() && made.isEmpty()) {

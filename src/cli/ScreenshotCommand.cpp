@@ -11,6 +11,8 @@ namespace {
 
 // A board that gives no frame for this long is given up on.
 constexpr std::chrono::seconds FrameTimeout{10};
+// Once a frame has come, saving a large canvas may take a while longer.
+constexpr std::chrono::minutes SaveTimeout{10};
 
 } // namespace
 
@@ -26,7 +28,10 @@ int ScreenshotCommand::run(const CommandLine& options) {
     }
     auto recorder = std::make_shared<ImageRecorder>(session.layouts(), session.settings());
     recorder->start();
-    const bool finished = recorder->waitUntilFinished(FrameTimeout);
+    bool finished = recorder->waitUntilFinished(FrameTimeout);
+    if (!finished && recorder->hasFrame()) {
+        finished = recorder->waitUntilFinished(SaveTimeout);
+    }
     recorder->stop();
     session.stop();
 
@@ -34,7 +39,7 @@ int ScreenshotCommand::run(const CommandLine& options) {
     for (const QString& file : files) {
         std::printf("%s\n", qUtf8Printable(file));
     }
-    if (!finished) {
+    if (!finished && !recorder->hasFrame()) {
         std::fprintf(stderr, "zandor-cli screenshot: no frame came from the board for %lld seconds\n",
                      static_cast<long long>(FrameTimeout.count()));
         return 1;

@@ -2,9 +2,14 @@
 
 #include "base/DetachedThread.h"
 #include "base/Log.h"
+#include "base/RegularFile.h"
 #include "base/Wakeup.h"
 #include "capture/CaptureDevice.h"
 #include "capture/CaptureScreen.h"
+
+#include <QBuffer>
+#include <QFile>
+#include <QImageReader>
 
 #include <algorithm>
 #include <cstring>
@@ -68,6 +73,39 @@ std::shared_ptr<CaptureDevice> CaptureLayout::device() const {
     return m_device ? m_device : m_top->device();
 }
 
+QImage CaptureLayout::loadImage(const QString& path) {
+    std::string bytes;
+    const RegularFile::Status status =
+        RegularFile::read(QFile::encodeName(path).toStdString(), MaximumImageFileBytes, bytes);
+    if (status != RegularFile::Status::Read) {
+        // A missing image is no fault of the plug-in's descriptor: it just draws nothing.
+        if (status != RegularFile::Status::Missing) {
+            logs::layouts.warning("Could not parse plugin: image %s: %s", qUtf8Printable(path),
+                                  RegularFile::describe(status, MaximumImageFileBytes).c_str());
+        }
+        return {};
+    }
+    QByteArray data = QByteArray::fromRawData(bytes.data(), static_cast<qsizetype>(bytes.size()));
+    QBuffer buffer(&data);
+    QImageReader reader(&buffer);
+    // The header tells the size; an image larger than any canvas could show is refused before it
+    // is decoded.
+    const QSize size = reader.size();
+    if (size.width() > MaximumImageSide || size.height() > MaximumImageSide ||
+        qint64(size.width()) * size.height() * 4 > MaximumImageBytes) {
+        logs::layouts.warning("Could not parse plugin: image %s is %d by %d pixels, larger than %d on a side "
+                              "or 256 MB decoded",
+                              qUtf8Printable(path), size.width(), size.height(), MaximumImageSide);
+        return {};
+    }
+    QImage image = reader.read();
+    if (image.isNull()) {
+        logs::layouts.warning("Could not parse plugin: image %s: %s", qUtf8Printable(path),
+                              qUtf8Printable(reader.errorString()));
+    }
+    return image;
+}
+
 void CaptureLayout::initialize() {
     std::scoped_lock draw(m_drawMutex);
     if (m_type != PluginLayout) {
@@ -80,9 +118,10 @@ void CaptureLayout::initialize() {
             continue;
         }
         const QString resource = object.value(ObjectResource).toString();
-        QImage image(m_plugin->resourcePath(resource));
-        if (!image.isNull()) {
-            m_resources.insert(resource, BlendImage(image));
+        if (!m_resources.contains(resource)) {
+            if (QImage image = loadImage(m_plugin->resourcePath(resource)); !image.isNull()) {
+                m_resources.insert(resource, BlendImage(image));
+            }
         }
     }
     findStaticSpans();

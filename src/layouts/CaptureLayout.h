@@ -5,6 +5,7 @@
 #include "capture/Observable.h"
 
 #include <QHash>
+#include <QImage>
 #include <QString>
 
 #include <array>
@@ -29,6 +30,10 @@ public:
     static constexpr uint64_t TopWidth = 400, BottomWidth = 320, ScreenHeight = 240;
     // The longest canvas side a plugin may ask for.
     static constexpr qint64 MaxSide = 16384;
+    // A plug-in's image is refused when its file, a side or its decoded pixels exceed these.
+    static constexpr uint64_t MaximumImageFileBytes = 64 * 1024 * 1024;
+    static constexpr int MaximumImageSide = 16384;
+    static constexpr qint64 MaximumImageBytes = 256 * 1024 * 1024;
 
     struct Rect {
         double x, y, width, height;
@@ -82,6 +87,8 @@ private:
 
     CaptureLayout(int type, QString name);
     void initialize();
+    // A plug-in image within the limits above; a null image, logged, when it is not.
+    static QImage loadImage(const QString& path);
     void drawCanvas(const QList<QVariantMap>& objects, bool drawScreens);
     // Copies a screen's rows into a canvas-sized block at the rectangle's place.
     void copyScreen(uint8_t* target, const uint8_t* source, Rect rect) const;

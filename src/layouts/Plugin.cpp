@@ -1,6 +1,7 @@
 #include "Plugin.h"
 
 #include "base/Log.h"
+#include "base/RegularFile.h"
 
 #include <QFile>
 #include <QXmlStreamReader>
@@ -19,13 +20,25 @@ QString Plugin::resourcePath(const QString& name) const {
     return m_file + QStringLiteral("/Resources/") + name;
 }
 
-bool Plugin::parse() {
-    QFile file(pluginFile());
-    if (!file.open(QIODevice::ReadOnly)) {
-        logs::layouts.warning("Could not parse plugin: %s", qUtf8Printable(file.errorString()));
+bool Plugin::readDescriptor(const QString& path, QByteArray& bytes, QString& why) {
+    std::string contents;
+    const RegularFile::Status status =
+        RegularFile::read(QFile::encodeName(path).toStdString(), MaximumDescriptorBytes, contents);
+    if (status != RegularFile::Status::Read) {
+        why = QStringLiteral("%1: %2").arg(
+            path, QString::fromStdString(RegularFile::describe(status, MaximumDescriptorBytes)));
         return false;
     }
-    const QByteArray bytes = file.readAll();
+    bytes = QByteArray::fromStdString(contents);
+    return true;
+}
+
+bool Plugin::parse() {
+    QByteArray bytes;
+    if (QString why; !readDescriptor(pluginFile(), bytes, why)) {
+        logs::layouts.warning("Could not parse plugin: %s", qUtf8Printable(why));
+        return false;
+    }
 
     QXmlStreamReader reader(bytes);
     // Element and attribute names are taken as written, prefixes included.

@@ -35,9 +35,15 @@ public:
     // bundle + "/Resources/" + name; the file is not checked.
     QString resourcePath(const QString& name) const;
 
-    // Reads the descriptor with an event parser. False, logged, when it is unreadable or not
-    // well-formed; whatever was read before the fault stays set.
+    // Reads the descriptor with an event parser. False, logged, when it is unreadable, not a
+    // regular file, larger than MaximumDescriptorBytes or not well-formed; whatever was read before
+    // the fault stays set.
     bool parse();
+
+    // A descriptor is a few kilobytes; one larger than this is refused unread.
+    static constexpr qint64 MaximumDescriptorBytes = 1024 * 1024;
+    // Reads a descriptor file within the limits above; false with the reason (path included).
+    static bool readDescriptor(const QString& path, QByteArray& bytes, QString& why);
 
     // The integer at the start of a text: leading white space skipped, an optional sign, then
     // decimal digits up to the first non-digit; 0 when there is no number. Saturates on overflow.

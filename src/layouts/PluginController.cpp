@@ -108,13 +108,16 @@ int PluginController::typePluginFile(const QString& path) {
     if (!isPluginFile(path)) {
         return Plugin::NoType;
     }
-    QFile file(path + QStringLiteral("/plugin.xml"));
-    if (!file.open(QIODevice::ReadOnly)) {
+    const QString descriptor = path + QStringLiteral("/plugin.xml");
+    QByteArray bytes;
+    if (QString why; !Plugin::readDescriptor(descriptor, bytes, why)) {
+        logs::layouts.warning("Could not parse plugin: %s", qUtf8Printable(why));
         return Plugin::NoType;
     }
     QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-    QString text = decoder(file.readAll());
+    QString text = decoder(bytes);
     if (decoder.hasError()) {
+        logs::layouts.warning("Could not parse plugin: %s is not UTF-8 text", qUtf8Printable(descriptor));
         return Plugin::NoType;
     }
     return text.contains(QLatin1String("ZandorLayout")) ? Plugin::LayoutType : Plugin::NoType;

@@ -29,6 +29,7 @@ bool AudioRecord::start(const QString& deviceId, const QString& bundlePath, bool
         return false;
     }
     m_deviceId = deviceId == QLatin1String("None") ? QString() : deviceId;
+    m_lostAt.reset();
     m_preview = preview;
     if (m_deviceId.isEmpty()) {
         logs::recording.warning("No audio device selected for '%s'", qUtf8Printable(m_name));
@@ -81,15 +82,23 @@ bool AudioRecord::stop() {
     m_recording = false;
     AudioSession* session = m_session;
     m_session = nullptr;
-    const bool finished = runAndWait(session, [session] {
+    std::optional<std::chrono::milliseconds> lostAt;
+    const bool finished = runAndWait(session, [session, &lostAt] {
         bool done = session->stop();
+        lostAt = session->lostAt();
         delete session;
         return done;
     });
+    m_lostAt = lostAt;
     if (!finished) {
         logs::recording.error("Could not finish audio recording session");
     }
     return finished;
+}
+
+std::optional<std::chrono::milliseconds> AudioRecord::lostAt() {
+    std::scoped_lock lock(m_lock);
+    return m_lostAt;
 }
 
 bool AudioRecord::isRecording() {

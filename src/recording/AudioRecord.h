@@ -2,7 +2,9 @@
 
 #include <QString>
 
+#include <chrono>
 #include <mutex>
+#include <optional>
 
 class QThread;
 
@@ -36,6 +38,8 @@ public:
     // could not be finished (the recorder then reports the audio as not finalised).
     bool stop();
     bool isRecording();
+    // How far into the last recording its input went away, if it did; known once stopped.
+    std::optional<std::chrono::milliseconds> lostAt();
 
     const QString& name() const { return m_name; }
     const QString& path() const { return m_path; }
@@ -54,6 +58,7 @@ private:
     QString m_deviceId;
     QString m_path;
     AudioSession* m_session = nullptr; // lives on m_thread
+    std::optional<std::chrono::milliseconds> m_lostAt;
 };
 
 } // namespace zandor

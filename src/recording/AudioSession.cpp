@@ -16,6 +16,7 @@ namespace {
 // played through should not lag the picture by more than a frame or two.
 constexpr int CaptureBufferMs = 20;
 constexpr int PreviewBufferMs = 40;
+constexpr int SilentInputMs = 2000;
 
 AVSampleFormat sampleFormat(QAudioFormat::SampleFormat format) {
     switch (format) {
@@ -64,6 +65,7 @@ bool AudioSession::open(const QAudioDevice& input, bool preview, const QString& 
         logs::recording.error("Could not construct connection of audio recording session");
         return false;
     }
+    m_device = input;
     m_source = std::make_unique<QAudioSource>(input, m_format);
     m_source->setBufferSize(m_format.bytesForDuration(CaptureBufferMs * 1000));
     return true;
@@ -77,7 +79,16 @@ void AudioSession::start() {
     if (m_sink) {
         m_output = m_sink->start();
     }
+    m_startedAt = std::chrono::steady_clock::now();
     m_input = m_source->start();
+    // The audio server does not always fail the stream of an input that is unplugged; the list of
+    // inputs tells it too.
+    m_devices = std::make_unique<QMediaDevices>();
+    connect(m_devices.get(), &QMediaDevices::audioInputsChanged, this, &AudioSession::checkInput);
+    connect(m_source.get(), &QAudioSource::stateChanged, this, &AudioSession::checkInput);
+    m_heardAt = m_startedAt;
+    connect(&m_watchdog, &QTimer::timeout, this, &AudioSession::checkInput);
+    m_watchdog.start(SilentInputMs / 2);
     if (!m_input) {
         logs::recording.error("Could not start audio capture: error %d", static_cast<int>(m_source->error()));
         return;
@@ -92,6 +103,7 @@ void AudioSession::readAvailable() {
     if (frames == 0) {
         return;
     }
+    m_heardAt = std::chrono::steady_clock::now();
     // The buffer has just been filled: its first sample was taken its length ago.
     const auto captured =
         std::chrono::system_clock::now() - std::chrono::microseconds(m_format.durationForFrames(frames));
@@ -107,6 +119,24 @@ void AudioSession::readAvailable() {
     }
 }
 
+void AudioSession::checkInput() {
+    if (!m_started || m_lostAt) {
+        return;
+    }
+    const bool failed = m_source->state() == QAudio::StoppedState && m_source->error() != QAudio::NoError;
+    const bool quiet =
+        std::chrono::steady_clock::now() - m_heardAt > std::chrono::milliseconds(SilentInputMs);
+    if (!failed && !quiet && QMediaDevices::audioInputs().contains(m_device)) {
+        return;
+    }
+    m_watchdog.stop();
+    m_lostAt = std::chrono::duration_cast<std::chrono::milliseconds>(m_heardAt - m_startedAt);
+    logs::recording.error(
+        "The audio input \"%s\" went away %lld s into the recording: the rest of its sound is "
+        "silent",
+        qUtf8Printable(m_device.description()), static_cast<long long>(m_lostAt->count() / 1000));
+}
+
 bool AudioSession::stop() {
     if (!m_started) {
         return false;
@@ -116,6 +146,9 @@ bool AudioSession::stop() {
         readAvailable(); // what was captured up to now
         disconnect(m_input, nullptr, this, nullptr);
     }
+    disconnect(m_source.get(), nullptr, this, nullptr);
+    m_devices.reset();
+    m_watchdog.stop();
     m_source->stop();
     if (m_sink) {
         m_sink->stop();

@@ -10,13 +10,14 @@ HandBrakeWrapper& HandBrakeWrapper::instance() {
 }
 
 bool HandBrakeWrapper::convert(const QString& source, const QString& destination, const QString& bitRate,
-                               const QString& framesPerSecond) {
+                               const QString& framesPerSecond, const ToolLimits& limits) {
     return ShellCommand::runSucceeded(
         QStringLiteral("HandBrakeCLI"),
         {QStringLiteral("--input"), source, QStringLiteral("--output"), destination,
          QStringLiteral("--encoder"), QStringLiteral("x264"), QStringLiteral("--format"),
          QStringLiteral("mp4"), QStringLiteral("--rate"), framesPerSecond, QStringLiteral("--vb"), bitRate,
-         QStringLiteral("--aencoder"), QStringLiteral("copy:aac"), QStringLiteral("--optimize")});
+         QStringLiteral("--aencoder"), QStringLiteral("copy:aac"), QStringLiteral("--optimize")},
+        limits);
 }
 
 } // namespace zandor

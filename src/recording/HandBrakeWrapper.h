@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ShellCommand.h"
+
 #include <QString>
 
 namespace zandor {
@@ -12,9 +14,9 @@ public:
 
     // Converts `source` into `destination`. `bitRate` is in kilobits per second and
     // `framesPerSecond` in frames per second, both decimal text. True when the tool exited with
-    // status 0.
+    // status 0 within `limits`.
     bool convert(const QString& source, const QString& destination, const QString& bitRate,
-                 const QString& framesPerSecond);
+                 const QString& framesPerSecond, const ToolLimits& limits = {});
 
 private:
     HandBrakeWrapper() = default;

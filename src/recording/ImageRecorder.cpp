@@ -22,10 +22,11 @@ bool ImageRecorder::capture(const LayoutPtr& layout, const ObserverPtr& observer
     if (!frame) {
         return false;
     }
+    m_hasFrame = true;
     QImage image = imageOfLayout(*layout, *frame);
     QString file = QStringLiteral("Screenshot %1").arg(stringWithCurrentDate());
     if (layouts().size() > 1) {
-        file = QStringLiteral("Screenshot %1 %2").arg(stringWithCurrentDate(), layout->name());
+        file = QStringLiteral("Screenshot %1 %2").arg(stringWithCurrentDate(), fileNamePart(layout->name()));
     }
     saveImage(image, file);
     return true;

@@ -6,6 +6,7 @@
 #include <QImage>
 #include <QStringList>
 
+#include <atomic>
 #include <mutex>
 
 namespace zandor {
@@ -27,6 +28,8 @@ public:
 
     // The files written so far.
     QStringList savedFiles();
+    // Whether a frame has come, so that the images are being made.
+    bool hasFrame() const { return m_hasFrame; }
 
 protected:
     bool capture(const LayoutPtr& layout, const ObserverPtr& observer) override;
@@ -36,6 +39,7 @@ private:
     const CaptureSettings m_settings;
     std::mutex m_savedMutex;
     QStringList m_saved;
+    std::atomic<bool> m_hasFrame{false};
 };
 
 } // namespace zandor

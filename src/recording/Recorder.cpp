@@ -20,6 +20,16 @@ QString Recorder::stringWithDate(const QDateTime& date) {
     return date.toLocalTime().toString(QStringLiteral("dd_MM_yyyy HH_mm_ss"));
 }
 
+QString Recorder::fileNamePart(const QString& name) {
+    QString part = name.left(100);
+    for (QChar& c : part) {
+        if (c == u'/' || c.category() == QChar::Other_Control) {
+            c = u'_';
+        }
+    }
+    return part;
+}
+
 bool Recorder::isListening() {
     std::scoped_lock lock(m_lock);
     return m_listening;

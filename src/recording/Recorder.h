@@ -31,6 +31,9 @@ public:
     // "dd_MM_yyyy HH_mm_ss" in local time: part of every file name the recorders make.
     static QString stringWithCurrentDate();
     static QString stringWithDate(const QDateTime& date);
+    // A layout's name as it goes into a file name: a slash or a control character would make another
+    // folder or no valid name, so each becomes "_"; the name is cut at 100 characters.
+    static QString fileNamePart(const QString& name);
 
     const std::vector<LayoutPtr>& layouts() const { return m_layouts; }
     bool isRecording() { return isListening(); }

@@ -12,6 +12,9 @@ public:
     virtual void recordProgress(double) {}
     virtual void recordDone() = 0;
     virtual void recordError(const QString& message) = 0;
+    // Something the user should know of a recording that was made, such as its game sound
+    // stopping early; sent before recordDone.
+    virtual void recordNotice(const QString&) {}
 };
 
 } // namespace zandor

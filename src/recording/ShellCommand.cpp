@@ -13,7 +13,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>
+#include <poll.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -73,9 +75,63 @@ QString outputTail(const QString& output) {
     return lines.mid(std::max<qsizetype>(0, lines.size() - FailureOutputLines)).join(QStringLiteral(" / "));
 }
 
+// Reads a tool's output while it runs, until it has ended and closed the pipe (with anything it
+// started), or until it overstays `limits`: then its process group is ended and `output` says why.
+// The tool's end is watched through a process file descriptor where the kernel has them; without
+// one, a tool that closes its output and goes on is waited for without a limit.
+void collectOutput(int readEnd, pid_t pid, const ToolLimits& limits, QByteArray& output) {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point started = Clock::now();
+    Clock::time_point heard = started;
+    pollfd watched[2] = {{readEnd, POLLIN, 0},
+                         {static_cast<int>(syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0}};
+    char buffer[65536];
+    while (watched[0].fd >= 0 || watched[1].fd >= 0) {
+        const Clock::time_point now = Clock::now();
+        const auto silenceLeft = heard + limits.silence - now;
+        const auto totalLeft = started + limits.total - now;
+        if (silenceLeft <= Clock::duration::zero() || totalLeft <= Clock::duration::zero()) {
+            ::kill(-pid, SIGKILL);
+            const bool silent = silenceLeft <= Clock::duration::zero();
+            const double seconds =
+                static_cast<double>((silent ? limits.silence : limits.total).count()) / 1000;
+            output.append((silent ? QStringLiteral("\nended: no output for %1 s")
+                                  : QStringLiteral("\nended: still running after %1 s"))
+                              .arg(seconds)
+                              .toUtf8());
+            break;
+        }
+        const auto waitMs = std::chrono::ceil<std::chrono::milliseconds>(std::min(silenceLeft, totalLeft));
+        const int ready = ::poll(watched, 2, static_cast<int>(std::min<long long>(waitMs.count(), 60000)));
+        if (ready < 0 && errno != EINTR) {
+            break;
+        }
+        if (ready <= 0) {
+            continue;
+        }
+        if (watched[0].revents != 0) {
+            const ssize_t n = ::read(readEnd, buffer, sizeof buffer);
+            if (n > 0) {
+                output.append(buffer, n);
+                heard = Clock::now();
+            } else if (n == 0 || errno != EINTR) {
+                watched[0].fd = -1; // poll skips it from now on
+            }
+        }
+        if (watched[1].fd >= 0 && watched[1].revents != 0) {
+            ::close(watched[1].fd);
+            watched[1].fd = -1;
+        }
+    }
+    if (watched[1].fd >= 0) {
+        ::close(watched[1].fd);
+    }
+}
+
 } // namespace
 
-QVariantMap ShellCommand::runCommand(const QString& tool, const QStringList& arguments) {
+QVariantMap ShellCommand::runCommand(const QString& tool, const QStringList& arguments,
+                                     const ToolLimits& limits) {
     const QString path = toolFolder() + QLatin1Char('/') + tool;
     const QByteArray program = QFile::encodeName(path);
     std::vector<QByteArray> encoded;
@@ -116,7 +172,10 @@ QVariantMap ShellCommand::runCommand(const QString& tool, const QStringList& arg
         sigfillset(&all);
         posix_spawnattr_setsigmask(&setup.attributes, &none);
         posix_spawnattr_setsigdefault(&setup.attributes, &all);
-        posix_spawnattr_setflags(&setup.attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+        // A group of its own, so that a hung tool is ended together with whatever it started.
+        posix_spawnattr_setpgroup(&setup.attributes, 0);
+        posix_spawnattr_setflags(&setup.attributes,
+                                 POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
         spawned =
             posix_spawn(&pid, program.constData(), &setup.actions, &setup.attributes, argv.data(), environ);
     }
@@ -129,15 +188,7 @@ QVariantMap ShellCommand::runCommand(const QString& tool, const QStringList& arg
     // Read while the tool runs: a tool that writes more than the pipe holds would otherwise wait
     // for us forever. The pipe ends when the tool (and anything it started) has closed it.
     QByteArray output;
-    char buffer[65536];
-    for (;;) {
-        ssize_t n = ::read(readEnd, buffer, sizeof buffer);
-        if (n > 0) {
-            output.append(buffer, n);
-        } else if (n == 0 || errno != EINTR) {
-            break;
-        }
-    }
+    collectOutput(readEnd, pid, limits, output);
     ::close(readEnd);
 
     int waitStatus = 0;
@@ -150,8 +201,8 @@ QVariantMap ShellCommand::runCommand(const QString& tool, const QStringList& arg
     return result(QString::fromUtf8(output), status);
 }
 
-bool ShellCommand::runSucceeded(const QString& tool, const QStringList& arguments) {
-    const QVariantMap outcome = runCommand(tool, arguments);
+bool ShellCommand::runSucceeded(const QString& tool, const QStringList& arguments, const ToolLimits& limits) {
+    const QVariantMap outcome = runCommand(tool, arguments, limits);
     const int status = outcome.value(ShellCommandStatus).toInt();
     if (status == 0) {
         return true;

@@ -4,7 +4,17 @@
 #include <QStringList>
 #include <QVariantMap>
 
+#include <chrono>
+
 namespace zandor {
+
+// How long a tool may take before it is ended (with its whole process group) and counted as failed.
+struct ToolLimits {
+    // Without a line, a byte or a progress mark of output for this long, a tool is taken for hung.
+    std::chrono::milliseconds silence = std::chrono::minutes(10);
+    // The longest a tool may run at all.
+    std::chrono::milliseconds total = std::chrono::hours(24);
+};
 
 // Keys of the map runCommand() returns.
 inline const QString ShellCommandOutput = QStringLiteral("ShellCommandOutput");
@@ -16,12 +26,15 @@ class ShellCommand {
 public:
     // Runs `tool` with `arguments` and blocks until it ends. ShellCommandOutput holds its standard
     // output and standard error together, decoded as UTF-8; ShellCommandStatus its exit status, or
-    // -1 when it could not be started or did not exit normally (the output then says why).
-    static QVariantMap runCommand(const QString& tool, const QStringList& arguments);
+    // -1 when it could not be started, did not exit normally or was ended for overstaying `limits`
+    // (the output then says why).
+    static QVariantMap runCommand(const QString& tool, const QStringList& arguments,
+                                  const ToolLimits& limits = {});
 
     // Runs the tool like runCommand() and tells whether it exited with status 0. A failure is
     // logged as one line with the tool, its status and the end of its output.
-    static bool runSucceeded(const QString& tool, const QStringList& arguments);
+    static bool runSucceeded(const QString& tool, const QStringList& arguments,
+                             const ToolLimits& limits = {});
 
     // AppPaths::toolFolder() unless overridden.
     static QString toolFolder();

@@ -9,9 +9,11 @@ SublerWrapper& SublerWrapper::instance() {
     return wrapper;
 }
 
-bool SublerWrapper::appendSource(const QString& source, const QString& destination) {
-    return ShellCommand::runSucceeded(QStringLiteral("SublerCLI"), {QStringLiteral("-source"), source,
-                                                                    QStringLiteral("-dest"), destination});
+bool SublerWrapper::appendSource(const QString& source, const QString& destination,
+                                 const ToolLimits& limits) {
+    return ShellCommand::runSucceeded(
+        QStringLiteral("SublerCLI"),
+        {QStringLiteral("-source"), source, QStringLiteral("-dest"), destination}, limits);
 }
 
 } // namespace zandor

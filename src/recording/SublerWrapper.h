@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ShellCommand.h"
+
 #include <QString>
 
 namespace zandor {
@@ -10,8 +12,8 @@ public:
     static SublerWrapper& instance();
 
     // Adds the tracks of `source` to `destination`, which is created when missing and otherwise
-    // changed in place. True when the tool exited with status 0.
-    bool appendSource(const QString& source, const QString& destination);
+    // changed in place. True when the tool exited with status 0 within `limits`.
+    bool appendSource(const QString& source, const QString& destination, const ToolLimits& limits = {});
 
 private:
     SublerWrapper() = default;

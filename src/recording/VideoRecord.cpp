@@ -1,5 +1,6 @@
 #include "VideoRecord.h"
 
+#include "Recorder.h"
 #include "base/Log.h"
 #include "capture/CaptureData.h"
 
@@ -30,10 +31,10 @@ bool VideoRecord::start(const QString& bundlePath, const CaptureSettings& settin
     if (m_recording) {
         return false;
     }
-    m_recordPath = QStringLiteral("%1/Video%2.%3").arg(bundlePath, m_layout->name(), QStringLiteral("mov"));
-    m_mergePath = QStringLiteral("%1/Merged%2.%3").arg(bundlePath, m_layout->name(), QStringLiteral("mp4"));
-    m_convertPath =
-        QStringLiteral("%1/Converted%2.%3").arg(bundlePath, m_layout->name(), QStringLiteral("mp4"));
+    const QString name = Recorder::fileNamePart(m_layout->name());
+    m_recordPath = QStringLiteral("%1/Video%2.%3").arg(bundlePath, name, QStringLiteral("mov"));
+    m_mergePath = QStringLiteral("%1/Merged%2.%3").arg(bundlePath, name, QStringLiteral("mp4"));
+    m_convertPath = QStringLiteral("%1/Converted%2.%3").arg(bundlePath, name, QStringLiteral("mp4"));
 
     m_quality = VideoQuality::qualityNamed(settings.videoQuality);
     m_framesPerSecond = settings.framesPerSecond;

@@ -9,6 +9,7 @@
 #include <QFileInfo>
 #include <QThread>
 
+#include <algorithm>
 #include <thread>
 
 namespace zandor {
@@ -38,7 +39,8 @@ void VideoRecorder::setDelegate(std::shared_ptr<RecorderDelegate> delegate) {
 
 QString VideoRecorder::resultPath(const VideoRecord& record) const {
     if (m_videoRecords.size() > 1) {
-        return QStringLiteral("%1 %2.%3").arg(m_basePath, record.layout()->name(), QStringLiteral("mp4"));
+        return QStringLiteral("%1 %2.%3")
+            .arg(m_basePath, fileNamePart(record.layout()->name()), QStringLiteral("mp4"));
     }
     return QStringLiteral("%1.%2").arg(m_basePath, QStringLiteral("mp4"));
 }
@@ -71,6 +73,7 @@ bool VideoRecorder::start() {
         }
     }
     if (success) {
+        m_started = std::chrono::steady_clock::now();
         Recorder::start();
     } else {
         stop();
@@ -88,18 +91,23 @@ bool VideoRecorder::capture(const LayoutPtr& layout, const ObserverPtr& observer
 }
 
 void VideoRecorder::capturedLayouts() {
+    // A tool that takes twenty times as long as the recording (or ten seconds for a short one) has
+    // hung; ToolLimits' default ends one that prints nothing for ten minutes.
+    const auto recorded = std::chrono::steady_clock::now() - m_started;
+    m_toolLimits.total =
+        std::max(std::chrono::duration_cast<std::chrono::milliseconds>(recorded * 20), ShortestToolLimit);
     // A second for the sound: the audio inputs still deliver what they captured before the stop,
     // and the game track should end with the picture rather than short of it.
     std::this_thread::sleep_for(std::chrono::seconds(1));
     bool success = true;
     for (const auto& record : m_videoRecords) {
         if (!record->stop()) {
-            tryError(QStringLiteral("The recording of the video could not be finalized."));
+            keepError(QStringLiteral("The recording of the video could not be finalized."));
             success = false;
         }
     }
     if (m_audioGameRecord->isRecording() && !m_audioGameRecord->stop()) {
-        tryError(QStringLiteral("The recording of the audio could not be finalized."));
+        keepError(QStringLiteral("The recording of the audio could not be finalized."));
         success = false;
     }
     if (success) {
@@ -109,27 +117,39 @@ void VideoRecorder::capturedLayouts() {
 
 void VideoRecorder::actualize() {
     bool success = true;
+    // The bundle goes only when every layout's movie is out of it: whatever failed, the recorded
+    // tracks stay where the user is told they are.
+    bool allMovedOut = true;
     for (auto it = m_videoRecords.begin(); it != m_videoRecords.end() && success; ++it) {
         VideoRecord& record = **it;
-        if (!SublerWrapper::instance().appendSource(record.recordPath(), record.mergePath())) {
-            tryError(QStringLiteral("It was not possible to merge video."));
+        if (!SublerWrapper::instance().appendSource(record.recordPath(), record.mergePath(), m_toolLimits)) {
+            keepError(QStringLiteral("It was not possible to merge video."));
+            allMovedOut = false;
             continue;
         }
         if (QFileInfo::exists(m_audioGameRecord->path()) &&
-            !SublerWrapper::instance().appendSource(m_audioGameRecord->path(), record.mergePath())) {
-            tryError(QStringLiteral("It was not possible to merge audio."));
+            !SublerWrapper::instance().appendSource(m_audioGameRecord->path(), record.mergePath(),
+                                                    m_toolLimits)) {
+            keepError(QStringLiteral("It was not possible to merge audio."));
             success = false;
         }
-        if (success) {
-            convert(record);
+        if (!success || !convert(record)) {
+            allMovedOut = false;
         }
     }
-    if (!QDir(m_bundlePath).removeRecursively()) {
+    if (allMovedOut && !QDir(m_bundlePath).removeRecursively()) {
         tryError(QStringLiteral("It was not possible to remove recording bundle."));
         success = false;
     }
     m_done = true;
     if (success && m_delegate) {
+        if (const auto lost = m_audioGameRecord->lostAt()) {
+            const long long seconds = lost->count() / 1000;
+            m_delegate->recordNotice(QString::asprintf(
+                "The game sound stopped at %02lld:%02lld: its input went away, and the rest "
+                "of the movie is silent.",
+                seconds / 60, seconds % 60));
+        }
         m_delegate->recordDone();
     }
 }
@@ -138,12 +158,12 @@ bool VideoRecorder::convert(VideoRecord& record) {
     if (record.framesPerSecond() != QLatin1String("Original")) {
         const QString bitRate = QString::asprintf("%ld", static_cast<long>(record.quality()->bitRate()));
         if (!HandBrakeWrapper::instance().convert(record.mergePath(), record.convertPath(), bitRate,
-                                                  record.framesPerSecond())) {
-            tryError(QStringLiteral("It was not possible to convert the merged video."));
+                                                  record.framesPerSecond(), m_toolLimits)) {
+            keepError(QStringLiteral("It was not possible to convert the merged video."));
             return false;
         }
     } else if (!QFile::rename(record.mergePath(), record.convertPath())) {
-        tryError(QStringLiteral("It was not possible to move the merged video to the convertion path."));
+        keepError(QStringLiteral("It was not possible to move the merged video to the convertion path."));
         return false;
     }
     return finish(record);
@@ -151,10 +171,14 @@ bool VideoRecorder::convert(VideoRecord& record) {
 
 bool VideoRecorder::finish(VideoRecord& record) {
     if (!QFile::rename(record.convertPath(), resultPath(record))) {
-        tryError(QStringLiteral("Could not move file outside recording bundle."));
+        keepError(QStringLiteral("Could not move file outside recording bundle."));
         return false;
     }
     return true;
+}
+
+void VideoRecorder::keepError(const QString& message) {
+    tryError(QStringLiteral("%1 The recording is kept in \"%2\".").arg(message, m_bundlePath));
 }
 
 void VideoRecorder::tryError(const QString& message) {

@@ -3,6 +3,7 @@
 #include "AudioRecord.h"
 #include "Recorder.h"
 #include "RecorderDelegate.h"
+#include "ShellCommand.h"
 #include "VideoRecord.h"
 #include "settings/CaptureSettings.h"
 
@@ -10,6 +11,7 @@
 #include <QString>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 
 class QThread;
@@ -20,7 +22,8 @@ namespace zandor {
 // narrator's microphone, into the bundle "Capture <stamp>.zdrecord" in the storage folder. When
 // stopped it finishes the tracks, merges each layout's video with the game sound (SublerCLI),
 // converts it when a frame rate was chosen (HandBrakeCLI), moves the MP4 files out beside the
-// bundle, removes the bundle, and reports to its delegate.
+// bundle, and reports to its delegate. The bundle is removed only once every movie is out of it: a
+// failed step leaves the recording there, and the message says where.
 class VideoRecorder final : public Recorder {
 public:
     VideoRecorder(std::vector<LayoutPtr> layouts, CaptureSettings settings);
@@ -46,6 +49,11 @@ private:
     bool convert(VideoRecord& record);
     bool finish(VideoRecord& record);
     void tryError(const QString& message);
+    // tryError for a failure that leaves the recording in the bundle, saying where it is kept.
+    void keepError(const QString& message);
+
+    // The least time a tool is given, however short the recording.
+    static constexpr std::chrono::milliseconds ShortestToolLimit = std::chrono::seconds(10);
 
     const CaptureSettings m_settings;
     // Keyed by layout name: layouts of one name share a writer.
@@ -58,6 +66,10 @@ private:
     QString m_bundlePath;
     std::shared_ptr<RecorderDelegate> m_delegate;
     std::atomic<bool> m_done{true};
+    // When the recording started, and the tools' limits measured from its length at the stop;
+    // both are used on the recorder's thread after start() has returned.
+    std::chrono::steady_clock::time_point m_started;
+    ToolLimits m_toolLimits;
 };
 
 } // namespace zandor

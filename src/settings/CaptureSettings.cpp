@@ -7,13 +7,28 @@ namespace zandor {
 CaptureSettings CaptureSettings::fromPreferences(const PreferencesController& preferences) {
     const auto text = [&preferences](const QString& key) { return preferences.preference(key).toString(); };
     CaptureSettings settings;
-    settings.storageFolder = text(PreferenceCaptureStorageFolder);
+    // Only an absolute path held as text is a folder; anything else (a number, data, a relative
+    // path) would put the files somewhere the user never chose.
+    const QVariant folder = preferences.preference(PreferenceCaptureStorageFolder);
+    settings.storageFolder = folder.typeId() == QMetaType::QString && folder.toString().startsWith(u'/') &&
+                                     !folder.toString().contains(QChar(0))
+                                 ? folder.toString()
+                                 : PreferencesController::defaultStorageFolder();
     settings.imageFormat = text(PreferenceCaptureImageFormat);
-    settings.framesPerSecond = text(PreferenceCaptureVideoFPS);
+    const QVariant rate = preferences.preference(PreferenceCaptureVideoFPS);
+    if (rate.typeId() == QMetaType::QString && frameRates().contains(rate.toString())) {
+        settings.framesPerSecond = rate.toString();
+    }
     settings.videoQuality = text(PreferenceCaptureVideoQuality);
     settings.gameAudioInput = text(PreferenceCaptureGameAudioInput);
     settings.narratorAudioInput = text(PreferenceCaptureNarratorAudioInput);
     return settings;
+}
+
+const QStringList& CaptureSettings::frameRates() {
+    static const QStringList rates{QStringLiteral("Original"), QStringLiteral("24"), QStringLiteral("25"),
+                                   QStringLiteral("30"),       QStringLiteral("50"), QStringLiteral("60")};
+    return rates;
 }
 
 } // namespace zandor

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 
 namespace zandor {
 
@@ -8,13 +9,15 @@ class PreferencesController;
 
 // What one screenshot or recording needs to know of the user's settings, read once when it starts
 // and handed to the recorders, so that nothing below the application reads the preferences store.
-// The members hold the preference values as the store keeps them.
+// A stored value of the wrong kind reads as the default, so that a hand-edited or damaged
+// preferences file can neither send files elsewhere nor start a conversion that cannot work.
 struct CaptureSettings {
-    // Where screenshots and recordings go; made when missing.
+    // Where screenshots and recordings go, an absolute path; made when missing.
     QString storageFolder;
     // "PNG", or anything else for JPEG.
     QString imageFormat = QStringLiteral("PNG");
-    // "Original" keeps the board's own timing; a number has recordings converted to that rate.
+    // One of frameRates(): "Original" keeps the board's own timing; a number has recordings converted
+    // to that rate.
     QString framesPerSecond = QStringLiteral("Original");
     // The name of a VideoQuality preset.
     QString videoQuality = QStringLiteral("Medium");
@@ -23,6 +26,9 @@ struct CaptureSettings {
     QString narratorAudioInput = QStringLiteral("None");
 
     static CaptureSettings fromPreferences(const PreferencesController& preferences);
+
+    // The frame rates a recording can be made at: "Original", then whole frames per second as text.
+    static const QStringList& frameRates();
 };
 
 } // namespace zandor

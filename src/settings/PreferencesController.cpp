@@ -3,16 +3,13 @@
 #include "PropertyList.h"
 #include "base/AppPaths.h"
 #include "base/Log.h"
+#include "base/RegularFile.h"
 
 #include <QAudioDevice>
 #include <QDir>
 #include <QFile>
 #include <QMediaDevices>
 #include <QSaveFile>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -79,51 +76,26 @@ constexpr int MaximumNesting = 64;
 
 enum class FileRead { Missing, Unreadable, Malformed, Read };
 
-// Reads the preferences file if it is a regular file of at most MaximumFileBytes. It is opened
-// without blocking and checked before anything is read, so a named pipe or a device in its place
-// cannot hold the start up.
+// Reads the preferences file if it is a regular file of at most MaximumFileBytes; a named pipe or a
+// device in its place cannot hold the start up.
 FileRead readPreferencesFile(const QString& path, QByteArray& contents, QString& why) {
-    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
-        return errno == ENOENT ? FileRead::Missing : FileRead::Unreadable;
+    std::string bytes;
+    const RegularFile::Status status =
+        RegularFile::read(QFile::encodeName(path).toStdString(), MaximumFileBytes, bytes);
+    switch (status) {
+    case RegularFile::Status::Read:
+        contents = QByteArray::fromStdString(bytes);
+        return FileRead::Read;
+    case RegularFile::Status::Missing:
+        return FileRead::Missing;
+    case RegularFile::Status::Unreadable:
+        return FileRead::Unreadable;
+    case RegularFile::Status::NotRegular:
+    case RegularFile::Status::TooLarge:
+        break;
     }
-    FileRead result = FileRead::Read;
-    struct stat info {};
-    if (fstat(fd, &info) != 0) {
-        result = FileRead::Unreadable;
-    } else if (!S_ISREG(info.st_mode)) {
-        why = QStringLiteral("it is not a regular file");
-        result = FileRead::Malformed;
-    } else if (info.st_size > MaximumFileBytes) {
-        why = QStringLiteral("it is larger than 1 MB");
-        result = FileRead::Malformed;
-    } else {
-        // One byte more than allowed tells a file that grew meanwhile.
-        contents.resize(MaximumFileBytes + 1);
-        qsizetype filled = 0;
-        while (filled < contents.size()) {
-            const ssize_t n =
-                ::read(fd, contents.data() + filled, static_cast<size_t>(contents.size() - filled));
-            if (n == 0) {
-                break;
-            }
-            if (n < 0) {
-                if (errno == EINTR) {
-                    continue;
-                }
-                result = FileRead::Unreadable;
-                break;
-            }
-            filled += n;
-        }
-        contents.resize(filled);
-        if (result == FileRead::Read && filled > MaximumFileBytes) {
-            why = QStringLiteral("it is larger than 1 MB");
-            result = FileRead::Malformed;
-        }
-    }
-    ::close(fd);
-    return result;
+    why = QString::fromStdString(RegularFile::describe(status, MaximumFileBytes));
+    return FileRead::Malformed;
 }
 
 // How deep arrays and dictionaries nest in an XML property list, counted in one pass without
@@ -180,6 +152,10 @@ QString PreferencesController::preferencesFile() {
     return AppPaths::applicationSupportFolder() + QStringLiteral("/Zandor/preferences.plist");
 }
 
+QString PreferencesController::defaultStorageFolder() {
+    return expandTilde(expandTilde(AppPaths::desktopFolder()));
+}
+
 QVariant PreferencesController::preference(const QString& key) const {
     std::scoped_lock lock(m_mutex);
     auto it = std::find_if(m_preferences.begin(), m_preferences.end(),
@@ -194,15 +170,38 @@ void PreferencesController::setPreference(const QString& key, const QVariant& va
         assign(m_preferences, key, normalized(value));
         live = m_defaulted && !m_readOnly;
     }
-    if (live) {
-        store();
+    if (!live) {
+        return;
     }
+    QString why;
+    if (store(&why)) {
+        return;
+    }
+    std::function<void(const QString&)> report;
+    {
+        std::scoped_lock lock(m_mutex);
+        if (std::exchange(m_writeFailureReported, true)) {
+            return;
+        }
+        report = m_writeFailureHandler;
+    }
+    logs::settings.warning("Could not write the preferences file %s (%s): changes last only for this run",
+                           qUtf8Printable(m_file), qUtf8Printable(why));
+    if (report) {
+        report(why);
+    }
+}
+
+void PreferencesController::setWriteFailureHandler(std::function<void(const QString&)> handler) {
+    std::scoped_lock lock(m_mutex);
+    m_writeFailureHandler = std::move(handler);
+    m_writeFailureReported = false;
 }
 
 void PreferencesController::defaults() {
     // Looked up before the lock is taken: the sound server may take a moment to answer. The new
     // dictionary is built aside, so that readers never see a half-filled one.
-    const QString storageFolder = expandTilde(expandTilde(AppPaths::desktopFolder()));
+    const QString storageFolder = defaultStorageFolder();
     const QString gameAudioInput = defaultAudioInputId();
 
     Entries entries;
@@ -266,7 +265,7 @@ bool PreferencesController::load() {
     return false;
 }
 
-bool PreferencesController::store() {
+bool PreferencesController::store(QString* why) {
     std::scoped_lock writing(m_storeMutex);
     Entries snapshot;
     bool keepAside = false;
@@ -283,20 +282,26 @@ bool PreferencesController::store() {
         std::rename(from.constData(), to.constData());
     }
     const QByteArray xml = PropertyList::dictionary(snapshot).toXml();
-    if (xml.isEmpty()) {
+    const auto fail = [why](const QString& reason) {
+        if (why) {
+            *why = reason;
+        }
         return false;
+    };
+    if (xml.isEmpty()) {
+        return fail(QStringLiteral("the preferences could not be written as a property list"));
     }
     // QSaveFile writes a temporary file beside the target and renames it into place on commit, so a
     // reader or a crash never sees half a file. It creates no folders.
     QSaveFile file(m_file);
     if (!file.open(QIODevice::WriteOnly)) {
-        return false;
+        return fail(file.errorString());
     }
     if (file.write(xml) != xml.size()) {
         file.cancelWriting();
-        return false;
+        return fail(file.errorString());
     }
-    return file.commit();
+    return file.commit() || fail(file.errorString());
 }
 
 const QString& PreferencesController::file() const {

@@ -3,6 +3,7 @@
 #include <QString>
 #include <QVariant>
 
+#include <functional>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -42,12 +43,18 @@ public:
 
     // <application-support folder>/Zandor/preferences.plist, built anew on every call.
     static QString preferencesFile();
+    // The user's Desktop folder, tilde expanded: where screenshots and recordings go by default.
+    static QString defaultStorageFolder();
 
     // The value stored under `key`; an invalid QVariant when the key is absent.
     QVariant preference(const QString& key) const;
     // Stores `value` under `key`, an invalid QVariant removing the key, then rewrites the file once
-    // the store is live. A failed write is silent: the value stays in memory for the run.
+    // the store is live. A failed write keeps the value in memory for the run; the first one is
+    // logged and handed to the write-failure handler.
     void setPreference(const QString& key, const QVariant& value);
+    // Called, on the thread of the change, the first time after it is set that a change cannot be
+    // written, with why.
+    void setWriteFailureHandler(std::function<void(const QString& why)> handler);
 
     // Replaces the dictionary with the built-in defaults, writing nothing, and makes the store live.
     void defaults();
@@ -56,9 +63,9 @@ public:
     // is larger than 1 MB, nests arrays and dictionaries deeper than 64 or is no property list
     // holding a dictionary is logged and moved aside to "preferences.plist.bad" at the next store.
     bool load();
-    // Writes the whole dictionary to the file atomically; false when that failed. Never creates the
-    // file's folder.
-    bool store();
+    // Writes the whole dictionary to the file atomically; false, with why when asked, when that
+    // failed. Never creates the file's folder.
+    bool store(QString* why = nullptr);
 
     const QString& file() const;
 
@@ -72,7 +79,7 @@ private:
     const QString m_file;
     // Serialises writes of the file so that the last write holds the newest dictionary.
     std::mutex m_storeMutex;
-    // Guards m_preferences, m_defaulted and m_keepAside.
+    // Guards m_preferences, the flags and the handler.
     mutable std::mutex m_mutex;
     // In insertion order, which is the order of the file.
     Entries m_preferences;
@@ -81,6 +88,8 @@ private:
     bool m_readOnly = false;
     // The file read at start could not be used; the next store moves it aside first.
     bool m_keepAside = false;
+    bool m_writeFailureReported = false;
+    std::function<void(const QString&)> m_writeFailureHandler;
 };
 
 } // namespace zandor

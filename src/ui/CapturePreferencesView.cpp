@@ -1,6 +1,7 @@
 #include "CapturePreferencesView.h"
 
 #include "Icons.h"
+#include "settings/CaptureSettings.h"
 #include "settings/PreferencesController.h"
 #include "layouts/LayoutController.h"
 #include "settings/VideoQuality.h"
@@ -9,6 +10,8 @@
 #include <QAudioDevice>
 #include <QFileDialog>
 #include <QMediaDevices>
+
+#include <algorithm>
 
 namespace zandor {
 namespace {
@@ -39,15 +42,13 @@ CapturePreferencesView::CapturePreferencesView(QWidget* parent)
     : PreferencePane(parent), m_ui(std::make_unique<Ui::CapturePreferencesView>()) {
     m_ui->setupUi(this);
 
-    if (const QString folder = storedString(PreferenceCaptureStorageFolder); !folder.isEmpty()) {
-        m_ui->capturePathControl->setPath(folder);
-    }
+    // The folder and the frame rate as a recording reads them, a damaged value as its default.
+    const CaptureSettings stored = CaptureSettings::fromPreferences(PreferencesController::instance());
+    m_ui->capturePathControl->setPath(stored.storageFolder);
     fillLayouts();
     fillQualities();
-    if (const int index = lastItemTitled(m_ui->fpsPopup, storedString(PreferenceCaptureVideoFPS));
-        index >= 0) {
-        m_ui->fpsPopup->setCurrentIndex(index);
-    }
+    m_ui->fpsPopup->addItems(CaptureSettings::frameRates());
+    m_ui->fpsPopup->setCurrentIndex(std::max(0, lastItemTitled(m_ui->fpsPopup, stored.framesPerSecond)));
     fillAudioInputs();
     // The image format shows the interface's choice whatever is stored; only a pick of the user
     // changes the stored format.

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -57,8 +59,11 @@ protected:
 
 TEST_F(ReplayBoardTest, RefusesFilesThatAreNotWholeFrames) {
     std::string error;
+    // A named pipe is refused without being opened for reading, which would wait for a writer.
+    ASSERT_EQ(mkfifo((m_folder / "pipe.raw").c_str(), 0600), 0);
     for (const auto& [path, message] :
-         {std::pair{(m_folder / "missing.raw").string(), "missing.raw': No such file"},
+         {std::pair{(m_folder / "missing.raw").string(), "missing.raw': it does not exist"},
+          {(m_folder / "pipe.raw").string(), "not a regular file"},
           {write("empty.raw", {}), "not a whole number"},
           {write("long.raw", std::vector<uint8_t>(raw::FrameBytes + 1)), "518401 bytes"},
           {m_folder.string(), "not a regular file"}}) {

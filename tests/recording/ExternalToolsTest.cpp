@@ -116,6 +116,33 @@ TEST_F(ShellCommandTest, WrappersPassTheirExactArgumentListsWithoutAShell) {
                            "--rate", "30", "--vb", "2500", "--aencoder", "copy:aac", "--optimize"}));
 }
 
+// A tool that overstays its limits is ended with everything it started, and counted as failed;
+// output, a progress mark as much as a line, shows it is alive.
+TEST_F(ShellCommandTest, AToolThatOverstaysItsLimitsIsEndedWithWhatItStarted) {
+    using namespace std::chrono_literals;
+    writeTool("hangs", "sleep 60 & echo $! > \"$(dirname \"$0\")/child\"\necho started\nwait\n");
+    QVariantMap result = ShellCommand::runCommand("hangs", {}, {.silence = 500ms});
+    EXPECT_EQ(result.value(ShellCommandStatus).toInt(), -1);
+    EXPECT_EQ(outputOf(result), "started\n\nended: no output for 0.5 s");
+    // The child is gone (or a zombie waiting for its new parent), not sleeping on.
+    const QStringList child = test::readLines(m_tools.filePath("child"));
+    ASSERT_EQ(child.size(), 1);
+    QFile stat("/proc/" + child[0] + "/stat");
+    if (stat.open(QIODevice::ReadOnly)) {
+        EXPECT_EQ(stat.readAll().split(' ').value(2), "Z");
+    }
+
+    writeTool("progress", "for i in 1 2 3 4 5 6; do printf '%d%%\\r' $i; sleep 0.2; done\n");
+    result = ShellCommand::runCommand("progress", {}, {.silence = 1s});
+    EXPECT_EQ(result.value(ShellCommandStatus).toInt(), 0) << outputOf(result);
+
+    writeTool("busy", "while :; do echo working; sleep 0.1; done\n");
+    result = ShellCommand::runCommand("busy", {}, {.silence = 10s, .total = 700ms});
+    EXPECT_EQ(result.value(ShellCommandStatus).toInt(), -1);
+    EXPECT_TRUE(outputOf(result).ends_with("working\n\nended: still running after 0.7 s"))
+        << outputOf(result);
+}
+
 TEST_F(ShellCommandTest, MissingToolFailsAndIsNeverTakenFromTheSearchPath) {
     // "sh" exists on the search path but not in the tool folder.
     const QVariantMap result = ShellCommand::runCommand("sh", {"-c", {}});

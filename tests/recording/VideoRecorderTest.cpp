@@ -112,19 +112,36 @@ TEST_F(VideoRecorderTest, OneLayoutAtTheOriginalRateIsMergedAndMovedOut) {
                               recorder->bundlePath() + "/MergedSingle.mp4");
 }
 
+// A name that is no file name ("Dou/ble") goes into the files' names made safe.
 TEST_F(VideoRecorderTest, TwoLayoutsAtAChosenRateAreConvertedEachUnderItsName) {
     m_settings.framesPerSecond = "30";
     auto delegate = std::make_shared<Delegate>();
     auto recorder = record({CaptureLayout::createWithScreen(m_device->screen(0), "Single"),
-                            CaptureLayout::createWithScreen(m_device->screen(1), "Double")},
+                            CaptureLayout::createWithScreen(m_device->screen(1), "Dou/ble")},
                            delegate);
     EXPECT_TRUE(delegate->done);
+    EXPECT_TRUE(delegate->errors.isEmpty()) << delegate->errors.join(", ").toStdString();
     const QString base = QFileInfo(recorder->basePath()).fileName();
-    EXPECT_EQ(storage(), (QStringList{base + " Double.mp4", base + " Single.mp4"}));
+    EXPECT_EQ(storage(), (QStringList{base + " Dou_ble.mp4", base + " Single.mp4"}));
     QStringList conversions = calls().filter("HandBrakeCLI");
     ASSERT_EQ(conversions.size(), 2);
     EXPECT_TRUE(conversions[0].contains("--rate 30 --vb 3000"))
         << "the chosen rate and the quality's bit rate";
+}
+
+// A converter that never ends is ended after twenty times the recording's length (ten seconds at
+// least), and the recording is kept.
+TEST_F(VideoRecorderTest, AHungToolIsEndedAndTheRecordingKept) {
+    ASSERT_TRUE(test::writeFile(m_tools.path() + "/HandBrakeCLI", "#!/bin/sh\nexec sleep 600\n", true));
+    m_settings.framesPerSecond = "30";
+    auto delegate = std::make_shared<Delegate>();
+    auto recorder = record({CaptureLayout::createWithScreen(m_device->screen(0), "Single")}, delegate);
+    EXPECT_TRUE(recorder->isDone());
+    EXPECT_EQ(delegate->errors,
+              QStringList{"It was not possible to convert the merged video. The recording is "
+                          "kept in \"" +
+                          recorder->bundlePath() + "\"."});
+    EXPECT_TRUE(QFileInfo::exists(recorder->bundlePath() + "/VideoSingle.mov"));
 }
 
 TEST_F(VideoRecorderTest, ABundleThatCannotBeMadeStartsNothingButSaysYes) {

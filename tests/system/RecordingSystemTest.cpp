@@ -152,6 +152,13 @@ std::vector<double> whiteFrames(const std::string& movie) {
     return times;
 }
 
+// A tool for RecordingSystemTest::installWith.
+struct Tool {
+    const char* name;
+    const char* script = nullptr;
+    bool executable = true;
+};
+
 class RecordingSystemTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -183,12 +190,8 @@ protected:
     }
 
     // A copy of zandor-cli installed under a temporary prefix whose tool folder holds a script for
-    // each of `tools`: it notes its call in calls() and runs the build's tool, or fails for a source
-    // that matches `refused` (a shell pattern).
-    struct Tool {
-        const char* name;
-        const char* refused = "''";
-    };
+    // each of `tools`. A tool without a script of its own notes its call in calls() and runs the
+    // build's tool; "missing" leaves it out; `executable` false writes it without the right to run.
     std::string installWith(const std::vector<Tool>& tools) {
         std::filesystem::remove_all(prefix());
         for (const char* folder : {"bin", "share/zandor", "libexec/zandor"}) {
@@ -198,14 +201,19 @@ protected:
         std::filesystem::copy_file(ZANDOR_CLI, prefix() / "bin/zandor-cli");
         std::filesystem::create_directory_symlink(ZANDOR_PLUGIN_FOLDER, prefix() / "share/zandor/Plugins");
         for (const Tool& tool : tools) {
-            EXPECT_TRUE(test::writeFile(
-                QString::fromStdString((prefix() / "libexec/zandor" / tool.name).string()),
-                QStringLiteral("#!/bin/sh\necho \"$(basename \"$0\") $(basename \"$2\") $(basename \"$4\")\""
-                               " >> '%1/calls'\ncase \"$2\" in %2) exit 1;; esac\nexec '%3/%4' \"$@\"\n")
-                    .arg(QString::fromStdString(prefix().string()), tool.refused, ZANDOR_TOOL_FOLDER,
-                         tool.name)
-                    .toUtf8(),
-                true));
+            if (tool.script && std::string(tool.script) == "missing") {
+                continue;
+            }
+            const QString passOn =
+                QStringLiteral(
+                    "echo \"$(basename \"$0\") $(basename \"$2\") $(basename \"$4\")\" >> '%1/calls'\n"
+                    "exec '%2/%3' \"$@\"\n")
+                    .arg(QString::fromStdString(prefix().string()), ZANDOR_TOOL_FOLDER, tool.name);
+            EXPECT_TRUE(
+                test::writeFile(QString::fromStdString((prefix() / "libexec/zandor" / tool.name).string()),
+                                "#!/bin/sh\n" + (tool.script ? QByteArray(tool.script) : QByteArray()) +
+                                    "\n" + passOn.toUtf8(),
+                                tool.executable));
         }
         return (prefix() / "bin/zandor-cli").string();
     }
@@ -325,36 +333,114 @@ TEST_F(RecordingSystemTest, AnAudioInputThatIsGoneStopsTheStart) {
     EXPECT_TRUE(stored(QDir::Files).isEmpty());
 }
 
-// A tool that is missing or fails: its message once for each layout, no movie, and the bundle goes.
-TEST_F(RecordingSystemTest, AFailingToolMakesNoMovieSaysWhichStepFailedAndTheBundleGoes) {
-    struct Case {
-        std::vector<Tool> tools;
-        const char *layout, *fps, *message;
-        int times;
-    };
-    for (const Case& c :
-         {Case{{{"HandBrakeCLI"}}, "None", "Original", "It was not possible to merge video.", 2},
-          Case{{{"SublerCLI"}}, "Top", "30", "It was not possible to convert the merged video.", 1},
-          Case{{{"SublerCLI", "*/AudioGame.mov"}, {"HandBrakeCLI"}},
-               "Top",
-               "30",
-               "It was not possible to merge audio.",
-               1}}) {
-        SCOPED_TRACE(c.message);
-        const ProcessResult run =
-            record({"--seconds", "2", "--layout", c.layout, "--fps", c.fps, "--game-audio", "GameIn"},
-                   installWith(c.tools));
-        EXPECT_NE(run.exitCode, 0);
-        std::vector<std::string> said = splitLines(run.err);
-        std::erase_if(said,
-                      [](const std::string& line) { return line.rfind("zandor-cli record: ", 0) != 0; });
-        EXPECT_EQ(said, std::vector<std::string>(static_cast<size_t>(c.times),
-                                                 std::string("zandor-cli record: ") + c.message))
-            << run.err;
-        EXPECT_TRUE(run.out.empty()) << run.out;
-        EXPECT_TRUE(stored().isEmpty()) << stored().join(", ").toStdString();
-    }
+// Whatever step of finalising fails, the recording stays in its bundle, playable, and the message
+// says where; no movie is made.
+struct FinalisingFault {
+    const char* name;
+    std::vector<Tool> tools;
+    const char* fps;
+    const char* message;
+    // Run in a mount namespace of its own whose storage folder is a small memory file system
+    // ("full") or can be made read-only by a tool ("private").
+    const char* mounts = nullptr;
+};
+
+void PrintTo(const FinalisingFault& fault, std::ostream* out) {
+    *out << fault.name;
 }
+
+class FinalisingFailureTest : public RecordingSystemTest,
+                              public ::testing::WithParamInterface<FinalisingFault> {};
+
+TEST_P(FinalisingFailureTest, KeepsTheRecordingWhereTheMessageSays) {
+    const FinalisingFault& fault = GetParam();
+    std::vector<Tool> tools = fault.tools;
+    for (const char* name : {"SublerCLI", "HandBrakeCLI"}) {
+        if (std::none_of(tools.begin(), tools.end(),
+                         [name](const Tool& t) { return std::string(t.name) == name; })) {
+            tools.push_back({name});
+        }
+    }
+    const std::string program = installWith(tools);
+    const PulseServer::Playback game("game_sink", 440, 0, 8);
+    // What the storage folder held is looked at here: a memory file system goes with its namespace.
+    QString kept = out();
+    std::vector<std::string> command = {
+        program, "record",   "--board", "demo",  "--out",   out().toStdString(), "--seconds",
+        "2",     "--layout", "Top",     "--fps", fault.fps, "--game-audio",      "GameIn"};
+    if (fault.mounts) {
+        if (test::runProcess({"unshare", "-m", "true"}).exitCode != 0) {
+            GTEST_SKIP() << "no mount namespaces here";
+        }
+        kept = m_work.path() + "/kept";
+        ASSERT_TRUE(QDir().mkpath(kept));
+        const std::string prepare = std::string(fault.mounts) == "full"
+                                        ? "mount -t tmpfs -o size=64m zandor-full \"$1\" || exit 90; "
+                                        : "";
+        command.insert(
+            command.begin(),
+            {"unshare", "-m", "sh", "-c",
+             prepare + "out=$1 keep=$2; shift 2; \"$@\"; status=$?; cp -a \"$out/.\" \"$keep\"; exit $status",
+             "sh", out().toStdString(), kept.toStdString()});
+    }
+    const ProcessResult run = test::runProcess(command);
+    ASSERT_FALSE(run.overstayed) << "zandor-cli hung";
+    EXPECT_EQ(run.exitCode, 1) << run.err;
+    EXPECT_TRUE(run.out.empty()) << run.out;
+
+    const QStringList bundles = QDir(kept).entryList({"*.zdrecord"}, QDir::Dirs);
+    ASSERT_EQ(bundles.size(), 1) << run.err;
+    const std::string said = "zandor-cli record: " + std::string(fault.message) +
+                             " The recording is kept in \"" + (out() + "/" + bundles[0]).toStdString() +
+                             "\".";
+    EXPECT_TRUE(contains(run.err, said + "\n")) << run.err;
+    if (fault.mounts) {
+        EXPECT_TRUE(contains(run.err, std::string(fault.mounts) == "full" ? "No space left on device"
+                                                                          : "Read-only file system"))
+            << "the tool met the fault itself\n"
+            << run.err;
+    }
+    EXPECT_TRUE(QDir(kept).entryList({"*.mp4"}, QDir::Files).isEmpty()) << "no movie";
+
+    const std::string bundle = (kept + "/" + bundles[0]).toStdString();
+    EXPECT_EQ(streams(bundle + "/VideoTop.mov"), QStringList{"h264 400x240"});
+    EXPECT_NEAR(streamOf(bundle + "/VideoTop.mov", "video")["duration"].toString().toDouble(), 2.0, 0.5);
+    EXPECT_EQ(streams(bundle + "/AudioGame.mov"), QStringList{"aac 44100 2"});
+}
+
+const char* const Convert = "It was not possible to convert the merged video.";
+const char* const MergeVideo = "It was not possible to merge video.";
+const char* const MoveOut = "Could not move file outside recording bundle.";
+const char* const Crash = "kill -SEGV $$";
+
+INSTANTIATE_TEST_SUITE_P(
+    ToolsAndDisks, FinalisingFailureTest,
+    ::testing::Values(
+        FinalisingFault{"ConverterMissing", {{"HandBrakeCLI", "missing"}}, "30", Convert},
+        FinalisingFault{"ConverterNotExecutable", {{"HandBrakeCLI", "exit 0", false}}, "30", Convert},
+        FinalisingFault{
+            "ConverterFails", {{"HandBrakeCLI", "echo 'x264 [error]: no' >&2; exit 3"}}, "30", Convert},
+        FinalisingFault{"ConverterCrashes", {{"HandBrakeCLI", Crash}}, "30", Convert},
+        FinalisingFault{"ConverterMakesNothing", {{"HandBrakeCLI", "exit 0"}}, "30", MoveOut},
+        FinalisingFault{"MergerMissing", {{"SublerCLI", "missing"}}, "Original", MergeVideo},
+        FinalisingFault{"MergerFails", {{"SublerCLI", "exit 1"}}, "Original", MergeVideo},
+        FinalisingFault{"MergerCrashes", {{"SublerCLI", Crash}}, "Original", MergeVideo},
+        FinalisingFault{"MergerRefusesTheSound",
+                        {{"SublerCLI", "case \"$2\" in */AudioGame.mov) exit 1;; esac"}},
+                        "30",
+                        "It was not possible to merge audio."},
+        FinalisingFault{"DiskFillsDuringTheMerge",
+                        {{"SublerCLI", "cat /dev/zero > \"${4%/*}/../filler\" 2>/dev/null"}},
+                        "Original",
+                        MergeVideo,
+                        "full"},
+        FinalisingFault{"FolderTurnsReadOnly",
+                        {{"SublerCLI", "d=\"${4%/*}/..\"; mount --bind \"$d\" \"$d\" && "
+                                       "mount -o remount,bind,ro \"$d\" || exit 91"}},
+                        "Original",
+                        MergeVideo,
+                        "private"}),
+    [](const ::testing::TestParamInfo<FinalisingFault>& info) { return std::string(info.param.name); });
 
 // The demo board shows a white frame and the game input hears a beep at every whole second of the
 // wall clock: every beep must land near a white frame. How near is printed; bench/av-sync measures it.
