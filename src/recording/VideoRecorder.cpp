@@ -49,6 +49,17 @@ bool VideoRecorder::start() {
     m_done = false;
     m_basePath = QStringLiteral("%1/Capture %2").arg(m_settings.storageFolder, stringWithCurrentDate());
     m_bundlePath = QStringLiteral("%1.%2").arg(m_basePath, QStringLiteral("zdrecord"));
+    // Another recording of the same second (or its movie) keeps its name: this one is numbered.
+    const QString stamped = m_basePath;
+    const auto taken = [this] {
+        return QFileInfo(m_bundlePath).isDir() ||
+               std::any_of(m_videoRecords.begin(), m_videoRecords.end(),
+                           [this](const auto& record) { return QFileInfo::exists(resultPath(*record)); });
+    };
+    for (int number = 2; number < 100 && taken(); ++number) {
+        m_basePath = QStringLiteral("%1 %2").arg(stamped).arg(number);
+        m_bundlePath = QStringLiteral("%1.%2").arg(m_basePath, QStringLiteral("zdrecord"));
+    }
     if (!QDir().mkpath(m_bundlePath)) {
         // Reported as a success on purpose: the caller shows the recording state although
         // nothing records.

@@ -320,6 +320,69 @@ TEST_F(MainControllerTest, TheRecordButtonFollowsTheRecordingStartedWhileAnother
     ShellCommand::setToolFolder({});
 }
 
+// Failures the user would otherwise not see: a recording that cannot write is refused, not shown
+// as running; settings that cannot be saved are said once.
+TEST_F(MainControllerTest, ARecordingThatCannotWriteIsRefusedAndUnsavedSettingsAreSaidOnce) {
+    ASSERT_TRUE(test::writeFile(m_storage.path() + "/file"));
+    PreferencesController& preferences = PreferencesController::instance();
+    preferences.setPreference(PreferenceCaptureStorageFolder, m_storage.path() + "/file/recordings");
+    auto& ui = start();
+    ui.playPauseItem->trigger();
+    ui.recordItem->trigger();
+    EXPECT_EQ(m_controller->videoRecorder(), nullptr);
+    EXPECT_EQ(ui.recordItem->text(), "Record");
+    EXPECT_TRUE(ui.playPauseItem->isEnabled());
+    ASSERT_EQ(alerts().size(), 1);
+    EXPECT_TRUE(alerts()[0].startsWith("Could not start recording video. | ")) << alerts()[0].toStdString();
+
+    // The preferences file becomes a link to a folder that does not exist.
+    QFile::remove(preferences.file());
+    ASSERT_TRUE(QFile::link(m_storage.path() + "/gone/preferences.plist", preferences.file()));
+    preferences.setPreference(PreferenceCaptureImageFormat, "JPEG");
+    preferences.setPreference(PreferenceCaptureImageFormat, "PNG");
+    QTRY_COMPARE_WITH_TIMEOUT(alerts().size(), 2, 20000);
+    EXPECT_TRUE(
+        alerts()[1].startsWith("Could not save the preferences. | Your changes hold until Zandor quits, "
+                               "but they could not be written to \"" +
+                               preferences.file() + "\": "))
+        << alerts()[1].toStdString();
+    QCoreApplication::processEvents();
+    EXPECT_EQ(alerts().size(), 2) << "once";
+    QFile::remove(preferences.file());
+}
+
+// With the "Finalizing video..." sheet dismissed, a second recording started and stopped: quitting
+// waits for the first too, whose conversion takes longer than the pipeline's threads are given.
+TEST_F(MainControllerTest, QuittingWaitsForEveryRecordingStillFinalising) {
+    QTemporaryDir tools;
+    for (const auto& [name, script] :
+         {std::pair{"SublerCLI", "[ -f \"$4\" ] || cp \"$2\" \"$4\"\n"},
+          {"HandBrakeCLI", "mkdir \"$(dirname \"$0\")/first\" 2>/dev/null && sleep 5\ncp \"$2\" \"$4\"\n"}}) {
+        ASSERT_TRUE(test::writeFile(tools.path() + "/" + name, QByteArray("#!/bin/sh\n") + script, true));
+    }
+    ShellCommand::setToolFolder(tools.path());
+    PreferencesController::instance().setPreference(PreferenceCaptureVideoFPS, "30");
+    auto& ui = start();
+    ui.playPauseItem->trigger();
+    QSignalSpy frames(ui.layoutView, &CaptureLayoutView::frameReceived);
+    std::vector<std::shared_ptr<VideoRecorder>> recorders;
+    for (int recording = 0; recording < 2; ++recording) {
+        ui.recordItem->trigger();
+        recorders.push_back(m_controller->videoRecorder());
+        for (int seen = frames.count(); frames.count() < seen + 10;) {
+            ASSERT_TRUE(frames.wait(20000));
+        }
+        ui.recordItem->trigger();
+        m_controller->hideStatus(); // the user dismisses the sheet
+    }
+    ASSERT_TRUE(recorders[1]->waitUntilFinished(60s));
+    EXPECT_FALSE(recorders[0]->isDone()) << "the first still converts";
+    stop();
+    EXPECT_TRUE(recorders[0]->isDone());
+    EXPECT_EQ(QDir(m_storage.path()).entryList({"*.mp4"}, QDir::Files).size(), 2);
+    ShellCommand::setToolFolder({});
+}
+
 TEST_F(MainControllerTest, TheFirstRunShowsTheAboutWindowOnce) {
     PreferencesController::instance().setPreference(PreferenceFirstRun, true);
     start();

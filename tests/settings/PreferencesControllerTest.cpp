@@ -1,4 +1,5 @@
 #include "Files.h"
+#include "settings/CaptureSettings.h"
 #include "settings/PreferencesController.h"
 
 #include "Plist.h"
@@ -255,13 +256,50 @@ TEST_F(PreferencesStore, AnInvalidValueRemovesTheKeyFromMemoryAndFile) {
         << "a key set again goes to the end";
 }
 
-TEST_F(PreferencesStore, AWriteIntoAMissingFolderFailsSilentlyAndCreatesNothing) {
-    const QString folder = m_dir.path() + "/Zandor";
-    PreferencesController store(folder + "/preferences.plist");
-    store.setPreference(PreferenceCaptureImageFormat, QString("JPEG"));
-    EXPECT_EQ(store.preference(PreferenceCaptureImageFormat), QVariant(QString("JPEG")));
-    EXPECT_FALSE(store.store());
-    EXPECT_FALSE(QFileInfo::exists(folder));
+// A file that cannot be written (its folder missing, a link to nowhere): the change holds in
+// memory, and the first failure after a handler is set is handed to it once, with why.
+TEST_F(PreferencesStore, AFailedWriteKeepsTheChangeAndIsReportedOnce) {
+    const QString missingFolder = m_dir.path() + "/Zandor";
+    ASSERT_TRUE(QFile::link(m_dir.path() + "/gone/preferences.plist", path()));
+    for (const QString& file : {missingFolder + "/preferences.plist", path()}) {
+        PreferencesController store(file);
+        QStringList reported;
+        store.setWriteFailureHandler([&reported](const QString& why) { reported << why; });
+        LogCapture log;
+        store.setPreference(PreferenceCaptureImageFormat, QString("JPEG"));
+        store.setPreference(PreferenceCaptureVideoFPS, QString("30"));
+        EXPECT_EQ(store.preference(PreferenceCaptureImageFormat), QVariant(QString("JPEG")));
+        ASSERT_EQ(reported.size(), 1) << file.toStdString();
+        EXPECT_FALSE(reported[0].isEmpty());
+        EXPECT_EQ(log.countPrefix("Could not write the preferences file " + file.toStdString() + " ("), 1u);
+    }
+    EXPECT_FALSE(QFileInfo::exists(missingFolder)) << "the store makes no folder";
+}
+
+// What a recording reads of a damaged or hand-edited file: a storage folder that is no absolute
+// path held as text, or a frame rate the application does not offer, reads as the default.
+TEST_F(PreferencesStore, DamagedCaptureValuesReadAsTheirDefaults) {
+    const auto settingsWith = [this](const QByteArray& folder, const QByteArray& rate) {
+        writeFile("<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>"
+                  "<key>PreferenceCaptureStorageFolder</key>" +
+                  folder + "<key>PreferenceCaptureVideoFPS</key>" + rate + "</dict></plist>");
+        return CaptureSettings::fromPreferences(PreferencesController(path()));
+    };
+    const QString desktop = PreferencesController::defaultStorageFolder();
+    EXPECT_TRUE(desktop.startsWith('/'));
+    for (const QByteArray& folder :
+         {QByteArray("<integer>5</integer>"), QByteArray("<true/>"), QByteArray("<data>L3RtcAA=</data>"),
+          QByteArray("<array/>"), QByteArray("<string>relative/folder</string>")}) {
+        EXPECT_EQ(settingsWith(folder, "<string>30</string>").storageFolder, desktop) << folder.toStdString();
+    }
+    for (const QByteArray& rate : {QByteArray("<string>abc</string>"), QByteArray("<string>-1</string>"),
+                                   QByteArray("<integer>30</integer>"), QByteArray("<string>7</string>")}) {
+        EXPECT_EQ(settingsWith("<string>/tmp</string>", rate).framesPerSecond, "Original")
+            << rate.toStdString();
+    }
+    const CaptureSettings chosen = settingsWith("<string>/my/films</string>", "<string>25</string>");
+    EXPECT_EQ(chosen.storageFolder, "/my/films");
+    EXPECT_EQ(chosen.framesPerSecond, "25");
 }
 
 TEST_F(PreferencesStore, AReaderOnAnotherThreadAlwaysSeesAWholeValue) {

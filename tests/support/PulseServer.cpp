@@ -40,6 +40,17 @@ long sinkLatencyUs(const std::string& sink) {
 
 } // namespace
 
+bool PulseServer::unplug(const std::string& input) {
+    // The input is a module of its own: its line in the list names it as source_name=<input>.
+    for (const std::string& line :
+         splitLines(runProcess({"pactl", "list", "short", "modules"}, std::chrono::seconds(10)).out)) {
+        if (line.find("source_name=" + input + " ") != std::string::npos) {
+            return pactl({"unload-module", line.substr(0, line.find('\t'))});
+        }
+    }
+    return false;
+}
+
 PulseServer::~PulseServer() {
     for (pid_t keeper : m_keepers) {
         endProcess(keeper);

@@ -45,6 +45,8 @@ public:
     // True once the server answers and its sinks and inputs exist; otherwise error() says why.
     bool isRunning() const { return m_error.empty(); }
     const std::string& error() const { return m_error; }
+    // Takes an input ("GameIn") away, as if its device were unplugged; false when it was not there.
+    static bool unplug(const std::string& input);
 
 private:
     std::string start();

@@ -22,6 +22,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace zandor {
@@ -331,6 +332,26 @@ TEST_F(RecordingSystemTest, AnAudioInputThatIsGoneStopsTheStart) {
     EXPECT_GE(left.size(), 1);
     EXPECT_EQ(left.filter(QRegularExpression(R"(\.zdrecord$)")), left) << left.join(", ").toStdString();
     EXPECT_TRUE(stored(QDir::Files).isEmpty());
+}
+
+// The game input unplugged in the middle: the movie is made, and the user is told when its sound
+// stopped.
+TEST_F(RecordingSystemTest, AGameInputUnpluggedMidwayIsSaidWithItsTime) {
+    const PulseServer::Playback game("game_sink", 440, 0, 8);
+    std::thread unplugger([] {
+        // Into the recording's third second.
+        std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+        EXPECT_TRUE(PulseServer::unplug("GameIn"));
+    });
+    const ProcessResult run = record({"--seconds", "5", "--layout", "Top", "--game-audio", "GameIn"});
+    unplugger.join();
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(splitLines(run.out).size(), 1u) << "the movie is made";
+    const QRegularExpression said("^zandor-cli record: The game sound stopped at 00:0([1-4]): its input went "
+                                  "away, and the rest of the movie is silent\\.$",
+                                  QRegularExpression::MultilineOption);
+    EXPECT_TRUE(said.match(QString::fromStdString(run.err)).hasMatch()) << run.err;
+    EXPECT_TRUE(contains(run.err, "The audio input \"Game Input\" went away ")) << run.err;
 }
 
 // Whatever step of finalising fails, the recording stays in its bundle, playable, and the message

@@ -1,0 +1,96 @@
+// Plug-ins are files users download and share: a descriptor or an image that would hang the start
+// (a named pipe), take the memory (a link to /dev/zero, a huge file, an image larger than any
+// canvas) or cannot be read as text is refused with the parser's line, and everything else loads.
+
+#include "GatedBoard.h"
+#include "PluginBundles.h"
+#include "base/Log.h"
+#include "layouts/CaptureLayout.h"
+#include "layouts/LayoutPlugin.h"
+#include "layouts/PluginController.h"
+
+#include <gtest/gtest.h>
+
+#include <QTemporaryDir>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace zandor {
+namespace {
+
+class PluginFilesTest : public test::GatedDeviceTest {
+protected:
+    QString bundle(const QString& name, const QByteArray& descriptor = {}) {
+        return test::writeBundle(m_folder.path(), name + ".zdplugin",
+                                 descriptor.isEmpty() ? test::layoutDescriptor(name, 1, 400, 240)
+                                                      : descriptor);
+    }
+    // Puts `make(path)` in the place of a bundle's file.
+    static void replace(const QString& path, const std::function<int(const char*)>& make) {
+        QFile::remove(path);
+        ASSERT_EQ(make(path.toLocal8Bit().constData()), 0) << path.toStdString();
+    }
+
+    QTemporaryDir m_folder;
+};
+
+TEST_F(PluginFilesTest, DescriptorsThatAreNoSmallTextFilesAreRefusedWithTheParsersLine) {
+    bundle("Good");
+    replace(bundle("Pipe") + "/plugin.xml", [](const char* path) { return mkfifo(path, 0600); });
+    replace(bundle("Zero") + "/plugin.xml", [](const char* path) { return symlink("/dev/zero", path); });
+    const QByteArray huge = test::layoutDescriptor("Huge", 1, 400, 240) + "<!--" +
+                            QByteArray(int(Plugin::MaximumDescriptorBytes), ' ') + "-->";
+    bundle("Huge", huge);
+    bundle("Latin", test::layoutDescriptor("Cafe", 1, 400, 240).replace("Cafe", "Caf\xe9"));
+
+    LogCapture log;
+    PluginController controller(m_folder.path(), m_folder.path() + "/user");
+    ASSERT_EQ(controller.plugins().size(), 1);
+    EXPECT_EQ(controller.plugins().front()->name(), "Good");
+    const std::string folder = m_folder.path().toStdString();
+    for (const std::string& line :
+         {"Could not parse plugin: " + folder + "/Pipe.zdplugin/plugin.xml: it is not a regular file",
+          "Could not parse plugin: " + folder + "/Zero.zdplugin/plugin.xml: it is not a regular file",
+          "Could not parse plugin: " + folder + "/Huge.zdplugin/plugin.xml: it is larger than 1 MB",
+          "Could not parse plugin: " + folder + "/Latin.zdplugin/plugin.xml is not UTF-8 text"}) {
+        EXPECT_EQ(log.count(line), 1u) << line;
+    }
+}
+
+TEST_F(PluginFilesTest, ImagesThatWouldHangOrExceedAnyCanvasAreRefusedAndTheRestIsDrawn) {
+    const QString objects = R"(<object type="image" x="0" y="0" resource="red.png"/>
+                               <object type="image" x="10" y="0" resource="pipe.png"/>
+                               <object type="image" x="20" y="0" resource="wide.png"/>)";
+    QImage red(4, 4, QImage::Format_RGB32);
+    red.fill(Qt::red);
+    // Small on disk, but wider than any canvas may be.
+    QImage wide(CaptureLayout::MaximumImageSide + 1, 2, QImage::Format_Mono);
+    wide.fill(0);
+    const QString path = test::writeBundle(
+        m_folder.path(), "Images.zdplugin",
+        test::layoutDescriptor("Images", 1, 400, 240, objects, R"(<background r="0" g="0" b="255"/>)"),
+        {{"red.png", red}, {"wide.png", wide}});
+    replace(path + "/Resources/pipe.png", [](const char* file) { return mkfifo(file, 0600); });
+    auto plugin = std::make_shared<LayoutPlugin>(path, false);
+    ASSERT_TRUE(plugin->parse());
+
+    LogCapture log;
+    auto layout = CaptureLayout::createWithPlugin(plugin, m_device);
+    const uint8_t* canvas = layout->canvas();
+    EXPECT_EQ(std::vector<uint8_t>(canvas, canvas + 3), (std::vector<uint8_t>{255, 0, 0})) << "drawn";
+    EXPECT_EQ(std::vector<uint8_t>(canvas + 30, canvas + 33), (std::vector<uint8_t>{0, 0, 255}))
+        << "the pipe is not drawn";
+    EXPECT_EQ(std::vector<uint8_t>(canvas + 60, canvas + 63), (std::vector<uint8_t>{0, 0, 255}))
+        << "the wide image is not drawn";
+    EXPECT_EQ(log.count("Could not parse plugin: image " + path.toStdString() +
+                        "/Resources/pipe.png: it is not a regular file"),
+              1u);
+    EXPECT_EQ(log.count("Could not parse plugin: image " + path.toStdString() +
+                        "/Resources/wide.png is 16385 by 2 pixels, larger than 16384 on a side or 256 MB "
+                        "decoded"),
+              1u);
+}
+
+} // namespace
+} // namespace zandor
