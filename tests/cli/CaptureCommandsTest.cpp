@@ -74,5 +74,30 @@ TEST_F(CaptureCommandsTest, ScreenshotRefusesUnknownLayoutsAndFolders) {
     EXPECT_TRUE(QDir(out()).entryList(QDir::Files).isEmpty());
 }
 
+// A canvas of the largest size takes longer to save than a board is given to send its first frame:
+// the screenshot is still made, and no missing frame is blamed.
+TEST_F(CaptureCommandsTest, TheLargestCanvasIsSavedWithoutBlamingTheBoard) {
+    const QString bundle = m_home.path() + "/data/Zandor/Plugins/Largest.zdplugin";
+    QDir().mkpath(bundle);
+    QFile descriptor(bundle + "/plugin.xml");
+    ASSERT_TRUE(descriptor.open(QIODevice::WriteOnly));
+    descriptor.write(R"(<ZandorLayout><name>Largest</name><importance>1</importance>
+        <size width="16384" height="16384" resizable="true"/>
+        <object type="screen" x="0" y="0" screen="top"/></ZandorLayout>)");
+    descriptor.close();
+    const auto result = runProcess(
+        {ZANDOR_CLI, "screenshot", "--board", "demo", "--layout", "Largest", "--out", out().toStdString()},
+        std::chrono::seconds(300));
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.err.find("no frame came"), std::string::npos) << result.err;
+    ASSERT_EQ(splitLines(result.out).size(), 1u);
+    // ffprobe declines a picture this large; its PNG header says the size.
+    QFile png(QString::fromStdString(splitLines(result.out)[0]));
+    ASSERT_TRUE(png.open(QIODevice::ReadOnly));
+    EXPECT_EQ(png.read(24).mid(12).toHex(), "4948445200004000"
+                                            "00004000")
+        << "IHDR, 16384 by 16384";
+}
+
 } // namespace
 } // namespace zandor
