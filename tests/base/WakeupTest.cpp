@@ -9,16 +9,12 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(Wakeup, ASignalBeforeTheWaitIsKeptOnceAndThenCleared) {
+TEST(Wakeup, ASignalWakesOneWaitEvenBeforeItAndIsThenCleared) {
     Wakeup wakeup;
     wakeup.signal();
     wakeup.signal();
     EXPECT_TRUE(wakeup.wait(0ms));
     EXPECT_FALSE(wakeup.wait(1ms)) << "an auto-reset event: two signals wake one wait";
-}
-
-TEST(Wakeup, WakesAWaiterOnAnotherThread) {
-    Wakeup wakeup;
     std::thread signaller([&] { wakeup.signal(); });
     EXPECT_TRUE(wakeup.wait(20s));
     signaller.join();

@@ -37,37 +37,26 @@ TEST(DemoBoard, EveryFrameFollowsFromItsNumberAndBothScreensMove) {
     EXPECT_FALSE(std::equal(a.begin(), a.begin() + 3 * 240 * 100, a.begin() + raw::BottomOffset));
 }
 
-class ReplayBoardTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/zandor-boards-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        m_folder = pattern;
-    }
-    void TearDown() override { fs::remove_all(m_folder); }
-
-    std::string write(const std::string& name, const std::vector<uint8_t>& bytes) {
-        std::ofstream(m_folder / name, std::ios::binary)
-            .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-        return (m_folder / name).string();
-    }
-
-    fs::path m_folder;
-};
-
-TEST_F(ReplayBoardTest, RefusesFilesThatAreNotWholeFrames) {
+TEST(ReplayBoard, RefusesFilesThatAreNotWholeFrames) {
+    const fs::path folder = fs::path(::testing::TempDir()) / "zandor-replay-board";
+    fs::create_directories(folder);
+    const auto write = [&](const char* name, uint64_t bytes) {
+        std::ofstream(folder / name, std::ios::binary) << std::string(bytes, '\0');
+        return (folder / name).string();
+    };
     std::string error;
     for (const auto& [path, message] :
-         {std::pair{(m_folder / "missing.raw").string(), "missing.raw': No such file"},
-          {write("empty.raw", {}), "not a whole number"},
-          {write("long.raw", std::vector<uint8_t>(raw::FrameBytes + 1)), "518401 bytes"},
-          {m_folder.string(), "not a regular file"}}) {
+         {std::pair{(folder / "missing.raw").string(), "missing.raw': No such file"},
+          {write("empty.raw", 0), "not a whole number"},
+          {write("long.raw", raw::FrameBytes + 1), "518401 bytes"},
+          {folder.string(), "not a regular file"}}) {
         EXPECT_EQ(ReplayBoard::open(path, error), nullptr) << path;
         EXPECT_NE(error.find(message), std::string::npos) << error;
     }
-    auto two = ReplayBoard::open(write("two.raw", std::vector<uint8_t>(2 * raw::FrameBytes)), error);
+    auto two = ReplayBoard::open(write("two.raw", 2 * raw::FrameBytes), error);
     ASSERT_NE(two, nullptr) << error;
     EXPECT_EQ(two->frameCount(), 2u);
+    fs::remove_all(folder);
 }
 
 TEST(Boards, AreChosenByName) {

@@ -1,6 +1,7 @@
 #include "base/Log.h"
 #include "base/Wakeup.h"
 #include "capture/CaptureData.h"
+#include "capture/DropReport.h"
 #include "capture/Observable.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +11,8 @@
 
 namespace zandor {
 namespace {
+
+using namespace std::chrono_literals;
 
 CaptureDataPtr frameNumbered(int n) {
     auto frame = CaptureData::create(4);
@@ -23,23 +26,17 @@ int numberOf(const CaptureDataPtr& frame) {
     return n;
 }
 
-TEST(Observable, WithoutObserversAFrameIsDiscardedSilently) {
-    LogCapture log;
-    Observable producer(3);
-    auto frame = frameNumbered(1);
-    EXPECT_FALSE(producer.add(frame));
-    EXPECT_TRUE(log.lines().empty());
-    EXPECT_EQ(frame.use_count(), 1);
-}
-
-TEST(Observable, EveryObserverGetsTheVerySameFrameInOrderAndIsWoken) {
+TEST(Observable, EveryObserverGetsTheVerySameFrameInOrderAndIsWokenWithoutObserversItIsLetGo) {
     Observable producer(5);
+    auto lost = frameNumbered(0);
+    EXPECT_FALSE(producer.add(lost));
+    EXPECT_EQ(lost.use_count(), 1) << "nobody to keep it for";
     auto wakeup = std::make_shared<Wakeup>();
     auto a = producer.addObserver(wakeup);
     auto b = producer.addObserver();
     auto first = frameNumbered(1), second = frameNumbered(2);
     std::thread publisher([&] { producer.add(first); });
-    EXPECT_TRUE(wakeup->wait(std::chrono::seconds(20)));
+    EXPECT_TRUE(wakeup->wait(20s));
     publisher.join();
     producer.add(second);
     for (const auto& observer : {a, b}) {
@@ -78,6 +75,21 @@ TEST(Observable, AFullQueueDropsItsOldestFrameAndSaysWhichObserverOnceForAQuickR
     }
     EXPECT_EQ(left, (std::vector<int>{3, 4, 5}));
     EXPECT_EQ(numberOf(producer.observe(fast)), 4);
+}
+
+// While frames keep dropping, a line at the first drop and then at most one a second; every drop
+// is counted, and a new run is told of its first drop again.
+TEST(DropReport, FirstDropThenOneLineASecondAndTheRunsCount) {
+    DropReport report;
+    const auto start = std::chrono::steady_clock::time_point{} + 1h;
+    int lines = 0;
+    for (int frame = 0; frame < 150; ++frame) { // two and a half seconds of drops at 60 a second
+        lines += report.dropped(start + frame * 16667us) ? 1 : 0;
+    }
+    EXPECT_EQ(lines, 3); // at 0 s, 1 s and 2 s
+    EXPECT_EQ(report.endRun(), 150u);
+    EXPECT_EQ(report.endRun(), 0u) << "the count belongs to one run";
+    EXPECT_TRUE(report.dropped(start + 2500ms)) << "the next run's first drop is logged at once";
 }
 
 TEST(Observable, The257thObserverTakesOverTheFirstIdentifier) {

@@ -243,28 +243,19 @@ TEST_F(CaptureLayoutTest, PairsScreensOnlyWhenBothDeliver) {
     layout->stopListening();
 }
 
-TEST_F(CaptureLayoutTest, AScreenLayoutRepublishesTheVeryFrame) {
+TEST_F(CaptureLayoutTest, AScreenLayoutRepublishesTheVeryFramesAndRunsWhileAConsumerIsSubscribed) {
     auto layout = CaptureLayout::createWithScreen(m_device->screen(1), "Bottom");
     EXPECT_EQ(layout->size(), 230400u);
     EXPECT_TRUE(layout->isResizable());
-    auto frames = layout->addObserver(m_wakeup);
-    auto screens = m_device->screen(1)->addObserver(m_wakeup);
-    layout->startListening();
-    ASSERT_TRUE(m_device->startListening());
-    auto published = test::takeFrames(*layout, frames, *m_wakeup, 3);
-    auto screenFrames = test::takeFrames(*m_device->screen(1), screens, *m_wakeup, 3);
-    EXPECT_EQ(published.size(), 3u);
-    EXPECT_EQ(published, screenFrames);
-    layout->removeObserver(frames);
-    layout->stopListening();
-}
-
-TEST_F(CaptureLayoutTest, KeepsRunningWhileAConsumerIsSubscribed) {
-    auto layout = CaptureLayout::createWithScreen(m_device->screen(0), "Top");
     auto view = layout->addObserver(m_wakeup);
     auto recorder = layout->addObserver(m_wakeup);
+    auto screen = m_device->screen(1)->addObserver(m_wakeup);
     layout->startListening();
     ASSERT_TRUE(m_device->startListening());
+    const auto published = test::takeFrames(*layout, view, *m_wakeup, 3);
+    EXPECT_EQ(published.size(), 3u);
+    EXPECT_EQ(published, test::takeFrames(*m_device->screen(1), screen, *m_wakeup, 3));
+    m_device->screen(1)->removeObserver(screen);
 
     layout->removeObserver(view);
     layout->stopListening();
@@ -298,8 +289,7 @@ TEST_F(CaptureLayoutTest, KeepsRunningWhileAConsumerIsSubscribed) {
 struct DropLines {
     const char* producer;
     uint64_t overflowingFrame; // the first frame its queue has no room for
-    const char* line;
-    const char* runLine;
+    const char* buffer;        // how the producer's lines name its queue
 };
 
 void PrintTo(const DropLines& lines, std::ostream* out) {
@@ -310,6 +300,7 @@ class ProducerDropLinesTest : public CaptureLayoutTest, public ::testing::WithPa
 
 TEST_P(ProducerDropLinesTest, AFullQueueLogsTheObserverThenTheProducerAndTheRunsCount) {
     const DropLines& c = GetParam();
+    const std::string line = std::string("Frame was skipped as ") + c.buffer + " became too large";
     auto layout = CaptureLayout::createWithScreen(m_device->screen(0), "Top");
     const std::string producer = c.producer;
     Observable& queue = producer == "device"   ? static_cast<Observable&>(*m_device)
@@ -322,32 +313,26 @@ TEST_P(ProducerDropLinesTest, AFullQueueLogsTheObserverThenTheProducerAndTheRuns
     LogCapture log;
     ASSERT_TRUE(m_device->startListening());
     ASSERT_TRUE(m_board->waitUntilHeld(c.overflowingFrame + 1));
-    ASSERT_TRUE(log.waitFor(c.line, 20s));
+    ASSERT_TRUE(log.waitFor(line, 20s));
     const auto lines = log.lines();
-    const auto line = std::find(lines.begin(), lines.end(), c.line);
-    ASSERT_NE(line, lines.begin());
-    EXPECT_EQ(*(line - 1), "Skipped frame of observer 0");
-    EXPECT_EQ(log.count(c.line), 1u);
+    const auto found = std::find(lines.begin(), lines.end(), line);
+    ASSERT_NE(found, lines.begin());
+    EXPECT_EQ(*(found - 1), "Skipped frame of observer 0");
+    EXPECT_EQ(log.count(line), 1u);
 
     queue.removeObserver(slow);
     layout->stopListening();
     m_device->stopListening();
-    EXPECT_EQ(log.count(c.runLine), 1u);
+    EXPECT_EQ(
+        log.count(std::string("1 frames were skipped in this run as ") + c.buffer + " became too large"), 1u);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Producers, ProducerDropLinesTest,
-    ::testing::Values(
-        DropLines{"device", CaptureDevice::QueueLength,
-                  "Frame was skipped as the device buffer became too large",
-                  "1 frames were skipped in this run as the device buffer became too large"},
-        DropLines{"screen", CaptureScreen::QueueLength,
-                  "Frame was skipped as the buffer for screen with offset '288000' became too large",
-                  "1 frames were skipped in this run as the buffer for screen with offset '288000' became "
-                  "too large"},
-        DropLines{"layout", CaptureLayout::QueueLength,
-                  "Frame was skipped as the buffer for layout 'Top' became too large",
-                  "1 frames were skipped in this run as the buffer for layout 'Top' became too large"}),
+    ::testing::Values(DropLines{"device", CaptureDevice::QueueLength, "the device buffer"},
+                      DropLines{"screen", CaptureScreen::QueueLength,
+                                "the buffer for screen with offset '288000'"},
+                      DropLines{"layout", CaptureLayout::QueueLength, "the buffer for layout 'Top'"}),
     [](const auto& info) { return std::string(info.param.producer); });
 
 } // namespace

@@ -53,31 +53,39 @@ TEST_F(PluginControllerTest, OnlyDirectoriesNamedZdpluginWithADescriptorArePlugi
     EXPECT_EQ(PluginController::typePluginFile(comment), Plugin::LayoutType);
 }
 
-TEST_F(PluginControllerTest, LoadsBothFoldersSortedByImportance) {
-    test::writeBundle(app(), "five.zdplugin", layout("Five", 5));
-    test::writeBundle(app(), "ten.zdplugin", layout("Ten", 10));
+// Sorted by importance alone, keeping the order plugins came in among equals: application before
+// user plugins, installed ones after those already there.
+TEST_F(PluginControllerTest, LoadsBothFoldersByImportanceKeepingTheOrderTheyCameInAmongEquals) {
+    test::writeBundle(app(), "a.zdplugin", layout("Low", 1));
+    test::writeBundle(app(), "b.zdplugin", layout("Even", 5));
+    test::writeBundle(app(), "c.zdplugin", layout("High", 9));
     test::writeBundle(app(), "broken.zdplugin", "<ZandorLayout><name>Broken</name>");
-    test::writeBundle(user(), "seven.zdplugin", layout("Ten", 7));
-
+    test::writeBundle(user(), "u.zdplugin", layout("High", 5));
     PluginController registry(app(), user());
-    EXPECT_EQ(names(registry.plugins()), (QStringList{"Ten", "Ten", "Five"}));
-    EXPECT_EQ(registry.plugins()[1]->importance(), 7);
-    auto fromUser = registry.pluginsFromUser(true);
-    ASSERT_EQ(fromUser.size(), 1);
-    EXPECT_TRUE(fromUser[0]->file().endsWith("/Zandor/Plugins//seven.zdplugin"))
-        << fromUser[0]->file().toStdString();
-    EXPECT_EQ(names(registry.pluginTyped(Plugin::LayoutType, false)), (QStringList{"Ten", "Five"}));
+    // Enough equals that a sort that does not keep their order shows it.
+    QStringList installed;
+    for (int n = 0; n < 24; ++n) {
+        installed << QStringLiteral("New %1").arg(n, 2, 10, QChar('0'));
+        ASSERT_TRUE(registry.installPlugin(test::writeBundle(
+            elsewhere(), QStringLiteral("n%1.zdplugin").arg(n), layout(installed.last(), 5))));
+    }
+    EXPECT_EQ(names(registry.plugins()),
+              QStringList({"High", "Even", "High"}) + installed + QStringList{"Low"});
+    EXPECT_EQ(names(registry.pluginTyped(Plugin::LayoutType, false)), (QStringList{"High", "Even", "Low"}));
     EXPECT_EQ(registry.pluginTyped(Plugin::NoType).size(), 0);
-    EXPECT_EQ(registry.pluginNamed("Ten", Plugin::LayoutType)->importance(), 10)
+    const auto fromUser = registry.pluginsFromUser(true);
+    ASSERT_EQ(fromUser.size(), 25);
+    EXPECT_TRUE(fromUser[0]->file().endsWith("/Zandor/Plugins//u.zdplugin"))
+        << fromUser[0]->file().toStdString();
+    EXPECT_EQ(registry.pluginNamed("High", Plugin::LayoutType)->importance(), 9)
         << "the higher of two of a name";
-    EXPECT_EQ(registry.pluginNamed("ten", Plugin::LayoutType), nullptr);
+    EXPECT_EQ(registry.pluginNamed("high", Plugin::LayoutType), nullptr);
 }
 
 TEST_F(PluginControllerTest, WithoutApplicationPluginsUserPluginsAreNotLoaded) {
     test::writeBundle(user(), "seven.zdplugin", layout("Seven", 7));
     QDir().mkpath(app());
-    PluginController registry(app(), user());
-    EXPECT_TRUE(registry.plugins().isEmpty());
+    EXPECT_TRUE(PluginController(app(), user()).plugins().isEmpty());
 }
 
 TEST_F(PluginControllerTest, CreatesTheUserFolderOrSaysItCannot) {

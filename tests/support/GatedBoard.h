@@ -12,12 +12,15 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string>
 
 namespace zandor::test {
 
 // The bytes of raw frame `frame` at `offset` in the test boards: a cheap mix of both, so that
 // frames differ from each other and every byte position matters.
 uint8_t patternByte(uint64_t frame, uint64_t offset);
+// Whether `data` holds all of raw frame `frame` as the test boards send it.
+bool isPatternFrame(const uint8_t* data, uint64_t frame);
 
 // A simulated board whose frames follow patternByte and which can be held inside the bulk read of
 // a chosen frame until the test releases it. Every bulk read first scribbles over the whole buffer,
@@ -33,6 +36,15 @@ public:
     // Waits until the read of frame `frame` is held; false on timeout.
     bool waitUntilHeld(uint64_t frame, std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
+    // While locked out the board is plugged in at LockedOutNode but refuses to be opened, as a
+    // node without our udev rule does.
+    static constexpr const char* LockedOutNode = "/dev/bus/usb/001/009";
+    void lockOut(bool locked);
+    // Waits until `count` opens were refused since the lock-out began; false on timeout.
+    bool waitForRefusals(int count);
+    bool openDeviceWithVidPid(uint16_t vendorId, uint16_t productId) override;
+    int openError(std::string& node) override;
+
 protected:
     void fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) override;
 
@@ -41,6 +53,8 @@ private:
     std::condition_variable m_changed;
     uint64_t m_holdAt = UINT64_MAX;
     uint64_t m_held = UINT64_MAX; // the frame whose read waits, if any
+    bool m_lockedOut = false;
+    int m_refusals = 0;
 };
 
 // A device reading a gated board. Every test starts and ends with no pipeline thread running.
