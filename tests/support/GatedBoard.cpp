@@ -34,33 +34,14 @@ bool GatedBoard::waitUntilHeld(uint64_t frame, std::chrono::milliseconds timeout
     return m_changed.wait_for(lock, timeout, [&] { return m_held == frame; });
 }
 
-void GatedBoard::lockOut(bool locked) {
-    std::scoped_lock lock(m_mutex);
-    m_lockedOut = locked;
-    m_refusals = 0;
-}
-
-bool GatedBoard::waitForRefusals(int count) {
-    std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::seconds(20), [&] { return m_refusals >= count; });
-}
-
 bool GatedBoard::openDeviceWithVidPid(uint16_t vendorId, uint16_t productId) {
-    {
-        std::scoped_lock lock(m_mutex);
-        if (m_lockedOut) {
-            ++m_refusals;
-            m_changed.notify_all();
-            return false;
-        }
-    }
-    return SimulatedBoard::openDeviceWithVidPid(vendorId, productId);
+    return !m_lockedOut && SimulatedBoard::openDeviceWithVidPid(vendorId, productId);
 }
 
 int GatedBoard::openError(std::string& node) {
-    std::scoped_lock lock(m_mutex);
-    node = m_lockedOut ? LockedOutNode : "";
-    return m_lockedOut ? usb::ErrorAccess : usb::ErrorNotFound;
+    const bool lockedOut = m_lockedOut;
+    node = lockedOut ? "/dev/bus/usb/001/009" : "";
+    return lockedOut ? usb::ErrorAccess : usb::ErrorNotFound;
 }
 
 int GatedBoard::bulkTransfer(uint8_t endpoint, uint8_t* data, int length, int* transferred,

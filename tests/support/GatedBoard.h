@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -36,12 +37,9 @@ public:
     // Waits until the read of frame `frame` is held; false on timeout.
     bool waitUntilHeld(uint64_t frame, std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
-    // While locked out the board is plugged in at LockedOutNode but refuses to be opened, as a
-    // node without our udev rule does.
-    static constexpr const char* LockedOutNode = "/dev/bus/usb/001/009";
-    void lockOut(bool locked);
-    // Waits until `count` opens were refused since the lock-out began; false on timeout.
-    bool waitForRefusals(int count);
+    // While locked out the board is plugged in at /dev/bus/usb/001/009 but refuses to be opened,
+    // as a node without our udev rule does.
+    void lockOut(bool locked) { m_lockedOut = locked; }
     bool openDeviceWithVidPid(uint16_t vendorId, uint16_t productId) override;
     int openError(std::string& node) override;
 
@@ -53,8 +51,7 @@ private:
     std::condition_variable m_changed;
     uint64_t m_holdAt = UINT64_MAX;
     uint64_t m_held = UINT64_MAX; // the frame whose read waits, if any
-    bool m_lockedOut = false;
-    int m_refusals = 0;
+    std::atomic<bool> m_lockedOut = false;
 };
 
 // A device reading a gated board. Every test starts and ends with no pipeline thread running.
