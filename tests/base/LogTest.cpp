@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <thread>
 
 namespace zandor {
 namespace {
@@ -32,23 +31,6 @@ TEST(Log, TheTerminalSeesThePartAndTheLevel) {
               "capture: Capture device reconnected\n"
               "capture: warning: Capture device disconnected\n"
               "recording: error: Could not create bundle for recording\n");
-}
-
-TEST(Log, LinesFromManyThreadsStayWhole) {
-    LogCapture capture;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([t] {
-            for (int i = 0; i < 200; ++i) {
-                logs::layouts.info("thread %d line %d", t, i);
-            }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(capture.lines().size(), 800u);
-    EXPECT_EQ(capture.countPrefix("thread 3 line "), 200u);
 }
 
 } // namespace

@@ -45,19 +45,17 @@ TEST_F(CliTest, DumpWritesTheDemoBoardsFramesAndReplaysThemInALoop) {
     ASSERT_EQ(result.exitCode, 0) << result.err;
     EXPECT_NE(result.out.find("Wrote 4 frames (2073600 bytes)"), std::string::npos) << result.out;
     const QByteArray bytes = test::readFile(QString::fromStdString(at("demo frames.raw")));
-    ASSERT_EQ(uint64_t(bytes.size()), 4 * raw::FrameBytes);
-    QByteArray expected(raw::FrameBytes, '\0');
+    QByteArray expected(4 * raw::FrameBytes, '\0');
     for (uint64_t n = 0; n < 4; ++n) {
-        DemoBoard::render(n, reinterpret_cast<uint8_t*>(expected.data()));
-        EXPECT_EQ(bytes.mid(qsizetype(n * raw::FrameBytes), raw::FrameBytes), expected)
-            << "frame " << n << " is not the demo board's frame " << n;
+        DemoBoard::render(n, reinterpret_cast<uint8_t*>(expected.data()) + n * raw::FrameBytes);
     }
+    EXPECT_TRUE(bytes == expected) << "not the demo board's first four frames";
 
     result = cli(
         {"dump", "--board", "replay:" + at("demo frames.raw"), "--frames", "6", "--out", at("again.raw")});
     ASSERT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_EQ(test::readFile(QString::fromStdString(at("again.raw"))),
-              bytes + bytes.left(2 * raw::FrameBytes))
+    EXPECT_TRUE(test::readFile(QString::fromStdString(at("again.raw"))) ==
+                bytes + bytes.left(2 * raw::FrameBytes))
         << "the four frames, then from the first again";
 }
 
