@@ -1,5 +1,4 @@
 #include "capture/Boards.h"
-#include "capture/DemoBoard.h"
 #include "capture/RawFrame.h"
 #include "capture/ReplayBoard.h"
 
@@ -12,24 +11,6 @@ namespace zandor {
 namespace {
 
 namespace fs = std::filesystem;
-
-std::vector<uint8_t> demoFrame(uint64_t frame) {
-    std::vector<uint8_t> bytes(raw::FrameBytes);
-    DemoBoard::render(frame, bytes.data());
-    return bytes;
-}
-
-TEST(DemoBoard, EveryFrameFollowsFromItsNumberAndBothScreensMove) {
-    EXPECT_EQ(demoFrame(42), demoFrame(42));
-    const auto a = demoFrame(100), b = demoFrame(101);
-    for (const uint64_t from : {raw::TopOffset, raw::BottomOffset}) {
-        EXPECT_FALSE(std::equal(a.begin() + long(from), a.begin() + long(from + raw::BottomOffset / 2),
-                                b.begin() + long(from)))
-            << "the screen at " << from << " stands still";
-    }
-    // The two screens are told apart by their pictures, not only by their sizes.
-    EXPECT_FALSE(std::equal(a.begin(), a.begin() + 3 * 240 * 100, a.begin() + raw::BottomOffset));
-}
 
 TEST(ReplayBoard, RefusesFilesThatAreNotWholeFrames) {
     const fs::path folder = fs::path(::testing::TempDir()) / "zandor-replay-board";

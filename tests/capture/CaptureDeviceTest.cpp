@@ -45,10 +45,6 @@ struct OpeningFailure {
     std::vector<std::string> lines;
 };
 
-void PrintTo(const OpeningFailure& failure, std::ostream* out) {
-    *out << failure.name;
-}
-
 class OpeningFailureTest : public ::testing::TestWithParam<OpeningFailure> {};
 
 TEST_P(OpeningFailureTest, OpensInOrderStopsAtTheFailingStepSaysWhyAndStartsNothing) {
@@ -91,6 +87,8 @@ TEST_P(OpeningFailureTest, OpensInOrderStopsAtTheFailingStepSaysWhyAndStartsNoth
 }
 
 using F = CaptureDevice::Failure;
+const std::string Connect = "Could not connect to capture device",
+                  Claim = "Could not claim capture interface";
 const char* const NoPermissionLine =
     "No permission to open the capture board at /dev/bus/usb/001/009: install "
     "the udev rule 70-zandor-capture.rules (see README) and plug the board in again";
@@ -99,21 +97,16 @@ INSTANTIATE_TEST_SUITE_P(
     EachStep, OpeningFailureTest,
     ::testing::Values(
         OpeningFailure{"Library", 0, usb::ErrorIo, F::Library, {"Could not initialize USB library"}},
-        OpeningFailure{"NoBoard", 1, usb::ErrorNotFound, F::NoBoard, {"Could not connect to capture device"}},
-        OpeningFailure{"NoPermission",
-                       1,
-                       usb::ErrorAccess,
-                       F::NoPermission,
-                       {"Could not connect to capture device", NoPermissionLine}},
+        OpeningFailure{"NoBoard", 1, usb::ErrorNotFound, F::NoBoard, {Connect}},
+        OpeningFailure{"NoPermission", 1, usb::ErrorAccess, F::NoPermission, {Connect, NoPermissionLine}},
         OpeningFailure{
             "Configuration", 2, usb::ErrorIo, F::Configuration, {"Could not configure capture device"}},
-        OpeningFailure{"Claim", 3, usb::ErrorAccess, F::Claim, {"Could not claim capture interface"}},
+        OpeningFailure{"Claim", 3, usb::ErrorAccess, F::Claim, {Claim}},
         OpeningFailure{"ClaimBusy",
                        3,
                        usb::ErrorBusy,
                        F::Claim,
-                       {"Could not claim capture interface",
-                        "Another program is using the capture board: close it, then try again"}}),
+                       {Claim, "Another program is using the capture board: close it, then try again"}}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // Every read asks for the rest of the frame rounded up to whole 512-byte blocks, never more than

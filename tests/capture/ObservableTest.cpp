@@ -51,6 +51,8 @@ TEST(Observable, EveryObserverGetsTheVerySameFramesInOrderAndIsWoken) {
     producer.add(second);
     EXPECT_EQ(producer.observe(a), first);
     EXPECT_EQ(producer.observe(a), nullptr);
+    EXPECT_TRUE(wakeup->wait(0ms));
+    EXPECT_FALSE(wakeup->wait(0ms)) << "signals not yet waited for wake one wait, then it is cleared";
 }
 
 // The one place that decides what a full queue does; the producers only add their own line.

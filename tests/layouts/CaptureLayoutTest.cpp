@@ -94,10 +94,6 @@ struct Composition {
     const char* objects;
 };
 
-void PrintTo(const Composition& composition, std::ostream* out) {
-    *out << composition.name;
-}
-
 class CompositionTest : public CaptureLayoutTest, public ::testing::WithParamInterface<Composition> {};
 
 // Five pairs of random screen frames through composite(), each compared with the obvious
@@ -257,10 +253,6 @@ struct DropLines {
     uint64_t overflowingFrame; // the first frame its queue has no room for
     const char* buffer;        // how the producer's lines name its queue
 };
-
-void PrintTo(const DropLines& lines, std::ostream* out) {
-    *out << lines.producer;
-}
 
 class ProducerDropLinesTest : public CaptureLayoutTest, public ::testing::WithParamInterface<DropLines> {};
 

@@ -77,12 +77,6 @@ TEST_F(PluginControllerTest, LoadsBothFoldersByImportanceKeepingTheOrderTheyCame
     EXPECT_EQ(registry.pluginNamed("high", Plugin::LayoutType), nullptr);
 }
 
-TEST_F(PluginControllerTest, WithoutApplicationPluginsUserPluginsAreNotLoaded) {
-    test::writeBundle(user(), "seven.zdplugin", layout("Seven", 7));
-    QDir().mkpath(app());
-    EXPECT_TRUE(PluginController(app(), user()).plugins().isEmpty());
-}
-
 TEST_F(PluginControllerTest, CreatesTheUserFolderOrSaysItCannot) {
     PluginController registry(app(), user());
     EXPECT_TRUE(QFileInfo(user()).isDir());

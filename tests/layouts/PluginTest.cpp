@@ -35,9 +35,6 @@ TEST_F(PluginTest, NameIsTheExactTextAfterTheLastInnerStartTagAndImportanceItsLe
         EXPECT_EQ(parsed("<a><importance>" + text + "</importance></a>")->importance(), importance)
             << text.toStdString();
     }
-    EXPECT_EQ(Plugin::integerValue(u"99999999999999999999"), std::numeric_limits<qint64>::max());
-    EXPECT_EQ(Plugin::integerValue(u"-99999999999999999999"), std::numeric_limits<qint64>::min());
-    EXPECT_EQ(Plugin::integerValue(u"-9223372036854775808"), std::numeric_limits<qint64>::min());
 }
 
 TEST_F(PluginTest, MalformedOrMissingDescriptorsFailAndSayWhy) {

@@ -36,9 +36,7 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(DetachedThread::waitForAll(20s));
         std::string error;
-        auto model = std::make_unique<DemoBoard>();
-        m_model = model.get();
-        m_board = EmulatedBoard::create(std::move(model), error);
+        m_board = EmulatedBoard::create(std::make_unique<DemoBoard>(), error);
         ASSERT_TRUE(m_board) << error;
     }
 
@@ -52,15 +50,14 @@ protected:
 
     LogCapture m_log;
     std::unique_ptr<EmulatedBoard> m_board;
-    DemoBoard* m_model = nullptr;
     std::shared_ptr<CaptureDevice> m_device = CaptureDevice::create(std::make_unique<LibusbBoard>());
     std::shared_ptr<Wakeup> m_wakeup = std::make_shared<Wakeup>();
 };
 
 TEST_F(LibusbBoardTest, FramesArriveByteForByteAndAStalledReadGivesABlackFrameWithoutADisconnect) {
     // The board hands out at most 518000 bytes a read, so every frame takes two reads.
-    m_model->setChunkBytes(518000);
-    m_model->injectFault(2, BoardFault::Stall);
+    m_board->model().setChunkBytes(518000);
+    m_board->model().injectFault(2, BoardFault::Stall);
     auto frames = test::playFrames(*m_device, m_wakeup, 4);
     ASSERT_EQ(frames.size(), 4u);
     for (uint64_t i = 0; i < frames.size(); ++i) {
@@ -68,7 +65,7 @@ TEST_F(LibusbBoardTest, FramesArriveByteForByteAndAStalledReadGivesABlackFrameWi
         EXPECT_TRUE(i == 0 || frames[i]->timestamp() > frames[i - 1]->timestamp()) << "frame " << i;
     }
     // The read asks for whole 512-byte blocks: all of the frame rounded up, then what is missing.
-    EXPECT_EQ(m_model->readLengths(1), (std::vector<int>{518656, 512}));
+    EXPECT_EQ(m_board->model().readLengths(1), (std::vector<int>{518656, 512}));
     EXPECT_EQ(m_board->clearedHalts(), 1);
     const auto requests = m_board->controlRequests();
     ASSERT_GE(requests.size(), 5u); // one when opening, one a frame
