@@ -33,12 +33,6 @@ std::vector<uint8_t> referenceCut(const uint8_t* raw, ScreenGeometry screen) {
     return rows;
 }
 
-std::vector<uint8_t> cutScreen(const std::vector<uint8_t>& area, ScreenGeometry screen) {
-    std::vector<uint8_t> rows(screen.width * screen.height * 3);
-    CaptureScreen::cut(area.data() + screen.offset, rows.data(), screen.width, screen.height);
-    return rows;
-}
-
 TEST(ScreenCut, TakesEachPixelFromTheBoardsColumnOrder) {
     // Every raw pixel holds its own pixel index, so a screen pixel tells where it came from.
     std::vector<uint8_t> rawFrame(raw::BlockBytes);
@@ -47,7 +41,9 @@ TEST(ScreenCut, TakesEachPixelFromTheBoardsColumnOrder) {
         rawFrame[3 * i + 1] = static_cast<uint8_t>(i >> 8);
         rawFrame[3 * i + 2] = static_cast<uint8_t>(i);
     }
-    const auto top = cutScreen(rawFrame, Top), bottom = cutScreen(rawFrame, Bottom);
+    std::vector<uint8_t> top(400 * 240 * 3), bottom(320 * 240 * 3);
+    CaptureScreen::cut(rawFrame.data() + raw::TopOffset, top.data(), 400, 240);
+    CaptureScreen::cut(rawFrame.data() + raw::BottomOffset, bottom.data(), 320, 240);
     const auto pixelAt = [](const std::vector<uint8_t>& rows, uint64_t width, uint64_t x, uint64_t y) {
         const uint8_t* p = rows.data() + 3 * (y * width + x);
         return p[0] << 16 | p[1] << 8 | p[2];

@@ -1,7 +1,6 @@
 #include "base/Log.h"
 #include "base/Wakeup.h"
 #include "capture/CaptureData.h"
-#include "capture/DropReport.h"
 #include "capture/Observable.h"
 
 #include <gtest/gtest.h>
@@ -83,21 +82,6 @@ TEST(Observable, AFullQueueDropsItsOldestFrameAndSaysWhichObserverOnceForAQuickR
     }
     EXPECT_EQ(left, (std::vector<int>{3, 4, 5}));
     EXPECT_EQ(numberOf(producer.observe(fast)), 4);
-}
-
-// While frames keep dropping, a line at the first drop and then at most one a second; every drop
-// is counted, and a new run is told of its first drop again.
-TEST(DropReport, FirstDropThenOneLineASecondAndTheRunsCount) {
-    DropReport report;
-    const auto start = std::chrono::steady_clock::time_point{} + 1h;
-    int lines = 0;
-    for (int frame = 0; frame < 150; ++frame) { // two and a half seconds of drops at 60 a second
-        lines += report.dropped(start + frame * 16667us) ? 1 : 0;
-    }
-    EXPECT_EQ(lines, 3); // at 0 s, 1 s and 2 s
-    EXPECT_EQ(report.endRun(), 150u);
-    EXPECT_EQ(report.endRun(), 0u) << "the count belongs to one run";
-    EXPECT_TRUE(report.dropped(start + 2500ms)) << "the next run's first drop is logged at once";
 }
 
 } // namespace

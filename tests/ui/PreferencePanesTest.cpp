@@ -56,9 +56,6 @@ void choose(QComboBox* popup, int index) {
     popup->setCurrentIndex(index);
     emit popup->activated(index);
 }
-void choose(QComboBox* popup, const char* title) {
-    choose(popup, popup->findText(title));
-}
 
 template <typename T> T* control(QWidget& pane, const char* name) {
     T* found = pane.findChild<T*>(QString::fromLatin1(name));
@@ -156,7 +153,7 @@ TEST_F(PreferencePanesTest, CapturePaneShowsTheStoredChoicesAndWritesEveryChoice
           {"imageFormatPopup", "JPEG", "PreferenceCaptureImageFormat"},
           {"audioNarratorPopup", "None", "PreferenceCaptureNarratorAudioInput"},
           {"audioGamePopup", "None", "PreferenceCaptureGameAudioInput"}}) {
-        choose(control<QComboBox>(pane, popup), title);
+        choose(control<QComboBox>(pane, popup), control<QComboBox>(pane, popup)->findText(title));
         EXPECT_EQ(stored(key), '"' + std::string(title) + '"') << popup;
     }
     // Clicking a component higher up the path chooses that folder.
