@@ -1,8 +1,6 @@
 #include "GatedBoard.h"
 #include "base/DetachedThread.h"
-#include "base/Notifier.h"
 #include "app/CaptureLayoutView.h"
-#include "app/MainWindowContentView.h"
 #include "capture/CaptureDevice.h"
 #include "layouts/CaptureLayout.h"
 
@@ -27,28 +25,27 @@ protected:
         EXPECT_TRUE(DetachedThread::waitForAll(20s));
     }
 
-    CaptureDataPtr randomFrame(const CaptureLayout& layout) {
-        auto frame = CaptureData::create(layout.size());
-        std::generate(frame->data(), frame->data() + frame->size(),
-                      [this] { return static_cast<uint8_t>(m_random()); });
+    // Publishes `count` random frames as the layout would, waits until the view has them all and
+    // returns the last.
+    CaptureDataPtr deliver(int count = 1) {
+        QSignalSpy received(&m_view, &CaptureLayoutView::frameReceived);
+        CaptureDataPtr frame;
+        for (int n = 0; n < count; ++n) {
+            frame = CaptureData::create(m_top->size());
+            std::generate(frame->data(), frame->data() + frame->size(),
+                          [this] { return uint8_t(m_random()); });
+            m_top->add(frame);
+        }
+        while (received.count() < count) {
+            EXPECT_TRUE(received.wait(20000));
+        }
         return frame;
     }
 
-    // Publishes frames as the layout would and waits until the view has them all.
-    void deliver(const LayoutPtr& layout, std::initializer_list<CaptureDataPtr> frames) {
-        QSignalSpy received(&m_view, &CaptureLayoutView::frameReceived);
-        for (const auto& frame : frames) {
-            layout->add(frame);
-        }
-        while (received.count() < static_cast<int>(frames.size())) {
-            ASSERT_TRUE(received.wait(20000));
-        }
-    }
-
     // What the view should show: the frame scaled by nearest neighbour, pixel centres sampled.
-    static QImage expected(const CaptureLayout& layout, const CaptureData& frame, QSize size) {
+    QImage expected(const CaptureData& frame, QSize size) const {
         QImage image(size, QImage::Format_RGB32);
-        const int w = static_cast<int>(layout.width()), h = static_cast<int>(layout.height());
+        const int w = static_cast<int>(m_top->width()), h = static_cast<int>(m_top->height());
         for (int y = 0; y < size.height(); ++y) {
             for (int x = 0; x < size.width(); ++x) {
                 const int sx = static_cast<int>((x + 0.5) * w / size.width());
@@ -74,17 +71,21 @@ protected:
     CaptureLayoutView m_view;
 };
 
-TEST_F(CaptureLayoutViewTest, DrawsTheFrameStretchedByNearestNeighbour) {
+TEST_F(CaptureLayoutViewTest, DrawsTheNewestFrameStretchedByNearestNeighbourTwiceThenBlack) {
     EXPECT_TRUE(isBlack(draw())) << "black before any layout";
     m_view.setLayout(m_top);
     ASSERT_TRUE(m_view.startListening());
     EXPECT_TRUE(isBlack(draw())) << "black before any frame";
     for (QSize size : {QSize(400, 240), QSize(800, 480), QSize(1001, 333), QSize(123, 77)}) {
         m_view.resize(size);
-        auto frame = randomFrame(*m_top);
-        deliver(m_top, {frame});
-        EXPECT_EQ(draw(), expected(*m_top, *frame, size)) << size.width() << "x" << size.height();
+        const QImage shown = expected(*deliver(2), size);
+        EXPECT_EQ(draw(), shown) << "only the second of two frames between redraws, at " << size.width();
+        EXPECT_EQ(draw(), shown) << "drawn once more";
+        EXPECT_TRUE(isBlack(draw())) << "then black";
     }
+    deliver();
+    m_view.setLayout(CaptureLayout::createWithScreen(m_device->screen(1), "Bottom"));
+    EXPECT_TRUE(isBlack(draw())) << "a new layout forgets the old frames";
 }
 
 TEST_F(CaptureLayoutViewTest, DrawsStraightIntoTheWindowLikeIntoAnImage) {
@@ -97,52 +98,12 @@ TEST_F(CaptureLayoutViewTest, DrawsStraightIntoTheWindowLikeIntoAnImage) {
     ASSERT_TRUE(QTest::qWaitForWindowExposed(&window));
     m_view.setLayout(m_top);
     ASSERT_TRUE(m_view.startListening());
-    auto frame = randomFrame(*m_top);
-    deliver(m_top, {frame});
+    auto frame = deliver();
     m_view.repaint();
     const QImage screen =
         window.screen()->grabWindow(window.winId()).toImage().convertToFormat(QImage::Format_RGB32);
-    EXPECT_EQ(screen.copy(m_view.geometry()), expected(*m_top, *frame, m_view.size()));
+    EXPECT_EQ(screen.copy(m_view.geometry()), expected(*frame, m_view.size()));
     m_view.setParent(nullptr);
-}
-
-TEST_F(CaptureLayoutViewTest, DrawsTheNewestFrameTwiceThenBlack) {
-    m_view.resize(400, 240);
-    m_view.setLayout(m_top);
-    ASSERT_TRUE(m_view.startListening());
-    auto first = randomFrame(*m_top), second = randomFrame(*m_top);
-    deliver(m_top, {first, second});
-    const QImage shown = expected(*m_top, *second, m_view.size());
-    EXPECT_EQ(draw(), shown) << "only the second of two frames between redraws";
-    EXPECT_EQ(draw(), shown) << "drawn once more";
-    EXPECT_TRUE(isBlack(draw())) << "then black";
-
-    deliver(m_top, {randomFrame(*m_top)});
-    m_view.setLayout(CaptureLayout::createWithScreen(m_device->screen(1), "Bottom"));
-    EXPECT_TRUE(isBlack(draw())) << "a new layout forgets the old frames";
-}
-
-TEST(MainWindowContentView, EveryKeyPressIsOneNotificationWithItsEvent) {
-    MainWindowContentView view;
-    std::vector<std::pair<QObject*, int>> received;
-    Qt::KeyboardModifiers lastModifiers;
-    auto connection =
-        QObject::connect(Notifier::instance(), &Notifier::notified,
-                         [&](const QString& name, const QVariant& object, const QVariantMap& info) {
-                             if (name == MainWindowContentViewKeyNotification) {
-                                 const auto event =
-                                     info.value(MainWindowContentViewKeyEvent).value<KeyEventPtr>();
-                                 received.emplace_back(object.value<QObject*>(), event ? event->key() : 0);
-                                 lastModifiers = event ? event->modifiers() : Qt::KeyboardModifiers();
-                             }
-                         });
-    QTest::keyClick(&view, Qt::Key_Escape);
-    QTest::keyClick(&view, Qt::Key_A, Qt::ControlModifier, -1);
-    QObject::disconnect(connection);
-    // The Control key's own press is a key press too.
-    EXPECT_EQ(received, (std::vector<std::pair<QObject*, int>>{
-                            {&view, Qt::Key_Escape}, {&view, Qt::Key_Control}, {&view, Qt::Key_A}}));
-    EXPECT_EQ(lastModifiers, Qt::ControlModifier);
 }
 
 } // namespace

@@ -1,5 +1,4 @@
 #include "capture/Boards.h"
-#include "capture/DemoBoard.h"
 #include "capture/RawFrame.h"
 #include "capture/ReplayBoard.h"
 
@@ -9,70 +8,36 @@
 
 #include <filesystem>
 #include <fstream>
-#include <set>
 
 namespace zandor {
 namespace {
 
 namespace fs = std::filesystem;
 
-std::vector<uint8_t> demoFrame(uint64_t frame) {
-    std::vector<uint8_t> bytes(raw::FrameBytes);
-    DemoBoard::render(frame, bytes.data());
-    return bytes;
-}
-
-TEST(DemoBoard, EveryFrameFollowsFromItsNumberAndBothScreensMove) {
-    EXPECT_EQ(demoFrame(42), demoFrame(42));
-    const auto a = demoFrame(100), b = demoFrame(101);
-    for (const auto& [from, to] :
-         {std::pair{raw::TopOffset, raw::BottomOffset}, {raw::BottomOffset, raw::FrameBytes}}) {
-        EXPECT_FALSE(std::equal(a.begin() + long(from), a.begin() + long(to), b.begin() + long(from)))
-            << "the screen at " << from << " stands still";
-        std::set<uint32_t> colours;
-        for (uint64_t i = from; i < to; i += 3) {
-            colours.insert(uint32_t(a[i]) << 16 | uint32_t(a[i + 1]) << 8 | a[i + 2]);
-        }
-        EXPECT_GT(colours.size(), 20u) << "the screen at " << from;
-    }
-    // The two screens are told apart by their pictures, not only by their sizes.
-    EXPECT_FALSE(std::equal(a.begin(), a.begin() + 3 * 240 * 100, a.begin() + raw::BottomOffset));
-}
-
-class ReplayBoardTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/zandor-boards-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        m_folder = pattern;
-    }
-    void TearDown() override { fs::remove_all(m_folder); }
-
-    std::string write(const std::string& name, const std::vector<uint8_t>& bytes) {
-        std::ofstream(m_folder / name, std::ios::binary)
-            .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-        return (m_folder / name).string();
-    }
-
-    fs::path m_folder;
-};
-
-TEST_F(ReplayBoardTest, RefusesFilesThatAreNotWholeFrames) {
+TEST(ReplayBoard, RefusesFilesThatAreNotWholeFrames) {
+    const fs::path folder = fs::path(::testing::TempDir()) / "zandor-replay-board";
+    fs::remove_all(folder);
+    fs::create_directories(folder);
+    const auto write = [&](const char* name, uint64_t bytes) {
+        std::ofstream(folder / name, std::ios::binary) << std::string(bytes, '\0');
+        return (folder / name).string();
+    };
     std::string error;
     // A named pipe is refused without being opened for reading, which would wait for a writer.
-    ASSERT_EQ(mkfifo((m_folder / "pipe.raw").c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo((folder / "pipe.raw").c_str(), 0600), 0);
     for (const auto& [path, message] :
-         {std::pair{(m_folder / "missing.raw").string(), "missing.raw': it does not exist"},
-          {(m_folder / "pipe.raw").string(), "not a regular file"},
-          {write("empty.raw", {}), "not a whole number"},
-          {write("long.raw", std::vector<uint8_t>(raw::FrameBytes + 1)), "518401 bytes"},
-          {m_folder.string(), "not a regular file"}}) {
+         {std::pair{(folder / "missing.raw").string(), "missing.raw': it does not exist"},
+          {(folder / "pipe.raw").string(), "not a regular file"},
+          {write("empty.raw", 0), "not a whole number"},
+          {write("long.raw", raw::FrameBytes + 1), "518401 bytes"},
+          {folder.string(), "not a regular file"}}) {
         EXPECT_EQ(ReplayBoard::open(path, error), nullptr) << path;
         EXPECT_NE(error.find(message), std::string::npos) << error;
     }
-    auto two = ReplayBoard::open(write("two.raw", std::vector<uint8_t>(2 * raw::FrameBytes)), error);
+    auto two = ReplayBoard::open(write("two.raw", 2 * raw::FrameBytes), error);
     ASSERT_NE(two, nullptr) << error;
     EXPECT_EQ(two->frameCount(), 2u);
+    fs::remove_all(folder);
 }
 
 TEST(Boards, AreChosenByName) {
@@ -83,23 +48,6 @@ TEST(Boards, AreChosenByName) {
     EXPECT_EQ(error, "Unknown board 'Demo': use usb, demo or replay:FILE");
     EXPECT_EQ(createBoard("replay:", error), nullptr);
     EXPECT_EQ(error, "The replay board needs a file: replay:FILE");
-}
-
-TEST(SimulatedBoard, AnswersOnlyTheBoardsOwnIdentityAndRequests) {
-    DemoBoard board;
-    EXPECT_FALSE(board.openDeviceWithVidPid(0x16D0, 0x06A4));
-    ASSERT_TRUE(board.openDeviceWithVidPid(0x16D0, 0x06A3));
-    EXPECT_EQ(board.controlTransfer(0xC0, 0x40, 0, 0, nullptr, 0, 30), usb::ErrorPipe);
-    std::vector<uint8_t> block(raw::BlockBytes);
-    int done = -1;
-    // No frame start request yet: an empty transfer.
-    EXPECT_EQ(board.bulkTransfer(0x82, block.data(), 518656, &done, 50), usb::Success);
-    EXPECT_EQ(done, 0);
-    ASSERT_EQ(board.controlTransfer(0x40, 0x40, 0, 0, nullptr, 0, 30), 0);
-    EXPECT_EQ(board.bulkTransfer(0x82, block.data(), 518656, &done, 50), usb::Success);
-    EXPECT_EQ(done, 518400) << "the board's last short packet ends the frame";
-    block.resize(raw::FrameBytes);
-    EXPECT_EQ(block, demoFrame(0));
 }
 
 } // namespace

@@ -10,26 +10,22 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <condition_variable>
 #include <cstdio>
-#include <cstring>
 
 namespace zandor {
 namespace {
 
 using namespace std::chrono_literals;
-using test::GatedBoard;
+using test::allZero;
 using test::takeFrames;
 using ::testing::_;
-using ::testing::InSequence;
-using ::testing::NiceMock;
 using ::testing::Return;
 
 class MockUsbBoard : public UsbBoard {
 public:
     MOCK_METHOD(int, init, (), (override));
     MOCK_METHOD(bool, openDeviceWithVidPid, (uint16_t, uint16_t), (override));
+    MOCK_METHOD(int, openError, (std::string&), (override));
     MOCK_METHOD(int, setConfiguration, (int), (override));
     MOCK_METHOD(int, claimInterface, (int), (override));
     MOCK_METHOD(int, controlTransfer, (uint8_t, uint8_t, uint16_t, uint16_t, uint8_t*, uint16_t, unsigned),
@@ -38,35 +34,39 @@ public:
     MOCK_METHOD(int, clearHalt, (uint8_t), (override));
 };
 
-class CaptureDeviceTest : public test::GatedDeviceTest {
-protected:
-    std::vector<CaptureDataPtr> run(const std::shared_ptr<CaptureDevice>& device, size_t count) {
-        return test::playFrames(*device, m_wakeup, count);
-    }
-};
+using CaptureDeviceTest = test::GatedDeviceTest;
 
 struct OpeningFailure {
+    const char* name;
     int failingStep; // 0 init, 1 open, 2 configure, 3 claim
-    const char* line;
+    int code;        // what the failing step (or, for the open, openError) returns
+    CaptureDevice::Failure failure;
+    std::vector<std::string> lines;
 };
 
-class OpeningFailureTest : public CaptureDeviceTest, public ::testing::WithParamInterface<OpeningFailure> {};
+class OpeningFailureTest : public ::testing::TestWithParam<OpeningFailure> {};
 
-TEST_P(OpeningFailureTest, OpensInOrderStopsAtTheFailingStepLogsItsLineAndStartsNothing) {
-    const auto [failingStep, line] = GetParam();
+TEST_P(OpeningFailureTest, OpensInOrderStopsAtTheFailingStepSaysWhyAndStartsNothing) {
+    const OpeningFailure& c = GetParam();
     auto mock = std::make_unique<MockUsbBoard>();
     {
-        InSequence order;
-        EXPECT_CALL(*mock, init()).WillOnce(Return(failingStep == 0 ? usb::ErrorIo : usb::Success));
-        if (failingStep >= 1) {
-            EXPECT_CALL(*mock, openDeviceWithVidPid(0x16D0, 0x06A3)).WillOnce(Return(failingStep > 1));
+        ::testing::InSequence order;
+        EXPECT_CALL(*mock, init()).WillOnce(Return(c.failingStep == 0 ? c.code : usb::Success));
+        if (c.failingStep >= 1) {
+            EXPECT_CALL(*mock, openDeviceWithVidPid(0x16D0, 0x06A3)).WillOnce(Return(c.failingStep > 1));
         }
-        if (failingStep >= 2) {
+        if (c.failingStep == 1) {
+            EXPECT_CALL(*mock, openError(_)).WillOnce([&c](std::string& node) {
+                node = "/dev/bus/usb/001/009";
+                return c.code;
+            });
+        }
+        if (c.failingStep >= 2) {
             EXPECT_CALL(*mock, setConfiguration(1))
-                .WillOnce(Return(failingStep == 2 ? usb::ErrorIo : usb::Success));
+                .WillOnce(Return(c.failingStep == 2 ? c.code : usb::Success));
         }
-        if (failingStep >= 3) {
-            EXPECT_CALL(*mock, claimInterface(0)).WillOnce(Return(usb::ErrorAccess));
+        if (c.failingStep >= 3) {
+            EXPECT_CALL(*mock, claimInterface(0)).WillOnce(Return(c.code));
         }
     }
     EXPECT_CALL(*mock, controlTransfer).Times(0);
@@ -74,214 +74,119 @@ TEST_P(OpeningFailureTest, OpensInOrderStopsAtTheFailingStepLogsItsLineAndStarts
 
     LogCapture log;
     auto device = CaptureDevice::create(std::move(mock));
+    bool notified = false;
+    device->setConnectionObserver([&](bool) { notified = true; });
     EXPECT_FALSE(device->startListening());
-    EXPECT_EQ(log.lines(), std::vector<std::string>{line});
+    EXPECT_EQ(device->failure(), c.failure);
+    EXPECT_EQ(log.lines(), c.lines);
     EXPECT_FALSE(device->isListening() || device->screen(0)->isListening() ||
                  device->screen(1)->isListening());
+    EXPECT_FALSE(notified) << "a board missing at the start is not a disconnect";
     EXPECT_EQ(DetachedThread::running(), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(EachStep, OpeningFailureTest,
-                         ::testing::Values(OpeningFailure{0, "Could not initialize USB library"},
-                                           OpeningFailure{1, "Could not connect to capture device"},
-                                           OpeningFailure{2, "Could not configure capture device"},
-                                           OpeningFailure{3, "Could not claim capture interface"}),
-                         [](const auto& info) { return "Step" + std::to_string(info.param.failingStep); });
+using F = CaptureDevice::Failure;
+const std::string Connect = "Could not connect to capture device",
+                  Claim = "Could not claim capture interface";
+const char* const NoPermissionLine =
+    "No permission to open the capture board at /dev/bus/usb/001/009: install "
+    "the udev rule 70-zandor-capture.rules (see README) and plug the board in again";
 
-TEST_F(CaptureDeviceTest, RequestsFramesWithTheBoardsRequestAndTimeoutsGiveBlackFrames) {
-    auto mock = std::make_unique<NiceMock<MockUsbBoard>>();
-    ON_CALL(*mock, openDeviceWithVidPid(0x16D0, 0x06A3)).WillByDefault(Return(true));
-    EXPECT_CALL(*mock, controlTransfer(0x40, 0x40, 0, 0, _, 0, 30u)).Times(::testing::AtLeast(1));
-    // Every frame times out at once: black frames, and the loop stops after one read.
-    EXPECT_CALL(*mock, bulkTransfer(0x82, _, _, _, 50u))
-        .WillRepeatedly([](uint8_t, uint8_t* data, int length, int* done, unsigned) {
-            std::memset(data, 0xA5, static_cast<size_t>(length)); // what a failed transfer may leave
-            *done = 0;
-            return usb::ErrorTimeout;
-        });
-    auto frames = run(CaptureDevice::create(std::move(mock)), 2);
-    ASSERT_EQ(frames.size(), 2u);
-    EXPECT_EQ(frames[0]->size(), raw::BlockBytes);
-    EXPECT_TRUE(test::allZero(*frames[0]));
-    EXPECT_GT(frames[1]->timestamp(), frames[0]->timestamp());
-}
+INSTANTIATE_TEST_SUITE_P(
+    EachStep, OpeningFailureTest,
+    ::testing::Values(
+        OpeningFailure{"Library", 0, usb::ErrorIo, F::Library, {"Could not initialize USB library"}},
+        OpeningFailure{"NoBoard", 1, usb::ErrorNotFound, F::NoBoard, {Connect}},
+        OpeningFailure{"NoPermission", 1, usb::ErrorAccess, F::NoPermission, {Connect, NoPermissionLine}},
+        OpeningFailure{
+            "Configuration", 2, usb::ErrorIo, F::Configuration, {"Could not configure capture device"}},
+        OpeningFailure{"Claim", 3, usb::ErrorAccess, F::Claim, {Claim}},
+        OpeningFailure{"ClaimBusy",
+                       3,
+                       usb::ErrorBusy,
+                       F::Claim,
+                       {Claim, "Another program is using the capture board: close it, then try again"}}),
+    [](const auto& info) { return std::string(info.param.name); });
 
+// Every read asks for the rest of the frame rounded up to whole 512-byte blocks, never more than
+// 511 bytes past it, so the last one fits the block's slack; the frame is put together from them.
 TEST_F(CaptureDeviceTest, BulkReadsAskForWholeBlocksOfWhatIsStillMissing) {
     auto observer = m_device->addObserver(m_wakeup);
-    m_board->setChunkBytes(518000);
-    m_board->holdAt(1);
-    ASSERT_TRUE(m_device->startListening());
-    ASSERT_TRUE(m_board->waitUntilHeld(1));
-    EXPECT_EQ(m_board->readLengths(0), (std::vector<int>{518656, 512}));
-
-    // Small chunks: every read asks for the rest rounded up to 512 bytes, never more than 511
-    // bytes past the frame, so the last one fits the block's slack. Frame 1's first read was
-    // already under way with the old chunk size.
     m_board->setChunkBytes(100000);
-    m_board->holdAt(3);
-    ASSERT_TRUE(m_board->waitUntilHeld(3));
+    m_board->holdAt(2);
+    ASSERT_TRUE(m_device->startListening());
+    ASSERT_TRUE(m_board->waitUntilHeld(2));
     std::vector<int> expected;
     for (int received = 0; received < 518400; received += 100000) {
         expected.push_back((518400 - received + 511) / 512 * 512);
     }
-    EXPECT_EQ(m_board->readLengths(2), expected);
-    m_device->stopListening();
-    m_board->release();
-
-    auto frames = takeFrames(*m_device, observer, *m_wakeup, 3);
-    ASSERT_EQ(frames.size(), 3u);
-    for (uint64_t n = 0; n < 3; ++n) {
-        uint64_t i = 0;
-        while (i < raw::FrameBytes && frames[n]->data()[i] == test::patternByte(n, i)) {
-            ++i;
-        }
-        EXPECT_EQ(i, raw::FrameBytes) << "frame " << n << " was not assembled from its chunks";
-    }
+    EXPECT_EQ(m_board->readLengths(1), expected);
+    auto frames = takeFrames(*m_device, observer, *m_wakeup, 2);
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_TRUE(test::isPatternFrame(frames[0]->data(), 0) && test::isPatternFrame(frames[1]->data(), 1));
 }
 
 TEST_F(CaptureDeviceTest, FailedReadsPublishBlackStampedFramesAndTheStallIsCleared) {
     m_board->injectFault(2, BoardFault::Timeout);
     m_board->injectFault(4, BoardFault::ShortFrame);
     m_board->injectFault(6, BoardFault::Stall);
-    auto frames = run(m_device, 9);
-    ASSERT_EQ(frames.size(), 9u);
+    auto frames = test::playFrames(*m_device, m_wakeup, 8);
+    ASSERT_EQ(frames.size(), 8u);
     for (size_t n = 0; n < frames.size(); ++n) {
-        EXPECT_EQ(test::allZero(*frames[n]), n == 2 || n == 4 || n == 6) << "frame " << n;
+        const bool failed = n == 2 || n == 4 || n == 6;
+        EXPECT_TRUE(failed ? allZero(*frames[n]) : test::isPatternFrame(frames[n]->data(), n))
+            << "frame " << n;
         EXPECT_EQ(frames[n]->size(), raw::BlockBytes);
         EXPECT_TRUE(n == 0 || frames[n]->timestamp() > frames[n - 1]->timestamp()) << "frame " << n;
     }
-    EXPECT_EQ(frames[7]->data()[0], test::patternByte(7, 0)) << "the board reads again after the stall";
     EXPECT_EQ(m_board->clearHaltCount(), 1);
-    EXPECT_GE(m_device->count(), 9u);
 }
 
 // With hotplug notices the board is opened when it is announced; without, it is looked for twice a
-// second. Either way the device publishes black frames meanwhile and never asks the board in a loop.
+// second. Either way the device publishes black frames meanwhile, never asks the board in a loop,
+// and says once (not at every attempt) when the board is back with a node we may not open.
 class ReconnectTest : public CaptureDeviceTest, public ::testing::WithParamInterface<bool> {};
 
-TEST_P(ReconnectTest, AVanishedBoardGivesBlackFramesUntilItIsBackAndIsLookedForWithoutSpinning) {
+TEST_P(ReconnectTest, AVanishedBoardGivesBlackFramesUntilItIsBackAndMayBeOpened) {
     const bool announced = GetParam();
     m_board->setAnnouncesArrivals(announced);
     m_board->injectFault(3, BoardFault::Vanish);
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<bool> connections;
-    m_device->setConnectionObserver([&](bool connected) {
-        std::scoped_lock lock(mutex);
-        connections.push_back(connected);
-        changed.notify_all();
-    });
-    const auto waitForConnections = [&](size_t count) {
-        std::unique_lock lock(mutex);
-        return changed.wait_for(lock, 20s, [&] { return connections.size() >= count; });
-    };
     LogCapture log;
     auto observer = m_device->addObserver(m_wakeup);
     ASSERT_TRUE(m_device->startListening());
-    auto frames = takeFrames(*m_device, observer, *m_wakeup, 3);
-    ASSERT_TRUE(waitForConnections(1));
+    ASSERT_TRUE(log.waitFor("Capture device disconnected", 20s));
     const int opensBefore = m_board->openCount();
-    auto away = takeFrames(*m_device, observer, *m_wakeup, 45); // three quarters of a second
-    ASSERT_EQ(away.size(), 45u);
+    auto frames = takeFrames(*m_device, observer, *m_wakeup, 4 + 45); // and three quarters of a second
+    ASSERT_EQ(frames.size(), 49u);
     const int attempts = m_board->openCount() - opensBefore;
-    if (announced) {
-        EXPECT_EQ(attempts, 0) << "nothing was announced";
-    } else {
-        EXPECT_GE(attempts, 1);
-        EXPECT_LE(attempts, 3) << "looked for the board every frame";
-    }
+    EXPECT_GE(attempts, announced ? 0 : 1);
+    EXPECT_LE(attempts, announced ? 0 : 3) << "looked for the board every frame";
 
+    // Back, first with a node we may not open: a second of refused attempts, one line.
+    m_board->lockOut(true);
     m_board->replug();
-    for (int n = 0; n < 60 * 5 && (away.empty() || test::allZero(*away.back())); ++n) {
-        auto more = takeFrames(*m_device, observer, *m_wakeup, 1);
+    ASSERT_TRUE(log.waitFor(NoPermissionLine, 20s));
+    auto more = takeFrames(*m_device, observer, *m_wakeup, 60);
+    frames.insert(frames.end(), more.begin(), more.end());
+    m_board->lockOut(false);
+    while (frames.size() < 60 * 20 && allZero(*frames.back())) {
+        more = takeFrames(*m_device, observer, *m_wakeup, 1);
         ASSERT_EQ(more.size(), 1u);
-        away.push_back(more.front());
+        frames.push_back(more.front());
     }
-    frames.insert(frames.end(), away.begin(), away.end());
-    ASSERT_FALSE(test::allZero(*frames.back())) << "the board never came back";
-    for (size_t n = 1; n < frames.size(); ++n) {
-        EXPECT_GT(frames[n]->timestamp(), frames[n - 1]->timestamp()) << "frame " << n;
+    ASSERT_FALSE(allZero(*frames.back())) << "the board never came back";
+    for (size_t n = 0; n < frames.size(); ++n) {
+        EXPECT_EQ(allZero(*frames[n]), n >= 3 && n + 1 < frames.size()) << "frame " << n;
+        EXPECT_TRUE(n == 0 || frames[n]->timestamp() > frames[n - 1]->timestamp()) << "frame " << n;
     }
-    EXPECT_FALSE(test::allZero(*frames[2]));
-    EXPECT_TRUE(test::allZero(*frames[3])) << "the read that found the board gone";
-    EXPECT_EQ(log.count("Capture device disconnected"), 1u);
-    EXPECT_EQ(log.count("Capture device reconnected"), 1u);
+    for (const char* line : {"Capture device disconnected", NoPermissionLine, "Capture device reconnected"}) {
+        EXPECT_EQ(log.count(line), 1u) << line;
+    }
     EXPECT_EQ(log.countPrefix("Could not"), 0u) << "the attempts while the board was away fill the log";
-    {
-        std::scoped_lock lock(mutex);
-        EXPECT_EQ(connections, (std::vector<bool>{false, true}));
-    }
-
-    // Gone again and stopped: a new start is the ordinary failure to find the board.
-    m_board->unplug();
-    ASSERT_TRUE(waitForConnections(3));
-    m_device->stopListening();
-    ASSERT_TRUE(DetachedThread::waitForAll(20s));
-    EXPECT_FALSE(m_device->startListening());
-    EXPECT_EQ(log.count("Could not connect to capture device"), 1u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Arrivals, ReconnectTest, ::testing::Bool(),
                          [](const auto& info) { return info.param ? "Announced" : "LookedFor"; });
-
-// A board that can come back with a device node we may not open (its udev rule went meanwhile).
-class LockedOutBoard final : public GatedBoard {
-public:
-    void lockOut(bool locked) {
-        std::scoped_lock lock(m_mutex);
-        m_lockedOut = locked;
-    }
-    bool waitForRefusals(int count) {
-        std::unique_lock lock(m_mutex);
-        return m_refused.wait_for(lock, 20s, [&] { return m_refusals >= count; });
-    }
-    bool openDeviceWithVidPid(uint16_t vendorId, uint16_t productId) override {
-        {
-            std::scoped_lock lock(m_mutex);
-            if (m_lockedOut) {
-                ++m_refusals;
-                m_refused.notify_all();
-                return false;
-            }
-        }
-        return GatedBoard::openDeviceWithVidPid(vendorId, productId);
-    }
-    int openError(std::string& node) override {
-        std::scoped_lock lock(m_mutex);
-        node = "/dev/bus/usb/001/009";
-        return m_lockedOut ? usb::ErrorAccess : usb::ErrorNotFound;
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_refused;
-    bool m_lockedOut = false;
-    int m_refusals = 0;
-};
-
-TEST(CaptureDeviceReconnect, ABoardBackWithANodeWeMayNotOpenIsNamedOnceAndTakenWhenItMayBe) {
-    ASSERT_TRUE(DetachedThread::waitForAll(20s));
-    auto owned = std::make_unique<LockedOutBoard>();
-    LockedOutBoard* board = owned.get();
-    board->injectFault(2, BoardFault::Vanish);
-    auto device = CaptureDevice::create(std::move(owned));
-    LogCapture log;
-    ASSERT_TRUE(device->startListening());
-    ASSERT_TRUE(log.waitFor("Capture device disconnected", 20s));
-    board->lockOut(true);
-    board->replug();
-    // Three attempts, half a second apart, all refused: one line says why.
-    EXPECT_TRUE(board->waitForRefusals(3));
-    EXPECT_EQ(
-        log.count("No permission to open the capture board at /dev/bus/usb/001/009: install the udev rule "
-                  "70-zandor-capture.rules (see README) and plug the board in again"),
-        1u);
-    EXPECT_EQ(log.countPrefix("Could not"), 0u);
-    board->lockOut(false);
-    EXPECT_TRUE(log.waitFor("Capture device reconnected", 20s));
-    device->stopListening();
-    EXPECT_TRUE(DetachedThread::waitForAll(20s));
-}
 
 TEST_F(CaptureDeviceTest, LogsTheAverageRateOnEvery300thFrameOnly) {
     m_device->setFramePeriod(0ns);
@@ -335,9 +240,8 @@ TEST_F(CaptureDeviceTest, AfterAStopEveryThreadEndsAndEveryFrameIsReleased) {
         device->stopListening();
         raw = device->addObserver(m_wakeup);
         ASSERT_TRUE(device->startListening());
-        auto frames = takeFrames(*device, raw, *m_wakeup, 3);
+        held = takeFrames(*device, raw, *m_wakeup, 3);
         auto screens = takeFrames(*device->screen(0), top, *m_wakeup, 3);
-        held.insert(held.end(), frames.begin(), frames.end());
         held.insert(held.end(), screens.begin(), screens.end());
         device->stopListening();
         ASSERT_TRUE(DetachedThread::waitForAll(20s));

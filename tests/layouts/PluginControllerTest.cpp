@@ -34,14 +34,11 @@ protected:
 };
 
 TEST_F(PluginControllerTest, OnlyDirectoriesNamedZdpluginWithADescriptorArePlugins) {
-    QString folder = m_root.path();
+    const QString folder = m_root.path();
     EXPECT_TRUE(PluginController::isPluginFile(test::writeBundle(folder, "good.zdplugin", layout("A", 1))));
     EXPECT_FALSE(PluginController::isPluginFile(test::writeBundle(folder, "upper.ZDPLUGIN", layout("A", 1))));
     QDir().mkpath(folder + "/empty.zdplugin");
     EXPECT_FALSE(PluginController::isPluginFile(folder + "/empty.zdplugin"));
-    ASSERT_TRUE(test::writeFile(folder + "/plain.zdplugin"));
-    EXPECT_FALSE(PluginController::isPluginFile(folder + "/plain.zdplugin"));
-
     EXPECT_EQ(PluginController::typePluginFile(folder + "/good.zdplugin"), Plugin::LayoutType);
     auto untyped = test::writeBundle(folder, "untyped.zdplugin", "<a><name>Valid but untyped</name></a>");
     EXPECT_EQ(PluginController::typePluginFile(untyped), Plugin::NoType);
@@ -49,35 +46,34 @@ TEST_F(PluginControllerTest, OnlyDirectoriesNamedZdpluginWithADescriptorArePlugi
     auto latin1 =
         test::writeBundle(folder, "latin1.zdplugin", "<ZandorLayout><name>Caf\xe9</name></ZandorLayout>");
     EXPECT_EQ(PluginController::typePluginFile(latin1), Plugin::NoType) << "not UTF-8";
-    auto comment = test::writeBundle(folder, "comment.zdplugin", "<a><!-- ZandorLayout --></a>");
-    EXPECT_EQ(PluginController::typePluginFile(comment), Plugin::LayoutType);
 }
 
-TEST_F(PluginControllerTest, LoadsBothFoldersSortedByImportance) {
-    test::writeBundle(app(), "five.zdplugin", layout("Five", 5));
-    test::writeBundle(app(), "ten.zdplugin", layout("Ten", 10));
+// Sorted by importance alone, keeping the order plugins came in among equals: application before
+// user plugins, installed ones after those already there.
+TEST_F(PluginControllerTest, LoadsBothFoldersByImportanceKeepingTheOrderTheyCameInAmongEquals) {
+    test::writeBundle(app(), "a.zdplugin", layout("Low", 1));
+    test::writeBundle(app(), "b.zdplugin", layout("Even", 5));
+    test::writeBundle(app(), "c.zdplugin", layout("High", 9));
     test::writeBundle(app(), "broken.zdplugin", "<ZandorLayout><name>Broken</name>");
-    test::writeBundle(user(), "seven.zdplugin", layout("Ten", 7));
-
+    test::writeBundle(user(), "u.zdplugin", layout("High", 5));
     PluginController registry(app(), user());
-    EXPECT_EQ(names(registry.plugins()), (QStringList{"Ten", "Ten", "Five"}));
-    EXPECT_EQ(registry.plugins()[1]->importance(), 7);
-    auto fromUser = registry.pluginsFromUser(true);
-    ASSERT_EQ(fromUser.size(), 1);
-    EXPECT_TRUE(fromUser[0]->file().endsWith("/Zandor/Plugins//seven.zdplugin"))
+    // Enough equals that a sort that does not keep their order shows it.
+    QStringList installed;
+    for (int n = 0; n < 24; ++n) {
+        installed << QStringLiteral("New %1").arg(n, 2, 10, QChar('0'));
+        ASSERT_TRUE(registry.installPlugin(test::writeBundle(
+            elsewhere(), QStringLiteral("n%1.zdplugin").arg(n), layout(installed.last(), 5))));
+    }
+    EXPECT_EQ(names(registry.plugins()),
+              QStringList({"High", "Even", "High"}) + installed + QStringList{"Low"});
+    EXPECT_EQ(names(registry.pluginTyped(Plugin::LayoutType, false)), (QStringList{"High", "Even", "Low"}));
+    const auto fromUser = registry.pluginsFromUser(true);
+    ASSERT_EQ(fromUser.size(), 25);
+    EXPECT_TRUE(fromUser[0]->file().endsWith("/Zandor/Plugins//u.zdplugin"))
         << fromUser[0]->file().toStdString();
-    EXPECT_EQ(names(registry.pluginTyped(Plugin::LayoutType, false)), (QStringList{"Ten", "Five"}));
-    EXPECT_EQ(registry.pluginTyped(Plugin::NoType).size(), 0);
-    EXPECT_EQ(registry.pluginNamed("Ten", Plugin::LayoutType)->importance(), 10)
+    EXPECT_EQ(registry.pluginNamed("High", Plugin::LayoutType)->importance(), 9)
         << "the higher of two of a name";
-    EXPECT_EQ(registry.pluginNamed("ten", Plugin::LayoutType), nullptr);
-}
-
-TEST_F(PluginControllerTest, WithoutApplicationPluginsUserPluginsAreNotLoaded) {
-    test::writeBundle(user(), "seven.zdplugin", layout("Seven", 7));
-    QDir().mkpath(app());
-    PluginController registry(app(), user());
-    EXPECT_TRUE(registry.plugins().isEmpty());
+    EXPECT_EQ(registry.pluginNamed("high", Plugin::LayoutType), nullptr);
 }
 
 TEST_F(PluginControllerTest, CreatesTheUserFolderOrSaysItCannot) {
@@ -104,16 +100,13 @@ TEST_F(PluginControllerTest, InstallingMovesTheBundleInAndAnnouncesItARefusalLea
     LogCapture log;
     const QString taken = test::writeBundle(elsewhere(), "taken.zdplugin", layout("New", 1));
     const QString malformed = test::writeBundle(elsewhere(), "malformed.zdplugin", "<ZandorLayout><name>Bad");
-    EXPECT_FALSE(registry.installPlugin(taken));
-    EXPECT_FALSE(registry.installPlugin(malformed));
-    EXPECT_FALSE(registry.installPlugin(elsewhere() + "/missing.zdplugin"));
-    EXPECT_TRUE(PluginController::isPluginFile(taken));
-    EXPECT_TRUE(PluginController::isPluginFile(malformed)) << "moved back";
-    EXPECT_FALSE(QFileInfo::exists(user() + "malformed.zdplugin"));
+    for (const QString& refused : {taken, malformed, elsewhere() + "/missing.zdplugin"}) {
+        EXPECT_FALSE(registry.installPlugin(refused)) << refused.toStdString();
+    }
+    EXPECT_TRUE(PluginController::isPluginFile(taken) && PluginController::isPluginFile(malformed))
+        << "left or moved back where they were";
     EXPECT_EQ(log.countPrefix("Could not parse plugin: "), 1u);
-    EXPECT_EQ(registry.pluginNamed("Old", Plugin::LayoutType)->file(), user() + "/taken.zdplugin");
-    EXPECT_TRUE(announced.isEmpty());
-    EXPECT_EQ(registry.plugins().size(), 2);
+    EXPECT_EQ(names(registry.plugins()), (QStringList{"Ten", "Old"}));
 
     const QString bundle = test::writeBundle(elsewhere(), "new.zdplugin", layout("New", 20));
     EXPECT_TRUE(registry.installPlugin(bundle));
@@ -121,9 +114,9 @@ TEST_F(PluginControllerTest, InstallingMovesTheBundleInAndAnnouncesItARefusalLea
     EXPECT_FALSE(QFileInfo::exists(bundle));
     EXPECT_TRUE(PluginController::isPluginFile(user() + "new.zdplugin"));
     ASSERT_EQ(announced.size(), 1);
-    EXPECT_EQ(announced[0]->name(), QStringLiteral("New"));
     EXPECT_TRUE(announced[0]->fromUser());
     EXPECT_EQ(registry.plugins().first(), announced[0]);
+    EXPECT_EQ(announced[0]->name(), QStringLiteral("New"));
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #include "GatedBoard.h"
 
+#include "capture/RawFrame.h"
+
 #include <cstring>
 
 namespace zandor::test {
@@ -7,6 +9,15 @@ namespace zandor::test {
 uint8_t patternByte(uint64_t frame, uint64_t offset) {
     uint64_t x = (frame + 1) * 0x9E3779B97F4A7C15ull ^ (offset * 0xC2B2AE3D27D4EB4Full);
     return static_cast<uint8_t>((x >> 29) ^ (x >> 7) ^ offset);
+}
+
+bool isPatternFrame(const uint8_t* data, uint64_t frame) {
+    for (uint64_t i = 0; i < raw::FrameBytes; ++i) {
+        if (data[i] != patternByte(frame, i)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 void GatedBoard::holdAt(uint64_t frame) {
@@ -21,6 +32,16 @@ void GatedBoard::holdAt(uint64_t frame) {
 bool GatedBoard::waitUntilHeld(uint64_t frame, std::chrono::milliseconds timeout) {
     std::unique_lock lock(m_mutex);
     return m_changed.wait_for(lock, timeout, [&] { return m_held == frame; });
+}
+
+bool GatedBoard::openDeviceWithVidPid(uint16_t vendorId, uint16_t productId) {
+    return !m_lockedOut && SimulatedBoard::openDeviceWithVidPid(vendorId, productId);
+}
+
+int GatedBoard::openError(std::string& node) {
+    const bool lockedOut = m_lockedOut;
+    node = lockedOut ? "/dev/bus/usb/001/009" : "";
+    return lockedOut ? usb::ErrorAccess : usb::ErrorNotFound;
 }
 
 int GatedBoard::bulkTransfer(uint8_t endpoint, uint8_t* data, int length, int* transferred,

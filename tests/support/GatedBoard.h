@@ -7,17 +7,21 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string>
 
 namespace zandor::test {
 
 // The bytes of raw frame `frame` at `offset` in the test boards: a cheap mix of both, so that
 // frames differ from each other and every byte position matters.
 uint8_t patternByte(uint64_t frame, uint64_t offset);
+// Whether `data` holds all of raw frame `frame` as the test boards send it.
+bool isPatternFrame(const uint8_t* data, uint64_t frame);
 
 // A simulated board whose frames follow patternByte and which can be held inside the bulk read of
 // a chosen frame until the test releases it. Every bulk read first scribbles over the whole buffer,
@@ -33,6 +37,12 @@ public:
     // Waits until the read of frame `frame` is held; false on timeout.
     bool waitUntilHeld(uint64_t frame, std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
+    // While locked out the board is plugged in at /dev/bus/usb/001/009 but refuses to be opened,
+    // as a node without our udev rule does.
+    void lockOut(bool locked) { m_lockedOut = locked; }
+    bool openDeviceWithVidPid(uint16_t vendorId, uint16_t productId) override;
+    int openError(std::string& node) override;
+
 protected:
     void fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) override;
 
@@ -41,6 +51,7 @@ private:
     std::condition_variable m_changed;
     uint64_t m_holdAt = UINT64_MAX;
     uint64_t m_held = UINT64_MAX; // the frame whose read waits, if any
+    std::atomic<bool> m_lockedOut = false;
 };
 
 // A device reading a gated board. Every test starts and ends with no pipeline thread running.
