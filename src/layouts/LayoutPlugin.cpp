@@ -34,4 +34,10 @@ void LayoutPlugin::didStartElement(const QString& name, const QXmlStreamAttribut
     }
 }
 
+QString LayoutPlugin::refusal() const {
+    return m_objects.size() > MaximumObjects
+               ? QStringLiteral("more than %1 objects in one layout").arg(MaximumObjects)
+               : QString();
+}
+
 } // namespace zandor

@@ -34,8 +34,12 @@ public:
     // Records with "type" (string), "x" and "y" (qint64) and, for images, "resource" (string).
     const QList<QVariantMap>& objects() const { return m_objects; }
 
+    // More objects than this in one layout are refused: each costs work on every frame.
+    static constexpr qsizetype MaximumObjects = 4096;
+
 protected:
     void didStartElement(const QString& name, const QXmlStreamAttributes& attributes) override;
+    QString refusal() const override;
 
 private:
     qint64 m_width = 0;

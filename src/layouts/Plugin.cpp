@@ -47,6 +47,9 @@ bool Plugin::parse() {
         switch (reader.readNext()) {
         case QXmlStreamReader::StartElement:
             didStartElement(reader.qualifiedName().toString(), reader.attributes());
+            if (const QString why = refusal(); !why.isEmpty()) {
+                reader.raiseError(why);
+            }
             break;
         case QXmlStreamReader::Characters:
             foundCharacters(reader.text());

@@ -52,6 +52,8 @@ public:
 protected:
     // Parser events. An element's text is what follows its last inner start tag, untrimmed.
     virtual void didStartElement(const QString& name, const QXmlStreamAttributes& attributes);
+    // Why the descriptor read so far is refused, or nothing; reading stops at a refusal.
+    virtual QString refusal() const { return {}; }
     void foundCharacters(QStringView text);
     void didEndElement(const QString& name);
 

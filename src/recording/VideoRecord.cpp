@@ -128,7 +128,7 @@ bool VideoRecord::writeHeader(std::chrono::system_clock::time_point firstFrame) 
 
 bool VideoRecord::append(const CaptureData& frame) {
     std::scoped_lock lock(m_lock);
-    if (!m_recording) {
+    if (!m_recording || m_writeError != 0) {
         return false;
     }
     const int64_t time = currentTime(frame.timestamp());
@@ -154,6 +154,9 @@ bool VideoRecord::append(const CaptureData& frame) {
     sws_scale(m_scaler.get(), source, &stride, 0, m_encoder->height, m_frame->data, m_frame->linesize);
     m_frame->pts = pts;
     if (!encode(m_frame.get())) {
+        // The output keeps the reason (AVERROR(ENOSPC) for a full disk); any write failure ends
+        // the encoding, so that it is said once rather than once a frame.
+        m_writeError = m_output->pb && m_output->pb->error < 0 ? m_output->pb->error : AVERROR(EIO);
         return false;
     }
     m_lastTime = pts;
@@ -164,6 +167,16 @@ bool VideoRecord::encode(const AVFrame* frame) {
     // Frames come at the device's pace; until the next one arrives, a 60th of a second is the
     // best guess of how long a frame shows, and the muxer needs one to cut fragments.
     return ff::encodeAndWrite(m_encoder.get(), frame, m_packet.get(), m_output.get(), m_stream, 1000 / 60);
+}
+
+bool VideoRecord::writeFailed() {
+    std::scoped_lock lock(m_lock);
+    return m_writeError != 0;
+}
+
+bool VideoRecord::diskFull() {
+    std::scoped_lock lock(m_lock);
+    return m_writeError == AVERROR(ENOSPC);
 }
 
 bool VideoRecord::stop() {
@@ -180,8 +193,9 @@ bool VideoRecord::stop() {
 }
 
 bool VideoRecord::stopWriter() {
-    // A recording stopped before its first frame still leaves a well-formed, empty movie.
-    bool finished = m_headerWritten || writeHeader({});
+    // A recording stopped before its first frame still leaves a well-formed, empty movie. After a
+    // failed write nothing more is tried: the fragments written so far play as they are.
+    bool finished = m_writeError == 0 && (m_headerWritten || writeHeader({}));
     finished = finished && encode(nullptr);
     finished = finished && ff::check(av_write_trailer(m_output.get()), "av_write_trailer");
     m_output.close();

@@ -41,6 +41,11 @@ public:
     bool append(const CaptureData& frame);
     // Flushes the encoder and finishes the file. False when not recording or finishing failed.
     bool stop();
+    // Whether writing the movie has failed (the disk full, the file gone): from then on frames are
+    // not encoded, and the recording should end, keeping what was written.
+    bool writeFailed();
+    // Whether that failure was a full disk.
+    bool diskFull();
 
     const QString& recordPath() const { return m_recordPath; }
     const QString& mergePath() const { return m_mergePath; }
@@ -79,6 +84,7 @@ private:
     bool m_recording = false;
     bool m_headerWritten = false;
     bool m_sessionStarted = false;
+    int m_writeError = 0; // the output's error code once a write failed
     int64_t m_sessionStart = 0; // milliseconds of the first appended frame
     int64_t m_lastTime = -1;    // presentation time of the last frame appended
 };

@@ -47,6 +47,7 @@ QString VideoRecorder::resultPath(const VideoRecord& record) const {
 
 bool VideoRecorder::start() {
     m_done = false;
+    m_writeFailed = false;
     m_basePath = QStringLiteral("%1/Capture %2").arg(m_settings.storageFolder, stringWithCurrentDate());
     m_bundlePath = QStringLiteral("%1.%2").arg(m_basePath, QStringLiteral("zdrecord"));
     // Another recording of the same second (or its movie) keeps its name: this one is numbered.
@@ -95,10 +96,15 @@ bool VideoRecorder::start() {
 bool VideoRecorder::capture(const LayoutPtr& layout, const ObserverPtr& observer) {
     if (CaptureDataPtr frame = layout->observe(observer)) {
         if (auto record = m_videoRecords.value(layout->name())) {
-            record->append(*frame);
+            if (!record->append(*frame) && record->writeFailed() && !m_writeFailed.exchange(true)) {
+                logs::recording.error("The movie %s cannot be written: the recording stops here",
+                                      qUtf8Printable(record->recordPath()));
+            }
         }
     }
-    return false; // a video goes on until it is stopped
+    // A video goes on until it is stopped, or until a movie cannot be written: then every layout
+    // is finished at its next frame, and what was written is kept.
+    return m_writeFailed;
 }
 
 void VideoRecorder::capturedLayouts() {
@@ -113,7 +119,9 @@ void VideoRecorder::capturedLayouts() {
     bool success = true;
     for (const auto& record : m_videoRecords) {
         if (!record->stop()) {
-            keepError(QStringLiteral("The recording of the video could not be finalized."));
+            keepError(record->diskFull()
+                          ? QStringLiteral("The recording of the video could not be finalized. The disk is full.")
+                          : QStringLiteral("The recording of the video could not be finalized."));
             success = false;
         }
     }

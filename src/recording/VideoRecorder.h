@@ -66,6 +66,8 @@ private:
     QString m_bundlePath;
     std::shared_ptr<RecorderDelegate> m_delegate;
     std::atomic<bool> m_done{true};
+    // A movie could not be written; the recording ends at each layout's next frame.
+    std::atomic<bool> m_writeFailed{false};
     // When the recording started, and the tools' limits measured from its length at the stop;
     // both are used on the recorder's thread after start() has returned.
     std::chrono::steady_clock::time_point m_started;

@@ -58,6 +58,26 @@ TEST_F(PluginFilesTest, DescriptorsThatAreNoSmallTextFilesAreRefusedWithTheParse
     }
 }
 
+// Every object costs work on every frame: a layout may have 4096, not one more.
+TEST_F(PluginFilesTest, ALayoutWithMoreObjectsThanAllowedIsRefused) {
+    QString objects;
+    for (int i = 0; i < LayoutPlugin::MaximumObjects; ++i) {
+        objects += R"(<object type="image" x="0" y="0" resource="a.png"/>)";
+    }
+    LayoutPlugin most(bundle("Most", test::layoutDescriptor("Most", 1, 400, 240, objects)), false);
+    EXPECT_TRUE(most.parse());
+    EXPECT_EQ(most.objects().size(), LayoutPlugin::MaximumObjects);
+
+    objects += R"(<object type="screen" x="0" y="0" screen="top"/>)";
+    LayoutPlugin tooMany(bundle("TooMany", test::layoutDescriptor("TooMany", 1, 400, 240, objects)), false);
+    LogCapture log;
+    EXPECT_FALSE(tooMany.parse());
+    ASSERT_EQ(log.lines().size(), 1u);
+    EXPECT_EQ(log.lines()[0].rfind("Could not parse plugin: more than 4096 objects in one layout (line ", 0),
+              0u)
+        << log.lines()[0];
+}
+
 TEST_F(PluginFilesTest, ImagesThatWouldHangOrExceedAnyCanvasAreRefusedAndTheRestIsDrawn) {
     const QString objects = R"(<object type="image" x="0" y="0" resource="red.png"/>
                                <object type="image" x="10" y="0" resource="pipe.png"/>
