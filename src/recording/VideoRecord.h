@@ -84,7 +84,7 @@ private:
     bool m_recording = false;
     bool m_headerWritten = false;
     bool m_sessionStarted = false;
-    int m_writeError = 0; // the output's error code once a write failed
+    int m_writeError = 0;       // the output's error code once a write failed
     int64_t m_sessionStart = 0; // milliseconds of the first appended frame
     int64_t m_lastTime = -1;    // presentation time of the last frame appended
 };

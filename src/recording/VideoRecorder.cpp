@@ -119,9 +119,10 @@ void VideoRecorder::capturedLayouts() {
     bool success = true;
     for (const auto& record : m_videoRecords) {
         if (!record->stop()) {
-            keepError(record->diskFull()
-                          ? QStringLiteral("The recording of the video could not be finalized. The disk is full.")
-                          : QStringLiteral("The recording of the video could not be finalized."));
+            keepError(
+                record->diskFull()
+                    ? QStringLiteral("The recording of the video could not be finalized. The disk is full.")
+                    : QStringLiteral("The recording of the video could not be finalized."));
             success = false;
         }
     }
