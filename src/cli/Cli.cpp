@@ -5,6 +5,7 @@
 #include "InstallPluginCommand.h"
 #include "LayoutsCommand.h"
 #include "RecordCommand.h"
+#include "RecoverCommand.h"
 #include "ScreenshotCommand.h"
 #include "base/CommandLine.h"
 
@@ -30,6 +31,9 @@ const char* const Usage =
     "  record --seconds N [--layout NAME] [--fps Original|24|25|30|50|60]\n"
     "         [--quality NAME] [--game-audio ID|None] [--narrator-audio ID|None] [--out DIR]\n"
     "                               record a video with sound and wait for the finished file\n"
+    "  recover [--out DIR] [BUNDLE...]\n"
+    "                               finish recordings a crash left unfinished (every\n"
+    "                               abandoned *.zdrecord of the folder when none is named)\n"
     "  audio-inputs                 list the audio inputs: identifier and name\n"
     "  dump --frames N --out FILE   write N raw frames of the board to FILE\n"
     "\n"
@@ -61,6 +65,7 @@ int Cli::run(const std::vector<std::string>& arguments) {
           false,
           RecordCommand::run}},
         {"audio-inputs", {{"board"}, {}, false, AudioInputsCommand::run}},
+        {"recover", {{"out"}, {}, true, RecoverCommand::run}},
     };
     auto command = commands.find(arguments[0]);
     if (command == commands.end()) {

@@ -108,7 +108,7 @@ bool writeFragmentedHeader(AVFormatContext* output, double captureStart) {
     }
     Options options;
     options.set("movflags", "empty_moov+default_base_moof+use_metadata_tags");
-    options.set("frag_duration", "1000000");
+    options.set("frag_duration", "500000");
     options.set("flush_packets", "1");
     return check(avformat_write_header(output, options.get()), "avformat_write_header");
 }

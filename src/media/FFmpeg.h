@@ -100,7 +100,7 @@ private:
 bool encodeAndWrite(AVCodecContext* encoder, const AVFrame* frame, AVPacket* packet, AVFormatContext* output,
                     AVStream* stream, int64_t defaultDuration = 0);
 
-// Writes the header of a fragmented QuickTime movie (a fragment at least every second, each written
+// Writes the header of a fragmented QuickTime movie (a fragment every half second, each written
 // to the file at once, so that a crash leaves a playable file) whose metadata "zandor_capture_start"
 // holds `captureStart`, the wall-clock seconds of its time zero, when given (not negative).
 bool writeFragmentedHeader(AVFormatContext* output, double captureStart);

@@ -43,8 +43,13 @@ bool AudioRecord::start(const QString& deviceId, const QString& bundlePath, bool
     return true;
 }
 
-bool AudioRecord::createSession(const QString& bundlePath, const AudioSettings&) {
+void AudioRecord::adopt(const QString& bundlePath) {
+    std::scoped_lock lock(m_lock);
     m_path = QStringLiteral("%1/Audio%2.%3").arg(bundlePath, m_name, QStringLiteral("mov"));
+}
+
+bool AudioRecord::createSession(const QString& bundlePath, const AudioSettings&) {
+    adopt(bundlePath);
     QAudioDevice input;
     for (const QAudioDevice& device : QMediaDevices::audioInputs()) {
         if (device.id() == m_deviceId.toUtf8()) {

@@ -43,6 +43,8 @@ public:
 
     const QString& name() const { return m_name; }
     const QString& path() const { return m_path; }
+    // Takes the file a recording left in `bundlePath` as its own, to be finalised.
+    void adopt(const QString& bundlePath);
 
 private:
     bool createSession(const QString& bundlePath, const AudioSettings& settings);

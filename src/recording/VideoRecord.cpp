@@ -20,7 +20,21 @@ const char* VideoRecord::encoderSpeed(const VideoQuality& preset) {
     return preset.maxKeyInterval() == 1 ? "ultrafast" : "veryfast";
 }
 
-VideoRecord::VideoRecord(LayoutPtr layout) : m_layout(std::move(layout)) {}
+VideoRecord::VideoRecord(LayoutPtr layout) : m_layout(std::move(layout)), m_name(m_layout->name()) {}
+
+VideoRecord::VideoRecord(QString name, const QString& bundlePath, const CaptureSettings& settings)
+    : m_name(std::move(name)) {
+    setPaths(bundlePath, settings);
+}
+
+void VideoRecord::setPaths(const QString& bundlePath, const CaptureSettings& settings) {
+    const QString name = Recorder::fileNamePart(m_name);
+    m_recordPath = QStringLiteral("%1/Video%2.%3").arg(bundlePath, name, QStringLiteral("mov"));
+    m_mergePath = QStringLiteral("%1/Merged%2.%3").arg(bundlePath, name, QStringLiteral("mp4"));
+    m_convertPath = QStringLiteral("%1/Converted%2.%3").arg(bundlePath, name, QStringLiteral("mp4"));
+    m_quality = VideoQuality::qualityNamed(settings.videoQuality);
+    m_framesPerSecond = settings.framesPerSecond;
+}
 
 VideoRecord::~VideoRecord() {
     stop();
@@ -31,13 +45,7 @@ bool VideoRecord::start(const QString& bundlePath, const CaptureSettings& settin
     if (m_recording) {
         return false;
     }
-    const QString name = Recorder::fileNamePart(m_layout->name());
-    m_recordPath = QStringLiteral("%1/Video%2.%3").arg(bundlePath, name, QStringLiteral("mov"));
-    m_mergePath = QStringLiteral("%1/Merged%2.%3").arg(bundlePath, name, QStringLiteral("mp4"));
-    m_convertPath = QStringLiteral("%1/Converted%2.%3").arg(bundlePath, name, QStringLiteral("mp4"));
-
-    m_quality = VideoQuality::qualityNamed(settings.videoQuality);
-    m_framesPerSecond = settings.framesPerSecond;
+    setPaths(bundlePath, settings);
     // A movie that is re-encoded at a fixed rate later is written near lossless first.
     VideoQualityPtr preset =
         m_framesPerSecond == QLatin1String("Original") ? m_quality : VideoQuality::recordingQuality();

@@ -16,8 +16,8 @@ namespace zandor {
 class CaptureData;
 
 // Writes the frames of one layout into an H.264 QuickTime movie, each at its own capture time in
-// milliseconds, the first appended frame at time zero. The movie is fragmented, a fragment at least
-// every second, so that a crash leaves a file that plays up to its last second.
+// milliseconds, the first appended frame at time zero. The movie is fragmented, a fragment every
+// half second, so that a crash leaves a file that plays up to its last half second.
 class VideoRecord {
 public:
     // The x264 speed preset for a quality preset. "veryfast" runs the user's presets at about four
@@ -28,6 +28,9 @@ public:
     static const char* encoderSpeed(const VideoQuality& preset);
 
     explicit VideoRecord(LayoutPtr layout);
+    // The movie a recording left in a bundle, by its layout's name, to be finalised; it is not
+    // written to.
+    VideoRecord(QString name, const QString& bundlePath, const CaptureSettings& settings);
     ~VideoRecord();
     VideoRecord(const VideoRecord&) = delete;
     VideoRecord& operator=(const VideoRecord&) = delete;
@@ -51,6 +54,8 @@ public:
     const QString& mergePath() const { return m_mergePath; }
     const QString& convertPath() const { return m_convertPath; }
     const LayoutPtr& layout() const { return m_layout; }
+    // The layout's name, kept for a recording finalised without its layouts.
+    const QString& name() const { return m_name; }
     const QString& framesPerSecond() const { return m_framesPerSecond; }
     const VideoQualityPtr& quality() const { return m_quality; }
 
@@ -65,8 +70,10 @@ private:
     // Sends a frame (null to flush) and writes every packet the encoder gives back.
     bool encode(const AVFrame* frame);
     bool stopWriter();
+    void setPaths(const QString& bundlePath, const CaptureSettings& settings);
 
     const LayoutPtr m_layout;
+    const QString m_name;
     QString m_framesPerSecond;
     VideoQualityPtr m_quality;
     QString m_recordPath;

@@ -3,13 +3,20 @@
 #include "HandBrakeWrapper.h"
 #include "SublerWrapper.h"
 #include "base/Log.h"
+#include "base/RegularFile.h"
+#include "media/FFmpeg.h"
+#include "settings/PropertyList.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QSaveFile>
 #include <QThread>
 
 #include <algorithm>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
 #include <thread>
 
 namespace zandor {
@@ -25,7 +32,18 @@ VideoRecorder::VideoRecorder(std::vector<LayoutPtr> layouts, CaptureSettings set
     m_audioNarratorRecord = std::make_unique<AudioRecord>(QStringLiteral("Narrator"), m_audioThread.get());
 }
 
+namespace {
+
+// What a recording was started with, written into its bundle so that a recovery needs nothing else.
+const QString ChoicesFile = QStringLiteral("Recording.plist");
+const QString ChoiceLayouts = QStringLiteral("Layouts");
+const QString ChoiceFramesPerSecond = QStringLiteral("FramesPerSecond");
+const QString ChoiceVideoQuality = QStringLiteral("VideoQuality");
+
+} // namespace
+
 VideoRecorder::~VideoRecorder() {
+    unlockBundle();
     // The narrator's input is never stopped by finalising; it ends with the recorder.
     m_audioNarratorRecord->stop();
     m_audioGameRecord->stop();
@@ -39,8 +57,7 @@ void VideoRecorder::setDelegate(std::shared_ptr<RecorderDelegate> delegate) {
 
 QString VideoRecorder::resultPath(const VideoRecord& record) const {
     if (m_videoRecords.size() > 1) {
-        return QStringLiteral("%1 %2.%3")
-            .arg(m_basePath, fileNamePart(record.layout()->name()), QStringLiteral("mp4"));
+        return QStringLiteral("%1 %2.%3").arg(m_basePath, fileNamePart(record.name()), QStringLiteral("mp4"));
     }
     return QStringLiteral("%1.%2").arg(m_basePath, QStringLiteral("mp4"));
 }
@@ -68,6 +85,12 @@ bool VideoRecorder::start() {
         return true;
     }
 
+    // Held from here until finalising ends; the choices make the bundle recoverable on its own.
+    lockBundle();
+    if (!writeChoices()) {
+        logs::recording.warning("Could not write the choices of the recording into %s",
+                                qUtf8Printable(m_bundlePath));
+    }
     bool success = true;
     for (const auto& record : m_videoRecords) {
         if (!record->start(m_bundlePath, m_settings)) {
@@ -133,6 +156,141 @@ void VideoRecorder::capturedLayouts() {
     if (success) {
         actualize();
     }
+    unlockBundle();
+}
+
+bool VideoRecorder::lockBundle() {
+    if (m_bundleLock < 0) {
+        m_bundleLock =
+            ::open(QFile::encodeName(m_bundlePath).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    }
+    if (m_bundleLock >= 0 && ::flock(m_bundleLock, LOCK_EX | LOCK_NB) == 0) {
+        return true;
+    }
+    unlockBundle();
+    return false;
+}
+
+void VideoRecorder::unlockBundle() {
+    if (m_bundleLock >= 0) {
+        ::close(m_bundleLock); // releases the lock
+        m_bundleLock = -1;
+    }
+}
+
+bool VideoRecorder::writeChoices() const {
+    QVariantList names;
+    for (const auto& record : m_videoRecords) {
+        names.append(record->name());
+    }
+    const QByteArray xml = PropertyList::dictionary({{ChoiceLayouts, names},
+                                                     {ChoiceFramesPerSecond, m_settings.framesPerSecond},
+                                                     {ChoiceVideoQuality, m_settings.videoQuality}})
+                               .toXml();
+    QSaveFile file(m_bundlePath + u'/' + ChoicesFile);
+    return file.open(QIODevice::WriteOnly) && file.write(xml) == xml.size() && file.commit();
+}
+
+QStringList VideoRecorder::abandonedBundles(const QString& storageFolder) {
+    QStringList abandoned;
+    const QDir folder(storageFolder);
+    for (const QString& name : folder.entryList({QStringLiteral("*.zdrecord")}, QDir::Dirs, QDir::Name)) {
+        const QString path = folder.filePath(name);
+        const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) == 0) {
+            abandoned.append(path);
+        }
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+    return abandoned;
+}
+
+std::shared_ptr<VideoRecorder> VideoRecorder::forBundle(const QString& bundlePath, QString& why) {
+    const QString bundle = QDir::cleanPath(QFileInfo(bundlePath).absoluteFilePath());
+    if (!bundle.endsWith(QStringLiteral(".zdrecord")) || !QFileInfo(bundle).isDir()) {
+        why = QStringLiteral("it is not a recording bundle (a folder named *.zdrecord)");
+        return nullptr;
+    }
+    CaptureSettings settings;
+    settings.storageFolder = QFileInfo(bundle).path();
+    QStringList names;
+    std::string xml;
+    if (RegularFile::read(QFile::encodeName(bundle + u'/' + ChoicesFile).toStdString(), 64 * 1024, xml) ==
+        RegularFile::Status::Read) {
+        const PropertyList choices = PropertyList::fromXml(QByteArray::fromStdString(xml));
+        for (const auto& [key, value] : choices.entries()) {
+            if (key == ChoiceLayouts) {
+                names = value.toStringList();
+            } else if (key == ChoiceFramesPerSecond &&
+                       CaptureSettings::frameRates().contains(value.toString())) {
+                settings.framesPerSecond = value.toString();
+            } else if (key == ChoiceVideoQuality) {
+                settings.videoQuality = value.toString();
+            }
+        }
+    }
+    if (names.isEmpty()) {
+        // A bundle from before its choices were written: its movies name the layouts, and the
+        // board's own timing is kept.
+        for (QString file : QDir(bundle).entryList({QStringLiteral("Video*.mov")}, QDir::Files, QDir::Name)) {
+            names.append(file.mid(5, file.size() - 9));
+        }
+    }
+    auto recorder = std::make_shared<VideoRecorder>(std::vector<LayoutPtr>{}, settings);
+    recorder->m_bundlePath = bundle;
+    recorder->m_basePath = bundle.chopped(9);
+    recorder->m_audioGameRecord->adopt(bundle);
+    for (const QString& name : names) {
+        auto record = std::make_shared<VideoRecord>(name, bundle, settings);
+        // A movie that cut off mid-fragment still plays up to its last whole second.
+        std::string error;
+        const ff::InputContext movie = ff::openInput(record->recordPath().toStdString(), error);
+        if (movie && av_find_best_stream(movie.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0) >= 0) {
+            recorder->m_videoRecords.insert(name, record);
+        }
+    }
+    if (recorder->m_videoRecords.isEmpty()) {
+        why = QStringLiteral("it holds no movie that can be read");
+        return nullptr;
+    }
+    return recorder;
+}
+
+bool VideoRecorder::recover() {
+    if (!lockBundle()) {
+        tryError(QStringLiteral("The recording is being recorded or finalised by another Zandor."));
+        return false;
+    }
+    m_done = false;
+    bool finished = false;
+    // Told through the delegate like a finalising, and also kept for the caller.
+    class Watch final : public RecorderDelegate {
+    public:
+        Watch(std::shared_ptr<RecorderDelegate> next, bool& done) : m_next(std::move(next)), m_done(done) {}
+        void recordDone() override {
+            m_done = true;
+            if (m_next) {
+                m_next->recordDone();
+            }
+        }
+        void recordError(const QString& message) override {
+            if (m_next) {
+                m_next->recordError(message);
+            }
+        }
+
+    private:
+        std::shared_ptr<RecorderDelegate> m_next;
+        bool& m_done;
+    };
+    const auto delegate = m_delegate;
+    m_delegate = std::make_shared<Watch>(delegate, finished);
+    actualize();
+    m_delegate = delegate;
+    unlockBundle();
+    return finished && !QFileInfo::exists(m_bundlePath);
 }
 
 void VideoRecorder::actualize() {

@@ -40,12 +40,27 @@ public:
     QString resultPath(const VideoRecord& record) const;
     const QMap<QString, std::shared_ptr<VideoRecord>>& videoRecords() const { return m_videoRecords; }
 
+    // Recovery of recordings that a crash, a kill or a power cut left unfinished. A bundle is held
+    // (locked) by the recorder that records or finalises it; one that nobody holds is abandoned.
+    static QStringList abandonedBundles(const QString& storageFolder);
+    // A recorder over an abandoned bundle, with the choices its recording was started with; null,
+    // with why, when the bundle holds no movie that can be read.
+    static std::shared_ptr<VideoRecorder> forBundle(const QString& bundlePath, QString& why);
+    // Finalises the bundle as a stopped recording is finalised, on the calling thread, reporting to
+    // the delegate. False when another process holds the bundle or a step failed.
+    bool recover();
+
 protected:
     bool capture(const LayoutPtr& layout, const ObserverPtr& observer) override;
     void capturedLayouts() override;
 
 private:
     void actualize();
+    // Holds the bundle for this process until finalising ends (or the process does); false when
+    // another holds it.
+    bool lockBundle();
+    void unlockBundle();
+    bool writeChoices() const;
     bool convert(VideoRecord& record);
     bool finish(VideoRecord& record);
     void tryError(const QString& message);
@@ -70,6 +85,7 @@ private:
     std::atomic<bool> m_writeFailed{false};
     // When the recording started, and the tools' limits measured from its length at the stop;
     // both are used on the recorder's thread after start() has returned.
+    int m_bundleLock = -1; // the bundle folder, flock()ed while recording and finalising
     std::chrono::steady_clock::time_point m_started;
     ToolLimits m_toolLimits;
 };

@@ -1,0 +1,74 @@
+#include "RecoverCommand.h"
+
+#include "base/CommandLine.h"
+#include "recording/VideoRecorder.h"
+#include "settings/CaptureSettings.h"
+#include "settings/PreferencesController.h"
+
+#include <QFileInfo>
+#include <QStringList>
+
+#include <cstdio>
+
+namespace zandor {
+
+namespace {
+
+// Says each failed step as it happens.
+class Report final : public RecorderDelegate {
+public:
+    explicit Report(QString bundle) : m_bundle(std::move(bundle)) {}
+    void recordDone() override {}
+    void recordError(const QString& message) override {
+        std::fprintf(stderr, "zandor-cli recover: %s: %s\n", qUtf8Printable(m_bundle),
+                     qUtf8Printable(message));
+    }
+
+private:
+    const QString m_bundle;
+};
+
+} // namespace
+
+int RecoverCommand::run(const CommandLine& options) {
+    PreferencesController& preferences = PreferencesController::instance();
+    preferences.setReadOnly(true);
+    QString folder = CaptureSettings::fromPreferences(preferences).storageFolder;
+    if (auto out = options.value("out")) {
+        if (!QFileInfo(QString::fromStdString(*out)).isDir()) {
+            std::fprintf(stderr, "zandor-cli recover: '%s' is not a folder\n", out->c_str());
+            return 2;
+        }
+        folder = QFileInfo(QString::fromStdString(*out)).absoluteFilePath();
+    }
+    QStringList bundles;
+    for (const std::string& bundle : options.positionals()) {
+        bundles.append(QString::fromStdString(bundle));
+    }
+    if (bundles.isEmpty()) {
+        bundles = VideoRecorder::abandonedBundles(folder);
+    }
+    int status = 0;
+    for (const QString& bundle : bundles) {
+        QString why;
+        auto recorder = VideoRecorder::forBundle(bundle, why);
+        if (!recorder) {
+            std::fprintf(stderr, "zandor-cli recover: Could not recover %s: %s\n", qUtf8Printable(bundle),
+                         qUtf8Printable(why));
+            status = 1;
+            continue;
+        }
+        recorder->setDelegate(std::make_shared<Report>(bundle));
+        if (!recorder->recover()) {
+            status = 1;
+        }
+        for (const auto& record : recorder->videoRecords()) {
+            if (QFileInfo::exists(recorder->resultPath(*record))) {
+                std::printf("%s\n", qUtf8Printable(recorder->resultPath(*record)));
+            }
+        }
+    }
+    return status;
+}
+
+} // namespace zandor

@@ -1,0 +1,76 @@
+// Recordings that a kill left unfinished: `zandor-cli recover` finishes the abandoned ones as a
+// stopped recording is finished, leaves alone one that is still recording, and names one it cannot.
+
+#include "Media.h"
+#include "Process.h"
+#include "PulseServer.h"
+#include "UserFolders.h"
+
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QTemporaryDir>
+
+#include <csignal>
+#include <string>
+
+namespace zandor {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(Recovery, AKilledRecordingIsFinishedWithItsSoundAndALiveOrUnreadableOneIsLeft) {
+    test::isolateUserFolders();
+    test::PulseServer pulse;
+    ASSERT_TRUE(pulse.isRunning()) << pulse.error();
+    const test::PulseServer::Playback game("game_sink", 440, 0, 30);
+    QTemporaryDir work;
+    const std::string out = work.path().toStdString();
+    const auto record = [&out](const char* seconds) {
+        return test::startProcess({ZANDOR_CLI, "record", "--board", "demo", "--seconds", seconds, "--layout",
+                                   "Top", "--game-audio", "GameIn", "--out", out});
+    };
+
+    // Killed without warning five seconds in, as a crash or a power cut would end it.
+    const pid_t killed = record("30");
+    ASSERT_GT(killed, 0);
+    EXPECT_FALSE(test::reapWithin(killed, 5s));
+    kill(killed, SIGKILL);
+    ASSERT_TRUE(test::reapWithin(killed, 10s));
+    const QStringList abandoned = QDir(work.path()).entryList({"*.zdrecord"}, QDir::Dirs);
+    ASSERT_EQ(abandoned.size(), 1);
+
+    // Beside it: a bundle whose movie is no movie, and a recording that is still going on.
+    const QString broken = work.path() + "/Capture 01_01_2026 00_00_00.zdrecord";
+    ASSERT_TRUE(QDir().mkpath(broken));
+    QFile junk(broken + "/VideoTop.mov");
+    ASSERT_TRUE(junk.open(QIODevice::WriteOnly) && junk.write("not a movie") > 0);
+    junk.close();
+    const pid_t live = record("60");
+    ASSERT_GT(live, 0);
+    EXPECT_FALSE(test::reapWithin(live, 3s));
+
+    const test::ProcessResult recovered = test::runProcess({ZANDOR_CLI, "recover", "--out", out});
+    test::endProcess(live);
+    EXPECT_EQ(recovered.exitCode, 1) << recovered.err;
+    const std::string movie = (work.path() + "/" + abandoned[0].chopped(9) + ".mp4").toStdString();
+    EXPECT_EQ(recovered.out, movie + "\n") << recovered.err;
+    std::vector<std::string> said = test::splitLines(recovered.err);
+    std::erase_if(said, [](const std::string& line) { return line.rfind("zandor-cli recover: ", 0) != 0; });
+    EXPECT_EQ(said, std::vector<std::string>{"zandor-cli recover: Could not recover " + broken.toStdString() +
+                                             ": it holds no movie that can be read"})
+        << recovered.err;
+    EXPECT_TRUE(QFileInfo(broken).isDir()) << "what cannot be recovered stays";
+    EXPECT_FALSE(QFileInfo::exists(work.path() + "/" + abandoned[0])) << "the recovered bundle goes";
+
+    const QJsonObject probed = test::probe(movie, {"-show_entries", "stream=codec_type,codec_name,duration"});
+    EXPECT_GE(test::streamWith(probed, "codec_type", "video")["duration"].toString().toDouble(), 4.0);
+    EXPECT_EQ(test::streamWith(probed, "codec_type", "audio")["codec_name"].toString(), "aac")
+        << "the game sound is merged";
+    const std::vector<int16_t> sound = test::decodeSound(movie);
+    ASSERT_GT(sound.size(), 44100u);
+    EXPECT_GT(*std::max_element(sound.begin(), sound.end()), 8000) << "the game's tone, not silence";
+}
+
+} // namespace
+} // namespace zandor
