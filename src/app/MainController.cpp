@@ -23,8 +23,10 @@
 
 #include <QApplication>
 #include <QCloseEvent>
+#include <QPushButton>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QGuiApplication>
 #include <QMessageBox>
 #include <QScreen>
@@ -205,6 +207,8 @@ void MainController::setupView() {
                     }
                 }
             });
+    // Once the window shows: the dialog is a sheet on it.
+    runLater(this, [this] { offerRecovery(); });
     const auto& layouts = LayoutController::instance().layouts();
     if (layouts.empty()) {
         // The application's own plugins are missing: show a screen alone rather than nothing.
@@ -487,6 +491,99 @@ void MainController::displayMessage(const QString& title, const QString& text, i
     alert->setWindowModality(Qt::WindowModal);
     alert->setAttribute(Qt::WA_DeleteOnClose);
     alert->open();
+}
+
+void MainController::offerRecovery() {
+    const QString folder = CaptureSettings::fromPreferences(PreferencesController::instance()).storageFolder;
+    const QStringList bundles = VideoRecorder::abandonedBundles(folder);
+    if (bundles.isEmpty()) {
+        return;
+    }
+    QStringList lines;
+    for (const QString& bundle : bundles) {
+        QString why;
+        const auto recorder = VideoRecorder::forBundle(bundle, why);
+        const auto seconds = recorder ? static_cast<int>(recorder->recordedSeconds()) : 0;
+        lines << QStringLiteral("%1: %2").arg(QFileInfo(bundle).completeBaseName(),
+                                              recorder
+                                                  ? QString::asprintf("%d:%02d", seconds / 60, seconds % 60)
+                                                  : QStringLiteral("nothing readable"));
+    }
+    auto* dialog = new QMessageBox(QMessageBox::Question, QStringLiteral("Zandor"),
+                                   QStringLiteral("Some recordings were not finished."),
+                                   QMessageBox::NoButton, m_mainWindow.get());
+    dialog->setObjectName(QStringLiteral("recoveryWindow"));
+    dialog->setInformativeText(
+        QStringLiteral("Zandor ended while these recordings were made or finalized. Recover them now?\n\n%1")
+            .arg(lines.join(u'\n')));
+    QPushButton* recover = dialog->addButton(QStringLiteral("Recover"), QMessageBox::AcceptRole);
+    dialog->addButton(QStringLiteral("Later"), QMessageBox::RejectRole);
+    QPushButton* remove = dialog->addButton(QStringLiteral("Delete"), QMessageBox::DestructiveRole);
+    dialog->setDefaultButton(recover);
+    dialog->setWindowModality(Qt::WindowModal);
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    connect(dialog, &QMessageBox::buttonClicked, this,
+            [this, bundles, recover, remove](QAbstractButton* button) {
+                if (button == recover) {
+                    recoverBundles(bundles);
+                } else if (button == remove) {
+                    for (const QString& bundle : bundles) {
+                        QDir(bundle).removeRecursively();
+                    }
+                }
+            });
+    dialog->open();
+}
+
+void MainController::recoverBundles(const QStringList& bundles) {
+    displayStatus(QStringLiteral("Recovering video..."));
+    // Finalising runs the tools; the window stays responsive meanwhile.
+    DetachedThread::start("zandor-recover", [controller = QPointer<MainController>(this), bundles] {
+        // Collects the steps that failed, as a recording's finalising reports them.
+        class Errors final : public RecorderDelegate {
+        public:
+            void recordDone() override {}
+            void recordError(const QString& message) override { messages << message; }
+            QStringList messages;
+        };
+        QStringList made, failed;
+        double seconds = 0;
+        for (const QString& bundle : bundles) {
+            QString why;
+            const auto recorder = VideoRecorder::forBundle(bundle, why);
+            auto errors = std::make_shared<Errors>();
+            if (recorder) {
+                recorder->setDelegate(errors);
+                if (recorder->recover()) {
+                    seconds += recorder->recordedSeconds();
+                }
+                for (const auto& record : recorder->videoRecords()) {
+                    if (QFileInfo::exists(recorder->resultPath(*record))) {
+                        made << QFileInfo(recorder->resultPath(*record)).fileName();
+                    }
+                }
+            } else {
+                errors->messages << why;
+            }
+            if (!errors->messages.isEmpty()) {
+                failed << QStringLiteral("%1: %2").arg(QFileInfo(bundle).fileName(),
+                                                       errors->messages.join(u' '));
+            }
+        }
+        runLater(controller, [controller, made, failed, seconds] {
+            controller->hideStatus();
+            if (failed.isEmpty()) {
+                controller->displayMessage(QStringLiteral("The recordings were recovered."),
+                                           QStringLiteral("%1 seconds were saved: %2")
+                                               .arg(static_cast<int>(seconds))
+                                               .arg(made.join(QStringLiteral(", "))),
+                                           1, QStringLiteral("toolbar_record"));
+            } else {
+                controller->displayMessage(QStringLiteral("Could not recover every recording."),
+                                           failed.join(u'\n'), 2, QStringLiteral("toolbar_record"));
+            }
+        });
+    });
 }
 
 void MainController::showAbout() {

@@ -102,6 +102,11 @@ public:
     static QRect layoutViewFrame(QSize content, QSize natural, bool resizable, bool fullScreen, int maxScale,
                                  QPoint currentOrigin);
 
+    // Offers to recover, in one window-modal dialog, the recordings of the storage folder that an
+    // earlier run left unfinished: "Recover" finishes them in the background and says how much was
+    // saved, "Later" leaves them, "Delete" removes the listed bundles.
+    void offerRecovery();
+
     // Stops the picture and waits, bounded, for the pipeline's threads; waits for a recording
     // that is being finalised, so that no finished file is lost at quit.
     void shutdown();
@@ -114,6 +119,7 @@ private:
     // One step of the record button's blinking while the current video recorder is not done; puts
     // the items back once it is.
     void blinkRecording();
+    void recoverBundles(const QStringList& bundles);
     QSize decoration() const;
     // A window frame of the given size whose lower-left corner stays where the window's is.
     QRect keepLowerLeft(QSize size) const;

@@ -49,6 +49,8 @@ public:
     // Finalises the bundle as a stopped recording is finalised, on the calling thread, reporting to
     // the delegate. False when another process holds the bundle or a step failed.
     bool recover();
+    // How long the recovered recording lasts, from its longest movie.
+    double recordedSeconds() const { return m_recordedSeconds; }
 
 protected:
     bool capture(const LayoutPtr& layout, const ObserverPtr& observer) override;
@@ -85,6 +87,7 @@ private:
     std::atomic<bool> m_writeFailed{false};
     // When the recording started, and the tools' limits measured from its length at the stop;
     // both are used on the recorder's thread after start() has returned.
+    double m_recordedSeconds = 0;
     int m_bundleLock = -1; // the bundle folder, flock()ed while recording and finalising
     std::chrono::steady_clock::time_point m_started;
     ToolLimits m_toolLimits;
