@@ -249,8 +249,9 @@ std::shared_ptr<VideoRecorder> VideoRecorder::forBundle(const QString& bundlePat
         const ff::InputContext movie = ff::openInput(record->recordPath().toStdString(), error);
         if (movie && av_find_best_stream(movie.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0) >= 0) {
             recorder->m_videoRecords.insert(name, record);
-            recorder->m_recordedSeconds = std::max(
-                recorder->m_recordedSeconds, static_cast<double>(std::max<int64_t>(movie->duration, 0)) / AV_TIME_BASE);
+            recorder->m_recordedSeconds =
+                std::max(recorder->m_recordedSeconds,
+                         static_cast<double>(std::max<int64_t>(movie->duration, 0)) / AV_TIME_BASE);
         }
     }
     if (recorder->m_videoRecords.isEmpty()) {
