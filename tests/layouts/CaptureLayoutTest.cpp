@@ -178,6 +178,35 @@ INSTANTIATE_TEST_SUITE_P(
                        <object type="image" x="0" y="0" resource="frame.png"/>)"}),
     [](const auto& info) { return std::string(info.param.name); });
 
+// Positions at the ends of the 64-bit range (and past it, read as the largest) lie wholly outside the
+// canvas: nothing is drawn, and the arithmetic placing them neither overflows nor wraps them back in.
+TEST_F(CaptureLayoutTest, ObjectsFarOutsideTheCanvasDrawNothing) {
+    std::mt19937 random(7);
+    auto layout = CaptureLayout::createWithPlugin(
+        plugin(test::layoutDescriptor("Far", 1, 400, 300,
+                                      R"(<object type="screen_top" x="9223372036854775807" y="0"/>
+                      <object type="screen_bottom" x="0" y="99999999999999999999999"/>
+                      <object type="screen_top" x="-9223372036854775808" y="9223372036854775807"/>
+                      <object type="screen_bottom" x="-9223372036854775808" y="-9223372036854775808"/>
+                      <object type="image" x="9223372036854775807" y="9223372036854775807" resource="a.png"/>
+                      <object type="image" x="-9223372036854775808" y="-1" resource="a.png"/>)",
+                                      R"(<background r="1" g="2" b="3"/>)"),
+               {{"a.png", randomImage(random, 20, 20)}}),
+        m_device);
+    std::vector<uint8_t> background(layout->size());
+    for (uint64_t i = 0; i < background.size(); ++i) {
+        background[i] = uint8_t(1 + i % 3);
+    }
+    layout->startListening();
+    auto top = CaptureData::create(CaptureLayout::TopWidth * CaptureLayout::ScreenHeight * 3);
+    auto bottom = CaptureData::create(CaptureLayout::BottomWidth * CaptureLayout::ScreenHeight * 3);
+    std::fill(top->data(), top->data() + top->size(), uint8_t(200));
+    std::fill(bottom->data(), bottom->data() + bottom->size(), uint8_t(100));
+    const auto result = layout->composite(top, bottom);
+    EXPECT_TRUE(std::equal(background.begin(), background.end(), result->data()));
+    layout->stopListening();
+}
+
 TEST_F(CaptureLayoutTest, PairsScreensOnlyWhenBothDeliver) {
     auto layout = CaptureLayout::createWithPlugin(
         plugin(test::layoutDescriptor(
