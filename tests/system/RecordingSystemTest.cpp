@@ -234,12 +234,10 @@ TEST_F(RecordingSystemTest, AStorageFolderWhereNoBundleCanBeMadeIsLogged) {
 }
 
 TEST_F(RecordingSystemTest, AnAudioInputThatIsGoneStopsTheStart) {
-    for (const auto& audio :
-         {std::vector<std::string>{"--game-audio", "GoneIn"},
-          std::vector<std::string>{"--game-audio", "GameIn", "--narrator-audio", "GoneIn"}}) {
-        std::vector<std::string> options = {"--seconds", "1", "--layout", "Top"};
-        options.insert(options.end(), audio.begin(), audio.end());
-        const ProcessResult run = record(options);
+    for (const char* narrator : {"None", "GoneIn"}) {
+        const ProcessResult run =
+            record({"--seconds", "1", "--layout", "Top", "--game-audio",
+                    narrator == std::string("None") ? "GoneIn" : "GameIn", "--narrator-audio", narrator});
         EXPECT_EQ(run.exitCode, 1);
         EXPECT_TRUE(contains(run.err, "Could not construct connection of audio recording session\n"))
             << run.err;
@@ -277,8 +275,8 @@ struct FinalisingFault {
     Tool tool;
     const char* fps;
     const char* message;
-    // Run in a mount namespace of its own whose storage folder is a small memory file system
-    // ("full") or can be made read-only by a tool ("private"); the tool then says `toolSays`.
+    // A shell line that prepares a mount namespace of its own for the run, where a tool can fill the
+    // storage folder or make it read-only; the tool then says `toolSays`.
     const char* mounts = nullptr;
     const char* toolSays = nullptr;
 };
@@ -302,17 +300,9 @@ TEST_P(FinalisingFailureTest, KeepsTheRecordingWhereTheMessageSays) {
         }
         kept = m_work.path() + "/kept";
         ASSERT_TRUE(QDir().mkpath(kept));
-        wrapper = {"unshare",
-                   "-m",
-                   "sh",
-                   "-c",
-                   std::string(fault.mounts == std::string("full")
-                                   ? "mount -t tmpfs -o size=64m zandor-full \"$1\" || exit 90; "
-                                   : "") +
-                       "out=$1 keep=$2; shift 2; \"$@\"; status=$?; cp -a \"$out/.\" \"$keep\"; exit $status",
-                   "sh",
-                   out().toStdString(),
-                   kept.toStdString()};
+        const std::string script = fault.mounts + std::string("out=$1 keep=$2; shift 2; \"$@\"; status=$?; "
+                                                              "cp -a \"$out/.\" \"$keep\"; exit $status");
+        wrapper = {"unshare", "-m", "sh", "-c", script, "sh", out().toStdString(), kept.toStdString()};
     }
     const ProcessResult run =
         record({"--seconds", "2", "--layout", "Top", "--fps", fault.fps, "--game-audio", "GameIn"},
@@ -362,14 +352,14 @@ INSTANTIATE_TEST_SUITE_P(
                         {"SublerCLI", "cat /dev/zero > \"${4%/*}/../filler\" 2>/dev/null"},
                         "Original",
                         MergeVideo,
-                        "full",
+                        "mount -t tmpfs -o size=64m zandor-full \"$1\" || exit 90; ",
                         "No space left on device"},
         FinalisingFault{"FolderTurnsReadOnly",
                         {"SublerCLI", "d=\"${4%/*}/..\"; mount --bind \"$d\" \"$d\" && "
                                       "mount -o remount,bind,ro \"$d\" || exit 91"},
                         "Original",
                         MergeVideo,
-                        "private",
+                        "",
                         "Read-only file system"}),
     [](const ::testing::TestParamInfo<FinalisingFault>& info) { return std::string(info.param.name); });
 
