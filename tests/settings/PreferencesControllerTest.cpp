@@ -160,25 +160,27 @@ TEST_F(PreferencesStore, UnknownKeysOfAnyTypeSurviveRewrites) {
     EXPECT_EQ(written, unknown);
 }
 
+// What the preferences file holds: `text`, or what `make` gives, or a `special` file: "fifo", or the
+// file the preferences are a link to.
 struct UnusableFile {
     const char* name;
-    QByteArray (*contents)();
-    const char* special = nullptr; // "fifo", or the file the preferences are a link to
+    const char* text = nullptr;
+    QByteArray (*make)() = nullptr;
+    const char* special = nullptr;
 };
 
 class UnusableFileTest : public PreferencesStore, public testing::WithParamInterface<UnusableFile> {};
 
 TEST_P(UnusableFileTest, KeepsTheDefaultsSaysWhyAndIsKeptAsideWhenTheFirstChangeReplacesIt) {
     const UnusableFile& file = GetParam();
-    const std::string special = file.special ? file.special : "";
-    if (special == "fifo") {
+    const QByteArray before = file.text ? QByteArray(file.text) : file.make ? file.make() : QByteArray();
+    if (file.special && file.special == std::string_view("fifo")) {
         mkfifo(qPrintable(path()), 0600);
-    } else if (!special.empty()) {
+    } else if (file.special) {
         QFile::link(file.special, path());
     } else {
-        writeFile(file.contents());
+        writeFile(before);
     }
-    const QByteArray before = special.empty() ? file.contents() : QByteArray();
     LogCapture log;
     PreferencesController store(path());
     EXPECT_EQ(store.preference(PreferenceCaptureImageFormat), QVariant(QString("PNG")));
@@ -190,29 +192,20 @@ TEST_P(UnusableFileTest, KeepsTheDefaultsSaysWhyAndIsKeptAsideWhenTheFirstChange
     EXPECT_EQ(entries().size(), 10) << "the defaults and nothing of the unusable file";
     const QFileInfo aside(path() + ".bad");
     EXPECT_TRUE(aside.exists() || aside.isSymLink());
-    if (!before.isNull()) {
-        EXPECT_TRUE(test::readFile(aside.filePath()) == before)
-            << "the file kept aside is the user's, byte for byte";
-    }
+    EXPECT_TRUE(file.special || test::readFile(aside.filePath()) == before)
+        << "the file kept aside is the user's, byte for byte";
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Files, UnusableFileTest,
     testing::Values(
-        UnusableFile{"Empty", [] { return QByteArray(""); }},
-        UnusableFile{"NotXml", [] { return QByteArray("not a property list"); }},
-        UnusableFile{"Truncated",
-                     [] {
-                         return QByteArray(
-                             R"(<?xml version="1.0"?><plist version="1.0"><dict><key>A</key><string>J)");
-                     }},
-        UnusableFile{
-            "NoDictionary",
-            [] { return QByteArray(R"(<?xml version="1.0"?><plist version="1.0"><array/></plist>)"); }},
+        UnusableFile{"Empty", ""}, UnusableFile{"NotXml", "not a property list"},
+        UnusableFile{"Truncated", R"(<?xml version="1.0"?><plist version="1.0"><dict><key>A</key><string>J)"},
+        UnusableFile{"NoDictionary", R"(<?xml version="1.0"?><plist version="1.0"><array/></plist>)"},
         // Nested too deep for the parser's stack, and deeper than we keep.
-        UnusableFile{"Nested100000Deep", [] { return nested(100000); }},
-        UnusableFile{"Nested1000Deep", [] { return nested(1000); }},
-        UnusableFile{"HalfAMillionKeys",
+        UnusableFile{"Nested100000Deep", nullptr, [] { return nested(100000); }},
+        UnusableFile{"Nested1000Deep", nullptr, [] { return nested(1000); }},
+        UnusableFile{"HalfAMillionKeys", nullptr,
                      [] {
                          QByteArray keys;
                          for (int i = 0; i < 500000; ++i) {
@@ -221,8 +214,8 @@ INSTANTIATE_TEST_SUITE_P(
                          return R"(<?xml version="1.0"?><plist version="1.0"><dict>)" + keys +
                                 "</dict></plist>";
                      }},
-        UnusableFile{"NamedPipe", [] { return QByteArray(); }, "fifo"},
-        UnusableFile{"LinkToDevZero", [] { return QByteArray(); }, "/dev/zero"}),
+        UnusableFile{"NamedPipe", nullptr, nullptr, "fifo"},
+        UnusableFile{"LinkToDevZero", nullptr, nullptr, "/dev/zero"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(PreferencesStore, AnInvalidValueRemovesTheKeyFromMemoryAndFile) {
