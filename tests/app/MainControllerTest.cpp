@@ -29,18 +29,14 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A board that is never there, or (forbidden) plugged in with a device node that is not ours to open.
+// A board that is never there.
 class MissingBoard final : public test::GatedBoard {
 public:
-    explicit MissingBoard(bool forbidden = false) : m_forbidden(forbidden) {}
     bool openDeviceWithVidPid(uint16_t, uint16_t) override { return false; }
     int openError(std::string& node) override {
-        node = m_forbidden ? "/dev/bus/usb/001/002" : "";
-        return m_forbidden ? usb::ErrorAccess : usb::ErrorNotFound;
+        node.clear();
+        return usb::ErrorNotFound;
     }
-
-private:
-    bool m_forbidden;
 };
 
 TEST(WindowSizing, KeepsProportionsAndNeverShrinksBelowNaturalSize) {
@@ -163,7 +159,9 @@ TEST_F(MainControllerTest, PlayWithoutABoardSaysSoAndStaysStopped) {
 
     // A board we may not open: the same alert, with the rule to install behind its details.
     stop();
-    start(std::make_unique<MissingBoard>(true)).playPauseItem->trigger();
+    auto locked = std::make_unique<test::GatedBoard>();
+    locked->lockOut(true);
+    start(std::move(locked)).playPauseItem->trigger();
     EXPECT_EQ(alerts(true),
               QStringList{alert + " | Zandor may not open the capture board's USB device. Install the "
                                   "udev rule 70-zandor-capture.rules, then plug the board in again:\n"
