@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QThread>
@@ -14,20 +13,14 @@
 namespace zandor {
 namespace {
 
-// The audio inputs of a private sound server ("GameIn", "NarratorIn"). One for the whole suite: Qt's
-// audio devices stay with the server they first met, also when the tests run in one process.
+// The audio inputs of a private sound server ("GameIn", "NarratorIn"), started after the user folders
+// are isolated, which would otherwise hide it.
 class AudioRecordTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() {
-        test::isolateUserFolders(); // before the server, which it would otherwise hide
-        s_pulse = new test::PulseServer;
-    }
-    static void TearDownTestSuite() {
-        delete s_pulse;
-        s_pulse = nullptr;
-    }
     void SetUp() override {
-        ASSERT_TRUE(s_pulse->isRunning()) << s_pulse->error();
+        test::isolateUserFolders();
+        m_pulse = std::make_unique<test::PulseServer>();
+        ASSERT_TRUE(m_pulse->isRunning()) << m_pulse->error();
         m_thread.start();
     }
     void TearDown() override {
@@ -35,23 +28,10 @@ protected:
         m_thread.wait();
     }
 
-    static inline test::PulseServer* s_pulse = nullptr;
+    std::unique_ptr<test::PulseServer> m_pulse;
     QThread m_thread;
     QTemporaryDir m_bundle;
 };
-
-TEST_F(AudioRecordTest, NoInputChosenRecordsNothingAndSaysSo) {
-    for (const QString& choice : {QStringLiteral("None"), QString()}) {
-        LogCapture log;
-        AudioRecord game(QStringLiteral("Game"), &m_thread);
-        EXPECT_TRUE(game.start(choice, m_bundle.path(), true));
-        EXPECT_FALSE(game.isRecording());
-        EXPECT_FALSE(game.stop());
-        EXPECT_EQ(log.lines(), std::vector<std::string>{"No audio device selected for 'Game'"})
-            << "stopping an idle record logs nothing";
-    }
-    EXPECT_TRUE(QDir(m_bundle.path()).isEmpty());
-}
 
 // A finished file is reported, and one that cannot be written (a full disk) makes stop() say so,
 // which the video recorder turns into its message.

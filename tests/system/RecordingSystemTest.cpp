@@ -196,6 +196,7 @@ TEST_F(RecordingSystemTest, FixedFrameRateIsMadeByTheConvertingToolAfterTheSound
     const ProcessResult run =
         record({"--seconds", "2", "--layout", "Top", "--fps", "30", "--game-audio", "GameIn"}, installWith());
     ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_TRUE(contains(run.err, "No audio device selected for 'Narrator'\n")) << run.err;
     EXPECT_EQ(test::readLines(calls()),
               (QStringList{"SublerCLI VideoTop.mov MergedTop.mp4", "SublerCLI AudioGame.mov MergedTop.mp4",
                            "HandBrakeCLI MergedTop.mp4 ConvertedTop.mp4"}));
