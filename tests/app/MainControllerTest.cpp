@@ -301,8 +301,6 @@ TEST_F(MainControllerTest, TheRecordButtonFollowsTheRecordingStartedWhileAnother
     EXPECT_EQ(QDir(m_storage.path()).entryList({"Capture *.mp4"}, QDir::Files).size(), 2);
 }
 
-// Failures the user would otherwise not see: a recording that cannot write is refused, not shown
-// as running; settings that cannot be saved are said once.
 TEST_F(MainControllerTest, ARecordingThatCannotWriteIsRefusedAndUnsavedSettingsAreSaidOnce) {
     ASSERT_TRUE(test::writeFile(m_storage.path() + "/file"));
     PreferencesController& preferences = PreferencesController::instance();

@@ -111,8 +111,7 @@ TEST_F(ShellCommandTest, WrappersPassTheirExactArgumentListsWithoutAShell) {
                            "--rate", "30", "--vb", "2500", "--aencoder", "copy:aac", "--optimize"}));
 }
 
-// A tool that overstays its limits is ended with everything it started, and counted as failed;
-// output, a progress mark as much as a line, shows it is alive.
+// Output, a progress mark as much as a line, shows a tool is alive.
 TEST_F(ShellCommandTest, AToolThatOverstaysItsLimitsIsEndedWithWhatItStarted) {
     using namespace std::chrono_literals;
     writeTool("hangs", "sleep 60 & echo $! > \"$(dirname \"$0\")/child\"\necho started\nwait\n");
@@ -142,40 +141,35 @@ class SublerCliTest : public ::testing::Test {
 protected:
     static constexpr const char* VideoStart = "1763760000.000000";
 
-    static void SetUpTestSuite() {
-        s_media = new QTemporaryDir(QDir::tempPath() + "/zandor media XXXXXX");
-        const std::vector<std::string> video = {"-f",   "lavfi",  "-i", "testsrc=size=400x240:rate=60",
-                                                "-c:v", "libx264"};
-        const std::vector<std::string> sound = {"-f", "lavfi", "-i", "sine=frequency=440", "-c:a", "aac"};
+    // A second of a picture and of sounds, the sounds captured with the video, later, earlier.
+    void SetUp() override {
+        const std::vector<std::string> video = {"testsrc=size=400x240:rate=60", "-c:v", "libx264"};
+        const std::vector<std::string> sound = {"sine=frequency=440", "-c:a", "aac"};
         for (const auto& [name, input, captureStart] : {std::tuple{"video file.mov", video, VideoStart},
                                                         {"audio file.mov", sound, nullptr},
                                                         {"audio later.mov", sound, "1763760000.500000"},
                                                         {"audio earlier.mov", sound, "1763759999.700000"}}) {
-            std::vector<std::string> command{"ffmpeg", "-v", "error", "-y"};
+            std::vector<std::string> command{"ffmpeg", "-v", "error", "-f", "lavfi", "-i"};
             command.insert(command.end(), input.begin(), input.end());
-            command.insert(command.end(), {"-t", "1", "-f", "mov"});
+            command.insert(command.end(), {"-t", "1", "-f", "mov", "-movflags", "use_metadata_tags"});
             if (captureStart) {
-                command.insert(command.end(), {"-movflags", "use_metadata_tags", "-metadata",
-                                               std::string("zandor_capture_start=") + captureStart});
+                command.insert(command.end(),
+                               {"-metadata", std::string("zandor_capture_start=") + captureStart});
             }
             command.push_back(path(name));
             const ProcessResult made = runProcess(command);
             ASSERT_EQ(made.exitCode, 0) << made.err;
         }
     }
-    static void TearDownTestSuite() {
-        delete s_media;
-        s_media = nullptr;
-    }
 
-    static std::string path(const char* name) { return s_media->filePath(name).toStdString(); }
+    std::string path(const char* name) const { return m_media.filePath(name).toStdString(); }
     std::string work(const char* name) const { return m_work.filePath(name).toStdString(); }
     QStringList workFiles() const { return QDir(m_work.path()).entryList(QDir::Files | QDir::Hidden); }
     static ProcessResult subler(const std::string& source, const std::string& destination) {
         return runProcess({ZANDOR_SUBLERCLI, "-source", source, "-dest", destination});
     }
 
-    static inline QTemporaryDir* s_media = nullptr;
+    QTemporaryDir m_media{QDir::tempPath() + "/zandor media XXXXXX"};
     QTemporaryDir m_work{QDir::tempPath() + "/zandor work XXXXXX"};
 };
 
