@@ -3,11 +3,11 @@
 #include "GatedBoard.h"
 #include "Media.h"
 #include "UserFolders.h"
-#include "base/DetachedThread.h"
-#include "capture/CaptureDevice.h"
 #include "capture/CaptureScreen.h"
 #include "layouts/CaptureLayout.h"
 #include "recording/ImageRecorder.h"
+#include "recording/ShellCommand.h"
+#include "recording/VideoRecorder.h"
 
 #include <gtest/gtest.h>
 
@@ -17,13 +17,14 @@
 #include <QTemporaryDir>
 
 #include <atomic>
+#include <mutex>
 
 namespace zandor {
 namespace {
 
 using namespace std::chrono_literals;
 
-// Counts the hooks; finished with a layout after `framesPerLayout` frames of it (0: never).
+// Counts the hooks; finished with a layout after `framesPerLayout` frames of it.
 class CountingRecorder final : public Recorder {
 public:
     CountingRecorder(std::vector<LayoutPtr> layouts, int framesPerLayout)
@@ -36,13 +37,28 @@ public:
 protected:
     bool capture(const LayoutPtr& layout, const ObserverPtr& observer) override {
         Recorder::capture(layout, observer);
-        return m_framesPerLayout > 0 && ++m_seen[layout->name()] >= m_framesPerLayout;
+        return ++m_seen[layout->name()] >= m_framesPerLayout;
     }
     void capturedLayouts() override { ++captured; }
 
 private:
     int m_framesPerLayout;
     std::map<QString, int> m_seen; // the recorder's thread only
+};
+
+class Delegate final : public RecorderDelegate {
+public:
+    void recordDone() override {
+        std::scoped_lock lock(m_mutex);
+        done = true;
+    }
+    void recordError(const QString& message) override {
+        std::scoped_lock lock(m_mutex);
+        errors.append(message);
+    }
+    std::mutex m_mutex;
+    bool done = false;
+    QStringList errors;
 };
 
 class RecorderTest : public test::GatedDeviceTest {
@@ -52,17 +68,50 @@ protected:
         GatedDeviceTest::SetUp();
         m_settings.storageFolder = m_folder.path();
     }
+    void TearDown() override {
+        ShellCommand::setToolFolder({});
+        GatedDeviceTest::TearDown();
+    }
 
     QStringList files() const { return QDir(m_folder.path()).entryList(QDir::Files, QDir::Name); }
 
+    std::shared_ptr<ImageRecorder> screenshot(const std::vector<LayoutPtr>& layouts) {
+        auto recorder = std::make_shared<ImageRecorder>(layouts, m_settings);
+        recorder->start();
+        EXPECT_TRUE(m_device->isListening() || m_device->startListening());
+        EXPECT_TRUE(recorder->waitUntilFinished(20s));
+        return recorder;
+    }
+
+    // Records with stand-in tools until the first layout has given ten frames, then stops and waits
+    // for finalising.
+    std::shared_ptr<VideoRecorder> recordVideo(const std::vector<LayoutPtr>& layouts,
+                                               const std::shared_ptr<Delegate>& delegate,
+                                               const QByteArray& converterFirst = {}) {
+        EXPECT_TRUE(test::writeStandInTools(m_tools.path(), converterFirst));
+        ShellCommand::setToolFolder(m_tools.path());
+        auto recorder = std::make_shared<VideoRecorder>(layouts, m_settings);
+        recorder->setDelegate(delegate);
+        auto watch = layouts.front()->addObserver(m_wakeup);
+        EXPECT_TRUE(recorder->start());
+        EXPECT_TRUE(m_device->startListening());
+        EXPECT_EQ(test::takeFrames(*layouts.front(), watch, *m_wakeup, 10).size(), 10u);
+        layouts.front()->removeObserver(watch);
+        recorder->stop();
+        EXPECT_TRUE(recorder->waitUntilFinished(60s));
+        return recorder;
+    }
+
     QTemporaryDir m_folder;
+    QTemporaryDir m_tools;
     CaptureSettings m_settings;
     LayoutPtr m_top = CaptureLayout::createWithScreen(m_device->screen(0), "Top");
     LayoutPtr m_bottom = CaptureLayout::createWithScreen(m_device->screen(1), "Bottom");
 };
 
-TEST_F(RecorderTest, HandsOneFramePerLayoutAndFinishesOnceHoweverManyWait) {
+TEST_F(RecorderTest, HandsOneFramePerLayoutAndFinishesOnceWhenStopped) {
     auto recorder = std::make_shared<CountingRecorder>(std::vector<LayoutPtr>{m_top, m_bottom}, 1);
+    EXPECT_TRUE(recorder->stop()) << "stopping before starting is harmless";
     auto watch = m_top->addObserver(m_wakeup);
     ASSERT_TRUE(recorder->start());
     EXPECT_TRUE(recorder->start()) << "a second start changes nothing";
@@ -71,23 +120,11 @@ TEST_F(RecorderTest, HandsOneFramePerLayoutAndFinishesOnceHoweverManyWait) {
     ASSERT_EQ(test::takeFrames(*m_top, watch, *m_wakeup, 12).size(), 12u);
     EXPECT_EQ(recorder->captured, 1);
     EXPECT_TRUE(recorder->isRecording()) << "the base does not stop by itself";
+    m_top->removeObserver(watch);
     recorder->stop();
     ASSERT_TRUE(recorder->waitUntilFinished(20s));
     EXPECT_EQ(recorder->captured, 1) << "the thread's final check finds the run finished";
     EXPECT_EQ(recorder->seen(), (std::map<QString, int>{{"Bottom", 1}, {"Top", 1}}));
-    m_top->removeObserver(watch);
-    m_top->stopListening();
-}
-
-TEST_F(RecorderTest, ARecorderThatNeverFinishesIsFinishedByStop) {
-    auto recorder = std::make_shared<CountingRecorder>(std::vector<LayoutPtr>{m_top}, 0);
-    EXPECT_TRUE(recorder->stop()) << "stopping before starting is harmless";
-    ASSERT_TRUE(recorder->start());
-    ASSERT_TRUE(m_device->startListening());
-    EXPECT_FALSE(recorder->waitUntilFinished(100ms));
-    recorder->stop();
-    ASSERT_TRUE(recorder->waitUntilFinished(20s));
-    EXPECT_EQ(recorder->captured, 1);
     EXPECT_FALSE(m_top->isListening()) << "the layout stops once its last consumer left";
 }
 
@@ -95,94 +132,109 @@ TEST(RecorderNames, DateStampsAreDayMonthYearAndTime) {
     EXPECT_EQ(Recorder::stringWithDate(QDateTime(QDate(2014, 3, 5), QTime(18, 7, 9))), "05_03_2014 18_07_09");
 }
 
-TEST_F(RecorderTest, AScreenshotIsTheLayoutsFrameByteForByte) {
-    auto watch = m_bottom->addObserver(m_wakeup);
-    auto recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_bottom}, m_settings);
-    recorder->start();
-    ASSERT_TRUE(m_device->startListening());
-    ASSERT_TRUE(recorder->waitUntilFinished(20s));
+// Each layout's frame, byte for byte as ffmpeg decodes the file, in a file told apart by the layout's
+// name after the stamp (the two may fall in different seconds).
+TEST_F(RecorderTest, AScreenshotIsEachLayoutsFrameByteForByte) {
+    std::vector<std::pair<LayoutPtr, ObserverPtr>> watched;
+    for (const LayoutPtr& layout : {m_top, m_bottom}) {
+        watched.emplace_back(layout, layout->addObserver(m_wakeup));
+    }
+    auto recorder = screenshot({m_top, m_bottom});
     EXPECT_FALSE(recorder->isRecording()) << "a screenshot recorder stops itself";
-    auto frames = test::takeFrames(*m_bottom, watch, *m_wakeup, 1);
-    ASSERT_EQ(frames.size(), 1u);
-
-    ASSERT_EQ(files().size(), 1);
-    const QString name = files().first();
-    EXPECT_TRUE(QRegularExpression("^Screenshot \\d\\d_\\d\\d_\\d{4} \\d\\d_\\d\\d_\\d\\d\\.png$")
-                    .match(name)
-                    .hasMatch())
-        << name.toStdString();
-    EXPECT_EQ(recorder->savedFiles(), QStringList{m_folder.path() + "/" + name});
-    // Decoded by ffmpeg rather than by the library that wrote it.
-    const std::string pixels =
-        test::runProcess({"ffmpeg", "-v", "error", "-i", (m_folder.path() + "/" + name).toStdString(), "-f",
-                          "rawvideo", "-pix_fmt", "rgb24", "-"})
-            .out;
-    ASSERT_EQ(pixels.size(), frames[0]->size());
-    EXPECT_EQ(std::memcmp(pixels.data(), frames[0]->data(), pixels.size()), 0);
-    m_bottom->removeObserver(watch);
-    m_bottom->stopListening();
-}
-
-TEST_F(RecorderTest, TwoLayoutsAreToldApartByNameAndOtherFormatsGiveJpeg) {
-    m_settings.imageFormat = "JPEG2000";
-    auto recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_top, m_bottom}, m_settings);
-    recorder->start();
-    ASSERT_TRUE(m_device->startListening());
-    ASSERT_TRUE(recorder->waitUntilFinished(20s));
-    // The two may fall in different seconds: told apart by what follows the stamp.
-    QStringList kinds = files().replaceInStrings(QRegularExpression("^Screenshot [0-9_ ]+ "), "");
-    kinds.sort();
-    ASSERT_EQ(kinds, (QStringList{"Bottom.jpg", "Top.jpg"})) << files().join(", ").toStdString();
-    const auto probed =
-        test::probe((m_folder.path() + "/" + files().filter(" Top.jpg").first()).toStdString(),
-                    {"-show_entries", "stream=codec_name,width"});
-    EXPECT_EQ(probed["streams"][0][u"codec_name"], "mjpeg");
-    EXPECT_EQ(probed["streams"][0][u"width"], 400);
+    EXPECT_EQ(recorder->savedFiles().size(), 2);
+    for (const auto& [layout, watch] : watched) {
+        const auto frames = test::takeFrames(*layout, watch, *m_wakeup, 1);
+        layout->removeObserver(watch);
+        const QStringList named = files().filter(QRegularExpression(
+            "^Screenshot \\d\\d_\\d\\d_\\d{4} \\d\\d_\\d\\d_\\d\\d " + layout->name() + "\\.png$"));
+        ASSERT_EQ(named.size(), 1) << files().join(", ").toStdString();
+        EXPECT_TRUE(recorder->savedFiles().contains(m_folder.path() + "/" + named[0]));
+        const std::string pixels =
+            test::runProcess({"ffmpeg", "-v", "error", "-i", (m_folder.path() + "/" + named[0]).toStdString(),
+                              "-f", "rawvideo", "-pix_fmt", "rgb24", "-"})
+                .out;
+        ASSERT_EQ(frames.size(), 1u);
+        ASSERT_EQ(pixels.size(), frames[0]->size());
+        EXPECT_EQ(std::memcmp(pixels.data(), frames[0]->data(), pixels.size()), 0);
+    }
 }
 
 TEST_F(RecorderTest, AScreenshotInTheSameSecondReplacesTheFirst) {
-    ASSERT_TRUE(m_device->startListening());
     QStringList saved;
-    for (int attempt = 0; attempt < 3; ++attempt) {
-        saved.clear();
-        for (int shot = 0; shot < 2; ++shot) {
-            auto recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_top}, m_settings);
-            recorder->start();
-            ASSERT_TRUE(recorder->waitUntilFinished(20s));
-            saved += recorder->savedFiles();
-        }
-        if (saved.size() == 2 && saved[0] == saved[1]) {
-            break; // both in one second, as wanted
-        }
+    for (int attempt = 0; attempt < 3 && (saved.size() != 2 || saved[0] != saved[1]); ++attempt) {
         for (const QString& file : files()) {
             QFile::remove(m_folder.path() + "/" + file);
         }
+        saved = screenshot({m_top})->savedFiles() + screenshot({m_top})->savedFiles();
     }
     ASSERT_EQ(saved.size(), 2);
     ASSERT_EQ(saved[0], saved[1]) << "three tries all crossed a second boundary";
-    EXPECT_EQ(files().size(), 1);
-    EXPECT_TRUE(QDir(m_folder.path()).entryList(QDir::Hidden | QDir::Files).size() == 1)
+    EXPECT_TRUE(QRegularExpression("/Screenshot \\d\\d_\\d\\d_\\d{4} \\d\\d_\\d\\d_\\d\\d\\.png$")
+                    .match(saved[0])
+                    .hasMatch())
+        << saved[0].toStdString() << ": one layout, no name";
+    EXPECT_EQ(QDir(m_folder.path()).entryList(QDir::Hidden | QDir::Files).size(), 1)
         << "no temporary file left";
 }
 
+// A storage folder that is not there yet (a fresh desktop has no ~/Desktop) is made; a format other
+// than PNG gives JPEG.
 TEST_F(RecorderTest, AScreenshotMakesAMissingFolderAndAnUnwritableOneStillFinishes) {
-    ASSERT_TRUE(m_device->startListening());
-    // A storage folder that is not there yet (a fresh desktop has no ~/Desktop) is made.
     m_settings.storageFolder = m_folder.path() + "/Desktop/shots";
-    auto recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_top}, m_settings);
-    recorder->start();
-    ASSERT_TRUE(recorder->waitUntilFinished(20s));
+    m_settings.imageFormat = "JPEG2000";
+    auto recorder = screenshot({m_top});
     ASSERT_EQ(recorder->savedFiles().size(), 1);
-    EXPECT_TRUE(QFileInfo(recorder->savedFiles()[0]).isFile());
+    EXPECT_TRUE(recorder->savedFiles()[0].endsWith(".jpg"));
+    const auto probed =
+        test::probe(recorder->savedFiles()[0].toStdString(), {"-show_entries", "stream=codec_name,width"});
+    EXPECT_EQ(probed["streams"][0][u"codec_name"], "mjpeg");
+    EXPECT_EQ(probed["streams"][0][u"width"], 400);
 
     // A file where the folder should be: nothing is saved, and the recorder still ends.
     m_settings.storageFolder = m_folder.path() + "/blocker";
     ASSERT_TRUE(test::writeFile(m_settings.storageFolder));
-    recorder = std::make_shared<ImageRecorder>(std::vector<LayoutPtr>{m_top}, m_settings);
-    recorder->start();
-    ASSERT_TRUE(recorder->waitUntilFinished(20s));
+    recorder = screenshot({m_top});
     EXPECT_TRUE(recorder->savedFiles().isEmpty());
     EXPECT_FALSE(recorder->isRecording());
+}
+
+// Each layout's movie is merged, converted at the chosen rate with the quality's bit rate and moved
+// out under its layout's name made safe for a file name; then the bundle goes.
+TEST_F(RecorderTest, TwoLayoutsAtAChosenRateAreConvertedEachUnderItsName) {
+    m_settings.storageFolder = m_folder.path() + "/new/folder";
+    m_settings.framesPerSecond = "30";
+    m_settings.videoQuality = "High";
+    auto delegate = std::make_shared<Delegate>();
+    auto recorder =
+        recordVideo({m_top, CaptureLayout::createWithScreen(m_device->screen(1), "Dou/ble")}, delegate);
+    EXPECT_TRUE(delegate->done);
+    EXPECT_TRUE(delegate->errors.isEmpty()) << delegate->errors.join(", ").toStdString();
+    EXPECT_TRUE(recorder->isDone());
+    const QString base = QFileInfo(recorder->basePath()).fileName();
+    EXPECT_EQ(QDir(m_settings.storageFolder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot, QDir::Name),
+              (QStringList{base + " Dou_ble.mp4", base + " Top.mp4"}));
+    const QStringList calls = test::readLines(m_tools.path() + "/calls");
+    EXPECT_EQ(
+        calls.filter(QRegularExpression("^SublerCLI -source .*/Video(Top.mov|Dou_ble.mov) -dest ")).size(),
+        2);
+    EXPECT_EQ(
+        calls.filter(QRegularExpression("^HandBrakeCLI .*/MergedDou_ble.mp4 .* --rate 30 --vb 3000 ")).size(),
+        1)
+        << "the chosen rate and the quality's bit rate";
+}
+
+// A converter that never ends is ended after twenty times the recording's length (ten seconds at
+// least), and the recording is kept.
+TEST_F(RecorderTest, AHungToolIsEndedAndTheRecordingKept) {
+    m_settings.framesPerSecond = "30";
+    auto delegate = std::make_shared<Delegate>();
+    auto recorder = recordVideo({m_top}, delegate, "exec sleep 600");
+    EXPECT_TRUE(recorder->isDone());
+    EXPECT_EQ(delegate->errors,
+              QStringList{"It was not possible to convert the merged video. The recording is "
+                          "kept in \"" +
+                          recorder->bundlePath() + "\"."});
+    EXPECT_TRUE(QFileInfo::exists(recorder->bundlePath() + "/VideoTop.mov"));
 }
 
 } // namespace

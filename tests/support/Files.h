@@ -25,4 +25,13 @@ inline QStringList readLines(const QString& path) {
     return QString::fromUtf8(readFile(path)).split(u'\n', Qt::SkipEmptyParts);
 }
 
+// Stand-ins for the merging and the converting tool in `folder`: each notes its call in
+// `folder`/calls and makes its destination from its source (the merger only when there is none
+// yet), the converter after running `converterFirst`.
+inline bool writeStandInTools(const QString& folder, const QByteArray& converterFirst = {}) {
+    const QByteArray note = "#!/bin/sh\necho \"$(basename \"$0\") $*\" >> \"$(dirname \"$0\")/calls\"\n";
+    return writeFile(folder + "/SublerCLI", note + "[ -f \"$4\" ] || cp \"$2\" \"$4\"\n", true) &&
+           writeFile(folder + "/HandBrakeCLI", note + converterFirst + "\ncp \"$2\" \"$4\"\n", true);
+}
+
 } // namespace zandor::test

@@ -9,10 +9,9 @@
 namespace zandor::test {
 
 // The property list at `path` as Python's plistlib reads it: its top-level [key, value] pairs in
-// file order as compact JSON (written by Qt, so objects' keys are sorted), the scalars JSON cannot
-// tell apart tagged as {"integer": n}, {"real": x}, {"data": hex} or {"date": iso}. When the file
-// cannot be read, the parser's complaint.
-inline std::string plistAsJson(const QString& path) {
+// file order, the values JSON cannot tell apart tagged as {"integer": n}, {"real": x}, {"data": hex}
+// or {"date": iso}. Empty when the file cannot be read.
+inline QJsonArray plistEntries(const QString& path) {
     static const char* const script = R"(
 import datetime, json, plistlib, sys
 def conv(v):
@@ -29,16 +28,7 @@ with open(sys.argv[1], "rb") as f:
 print(json.dumps([[k, conv(v)] for k, v in root.items()]))
 )";
     const ProcessResult result = runProcess({"python3", "-c", script, path.toStdString()});
-    if (result.exitCode != 0) {
-        return result.err;
-    }
-    const QJsonArray entries = QJsonDocument::fromJson(QByteArray::fromStdString(result.out)).array();
-    return QJsonDocument(entries).toJson(QJsonDocument::Compact).toStdString();
-}
-
-// The same entries as JSON values; empty when the file cannot be read.
-inline QJsonArray plistEntries(const QString& path) {
-    return QJsonDocument::fromJson(QByteArray::fromStdString(plistAsJson(path))).array();
+    return QJsonDocument::fromJson(QByteArray::fromStdString(result.out)).array();
 }
 
 // The value of `key` among them; undefined when the file has no such key.

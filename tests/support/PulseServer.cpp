@@ -2,12 +2,9 @@
 
 #include "Process.h"
 
-#include <fcntl.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
@@ -19,11 +16,12 @@ namespace zandor::test {
 
 namespace {
 
-constexpr int ChunkFrames = PulseServer::SampleRate / 200; // 5 ms
 constexpr double Amplitude = 0.5 * 32767;
 // How long a sample written to pacat at --latency-msec=10 waits before the sink plays it, as
 // `pacat --verbose` reports it against these null sinks: 7.5 to 10 ms.
 constexpr double PacatLatencySeconds = 0.008;
+// How long pacat takes to start and connect its stream.
+constexpr double PacatStartSeconds = 0.02;
 
 bool pactl(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), "pactl");
@@ -126,65 +124,42 @@ std::string PulseServer::start() {
 }
 
 PulseServer::Playback::Playback(const std::string& sink, double frequencyHz, int beepMs, double seconds) {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) {
+    char file[] = "/tmp/zandor-playback-XXXXXX";
+    const int fd = mkstemp(file);
+    if (fd < 0) {
         return;
     }
-    m_pacat = startProcess({"pacat", "--playback", "--device=" + sink, "--format=s16le", "--rate=44100",
-                            "--channels=2", "--latency-msec=10"},
-                           fds[0]);
-    close(fds[0]);
-    // Never blocks: should pacat stall, a piece is left out rather than the thread stuck.
-    fcntl(fds[1], F_SETFL, O_NONBLOCK);
-    m_pipe = fds[1];
-    const auto totalFrames = static_cast<int64_t>(std::llround(seconds * SampleRate));
-    m_thread = std::thread([=, this] { run(frequencyHz, beepMs, totalFrames); });
+    m_file = file;
+    // Where the first sample is heard on the wall clock: once pacat has started and its stream's
+    // latency has passed.
+    const double start =
+        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count() +
+        PacatStartSeconds + PacatLatencySeconds;
+    std::vector<int16_t> samples(2 * static_cast<size_t>(std::llround(seconds * SampleRate)));
+    for (size_t i = 0; i < samples.size() / 2; ++i) {
+        double t = static_cast<double>(i) / SampleRate;
+        if (beepMs > 0) { // the time into the wall clock's second at which the sample is heard
+            t = start + t - std::floor(start + t);
+        }
+        samples[2 * i] = samples[2 * i + 1] =
+            beepMs > 0 && t >= beepMs / 1000.0
+                ? int16_t{0}
+                : static_cast<int16_t>(std::lround(Amplitude * std::sin(2 * M_PI * frequencyHz * t)));
+    }
+    const auto bytes = static_cast<ssize_t>(samples.size() * sizeof(int16_t));
+    const bool written = write(fd, samples.data(), static_cast<size_t>(bytes)) == bytes;
+    close(fd);
+    if (written) {
+        m_pacat = startProcess({"pacat", "--playback", "--device=" + sink, "--format=s16le", "--rate=44100",
+                                "--channels=2", "--latency-msec=10", m_file});
+    }
 }
 
 PulseServer::Playback::~Playback() {
-    m_stopping = true;
-    if (m_thread.joinable()) {
-        m_thread.join();
-    }
     endProcess(m_pacat);
-}
-
-void PulseServer::Playback::run(double frequencyHz, int beepMs, int64_t totalFrames) {
-    // A write to a pacat that has gone raises SIGPIPE in the writing thread; with the signal blocked
-    // here the write fails with EPIPE instead and the test program lives on.
-    sigset_t pipeSignal;
-    sigemptyset(&pipeSignal);
-    sigaddset(&pipeSignal, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &pipeSignal, nullptr);
-
-    const double start =
-        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
-    const auto startTick = std::chrono::steady_clock::now();
-    // A tone is written ahead so that a writer held up for a moment leaves no gap; beeps when due.
-    const auto ahead = std::chrono::milliseconds(beepMs > 0 ? 0 : 200);
-    std::vector<int16_t> samples(ChunkFrames * 2);
-    for (int64_t first = 0; first < totalFrames && !m_stopping; first += ChunkFrames) {
-        const int frames = static_cast<int>(std::min<int64_t>(ChunkFrames, totalFrames - first));
-        for (int i = 0; i < frames; ++i) {
-            double t = static_cast<double>(first + i) / SampleRate;
-            if (beepMs > 0) { // the time into the wall clock's second at which the sample is heard
-                const double heard = start + t + PacatLatencySeconds;
-                t = heard - std::floor(heard);
-            }
-            samples[2 * i] = samples[2 * i + 1] =
-                beepMs > 0 && t >= beepMs / 1000.0
-                    ? int16_t{0}
-                    : static_cast<int16_t>(std::lround(Amplitude * std::sin(2 * M_PI * frequencyHz * t)));
-        }
-        if (write(m_pipe, samples.data(), static_cast<size_t>(frames) * 4) < 0 && errno == EPIPE) {
-            break;
-        }
-        // Paced by the clock, so that no more than the lead queues up in the pipe.
-        std::this_thread::sleep_until(startTick - ahead +
-                                      std::chrono::microseconds((first + frames) * 1000000 / SampleRate));
+    if (!m_file.empty()) {
+        unlink(m_file.c_str());
     }
-    close(m_pipe);
-    m_pipe = -1;
 }
 
 } // namespace zandor::test

@@ -2,10 +2,8 @@
 
 #include <sys/types.h>
 
-#include <atomic>
 #include <cstdint>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace zandor::test {
@@ -18,9 +16,8 @@ class PulseServer {
 public:
     static constexpr int SampleRate = 44100;
 
-    // A sine of `frequencyHz` at half of full scale played into a sink until the handle goes: all
-    // along, or with `beepMs` as a beep heard at every whole second of the wall clock. A thread feeds
-    // pacat 5 ms pieces as the wall clock reaches them.
+    // A sine of `frequencyHz` at half of full scale played into a sink by pacat until the handle goes:
+    // all along, or with `beepMs` as a beep heard at every whole second of the wall clock.
     class Playback {
     public:
         Playback(const std::string& sink, double frequencyHz, int beepMs, double seconds);
@@ -29,12 +26,8 @@ public:
         Playback& operator=(const Playback&) = delete;
 
     private:
-        void run(double frequencyHz, int beepMs, int64_t totalFrames);
-
+        std::string m_file; // the samples pacat plays
         pid_t m_pacat = -1;
-        int m_pipe = -1; // pacat's standard input; written and closed by the thread only
-        std::atomic<bool> m_stopping{false};
-        std::thread m_thread;
     };
 
     PulseServer() : m_error(start()) {}
