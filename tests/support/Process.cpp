@@ -40,6 +40,12 @@ bool waitWithin(pid_t pid, std::chrono::milliseconds timeout, int* status) {
         return static_cast<int>(ceil<milliseconds>(deadline - steady_clock::now()).count());
     };
     pollfd fd{static_cast<int>(syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0};
+    if (fd.fd < 0) {
+        // A kernel without process file descriptors: wait without the time limit.
+        while (waitpid(pid, status, 0) < 0 && errno == EINTR) {
+        }
+        return true;
+    }
     while (poll(&fd, 1, std::max(left(), 0)) < 0 && errno == EINTR) {
     }
     close(fd.fd);
