@@ -331,7 +331,9 @@ void CaptureLayout::findStaticSpans() {
         }
         const qint64 x = object->value(ObjectX).toLongLong(), y = object->value(ObjectY).toLongLong();
         const qint64 w = object->value(ObjectType).toString() == ScreenTop ? TopWidth : BottomWidth;
-        if (x < 0 || y < 0 || x + w > static_cast<qint64>(m_width) || y + ScreenHeight > m_height) {
+        // Compared so that positions near the ends of the 64-bit range cannot overflow.
+        if (x < 0 || y < 0 || x > static_cast<qint64>(m_width) - w ||
+            y > static_cast<qint64>(m_height) - static_cast<qint64>(ScreenHeight)) {
             return;
         }
         for (auto row = static_cast<uint64_t>(y); row < static_cast<uint64_t>(y) + ScreenHeight; ++row) {
