@@ -244,7 +244,7 @@ std::shared_ptr<VideoRecorder> VideoRecorder::forBundle(const QString& bundlePat
     recorder->m_audioGameRecord->adopt(bundle);
     for (const QString& name : names) {
         auto record = std::make_shared<VideoRecord>(name, bundle, settings);
-        // A movie that cut off mid-fragment still plays up to its last whole second.
+        // A movie that was cut off mid-fragment still plays up to its last whole fragment.
         std::string error;
         const ff::InputContext movie = ff::openInput(record->recordPath().toStdString(), error);
         if (movie && av_find_best_stream(movie.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0) >= 0) {
@@ -265,6 +265,12 @@ bool VideoRecorder::recover() {
     if (!lockBundle()) {
         tryError(QStringLiteral("The recording is being recorded or finalised by another Zandor."));
         return false;
+    }
+    // What an earlier, failed finalising left half made is made again from the recorded tracks:
+    // merging into it would add the tracks a second time.
+    for (const auto& record : m_videoRecords) {
+        QFile::remove(record->mergePath());
+        QFile::remove(record->convertPath());
     }
     m_done = false;
     bool finished = false;

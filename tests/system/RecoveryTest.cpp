@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <QJsonArray>
 #include <QTemporaryDir>
 
 #include <csignal>
@@ -40,6 +41,10 @@ TEST(Recovery, AKilledRecordingIsFinishedWithItsSoundAndALiveOrUnreadableOneIsLe
     const QStringList abandoned = QDir(work.path()).entryList({"*.zdrecord"}, QDir::Dirs);
     ASSERT_EQ(abandoned.size(), 1);
 
+    // A merge that a failed finalising left behind is made again, not merged into a second time.
+    const QString bundle = work.path() + "/" + abandoned[0];
+    ASSERT_TRUE(QFile::copy(bundle + "/VideoTop.mov", bundle + "/MergedTop.mp4"));
+
     // Beside it: a bundle whose movie is no movie, and a recording that is still going on.
     const QString broken = work.path() + "/Capture 01_01_2026 00_00_00.zdrecord";
     ASSERT_TRUE(QDir().mkpath(broken));
@@ -64,6 +69,7 @@ TEST(Recovery, AKilledRecordingIsFinishedWithItsSoundAndALiveOrUnreadableOneIsLe
     EXPECT_FALSE(QFileInfo::exists(work.path() + "/" + abandoned[0])) << "the recovered bundle goes";
 
     const QJsonObject probed = test::probe(movie, {"-show_entries", "stream=codec_type,codec_name,duration"});
+    EXPECT_EQ(probed["streams"].toArray().size(), 2) << "one picture and one sound";
     EXPECT_GE(test::streamWith(probed, "codec_type", "video")["duration"].toString().toDouble(), 4.0);
     EXPECT_EQ(test::streamWith(probed, "codec_type", "audio")["codec_name"].toString(), "aac")
         << "the game sound is merged";
