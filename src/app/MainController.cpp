@@ -557,10 +557,8 @@ void MainController::recoverBundles(const QStringList& bundles) {
                 if (recorder->recover()) {
                     seconds += recorder->recordedSeconds();
                 }
-                for (const auto& record : recorder->videoRecords()) {
-                    if (QFileInfo::exists(recorder->resultPath(*record))) {
-                        made << QFileInfo(recorder->resultPath(*record)).fileName();
-                    }
+                for (const QString& file : recorder->madeFiles()) {
+                    made << QFileInfo(file).fileName();
                 }
             } else {
                 errors->messages << why;

@@ -81,12 +81,9 @@ int RecordCommand::run(const CommandLine& options) {
     recorder->waitUntilFinished(std::chrono::hours(24));
     session.stop();
 
-    QStringList made;
-    for (const auto& record : recorder->videoRecords()) {
-        if (QFileInfo::exists(recorder->resultPath(*record))) {
-            made.append(recorder->resultPath(*record));
-            std::printf("%s\n", qUtf8Printable(made.last()));
-        }
+    const QStringList made = recorder->madeFiles();
+    for (const QString& file : made) {
+        std::printf("%s\n", qUtf8Printable(file));
     }
     const QStringList errors = outcome->errors();
     for (const QString& message : outcome->notices() + errors) {

@@ -62,10 +62,8 @@ int RecoverCommand::run(const CommandLine& options) {
         if (!recorder->recover()) {
             status = 1;
         }
-        for (const auto& record : recorder->videoRecords()) {
-            if (QFileInfo::exists(recorder->resultPath(*record))) {
-                std::printf("%s\n", qUtf8Printable(recorder->resultPath(*record)));
-            }
+        for (const QString& file : recorder->madeFiles()) {
+            std::printf("%s\n", qUtf8Printable(file));
         }
     }
     return status;

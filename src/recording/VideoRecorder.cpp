@@ -62,6 +62,16 @@ QString VideoRecorder::resultPath(const VideoRecord& record) const {
     return QStringLiteral("%1.%2").arg(m_basePath, QStringLiteral("mp4"));
 }
 
+QStringList VideoRecorder::madeFiles() const {
+    QStringList made;
+    for (const auto& record : m_videoRecords) {
+        if (QFileInfo::exists(resultPath(*record))) {
+            made.append(resultPath(*record));
+        }
+    }
+    return made;
+}
+
 bool VideoRecorder::start() {
     m_done = false;
     m_writeFailed = false;
@@ -273,33 +283,10 @@ bool VideoRecorder::recover() {
         QFile::remove(record->convertPath());
     }
     m_done = false;
-    bool finished = false;
-    // Told through the delegate like a finalising, and also kept for the caller.
-    class Watch final : public RecorderDelegate {
-    public:
-        Watch(std::shared_ptr<RecorderDelegate> next, bool& done) : m_next(std::move(next)), m_done(done) {}
-        void recordDone() override {
-            m_done = true;
-            if (m_next) {
-                m_next->recordDone();
-            }
-        }
-        void recordError(const QString& message) override {
-            if (m_next) {
-                m_next->recordError(message);
-            }
-        }
-
-    private:
-        std::shared_ptr<RecorderDelegate> m_next;
-        bool& m_done;
-    };
-    const auto delegate = m_delegate;
-    m_delegate = std::make_shared<Watch>(delegate, finished);
     actualize();
-    m_delegate = delegate;
     unlockBundle();
-    return finished && !QFileInfo::exists(m_bundlePath);
+    // The bundle goes only when every step succeeded.
+    return !QFileInfo::exists(m_bundlePath);
 }
 
 void VideoRecorder::actualize() {

@@ -38,6 +38,8 @@ public:
     const QString& bundlePath() const { return m_bundlePath; }
     // The finished file of a layout: "<base>.mp4", or "<base> <layout>.mp4" with several layouts.
     QString resultPath(const VideoRecord& record) const;
+    // The finished files that exist, in layout order.
+    QStringList madeFiles() const;
     const QMap<QString, std::shared_ptr<VideoRecord>>& videoRecords() const { return m_videoRecords; }
 
     // Recovery of recordings that a crash, a kill or a power cut left unfinished. A bundle is held
