@@ -6,6 +6,7 @@
 #include "LayoutsCommand.h"
 #include "RecordCommand.h"
 #include "RecoverCommand.h"
+#include "ReplayCommand.h"
 #include "ScreenshotCommand.h"
 #include "base/CommandLine.h"
 
@@ -31,6 +32,10 @@ const char* const Usage =
     "  record --seconds N [--layout NAME] [--fps Original|24|25|30|50|60]\n"
     "         [--quality NAME] [--game-audio ID|None] [--narrator-audio ID|None] [--out DIR]\n"
     "                               record a video with sound and wait for the finished file\n"
+    "  replay [--layout NAME] [--buffer-seconds N] [--play-seconds M] [--quality NAME]\n"
+    "         [--game-audio ID|None] [--out DIR]\n"
+    "                               play M seconds (default N + 5) keeping the last N\n"
+    "                               (default 30), then save them as a replay movie\n"
     "  recover [--out DIR] [BUNDLE...]\n"
     "                               finish recordings a crash left unfinished (every\n"
     "                               abandoned *.zdrecord of the folder when none is named)\n"
@@ -64,6 +69,11 @@ int Cli::run(const std::vector<std::string>& arguments) {
           {},
           false,
           RecordCommand::run}},
+        {"replay",
+         {{"board", "layout", "buffer-seconds", "play-seconds", "quality", "game-audio", "out"},
+          {},
+          false,
+          ReplayCommand::run}},
         {"audio-inputs", {{"board"}, {}, false, AudioInputsCommand::run}},
         {"recover", {{"out"}, {}, true, RecoverCommand::run}},
     };

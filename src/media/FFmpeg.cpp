@@ -100,11 +100,15 @@ bool encodeAndWrite(AVCodecContext* encoder, const AVFrame* frame, AVPacket* pac
     }
 }
 
+void setCaptureStart(AVFormatContext* output, double captureStart) {
+    char start[64];
+    std::snprintf(start, sizeof start, "%.6f", captureStart);
+    av_dict_set(&output->metadata, "zandor_capture_start", start, 0);
+}
+
 bool writeFragmentedHeader(AVFormatContext* output, double captureStart) {
     if (captureStart >= 0) {
-        char start[64];
-        std::snprintf(start, sizeof start, "%.6f", captureStart);
-        av_dict_set(&output->metadata, "zandor_capture_start", start, 0);
+        setCaptureStart(output, captureStart);
     }
     Options options;
     options.set("movflags", "empty_moov+default_base_moof+use_metadata_tags");

@@ -42,6 +42,9 @@ struct ResamplerFree {
 struct AudioFifoFree {
     void operator()(AVAudioFifo* fifo) const { av_audio_fifo_free(fifo); }
 };
+struct CodecParametersFree {
+    void operator()(AVCodecParameters* parameters) const { avcodec_parameters_free(&parameters); }
+};
 struct InputFree {
     void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
 };
@@ -53,6 +56,7 @@ using Scaler = std::unique_ptr<SwsContext, ScalerFree>;
 using InputContext = std::unique_ptr<AVFormatContext, InputFree>;
 using Resampler = std::unique_ptr<SwrContext, ResamplerFree>;
 using AudioFifo = std::unique_ptr<AVAudioFifo, AudioFifoFree>;
+using CodecParameters = std::unique_ptr<AVCodecParameters, CodecParametersFree>;
 
 // An AVDictionary of options, freed once; FFmpeg removes the entries it used.
 class Options {
@@ -99,6 +103,11 @@ private:
 // `output`. A packet without a duration gets `defaultDuration`, in the encoder's time base.
 bool encodeAndWrite(AVCodecContext* encoder, const AVFrame* frame, AVPacket* packet, AVFormatContext* output,
                     AVStream* stream, int64_t defaultDuration = 0);
+
+// Names in the metadata "zandor_capture_start" of a movie (before its header is written) the
+// wall-clock seconds of its time zero, from which its tracks are lined up with others. The muxer
+// writes it with the movflags "use_metadata_tags".
+void setCaptureStart(AVFormatContext* output, double captureStart);
 
 // Writes the header of a fragmented QuickTime movie (a fragment every half second, each written
 // to the file at once, so that a crash leaves a playable file) whose metadata "zandor_capture_start"

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "media/FFmpeg.h"
+#include "media/VideoEncoder.h"
 #include "settings/CaptureSettings.h"
 #include "settings/VideoQuality.h"
 #include "layouts/CaptureLayout.h"
@@ -64,7 +65,6 @@ public:
 
 private:
     bool createWriter(const VideoQuality& preset);
-    bool startWriter();
     // The header names the wall-clock time of the first frame, when it is known.
     bool writeHeader(std::chrono::system_clock::time_point firstFrame);
     // Sends a frame (null to flush) and writes every packet the encoder gives back.
@@ -84,9 +84,7 @@ private:
     std::recursive_mutex m_lock;
     ff::OutputContext m_output;
     AVStream* m_stream = nullptr;
-    ff::CodecContext m_encoder;
-    ff::Scaler m_scaler;
-    ff::Frame m_frame; // the one picture every frame is converted into
+    VideoEncoder m_encoder;
     ff::Packet m_packet;
     bool m_recording = false;
     bool m_headerWritten = false;

@@ -22,6 +22,12 @@ CaptureSettings CaptureSettings::fromPreferences(const PreferencesController& pr
     settings.videoQuality = text(PreferenceCaptureVideoQuality);
     settings.gameAudioInput = text(PreferenceCaptureGameAudioInput);
     settings.narratorAudioInput = text(PreferenceCaptureNarratorAudioInput);
+    const QVariant replay = preferences.preference(PreferenceReplayBufferEnabled);
+    settings.replayBuffer = replay.typeId() == QMetaType::Bool && replay.toBool();
+    const QVariant seconds = preferences.preference(PreferenceReplayBufferSeconds);
+    if (seconds.typeId() == QMetaType::LongLong && seconds.toLongLong() >= 5 && seconds.toLongLong() <= 300) {
+        settings.replaySeconds = static_cast<int>(seconds.toLongLong());
+    }
     return settings;
 }
 

@@ -24,6 +24,10 @@ struct CaptureSettings {
     // Audio input identifiers, or "None".
     QString gameAudioInput = QStringLiteral("None");
     QString narratorAudioInput = QStringLiteral("None");
+    // Whether the last seconds of the picture on show are kept, encoded, for "Save Replay", and how
+    // many (5 to 300).
+    bool replayBuffer = false;
+    int replaySeconds = 30;
 
     static CaptureSettings fromPreferences(const PreferencesController& preferences);
 

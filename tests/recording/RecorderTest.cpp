@@ -6,6 +6,7 @@
 #include "capture/CaptureScreen.h"
 #include "layouts/CaptureLayout.h"
 #include "recording/ImageRecorder.h"
+#include "recording/ReplayBuffer.h"
 #include "recording/ShellCommand.h"
 #include "recording/VideoRecorder.h"
 
@@ -235,6 +236,123 @@ TEST_F(RecorderTest, AHungToolIsEndedAndTheRecordingKept) {
                           "kept in \"" +
                           recorder->bundlePath() + "\"."});
     EXPECT_TRUE(QFileInfo::exists(recorder->bundlePath() + "/VideoTop.mov"));
+}
+
+// The wall-clock time of a replay's first picture, from its metadata, and of each of its pictures.
+struct ReplayTimes {
+    double start = 0;
+    std::vector<double> pictures;
+    bool startsOnKeyFrame = false;
+};
+
+ReplayTimes replayTimes(const QString& file) {
+    const auto probed =
+        test::probe(file.toStdString(), {"-show_entries", "format_tags=zandor_capture_start", "-show_entries",
+                                         "frame=key_frame,pts_time", "-select_streams", "v"});
+    ReplayTimes times;
+    times.start = probed["format"]["tags"]["zandor_capture_start"].toString().toDouble();
+    for (const QJsonValue& frame : probed["frames"].toArray()) {
+        times.pictures.push_back(times.start + frame["pts_time"].toString().toDouble());
+    }
+    times.startsOnKeyFrame =
+        !probed["frames"].toArray().isEmpty() && probed["frames"][0]["key_frame"].toInt() == 1;
+    return times;
+}
+
+double seconds(std::chrono::system_clock::time_point time) {
+    return std::chrono::duration<double>(time.time_since_epoch()).count();
+}
+
+// The replay starts on a key frame no more than its seconds and one key interval back, and ends on
+// one of the last pictures shown before the save (the encoder holds back a few); a later save
+// overlaps the earlier one.
+TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverlap) {
+    constexpr int Seconds = 5;
+    m_settings.storageFolder = m_folder.path() + "/replays";
+    auto buffer = std::make_shared<ReplayBuffer>(m_top, m_settings, Seconds);
+    EXPECT_EQ(buffer->save().error.toStdString(),
+              "The replay buffer is empty: no picture has been shown since it was turned on.");
+    EXPECT_TRUE(QDir(m_folder.path()).isEmpty());
+
+    auto watch = m_top->addObserver(m_wakeup);
+    ASSERT_TRUE(buffer->start());
+    ASSERT_TRUE(m_device->startListening());
+    constexpr uint64_t Shown = (Seconds + 2) * 60;
+    m_board->holdAt(Shown);
+    const auto frames = test::takeFrames(*m_top, watch, *m_wakeup, Shown);
+    ASSERT_EQ(frames.size(), Shown);
+    const ReplayBuffer::Saved first = buffer->save();
+    ASSERT_TRUE(first.error.isEmpty()) << first.error.toStdString();
+
+    const ReplayTimes times = replayTimes(first.path);
+    ASSERT_FALSE(times.pictures.empty());
+    EXPECT_TRUE(times.startsOnKeyFrame);
+    const double length = times.pictures.back() - times.pictures.front();
+    EXPECT_GE(length, Seconds - 0.05);
+    EXPECT_LE(length, Seconds + 1.0);
+    const auto last = std::find_if(frames.rbegin(), frames.rend(), [&](const CaptureDataPtr& frame) {
+        return std::abs(seconds(frame->wallClock()) - times.pictures.back()) < 0.002;
+    });
+    ASSERT_NE(last, frames.rend()) << "the last picture is one that was shown";
+    EXPECT_LT(last - frames.rbegin(), 30) << "and one of the last half second's";
+    const auto probed = test::probe(first.path.toStdString(),
+                                    {"-show_entries", "stream=codec_name,width,height,r_frame_rate"});
+    EXPECT_EQ(probed["streams"][0]["codec_name"], "h264");
+    EXPECT_EQ(probed["streams"][0]["width"], 400);
+    EXPECT_EQ(probed["streams"][0]["height"], 240);
+    EXPECT_EQ(probed["streams"][0]["r_frame_rate"], "60/1");
+
+    m_board->release();
+    EXPECT_EQ(test::takeFrames(*m_top, watch, *m_wakeup, 60).size(), 60u);
+    const ReplayBuffer::Saved second = buffer->save();
+    ASSERT_TRUE(second.error.isEmpty()) << second.error.toStdString();
+    EXPECT_NE(second.path, first.path) << "a save in the same second is numbered";
+    const ReplayTimes later = replayTimes(second.path);
+    ASSERT_FALSE(later.pictures.empty());
+    EXPECT_LT(later.pictures.front(), times.pictures.back());
+    EXPECT_GT(later.pictures.back(), times.pictures.back() + 0.5);
+
+    // A storage folder that cannot be made: said, and nothing written.
+    ASSERT_TRUE(QDir(m_settings.storageFolder).removeRecursively());
+    ASSERT_TRUE(test::writeFile(m_settings.storageFolder));
+    EXPECT_EQ(buffer->save().error, "The folder \"" + m_settings.storageFolder + "\" cannot be written to.");
+    EXPECT_EQ(files(), QStringList{"replays"});
+    m_top->removeObserver(watch);
+    buffer->stop();
+    EXPECT_EQ(buffer->heldBytes(), 0u) << "a stopped buffer holds nothing";
+}
+
+// A save while a recording runs of the same layout: both movies come out whole, and the recording
+// goes on through the save.
+TEST_F(RecorderTest, ASaveDuringARecordingLeavesBothWhole) {
+    auto buffer = std::make_shared<ReplayBuffer>(m_top, m_settings, ReplayBuffer::MinimumSeconds);
+    ASSERT_TRUE(buffer->start());
+    auto delegate = std::make_shared<Delegate>();
+    ASSERT_TRUE(test::writeStandInTools(m_tools.path()));
+    ShellCommand::setToolFolder(m_tools.path());
+    auto recorder = std::make_shared<VideoRecorder>(std::vector<LayoutPtr>{m_top}, m_settings);
+    recorder->setDelegate(delegate);
+    auto watch = m_top->addObserver(m_wakeup);
+    ASSERT_TRUE(recorder->start());
+    ASSERT_TRUE(m_device->startListening());
+    ASSERT_EQ(test::takeFrames(*m_top, watch, *m_wakeup, 60).size(), 60u);
+    const ReplayBuffer::Saved saved = buffer->save();
+    ASSERT_EQ(test::takeFrames(*m_top, watch, *m_wakeup, 60).size(), 60u);
+    m_top->removeObserver(watch);
+    recorder->stop();
+    ASSERT_TRUE(recorder->waitUntilFinished(60s));
+    buffer->stop();
+    EXPECT_TRUE(delegate->errors.isEmpty()) << delegate->errors.join(", ").toStdString();
+    ASSERT_EQ(recorder->madeFiles().size(), 1);
+    ASSERT_TRUE(saved.error.isEmpty()) << saved.error.toStdString();
+    const auto count = [](const QString& file) {
+        return test::probe(file.toStdString(), {"-count_frames", "-show_entries",
+                                                "stream=nb_read_frames"})["streams"][0]["nb_read_frames"]
+            .toString()
+            .toInt();
+    };
+    EXPECT_GE(count(recorder->madeFiles()[0]), 110) << "the recording went on through the save";
+    EXPECT_GE(count(saved.path), 30);
 }
 
 } // namespace

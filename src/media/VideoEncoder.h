@@ -1,0 +1,43 @@
+#pragma once
+
+#include "FFmpeg.h"
+
+#include <cstdint>
+
+namespace zandor {
+
+// An H.264 encoder (libx264) of frames given as rows of red, green and blue bytes, with times in
+// milliseconds. The movie writer and the replay buffer encode alike through it.
+class VideoEncoder {
+public:
+    // The step of open() that failed, so that each user can say it in its own words.
+    enum class Failure { None, Codec, Scaler, Picture };
+
+    struct Settings {
+        int width = 0;
+        int height = 0;
+        int64_t bitsPerSecond = 0;
+        // The most frames between two key frames.
+        int keyInterval = 1;
+        // The x264 speed preset.
+        const char* speed = "veryfast";
+        // Codec headers kept apart from the stream, as MP4 and QuickTime containers want them.
+        bool globalHeader = true;
+    };
+
+    Failure open(const Settings& settings);
+    void close();
+    bool isOpen() const { return m_encoder != nullptr; }
+    AVCodecContext* context() const { return m_encoder.get(); }
+
+    // Converts one frame (at least width × height × 3 bytes) into the picture to encode, stamped
+    // `pts` milliseconds, a key frame when `key`. Null, logged, when the picture cannot be written.
+    const AVFrame* picture(const uint8_t* rgb, int64_t pts, bool key);
+
+private:
+    ff::CodecContext m_encoder;
+    ff::Scaler m_scaler;
+    ff::Frame m_frame; // the one picture every frame is converted into
+};
+
+} // namespace zandor

@@ -1,0 +1,90 @@
+#pragma once
+
+#include "Recorder.h"
+#include "media/FFmpeg.h"
+#include "media/VideoEncoder.h"
+#include "settings/CaptureSettings.h"
+
+#include <QString>
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+
+namespace zandor {
+
+// The last seconds of one layout, encoded, in memory, while the picture plays: save() writes them
+// to "Replay <stamp>.mp4" in the storage folder at any moment, without stopping anything. The ring
+// starts on a key frame and never holds more than its seconds plus one key-frame interval (a key
+// frame comes at least every second), so its memory is bounded by the bit rate and the seconds.
+// Nothing is written to disk until a save.
+class ReplayBuffer final : public Recorder {
+public:
+    static constexpr int MinimumSeconds = 5;
+    static constexpr int MaximumSeconds = 300;
+    static constexpr int DefaultSeconds = 30;
+
+    // `seconds` is clamped to the range above; the frames are encoded with the settings' quality.
+    ReplayBuffer(LayoutPtr layout, CaptureSettings settings, int seconds);
+    ~ReplayBuffer() override;
+
+    // Opens the encoder and starts listening; false, logged, when the encoder cannot be opened.
+    bool start() override;
+    // Stops listening and empties the ring.
+    bool stop() override;
+
+    int seconds() const { return m_seconds; }
+    // The bytes the ring holds at most for a preset and a length, the extra key-frame interval
+    // included.
+    static uint64_t memoryFor(const QString& quality, int seconds);
+
+    struct Saved {
+        QString path;  // the movie written, empty on failure
+        QString error; // why nothing was written: one sentence for the user
+    };
+    // Writes what the ring holds now, from its oldest key frame, to a movie beside its final name,
+    // renamed into place when complete, so that a failure leaves no file. Blocks for the writing:
+    // call it off the GUI thread. Frames keep coming meanwhile; the ring is only read.
+    Saved save();
+
+    // What the ring holds now: the time from its first picture to its last, and its bytes.
+    double heldSeconds();
+    uint64_t heldBytes();
+
+protected:
+    bool capture(const LayoutPtr& layout, const ObserverPtr& observer) override;
+
+private:
+    struct Packet {
+        ff::Packet packet;
+        int64_t wallMicroseconds; // when its picture was captured, on the system clock
+        bool key;
+    };
+
+    void encode(const CaptureData& frame);
+    // Moves the encoder's finished packets into the ring, then drops what has fallen out of it.
+    void collect();
+    void empty();
+
+    const CaptureSettings m_settings;
+    const int m_seconds;
+
+    // The encoder belongs to the recorder's thread while it runs; start and stop set it up and
+    // take it down while no thread runs.
+    VideoEncoder m_encoder;
+    ff::Packet m_received;
+    int64_t m_firstTime = -1;  // capture milliseconds of the first frame encoded
+    int64_t m_firstWall = 0;   // its system-clock microseconds
+    int64_t m_lastPts = -1;    // presentation milliseconds of the last frame encoded
+    int64_t m_lastKeyPts = -1; // and of the last one asked to be a key frame
+
+    // Guards the ring and what a save needs to write it.
+    std::mutex m_ringLock;
+    std::deque<Packet> m_ring;
+    std::deque<int64_t> m_keyTimes; // wall microseconds of the key frames in the ring
+    uint64_t m_bytes = 0;
+    ff::CodecParameters m_parameters;
+};
+
+} // namespace zandor
