@@ -14,6 +14,7 @@
 #include "layouts/LayoutController.h"
 #include "layouts/PluginController.h"
 #include "recording/ImageRecorder.h"
+#include "recording/ReplayBuffer.h"
 #include "recording/VideoRecorder.h"
 #include "ui/CapturePreferencesView.h"
 #include "ui/Icons.h"
@@ -147,8 +148,9 @@ void MainController::awakeFromNib() {
         QList<PreferencePane*>{m_viewPreferences, m_capturePreferences}, QStringLiteral("Preferences"));
 
     ::Ui::MainWindow& ui = m_mainWindow->ui;
-    for (QAction* action : {ui.playPauseItem, ui.screenshotItem, ui.recordItem, ui.sizeOriginalItem,
-                            ui.sizeDoubleItem, ui.fullScreenItem, ui.preferencesItem, ui.quitItem}) {
+    for (QAction* action :
+         {ui.playPauseItem, ui.screenshotItem, ui.recordItem, ui.saveReplayItem, ui.sizeOriginalItem,
+          ui.sizeDoubleItem, ui.fullScreenItem, ui.preferencesItem, ui.quitItem}) {
         // The shortcuts work in full screen too, where the picture is outside the main window.
         action->setShortcutContext(Qt::ApplicationShortcut);
     }
@@ -160,9 +162,13 @@ void MainController::awakeFromNib() {
     ui.preferencesItem->setIcon(icon(QStringLiteral("toolbar_preferences")));
     ui.screenshotItem->setIcon(icon(QStringLiteral("toolbar_view")));
     ui.recordItem->setIcon(icon(QStringLiteral("toolbar_record")));
+    ui.saveReplayItem->setIcon(icon(QStringLiteral("toolbar_replay")));
     connect(ui.playPauseItem, &QAction::triggered, this, &MainController::playPauseAction);
     connect(ui.screenshotItem, &QAction::triggered, this, &MainController::recordScreenshotAction);
     connect(ui.recordItem, &QAction::triggered, this, &MainController::recordVideoAction);
+    connect(ui.saveReplayItem, &QAction::triggered, this, &MainController::saveReplayAction);
+    connect(m_capturePreferences, &CapturePreferencesView::replayBufferChanged, this,
+            &MainController::updateReplayBuffer);
     connect(ui.sizeOriginalItem, &QAction::triggered, this,
             [this] { selectSizeAction(m_mainWindow->ui.sizeOriginalItem); });
     connect(ui.sizeDoubleItem, &QAction::triggered, this,
@@ -278,6 +284,7 @@ void MainController::setActiveLayout(const LayoutPtr& layout) {
         return;
     }
     const bool listening = layoutView()->isListening();
+    stopReplayBuffer(); // it holds the old layout running
     layoutView()->stopListening();
     if (m_activeLayout) {
         m_activeLayout->stopListening();
@@ -309,6 +316,7 @@ void MainController::setActiveLayout(const LayoutPtr& layout) {
     // Also in full screen: the window waits at the new size for the picture's return.
     m_mainWindow->place(frame);
     updateLayoutViewFrame();
+    updateReplayBuffer();
 }
 
 void MainController::updateBackground() {
@@ -323,6 +331,7 @@ void MainController::updateBackground() {
 
 void MainController::playPauseAction() {
     if (m_device->isListening()) {
+        stopReplayBuffer();
         m_device->stopListening();
         layoutView()->stopListening();
         layoutView()->setNoSignal(false); // a paused picture says nothing of the board
@@ -355,6 +364,7 @@ void MainController::playPauseAction() {
     }
     setPlayPause(false);
     enableRecorders(true);
+    updateReplayBuffer();
 }
 
 void MainController::setPlayPause(bool showPlay) {
@@ -420,6 +430,43 @@ void MainController::recordVideoAction() {
                            "output folder."),
             2, QStringLiteral("toolbar_record"));
     }
+}
+
+void MainController::updateReplayBuffer() {
+    stopReplayBuffer();
+    const CaptureSettings settings = CaptureSettings::fromPreferences(PreferencesController::instance());
+    if (settings.replayBuffer && m_activeLayout && m_device->isListening()) {
+        auto buffer = std::make_shared<ReplayBuffer>(m_activeLayout, settings, settings.replaySeconds);
+        if (buffer->start()) {
+            m_replayBuffer = std::move(buffer);
+        }
+    }
+    m_mainWindow->ui.saveReplayItem->setEnabled(m_replayBuffer != nullptr);
+}
+
+void MainController::stopReplayBuffer() {
+    if (m_replayBuffer) {
+        m_replayBuffer->stop();
+        m_replayBuffer.reset();
+    }
+    m_mainWindow->ui.saveReplayItem->setEnabled(false);
+}
+
+void MainController::saveReplayAction() {
+    if (!m_replayBuffer) {
+        return;
+    }
+    ++m_replaySaves;
+    DetachedThread::start("zandor-replay", [buffer = m_replayBuffer, self = QPointer<MainController>(this)] {
+        const ReplayBuffer::Saved saved = buffer->save();
+        runLater(self, [self, saved] {
+            --self->m_replaySaves;
+            if (saved.path.isEmpty()) {
+                self->displayMessage(QStringLiteral("Could not save the replay."), saved.error, 0,
+                                     QStringLiteral("toolbar_replay"));
+            }
+        });
+    });
 }
 
 void MainController::setVideoRecording(bool recording) {
@@ -757,12 +804,14 @@ void MainController::shutdown() {
         }
     }
     m_device->setConnectionObserver(nullptr);
+    stopReplayBuffer();
     m_device->stopListening();
     layoutView()->stopListening();
     if (m_activeLayout) {
         m_activeLayout->stopListening();
     }
-    DetachedThread::waitForAll(std::chrono::seconds(3));
+    // A replay being saved is finished, or it would leave no file at all.
+    DetachedThread::waitForAll(m_replaySaves > 0 ? std::chrono::seconds(60) : std::chrono::seconds(3));
 }
 
 } // namespace zandor

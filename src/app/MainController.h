@@ -9,6 +9,7 @@
 #include <QSize>
 #include <QTimer>
 
+#include <atomic>
 #include <memory>
 #include <vector>
 
@@ -29,6 +30,7 @@ class ImageRecorder;
 class MainWindow;
 class MainWindowContentView;
 class PreferencesWindow;
+class ReplayBuffer;
 class UsbBoard;
 class VideoRecorder;
 class ViewPreferencesView;
@@ -53,12 +55,15 @@ public:
     const LayoutPtr& activeLayout() const { return m_activeLayout; }
     const std::shared_ptr<ImageRecorder>& imageRecorder() const { return m_imageRecorder; }
     const std::shared_ptr<VideoRecorder>& videoRecorder() const { return m_videoRecorder; }
+    const std::shared_ptr<ReplayBuffer>& replayBuffer() const { return m_replayBuffer; }
     PreferencesWindow* preferencesWindow() const { return m_preferencesWindow.get(); }
 
     // Actions of the menus and the toolbar.
     void playPauseAction();
     void recordScreenshotAction();
     void recordVideoAction();
+    // Writes the replay buffer's last seconds to a movie, off the GUI thread; says why when it cannot.
+    void saveReplayAction();
     void selectActiveLayoutAction(QAction* item);
     void showPreferences();
     void selectSizeAction(QAction* item);
@@ -120,6 +125,10 @@ private:
     // the items back once it is.
     void blinkRecording();
     void recoverBundles(const QStringList& bundles);
+    // Keeps a replay buffer of the active layout while the picture plays and the user wants one; a
+    // new one (empty) after any change of layout or setting.
+    void updateReplayBuffer();
+    void stopReplayBuffer();
     QSize decoration() const;
     // A window frame of the given size whose lower-left corner stays where the window's is.
     QRect keepLowerLeft(QSize size) const;
@@ -140,6 +149,8 @@ private:
     // Earlier recorders that were still finalising when another recording started; shutdown waits
     // for them too.
     std::vector<std::shared_ptr<VideoRecorder>> m_finalisingRecorders;
+    std::shared_ptr<ReplayBuffer> m_replayBuffer;
+    std::atomic<int> m_replaySaves{0}; // saves still writing, which quitting waits for
     QTimer m_blinkTimer;
     bool m_blinkPhase = false;
     QSize m_windowDecoration; // measured when the content went to full screen

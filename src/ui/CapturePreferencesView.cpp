@@ -5,6 +5,7 @@
 #include "settings/PreferencesController.h"
 #include "layouts/LayoutController.h"
 #include "settings/VideoQuality.h"
+#include "recording/ReplayBuffer.h"
 #include "ui_CapturePreferencesView.h"
 
 #include <QAudioDevice>
@@ -50,6 +51,10 @@ CapturePreferencesView::CapturePreferencesView(QWidget* parent)
     m_ui->fpsPopup->addItems(CaptureSettings::frameRates());
     m_ui->fpsPopup->setCurrentIndex(std::max(0, lastItemTitled(m_ui->fpsPopup, stored.framesPerSecond)));
     fillAudioInputs();
+    m_ui->replayBufferCheckBox->setChecked(stored.replayBuffer);
+    m_ui->replaySecondsField->setRange(ReplayBuffer::MinimumSeconds, ReplayBuffer::MaximumSeconds);
+    m_ui->replaySecondsField->setValue(stored.replaySeconds);
+    showReplayMemory();
     // The image format shows the interface's choice whatever is stored; only a pick of the user
     // changes the stored format.
 
@@ -69,6 +74,13 @@ CapturePreferencesView::CapturePreferencesView(QWidget* parent)
             [this](int index) { selectAudioInput(m_ui->audioNarratorPopup, index); });
     connect(m_ui->imageFormatPopup, &QComboBox::activated, this,
             &CapturePreferencesView::selectImageFormatAction);
+    connect(m_ui->replayBufferCheckBox, &QCheckBox::clicked, this,
+            &CapturePreferencesView::selectReplayBuffer);
+    // Every step of the arrows would restart the buffer: the length counts once editing ends.
+    connect(m_ui->replaySecondsField, &QSpinBox::valueChanged, this,
+            &CapturePreferencesView::showReplayMemory);
+    connect(m_ui->replaySecondsField, &QSpinBox::editingFinished, this,
+            &CapturePreferencesView::selectReplayBuffer);
 }
 
 CapturePreferencesView::~CapturePreferencesView() = default;
@@ -159,6 +171,29 @@ void CapturePreferencesView::selectFramesPerSecondAction(int index) {
 void CapturePreferencesView::selectQualityAction(int index) {
     PreferencesController::instance().setPreference(PreferenceCaptureVideoQuality,
                                                     m_ui->qualityPopup->itemText(index));
+    showReplayMemory();
+    if (m_ui->replayBufferCheckBox->isChecked()) {
+        emit replayBufferChanged();
+    }
+}
+
+void CapturePreferencesView::selectReplayBuffer() {
+    PreferencesController& preferences = PreferencesController::instance();
+    const bool enabled = m_ui->replayBufferCheckBox->isChecked();
+    const auto seconds = qint64(m_ui->replaySecondsField->value());
+    if (preferences.preference(PreferenceReplayBufferEnabled) == QVariant(enabled) &&
+        preferences.preference(PreferenceReplayBufferSeconds) == QVariant(seconds)) {
+        return;
+    }
+    preferences.setPreference(PreferenceReplayBufferEnabled, enabled);
+    preferences.setPreference(PreferenceReplayBufferSeconds, seconds);
+    emit replayBufferChanged();
+}
+
+void CapturePreferencesView::showReplayMemory() {
+    const uint64_t bytes =
+        ReplayBuffer::memoryFor(m_ui->qualityPopup->currentText(), m_ui->replaySecondsField->value());
+    m_ui->replayMemoryLabel->setText(tr("about %1 MB").arg((bytes + (1 << 19)) >> 20));
 }
 
 void CapturePreferencesView::selectAudioInput(QComboBox* popup, int index) {

@@ -13,7 +13,7 @@ class CapturePreferencesView;
 }
 
 // Where screenshots and recordings go and what they hold: the storage folder, the image format, the
-// layout to capture, the video quality and frame rate, and the two audio inputs.
+// layout to capture, the video quality and frame rate, the replay buffer, and the two audio inputs.
 class CapturePreferencesView : public PreferencePane {
     Q_OBJECT
 public:
@@ -23,6 +23,10 @@ public:
     QString identifier() const override;
     QString toolbarItemLabel() const override;
     QIcon toolbarItemImage() const override;
+
+signals:
+    // The user turned the replay buffer on or off, or changed its length or the quality.
+    void replayBufferChanged();
 
 private:
     void fillLayouts();
@@ -36,6 +40,9 @@ private:
     void selectQualityAction(int index);
     void selectAudioInput(QComboBox* popup, int index);
     void selectImageFormatAction(int index);
+    void selectReplayBuffer();
+    // "about 4 MB": what the buffer takes at most at the quality and length shown.
+    void showReplayMemory();
 
     std::unique_ptr<Ui::CapturePreferencesView> m_ui;
 };

@@ -11,13 +11,17 @@
 #include "capture/DemoBoard.h"
 #include "layouts/LayoutController.h"
 #include "recording/ImageRecorder.h"
+#include "recording/ReplayBuffer.h"
 #include "recording/ShellCommand.h"
 #include "recording/VideoRecorder.h"
 #include "settings/PreferencesController.h"
+#include "ui/PreferencesWindow.h"
 
 #include <gtest/gtest.h>
 
+#include <QCheckBox>
 #include <QDir>
+#include <QLabel>
 #include <QMessageBox>
 #include <QSignalSpy>
 #include <QTest>
@@ -77,6 +81,7 @@ protected:
         preferences.setPreference(PreferenceCaptureLayout, "Active Layout");
         preferences.setPreference(PreferenceCaptureGameAudioInput, "None");
         preferences.setPreference(PreferenceCaptureNarratorAudioInput, "None");
+        preferences.setPreference(PreferenceReplayBufferEnabled, false);
     }
     void TearDown() override {
         stop();
@@ -219,6 +224,47 @@ TEST_F(MainControllerTest, PlayingShowsTheMovingPictureAndAScreenshotCanBeTakenU
     EXPECT_EQ(ui.playPauseItem->text(), "Play");
     EXPECT_FALSE(m_controller->device()->isListening());
     EXPECT_FALSE(ui.screenshotItem->isEnabled() || ui.recordItem->isEnabled());
+}
+
+// The buffer runs only while the picture plays and the user wants it, and starts again empty with
+// each layout; Save Replay writes a movie off the GUI thread.
+TEST_F(MainControllerTest, TheReplayBufferFollowsThePictureAndTheSettingAndSavesOnRequest) {
+    auto& preferences = PreferencesController::instance();
+    preferences.setPreference(PreferenceReplayBufferEnabled, true);
+    preferences.setPreference(PreferenceReplayBufferSeconds, qint64(5));
+    auto& ui = start();
+    EXPECT_FALSE(ui.saveReplayItem->isEnabled());
+    ui.playPauseItem->trigger();
+    ASSERT_TRUE(m_controller->replayBuffer());
+    EXPECT_EQ(m_controller->replayBuffer()->seconds(), 5);
+    EXPECT_EQ(m_controller->replayBuffer()->layouts().front(), m_controller->activeLayout());
+    EXPECT_TRUE(ui.saveReplayItem->isEnabled());
+    QTRY_VERIFY_WITH_TIMEOUT(m_controller->replayBuffer()->heldSeconds() > 0.5, 20000);
+    ui.saveReplayItem->trigger();
+    QTRY_COMPARE_WITH_TIMEOUT(QDir(m_storage.path()).entryList({"Replay *.mp4"}, QDir::Files).size(), 1,
+                              20000);
+    EXPECT_TRUE(alerts().isEmpty()) << alerts().join("; ").toStdString();
+
+    const auto first = m_controller->replayBuffer();
+    m_controller->setActiveLayout(LayoutController::instance().layoutNamed("Side by Side"));
+    ASSERT_TRUE(m_controller->replayBuffer());
+    EXPECT_NE(m_controller->replayBuffer(), first);
+    EXPECT_EQ(m_controller->replayBuffer()->layouts().front()->name(), "Side by Side");
+    EXPECT_FALSE(first->isListening());
+
+    auto* pane = m_controller->preferencesWindow()->findChild<QCheckBox*>("replayBufferCheckBox");
+    ASSERT_TRUE(pane);
+    EXPECT_EQ(m_controller->preferencesWindow()->findChild<QLabel*>("replayMemoryLabel")->text(),
+              "about 1 MB")
+        << "five seconds and one more of Medium's 1000 kbit/s";
+    pane->click();
+    EXPECT_FALSE(m_controller->replayBuffer()) << "turned off in the preferences";
+    EXPECT_EQ(preferences.preference(PreferenceReplayBufferEnabled), QVariant(false));
+    pane->click();
+    ASSERT_TRUE(m_controller->replayBuffer());
+    ui.playPauseItem->trigger();
+    EXPECT_FALSE(m_controller->replayBuffer()) << "paused";
+    EXPECT_FALSE(ui.saveReplayItem->isEnabled());
 }
 
 TEST_F(MainControllerTest, ALayoutChangeResizesTheWindowKeepingItsLowerLeftCorner) {
