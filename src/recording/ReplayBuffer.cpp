@@ -92,12 +92,12 @@ void ReplayBuffer::empty() {
 
 bool ReplayBuffer::capture(const LayoutPtr& layout, const ObserverPtr& observer) {
     if (CaptureDataPtr frame = layout->observe(observer)) {
-        encode(*frame);
+        append(*frame);
     }
     return false; // the buffer runs until it is stopped
 }
 
-void ReplayBuffer::encode(const CaptureData& frame) {
+void ReplayBuffer::append(const CaptureData& frame) {
     const int64_t time = VideoRecord::currentTime(frame.timestamp());
     if (m_firstTime < 0) {
         m_firstTime = time;

@@ -48,6 +48,10 @@ public:
     // call it off the GUI thread. Frames keep coming meanwhile; the ring is only read.
     Saved save();
 
+    // Encodes one frame of the layout into the ring; the buffer's thread calls it for every frame
+    // shown. Frames whose time does not come after the previous one's are dropped.
+    void append(const CaptureData& frame);
+
     // What the ring holds now: the time from its first picture to its last, and its bytes.
     double heldSeconds();
     uint64_t heldBytes();
@@ -62,7 +66,6 @@ private:
         bool key;
     };
 
-    void encode(const CaptureData& frame);
     // Moves the encoder's finished packets into the ring, then drops what has fallen out of it.
     void collect();
     void empty();
