@@ -2,170 +2,80 @@
 
 #include "base/Log.h"
 
-extern "C" {
-#include <libavutil/channel_layout.h>
-#include <libavutil/opt.h>
-}
-
-#include <vector>
-
 namespace zandor {
+
+AVSampleFormat AudioFileWriter::sampleFormat(QAudioFormat::SampleFormat format) {
+    switch (format) {
+    case QAudioFormat::UInt8:
+        return AV_SAMPLE_FMT_U8;
+    case QAudioFormat::Int16:
+        return AV_SAMPLE_FMT_S16;
+    case QAudioFormat::Int32:
+        return AV_SAMPLE_FMT_S32;
+    case QAudioFormat::Float:
+        return AV_SAMPLE_FMT_FLT;
+    default:
+        return AV_SAMPLE_FMT_NONE;
+    }
+}
 
 bool AudioFileWriter::open(const std::string& path, AVSampleFormat inputFormat, int inputRate,
                            int inputChannels) {
     if (!m_output.open(path, "mov")) {
         return false;
     }
-    const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
-    m_stream = codec ? avformat_new_stream(m_output.get(), nullptr) : nullptr;
-    if (!m_stream) {
+    m_stream = avformat_new_stream(m_output.get(), nullptr);
+    if (!m_stream || !m_encoder.open(inputFormat, inputRate, inputChannels,
+                                     (m_output->oformat->flags & AVFMT_GLOBALHEADER) != 0)) {
         logs::recording.error("Could not add an audio track to %s", path.c_str());
         return false;
     }
-    m_encoder.reset(avcodec_alloc_context3(codec));
-    AVCodecContext* encoder = m_encoder.get();
-    encoder->sample_fmt = AV_SAMPLE_FMT_FLTP;
-    encoder->sample_rate = SampleRate;
-    encoder->bit_rate = BitRate;
-    encoder->time_base = {1, SampleRate};
-    av_channel_layout_default(&encoder->ch_layout, 2);
-    if (m_output->oformat->flags & AVFMT_GLOBALHEADER) {
-        encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    }
-    if (!ff::check(avcodec_open2(encoder, codec, nullptr), "avcodec_open2") ||
-        !ff::check(avcodec_parameters_from_context(m_stream->codecpar, encoder),
+    if (!ff::check(avcodec_parameters_from_context(m_stream->codecpar, m_encoder.context()),
                    "avcodec_parameters_from_context")) {
-        m_encoder.reset();
         return false;
     }
-    m_stream->time_base = encoder->time_base;
-    // The encoder puts out `initial_padding` priming samples before the first one it was given and
-    // dates them that much earlier. Counting from there, the movie starts at time zero with the
-    // priming and no time is negative, which the muxer would otherwise shift on its own.
-    m_nextPts = encoder->initial_padding;
-
-    AVChannelLayout inputLayout;
-    av_channel_layout_default(&inputLayout, inputChannels);
-    SwrContext* resampler = nullptr;
-    int result = swr_alloc_set_opts2(&resampler, &encoder->ch_layout, encoder->sample_fmt, SampleRate,
-                                     &inputLayout, inputFormat, inputRate, 0, nullptr);
-    av_channel_layout_uninit(&inputLayout);
-    m_resampler.reset(resampler);
-    if (resampler) {
-        // Keeps the sound on the wall clock. An input's sample clock runs a little fast or slow
-        // against it (a few hundred parts per million are common), so counting samples alone lets
-        // the sound drift away from the picture, by a frame within a minute or two. When the
-        // buffers' capture times and the samples put out so far part by more than 4 ms (more than
-        // the buffers' times jitter), the resampler stretches or squeezes the sound by at most
-        // 0.2 % for the next second; past 100 ms (samples lost in a dropout) it fills with silence
-        // or drops samples at once.
-        av_opt_set_double(resampler, "min_comp", 0.004, 0);
-        av_opt_set_double(resampler, "max_soft_comp", 0.002, 0);
-        av_opt_set_double(resampler, "comp_duration", 1.0, 0);
-        av_opt_set_double(resampler, "min_hard_comp", 0.1, 0);
-        // Resampling from the start: turned on only when first needed, it would start the time
-        // line afresh there and keep the gap it was meant to close.
-        av_opt_set_int(resampler, "flags", SWR_FLAG_RESAMPLE, 0);
-    }
-    m_fifo.reset(av_audio_fifo_alloc(encoder->sample_fmt, 2, SampleRate));
-    m_frame.reset(av_frame_alloc());
-    m_packet.reset(av_packet_alloc());
-    if (!ff::check(result, "swr_alloc_set_opts2") || !ff::check(swr_init(m_resampler.get()), "swr_init") ||
-        !m_fifo || !m_frame || !m_packet) {
-        m_encoder.reset();
-        return false;
-    }
+    m_stream->time_base = m_encoder.context()->time_base;
+    m_timeBase = m_encoder.context()->time_base;
     return true;
 }
 
-bool AudioFileWriter::writeHeader(std::chrono::system_clock::time_point firstSample) {
-    // Time zero of the movie is the priming, which plays before the first captured sample.
-    const double priming = static_cast<double>(m_encoder->initial_padding) / SampleRate;
+bool AudioFileWriter::writeHeader(std::chrono::system_clock::time_point timeZero) {
     m_headerWritten = ff::writeFragmentedHeader(
-        m_output.get(), std::chrono::duration<double>(firstSample.time_since_epoch()).count() - priming);
+        m_output.get(), std::chrono::duration<double>(timeZero.time_since_epoch()).count());
     return m_headerWritten;
+}
+
+bool AudioFileWriter::writePacket(AVPacket* packet) {
+    av_packet_rescale_ts(packet, m_timeBase, m_stream->time_base);
+    packet->stream_index = m_stream->index;
+    return ff::check(av_interleaved_write_frame(m_output.get(), packet), "av_interleaved_write_frame");
 }
 
 bool AudioFileWriter::write(const uint8_t* samples, int frames,
                             std::chrono::system_clock::time_point captured) {
-    if (!m_encoder) {
+    if (!m_encoder.isOpen()) {
         return false;
     }
-    if (!m_headerWritten) {
-        m_firstSample = captured;
-        if (!writeHeader(captured)) {
+    const auto sink = [this](AVPacket* packet) { return writePacket(packet); };
+    if (!m_encoder.hasStarted()) {
+        // Time zero of the movie is the priming, which plays before the first captured sample: the
+        // header needs it before the first packet.
+        m_encoder.start(captured);
+        if (!writeHeader(m_encoder.timeZero())) {
             return false;
         }
     }
-    // Where these samples belong on the movie's time line, in 1 / (rate * rate) seconds; the
-    // resampler compares it with what it has put out (see open()).
-    const int64_t sinceUs =
-        std::chrono::duration_cast<std::chrono::microseconds>(captured - m_firstSample).count();
-    swr_next_pts(m_resampler.get(), sinceUs * SampleRate / 1000 * SampleRate / 1000);
-    const int room = swr_get_out_samples(m_resampler.get(), frames);
-    std::vector<float> left(static_cast<size_t>(room)), right(static_cast<size_t>(room));
-    uint8_t* planes[2] = {reinterpret_cast<uint8_t*>(left.data()), reinterpret_cast<uint8_t*>(right.data())};
-    const uint8_t* input[1] = {samples};
-    const int converted = swr_convert(m_resampler.get(), planes, room, input, frames);
-    if (!ff::check(converted, "swr_convert")) {
-        return false;
-    }
-    if (av_audio_fifo_write(m_fifo.get(), reinterpret_cast<void**>(planes), converted) < converted) {
-        logs::recording.error("Could not queue audio samples");
-        return false;
-    }
-    return drainFifo(false);
-}
-
-bool AudioFileWriter::drainFifo(bool flush) {
-    const int frameSize = m_encoder->frame_size;
-    while (av_audio_fifo_size(m_fifo.get()) >= frameSize || (flush && av_audio_fifo_size(m_fifo.get()) > 0)) {
-        const int count = std::min(frameSize, av_audio_fifo_size(m_fifo.get()));
-        av_frame_unref(m_frame.get());
-        m_frame->nb_samples = count;
-        m_frame->format = m_encoder->sample_fmt;
-        m_frame->sample_rate = SampleRate;
-        if (!ff::check(av_channel_layout_copy(&m_frame->ch_layout, &m_encoder->ch_layout),
-                       "av_channel_layout_copy") ||
-            !ff::check(av_frame_get_buffer(m_frame.get(), 0), "av_frame_get_buffer")) {
-            return false;
-        }
-        av_audio_fifo_read(m_fifo.get(), reinterpret_cast<void**>(m_frame->data), count);
-        m_frame->pts = m_nextPts;
-        m_nextPts += count;
-        if (!encode(m_frame.get())) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool AudioFileWriter::encode(const AVFrame* frame) {
-    return ff::encodeAndWrite(m_encoder.get(), frame, m_packet.get(), m_output.get(), m_stream);
+    return m_headerWritten && m_encoder.write(samples, frames, captured, sink);
 }
 
 bool AudioFileWriter::finish() {
-    if (!m_encoder) {
+    if (!m_encoder.isOpen()) {
         return false;
     }
     bool finished = m_headerWritten || writeHeader(std::chrono::system_clock::now());
-    if (finished) {
-        // What the resampler still holds, then the last short frame, then the encoder's delay.
-        const int room = swr_get_out_samples(m_resampler.get(), 0);
-        if (room > 0) {
-            std::vector<float> left(static_cast<size_t>(room)), right(static_cast<size_t>(room));
-            uint8_t* planes[2] = {reinterpret_cast<uint8_t*>(left.data()),
-                                  reinterpret_cast<uint8_t*>(right.data())};
-            const int converted = swr_convert(m_resampler.get(), planes, room, nullptr, 0);
-            if (converted > 0) {
-                av_audio_fifo_write(m_fifo.get(), reinterpret_cast<void**>(planes), converted);
-            }
-        }
-        finished = drainFifo(true) && encode(nullptr) &&
-                   ff::check(av_write_trailer(m_output.get()), "av_write_trailer");
-    }
+    finished = finished && m_encoder.finish([this](AVPacket* packet) { return writePacket(packet); }) &&
+               ff::check(av_write_trailer(m_output.get()), "av_write_trailer");
     m_output.close();
-    m_encoder.reset();
     return finished;
 }
 

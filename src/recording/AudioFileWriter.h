@@ -1,6 +1,9 @@
 #pragma once
 
+#include "AudioEncoder.h"
 #include "media/FFmpeg.h"
+
+#include <QAudioFormat>
 
 #include <chrono>
 #include <cstdint>
@@ -16,36 +19,31 @@ namespace zandor {
 // clock does (see write()). Not thread-safe: one thread writes.
 class AudioFileWriter {
 public:
-    static constexpr int SampleRate = 44100;
-    static constexpr int64_t BitRate = 131072;
+    static constexpr int SampleRate = AudioEncoder::SampleRate;
+    static constexpr int64_t BitRate = AudioEncoder::BitRate;
+
+    // FFmpeg's sample format for Qt's; AV_SAMPLE_FMT_NONE for one we cannot take.
+    static AVSampleFormat sampleFormat(QAudioFormat::SampleFormat format);
 
     // The captured samples: interleaved, of this format, rate and channel count.
     bool open(const std::string& path, AVSampleFormat inputFormat, int inputRate, int inputChannels);
-    // Encodes interleaved samples; `captured` is the wall-clock time of the first of them. The
-    // first call's time is the start of the sound; where later calls' times and the samples
-    // counted part, the sound is stretched, squeezed, filled or cut to follow the times.
+    // Encodes interleaved samples; `captured` is the wall-clock time of the first of them (see
+    // AudioEncoder for how the sound follows the times).
     bool write(const uint8_t* samples, int frames, std::chrono::system_clock::time_point captured);
     // Flushes what is left and finishes the file. False, logged, when a step failed.
     bool finish();
 
-    bool isOpen() const { return m_encoder != nullptr; }
+    bool isOpen() const { return m_encoder.isOpen(); }
 
 private:
-    bool writeHeader(std::chrono::system_clock::time_point firstSample);
-    // Encodes whole encoder frames from the queue (and, when flushing, the rest).
-    bool drainFifo(bool flush);
-    bool encode(const AVFrame* frame);
+    bool writeHeader(std::chrono::system_clock::time_point timeZero);
+    bool writePacket(AVPacket* packet);
 
     ff::OutputContext m_output;
     AVStream* m_stream = nullptr;
-    ff::CodecContext m_encoder;
-    ff::Resampler m_resampler;
-    ff::AudioFifo m_fifo;
-    ff::Frame m_frame;
-    ff::Packet m_packet;
+    AudioEncoder m_encoder;
+    AVRational m_timeBase{1, AudioEncoder::SampleRate};
     bool m_headerWritten = false;
-    std::chrono::system_clock::time_point m_firstSample; // the first captured sample's time
-    int64_t m_nextPts = 0;                               // in samples, the priming's included
 };
 
 } // namespace zandor

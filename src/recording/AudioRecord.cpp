@@ -1,9 +1,11 @@
 #include "AudioRecord.h"
 
+#include "AudioInput.h"
 #include "AudioSession.h"
 #include "base/Log.h"
 #include "base/RunOn.h"
 
+#include <QAudioDevice>
 #include <QMediaDevices>
 #include <QMetaObject>
 #include <QThread>
@@ -43,6 +45,12 @@ bool AudioRecord::start(const QString& deviceId, const QString& bundlePath, bool
     return true;
 }
 
+void AudioRecord::share(std::shared_ptr<AudioInput> input, std::chrono::milliseconds offset) {
+    std::scoped_lock lock(m_lock);
+    m_shared = std::move(input);
+    m_offset = offset;
+}
+
 void AudioRecord::adopt(const QString& bundlePath) {
     std::scoped_lock lock(m_lock);
     m_path = QStringLiteral("%1/Audio%2.%3").arg(bundlePath, m_name, QStringLiteral("mov"));
@@ -50,6 +58,24 @@ void AudioRecord::adopt(const QString& bundlePath) {
 
 bool AudioRecord::createSession(const QString& bundlePath, const AudioSettings&) {
     adopt(bundlePath);
+    auto* session = new AudioSession;
+    session->setOffset(m_offset);
+    const QString path = m_path;
+    const bool preview = m_preview;
+    // The sound listened to comes from the input already open: the track starts with it at once,
+    // and its play-through is the one already heard.
+    if (m_shared && QString::fromUtf8(runAndWait(
+                        m_shared.get(), [input = m_shared] { return input->device().id(); })) == m_deviceId) {
+        session->moveToThread(m_shared->thread());
+        if (!runAndWait(session, [session, input = m_shared, preview, path] {
+                return session->open(input, preview, path);
+            })) {
+            runAndWait(session, [session] { delete session; });
+            return false;
+        }
+        m_session = session;
+        return true;
+    }
     QAudioDevice input;
     for (const QAudioDevice& device : QMediaDevices::audioInputs()) {
         if (device.id() == m_deviceId.toUtf8()) {
@@ -59,12 +85,10 @@ bool AudioRecord::createSession(const QString& bundlePath, const AudioSettings&)
     }
     if (input.isNull()) {
         logs::recording.error("Could not construct connection of audio recording session");
+        delete session;
         return false;
     }
-    auto* session = new AudioSession;
     session->moveToThread(m_thread);
-    const QString path = m_path;
-    const bool preview = m_preview;
     if (!runAndWait(session,
                     [session, input, preview, path] { return session->open(input, preview, path); })) {
         runAndWait(session, [session] { delete session; });

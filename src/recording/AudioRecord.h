@@ -3,6 +3,7 @@
 #include <QString>
 
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <optional>
 
@@ -10,6 +11,7 @@ class QThread;
 
 namespace zandor {
 
+class AudioInput;
 class AudioSession;
 
 // Records one audio input ("Game" or "Narrator") into "<bundle>/Audio<name>.mov" while a video
@@ -43,6 +45,10 @@ public:
 
     const QString& name() const { return m_name; }
     const QString& path() const { return m_path; }
+    // Before start: the input open already for listening, used when it is the one to record (its
+    // sound then reaches the track from the first instant, and is played through only once), and how
+    // far to move the track's sound against the picture.
+    void share(std::shared_ptr<AudioInput> input, std::chrono::milliseconds offset);
     // Takes the file a recording left in `bundlePath` as its own, to be finalised.
     void adopt(const QString& bundlePath);
 
@@ -59,7 +65,9 @@ private:
     bool m_preview = false;
     QString m_deviceId;
     QString m_path;
-    AudioSession* m_session = nullptr; // lives on m_thread
+    AudioSession* m_session = nullptr; // lives on m_thread, or on the shared input's
+    std::shared_ptr<AudioInput> m_shared;
+    std::chrono::milliseconds m_offset{0};
     std::optional<std::chrono::milliseconds> m_lostAt;
 };
 

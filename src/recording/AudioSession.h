@@ -2,25 +2,23 @@
 
 #include "AudioFileWriter.h"
 
-#include <QAudioDevice>
-#include <QAudioFormat>
 #include <QObject>
-#include <QTimer>
+#include <QString>
 
 #include <chrono>
 #include <memory>
 #include <optional>
 
-class QAudioSink;
-class QAudioSource;
-class QMediaDevices;
-class QIODevice;
+class QAudioDevice;
 
 namespace zandor {
 
-// The Qt side of one audio recording: captures an input, writes it to a movie file and, when asked,
-// plays it through to the default output. Lives on the recording's audio thread, whose event loop
-// delivers the captured sound; every method runs there.
+class AudioInput;
+
+// One audio track of a recording: takes an input's sound into a movie file and, when asked, plays it
+// through to the default output. The input is the session's own, or one already open and shared (the
+// game sound listened to), whose sound the track then takes from the moment it starts. Lives on the
+// input's thread, whose event loop delivers the sound; every method runs there.
 class AudioSession : public QObject {
     Q_OBJECT
 public:
@@ -30,32 +28,30 @@ public:
     // Prepares capture from `input` into `path`, with play-through when `preview`. False, logged
     // with the reason, when the input or the preview output cannot be used.
     bool open(const QAudioDevice& input, bool preview, const QString& path);
+    // The same from an input that is open and runs already; it goes on when the session ends.
+    bool open(std::shared_ptr<AudioInput> input, bool preview, const QString& path);
+    // `offset` moves the track's sound later (or earlier, when negative) against the picture.
+    void setOffset(std::chrono::milliseconds offset) { m_offset = offset; }
     void start();
     // Ends capture and play-through and finishes the file; false when a write or finishing failed.
     bool stop();
     // How far into the capture the input went away (unplugged, or its server gone), if it did.
-    std::optional<std::chrono::milliseconds> lostAt() const { return m_lostAt; }
+    std::optional<std::chrono::milliseconds> lostAt() const;
 
 private:
-    void readAvailable();
-    // The input went away if it stopped with an error, left the system's list of inputs or has
-    // delivered nothing for SilentInputMs (an input delivers its buffers, silent or not, all along).
-    void checkInput();
+    bool openWriter(const QString& path);
+    void inputLost();
 
-    std::unique_ptr<QMediaDevices> m_devices;
-    QTimer m_watchdog{this}; // a child, so that it moves to the audio thread with the session
-    std::chrono::steady_clock::time_point m_heardAt;
-    QAudioDevice m_device;
-    std::unique_ptr<QAudioSource> m_source;
-    std::unique_ptr<QAudioSink> m_sink;
-    QIODevice* m_input = nullptr;  // owned by m_source
-    QIODevice* m_output = nullptr; // owned by m_sink
-    QAudioFormat m_format;
+    std::shared_ptr<AudioInput> m_input;
+    bool m_ownsInput = false;
+    bool m_preview = false;
+    bool m_previewHeld = false;
+    int m_tap = -1;
     AudioFileWriter m_writer;
     bool m_started = false;
     bool m_writeFailed = false;
+    std::chrono::milliseconds m_offset{0};
     std::chrono::steady_clock::time_point m_startedAt;
-    std::optional<std::chrono::milliseconds> m_lostAt;
 };
 
 } // namespace zandor

@@ -51,6 +51,10 @@ VideoRecorder::~VideoRecorder() {
     m_audioThread->wait();
 }
 
+void VideoRecorder::shareGameInput(std::shared_ptr<AudioInput> input) {
+    m_sharedGameInput = std::move(input);
+}
+
 void VideoRecorder::setDelegate(std::shared_ptr<RecorderDelegate> delegate) {
     m_delegate = std::move(delegate);
 }
@@ -112,6 +116,7 @@ bool VideoRecorder::start() {
         if (!m_audioThread->isRunning()) {
             m_audioThread->start();
         }
+        m_audioGameRecord->share(m_sharedGameInput, std::chrono::milliseconds(m_settings.gameAudioOffsetMs));
         success = m_audioGameRecord->start(m_settings.gameAudioInput, m_bundlePath, true);
         if (success) {
             success = m_audioNarratorRecord->start(m_settings.narratorAudioInput, m_bundlePath, false);

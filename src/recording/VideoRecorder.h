@@ -18,6 +18,8 @@ class QThread;
 
 namespace zandor {
 
+class AudioInput;
+
 // Records a video of every layout on show, with the game sound (played through) and the
 // narrator's microphone, into the bundle "Capture <stamp>.zdrecord" in the storage folder. When
 // stopped it finishes the tracks, merges each layout's video with the game sound (SublerCLI),
@@ -30,6 +32,9 @@ public:
     ~VideoRecorder() override;
 
     void setDelegate(std::shared_ptr<RecorderDelegate> delegate);
+    // Before start: the game input that is open already (see GameAudio); the game track takes its
+    // sound from it when it is the chosen one.
+    void shareGameInput(std::shared_ptr<AudioInput> input);
 
     bool start() override;
     bool isDone() override { return Recorder::isDone() && m_done; }
@@ -81,6 +86,7 @@ private:
     std::unique_ptr<QThread> m_audioThread;
     std::unique_ptr<AudioRecord> m_audioGameRecord;
     std::unique_ptr<AudioRecord> m_audioNarratorRecord;
+    std::shared_ptr<AudioInput> m_sharedGameInput;
     QString m_basePath;
     QString m_bundlePath;
     std::shared_ptr<RecorderDelegate> m_delegate;

@@ -24,10 +24,18 @@ CaptureSettings CaptureSettings::fromPreferences(const PreferencesController& pr
     settings.narratorAudioInput = text(PreferenceCaptureNarratorAudioInput);
     const QVariant replay = preferences.preference(PreferenceReplayBufferEnabled);
     settings.replayBuffer = replay.typeId() == QMetaType::Bool && replay.toBool();
-    const QVariant seconds = preferences.preference(PreferenceReplayBufferSeconds);
-    if (seconds.typeId() == QMetaType::LongLong && seconds.toLongLong() >= 5 && seconds.toLongLong() <= 300) {
-        settings.replaySeconds = static_cast<int>(seconds.toLongLong());
-    }
+    const auto integer = [&preferences](const QString& key, int minimum, int maximum, int& value) {
+        const QVariant stored = preferences.preference(key);
+        if (stored.typeId() == QMetaType::LongLong && stored.toLongLong() >= minimum &&
+            stored.toLongLong() <= maximum) {
+            value = static_cast<int>(stored.toLongLong());
+        }
+    };
+    integer(PreferenceReplayBufferSeconds, 5, 300, settings.replaySeconds);
+    const QVariant listen = preferences.preference(PreferenceListenToGameAudio);
+    settings.listenToGameAudio = listen.typeId() == QMetaType::Bool && listen.toBool();
+    integer(PreferenceGameAudioVolume, 0, 100, settings.gameAudioVolume);
+    integer(PreferenceGameAudioOffsetMs, -500, 500, settings.gameAudioOffsetMs);
     return settings;
 }
 

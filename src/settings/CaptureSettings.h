@@ -28,6 +28,12 @@ struct CaptureSettings {
     // many (5 to 300).
     bool replayBuffer = false;
     int replaySeconds = 30;
+    // Whether the game input is played through while the picture plays, at what volume (0 to 100),
+    // and how many milliseconds (-500 to 500) its sound is moved later against the picture in
+    // recordings and replays.
+    bool listenToGameAudio = false;
+    int gameAudioVolume = 100;
+    int gameAudioOffsetMs = 0;
 
     static CaptureSettings fromPreferences(const PreferencesController& preferences);
 

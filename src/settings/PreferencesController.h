@@ -28,6 +28,9 @@ inline const QString PreferenceCaptureImageFormat = QStringLiteral("PreferenceCa
 // them like any unknown key.
 inline const QString PreferenceReplayBufferEnabled = QStringLiteral("PreferenceReplayBufferEnabled");
 inline const QString PreferenceReplayBufferSeconds = QStringLiteral("PreferenceReplayBufferSeconds");
+inline const QString PreferenceListenToGameAudio = QStringLiteral("PreferenceListenToGameAudio");
+inline const QString PreferenceGameAudioVolume = QStringLiteral("PreferenceGameAudioVolume");
+inline const QString PreferenceGameAudioOffsetMs = QStringLiteral("PreferenceGameAudioOffsetMs");
 
 // Every user setting of the application, in one dictionary that lives for the whole run. Built-in
 // defaults are overlaid with the preferences file, and once started every change rewrites the whole

@@ -1,0 +1,170 @@
+#include "AudioEncoder.h"
+
+#include "base/Log.h"
+
+extern "C" {
+#include <libavutil/opt.h>
+}
+
+#include <vector>
+
+namespace zandor {
+
+bool AudioEncoder::open(AVSampleFormat inputFormat, int inputRate, int inputChannels, bool globalHeader) {
+    ff::routeLogging();
+    const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
+    if (!codec) {
+        return false;
+    }
+    m_encoder.reset(avcodec_alloc_context3(codec));
+    AVCodecContext* encoder = m_encoder.get();
+    encoder->sample_fmt = AV_SAMPLE_FMT_FLTP;
+    encoder->sample_rate = SampleRate;
+    encoder->bit_rate = BitRate;
+    encoder->time_base = {1, SampleRate};
+    av_channel_layout_default(&encoder->ch_layout, 2);
+    if (globalHeader) {
+        encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    }
+    if (!ff::check(avcodec_open2(encoder, codec, nullptr), "avcodec_open2")) {
+        m_encoder.reset();
+        return false;
+    }
+    // The encoder puts out `initial_padding` priming samples before the first one it was given and
+    // dates them that much earlier. Counting from there, the sound starts at time zero with the
+    // priming and no time is negative, which a muxer would otherwise shift on its own.
+    m_nextPts = encoder->initial_padding;
+    AVChannelLayout inputLayout;
+    av_channel_layout_default(&inputLayout, inputChannels);
+    SwrContext* resampler = nullptr;
+    int result = swr_alloc_set_opts2(&resampler, &encoder->ch_layout, encoder->sample_fmt, SampleRate,
+                                     &inputLayout, inputFormat, inputRate, 0, nullptr);
+    av_channel_layout_uninit(&inputLayout);
+    m_resampler.reset(resampler);
+    if (resampler) {
+        // Keeps the sound on the wall clock. An input's sample clock runs a little fast or slow
+        // against it (a few hundred parts per million are common), so counting samples alone lets
+        // the sound drift away from the picture, by a frame within a minute or two. When the
+        // buffers' capture times and the samples put out so far part by more than 4 ms (more than
+        // the buffers' times jitter), the resampler stretches or squeezes the sound by at most
+        // 0.2 % for the next second; past 100 ms (samples lost in a dropout) it fills with silence
+        // or drops samples at once.
+        av_opt_set_double(resampler, "min_comp", 0.004, 0);
+        av_opt_set_double(resampler, "max_soft_comp", 0.002, 0);
+        av_opt_set_double(resampler, "comp_duration", 1.0, 0);
+        av_opt_set_double(resampler, "min_hard_comp", 0.1, 0);
+        // Resampling from the start: turned on only when first needed, it would start the time
+        // line afresh there and keep the gap it was meant to close.
+        av_opt_set_int(resampler, "flags", SWR_FLAG_RESAMPLE, 0);
+    }
+    m_fifo.reset(av_audio_fifo_alloc(encoder->sample_fmt, 2, SampleRate));
+    m_frame.reset(av_frame_alloc());
+    m_packet.reset(av_packet_alloc());
+    if (!ff::check(result, "swr_alloc_set_opts2") || !ff::check(swr_init(m_resampler.get()), "swr_init") ||
+        !m_fifo || !m_frame || !m_packet) {
+        m_encoder.reset();
+        return false;
+    }
+    return true;
+}
+
+void AudioEncoder::start(std::chrono::system_clock::time_point captured) {
+    if (!m_started) {
+        m_firstSample = captured;
+        m_started = true;
+    }
+}
+
+std::chrono::system_clock::time_point AudioEncoder::timeZero() const {
+    const auto priming =
+        std::chrono::microseconds(int64_t{m_encoder ? m_encoder->initial_padding : 0} * 1000000 / SampleRate);
+    return m_firstSample - priming;
+}
+
+bool AudioEncoder::write(const uint8_t* samples, int frames, std::chrono::system_clock::time_point captured,
+                         const PacketSink& sink) {
+    if (!m_encoder) {
+        return false;
+    }
+    start(captured);
+    // Where these samples belong on the movie's time line, in 1 / (rate * rate) seconds; the
+    // resampler compares it with what it has put out (see open()).
+    const int64_t sinceUs =
+        std::chrono::duration_cast<std::chrono::microseconds>(captured - m_firstSample).count();
+    swr_next_pts(m_resampler.get(), sinceUs * SampleRate / 1000 * SampleRate / 1000);
+    const int room = swr_get_out_samples(m_resampler.get(), frames);
+    std::vector<float> left(static_cast<size_t>(room)), right(static_cast<size_t>(room));
+    uint8_t* planes[2] = {reinterpret_cast<uint8_t*>(left.data()), reinterpret_cast<uint8_t*>(right.data())};
+    const uint8_t* input[1] = {samples};
+    const int converted = swr_convert(m_resampler.get(), planes, room, input, frames);
+    if (!ff::check(converted, "swr_convert")) {
+        return false;
+    }
+    if (av_audio_fifo_write(m_fifo.get(), reinterpret_cast<void**>(planes), converted) < converted) {
+        logs::recording.error("Could not queue audio samples");
+        return false;
+    }
+    return drainFifo(false, sink);
+}
+
+bool AudioEncoder::drainFifo(bool flush, const PacketSink& sink) {
+    const int frameSize = m_encoder->frame_size;
+    while (av_audio_fifo_size(m_fifo.get()) >= frameSize || (flush && av_audio_fifo_size(m_fifo.get()) > 0)) {
+        const int count = std::min(frameSize, av_audio_fifo_size(m_fifo.get()));
+        av_frame_unref(m_frame.get());
+        m_frame->nb_samples = count;
+        m_frame->format = m_encoder->sample_fmt;
+        m_frame->sample_rate = SampleRate;
+        if (!ff::check(av_channel_layout_copy(&m_frame->ch_layout, &m_encoder->ch_layout),
+                       "av_channel_layout_copy") ||
+            !ff::check(av_frame_get_buffer(m_frame.get(), 0), "av_frame_get_buffer")) {
+            return false;
+        }
+        av_audio_fifo_read(m_fifo.get(), reinterpret_cast<void**>(m_frame->data), count);
+        m_frame->pts = m_nextPts;
+        m_nextPts += count;
+        if (!encode(m_frame.get(), sink)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool AudioEncoder::encode(const AVFrame* frame, const PacketSink& sink) {
+    if (!ff::check(avcodec_send_frame(m_encoder.get(), frame), "avcodec_send_frame")) {
+        return false;
+    }
+    for (;;) {
+        const int result = avcodec_receive_packet(m_encoder.get(), m_packet.get());
+        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
+            return true;
+        }
+        if (!ff::check(result, "avcodec_receive_packet") || !sink(m_packet.get())) {
+            av_packet_unref(m_packet.get());
+            return false;
+        }
+        av_packet_unref(m_packet.get());
+    }
+}
+
+bool AudioEncoder::finish(const PacketSink& sink) {
+    if (!m_encoder) {
+        return false;
+    }
+    // What the resampler still holds, then the last short frame, then the encoder's delay.
+    const int room = swr_get_out_samples(m_resampler.get(), 0);
+    if (room > 0) {
+        std::vector<float> left(static_cast<size_t>(room)), right(static_cast<size_t>(room));
+        uint8_t* planes[2] = {reinterpret_cast<uint8_t*>(left.data()),
+                              reinterpret_cast<uint8_t*>(right.data())};
+        const int converted = swr_convert(m_resampler.get(), planes, room, nullptr, 0);
+        if (converted > 0) {
+            av_audio_fifo_write(m_fifo.get(), reinterpret_cast<void**>(planes), converted);
+        }
+    }
+    const bool finished = drainFifo(true, sink) && encode(nullptr, sink);
+    m_encoder.reset();
+    return finished;
+}
+
+} // namespace zandor

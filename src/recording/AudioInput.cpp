@@ -1,0 +1,179 @@
+#include "AudioInput.h"
+
+#include "AudioFileWriter.h"
+#include "base/Log.h"
+
+#include <QAudioSink>
+#include <QAudioSource>
+#include <QMediaDevices>
+
+namespace zandor {
+
+namespace {
+
+// Short buffers: each buffer's capture time is estimated from when it arrives, and the sound
+// played through should not lag the picture by more than a frame or two.
+constexpr int CaptureBufferMs = 20;
+constexpr int PreviewBufferMs = 40;
+constexpr int SilentInputMs = 2000;
+
+} // namespace
+
+AudioInput::AudioInput() = default;
+
+AudioInput::~AudioInput() {
+    stop();
+}
+
+bool AudioInput::open(const QAudioDevice& device) {
+    QAudioFormat wanted;
+    wanted.setSampleRate(AudioFileWriter::SampleRate);
+    wanted.setChannelCount(2);
+    wanted.setSampleFormat(QAudioFormat::Int16);
+    m_format = device.isFormatSupported(wanted) ? wanted : device.preferredFormat();
+    if (device.isNull() || AudioFileWriter::sampleFormat(m_format.sampleFormat()) == AV_SAMPLE_FMT_NONE) {
+        logs::recording.error("Could not construct connection of audio recording session");
+        return false;
+    }
+    m_device = device;
+    m_source = std::make_unique<QAudioSource>(device, m_format);
+    m_source->setBufferSize(m_format.bytesForDuration(CaptureBufferMs * 1000));
+    return true;
+}
+
+void AudioInput::start() {
+    if (!m_source || m_started) {
+        return;
+    }
+    m_started = true;
+    m_lostAt.reset();
+    m_input = m_source->start();
+    // The audio server does not always fail the stream of an input that is unplugged; the list of
+    // inputs tells it too.
+    m_devices = std::make_unique<QMediaDevices>();
+    connect(m_devices.get(), &QMediaDevices::audioInputsChanged, this, &AudioInput::checkInput);
+    connect(m_source.get(), &QAudioSource::stateChanged, this, &AudioInput::checkInput);
+    m_heardAt = std::chrono::steady_clock::now();
+    connect(&m_watchdog, &QTimer::timeout, this, &AudioInput::checkInput, Qt::UniqueConnection);
+    m_watchdog.start(SilentInputMs / 2);
+    if (!m_input) {
+        logs::recording.error("Could not start audio capture: error %d", static_cast<int>(m_source->error()));
+        return;
+    }
+    connect(m_input, &QIODevice::readyRead, this, &AudioInput::readAvailable);
+    if (m_playThroughHolds > 0) {
+        startSink();
+    }
+}
+
+void AudioInput::stop() {
+    if (!m_started) {
+        return;
+    }
+    m_started = false;
+    if (m_input) {
+        readAvailable(); // what was captured up to now
+        disconnect(m_input, nullptr, this, nullptr);
+    }
+    disconnect(m_source.get(), nullptr, this, nullptr);
+    m_devices.reset();
+    m_watchdog.stop();
+    m_source->stop();
+    if (m_sink) {
+        m_sink->stop();
+        m_sink.reset();
+    }
+    m_input = nullptr;
+    m_output = nullptr;
+}
+
+int AudioInput::addTap(Tap tap) {
+    m_taps.emplace(m_nextTap, std::move(tap));
+    return m_nextTap++;
+}
+
+void AudioInput::removeTap(int id) {
+    if (m_input && m_taps.count(id)) {
+        readAvailable(); // the leaving tap gets what was captured up to now
+    }
+    m_taps.erase(id);
+}
+
+bool AudioInput::holdPlayThrough() {
+    if (m_playThroughHolds++ == 0 && m_started) {
+        startSink();
+    }
+    if (m_started && !m_output) {
+        releasePlayThrough();
+        return false;
+    }
+    return true;
+}
+
+void AudioInput::releasePlayThrough() {
+    if (m_playThroughHolds > 0 && --m_playThroughHolds == 0 && m_sink) {
+        m_sink->stop();
+        m_sink.reset();
+        m_output = nullptr;
+    }
+}
+
+void AudioInput::setVolume(double volume) {
+    m_volume = std::clamp(volume, 0.0, 1.0);
+    if (m_sink) {
+        m_sink->setVolume(m_volume);
+    }
+}
+
+void AudioInput::startSink() {
+    const QAudioDevice output = QMediaDevices::defaultAudioOutput();
+    if (output.isNull()) {
+        logs::recording.error("Could not add preview for audio.");
+        return;
+    }
+    m_sink = std::make_unique<QAudioSink>(output, m_format);
+    m_sink->setBufferSize(m_format.bytesForDuration(PreviewBufferMs * 1000));
+    m_sink->setVolume(m_volume);
+    m_output = m_sink->start();
+    if (!m_output) {
+        logs::recording.error("Could not add preview for audio.");
+        m_sink.reset();
+    }
+}
+
+void AudioInput::readAvailable() {
+    const QByteArray data = m_input->readAll();
+    const int bytesPerFrame = m_format.bytesPerFrame();
+    const int frames = bytesPerFrame > 0 ? static_cast<int>(data.size() / bytesPerFrame) : 0;
+    if (frames == 0) {
+        return;
+    }
+    m_heardAt = std::chrono::steady_clock::now();
+    // The buffer has just been filled: its first sample was taken its length ago.
+    const auto captured =
+        std::chrono::system_clock::now() - std::chrono::microseconds(m_format.durationForFrames(frames));
+    for (const auto& [id, tap] : m_taps) {
+        tap(data.constData(), frames, captured);
+    }
+    if (m_output) {
+        // Play-through never waits: what the output cannot take now is skipped.
+        m_output->write(data);
+    }
+}
+
+void AudioInput::checkInput() {
+    if (!m_started || m_lostAt) {
+        return;
+    }
+    const bool failed = m_source->state() == QAudio::StoppedState && m_source->error() != QAudio::NoError;
+    const bool quiet =
+        std::chrono::steady_clock::now() - m_heardAt > std::chrono::milliseconds(SilentInputMs);
+    if (!failed && !quiet && QMediaDevices::audioInputs().contains(m_device)) {
+        return;
+    }
+    m_watchdog.stop();
+    m_lostAt = m_heardAt;
+    emit lost(); // each user says it in its own words
+}
+
+} // namespace zandor

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <QAudioDevice>
+#include <QAudioFormat>
+#include <QObject>
+#include <QTimer>
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+
+class QAudioSink;
+class QAudioSource;
+class QIODevice;
+class QMediaDevices;
+
+namespace zandor {
+
+// One open audio input: captures it, hands every buffer to its taps (the files of a recording, the
+// replay buffer) and, while anyone holds play-through, plays it to the default output, once however
+// many hold it. Lives on a thread with an event loop; every method runs there.
+class AudioInput : public QObject {
+    Q_OBJECT
+public:
+    // Interleaved samples of format(), `frames` of them, the first captured at `captured`.
+    using Tap =
+        std::function<void(const char* samples, int frames, std::chrono::system_clock::time_point captured)>;
+
+    AudioInput();
+    ~AudioInput() override;
+
+    // Chooses the format (16-bit stereo at 44.1 kHz where the input has it) and prepares capture.
+    // False, logged, when the input cannot be used.
+    bool open(const QAudioDevice& device);
+    void start();
+    void stop();
+    bool isStarted() const { return m_started; }
+    const QAudioDevice& device() const { return m_device; }
+    const QAudioFormat& format() const { return m_format; }
+
+    int addTap(Tap tap);
+    void removeTap(int id);
+
+    // Play-through runs while at least one holder wants it; false, logged, when there is no output.
+    bool holdPlayThrough();
+    void releasePlayThrough();
+    // 0 to 1, for the play-through only.
+    void setVolume(double volume);
+
+    // When the input went away (unplugged, its server gone, or silent for two seconds: an input
+    // delivers its buffers, silent or not, all along), if it did. Said once in the log.
+    std::optional<std::chrono::steady_clock::time_point> lostAt() const { return m_lostAt; }
+
+signals:
+    void lost();
+
+private:
+    void readAvailable();
+    void checkInput();
+    void startSink();
+
+    QAudioDevice m_device;
+    QAudioFormat m_format;
+    std::unique_ptr<QAudioSource> m_source;
+    std::unique_ptr<QAudioSink> m_sink;
+    std::unique_ptr<QMediaDevices> m_devices;
+    QIODevice* m_input = nullptr;  // owned by m_source
+    QIODevice* m_output = nullptr; // owned by m_sink
+    QTimer m_watchdog{this};       // a child, so that it moves to the audio thread with the input
+    std::map<int, Tap> m_taps;
+    int m_nextTap = 0;
+    int m_playThroughHolds = 0;
+    double m_volume = 1.0;
+    bool m_started = false;
+    std::chrono::steady_clock::time_point m_heardAt;
+    std::optional<std::chrono::steady_clock::time_point> m_lostAt;
+};
+
+} // namespace zandor
