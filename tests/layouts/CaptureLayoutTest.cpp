@@ -207,6 +207,33 @@ TEST_F(CaptureLayoutTest, ObjectsFarOutsideTheCanvasDrawNothing) {
     layout->stopListening();
 }
 
+// An image is decoded only as far as some object showing it reaches the canvas, and one that never
+// does is not decoded at all; the picture is the same as drawing the whole images.
+TEST_F(CaptureLayoutTest, ImagesAreDecodedOnlyWhereTheyCanReachTheCanvas) {
+    std::mt19937 random(3);
+    const QMap<QString, QImage> images{{"big.png", randomImage(random, 900, 700)},
+                                       {"beside.png", randomImage(random, 300, 20)}};
+    auto layoutPlugin =
+        plugin(test::layoutDescriptor("Parts", 1, 400, 240,
+                                      R"(<object type="image" x="-800" y="-600" resource="big.png"/>
+                       <object type="image" x="-700" y="-550" resource="big.png"/>
+                       <object type="image" x="400" y="0" resource="beside.png"/>
+                       <object type="image" x="-300" y="10" resource="beside.png"/>
+                       <object type="image" x="0" y="240" resource="beside.png"/>)",
+                                      R"(<background r="9" g="8" b="7"/>)"),
+               images);
+    auto layout = CaptureLayout::createWithPlugin(layoutPlugin, m_device);
+    EXPECT_EQ(layout->decodedPart("big.png"), QRect(700, 550, 200, 150));
+    EXPECT_TRUE(layout->decodedPart("beside.png").isEmpty());
+
+    std::vector<uint8_t> expected(layout->size());
+    for (uint64_t i = 0; i < expected.size(); ++i) {
+        expected[i] = uint8_t(9 - i % 3);
+    }
+    paintReference(expected, *layoutPlugin, images, 0);
+    EXPECT_TRUE(std::equal(expected.begin(), expected.end(), layout->canvas()));
+}
+
 TEST_F(CaptureLayoutTest, PairsScreensOnlyWhenBothDeliver) {
     auto layout = CaptureLayout::createWithPlugin(
         plugin(test::layoutDescriptor(
