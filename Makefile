@@ -3,7 +3,7 @@ BUILD ?= build
 CMAKE_FLAGS ?=
 PREFIX ?= /usr/local
 
-.PHONY: run test bench install package build configure deps clean
+.PHONY: run test bench fuzz install package build configure deps clean
 
 run: build
 	$(BUILD)/bin/zandor --board demo
@@ -15,6 +15,11 @@ test: build
 bench: configure
 	cmake --build $(BUILD) --target benchmarks
 	@for program in $(BUILD)/bench/*_bench $(BUILD)/bench/view_latency; do echo "== $$program"; "$$program" || exit 1; done
+
+# The fuzz targets (tests/fuzz), built with clang in build-fuzz and run FUZZ_SECONDS each.
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	FUZZ_SECONDS=$(FUZZ_SECONDS) scripts/fuzz
 
 # Installs under PREFIX (default /usr/local); DESTDIR works as usual.
 install: build
@@ -37,4 +42,4 @@ deps:
 	@scripts/install-deps
 
 clean:
-	rm -rf $(BUILD) build-asan build-tsan
+	rm -rf $(BUILD) build-asan build-tsan build-fuzz

@@ -5,11 +5,7 @@
 
 namespace zandor {
 
-namespace {
-
-// The columns c of [0, length) for which (origin + c), computed with unsigned wrap-around, falls
-// in [0, limit). They form one interval; returned as [first, last).
-std::pair<uint64_t, uint64_t> visible(uint64_t origin, uint64_t length, uint64_t limit) {
+std::pair<uint64_t, uint64_t> BlendImage::visible(uint64_t origin, uint64_t length, uint64_t limit) {
     uint64_t first = origin < limit ? 0 : 0 - origin;
     uint64_t last = origin < limit ? limit - origin : first + limit;
     if (first >= length) {
@@ -18,9 +14,8 @@ std::pair<uint64_t, uint64_t> visible(uint64_t origin, uint64_t length, uint64_t
     return {first, std::min(last, length)};
 }
 
-} // namespace
-
-BlendImage::BlendImage(const QImage& image) : m_width(image.width()), m_height(image.height()) {
+BlendImage::BlendImage(const QImage& image, int left, int top)
+    : m_left(left), m_top(top), m_width(image.width()), m_height(image.height()) {
     const QImage rgba = image.convertToFormat(QImage::Format_RGBA8888);
     const auto w = static_cast<size_t>(m_width);
     m_rgba.resize(w * static_cast<size_t>(m_height) * 4);
@@ -45,6 +40,9 @@ BlendImage::BlendImage(const QImage& image) : m_width(image.width()), m_height(i
 
 void BlendImage::draw(uint8_t* canvas, uint64_t canvasWidth, uint64_t canvasHeight, uint64_t x,
                       uint64_t y) const {
+    // The part's own top-left pixel; unsigned, so the sum wraps as the positions do.
+    x += static_cast<uint64_t>(m_left);
+    y += static_cast<uint64_t>(m_top);
     const auto [firstColumn, lastColumn] = visible(x, static_cast<uint64_t>(m_width), canvasWidth);
     const auto [firstRow, lastRow] = visible(y, static_cast<uint64_t>(m_height), canvasHeight);
     if (firstColumn >= lastColumn) {

@@ -42,7 +42,7 @@ std::shared_ptr<CaptureLayout> CaptureLayout::createWithPlugin(const std::shared
     // A negative or absurd size would ask for an impossible canvas; such a layout stays empty
     // instead of taking the application down.
     if (plugin->width() > 0 && plugin->height() > 0 && plugin->width() <= MaxSide &&
-        plugin->height() <= MaxSide) {
+        plugin->height() <= MaxSide && plugin->width() * plugin->height() * 3 <= MaximumCanvasBytes) {
         layout->m_width = static_cast<uint64_t>(plugin->width());
         layout->m_height = static_cast<uint64_t>(plugin->height());
     } else if (plugin->width() != 0 || plugin->height() != 0) {
@@ -73,7 +73,24 @@ std::shared_ptr<CaptureDevice> CaptureLayout::device() const {
     return m_device ? m_device : m_top->device();
 }
 
-QImage CaptureLayout::loadImage(const QString& path) {
+QRect CaptureLayout::visiblePart(QSize size,
+                                 const std::vector<std::pair<uint64_t, uint64_t>>& positions) const {
+    QRect part;
+    for (const auto& [x, y] : positions) {
+        const auto [firstColumn, lastColumn] = BlendImage::visible(x, uint64_t(size.width()), m_width);
+        const auto [firstRow, lastRow] = BlendImage::visible(y, uint64_t(size.height()), m_height);
+        if (firstColumn < lastColumn && firstRow < lastRow) {
+            // Within the image's size, so all of these fit an int.
+            part |= QRect(int(firstColumn), int(firstRow), int(lastColumn - firstColumn),
+                          int(lastRow - firstRow));
+        }
+    }
+    return part;
+}
+
+std::optional<BlendImage>
+CaptureLayout::loadImage(const QString& path,
+                         const std::vector<std::pair<uint64_t, uint64_t>>& positions) const {
     std::string bytes;
     const RegularFile::Status status =
         RegularFile::read(QFile::encodeName(path).toStdString(), MaximumImageFileBytes, bytes);
@@ -83,27 +100,59 @@ QImage CaptureLayout::loadImage(const QString& path) {
             logs::layouts.warning("Could not parse plugin: image %s: %s", qUtf8Printable(path),
                                   RegularFile::describe(status, MaximumImageFileBytes).c_str());
         }
-        return {};
+        return std::nullopt;
     }
     QByteArray data = QByteArray::fromRawData(bytes.data(), static_cast<qsizetype>(bytes.size()));
     QBuffer buffer(&data);
     QImageReader reader(&buffer);
     // The header tells the size; an image larger than any canvas could show is refused before it
-    // is decoded.
+    // is decoded, and of the rest only the part that can reach the canvas is decoded (all of it by
+    // formats that cannot decode a part, which the limits bound).
     const QSize size = reader.size();
-    if (size.width() > MaximumImageSide || size.height() > MaximumImageSide ||
-        qint64(size.width()) * size.height() * 4 > MaximumImageBytes) {
+    const auto tooLarge = [&path](QSize claimed) {
+        if (claimed.width() <= MaximumImageSide && claimed.height() <= MaximumImageSide &&
+            qint64(claimed.width()) * claimed.height() * 4 <= MaximumImageBytes) {
+            return false;
+        }
         logs::layouts.warning("Could not parse plugin: image %s is %d by %d pixels, larger than %d on a side "
                               "or 256 MB decoded",
-                              qUtf8Printable(path), size.width(), size.height(), MaximumImageSide);
-        return {};
+                              qUtf8Printable(path), claimed.width(), claimed.height(), MaximumImageSide);
+        return true;
+    };
+    if (tooLarge(size)) {
+        return std::nullopt;
+    }
+    QRect part;
+    if (size.isValid()) {
+        part = visiblePart(size, positions);
+        if (part.isEmpty()) {
+            return std::nullopt;
+        }
+        if (part.size() != size) {
+            reader.setClipRect(part);
+        }
     }
     QImage image = reader.read();
     if (image.isNull()) {
         logs::layouts.warning("Could not parse plugin: image %s: %s", qUtf8Printable(path),
                               qUtf8Printable(reader.errorString()));
+        return std::nullopt;
     }
-    return image;
+    if (!size.isValid()) {
+        // The header did not tell the size: the whole image was decoded, and is cut here.
+        if (tooLarge(image.size()) || (part = visiblePart(image.size(), positions)).isEmpty()) {
+            return std::nullopt;
+        }
+        image = image.copy(part);
+    }
+    return BlendImage(image, part.left(), part.top());
+}
+
+QRect CaptureLayout::decodedPart(const QString& resource) const {
+    const auto image = m_resources.constFind(resource);
+    return image == m_resources.constEnd()
+               ? QRect()
+               : QRect(image->left(), image->top(), image->width(), image->height());
 }
 
 void CaptureLayout::initialize() {
@@ -113,15 +162,23 @@ void CaptureLayout::initialize() {
     }
     m_canvas.reset(new uint8_t[size()]);
     drawBackground();
+    // Where each image is placed, in the order the images first appear.
+    QStringList resources;
+    QHash<QString, std::vector<std::pair<uint64_t, uint64_t>>> positions;
     for (const QVariantMap& object : m_plugin->objects()) {
         if (object.value(ObjectType).toString() != Image || !object.contains(ObjectResource)) {
             continue;
         }
         const QString resource = object.value(ObjectResource).toString();
-        if (!m_resources.contains(resource)) {
-            if (QImage image = loadImage(m_plugin->resourcePath(resource)); !image.isNull()) {
-                m_resources.insert(resource, BlendImage(image));
-            }
+        if (!positions.contains(resource)) {
+            resources.append(resource);
+        }
+        positions[resource].emplace_back(static_cast<uint64_t>(object.value(ObjectX).toLongLong()),
+                                         static_cast<uint64_t>(object.value(ObjectY).toLongLong()));
+    }
+    for (const QString& resource : resources) {
+        if (auto image = loadImage(m_plugin->resourcePath(resource), positions[resource])) {
+            m_resources.insert(resource, std::move(*image));
         }
     }
     findStaticSpans();

@@ -6,12 +6,15 @@
 
 #include <QHash>
 #include <QImage>
+#include <QRect>
 #include <QString>
 
 #include <array>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <utility>
+#include <vector>
 
 namespace zandor {
 
@@ -28,8 +31,10 @@ public:
     enum Type { PluginLayout = 0, ScreenLayout = 1 };
     static constexpr uint64_t QueueLength = 200;
     static constexpr uint64_t TopWidth = 400, BottomWidth = 320, ScreenHeight = 240;
-    // The longest canvas side a plugin may ask for.
+    // The largest canvas a plugin may ask for: a side, and the bytes of one frame (every frame
+    // published is a copy of the canvas).
     static constexpr qint64 MaxSide = 16384;
+    static constexpr qint64 MaximumCanvasBytes = 256 * 1024 * 1024;
     // A plug-in's image is refused when its file, a side or its decoded pixels exceed these.
     static constexpr uint64_t MaximumImageFileBytes = 64 * 1024 * 1024;
     static constexpr int MaximumImageSide = 16384;
@@ -81,14 +86,23 @@ public:
     // The canvas as it stands; only for tests, while the layout does not run.
     const uint8_t* canvas() const { return m_canvas.get(); }
     uint64_t objectStart() const { return m_objectStart; }
+    // The part of a resource's image that was decoded, in the image's pixels; empty when none was.
+    // Only for tests.
+    QRect decodedPart(const QString& resource) const;
 
 private:
     using Subscriptions = std::array<ObserverPtr, 2>;
 
     CaptureLayout(int type, QString name);
     void initialize();
-    // A plug-in image within the limits above; a null image, logged, when it is not.
-    static QImage loadImage(const QString& path);
+    // The part of a plug-in's image that can reach the canvas with the image's top-left pixel at
+    // each of `positions`, decoded, with its place in the whole image; nothing, logged, when the
+    // image breaks the limits above or cannot be read, and nothing, silently, when no part can be
+    // seen.
+    std::optional<BlendImage> loadImage(const QString& path,
+                                        const std::vector<std::pair<uint64_t, uint64_t>>& positions) const;
+    // The bounding rectangle of the parts of an image of `size` that lie on the canvas at `positions`.
+    QRect visiblePart(QSize size, const std::vector<std::pair<uint64_t, uint64_t>>& positions) const;
     void drawCanvas(const QList<QVariantMap>& objects, bool drawScreens);
     // Copies a screen's rows into a canvas-sized block at the rectangle's place.
     void copyScreen(uint8_t* target, const uint8_t* source, Rect rect) const;

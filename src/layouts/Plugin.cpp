@@ -39,8 +39,11 @@ bool Plugin::parse() {
         logs::layouts.warning("Could not parse plugin: %s", qUtf8Printable(why));
         return false;
     }
+    return parse(bytes);
+}
 
-    QXmlStreamReader reader(bytes);
+bool Plugin::parse(const QByteArray& descriptor) {
+    QXmlStreamReader reader(descriptor);
     // Element and attribute names are taken as written, prefixes included.
     reader.setNamespaceProcessing(false);
     while (!reader.atEnd()) {

@@ -39,6 +39,8 @@ public:
     // regular file, larger than MaximumDescriptorBytes or not well-formed; whatever was read before
     // the fault stays set.
     bool parse();
+    // The same for a descriptor already in memory, as parse() reads it from the file.
+    bool parse(const QByteArray& descriptor);
 
     // A descriptor is a few kilobytes; one larger than this is refused unread.
     static constexpr qint64 MaximumDescriptorBytes = 1024 * 1024;

@@ -141,7 +141,9 @@ PropertyList& PropertyList::operator=(PropertyList&& other) noexcept {
 }
 
 PropertyList PropertyList::fromXml(const QByteArray& xml) {
-    if (xml.isEmpty() || xml.size() > std::numeric_limits<uint32_t>::max()) {
+    // XML text never holds a NUL byte. libplist takes one into a string or a key, and then aborts on
+    // an assertion when the value is read out.
+    if (xml.isEmpty() || xml.size() > std::numeric_limits<uint32_t>::max() || xml.contains('\0')) {
         return {};
     }
     plist_t node = nullptr;

@@ -207,6 +207,52 @@ TEST_F(CaptureLayoutTest, ObjectsFarOutsideTheCanvasDrawNothing) {
     layout->stopListening();
 }
 
+// A canvas is at most 16384 on a side and 256 MB a frame; a layout asking for more (or for a
+// negative size) stays empty and says so, instead of taking the memory.
+TEST_F(CaptureLayoutTest, ACanvasBeyondTheLimitsStaysEmpty) {
+    LogCapture log;
+    for (const auto& [width, height] : {std::pair{16384, 5462}, {16384, 16384}, {16385, 1}, {-400, 240}}) {
+        auto layout = CaptureLayout::createWithPlugin(
+            plugin(test::layoutDescriptor("Big", 1, width, height,
+                                          R"(<object type="screen_top" x="0" y="0"/>)")),
+            m_device);
+        EXPECT_EQ(layout->size(), 0u) << width << " by " << height;
+        EXPECT_EQ(log.count("Layout 'Big' has an unusable size of " + std::to_string(width) + " by " +
+                            std::to_string(height) + " pixels"),
+                  1u);
+    }
+    EXPECT_EQ(CaptureLayout::createWithPlugin(plugin(test::layoutDescriptor("Edge", 1, 16384, 2)), m_device)
+                  ->size(),
+              16384u * 2 * 3);
+}
+
+// An image is decoded only as far as some object showing it reaches the canvas, and one that never
+// does is not decoded at all; the picture is the same as drawing the whole images.
+TEST_F(CaptureLayoutTest, ImagesAreDecodedOnlyWhereTheyCanReachTheCanvas) {
+    std::mt19937 random(3);
+    const QMap<QString, QImage> images{{"big.png", randomImage(random, 900, 700)},
+                                       {"beside.png", randomImage(random, 300, 20)}};
+    auto layoutPlugin =
+        plugin(test::layoutDescriptor("Parts", 1, 400, 240,
+                                      R"(<object type="image" x="-800" y="-600" resource="big.png"/>
+                       <object type="image" x="-700" y="-550" resource="big.png"/>
+                       <object type="image" x="400" y="0" resource="beside.png"/>
+                       <object type="image" x="-300" y="10" resource="beside.png"/>
+                       <object type="image" x="0" y="240" resource="beside.png"/>)",
+                                      R"(<background r="9" g="8" b="7"/>)"),
+               images);
+    auto layout = CaptureLayout::createWithPlugin(layoutPlugin, m_device);
+    EXPECT_EQ(layout->decodedPart("big.png"), QRect(700, 550, 200, 150));
+    EXPECT_TRUE(layout->decodedPart("beside.png").isEmpty());
+
+    std::vector<uint8_t> expected(layout->size());
+    for (uint64_t i = 0; i < expected.size(); ++i) {
+        expected[i] = uint8_t(9 - i % 3);
+    }
+    paintReference(expected, *layoutPlugin, images, 0);
+    EXPECT_TRUE(std::equal(expected.begin(), expected.end(), layout->canvas()));
+}
+
 TEST_F(CaptureLayoutTest, PairsScreensOnlyWhenBothDeliver) {
     auto layout = CaptureLayout::createWithPlugin(
         plugin(test::layoutDescriptor(

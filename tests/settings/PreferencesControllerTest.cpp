@@ -214,6 +214,15 @@ INSTANTIATE_TEST_SUITE_P(
                          return R"(<?xml version="1.0"?><plist version="1.0"><dict>)" + keys +
                                 "</dict></plist>";
                      }},
+        // libplist keeps a NUL byte in a string or a key and aborts when it is read out.
+        UnusableFile{"NulInAString", nullptr,
+                     [] {
+                         return QByteArray(R"(<plist version="1.0"><dict><key>A</key><string>x)") + '\0' +
+                                "y</string></dict></plist>";
+                     }},
+        UnusableFile{
+            "NulInAKey", nullptr,
+            [] { return QByteArray("<plist><dict><key>A") + '\0' + "B</key><true/></dict></plist>"; }},
         UnusableFile{"NamedPipe", nullptr, nullptr, "fifo"},
         UnusableFile{"LinkToDevZero", nullptr, nullptr, "/dev/zero"}),
     [](const auto& info) { return std::string(info.param.name); });
