@@ -13,6 +13,7 @@
 #include "capture/UsbBoard.h"
 #include "layouts/LayoutController.h"
 #include "layouts/PluginController.h"
+#include "recording/GameAudio.h"
 #include "recording/ImageRecorder.h"
 #include "recording/ReplayBuffer.h"
 #include "recording/VideoRecorder.h"
@@ -78,7 +79,7 @@ QColor colorOf(const std::optional<Color>& color) {
 
 } // namespace
 
-MainController::MainController(std::unique_ptr<UsbBoard> board) {
+MainController::MainController(std::unique_ptr<UsbBoard> board) : m_gameAudio(std::make_unique<GameAudio>()) {
     m_device = CaptureDevice::create(std::move(board));
 }
 
@@ -167,8 +168,27 @@ void MainController::awakeFromNib() {
     connect(ui.screenshotItem, &QAction::triggered, this, &MainController::recordScreenshotAction);
     connect(ui.recordItem, &QAction::triggered, this, &MainController::recordVideoAction);
     connect(ui.saveReplayItem, &QAction::triggered, this, &MainController::saveReplayAction);
-    connect(m_capturePreferences, &CapturePreferencesView::replayBufferChanged, this,
-            &MainController::updateReplayBuffer);
+    connect(m_capturePreferences, &CapturePreferencesView::replayBufferChanged, this, [this] {
+        updateGameSound();
+        updateReplayBuffer();
+    });
+    connect(m_capturePreferences, &CapturePreferencesView::gameSoundChanged, this, [this] {
+        updateGameSound();
+        updateReplayBuffer(); // its sound comes from the input, moved by the offset
+    });
+    ui.listenItem->setChecked(
+        CaptureSettings::fromPreferences(PreferencesController::instance()).listenToGameAudio);
+    connect(ui.listenItem, &QAction::toggled, this, [this](bool listening) {
+        PreferencesController::instance().setPreference(PreferenceListenToGameAudio, listening);
+        updateGameSound();
+    });
+    // The input went away: said in the log; the picture goes on without the sound.
+    m_gameAudio->setLostHandler([self = QPointer<MainController>(this)] {
+        runLater(self, [self] {
+            self->m_gameAudio->stop();
+            self->updateReplayBuffer();
+        });
+    });
     connect(ui.sizeOriginalItem, &QAction::triggered, this,
             [this] { selectSizeAction(m_mainWindow->ui.sizeOriginalItem); });
     connect(ui.sizeDoubleItem, &QAction::triggered, this,
@@ -332,6 +352,7 @@ void MainController::updateBackground() {
 void MainController::playPauseAction() {
     if (m_device->isListening()) {
         stopReplayBuffer();
+        m_gameAudio->stop();
         m_device->stopListening();
         layoutView()->stopListening();
         layoutView()->setNoSignal(false); // a paused picture says nothing of the board
@@ -364,6 +385,7 @@ void MainController::playPauseAction() {
     }
     setPlayPause(false);
     enableRecorders(true);
+    updateGameSound();
     updateReplayBuffer();
 }
 
@@ -418,6 +440,7 @@ void MainController::recordVideoAction() {
         std::erase_if(m_finalisingRecorders, [](const auto& recorder) { return recorder->isDone(); });
         m_videoRecorder = std::make_shared<VideoRecorder>(captureLayouts(), std::move(settings));
         m_videoRecorder->setDelegate(std::make_shared<RecorderBridge>(this));
+        m_videoRecorder->shareGameInput(m_gameAudio->input());
         started = m_videoRecorder->start();
     }
     if (started) {
@@ -437,11 +460,27 @@ void MainController::updateReplayBuffer() {
     const CaptureSettings settings = CaptureSettings::fromPreferences(PreferencesController::instance());
     if (settings.replayBuffer && m_activeLayout && m_device->isListening()) {
         auto buffer = std::make_shared<ReplayBuffer>(m_activeLayout, settings, settings.replaySeconds);
+        buffer->shareGameInput(m_gameAudio->input());
         if (buffer->start()) {
             m_replayBuffer = std::move(buffer);
         }
     }
     m_mainWindow->ui.saveReplayItem->setEnabled(m_replayBuffer != nullptr);
+}
+
+void MainController::updateGameSound() {
+    const CaptureSettings settings = CaptureSettings::fromPreferences(PreferencesController::instance());
+    const auto before = m_gameAudio->input();
+    m_gameAudio->setVolume(settings.gameAudioVolume);
+    m_gameAudio->setListening(settings.listenToGameAudio);
+    if (m_device->isListening() && (settings.listenToGameAudio || settings.replayBuffer)) {
+        m_gameAudio->start(settings.gameAudioInput); // a failure is logged; the picture goes on
+    } else {
+        m_gameAudio->stop();
+    }
+    if (m_replayBuffer && m_gameAudio->input() != before) {
+        updateReplayBuffer();
+    }
 }
 
 void MainController::stopReplayBuffer() {
@@ -805,6 +844,7 @@ void MainController::shutdown() {
     }
     m_device->setConnectionObserver(nullptr);
     stopReplayBuffer();
+    m_gameAudio->stop();
     m_device->stopListening();
     layoutView()->stopListening();
     if (m_activeLayout) {

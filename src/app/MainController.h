@@ -30,6 +30,7 @@ class ImageRecorder;
 class MainWindow;
 class MainWindowContentView;
 class PreferencesWindow;
+class GameAudio;
 class ReplayBuffer;
 class UsbBoard;
 class VideoRecorder;
@@ -56,6 +57,7 @@ public:
     const std::shared_ptr<ImageRecorder>& imageRecorder() const { return m_imageRecorder; }
     const std::shared_ptr<VideoRecorder>& videoRecorder() const { return m_videoRecorder; }
     const std::shared_ptr<ReplayBuffer>& replayBuffer() const { return m_replayBuffer; }
+    GameAudio* gameAudio() const { return m_gameAudio.get(); }
     PreferencesWindow* preferencesWindow() const { return m_preferencesWindow.get(); }
 
     // Actions of the menus and the toolbar.
@@ -128,6 +130,9 @@ private:
     // Keeps a replay buffer of the active layout while the picture plays and the user wants one; a
     // new one (empty) after any change of layout or setting.
     void updateReplayBuffer();
+    // Keeps the game input open while the picture plays and it is listened to or kept by the replay
+    // buffer, with the chosen volume; a new replay buffer when the input changed.
+    void updateGameSound();
     void stopReplayBuffer();
     QSize decoration() const;
     // A window frame of the given size whose lower-left corner stays where the window's is.
@@ -149,6 +154,7 @@ private:
     // Earlier recorders that were still finalising when another recording started; shutdown waits
     // for them too.
     std::vector<std::shared_ptr<VideoRecorder>> m_finalisingRecorders;
+    std::unique_ptr<GameAudio> m_gameAudio;
     std::shared_ptr<ReplayBuffer> m_replayBuffer;
     std::atomic<int> m_replaySaves{0}; // saves still writing, which quitting waits for
     QTimer m_blinkTimer;

@@ -2,6 +2,7 @@
 
 #include "CaptureSession.h"
 #include "base/CommandLine.h"
+#include "recording/GameAudio.h"
 #include "recording/ReplayBuffer.h"
 
 #include <cstdio>
@@ -40,7 +41,16 @@ int ReplayCommand::run(const CommandLine& options) {
     if (!session.start()) {
         return 1; // the device has logged why
     }
+    // The game sound, when one is chosen, kept beside the picture as the application keeps it.
+    GameAudio game;
+    if (!game.start(session.settings().gameAudioInput)) {
+        session.stop();
+        std::fprintf(stderr, "zandor-cli replay: Could not open the game sound input \"%s\".\n",
+                     qUtf8Printable(session.settings().gameAudioInput));
+        return 1;
+    }
     auto buffer = std::make_shared<ReplayBuffer>(session.layouts().front(), session.settings(), seconds);
+    buffer->shareGameInput(game.input());
     if (!buffer->start()) {
         session.stop();
         std::fprintf(stderr, "zandor-cli replay: Could not start the replay buffer.\n");

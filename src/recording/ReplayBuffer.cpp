@@ -1,6 +1,9 @@
 #include "ReplayBuffer.h"
 
+#include "AudioFileWriter.h"
+#include "AudioInput.h"
 #include "VideoRecord.h"
+#include "base/RunOn.h"
 #include "base/AtomicFile.h"
 #include "base/Log.h"
 #include "capture/CaptureData.h"
@@ -71,11 +74,83 @@ bool ReplayBuffer::start() {
         }
     }
     m_firstTime = m_lastPts = m_lastKeyPts = -1;
+    if (m_gameInput && !startSound()) {
+        logs::recording.warning("The replay buffer of %s keeps no sound", qUtf8Printable(layout->name()));
+    }
     return Recorder::start();
+}
+
+void ReplayBuffer::shareGameInput(std::shared_ptr<AudioInput> input) {
+    m_gameInput = std::move(input);
+}
+
+bool ReplayBuffer::startSound() {
+    return runAndWait(m_gameInput.get(), [this] {
+        const QAudioFormat& format = m_gameInput->format();
+        m_audioEncoder = AudioEncoder();
+        if (!m_audioEncoder.open(AudioFileWriter::sampleFormat(format.sampleFormat()), format.sampleRate(),
+                                 format.channelCount(), true)) {
+            return false;
+        }
+        {
+            std::scoped_lock lock(m_ringLock);
+            m_audioParameters.reset(avcodec_parameters_alloc());
+            if (!m_audioParameters ||
+                avcodec_parameters_from_context(m_audioParameters.get(), m_audioEncoder.context()) < 0) {
+                m_audioParameters.reset();
+                return false;
+            }
+        }
+        m_tap = m_gameInput->addTap(
+            [this](const char* samples, int frames, std::chrono::system_clock::time_point captured) {
+                appendSound(samples, frames, captured);
+            });
+        return true;
+    });
+}
+
+void ReplayBuffer::stopSound() {
+    if (m_gameInput && m_tap >= 0) {
+        runAndWait(m_gameInput.get(), [this] {
+            m_gameInput->removeTap(m_tap);
+            m_tap = -1;
+            m_audioEncoder = AudioEncoder();
+        });
+    }
+}
+
+void ReplayBuffer::appendSound(const char* samples, int frames,
+                               std::chrono::system_clock::time_point captured) {
+    const auto offset = std::chrono::milliseconds(m_settings.gameAudioOffsetMs);
+    m_audioEncoder.write(
+        reinterpret_cast<const uint8_t*>(samples), frames, captured + offset, [this](AVPacket* encoded) {
+            const int64_t zero = microseconds(m_audioEncoder.timeZero());
+            Packet packet{ff::Packet(av_packet_alloc()),
+                          zero + av_rescale(encoded->pts, 1000000, AudioEncoder::SampleRate), true};
+            if (!packet.packet) {
+                return false;
+            }
+            av_packet_move_ref(packet.packet.get(), encoded);
+            std::scoped_lock lock(m_ringLock);
+            m_bytes += static_cast<uint64_t>(packet.packet->size);
+            m_audio.push_back(std::move(packet));
+            trimSound();
+            return true;
+        });
+}
+
+void ReplayBuffer::trimSound() {
+    // Sound before the first picture kept, or any while no picture is kept, has no place in a replay.
+    while (!m_audio.empty() &&
+           (m_ring.empty() || m_audio.front().wallMicroseconds < m_ring.front().wallMicroseconds)) {
+        m_bytes -= static_cast<uint64_t>(m_audio.front().packet->size);
+        m_audio.pop_front();
+    }
 }
 
 bool ReplayBuffer::stop() {
     const bool stopped = Recorder::stop();
+    stopSound();
     // The thread may still be finishing its last frame; the encoder is its until it has ended.
     waitUntilFinished(std::chrono::seconds(5));
     m_encoder.close();
@@ -86,6 +161,7 @@ bool ReplayBuffer::stop() {
 void ReplayBuffer::empty() {
     std::scoped_lock lock(m_ringLock);
     m_ring.clear();
+    m_audio.clear();
     m_keyTimes.clear();
     m_bytes = 0;
 }
@@ -154,6 +230,7 @@ void ReplayBuffer::collect() {
                 m_ring.pop_front();
             } while (!m_ring.front().key || m_ring.front().wallMicroseconds != m_keyTimes.front());
         }
+        trimSound();
     }
 }
 
@@ -169,49 +246,87 @@ uint64_t ReplayBuffer::heldBytes() {
 
 namespace {
 
-// Writes the packets, times in system-clock microseconds, as an MP4 movie starting at the first.
-bool writeMovie(const std::string& path, const AVCodecParameters& parameters,
-                const std::vector<std::pair<ff::Packet, int64_t>>& packets, int& error) {
+// What a save writes of one track: its codec, and its packets with their system-clock microseconds.
+struct Track {
+    ff::CodecParameters parameters;
+    std::vector<std::pair<ff::Packet, int64_t>> packets;
+};
+
+// Writes the tracks as an MP4 movie whose time zero is the first picture's time, `origin`.
+bool writeMovie(const std::string& path, Track& video, Track& sound, int64_t origin, int& error) {
     ff::OutputContext output;
+    const auto failed = [&output, &error](int code) {
+        error = output.get() && output->pb && output->pb->error < 0 ? output->pb->error : code;
+        return false;
+    };
     if (!output.open(path, "mp4")) {
-        error = output.get() && output->pb ? output->pb->error : AVERROR(EIO);
-        return false;
+        return failed(AVERROR(EIO));
     }
-    AVStream* stream = avformat_new_stream(output.get(), nullptr);
-    if (!stream ||
-        !ff::check(avcodec_parameters_copy(stream->codecpar, &parameters), "avcodec_parameters_copy")) {
-        error = AVERROR(ENOMEM);
-        return false;
+    struct Written {
+        Track* track;
+        AVStream* stream;
+        AVRational timeBase;
+    };
+    std::vector<Written> tracks;
+    for (auto [track, timeBase] : {std::pair{&video, AVRational{1, 1000}},
+                                   std::pair{&sound, AVRational{1, AudioEncoder::SampleRate}}}) {
+        if (!track->parameters || track->packets.empty()) {
+            continue;
+        }
+        AVStream* stream = avformat_new_stream(output.get(), nullptr);
+        if (!stream || !ff::check(avcodec_parameters_copy(stream->codecpar, track->parameters.get()),
+                                  "avcodec_parameters_copy")) {
+            return failed(AVERROR(ENOMEM));
+        }
+        stream->codecpar->codec_tag = 0;
+        // The sound is cut out of a longer one: no priming to skip at its start.
+        stream->codecpar->initial_padding = 0;
+        stream->time_base = timeBase;
+        tracks.push_back({track, stream, timeBase});
     }
-    stream->codecpar->codec_tag = 0;
-    stream->time_base = {1, 1000};
-    stream->avg_frame_rate = {60, 1};
-    const int64_t origin = packets.front().second;
+    tracks.front().stream->avg_frame_rate = {60, 1};
     ff::setCaptureStart(output.get(), static_cast<double>(origin) / 1e6);
     ff::Options options;
     // The index first, so that a player or a web page can start before the whole file is read.
     options.set("movflags", "+faststart+use_metadata_tags");
     if (!ff::check(avformat_write_header(output.get(), options.get()), "avformat_write_header")) {
-        error = output->pb->error < 0 ? output->pb->error : AVERROR(EIO);
-        return false;
+        return failed(AVERROR(EIO));
     }
-    for (size_t i = 0; i < packets.size(); ++i) {
-        AVPacket* packet = packets[i].first.get();
-        const int64_t pts = (packets[i].second - origin) / 1000;
-        packet->pts = packet->dts = av_rescale_q(pts, {1, 1000}, stream->time_base);
-        const int64_t next =
-            i + 1 < packets.size() ? (packets[i + 1].second - origin) / 1000 : pts + 1000 / 60;
-        packet->duration = av_rescale_q(next - pts, {1, 1000}, stream->time_base);
-        packet->stream_index = stream->index;
-        packet->pos = -1;
-        if (!ff::check(av_write_frame(output.get(), packet), "av_write_frame")) {
-            error = output->pb->error < 0 ? output->pb->error : AVERROR(EIO);
-            return false;
+    for (const Written& written : tracks) {
+        auto& packets = written.track->packets;
+        for (size_t i = 0; i < packets.size(); ++i) {
+            AVPacket* packet = packets[i].first.get();
+            const auto at = [&](int64_t wall) {
+                return av_rescale(wall - origin, written.timeBase.den, 1000000);
+            };
+            packet->pts = packet->dts = at(packets[i].second);
+            if (written.track == &video) {
+                // A picture shows until the next one; the last for a 60th of a second.
+                packet->duration =
+                    i + 1 < packets.size() ? at(packets[i + 1].second) - packet->pts : 1000 / 60;
+            }
+            av_packet_rescale_ts(packet, written.timeBase, written.stream->time_base);
+            packet->stream_index = written.stream->index;
+            packet->pos = -1;
+        }
+    }
+    // Both tracks in time order, as the muxer interleaves them.
+    std::vector<std::pair<double, AVPacket*>> order;
+    for (const Written& written : tracks) {
+        for (const auto& packet : written.track->packets) {
+            order.emplace_back(static_cast<double>(packet.first->dts) * av_q2d(written.stream->time_base),
+                               packet.first.get());
+        }
+    }
+    std::stable_sort(order.begin(), order.end(),
+                     [](const auto& one, const auto& other) { return one.first < other.first; });
+    for (const auto& [time, packet] : order) {
+        if (!ff::check(av_interleaved_write_frame(output.get(), packet), "av_interleaved_write_frame")) {
+            return failed(AVERROR(EIO));
         }
     }
     if (!ff::check(av_write_trailer(output.get()), "av_write_trailer") || output->pb->error < 0) {
-        error = output->pb->error < 0 ? output->pb->error : AVERROR(EIO);
-        return false;
+        return failed(AVERROR(EIO));
     }
     output.close();
     return true;
@@ -221,25 +336,35 @@ bool writeMovie(const std::string& path, const AVCodecParameters& parameters,
 
 ReplayBuffer::Saved ReplayBuffer::save() {
     // What the ring holds now, by reference: the ring goes on while the copy is written.
-    std::vector<std::pair<ff::Packet, int64_t>> packets;
-    ff::CodecParameters parameters(avcodec_parameters_alloc());
+    Track video, sound;
+    int64_t origin = 0;
+    bool copied = true;
     {
         std::scoped_lock lock(m_ringLock);
-        if (!parameters || !m_parameters ||
-            avcodec_parameters_copy(parameters.get(), m_parameters.get()) < 0) {
-            parameters.reset();
+        for (auto [track, from] :
+             {std::pair{&video, m_parameters.get()}, std::pair{&sound, m_audioParameters.get()}}) {
+            if (from) {
+                track->parameters.reset(avcodec_parameters_alloc());
+                copied = copied && track->parameters &&
+                         avcodec_parameters_copy(track->parameters.get(), from) >= 0;
+            }
         }
-        packets.reserve(m_ring.size());
-        for (const Packet& packet : m_ring) {
-            packets.emplace_back(ff::Packet(av_packet_clone(packet.packet.get())), packet.wallMicroseconds);
+        origin = m_ring.empty() ? 0 : m_ring.front().wallMicroseconds;
+        for (auto [track, ring] : {std::pair{&video, &m_ring}, std::pair{&sound, &m_audio}}) {
+            track->packets.reserve(ring->size());
+            for (const Packet& packet : *ring) {
+                track->packets.emplace_back(ff::Packet(av_packet_clone(packet.packet.get())),
+                                            packet.wallMicroseconds);
+                copied = copied && track->packets.back().first;
+            }
         }
     }
-    if (packets.empty() || !parameters) {
+    if (video.packets.empty() || !video.parameters) {
         return {
             {},
             QStringLiteral("The replay buffer is empty: no picture has been shown since it was turned on.")};
     }
-    if (std::any_of(packets.begin(), packets.end(), [](const auto& packet) { return !packet.first; })) {
+    if (!copied) {
         return {{}, QStringLiteral("There is not enough memory to save the replay.")};
     }
 
@@ -260,7 +385,7 @@ ReplayBuffer::Saved ReplayBuffer::save() {
         return {{}, QStringLiteral("The folder \"%1\" cannot be written to.").arg(folder)};
     }
     int error = 0;
-    if (!writeMovie(file.path(), *parameters, packets, error) || !file.commit(reason)) {
+    if (!writeMovie(file.path(), video, sound, origin, error) || !file.commit(reason)) {
         const bool full = error == AVERROR(ENOSPC) || reason.find(std::strerror(ENOSPC)) != std::string::npos;
         logs::recording.error("Could not save the replay %s: %s", qUtf8Printable(path),
                               error != 0 ? ff::errorText(error).c_str() : reason.c_str());

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "AudioEncoder.h"
 #include "Recorder.h"
 #include "media/FFmpeg.h"
 #include "media/VideoEncoder.h"
@@ -18,7 +19,10 @@ namespace zandor {
 // to "Replay <stamp>.mp4" in the storage folder at any moment, without stopping anything. The ring
 // starts on a key frame and never holds more than its seconds plus one key-frame interval (a key
 // frame comes at least every second), so its memory is bounded by the bit rate and the seconds.
-// Nothing is written to disk until a save.
+// With the game input shared, its sound is kept beside the picture, AAC, moved by the settings'
+// offset. Nothing is written to disk until a save.
+class AudioInput;
+
 class ReplayBuffer final : public Recorder {
 public:
     static constexpr int MinimumSeconds = 5;
@@ -29,7 +33,9 @@ public:
     ReplayBuffer(LayoutPtr layout, CaptureSettings settings, int seconds);
     ~ReplayBuffer() override;
 
-    // Opens the encoder and starts listening; false, logged, when the encoder cannot be opened.
+    // Before start: the game input, open already (see GameAudio), whose sound the replays carry.
+    void shareGameInput(std::shared_ptr<AudioInput> input);
+    // Opens the encoders and starts listening; false, logged, when the encoder cannot be opened.
     bool start() override;
     // Stops listening and empties the ring.
     bool stop() override;
@@ -68,6 +74,12 @@ private:
 
     // Moves the encoder's finished packets into the ring, then drops what has fallen out of it.
     void collect();
+    // On the game input's thread: encodes its sound into the ring.
+    void appendSound(const char* samples, int frames, std::chrono::system_clock::time_point captured);
+    // Drops the sound from before the first picture; under m_ringLock.
+    void trimSound();
+    bool startSound();
+    void stopSound();
     void empty();
 
     const CaptureSettings m_settings;
@@ -88,6 +100,13 @@ private:
     std::deque<int64_t> m_keyTimes; // wall microseconds of the key frames in the ring
     uint64_t m_bytes = 0;
     ff::CodecParameters m_parameters;
+    std::deque<Packet> m_audio;
+    ff::CodecParameters m_audioParameters;
+
+    // The game input and its tap; the encoder belongs to the input's thread while the tap is on.
+    std::shared_ptr<AudioInput> m_gameInput;
+    int m_tap = -1;
+    AudioEncoder m_audioEncoder;
 };
 
 } // namespace zandor

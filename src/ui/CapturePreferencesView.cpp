@@ -55,6 +55,8 @@ CapturePreferencesView::CapturePreferencesView(QWidget* parent)
     m_ui->replaySecondsField->setRange(ReplayBuffer::MinimumSeconds, ReplayBuffer::MaximumSeconds);
     m_ui->replaySecondsField->setValue(stored.replaySeconds);
     showReplayMemory();
+    m_ui->gameVolumeSlider->setValue(stored.gameAudioVolume);
+    m_ui->gameOffsetField->setValue(stored.gameAudioOffsetMs);
     // The image format shows the interface's choice whatever is stored; only a pick of the user
     // changes the stored format.
 
@@ -74,6 +76,9 @@ CapturePreferencesView::CapturePreferencesView(QWidget* parent)
             [this](int index) { selectAudioInput(m_ui->audioNarratorPopup, index); });
     connect(m_ui->imageFormatPopup, &QComboBox::activated, this,
             &CapturePreferencesView::selectImageFormatAction);
+    connect(m_ui->gameVolumeSlider, &QSlider::valueChanged, this, &CapturePreferencesView::selectGameVolume);
+    connect(m_ui->gameOffsetField, &QSpinBox::editingFinished, this,
+            &CapturePreferencesView::selectGameOffset);
     connect(m_ui->replayBufferCheckBox, &QCheckBox::clicked, this,
             &CapturePreferencesView::selectReplayBuffer);
     // Every step of the arrows would restart the buffer: the length counts once editing ends.
@@ -190,6 +195,20 @@ void CapturePreferencesView::selectReplayBuffer() {
     emit replayBufferChanged();
 }
 
+void CapturePreferencesView::selectGameVolume(int percent) {
+    PreferencesController::instance().setPreference(PreferenceGameAudioVolume, qint64(percent));
+    emit gameSoundChanged();
+}
+
+void CapturePreferencesView::selectGameOffset() {
+    const auto offset = qint64(m_ui->gameOffsetField->value());
+    PreferencesController& preferences = PreferencesController::instance();
+    if (preferences.preference(PreferenceGameAudioOffsetMs) != QVariant(offset)) {
+        preferences.setPreference(PreferenceGameAudioOffsetMs, offset);
+        emit gameSoundChanged();
+    }
+}
+
 void CapturePreferencesView::showReplayMemory() {
     const uint64_t bytes =
         ReplayBuffer::memoryFor(m_ui->qualityPopup->currentText(), m_ui->replaySecondsField->value());
@@ -200,6 +219,7 @@ void CapturePreferencesView::selectAudioInput(QComboBox* popup, int index) {
     const QVariant input = popup->itemData(index);
     if (popup == m_ui->audioGamePopup) {
         PreferencesController::instance().setPreference(PreferenceCaptureGameAudioInput, input.toString());
+        emit gameSoundChanged();
     } else if (popup == m_ui->audioNarratorPopup) {
         PreferencesController::instance().setPreference(PreferenceCaptureNarratorAudioInput,
                                                         input.toString());

@@ -27,6 +27,8 @@ public:
 signals:
     // The user turned the replay buffer on or off, or changed its length or the quality.
     void replayBufferChanged();
+    // The user chose another game input, volume or offset.
+    void gameSoundChanged();
 
 private:
     void fillLayouts();
@@ -41,6 +43,8 @@ private:
     void selectAudioInput(QComboBox* popup, int index);
     void selectImageFormatAction(int index);
     void selectReplayBuffer();
+    void selectGameVolume(int percent);
+    void selectGameOffset();
     // "about 4 MB": what the buffer takes at most at the quality and length shown.
     void showReplayMemory();
 

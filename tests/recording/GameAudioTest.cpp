@@ -1,0 +1,118 @@
+// The game input kept open while the picture plays: heard through the default output only while
+// listened to, heard once when a recording also plays it through, and recorded from the instant the
+// recording starts.
+
+#include "Media.h"
+#include "PulseServer.h"
+#include "UserFolders.h"
+#include "base/Log.h"
+#include "recording/AudioInput.h"
+#include "recording/AudioRecord.h"
+#include "recording/GameAudio.h"
+
+#include <gtest/gtest.h>
+
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <cmath>
+#include <cstring>
+#include <future>
+
+namespace zandor {
+namespace {
+
+// The loudness (root mean square of 16-bit samples) of a stretch of the default output, "out_sink".
+double outputLevel(double seconds = 0.5) {
+    const auto bytes = std::to_string(static_cast<int>(seconds * test::PulseServer::SampleRate) * 2);
+    const std::string sound =
+        test::runProcess({"sh", "-c",
+                          "parec --device=out_sink.monitor --format=s16le --rate=44100 --channels=1 --raw "
+                          "--latency-msec=20 | head -c " +
+                              bytes})
+            .out;
+    double sum = 0;
+    const size_t count = sound.size() / 2;
+    for (size_t i = 0; i < count; ++i) {
+        int16_t sample;
+        std::memcpy(&sample, sound.data() + 2 * i, 2);
+        sum += double(sample) * sample;
+    }
+    return count ? std::sqrt(sum / double(count)) : 0;
+}
+
+double level(const std::vector<int16_t>& samples, size_t from, size_t to) {
+    double sum = 0;
+    for (size_t i = from; i < std::min(to, samples.size()); ++i) {
+        sum += double(samples[i]) * samples[i];
+    }
+    return to > from ? std::sqrt(sum / double(to - from)) : 0;
+}
+
+TEST(GameAudio, ListeningIsHeardOnceAndARecordingHasTheSoundFromItsFirstInstant) {
+    test::isolateUserFolders();
+    test::PulseServer pulse;
+    ASSERT_TRUE(pulse.isRunning()) << pulse.error();
+    const test::PulseServer::Playback tone("game_sink", 440, 0, 60);
+
+    GameAudio game;
+    ASSERT_TRUE(game.start("GameIn"));
+    ASSERT_TRUE(game.input());
+    // The tone at half of full scale is about 11600 loud; silence is 0.
+    EXPECT_LT(outputLevel(), 300) << "not played through while nobody listens";
+    game.setListening(true);
+    double listened = 0;
+    for (int attempt = 0; attempt < 20 && listened < 3000; ++attempt) {
+        listened = outputLevel();
+    }
+    EXPECT_GT(listened, 3000) << "heard while listening";
+
+    QThread audioThread;
+    audioThread.start();
+    QTemporaryDir bundle;
+    {
+        AudioRecord record(QStringLiteral("Game"), &audioThread);
+        record.share(game.input(), std::chrono::milliseconds(0));
+        ASSERT_TRUE(record.start("GameIn", bundle.path(), true));
+        const double recordingLevel = outputLevel();
+        EXPECT_LT(recordingLevel, listened * 1.3) << "the recording's play-through is the listening's";
+        EXPECT_GT(recordingLevel, listened * 0.7);
+        ASSERT_TRUE(record.stop());
+    }
+    const std::vector<int16_t> recorded = test::decodeSound((bundle.path() + "/AudioGame.mov").toStdString());
+    ASSERT_GT(recorded.size(), size_t(test::PulseServer::SampleRate / 2));
+    // From the end of the encoder's priming (1024 samples) to 100 ms: the tone, not the silence
+    // of an input still opening.
+    EXPECT_GT(level(recorded, 1100, test::PulseServer::SampleRate / 10), 3000);
+
+    game.setListening(false);
+    double after = listened;
+    for (int attempt = 0; attempt < 10 && after > 300; ++attempt) {
+        after = outputLevel();
+    }
+    EXPECT_LT(after, 300) << "silent again when listening stops, though the input stays open";
+    EXPECT_TRUE(game.input());
+    audioThread.quit();
+    audioThread.wait();
+}
+
+// An input that goes away stops the listening with one line, and nothing else.
+TEST(GameAudio, AnInputThatGoesAwayStopsTheListening) {
+    test::isolateUserFolders();
+    test::PulseServer pulse;
+    ASSERT_TRUE(pulse.isRunning()) << pulse.error();
+    LogCapture log;
+    GameAudio game;
+    EXPECT_FALSE(game.start("NoSuchInput"));
+    EXPECT_EQ(log.count("Could not open the game sound: no audio input \"NoSuchInput\""), 1u);
+    ASSERT_TRUE(game.start("GameIn"));
+    game.setListening(true);
+    std::promise<void> lost;
+    game.setLostHandler([&lost] { lost.set_value(); });
+    ASSERT_TRUE(test::PulseServer::unplug("GameIn"));
+    EXPECT_EQ(lost.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    EXPECT_EQ(log.countPrefix("Stopped listening to the game sound: the audio input \""), 1u);
+}
+
+} // namespace
+} // namespace zandor
