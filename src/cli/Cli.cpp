@@ -1,6 +1,7 @@
 #include "Cli.h"
 
 #include "AudioInputsCommand.h"
+#include "CameraCommand.h"
 #include "DumpCommand.h"
 #include "InstallPluginCommand.h"
 #include "LayoutsCommand.h"
@@ -31,6 +32,8 @@ const char* const Usage =
     "  record --seconds N [--layout NAME] [--fps Original|24|25|30|50|60]\n"
     "         [--quality NAME] [--game-audio ID|None] [--narrator-audio ID|None] [--out DIR]\n"
     "                               record a video with sound and wait for the finished file\n"
+    "  camera --seconds N [--layout NAME]\n"
+    "                               share the layout as a PipeWire camera for N seconds\n"
     "  recover [--out DIR] [BUNDLE...]\n"
     "                               finish recordings a crash left unfinished (every\n"
     "                               abandoned *.zdrecord of the folder when none is named)\n"
@@ -64,6 +67,7 @@ int Cli::run(const std::vector<std::string>& arguments) {
           {},
           false,
           RecordCommand::run}},
+        {"camera", {{"board", "layout", "seconds"}, {}, false, CameraCommand::run}},
         {"audio-inputs", {{"board"}, {}, false, AudioInputsCommand::run}},
         {"recover", {{"out"}, {}, true, RecoverCommand::run}},
     };
