@@ -1,5 +1,6 @@
 #pragma once
 
+#include "camera/CameraOutput.h"
 #include "layouts/CaptureLayout.h"
 #include "layouts/Plugin.h"
 
@@ -53,6 +54,7 @@ public:
     const LayoutPtr& activeLayout() const { return m_activeLayout; }
     const std::shared_ptr<ImageRecorder>& imageRecorder() const { return m_imageRecorder; }
     const std::shared_ptr<VideoRecorder>& videoRecorder() const { return m_videoRecorder; }
+    const CameraOutputPtr& camera() const { return m_camera; }
     PreferencesWindow* preferencesWindow() const { return m_preferencesWindow.get(); }
 
     // Actions of the menus and the toolbar.
@@ -64,6 +66,7 @@ public:
     void selectSizeAction(QAction* item);
     void toggleFullScreen();
     void showAbout();
+    void shareAsCameraAction(bool checked);
 
     void setActiveLayout(const LayoutPtr& layout);
     void setPlayPause(bool showPlay);
@@ -120,6 +123,11 @@ private:
     // the items back once it is.
     void blinkRecording();
     void recoverBundles(const QStringList& bundles);
+    // Shares the active layout as a camera while the preference is on and the picture plays, and
+    // only then.
+    void updateCamera();
+    // The camera could not share: the item goes off, and the first time the user is told why.
+    void cameraFailed(const QString& reason);
     QSize decoration() const;
     // A window frame of the given size whose lower-left corner stays where the window's is.
     QRect keepLowerLeft(QSize size) const;
@@ -140,6 +148,8 @@ private:
     // Earlier recorders that were still finalising when another recording started; shutdown waits
     // for them too.
     std::vector<std::shared_ptr<VideoRecorder>> m_finalisingRecorders;
+    const CameraOutputPtr m_camera = CameraOutput::create();
+    bool m_cameraFailureShown = false;
     QTimer m_blinkTimer;
     bool m_blinkPhase = false;
     QSize m_windowDecoration; // measured when the content went to full screen

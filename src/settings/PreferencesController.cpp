@@ -218,6 +218,7 @@ void PreferencesController::defaults() {
            gameAudioInput.isEmpty() ? QVariant() : QVariant(gameAudioInput));
     assign(entries, PreferenceCaptureNarratorAudioInput, QStringLiteral("None"));
     assign(entries, PreferenceCaptureImageFormat, QStringLiteral("PNG"));
+    assign(entries, PreferenceShareAsCamera, false);
 
     std::scoped_lock lock(m_mutex);
     m_preferences = std::move(entries);

@@ -23,6 +23,7 @@ inline const QString PreferenceCaptureGameAudioInput = QStringLiteral("Preferenc
 inline const QString PreferenceCaptureNarratorAudioInput =
     QStringLiteral("PreferenceCaptureNarratorAudioInput");
 inline const QString PreferenceCaptureImageFormat = QStringLiteral("PreferenceCaptureImageFormat");
+inline const QString PreferenceShareAsCamera = QStringLiteral("PreferenceShareAsCamera");
 
 // Every user setting of the application, in one dictionary that lives for the whole run. Built-in
 // defaults are overlaid with the preferences file, and once started every change rewrites the whole

@@ -66,6 +66,7 @@ TEST_F(PreferencesStore, FirstStartGivesTheDefaultsAndTheFirstChangeWritesThemAl
         QJsonArray{PreferenceCaptureVideoQuality, "Medium"},
         QJsonArray{PreferenceCaptureNarratorAudioInput, "None"},
         QJsonArray{PreferenceCaptureImageFormat, "PNG"},
+        QJsonArray{PreferenceShareAsCamera, false},
     };
     EXPECT_EQ(entries(), expected);
     EXPECT_EQ(filesInFolder(), QStringList{"preferences.plist"}) << "no temporary file is left behind";
@@ -82,7 +83,7 @@ TEST_F(PreferencesStore, FileEntriesOverlayTheDefaultsAndSurviveARestart) {
 
     store.setPreference(PreferenceFullscreenMaxScale, 3); // an int, as a spin box gives it
     store.setPreference(PreferenceFullscreenScreen, QString("HDMI-1 \"Büro\" <&>"));
-    EXPECT_EQ(entries().size(), 10);
+    EXPECT_EQ(entries().size(), 11);
     EXPECT_EQ(entry(PreferenceCaptureImageFormat), "JPEG");
     EXPECT_EQ(entry(PreferenceFullscreenMaxScale), (QJsonObject{{"integer", 3}}));
 
@@ -189,7 +190,7 @@ TEST_P(UnusableFileTest, KeepsTheDefaultsSaysWhyAndIsKeptAsideWhenTheFirstChange
 
     store.setPreference(PreferenceCaptureLayout, QString("Side by Side"));
     EXPECT_EQ(entry(PreferenceCaptureLayout), "Side by Side");
-    EXPECT_EQ(entries().size(), 10) << "the defaults and nothing of the unusable file";
+    EXPECT_EQ(entries().size(), 11) << "the defaults and nothing of the unusable file";
     const QFileInfo aside(path() + ".bad");
     EXPECT_TRUE(aside.exists() || aside.isSymLink());
     EXPECT_TRUE(file.special || test::readFile(aside.filePath()) == before)
@@ -222,7 +223,7 @@ TEST_F(PreferencesStore, AnInvalidValueRemovesTheKeyFromMemoryAndFile) {
     PreferencesController store(path());
     store.setPreference(PreferenceCaptureNarratorAudioInput, QVariant());
     EXPECT_FALSE(store.preference(PreferenceCaptureNarratorAudioInput).isValid()) << "not its default";
-    EXPECT_EQ(entries().size(), 9);
+    EXPECT_EQ(entries().size(), 10);
     EXPECT_TRUE(entry(PreferenceCaptureNarratorAudioInput).isUndefined());
 
     store.setPreference(PreferenceCaptureNarratorAudioInput, QString("Mic"));

@@ -111,10 +111,22 @@ QJsonObject PipeWireServer::nodeProperties(const std::string& name) {
     return {};
 }
 
-bool PipeWireServer::waitForNode(const std::string& name, bool present, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
+bool PipeWireServer::waitForNode(const std::string& name, const QString& description) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     // Each pw-dump takes a few milliseconds: it is the pause between looks.
-    while (nodeProperties(name).isEmpty() == present) {
+    for (QJsonObject node = nodeProperties(name);
+         node.isEmpty() || (!description.isEmpty() && node["node.description"] != description);
+         node = nodeProperties(name)) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool PipeWireServer::waitForNoNode(const std::string& name) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!nodeProperties(name).isEmpty()) {
         if (std::chrono::steady_clock::now() > deadline) {
             return false;
         }

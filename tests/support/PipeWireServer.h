@@ -28,9 +28,10 @@ public:
 
     // The properties of the node named `name` as pw-dump lists them; empty when there is none.
     static QJsonObject nodeProperties(const std::string& name);
-    // Waits until a node named `name` exists (or, with `present` false, until none does).
-    static bool waitForNode(const std::string& name, bool present,
-                            std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    // Waits until a node named `name` exists, described as `description` when one is given.
+    static bool waitForNode(const std::string& name, const QString& description = {});
+    // Waits until no node is named `name`.
+    static bool waitForNoNode(const std::string& name);
 
 private:
     std::string start();
