@@ -238,7 +238,7 @@ TEST_F(MainControllerTest, ShareAsCameraSharesWhileThePicturePlaysOrSaysOnceWhyI
     m_controller->setActiveLayout(LayoutController::instance().layoutNamed("Side by Side"));
     EXPECT_TRUE(test::PipeWireServer::waitForNode("zandor", "Zandor: Side by Side"));
     ui.playPauseItem->trigger();
-    EXPECT_TRUE(test::PipeWireServer::waitForNoNode("zandor"));
+    EXPECT_TRUE(test::PipeWireServer::waitForNode("zandor", {}));
 
     setenv("XDG_RUNTIME_DIR", qPrintable(m_storage.path()), 1); // no daemon there
     ui.playPauseItem->trigger();

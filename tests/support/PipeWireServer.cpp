@@ -114,19 +114,7 @@ QJsonObject PipeWireServer::nodeProperties(const std::string& name) {
 bool PipeWireServer::waitForNode(const std::string& name, const QString& description) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     // Each pw-dump takes a few milliseconds: it is the pause between looks.
-    for (QJsonObject node = nodeProperties(name);
-         node.isEmpty() || (!description.isEmpty() && node["node.description"] != description);
-         node = nodeProperties(name)) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool PipeWireServer::waitForNoNode(const std::string& name) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!nodeProperties(name).isEmpty()) {
+    while (nodeProperties(name)["node.description"].toString() != description) {
         if (std::chrono::steady_clock::now() > deadline) {
             return false;
         }

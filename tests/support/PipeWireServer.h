@@ -28,10 +28,9 @@ public:
 
     // The properties of the node named `name` as pw-dump lists them; empty when there is none.
     static QJsonObject nodeProperties(const std::string& name);
-    // Waits until a node named `name` exists, described as `description` when one is given.
-    static bool waitForNode(const std::string& name, const QString& description = {});
-    // Waits until no node is named `name`.
-    static bool waitForNoNode(const std::string& name);
+    // Waits until the node named `name` is described as `description`; with an empty description,
+    // until there is no such node.
+    static bool waitForNode(const std::string& name, const QString& description);
 
 private:
     std::string start();
