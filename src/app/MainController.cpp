@@ -196,6 +196,13 @@ void MainController::awakeFromNib() {
     connect(ui.fullScreenItem, &QAction::triggered, this, &MainController::toggleFullScreen);
     connect(ui.preferencesItem, &QAction::triggered, this, &MainController::showPreferences);
     connect(ui.aboutItem, &QAction::triggered, this, &MainController::showAbout);
+    connect(ui.shareAsCameraItem, &QAction::triggered, this, &MainController::shareAsCameraAction);
+    ui.shareAsCameraItem->setChecked(
+        PreferencesController::instance().preference(PreferenceShareAsCamera).toBool());
+    // A camera the daemon ends says so on its own thread; the menu follows on this one.
+    m_camera->setFailureHandler([this](const std::string& reason) {
+        runLater(this, [this, reason = QString::fromStdString(reason)] { cameraFailed(reason); });
+    });
     connect(ui.quitItem, &QAction::triggered, m_mainWindow.get(), &QWidget::close);
 
     m_mainWindow->shouldClose = [this] { return attemptExit(); };
@@ -333,6 +340,7 @@ void MainController::setActiveLayout(const LayoutPtr& layout) {
     } else {
         m_mainWindow->setFixedSize(frameSize);
     }
+    updateCamera();
     // Also in full screen: the window waits at the new size for the picture's return.
     m_mainWindow->place(frame);
     updateLayoutViewFrame();
@@ -361,6 +369,7 @@ void MainController::playPauseAction() {
         }
         setPlayPause(true);
         enableRecorders(false);
+        updateCamera();
         return;
     }
     if (!m_device->startListening()) {
@@ -387,6 +396,38 @@ void MainController::playPauseAction() {
     enableRecorders(true);
     updateGameSound();
     updateReplayBuffer();
+    updateCamera();
+}
+
+void MainController::shareAsCameraAction(bool checked) {
+    PreferencesController::instance().setPreference(PreferenceShareAsCamera, checked);
+    updateCamera();
+}
+
+void MainController::updateCamera() {
+    const bool wanted =
+        m_mainWindow->ui.shareAsCameraItem->isChecked() && m_device->isListening() && m_activeLayout;
+    if (!wanted) {
+        m_camera->stop();
+    } else if (m_camera->isSharing()) {
+        m_camera->setLayout(m_activeLayout);
+    } else if (std::string reason; !m_camera->start(m_activeLayout, &reason)) {
+        cameraFailed(QString::fromStdString(reason));
+    }
+}
+
+void MainController::cameraFailed(const QString& reason) {
+    m_mainWindow->ui.shareAsCameraItem->setChecked(false);
+    PreferencesController::instance().setPreference(PreferenceShareAsCamera, false);
+    if (!m_cameraFailureShown) {
+        m_cameraFailureShown = true;
+        displayMessage(
+            QStringLiteral("Could not share the picture as a camera."),
+            QStringLiteral("%1. The picture, screenshots and recordings go on; choose Share as Camera "
+                           "again once PipeWire runs.")
+                .arg(reason),
+            0);
+    }
 }
 
 void MainController::setPlayPause(bool showPlay) {
@@ -845,6 +886,7 @@ void MainController::shutdown() {
     m_device->setConnectionObserver(nullptr);
     stopReplayBuffer();
     m_gameAudio->stop();
+    m_camera->stop();
     m_device->stopListening();
     layoutView()->stopListening();
     if (m_activeLayout) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "camera/CameraOutput.h"
 #include "layouts/CaptureLayout.h"
 #include "layouts/Plugin.h"
 
@@ -58,6 +59,7 @@ public:
     const std::shared_ptr<VideoRecorder>& videoRecorder() const { return m_videoRecorder; }
     const std::shared_ptr<ReplayBuffer>& replayBuffer() const { return m_replayBuffer; }
     GameAudio* gameAudio() const { return m_gameAudio.get(); }
+    const CameraOutputPtr& camera() const { return m_camera; }
     PreferencesWindow* preferencesWindow() const { return m_preferencesWindow.get(); }
 
     // Actions of the menus and the toolbar.
@@ -71,6 +73,7 @@ public:
     void selectSizeAction(QAction* item);
     void toggleFullScreen();
     void showAbout();
+    void shareAsCameraAction(bool checked);
 
     void setActiveLayout(const LayoutPtr& layout);
     void setPlayPause(bool showPlay);
@@ -134,6 +137,11 @@ private:
     // buffer, with the chosen volume; a new replay buffer when the input changed.
     void updateGameSound();
     void stopReplayBuffer();
+    // Shares the active layout as a camera while the preference is on and the picture plays, and
+    // only then.
+    void updateCamera();
+    // The camera could not share: the item goes off, and the first time the user is told why.
+    void cameraFailed(const QString& reason);
     QSize decoration() const;
     // A window frame of the given size whose lower-left corner stays where the window's is.
     QRect keepLowerLeft(QSize size) const;
@@ -157,6 +165,8 @@ private:
     std::unique_ptr<GameAudio> m_gameAudio;
     std::shared_ptr<ReplayBuffer> m_replayBuffer;
     std::atomic<int> m_replaySaves{0}; // saves still writing, which quitting waits for
+    const CameraOutputPtr m_camera = CameraOutput::create();
+    bool m_cameraFailureShown = false;
     QTimer m_blinkTimer;
     bool m_blinkPhase = false;
     QSize m_windowDecoration; // measured when the content went to full screen

@@ -43,6 +43,7 @@ inline constexpr Logger layouts{"layouts"};
 inline constexpr Logger settings{"settings"};
 inline constexpr Logger media{"media"};
 inline constexpr Logger recording{"recording"};
+inline constexpr Logger camera{"camera"};
 inline constexpr Logger app{"app"};
 } // namespace logs
 

@@ -1,6 +1,7 @@
 #include "Cli.h"
 
 #include "AudioInputsCommand.h"
+#include "CameraCommand.h"
 #include "DumpCommand.h"
 #include "InstallPluginCommand.h"
 #include "LayoutsCommand.h"
@@ -36,6 +37,8 @@ const char* const Usage =
     "         [--game-audio ID|None] [--out DIR]\n"
     "                               play M seconds (default N + 5) keeping the last N\n"
     "                               (default 30), then save them as a replay movie\n"
+    "  camera --seconds N [--layout NAME]\n"
+    "                               share the layout as a PipeWire camera for N seconds\n"
     "  recover [--out DIR] [BUNDLE...]\n"
     "                               finish recordings a crash left unfinished (every\n"
     "                               abandoned *.zdrecord of the folder when none is named)\n"
@@ -74,6 +77,7 @@ int Cli::run(const std::vector<std::string>& arguments) {
           {},
           false,
           ReplayCommand::run}},
+        {"camera", {{"board", "layout", "seconds"}, {}, false, CameraCommand::run}},
         {"audio-inputs", {{"board"}, {}, false, AudioInputsCommand::run}},
         {"recover", {{"out"}, {}, true, RecoverCommand::run}},
     };

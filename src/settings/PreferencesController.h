@@ -24,13 +24,14 @@ inline const QString PreferenceCaptureNarratorAudioInput =
     QStringLiteral("PreferenceCaptureNarratorAudioInput");
 inline const QString PreferenceCaptureImageFormat = QStringLiteral("PreferenceCaptureImageFormat");
 // Keys that have no built-in default in the dictionary: absent until the user changes them, read
-// with their defaults where they are used (CaptureSettings), and kept by versions that know nothing of
-// them like any unknown key.
+// with their defaults where they are used (CaptureSettings, MainController), and kept by versions that know
+// nothing of them like any unknown key.
 inline const QString PreferenceReplayBufferEnabled = QStringLiteral("PreferenceReplayBufferEnabled");
 inline const QString PreferenceReplayBufferSeconds = QStringLiteral("PreferenceReplayBufferSeconds");
 inline const QString PreferenceListenToGameAudio = QStringLiteral("PreferenceListenToGameAudio");
 inline const QString PreferenceGameAudioVolume = QStringLiteral("PreferenceGameAudioVolume");
 inline const QString PreferenceGameAudioOffsetMs = QStringLiteral("PreferenceGameAudioOffsetMs");
+inline const QString PreferenceShareAsCamera = QStringLiteral("PreferenceShareAsCamera");
 
 // Every user setting of the application, in one dictionary that lives for the whole run. Built-in
 // defaults are overlaid with the preferences file, and once started every change rewrites the whole

@@ -1,5 +1,6 @@
 #include "Files.h"
 #include "GatedBoard.h"
+#include "PipeWireServer.h"
 #include "PluginBundles.h"
 #include "UserFolders.h"
 #include "app/CaptureLayoutView.h"
@@ -265,6 +266,33 @@ TEST_F(MainControllerTest, TheReplayBufferFollowsThePictureAndTheSettingAndSaves
     ui.playPauseItem->trigger();
     EXPECT_FALSE(m_controller->replayBuffer()) << "paused";
     EXPECT_FALSE(ui.saveReplayItem->isEnabled());
+}
+
+// The camera node exists while the item is on and the picture plays, and follows the layout.
+// Without PipeWire the item goes off with one alert, however often it is chosen, and the picture
+// plays on.
+TEST_F(MainControllerTest, ShareAsCameraSharesWhileThePicturePlaysOrSaysOnceWhyItCannot) {
+    test::PipeWireServer server;
+    ASSERT_TRUE(server.isRunning()) << server.error();
+    auto& ui = start();
+    EXPECT_FALSE(ui.shareAsCameraItem->isChecked());
+    ui.shareAsCameraItem->trigger();
+    EXPECT_EQ(PreferencesController::instance().preference(PreferenceShareAsCamera), QVariant(true));
+    EXPECT_FALSE(m_controller->camera()->isSharing()) << "no node while paused";
+    ui.playPauseItem->trigger();
+    EXPECT_TRUE(test::PipeWireServer::waitForNode("zandor", "Zandor: Top over Bottom"));
+    m_controller->setActiveLayout(LayoutController::instance().layoutNamed("Side by Side"));
+    EXPECT_TRUE(test::PipeWireServer::waitForNode("zandor", "Zandor: Side by Side"));
+    ui.playPauseItem->trigger();
+    EXPECT_TRUE(test::PipeWireServer::waitForNode("zandor", {}));
+
+    setenv("XDG_RUNTIME_DIR", qPrintable(m_storage.path()), 1); // no daemon there
+    ui.playPauseItem->trigger();
+    ui.shareAsCameraItem->trigger();
+    EXPECT_TRUE(m_controller->device()->isListening()) << "the picture plays on";
+    EXPECT_FALSE(ui.shareAsCameraItem->isChecked());
+    EXPECT_EQ(PreferencesController::instance().preference(PreferenceShareAsCamera), QVariant(false));
+    EXPECT_EQ(alerts().filter("Could not share the picture as a camera.").size(), 1);
 }
 
 TEST_F(MainControllerTest, ALayoutChangeResizesTheWindowKeepingItsLowerLeftCorner) {

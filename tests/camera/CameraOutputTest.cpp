@@ -1,0 +1,279 @@
+// The camera against a private PipeWire, with GStreamer's pipewiresrc as the consumer a streamer's
+// programs would be.
+
+#include "Files.h"
+#include "PipeWireServer.h"
+#include "PluginBundles.h"
+#include "Process.h"
+#include "base/DetachedThread.h"
+#include "base/Log.h"
+#include "base/Wakeup.h"
+#include "camera/CameraOutput.h"
+#include "capture/Boards.h"
+#include "capture/CaptureDevice.h"
+#include "capture/DemoBoard.h"
+#include "capture/RawFrame.h"
+#include "layouts/CaptureLayout.h"
+
+#include <gtest/gtest.h>
+
+#include <QTemporaryDir>
+
+#include <signal.h>
+
+#include <thread>
+
+namespace zandor {
+namespace {
+
+using namespace std::chrono_literals;
+using test::PipeWireServer;
+
+// Where a screen lies on a layout's canvas.
+struct Placement {
+    bool top;
+    uint64_t x, y;
+};
+
+// The picture a layout makes of `raw`, painted the obvious way: every pixel of the background,
+// then each screen's pixels read from the board's column-wise, bottom-up format.
+QByteArray picture(const QByteArray& raw, uint64_t width, uint64_t height, std::vector<Placement> screens) {
+    QByteArray canvas(qsizetype(width * height * 3), '\0');
+    for (qsizetype i = 0; i < canvas.size(); ++i) {
+        canvas[i] = char(std::array<uint8_t, 3>{10, 200, 64}[i % 3]);
+    }
+    for (const Placement& screen : screens) {
+        const uint64_t offset = screen.top ? raw::TopOffset : raw::BottomOffset;
+        for (uint64_t x = 0; x < (screen.top ? raw::TopWidth : raw::BottomWidth); ++x) {
+            for (uint64_t y = 0; y < raw::TopHeight; ++y) {
+                for (uint64_t c = 0; c < 3; ++c) {
+                    canvas[qsizetype(((screen.y + y) * width + screen.x + x) * 3 + c)] =
+                        raw[qsizetype(offset + (x * raw::TopHeight + raw::TopHeight - 1 - y) * 3 + c)];
+                }
+            }
+        }
+    }
+    return canvas;
+}
+
+// How many whole copies of `first`, then of `second`, a consumer's file holds from its start; the
+// rest, if any, is a copy cut short when the consumer was ended.
+std::pair<int, int> countFrames(const QByteArray& file, const QByteArray& first, const QByteArray& second) {
+    std::pair<int, int> counts{0, 0};
+    qsizetype at = 0;
+    while (counts.second == 0 && file.mid(at, first.size()) == first) {
+        ++counts.first, at += first.size();
+    }
+    while (file.mid(at, second.size()) == second) {
+        ++counts.second, at += second.size();
+    }
+    const QByteArray rest = file.mid(at);
+    EXPECT_TRUE(first.startsWith(rest) || second.startsWith(rest))
+        << "a frame unlike the layout's at byte " << at;
+    return counts;
+}
+
+class CameraTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(DetachedThread::waitForAll(20s));
+        ASSERT_TRUE(m_server.isRunning()) << m_server.error();
+        m_raw = QByteArray(qsizetype(raw::FrameBytes), '\0');
+        DemoBoard::render(42, reinterpret_cast<uint8_t*>(m_raw.data()));
+        // A replay of one frame shows the same picture over and over: any frame a consumer gets
+        // must equal it.
+        ASSERT_TRUE(test::writeFile(at("frame.raw"), m_raw));
+        std::string error;
+        m_device = CaptureDevice::create(createBoard("replay:" + at("frame.raw").toStdString(), error));
+        m_tall = layout("Stacked", 400, 480,
+                        R"(<object type="screen_top" x="0" y="0"/>)"
+                        R"(<object type="screen_bottom" x="40" y="240"/>)");
+        m_wide = layout("Side by Side", 720, 240,
+                        R"(<object type="screen_top" x="0" y="0"/>)"
+                        R"(<object type="screen_bottom" x="400" y="0"/>)");
+        m_tallPicture = picture(m_raw, 400, 480, {{true, 0, 0}, {false, 40, 240}});
+        m_widePicture = picture(m_raw, 720, 240, {{true, 0, 0}, {false, 400, 0}});
+    }
+    void TearDown() override {
+        if (m_consumer > 0) {
+            kill(m_consumer, SIGCONT); // a stopped consumer hears the end only once it goes on
+        }
+        test::endProcess(m_consumer);
+        m_camera->stop();
+        m_device->stopListening();
+        EXPECT_TRUE(DetachedThread::waitForAll(20s)) << "a thread outlived its test";
+    }
+
+    QString at(const QString& name) const { return m_folder.path() + u'/' + name; }
+
+    LayoutPtr layout(const QString& name, int width, int height, const QString& screens) {
+        auto plugin = std::make_shared<LayoutPlugin>(
+            test::writeBundle(m_folder.path(), name + ".zdplugin",
+                              test::layoutDescriptor(name, 1, width, height, screens,
+                                                     R"(<background r="10" g="200" b="64"/>)")),
+            false);
+        EXPECT_TRUE(plugin->parse());
+        return CaptureLayout::createWithPlugin(plugin, m_device);
+    }
+
+    void share(const LayoutPtr& layout) {
+        ASSERT_TRUE(m_camera->start(layout));
+        ASSERT_TRUE(m_device->startListening());
+    }
+
+    // A consumer that asks for `format` and writes what it receives as RGB rows into `file`.
+    static std::vector<std::string> consumer(const QString& file, int buffers, const std::string& format) {
+        return {"gst-launch-1.0",
+                "-q",
+                "pipewiresrc",
+                "target-object=zandor",
+                "num-buffers=" + std::to_string(buffers),
+                "!",
+                "video/x-raw,format=" + format,
+                "!",
+                "videoconvert",
+                "!",
+                "video/x-raw,format=RGB",
+                "!",
+                "filesink",
+                "buffer-mode=unbuffered",
+                "location=" + file.toStdString()};
+    }
+    pid_t consume(const QString& file) {
+        return test::startProcess(consumer(file, 100000, "RGB"), -1, at("consumer.log").toStdString());
+    }
+
+    // Waits until `file` holds `tall` frames of the tall layout and then `wide` of the wide one.
+    bool waitForFrames(const QString& file, int tall, int wide) {
+        const auto deadline = std::chrono::steady_clock::now() + 20s;
+        for (;;) {
+            const auto counts = countFrames(test::readFile(file), m_tallPicture, m_widePicture);
+            if (counts.first >= tall && counts.second >= wide) {
+                return true;
+            }
+            if (std::chrono::steady_clock::now() > deadline) {
+                ADD_FAILURE() << counts.first << " tall and " << counts.second << " wide frames came\n"
+                              << test::readFile(at("consumer.log")).toStdString();
+                return false;
+            }
+            // The pace of the pictures: a consumer gets one every 17 ms.
+            std::this_thread::sleep_for(17ms);
+        }
+    }
+
+    PipeWireServer m_server;
+    QTemporaryDir m_folder;
+    QByteArray m_raw;
+    std::shared_ptr<CaptureDevice> m_device;
+    LayoutPtr m_tall, m_wide;
+    QByteArray m_tallPicture, m_widePicture;
+    CameraOutputPtr m_camera = CameraOutput::create();
+    pid_t m_consumer = -1;
+};
+
+TEST_F(CameraTest, ConsumersReceiveTheLayoutByteForByteInEitherFormatFromANodeThatGoesWithTheCamera) {
+    share(m_tall);
+    const QJsonObject node = PipeWireServer::nodeProperties("zandor");
+    EXPECT_EQ(node["media.class"], "Video/Source");
+    EXPECT_EQ(node["media.role"], "Camera");
+    EXPECT_EQ(node["node.description"], "Zandor: Stacked");
+
+    for (const std::string format : {"RGB", "BGRx"}) {
+        const QString file = at(QString::fromStdString(format) + ".rgb");
+        const test::ProcessResult result = test::runProcess(consumer(file, 3, format), 30s);
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+
+        EXPECT_TRUE(test::readFile(file) == m_tallPicture + m_tallPicture + m_tallPicture)
+            << format << ": " << test::readFile(file).size() << " bytes unlike three pictures of the layout";
+    }
+    EXPECT_GE(m_camera->sentFrames(), 6u);
+
+    m_camera->stop();
+    EXPECT_TRUE(PipeWireServer::waitForNode("zandor", {})) << "the node outlived sharing";
+    EXPECT_FALSE(m_camera->isSharing());
+    EXPECT_EQ(m_tall->hasObservers(), false) << "the camera left its subscription behind";
+}
+
+TEST_F(CameraTest, ALayoutChangeGivesTheWatchingConsumerFramesOfTheNewSizeAndName) {
+    share(m_tall);
+    m_consumer = consume(at("frames.rgb"));
+    ASSERT_TRUE(waitForFrames(at("frames.rgb"), 2, 0));
+
+    m_camera->setLayout(m_wide);
+    ASSERT_TRUE(waitForFrames(at("frames.rgb"), 2, 3)) << "the consumer goes on with the wide picture";
+    EXPECT_TRUE(PipeWireServer::waitForNode("zandor", "Zandor: Side by Side"));
+    EXPECT_FALSE(m_tall->hasObservers());
+}
+
+// A consumer that stops reading keeps its buffers: the camera drops frames instead of waiting and
+// keeps up with the layout, whose other subscribers (the picture on screen, a recording) get every
+// frame.
+TEST_F(CameraTest, AConsumerThatStopsReadingCostsDroppedCameraFramesAndNothingElse) {
+    share(m_tall);
+    m_consumer = consume(at("frames.rgb"));
+    ASSERT_TRUE(waitForFrames(at("frames.rgb"), 2, 0));
+    ASSERT_EQ(kill(m_consumer, SIGSTOP), 0);
+
+    auto wakeup = std::make_shared<Wakeup>();
+    auto picture = m_tall->addObserver(wakeup);
+    const uint64_t dropped = m_camera->droppedFrames();
+    int frames = 0;
+    while (frames < 120 && wakeup->wait(20s)) {
+        while (m_tall->observe(picture)) {
+            ++frames;
+        }
+    }
+    m_tall->removeObserver(picture);
+    EXPECT_EQ(frames, 120) << "the picture was held up";
+    EXPECT_GT(m_camera->droppedFrames(), dropped) << "frames for the stopped consumer were queued somewhere";
+    EXPECT_EQ(m_tall->droppedFrames(), 0u) << "a subscriber of the layout fell behind";
+}
+
+TEST_F(CameraTest, NoDaemonOrOneThatGoesAwayGivesOneLineAndStopsSharing) {
+    LogCapture log;
+    setenv("XDG_RUNTIME_DIR", qPrintable(at("nowhere")), 1);
+    std::string reason;
+    EXPECT_FALSE(m_camera->start(m_tall, &reason));
+    EXPECT_FALSE(m_camera->isSharing());
+    EXPECT_FALSE(m_tall->hasObservers());
+    EXPECT_EQ(log.lines(), std::vector<std::string>{CameraOutput::FailurePrefix + reason}) << reason;
+    EXPECT_NE(reason.find("PipeWire is not running"), std::string::npos) << reason;
+
+    setenv("XDG_RUNTIME_DIR", m_server.folder().c_str(), 1);
+    std::mutex mutex;
+    std::condition_variable failed;
+    std::string failure;
+    m_camera->setFailureHandler([&](const std::string& why) {
+        std::scoped_lock lock(mutex);
+        failure = why;
+        failed.notify_all();
+    });
+    share(m_tall);
+    log.clear();
+    m_server.killDaemon();
+    std::unique_lock lock(mutex);
+    ASSERT_TRUE(failed.wait_for(lock, 20s, [&] { return !failure.empty(); }));
+    EXPECT_FALSE(m_camera->isSharing());
+    EXPECT_FALSE(m_tall->hasObservers());
+    EXPECT_EQ(log.countPrefix(CameraOutput::FailurePrefix), 1u);
+}
+
+TEST_F(CameraTest, ZandorCliSharesForTheGivenSecondsOrSaysWhyItCannot) {
+    const std::string board = "--board=replay:" + at("frame.raw").toStdString();
+    setenv("XDG_DATA_HOME", qPrintable(at("data")), 1);
+    const pid_t cli = test::startProcess({ZANDOR_CLI, "camera", board, "--layout", "Top", "--seconds", "2"},
+                                         -1, at("cli.log").toStdString());
+    EXPECT_TRUE(PipeWireServer::waitForNode("zandor", "Zandor: Top"));
+    EXPECT_TRUE(test::reapWithin(cli, 20s)) << test::readFile(at("cli.log")).toStdString();
+    EXPECT_TRUE(PipeWireServer::nodeProperties("zandor").isEmpty()) << "the node outlived the command";
+
+    setenv("XDG_RUNTIME_DIR", qPrintable(at("nowhere")), 1);
+    const test::ProcessResult refused = test::runProcess({ZANDOR_CLI, "camera", board, "--seconds", "1"});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_NE(refused.err.find("Could not share the picture as a camera: PipeWire is not running"),
+              std::string::npos)
+        << refused.err;
+}
+
+} // namespace
+} // namespace zandor
