@@ -42,7 +42,7 @@ std::shared_ptr<CaptureLayout> CaptureLayout::createWithPlugin(const std::shared
     // A negative or absurd size would ask for an impossible canvas; such a layout stays empty
     // instead of taking the application down.
     if (plugin->width() > 0 && plugin->height() > 0 && plugin->width() <= MaxSide &&
-        plugin->height() <= MaxSide && plugin->width() * plugin->height() * 3 <= MaximumCanvasBytes) {
+        plugin->height() <= MaxSide) {
         layout->m_width = static_cast<uint64_t>(plugin->width());
         layout->m_height = static_cast<uint64_t>(plugin->height());
     } else if (plugin->width() != 0 || plugin->height() != 0) {

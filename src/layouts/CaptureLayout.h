@@ -31,10 +31,8 @@ public:
     enum Type { PluginLayout = 0, ScreenLayout = 1 };
     static constexpr uint64_t QueueLength = 200;
     static constexpr uint64_t TopWidth = 400, BottomWidth = 320, ScreenHeight = 240;
-    // The largest canvas a plugin may ask for: a side, and the bytes of one frame (every frame
-    // published is a copy of the canvas).
+    // The longest canvas side a plugin may ask for.
     static constexpr qint64 MaxSide = 16384;
-    static constexpr qint64 MaximumCanvasBytes = 256 * 1024 * 1024;
     // A plug-in's image is refused when its file, a side or its decoded pixels exceed these.
     static constexpr uint64_t MaximumImageFileBytes = 64 * 1024 * 1024;
     static constexpr int MaximumImageSide = 16384;

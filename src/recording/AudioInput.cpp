@@ -142,6 +142,9 @@ void AudioInput::startSink() {
 }
 
 void AudioInput::readAvailable() {
+    if (!m_input) {
+        return;
+    }
     const QByteArray data = m_input->readAll();
     const int bytesPerFrame = m_format.bytesPerFrame();
     const int frames = bytesPerFrame > 0 ? static_cast<int>(data.size() / bytesPerFrame) : 0;

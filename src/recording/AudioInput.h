@@ -2,7 +2,9 @@
 
 #include <QAudioDevice>
 #include <QAudioFormat>
+#include <QIODevice>
 #include <QObject>
+#include <QPointer>
 #include <QTimer>
 
 #include <chrono>
@@ -13,7 +15,6 @@
 
 class QAudioSink;
 class QAudioSource;
-class QIODevice;
 class QMediaDevices;
 
 namespace zandor {
@@ -66,9 +67,11 @@ private:
     std::unique_ptr<QAudioSource> m_source;
     std::unique_ptr<QAudioSink> m_sink;
     std::unique_ptr<QMediaDevices> m_devices;
-    QIODevice* m_input = nullptr;  // owned by m_source
-    QIODevice* m_output = nullptr; // owned by m_sink
-    QTimer m_watchdog{this};       // a child, so that it moves to the audio thread with the input
+    // Owned by the source and the sink, which may replace or delete them on an error of the sound
+    // server: guarded pointers, null once gone.
+    QPointer<QIODevice> m_input;
+    QPointer<QIODevice> m_output;
+    QTimer m_watchdog{this}; // a child, so that it moves to the audio thread with the input
     std::map<int, Tap> m_taps;
     int m_nextTap = 0;
     int m_playThroughHolds = 0;

@@ -191,6 +191,21 @@ TEST_F(RecordingSystemTest, EachScreensMovieGetsTheGameSoundAsItsAacTrackAndNotT
     }
 }
 
+// A replay with a game input chosen carries its sound beside the picture, for the same seconds.
+TEST_F(RecordingSystemTest, AReplayCarriesTheGameSound) {
+    const PulseServer::Playback game("game_sink", 440, 0, 12);
+    const ProcessResult run =
+        test::runProcess({ZANDOR_CLI, "replay", "--board", "demo", "--layout", "Top", "--buffer-seconds", "5",
+                          "--play-seconds", "7", "--game-audio", "GameIn", "--out", out().toStdString()});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const std::string movie = splitLines(run.out).at(0);
+    EXPECT_EQ(streams(movie), (QStringList{"aac,44100,2", "h264,400,240"}));
+    const double sound =
+        probed({"-select_streams", "a:0", "-show_entries", "stream=duration", movie}).value(0).toDouble();
+    EXPECT_NEAR(sound, pictureSeconds(movie), 0.2);
+    EXPECT_NEAR(pitchOfTheStart(movie), 440.0, 5.0);
+}
+
 TEST_F(RecordingSystemTest, FixedFrameRateIsMadeByTheConvertingToolAfterTheSoundJoined) {
     const PulseServer::Playback game("game_sink", 440, 0, 7);
     const ProcessResult run =
