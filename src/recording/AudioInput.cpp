@@ -12,9 +12,11 @@ namespace zandor {
 namespace {
 
 // Short buffers: each buffer's capture time is estimated from when it arrives, and the sound
-// played through should not lag the picture by more than a frame or two.
+// played through should not lag the picture by more than a frame or two. The output gets three
+// quarters of the buffer asked for; with 30 ms it never started playing against PulseAudio's null
+// sinks, with 60 ms the sound is heard about 40 ms after it came in (bench/ListenLatency.cpp).
 constexpr int CaptureBufferMs = 20;
-constexpr int PreviewBufferMs = 40;
+constexpr int PreviewBufferMs = 80;
 constexpr int SilentInputMs = 2000;
 
 } // namespace
@@ -159,8 +161,10 @@ void AudioInput::readAvailable() {
         tap(data.constData(), frames, captured);
     }
     if (m_output) {
-        // Play-through never waits: what the output cannot take now is skipped.
-        m_output->write(data);
+        // Play-through never waits, and never queues more than the output's buffer: what it cannot
+        // take now is skipped, so the sound heard stays within that buffer of the input (the sound
+        // server would take everything and play it ever later).
+        m_output->write(data.constData(), std::min<qint64>(m_sink->bytesFree(), data.size()));
     }
 }
 

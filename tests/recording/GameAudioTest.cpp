@@ -67,8 +67,13 @@ TEST(GameAudio, ListeningIsHeardOnceAndARecordingHasTheSoundFromItsFirstInstant)
     }
     EXPECT_GT(listened, 3000) << "heard while listening";
 
-    QThread audioThread;
-    audioThread.start();
+    struct AudioThread : QThread {
+        AudioThread() { start(); }
+        ~AudioThread() override {
+            quit();
+            wait();
+        }
+    } audioThread;
     QTemporaryDir bundle;
     {
         AudioRecord record(QStringLiteral("Game"), &audioThread);
@@ -92,8 +97,6 @@ TEST(GameAudio, ListeningIsHeardOnceAndARecordingHasTheSoundFromItsFirstInstant)
     }
     EXPECT_LT(after, 300) << "silent again when listening stops, though the input stays open";
     EXPECT_TRUE(game.input());
-    audioThread.quit();
-    audioThread.wait();
 }
 
 // An input that goes away stops the listening with one line, and nothing else.
