@@ -14,7 +14,7 @@ test: build
 
 bench: configure
 	cmake --build $(BUILD) --target benchmarks
-	@for program in $(BUILD)/bench/*_bench $(BUILD)/bench/view_latency; do echo "== $$program"; $$(case $$program in *camera_bench) echo scripts/with-pipewire --;; esac) "$$program" || exit 1; done
+	@for program in $(BUILD)/bench/*_bench $(BUILD)/bench/view_latency $(BUILD)/bench/listen_latency; do echo "== $$program"; $$(case $$program in *camera_bench) echo scripts/with-pipewire --;; esac) "$$program" || exit 1; done
 
 # The fuzz targets (tests/fuzz), built with clang in build-fuzz and run FUZZ_SECONDS each.
 FUZZ_SECONDS ?= 60
