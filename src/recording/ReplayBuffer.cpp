@@ -3,9 +3,10 @@
 #include "AudioFileWriter.h"
 #include "AudioInput.h"
 #include "VideoRecord.h"
-#include "base/RunOn.h"
 #include "base/AtomicFile.h"
 #include "base/Log.h"
+#include "base/Memory.h"
+#include "base/RunOn.h"
 #include "capture/CaptureData.h"
 #include "settings/VideoQuality.h"
 
@@ -155,6 +156,7 @@ bool ReplayBuffer::stop() {
     waitUntilFinished(std::chrono::seconds(5));
     m_encoder.close();
     empty();
+    releaseFreeMemory();
     return stopped;
 }
 
@@ -395,6 +397,9 @@ ReplayBuffer::Saved ReplayBuffer::save() {
         return {{}, QStringLiteral("The movie could not be written to \"%1\".").arg(folder)};
     }
     logs::recording.info("Saved the replay %s", qUtf8Printable(path));
+    video.packets.clear();
+    sound.packets.clear();
+    releaseFreeMemory();
     return {path, {}};
 }
 

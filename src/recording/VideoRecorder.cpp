@@ -3,6 +3,7 @@
 #include "HandBrakeWrapper.h"
 #include "SublerWrapper.h"
 #include "base/Log.h"
+#include "base/Memory.h"
 #include "base/RegularFile.h"
 #include "media/FFmpeg.h"
 #include "settings/PropertyList.h"
@@ -172,6 +173,7 @@ void VideoRecorder::capturedLayouts() {
         actualize();
     }
     unlockBundle();
+    releaseFreeMemory(); // the encoders' memory, freed on this thread
 }
 
 bool VideoRecorder::lockBundle() {
