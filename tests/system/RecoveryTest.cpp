@@ -32,9 +32,17 @@ TEST(Recovery, AKilledRecordingIsFinishedWithItsSoundAndALiveOrUnreadableOneIsLe
                                    "Top", "--game-audio", "GameIn", "--out", out});
     };
 
-    // Killed without warning five seconds in, as a crash or a power cut would end it.
+    // Killed without warning five seconds into the recording (from when its bundle is there: a
+    // loaded machine takes a while to start the program), as a crash or a power cut would end it.
     const pid_t killed = record("30");
     ASSERT_GT(killed, 0);
+    const auto recording = [&work] {
+        return !QDir(work.path()).entryList({"*.zdrecord"}, QDir::Dirs).isEmpty();
+    };
+    for (int wait = 0; wait < 300 && !recording(); ++wait) {
+        ASSERT_FALSE(test::reapWithin(killed, 100ms)) << "the recording ended by itself";
+    }
+    ASSERT_TRUE(recording());
     EXPECT_FALSE(test::reapWithin(killed, 5s));
     kill(killed, SIGKILL);
     ASSERT_TRUE(test::reapWithin(killed, 10s));
