@@ -101,10 +101,16 @@ TEST_P(ReplayStorage, ASavedReplayIsWholeOrNotThere) {
         ASSERT_EQ(run.exitCode, 0) << run.err;
         ASSERT_EQ(left.size(), 1);
         EXPECT_EQ(run.out, out + "/" + left[0].toStdString() + "\n");
-        const auto probed =
-            test::probe(kept + "/" + left[0].toStdString(), {"-show_entries", "format=duration"});
+        const auto probed = test::probe(kept + "/" + left[0].toStdString(),
+                                        {"-show_entries", "format=duration:stream=width,height,nb_frames"});
         EXPECT_GE(probed["format"]["duration"].toString().toDouble(), 5.0);
         EXPECT_LE(probed["format"]["duration"].toString().toDouble(), 6.0);
+        EXPECT_EQ(probed["streams"][0]["width"].toInt(), 400);
+        EXPECT_EQ(probed["streams"][0]["height"].toInt(), 240);
+        EXPECT_NEAR(probed["streams"][0]["nb_frames"].toString().toDouble() /
+                        probed["format"]["duration"].toString().toDouble(),
+                    60.0, 3.0)
+            << "the board's rate";
     } else {
         std::string message = GetParam().message;
         if (const size_t folder = message.find("%s"); folder != std::string::npos) {
