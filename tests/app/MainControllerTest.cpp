@@ -295,23 +295,6 @@ TEST_F(MainControllerTest, ShareAsCameraSharesWhileThePicturePlaysOrSaysOnceWhyI
     EXPECT_EQ(alerts().filter("Could not share the picture as a camera.").size(), 1);
 }
 
-TEST_F(MainControllerTest, ALayoutChangeResizesTheWindowKeepingItsLowerLeftCorner) {
-    auto& ui = start();
-    auto* window = m_controller->mainWindow();
-    window->move(100, 200);
-    const QRect before = window->geometry();
-    EXPECT_EQ(ui.mainView->size(), QSize(400, 480));
-    m_controller->setActiveLayout(LayoutController::instance().layoutNamed("Side by Side"));
-    EXPECT_EQ(ui.mainView->size(), QSize(720, 240));
-    EXPECT_EQ(window->geometry().bottomLeft(), before.bottomLeft());
-    EXPECT_EQ(items(ui.activeLayoutMenu).filter("*"), QStringList{"Side by Side*"});
-    EXPECT_TRUE(ui.sizeOriginalItem->isChecked());
-    ui.sizeDoubleItem->trigger();
-    EXPECT_EQ(ui.mainView->size(), QSize(1440, 480));
-    EXPECT_TRUE(ui.sizeDoubleItem->isChecked());
-    EXPECT_FALSE(ui.sizeOriginalItem->isChecked());
-}
-
 TEST_F(MainControllerTest, CaptureFollowsTheChosenLayoutOrBothScreens) {
     start();
     EXPECT_EQ(m_controller->captureLayouts(), std::vector<LayoutPtr>{m_controller->activeLayout()});
@@ -323,9 +306,21 @@ TEST_F(MainControllerTest, CaptureFollowsTheChosenLayoutOrBothScreens) {
     EXPECT_EQ(layouts[0]->name() + layouts[1]->name(), "TopBottom");
 }
 
-// A layout change or a size step made in full screen sizes the window it returns to.
-TEST_F(MainControllerTest, FullScreenTakesThePictureAloneAndEscapeBringsItBackSizedForTheLayout) {
+// A layout change resizes the window keeping its lower left corner; one made in full screen, with
+// a size step, sizes the window it returns to.
+TEST_F(MainControllerTest, ALayoutChangeOrASizeStepResizesTheWindowAlsoFromFullScreen) {
     auto& ui = start();
+    auto* window = m_controller->mainWindow();
+    window->move(100, 200);
+    const QRect before = window->geometry();
+    EXPECT_EQ(ui.mainView->size(), QSize(400, 480));
+    m_controller->setActiveLayout(LayoutController::instance().layoutNamed("Side by Side"));
+    EXPECT_EQ(ui.mainView->size(), QSize(720, 240));
+    EXPECT_EQ(window->geometry().bottomLeft(), before.bottomLeft());
+    EXPECT_EQ(items(ui.activeLayoutMenu).filter("*"), QStringList{"Side by Side*"});
+    EXPECT_TRUE(ui.sizeOriginalItem->isChecked());
+
+    m_controller->setActiveLayout(LayoutController::instance().layoutNamed("Top over Bottom"));
     m_controller->toggleFullScreen();
     ASSERT_TRUE(m_controller->isFullScreen());
     EXPECT_EQ(ui.mainView->window()->objectName(), "fullScreenWindow");
@@ -334,9 +329,10 @@ TEST_F(MainControllerTest, FullScreenTakesThePictureAloneAndEscapeBringsItBackSi
     ui.sizeDoubleItem->trigger();
     QTest::keyClick(ui.mainView, Qt::Key_Escape);
     EXPECT_FALSE(m_controller->isFullScreen());
-    EXPECT_EQ(ui.mainView->window(), m_controller->mainWindow());
+    EXPECT_EQ(ui.mainView->window(), window);
     EXPECT_EQ(ui.mainView->size(), QSize(1440, 480)) << "not the old layout's window, letterboxed";
     EXPECT_TRUE(ui.sizeDoubleItem->isChecked());
+    EXPECT_FALSE(ui.sizeOriginalItem->isChecked());
     QTest::keyClick(ui.mainView, Qt::Key_Escape);
     EXPECT_FALSE(m_controller->isFullScreen()) << "Escape outside full screen does nothing";
 }

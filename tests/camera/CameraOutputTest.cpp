@@ -107,13 +107,11 @@ protected:
     QString at(const QString& name) const { return m_folder.path() + u'/' + name; }
 
     LayoutPtr layout(const QString& name, int width, int height, const QString& screens) {
-        auto plugin = std::make_shared<LayoutPlugin>(
-            test::writeBundle(m_folder.path(), name + ".zdplugin",
-                              test::layoutDescriptor(name, 1, width, height, screens,
-                                                     R"(<background r="10" g="200" b="64"/>)")),
-            false);
-        EXPECT_TRUE(plugin->parse());
-        return CaptureLayout::createWithPlugin(plugin, m_device);
+        return CaptureLayout::createWithPlugin(
+            test::parsedPlugin(m_folder.path(), name + ".zdplugin",
+                               test::layoutDescriptor(name, 1, width, height, screens,
+                                                      R"(<background r="10" g="200" b="64"/>)")),
+            m_device);
     }
 
     void share(const LayoutPtr& layout) {

@@ -1,4 +1,3 @@
-#include "capture/Boards.h"
 #include "capture/RawFrame.h"
 #include "capture/ReplayBoard.h"
 
@@ -38,16 +37,6 @@ TEST(ReplayBoard, RefusesFilesThatAreNotWholeFrames) {
     ASSERT_NE(two, nullptr) << error;
     EXPECT_EQ(two->frameCount(), 2u);
     fs::remove_all(folder);
-}
-
-TEST(Boards, AreChosenByName) {
-    std::string error;
-    EXPECT_NE(createBoard("usb", error), nullptr);
-    EXPECT_NE(createBoard("demo", error), nullptr);
-    EXPECT_EQ(createBoard("Demo", error), nullptr);
-    EXPECT_EQ(error, "Unknown board 'Demo': use usb, demo or replay:FILE");
-    EXPECT_EQ(createBoard("replay:", error), nullptr);
-    EXPECT_EQ(error, "The replay board needs a file: replay:FILE");
 }
 
 } // namespace

@@ -108,24 +108,6 @@ INSTANTIATE_TEST_SUITE_P(
                        {Claim, "Another program is using the capture board: close it, then try again"}}),
     [](const auto& info) { return std::string(info.param.name); });
 
-// Every read asks for the rest of the frame rounded up to whole 512-byte blocks, never more than
-// 511 bytes past it, so the last one fits the block's slack; the frame is put together from them.
-TEST_F(CaptureDeviceTest, BulkReadsAskForWholeBlocksOfWhatIsStillMissing) {
-    auto observer = m_device->addObserver(m_wakeup);
-    m_board->setChunkBytes(100000);
-    m_board->holdAt(2);
-    ASSERT_TRUE(m_device->startListening());
-    ASSERT_TRUE(m_board->waitUntilHeld(2));
-    std::vector<int> expected;
-    for (int received = 0; received < 518400; received += 100000) {
-        expected.push_back((518400 - received + 511) / 512 * 512);
-    }
-    EXPECT_EQ(m_board->readLengths(1), expected);
-    auto frames = takeFrames(*m_device, observer, *m_wakeup, 2);
-    ASSERT_EQ(frames.size(), 2u);
-    EXPECT_TRUE(test::isPatternFrame(frames[0]->data(), 0) && test::isPatternFrame(frames[1]->data(), 1));
-}
-
 TEST_F(CaptureDeviceTest, FailedReadsPublishBlackStampedFramesAndTheStallIsCleared) {
     m_board->injectFault(2, BoardFault::Timeout);
     m_board->injectFault(4, BoardFault::ShortFrame);

@@ -33,27 +33,6 @@ std::vector<uint8_t> referenceCut(const uint8_t* raw, ScreenGeometry screen) {
     return rows;
 }
 
-TEST(ScreenCut, TakesEachPixelFromTheBoardsColumnOrder) {
-    // Every raw pixel holds its own pixel index, so a screen pixel tells where it came from.
-    std::vector<uint8_t> rawFrame(raw::BlockBytes);
-    for (uint64_t i = 0; i < raw::FrameBytes / 3; ++i) {
-        rawFrame[3 * i] = static_cast<uint8_t>(i >> 16);
-        rawFrame[3 * i + 1] = static_cast<uint8_t>(i >> 8);
-        rawFrame[3 * i + 2] = static_cast<uint8_t>(i);
-    }
-    std::vector<uint8_t> top(400 * 240 * 3), bottom(320 * 240 * 3);
-    CaptureScreen::cut(rawFrame.data() + raw::TopOffset, top.data(), 400, 240);
-    CaptureScreen::cut(rawFrame.data() + raw::BottomOffset, bottom.data(), 320, 240);
-    const auto pixelAt = [](const std::vector<uint8_t>& rows, uint64_t width, uint64_t x, uint64_t y) {
-        const uint8_t* p = rows.data() + 3 * (y * width + x);
-        return p[0] << 16 | p[1] << 8 | p[2];
-    };
-    EXPECT_EQ(pixelAt(top, 400, 0, 0), 239);        // raw bytes 717 to 719
-    EXPECT_EQ(pixelAt(top, 400, 1, 0), 240 + 239);  // the next column up
-    EXPECT_EQ(pixelAt(top, 400, 0, 1), 238);        // the row below sits one pixel earlier
-    EXPECT_EQ(pixelAt(bottom, 320, 0, 239), 96000); // raw bytes 288000 to 288002
-}
-
 using CaptureScreenPipeline = test::GatedDeviceTest;
 
 // The screens' fast cut, compared with the obvious one over frames whose every byte differs.

@@ -77,11 +77,8 @@ class CaptureLayoutTest : public test::GatedDeviceTest {
 protected:
     std::shared_ptr<LayoutPlugin> plugin(const QByteArray& descriptor,
                                          const QMap<QString, QImage>& images = {}) {
-        auto bundle = test::writeBundle(m_folder.path(), QStringLiteral("l%1.zdplugin").arg(++m_count),
-                                        descriptor, images);
-        auto plugin = std::make_shared<LayoutPlugin>(bundle, false);
-        EXPECT_TRUE(plugin->parse());
-        return plugin;
+        return test::parsedPlugin(m_folder.path(), QStringLiteral("l%1.zdplugin").arg(++m_count), descriptor,
+                                  images);
     }
 
     QTemporaryDir m_folder;

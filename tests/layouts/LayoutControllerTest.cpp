@@ -25,11 +25,8 @@ TEST(LayoutController, TheMenuFollowsTheRegistryAndAReusedNameFindsTheEarlierLay
     QTemporaryDir root;
     const QString app = root.path() + "/app", user = root.path() + "/user/";
     const auto plugin = [&](const QString& folder, const QString& name, int importance, bool fromUser) {
-        auto plugin = std::make_shared<LayoutPlugin>(
-            test::writeBundle(folder, name + ".zdplugin", test::layoutDescriptor(name, importance, 400, 240)),
-            fromUser);
-        EXPECT_TRUE(plugin->parse());
-        return plugin;
+        return test::parsedPlugin(folder, name + ".zdplugin",
+                                  test::layoutDescriptor(name, importance, 400, 240), {}, fromUser);
     };
     auto device = CaptureDevice::create(std::make_unique<test::GatedBoard>());
     PluginController empty(app, user);

@@ -22,31 +22,27 @@
 namespace zandor {
 namespace {
 
-// The loudness (root mean square of 16-bit samples) of a stretch of the default output, "out_sink".
-double outputLevel(double seconds = 0.5) {
-    const auto bytes = std::to_string(static_cast<int>(seconds * test::PulseServer::SampleRate) * 2);
-    const std::string sound =
-        test::runProcess({"sh", "-c",
-                          "parec --device=out_sink.monitor --format=s16le --rate=44100 --channels=1 --raw "
-                          "--latency-msec=20 | head -c " +
-                              bytes})
-            .out;
-    double sum = 0;
-    const size_t count = sound.size() / 2;
-    for (size_t i = 0; i < count; ++i) {
-        int16_t sample;
-        std::memcpy(&sample, sound.data() + 2 * i, 2);
-        sum += double(sample) * sample;
-    }
-    return count ? std::sqrt(sum / double(count)) : 0;
-}
-
+// The loudness (root mean square of 16-bit samples) of samples [from, to).
 double level(const std::vector<int16_t>& samples, size_t from, size_t to) {
     double sum = 0;
     for (size_t i = from; i < std::min(to, samples.size()); ++i) {
         sum += double(samples[i]) * samples[i];
     }
     return to > from ? std::sqrt(sum / double(to - from)) : 0;
+}
+
+// The loudness of a stretch of the default output, "out_sink".
+double outputLevel(double seconds = 0.5) {
+    const auto count = static_cast<size_t>(seconds * test::PulseServer::SampleRate);
+    const std::string sound =
+        test::runProcess({"sh", "-c",
+                          "parec --device=out_sink.monitor --format=s16le --rate=44100 --channels=1 --raw "
+                          "--latency-msec=20 | head -c " +
+                              std::to_string(count * 2)})
+            .out;
+    std::vector<int16_t> samples(sound.size() / 2);
+    std::memcpy(samples.data(), sound.data(), samples.size() * 2);
+    return level(samples, 0, samples.size());
 }
 
 TEST(GameAudio, ListeningIsHeardOnceAndARecordingHasTheSoundFromItsFirstInstant) {

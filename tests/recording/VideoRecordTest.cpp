@@ -55,12 +55,11 @@ protected:
     void SetUp() override { test::isolateUserFolders(); }
 
     LayoutPtr layout(int width, int height) {
-        auto bundle =
-            test::writeBundle(m_folder.path(), QStringLiteral("L%1.zdplugin").arg(width),
-                              test::layoutDescriptor(QStringLiteral("Size %1").arg(width), 1, width, height));
-        auto plugin = std::make_shared<LayoutPlugin>(bundle, false);
-        EXPECT_TRUE(plugin->parse());
-        return CaptureLayout::createWithPlugin(plugin, m_device);
+        return CaptureLayout::createWithPlugin(
+            test::parsedPlugin(
+                m_folder.path(), QStringLiteral("L%1.zdplugin").arg(width),
+                test::layoutDescriptor(QStringLiteral("Size %1").arg(width), 1, width, height)),
+            m_device);
     }
 
     // A frame of the layout's size whose picture moves with `n`.

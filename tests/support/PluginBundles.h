@@ -1,6 +1,9 @@
 #pragma once
 
 #include "Files.h"
+#include "layouts/LayoutPlugin.h"
+
+#include <gtest/gtest.h>
 
 #include <QDir>
 #include <QFile>
@@ -8,6 +11,8 @@
 #include <QMap>
 #include <QString>
 #include <QTemporaryDir>
+
+#include <memory>
 
 namespace zandor::test {
 
@@ -22,6 +27,17 @@ inline QString writeBundle(const QString& folder, const QString& bundle, const Q
         image.value().save(path + QStringLiteral("/Resources/") + image.key(), "PNG");
     }
     return path;
+}
+
+// The layout plugin of a bundle written as writeBundle writes it, parsed; a failed parse fails the
+// test.
+inline std::shared_ptr<LayoutPlugin> parsedPlugin(const QString& folder, const QString& bundle,
+                                                  const QByteArray& descriptor,
+                                                  const QMap<QString, QImage>& images = {},
+                                                  bool fromUser = false) {
+    auto plugin = std::make_shared<LayoutPlugin>(writeBundle(folder, bundle, descriptor, images), fromUser);
+    EXPECT_TRUE(plugin->parse()) << bundle.toStdString();
+    return plugin;
 }
 
 // A layout descriptor from its parts; `objects` is the inner XML of the objects.

@@ -115,6 +115,22 @@ void endProcess(pid_t pid) {
     }
 }
 
+bool haveMountNamespaces() {
+    return runProcess({"unshare", "-m", "true"}).exitCode == 0;
+}
+
+std::vector<std::string> inMountNamespace(const std::string& setup, const std::string& out,
+                                          const std::string& kept) {
+    return {"unshare",
+            "-m",
+            "sh",
+            "-c",
+            setup + "out=$1 keep=$2; shift 2; \"$@\"; status=$?; cp -a \"$out/.\" \"$keep\"; exit $status",
+            "sh",
+            out,
+            kept};
+}
+
 std::vector<std::string> splitLines(const std::string& text) {
     std::vector<std::string> lines;
     for (size_t start = 0; start < text.size();) {

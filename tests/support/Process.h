@@ -30,6 +30,14 @@ bool reapWithin(pid_t pid, std::chrono::milliseconds timeout);
 // Ends a started process by its id: SIGTERM, SIGKILL when it is still there 5 s later.
 void endProcess(pid_t pid);
 
+// Whether this process may make mount namespaces; tests that need one skip without.
+bool haveMountNamespaces();
+// A command prefix that runs the rest in a mount namespace of its own after the shell line `setup`
+// (which finds `out` as $1), then copies what `out` held to `kept`: a memory file system mounted
+// there goes with the namespace.
+std::vector<std::string> inMountNamespace(const std::string& setup, const std::string& out,
+                                          const std::string& kept);
+
 // The lines of a text, without their line ends.
 std::vector<std::string> splitLines(const std::string& text);
 

@@ -117,10 +117,8 @@ TEST_F(PreferencePanesTest, CapturePaneShowsTheStoredChoicesAndWritesEveryChoice
     auto& catalogue = LayoutController::instance();
     catalogue.setDevice(CaptureDevice::create(std::make_unique<test::GatedBoard>()));
     for (const char* bundle : {"one.zdplugin", "two.zdplugin"}) {
-        auto plugin = std::make_shared<LayoutPlugin>(
-            test::writeBundle(bundles.path(), bundle, test::layoutDescriptor("Twin", 1, 400, 240)), true);
-        ASSERT_TRUE(plugin->parse());
-        catalogue.addPlugin(plugin);
+        catalogue.addPlugin(test::parsedPlugin(bundles.path(), bundle,
+                                               test::layoutDescriptor("Twin", 1, 400, 240), {}, true));
     }
     QDir().mkpath(home + "/Videos/Handheld");
     store(PreferenceCaptureStorageFolder, home + "/Videos/Handheld");
