@@ -164,6 +164,8 @@ void MainController::awakeFromNib() {
     ui.screenshotItem->setIcon(icon(QStringLiteral("toolbar_view")));
     ui.recordItem->setIcon(icon(QStringLiteral("toolbar_record")));
     ui.saveReplayItem->setIcon(icon(QStringLiteral("toolbar_replay")));
+    // The finalising sheet blocks the main window; a replay can still be saved from it.
+    m_statusWindow->addAction(ui.saveReplayItem);
     connect(ui.playPauseItem, &QAction::triggered, this, &MainController::playPauseAction);
     connect(ui.screenshotItem, &QAction::triggered, this, &MainController::recordScreenshotAction);
     connect(ui.recordItem, &QAction::triggered, this, &MainController::recordVideoAction);
