@@ -3,6 +3,9 @@
 #include "AudioInput.h"
 #include "base/Log.h"
 
+#include <QAudioDevice>
+#include <QMediaDevices>
+
 namespace zandor {
 
 AudioSession::AudioSession() = default;
@@ -12,6 +15,10 @@ AudioSession::~AudioSession() {
 }
 
 bool AudioSession::open(const QAudioDevice& input, bool preview, const QString& path) {
+    if (preview && QMediaDevices::defaultAudioOutput().isNull()) {
+        logs::recording.error("Could not add preview for audio.");
+        return false;
+    }
     auto own = std::make_shared<AudioInput>();
     if (!own->open(input)) {
         return false;
