@@ -174,10 +174,12 @@ void MainController::awakeFromNib() {
         updateGameSound();
         updateReplayBuffer();
     });
-    connect(m_capturePreferences, &CapturePreferencesView::gameSoundChanged, this, [this] {
-        updateGameSound();
-        updateReplayBuffer(); // its sound comes from the input, moved by the offset
-    });
+    // Another input gives a new replay buffer (see updateGameSound); another volume keeps it.
+    connect(m_capturePreferences, &CapturePreferencesView::gameSoundChanged, this,
+            &MainController::updateGameSound);
+    // The buffer moves its sound by the offset it started with.
+    connect(m_capturePreferences, &CapturePreferencesView::gameOffsetChanged, this,
+            &MainController::updateReplayBuffer);
     ui.listenItem->setChecked(
         CaptureSettings::fromPreferences(PreferencesController::instance()).listenToGameAudio);
     connect(ui.listenItem, &QAction::toggled, this, [this](bool listening) {

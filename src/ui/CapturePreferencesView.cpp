@@ -76,6 +76,8 @@ CapturePreferencesView::CapturePreferencesView(QWidget* parent)
             [this](int index) { selectAudioInput(m_ui->audioNarratorPopup, index); });
     connect(m_ui->imageFormatPopup, &QComboBox::activated, this,
             &CapturePreferencesView::selectImageFormatAction);
+    // The volume counts once the slider is let go, not at every step of a drag.
+    m_ui->gameVolumeSlider->setTracking(false);
     connect(m_ui->gameVolumeSlider, &QSlider::valueChanged, this, &CapturePreferencesView::selectGameVolume);
     connect(m_ui->gameOffsetField, &QSpinBox::editingFinished, this,
             &CapturePreferencesView::selectGameOffset);
@@ -205,7 +207,7 @@ void CapturePreferencesView::selectGameOffset() {
     PreferencesController& preferences = PreferencesController::instance();
     if (preferences.preference(PreferenceGameAudioOffsetMs) != QVariant(offset)) {
         preferences.setPreference(PreferenceGameAudioOffsetMs, offset);
-        emit gameSoundChanged();
+        emit gameOffsetChanged();
     }
 }
 
