@@ -2,81 +2,28 @@
 // long a save of thirty seconds takes beside copying its bytes in memory, and how its memory
 // compares with the seconds times the bit rate.
 
+#include "DemoFootage.h"
 #include "base/Log.h"
 #include "capture/CaptureData.h"
-#include "capture/CaptureDevice.h"
-#include "capture/CaptureScreen.h"
-#include "capture/DemoBoard.h"
-#include "capture/RawFrame.h"
-#include "layouts/CaptureLayout.h"
-#include "layouts/PluginController.h"
 #include "recording/ReplayBuffer.h"
 #include "recording/VideoRecord.h"
-#include "settings/PreferencesController.h"
 #include "settings/VideoQuality.h"
 
 #include <benchmark/benchmark.h>
 
-#include <QTemporaryDir>
-
 #include <chrono>
 #include <cstring>
-#include <ctime>
 
 using namespace zandor;
 
 namespace {
 
 constexpr int Seconds = 30;
-constexpr int FootageFrames = 300; // five seconds, played over and over
-
-QTemporaryDir& folder() {
-    static QTemporaryDir dir;
-    return dir;
-}
-
-double threadSeconds() {
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
-
-// "Top over Bottom" of the demo board: five seconds of composited frames.
-struct Footage {
-    LayoutPtr layout;
-    std::vector<CaptureDataPtr> frames;
-};
-
-Footage& footage() {
-    static Footage made = [] {
-        setenv("XDG_DATA_HOME", qPrintable(folder().path() + "/data"), 1);
-        PreferencesController::instance().setReadOnly(true);
-        static PluginController registry(PluginController::appPluginFolder(), folder().path() + "/user/");
-        static auto device = CaptureDevice::create(std::make_unique<DemoBoard>());
-        Footage result;
-        result.layout =
-            CaptureLayout::createWithPlugin(std::static_pointer_cast<LayoutPlugin>(
-                                                registry.pluginNamed("Top over Bottom", Plugin::LayoutType)),
-                                            device);
-        static auto observer = result.layout->addObserver();
-        result.layout->startListening(); // for the drawing state only; the device never runs
-        std::vector<uint8_t> board(raw::BlockBytes);
-        for (int n = 0; n < FootageFrames; ++n) {
-            DemoBoard::render(static_cast<uint64_t>(n), board.data());
-            auto top = CaptureData::create(288000), bottom = CaptureData::create(230400);
-            CaptureScreen::cut(board.data() + raw::TopOffset, top->data(), raw::TopWidth, raw::TopHeight);
-            CaptureScreen::cut(board.data() + raw::BottomOffset, bottom->data(), raw::BottomWidth,
-                               raw::BottomHeight);
-            result.frames.push_back(result.layout->composite(top, bottom));
-        }
-        return result;
-    }();
-    return made;
-}
 
 // Frame `n` of an endless run at 60 frames a second: the footage's pictures, stamped anew.
 const CaptureData& frameAt(int n) {
-    CaptureData& frame = *footage().frames[static_cast<size_t>(n % FootageFrames)];
+    CaptureData& frame =
+        *bench::demoFootage("Top over Bottom").frames[static_cast<size_t>(n % bench::FootageFrames)];
     frame.setTimestamp(n / 60.0);
     frame.setWallClock(
         std::chrono::system_clock::time_point(std::chrono::microseconds(int64_t{n} * 1000000 / 60)));
@@ -86,29 +33,30 @@ const CaptureData& frameAt(int n) {
 void keepAndSave(benchmark::State& state, const QString& quality) {
     LogCapture quiet;
     CaptureSettings settings;
-    settings.storageFolder = folder().path();
+    settings.storageFolder = bench::benchFolder();
     settings.videoQuality = quality;
     constexpr int Frames = (Seconds + 2) * 60;
     double keeping = 0, recording = 0, saving = 0, copying = 0;
     uint64_t held = 0;
     for (auto _ : state) {
-        auto buffer = std::make_shared<ReplayBuffer>(footage().layout, settings, Seconds);
+        auto buffer =
+            std::make_shared<ReplayBuffer>(bench::demoFootage("Top over Bottom").layout, settings, Seconds);
         buffer->start();
-        double start = threadSeconds();
+        double start = bench::threadSeconds();
         for (int n = 0; n < Frames; ++n) {
             buffer->append(frameAt(n));
         }
-        keeping = threadSeconds() - start;
+        keeping = bench::threadSeconds() - start;
 
         // The same frames into a recording's movie: the encoder's own cost.
-        VideoRecord record(footage().layout);
-        record.start(folder().path(), settings);
-        start = threadSeconds();
+        VideoRecord record(bench::demoFootage("Top over Bottom").layout);
+        record.start(bench::benchFolder(), settings);
+        start = bench::threadSeconds();
         for (int n = 0; n < Frames; ++n) {
             record.append(frameAt(n));
         }
         record.stop();
-        recording = threadSeconds() - start;
+        recording = bench::threadSeconds() - start;
 
         held = buffer->heldBytes();
         const auto saveStart = std::chrono::steady_clock::now();

@@ -174,9 +174,12 @@ void MainController::awakeFromNib() {
         updateGameSound();
         updateReplayBuffer();
     });
-    // Another input gives a new replay buffer (see updateGameSound); another volume keeps it.
-    connect(m_capturePreferences, &CapturePreferencesView::gameSoundChanged, this,
-            &MainController::updateGameSound);
+    // Another input gives a new replay buffer; another volume keeps it.
+    connect(m_capturePreferences, &CapturePreferencesView::gameSoundChanged, this, [this] {
+        if (updateGameSound()) {
+            updateReplayBuffer();
+        }
+    });
     // The buffer moves its sound by the offset it started with.
     connect(m_capturePreferences, &CapturePreferencesView::gameOffsetChanged, this,
             &MainController::updateReplayBuffer);
@@ -184,7 +187,9 @@ void MainController::awakeFromNib() {
         CaptureSettings::fromPreferences(PreferencesController::instance()).listenToGameAudio);
     connect(ui.listenItem, &QAction::toggled, this, [this](bool listening) {
         PreferencesController::instance().setPreference(PreferenceListenToGameAudio, listening);
-        updateGameSound();
+        if (updateGameSound()) {
+            updateReplayBuffer();
+        }
     });
     // The input went away: said in the log; the picture goes on without the sound.
     m_gameAudio->setLostHandler([self = QPointer<MainController>(this)] {
@@ -513,7 +518,7 @@ void MainController::updateReplayBuffer() {
     m_mainWindow->ui.saveReplayItem->setEnabled(m_replayBuffer != nullptr);
 }
 
-void MainController::updateGameSound() {
+bool MainController::updateGameSound() {
     const CaptureSettings settings = CaptureSettings::fromPreferences(PreferencesController::instance());
     const auto before = m_gameAudio->input();
     m_gameAudio->setVolume(settings.gameAudioVolume);
@@ -523,9 +528,7 @@ void MainController::updateGameSound() {
     } else {
         m_gameAudio->stop();
     }
-    if (m_replayBuffer && m_gameAudio->input() != before) {
-        updateReplayBuffer();
-    }
+    return m_gameAudio->input() != before;
 }
 
 void MainController::stopReplayBuffer() {

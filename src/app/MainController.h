@@ -134,8 +134,9 @@ private:
     // new one (empty) after any change of layout or setting.
     void updateReplayBuffer();
     // Keeps the game input open while the picture plays and it is listened to or kept by the replay
-    // buffer, with the chosen volume; a new replay buffer when the input changed.
-    void updateGameSound();
+    // buffer, with the chosen volume. Returns whether the input changed: a replay buffer then needs
+    // renewing, to take its sound from the new one.
+    bool updateGameSound();
     void stopReplayBuffer();
     // Shares the active layout as a camera while the preference is on and the picture plays, and
     // only then.

@@ -27,6 +27,15 @@ AudioInput::~AudioInput() {
     stop();
 }
 
+QAudioDevice AudioInput::inputWithId(const QString& id) {
+    for (const QAudioDevice& device : QMediaDevices::audioInputs()) {
+        if (device.id() == id.toUtf8()) {
+            return device;
+        }
+    }
+    return {};
+}
+
 bool AudioInput::open(const QAudioDevice& device) {
     QAudioFormat wanted;
     wanted.setSampleRate(AudioFileWriter::SampleRate);

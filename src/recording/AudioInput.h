@@ -32,6 +32,9 @@ public:
     AudioInput();
     ~AudioInput() override;
 
+    // The audio input present now with that unique identifier; a null device when there is none.
+    static QAudioDevice inputWithId(const QString& id);
+
     // Chooses the format (16-bit stereo at 44.1 kHz where the input has it) and prepares capture.
     // False, logged, when the input cannot be used.
     bool open(const QAudioDevice& device);

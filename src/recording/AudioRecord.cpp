@@ -6,7 +6,6 @@
 #include "base/RunOn.h"
 
 #include <QAudioDevice>
-#include <QMediaDevices>
 #include <QMetaObject>
 #include <QThread>
 
@@ -76,13 +75,7 @@ bool AudioRecord::createSession(const QString& bundlePath, const AudioSettings&)
         m_session = session;
         return true;
     }
-    QAudioDevice input;
-    for (const QAudioDevice& device : QMediaDevices::audioInputs()) {
-        if (device.id() == m_deviceId.toUtf8()) {
-            input = device;
-            break;
-        }
-    }
+    const QAudioDevice input = AudioInput::inputWithId(m_deviceId);
     if (input.isNull()) {
         logs::recording.error("Could not construct connection of audio recording session");
         delete session;

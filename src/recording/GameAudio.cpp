@@ -5,7 +5,6 @@
 #include "base/RunOn.h"
 
 #include <QAudioDevice>
-#include <QMediaDevices>
 #include <QThread>
 
 namespace zandor {
@@ -36,12 +35,7 @@ bool GameAudio::start(const QString& deviceId) {
     if (id.isEmpty()) {
         return true;
     }
-    QAudioDevice device;
-    for (const QAudioDevice& candidate : QMediaDevices::audioInputs()) {
-        if (candidate.id() == id.toUtf8()) {
-            device = candidate;
-        }
-    }
+    const QAudioDevice device = AudioInput::inputWithId(id);
     if (device.isNull()) {
         logs::recording.error("Could not open the game sound: no audio input \"%s\"", qUtf8Printable(id));
         return false;
