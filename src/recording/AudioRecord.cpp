@@ -96,7 +96,7 @@ void AudioRecord::startSession() {
     runAndWait(session, [session] { session->start(); });
 }
 
-bool AudioRecord::stop() {
+bool AudioRecord::stop(std::optional<std::chrono::system_clock::time_point> pictureEnd) {
     std::scoped_lock lock(m_lock);
     if (!m_recording) {
         return false;
@@ -104,6 +104,10 @@ bool AudioRecord::stop() {
     m_recording = false;
     AudioSession* session = m_session;
     m_session = nullptr;
+    if (pictureEnd && !session->endAt(*pictureEnd, std::chrono::seconds(1))) {
+        logs::recording.info("The %s sound ends short of the picture: its input delivered nothing later",
+                             qUtf8Printable(m_name));
+    }
     std::optional<std::chrono::milliseconds> lostAt;
     const bool finished = runAndWait(session, [session, &lostAt] {
         bool done = session->stop();

@@ -37,8 +37,10 @@ public:
     // no input: logged, and a success that records nothing. False when the input cannot be used.
     bool start(const QString& deviceId, const QString& bundlePath, bool preview);
     // True when it was recording and has finished its file; false when idle or when the file
-    // could not be finished (the recorder then reports the audio as not finalised).
-    bool stop();
+    // could not be finished (the recorder then reports the audio as not finalised). With
+    // `pictureEnd`, the wall-clock time the picture ends at, the track ends there too: the sound
+    // captured up to then is waited for, up to a second, and nothing after it is kept.
+    bool stop(std::optional<std::chrono::system_clock::time_point> pictureEnd = std::nullopt);
     bool isRecording();
     // How far into the last recording its input went away, if it did; known once stopped.
     std::optional<std::chrono::milliseconds> lostAt();

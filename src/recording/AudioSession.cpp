@@ -55,10 +55,12 @@ void AudioSession::start() {
     m_startedAt = std::chrono::steady_clock::now();
     m_tap = m_input->addTap(
         [this](const char* samples, int frames, std::chrono::system_clock::time_point captured) {
+            const auto placed = captured + m_offset;
+            frames = framesBeforeEnd(frames, placed);
             // After a failed write (a full disk, a file gone) the file cannot be finished as a whole
             // movie: the rest is not written, and stop() reports the failure.
-            if (!m_writeFailed &&
-                !m_writer.write(reinterpret_cast<const uint8_t*>(samples), frames, captured + m_offset)) {
+            if (frames > 0 && !m_writeFailed &&
+                !m_writer.write(reinterpret_cast<const uint8_t*>(samples), frames, placed)) {
                 m_writeFailed = true;
             }
         });
@@ -69,6 +71,27 @@ void AudioSession::start() {
         }
         m_input->start();
     }
+}
+
+int AudioSession::framesBeforeEnd(int frames, std::chrono::system_clock::time_point placed) {
+    std::scoped_lock lock(m_endLock);
+    if (!m_end) {
+        return frames;
+    }
+    const double before =
+        std::chrono::duration<double>(*m_end - placed).count() * m_input->format().sampleRate();
+    if (before >= frames) {
+        return frames;
+    }
+    m_reachedEnd = true;
+    m_endReached.notify_all();
+    return std::max(0, static_cast<int>(before));
+}
+
+bool AudioSession::endAt(std::chrono::system_clock::time_point end, std::chrono::milliseconds timeout) {
+    std::unique_lock lock(m_endLock);
+    m_end = end;
+    return m_endReached.wait_for(lock, timeout, [this] { return m_reachedEnd; });
 }
 
 void AudioSession::inputLost() {

@@ -6,7 +6,9 @@
 #include <QString>
 
 #include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <optional>
 
 class QAudioDevice;
@@ -33,6 +35,11 @@ public:
     // `offset` moves the track's sound later (or earlier, when negative) against the picture.
     void setOffset(std::chrono::milliseconds offset) { m_offset = offset; }
     void start();
+    // Ends the track at `end` on the picture's clock (the capture time moved by the offset): sound
+    // placed after it is not taken. Waits, up to `timeout`, until the input has delivered the sound
+    // up to there, which it does a little after capturing it. The one method that runs on any
+    // thread; call it before stop(). False when the input delivered nothing that late in time.
+    bool endAt(std::chrono::system_clock::time_point end, std::chrono::milliseconds timeout);
     // Ends capture and play-through and finishes the file; false when a write or finishing failed.
     bool stop();
     // How far into the capture the input went away (unplugged, or its server gone), if it did.
@@ -41,6 +48,9 @@ public:
 private:
     bool openWriter(const QString& path);
     void inputLost();
+    // How many of `frames` placed from `placed` on come before the track's end; notes when the
+    // end is reached.
+    int framesBeforeEnd(int frames, std::chrono::system_clock::time_point placed);
 
     std::shared_ptr<AudioInput> m_input;
     bool m_ownsInput = false;
@@ -52,6 +62,12 @@ private:
     bool m_writeFailed = false;
     std::chrono::milliseconds m_offset{0};
     std::chrono::steady_clock::time_point m_startedAt;
+
+    // Guards the end: set by endAt() on the recorder's thread, reached on the input's.
+    std::mutex m_endLock;
+    std::condition_variable m_endReached;
+    std::optional<std::chrono::system_clock::time_point> m_end;
+    bool m_reachedEnd = false;
 };
 
 } // namespace zandor

@@ -13,6 +13,9 @@ namespace zandor {
 namespace {
 
 constexpr AVRational Milliseconds{1, 1000};
+// Frames come at the device's pace; until the next one arrives, a 60th of a second is the best
+// guess of how long a frame shows.
+constexpr int64_t FrameShowsMs = 1000 / 60;
 
 } // namespace
 
@@ -115,6 +118,7 @@ bool VideoRecord::append(const CaptureData& frame) {
         // The movie's time zero is the capture time of its first frame.
         m_sessionStart = time;
         m_sessionStarted = true;
+        m_sessionStartWallClock = frame.wallClock();
         if (!writeHeader(frame.wallClock())) {
             return false;
         }
@@ -140,10 +144,17 @@ bool VideoRecord::append(const CaptureData& frame) {
 }
 
 bool VideoRecord::encode(const AVFrame* frame) {
-    // Frames come at the device's pace; until the next one arrives, a 60th of a second is the
-    // best guess of how long a frame shows, and the muxer needs one to cut fragments.
+    // The muxer needs to know how long a frame shows to cut fragments.
     return ff::encodeAndWrite(m_encoder.context(), frame, m_packet.get(), m_output.get(), m_stream,
-                              1000 / 60);
+                              FrameShowsMs);
+}
+
+std::optional<std::chrono::system_clock::time_point> VideoRecord::pictureEnd() {
+    std::scoped_lock lock(m_lock);
+    if (m_lastTime < 0) {
+        return std::nullopt;
+    }
+    return m_sessionStartWallClock + std::chrono::milliseconds(m_lastTime + FrameShowsMs);
 }
 
 bool VideoRecord::writeFailed() {

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 
 namespace zandor {
 
@@ -50,6 +51,8 @@ public:
     bool writeFailed();
     // Whether that failure was a full disk.
     bool diskFull();
+    // The wall-clock time at which the last appended frame stops showing; unset before the first.
+    std::optional<std::chrono::system_clock::time_point> pictureEnd();
 
     const QString& recordPath() const { return m_recordPath; }
     const QString& mergePath() const { return m_mergePath; }
@@ -91,7 +94,8 @@ private:
     bool m_sessionStarted = false;
     int m_writeError = 0;       // the output's error code once a write failed
     int64_t m_sessionStart = 0; // milliseconds of the first appended frame
-    int64_t m_lastTime = -1;    // presentation time of the last frame appended
+    std::chrono::system_clock::time_point m_sessionStartWallClock;
+    int64_t m_lastTime = -1; // presentation time of the last frame appended
 };
 
 } // namespace zandor

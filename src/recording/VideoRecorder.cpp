@@ -18,7 +18,6 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
-#include <thread>
 
 namespace zandor {
 
@@ -152,11 +151,12 @@ void VideoRecorder::capturedLayouts() {
     const auto recorded = std::chrono::steady_clock::now() - m_started;
     m_toolLimits.total =
         std::max(std::chrono::duration_cast<std::chrono::milliseconds>(recorded * 20), ShortestToolLimit);
-    // A second for the sound: the audio inputs still deliver what they captured before the stop,
-    // and the game track should end with the picture rather than short of it.
-    std::this_thread::sleep_for(std::chrono::seconds(1));
     bool success = true;
+    std::optional<std::chrono::system_clock::time_point> pictureEnd;
     for (const auto& record : m_videoRecords) {
+        if (const auto end = record->pictureEnd(); end && (!pictureEnd || *end > *pictureEnd)) {
+            pictureEnd = end;
+        }
         if (!record->stop()) {
             keepError(
                 record->diskFull()
@@ -165,7 +165,8 @@ void VideoRecorder::capturedLayouts() {
             success = false;
         }
     }
-    if (m_audioGameRecord->isRecording() && !m_audioGameRecord->stop()) {
+    // The game track ends with the picture, neither short of it nor running on.
+    if (m_audioGameRecord->isRecording() && !m_audioGameRecord->stop(pictureEnd)) {
         keepError(QStringLiteral("The recording of the audio could not be finalized."));
         success = false;
     }

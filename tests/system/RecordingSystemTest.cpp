@@ -186,6 +186,14 @@ TEST_F(RecordingSystemTest, EachScreensMovieGetsTheGameSoundAsItsAacTrackAndNotT
         SCOPED_TRACE(movie);
         EXPECT_EQ(streams(movie), (QStringList{"aac,44100,2", QString("h264,") + picture}));
         EXPECT_NEAR(pictureSeconds(movie), 3.0, 0.5);
+        const auto end = [&](const char* stream) {
+            const QStringList startAndLength =
+                probed({"-select_streams", stream, "-show_entries", "stream=start_time,duration", movie})
+                    .value(0)
+                    .split(',');
+            return startAndLength.value(0).toDouble() + startAndLength.value(1).toDouble();
+        };
+        EXPECT_NEAR(end("a:0"), end("v:0"), 0.1) << "the sound ends with the picture";
         // The game's tone; the narrator's at 1 kHz, mixed in, would change the pitch.
         EXPECT_NEAR(pitchOfTheStart(movie), 440.0, 5.0);
     }
