@@ -40,9 +40,8 @@ TEST_F(PluginFilesTest, DescriptorsThatAreNoSmallTextFilesOrHaveTooManyObjectsAr
     bundle("Good");
     replace(bundle("Pipe") + "/plugin.xml", [](const char* path) { return mkfifo(path, 0600); });
     replace(bundle("Zero") + "/plugin.xml", [](const char* path) { return symlink("/dev/zero", path); });
-    const QByteArray huge = test::layoutDescriptor("Huge", 1, 400, 240) + "<!--" +
-                            QByteArray(int(Plugin::MaximumDescriptorBytes), ' ') + "-->";
-    bundle("Huge", huge);
+    bundle("Huge", test::layoutDescriptor("Huge", 1, 400, 240) + "<!--" +
+                       QByteArray(int(Plugin::MaximumDescriptorBytes), ' ') + "-->");
     bundle("Latin", test::layoutDescriptor("Cafe", 1, 400, 240).replace("Cafe", "Caf\xe9"));
     QString objects;
     for (int i = 0; i <= LayoutPlugin::MaximumObjects; ++i) {

@@ -62,7 +62,6 @@ TEST_F(LibusbBoardTest, FramesArriveByteForByteAndAStalledReadGivesABlackFrameWi
     ASSERT_EQ(frames.size(), 4u);
     for (uint64_t i = 0; i < frames.size(); ++i) {
         EXPECT_TRUE(i == 2 ? allZero(*frames[i]) : isDemoFrame(*frames[i], i)) << "frame " << i;
-        EXPECT_TRUE(i == 0 || frames[i]->timestamp() > frames[i - 1]->timestamp()) << "frame " << i;
     }
     // The read asks for whole 512-byte blocks: all of the frame rounded up, then what is missing.
     EXPECT_EQ(m_board->model().readLengths(1), (std::vector<int>{518656, 512}));
