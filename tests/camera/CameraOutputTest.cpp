@@ -256,7 +256,7 @@ TEST_F(CameraTest, NoDaemonOrOneThatGoesAwayGivesOneLineAndStopsSharing) {
     EXPECT_EQ(log.countPrefix(CameraOutput::FailurePrefix), 1u);
 }
 
-TEST_F(CameraTest, ZandorCliSharesForTheGivenSecondsOrSaysWhyItCannot) {
+TEST_F(CameraTest, ZandorCliSharesForTheGivenSeconds) {
     const std::string board = "--board=replay:" + at("frame.raw").toStdString();
     setenv("XDG_DATA_HOME", qPrintable(at("data")), 1);
     const pid_t cli = test::startProcess({ZANDOR_CLI, "camera", board, "--layout", "Top", "--seconds", "2"},
@@ -264,13 +264,6 @@ TEST_F(CameraTest, ZandorCliSharesForTheGivenSecondsOrSaysWhyItCannot) {
     EXPECT_TRUE(PipeWireServer::waitForNode("zandor", "Zandor: Top"));
     EXPECT_TRUE(test::reapWithin(cli, 20s)) << test::readFile(at("cli.log")).toStdString();
     EXPECT_TRUE(PipeWireServer::nodeProperties("zandor").isEmpty()) << "the node outlived the command";
-
-    setenv("XDG_RUNTIME_DIR", qPrintable(at("nowhere")), 1);
-    const test::ProcessResult refused = test::runProcess({ZANDOR_CLI, "camera", board, "--seconds", "1"});
-    EXPECT_EQ(refused.exitCode, 1);
-    EXPECT_NE(refused.err.find("Could not share the picture as a camera: PipeWire is not running"),
-              std::string::npos)
-        << refused.err;
 }
 
 } // namespace

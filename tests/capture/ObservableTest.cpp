@@ -1,12 +1,10 @@
 #include "base/Log.h"
-#include "base/Wakeup.h"
 #include "capture/CaptureData.h"
 #include "capture/Observable.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <thread>
 
 namespace zandor {
 namespace {
@@ -23,35 +21,6 @@ int numberOf(const CaptureDataPtr& frame) {
     int n;
     std::memcpy(&n, frame->data(), sizeof n);
     return n;
-}
-
-// Without observers a frame is let go at once; an observer removed keeps what it had.
-TEST(Observable, EveryObserverGetsTheVerySameFramesInOrderAndIsWoken) {
-    Observable producer(5);
-    auto lost = frameNumbered(0);
-    EXPECT_FALSE(producer.add(lost));
-    EXPECT_EQ(lost.use_count(), 1) << "nobody to keep it for";
-    auto wakeup = std::make_shared<Wakeup>();
-    auto a = producer.addObserver(wakeup);
-    auto b = producer.addObserver();
-    auto first = frameNumbered(1), second = frameNumbered(2);
-    std::thread publisher([&] { producer.add(first); });
-    EXPECT_TRUE(wakeup->wait(20s));
-    publisher.join();
-    producer.add(second);
-    for (const auto& observer : {a, b}) {
-        EXPECT_EQ(producer.observe(observer), first);
-        EXPECT_EQ(producer.observe(observer), second);
-        EXPECT_FALSE(producer.observable(observer));
-        EXPECT_EQ(producer.observe(observer), nullptr);
-    }
-    producer.add(first);
-    producer.removeObserver(a);
-    producer.add(second);
-    EXPECT_EQ(producer.observe(a), first);
-    EXPECT_EQ(producer.observe(a), nullptr);
-    EXPECT_TRUE(wakeup->wait(0ms));
-    EXPECT_FALSE(wakeup->wait(0ms)) << "signals not yet waited for wake one wait, then it is cleared";
 }
 
 // The one place that decides what a full queue does; the producers only add their own line.

@@ -1,12 +1,13 @@
+#include "GatedBoard.h"
 #include "PluginBundles.h"
 #include "base/Log.h"
-#include "base/Notifier.h"
+#include "capture/CaptureDevice.h"
+#include "layouts/LayoutController.h"
 #include "layouts/LayoutPlugin.h"
 #include "layouts/PluginController.h"
 
 #include <gtest/gtest.h>
 
-#include <QFileInfo>
 #include <QTemporaryDir>
 
 namespace zandor {
@@ -33,26 +34,16 @@ protected:
     QTemporaryDir m_root;
 };
 
-TEST_F(PluginControllerTest, OnlyDirectoriesNamedZdpluginWithADescriptorArePlugins) {
-    const QString folder = m_root.path();
-    EXPECT_TRUE(PluginController::isPluginFile(test::writeBundle(folder, "good.zdplugin", layout("A", 1))));
-    EXPECT_FALSE(PluginController::isPluginFile(test::writeBundle(folder, "upper.ZDPLUGIN", layout("A", 1))));
-    QDir().mkpath(folder + "/empty.zdplugin");
-    EXPECT_FALSE(PluginController::isPluginFile(folder + "/empty.zdplugin"));
-    EXPECT_EQ(PluginController::typePluginFile(folder + "/good.zdplugin"), Plugin::LayoutType);
-    auto untyped = test::writeBundle(folder, "untyped.zdplugin", "<a><name>Valid but untyped</name></a>");
-    EXPECT_EQ(PluginController::typePluginFile(untyped), Plugin::NoType);
-    EXPECT_EQ(PluginController::parsePlugin(untyped, false), nullptr);
-}
-
 // Sorted by importance alone, keeping the order plugins came in among equals: application before
-// user plugins, installed ones after those already there.
+// user plugins, installed ones after those already there. A malformed bundle is refused, named in
+// the log and left where it was.
 TEST_F(PluginControllerTest, LoadsBothFoldersByImportanceKeepingTheOrderTheyCameInAmongEquals) {
     test::writeBundle(app(), "a.zdplugin", layout("Low", 1));
     test::writeBundle(app(), "b.zdplugin", layout("Even", 5));
     test::writeBundle(app(), "c.zdplugin", layout("High", 9));
     test::writeBundle(app(), "broken.zdplugin", "<ZandorLayout><name>Broken</name>");
     test::writeBundle(user(), "u.zdplugin", layout("High", 5));
+    LogCapture log;
     PluginController registry(app(), user());
     // Enough equals that a sort that does not keep their order shows it.
     QStringList installed;
@@ -61,59 +52,36 @@ TEST_F(PluginControllerTest, LoadsBothFoldersByImportanceKeepingTheOrderTheyCame
         ASSERT_TRUE(registry.installPlugin(test::writeBundle(
             elsewhere(), QStringLiteral("n%1.zdplugin").arg(n), layout(installed.last(), 5))));
     }
+    const QString malformed = test::writeBundle(elsewhere(), "malformed.zdplugin", "<ZandorLayout><name>Bad");
+    EXPECT_FALSE(registry.installPlugin(malformed));
+    EXPECT_TRUE(PluginController::isPluginFile(malformed));
+    EXPECT_EQ(log.countPrefix("Could not parse plugin: "), 2u);
     EXPECT_EQ(names(registry.plugins()),
               QStringList({"High", "Even", "High"}) + installed + QStringList{"Low"});
-    EXPECT_EQ(names(registry.pluginTyped(Plugin::LayoutType, false)), (QStringList{"High", "Even", "Low"}));
-    const auto fromUser = registry.pluginsFromUser(true);
-    ASSERT_EQ(fromUser.size(), 25);
-    EXPECT_TRUE(fromUser[0]->file().endsWith("/Zandor/Plugins//u.zdplugin"))
-        << fromUser[0]->file().toStdString();
     EXPECT_EQ(registry.pluginNamed("High", Plugin::LayoutType)->importance(), 9)
         << "the higher of two of a name";
-    EXPECT_EQ(registry.pluginNamed("high", Plugin::LayoutType), nullptr);
 }
 
-TEST_F(PluginControllerTest, CreatesTheUserFolderOrSaysItCannot) {
+// The menu lists the application's layouts in the registry's order, then the user's after a
+// separator.
+TEST_F(PluginControllerTest, TheLayoutMenuFollowsTheRegistryAndAReusedNameFindsTheEarlierLayout) {
+    test::writeBundle(app(), "low.zdplugin", layout("Low", 1));
+    test::writeBundle(app(), "high.zdplugin", layout("High", 9));
+    test::writeBundle(user(), "even.zdplugin", layout("Even", 5));
+    test::writeBundle(user(), "mine.zdplugin", layout("Mine", 1));
     PluginController registry(app(), user());
-    EXPECT_TRUE(QFileInfo(user()).isDir());
-
-    ASSERT_TRUE(test::writeFile(m_root.path() + "/file"));
-    LogCapture log;
-    PluginController blocked(app(), m_root.path() + "/file/Zandor/Plugins/");
-    EXPECT_EQ(log.lines(), std::vector<std::string>{"Could not creating user plugin folder"});
-}
-
-TEST_F(PluginControllerTest, InstallingMovesTheBundleInAndAnnouncesItARefusalLeavesItWhereItWas) {
-    test::writeBundle(app(), "ten.zdplugin", layout("Ten", 10));
-    test::writeBundle(user(), "taken.zdplugin", layout("Old", 1));
-    PluginController registry(app(), user());
-    QList<PluginPtr> announced;
-    auto connection = QObject::connect(Notifier::instance(), &Notifier::notified,
-                                       [&](const QString& name, const QVariant& object, const QVariantMap&) {
-                                           if (name == PluginInstalledNotification) {
-                                               announced << object.value<PluginPtr>();
-                                           }
-                                       });
-    LogCapture log;
-    const QString taken = test::writeBundle(elsewhere(), "taken.zdplugin", layout("New", 1));
-    const QString malformed = test::writeBundle(elsewhere(), "malformed.zdplugin", "<ZandorLayout><name>Bad");
-    for (const QString& refused : {taken, malformed, elsewhere() + "/missing.zdplugin"}) {
-        EXPECT_FALSE(registry.installPlugin(refused)) << refused.toStdString();
+    LayoutController catalogue(registry);
+    catalogue.setDevice(CaptureDevice::create(std::make_unique<test::GatedBoard>()));
+    QStringList titles;
+    for (const auto& item : catalogue.menuItems()) {
+        titles << (item.separator ? QStringLiteral("---") : item.title);
     }
-    EXPECT_TRUE(PluginController::isPluginFile(taken) && PluginController::isPluginFile(malformed))
-        << "left or moved back where they were";
-    EXPECT_EQ(log.countPrefix("Could not parse plugin: "), 1u);
-    EXPECT_EQ(names(registry.plugins()), (QStringList{"Ten", "Old"}));
+    EXPECT_EQ(titles, (QStringList{"High", "Low", "---", "Even", "Mine"}));
 
-    const QString bundle = test::writeBundle(elsewhere(), "new.zdplugin", layout("New", 20));
-    EXPECT_TRUE(registry.installPlugin(bundle));
-    QObject::disconnect(connection);
-    EXPECT_FALSE(QFileInfo::exists(bundle));
-    EXPECT_TRUE(PluginController::isPluginFile(user() + "new.zdplugin"));
-    ASSERT_EQ(announced.size(), 1);
-    EXPECT_TRUE(announced[0]->fromUser());
-    EXPECT_EQ(registry.plugins().first(), announced[0]);
-    EXPECT_EQ(announced[0]->name(), QStringLiteral("New"));
+    const auto first = catalogue.layoutNamed("High");
+    const auto again = test::parsedPlugin(elsewhere(), "again.zdplugin", layout("High", 20), {}, true);
+    EXPECT_NE(catalogue.addPlugin(again), first);
+    EXPECT_EQ(catalogue.layoutNamed("High"), first);
 }
 
 } // namespace

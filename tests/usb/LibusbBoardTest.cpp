@@ -62,17 +62,10 @@ TEST_F(LibusbBoardTest, FramesArriveByteForByteAndAStalledReadGivesABlackFrameWi
     ASSERT_EQ(frames.size(), 4u);
     for (uint64_t i = 0; i < frames.size(); ++i) {
         EXPECT_TRUE(i == 2 ? allZero(*frames[i]) : isDemoFrame(*frames[i], i)) << "frame " << i;
-        EXPECT_TRUE(i == 0 || frames[i]->timestamp() > frames[i - 1]->timestamp()) << "frame " << i;
     }
     // The read asks for whole 512-byte blocks: all of the frame rounded up, then what is missing.
     EXPECT_EQ(m_board->model().readLengths(1), (std::vector<int>{518656, 512}));
     EXPECT_EQ(m_board->clearedHalts(), 1);
-    const auto requests = m_board->controlRequests();
-    ASSERT_GE(requests.size(), 5u); // one when opening, one a frame
-    for (const auto& s : requests) {
-        EXPECT_EQ((std::tuple<int, int, int, int, int>(s.requestType, s.request, s.value, s.index, s.length)),
-                  std::make_tuple(0x40, 0x40, 0, 0, 0));
-    }
     EXPECT_EQ(m_log.countPrefix("Capture device"), 0u) << "a failed read is not a disconnect";
 }
 
