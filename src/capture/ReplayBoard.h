@@ -17,8 +17,6 @@ public:
     static std::unique_ptr<ReplayBoard> open(const std::string& path, std::string& error);
     ~ReplayBoard() override;
 
-    uint64_t frameCount() const { return m_frames; }
-
 protected:
     void fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) override;
 

@@ -148,13 +148,6 @@ CaptureLayout::loadImage(const QString& path,
     return BlendImage(image, part.left(), part.top());
 }
 
-QRect CaptureLayout::decodedPart(const QString& resource) const {
-    const auto image = m_resources.constFind(resource);
-    return image == m_resources.constEnd()
-               ? QRect()
-               : QRect(image->left(), image->top(), image->width(), image->height());
-}
-
 void CaptureLayout::initialize() {
     std::scoped_lock draw(m_drawMutex);
     if (m_type != PluginLayout) {

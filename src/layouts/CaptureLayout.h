@@ -84,9 +84,6 @@ public:
     // The canvas as it stands; only for tests, while the layout does not run.
     const uint8_t* canvas() const { return m_canvas.get(); }
     uint64_t objectStart() const { return m_objectStart; }
-    // The part of a resource's image that was decoded, in the image's pixels; empty when none was.
-    // Only for tests.
-    QRect decodedPart(const QString& resource) const;
 
 private:
     using Subscriptions = std::array<ObserverPtr, 2>;

@@ -17,32 +17,26 @@ namespace {
 
 using namespace std::chrono_literals;
 
+// `command` run through scripts/with-emulated-board with the board's `options`.
+std::vector<std::string> withEmulatedBoard(std::vector<std::string> options,
+                                           const std::vector<std::string>& command) {
+    options.insert(options.begin(), ZANDOR_SOURCE_DIR "/scripts/with-emulated-board");
+    options.push_back("--");
+    options.insert(options.end(), command.begin(), command.end());
+    return options;
+}
+
 TEST(EmulatedBoardProgramsTest, ARecordingGoesOnThroughAnUnplugWithBlackFramesInTheGap) {
     test::isolateUserFolders();
     setenv("ZANDOR_BUILD", ZANDOR_BUILD_DIR, 1);
     QTemporaryDir folder;
     // The cable is pulled about two seconds in and plugged in again two seconds later.
-    const test::ProcessResult run = test::runProcess({ZANDOR_SOURCE_DIR "/scripts/with-emulated-board",
-                                                      "--unplug-at-frame",
-                                                      "120",
-                                                      "--replug-after-ms",
-                                                      "2000",
-                                                      "--",
-                                                      ZANDOR_CLI,
-                                                      "record",
-                                                      "--board",
-                                                      "usb",
-                                                      "--seconds",
-                                                      "8",
-                                                      "--layout",
-                                                      "Top",
-                                                      "--game-audio",
-                                                      "None",
-                                                      "--narrator-audio",
-                                                      "None",
-                                                      "--out",
-                                                      folder.path().toStdString()},
-                                                     120s);
+    const test::ProcessResult run =
+        test::runProcess(withEmulatedBoard({"--unplug-at-frame", "120", "--replug-after-ms", "2000"},
+                                           {ZANDOR_CLI, "record", "--board", "usb", "--seconds", "8",
+                                            "--layout", "Top", "--game-audio", "None", "--narrator-audio",
+                                            "None", "--out", folder.path().toStdString()}),
+                         120s);
     ASSERT_EQ(run.exitCode, 0) << run.err;
     const auto made = test::splitLines(run.out);
     ASSERT_EQ(made.size(), 1u) << run.out;

@@ -241,11 +241,6 @@ std::vector<std::string> EmulatedBoard::childEnvironment() const {
     return {"UMOCKDEV_DIR=" + m_rootDir, "LD_PRELOAD=" + preload};
 }
 
-std::vector<EmulatedBoard::Setup> EmulatedBoard::controlRequests() {
-    std::scoped_lock lock(m_mutex);
-    return m_setups;
-}
-
 uint64_t EmulatedBoard::frameRequests() {
     std::scoped_lock lock(m_mutex);
     return m_frameRequests;
@@ -494,10 +489,6 @@ void EmulatedBoard::submit(UMockdevIoctlClient* client, Client& state, UMockdevI
         Setup setup{buffer[0], buffer[1], static_cast<uint16_t>(buffer[2] | buffer[3] << 8),
                     static_cast<uint16_t>(buffer[4] | buffer[5] << 8),
                     static_cast<uint16_t>(buffer[6] | buffer[7] << 8)};
-        m_setups.push_back(setup);
-        if (m_setups.size() > 64) {
-            m_setups.erase(m_setups.begin());
-        }
         if (setup.requestType == raw::FrameRequestType && setup.request == raw::FrameRequest) {
             const uint64_t number = m_frameRequests++;
             m_changed.notify_all();

@@ -75,9 +75,8 @@ public:
     // Environment entries that put a child process in front of this board.
     std::vector<std::string> childEnvironment() const;
 
-    // What the board has seen: the last control requests (at most 64), frame start requests since
-    // the last plug, the halts cleared, and the interface claims refused as busy.
-    std::vector<Setup> controlRequests();
+    // What the board has seen: frame start requests since the last plug, the halts cleared, and the
+    // interface claims refused as busy.
     uint64_t frameRequests();
     int clearedHalts();
     int busyClaims();
@@ -112,7 +111,6 @@ private:
     bool m_refuseClaim = false;
     std::string m_node; // /dev/bus/usb/001/DDD while plugged
     std::map<UMockdevIoctlClient*, std::unique_ptr<Client>> m_clients;
-    std::vector<Setup> m_setups;
     uint64_t m_frameRequests = 0;
     int m_clearedHalts = 0;
     int m_busyClaims = 0;
