@@ -176,17 +176,17 @@ TEST_F(MainControllerTest, WhileTheBoardIsAwayThePictureSaysSoUntilItIsBackOrPau
         return light > 0;
     };
     ui.playPauseItem->trigger();
-    QTRY_VERIFY_WITH_TIMEOUT(ui.layoutView->showsNoSignal(), 20000);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return ui.layoutView->showsNoSignal(); }, 20000));
     EXPECT_TRUE(lettered());
 
     board->replug();
-    QTRY_VERIFY_WITH_TIMEOUT(!ui.layoutView->showsNoSignal(), 20000);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !ui.layoutView->showsNoSignal(); }, 20000));
     QSignalSpy frames(ui.layoutView, &CaptureLayoutView::frameReceived);
     ASSERT_TRUE(frames.wait(20000));
     EXPECT_FALSE(lettered());
 
     board->unplug();
-    QTRY_VERIFY_WITH_TIMEOUT(ui.layoutView->showsNoSignal(), 20000);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return ui.layoutView->showsNoSignal(); }, 20000));
     ui.playPauseItem->trigger();
     EXPECT_FALSE(ui.layoutView->showsNoSignal()) << "a paused picture says nothing of the board";
 }
@@ -221,10 +221,10 @@ TEST_F(MainControllerTest, TheReplayBufferFollowsThePictureAndTheSettingAndSaves
     ui.playPauseItem->trigger();
     ASSERT_TRUE(m_controller->replayBuffer());
     EXPECT_TRUE(ui.saveReplayItem->isEnabled());
-    QTRY_VERIFY_WITH_TIMEOUT(m_controller->replayBuffer()->heldSeconds() > 0.5, 20000);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return m_controller->replayBuffer()->heldSeconds() > 0.5; }, 20000));
     ui.saveReplayItem->trigger();
-    QTRY_COMPARE_WITH_TIMEOUT(QDir(m_storage.path()).entryList({"Replay *.mp4"}, QDir::Files).size(), 1,
-                              20000);
+    const auto replays = [this] { return QDir(m_storage.path()).entryList({"Replay *.mp4"}, QDir::Files); };
+    EXPECT_TRUE(QTest::qWaitFor([&] { return replays().size() == 1; }, 20000));
     EXPECT_TRUE(alerts().isEmpty()) << alerts().join("; ").toStdString();
 
     const auto first = m_controller->replayBuffer();
@@ -317,7 +317,7 @@ TEST_F(MainControllerTest, TheRecordButtonFollowsTheRecordingStartedWhileAnother
         startRecordingWith("echo converting > \"$(dirname \"$0\")/converting\"\n"
                            "[ -f \"$(dirname \"$0\")/open\" ] || read line < \"$(dirname \"$0\")/gate\"");
     const auto first = recordTenFrames(ui);
-    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(m_tools.path() + "/converting"), 60000);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return QFile::exists(m_tools.path() + "/converting"); }, 60000));
     ui.recordItem->trigger();
     ASSERT_NE(m_controller->videoRecorder(), first);
     EXPECT_EQ(ui.recordItem->text(), "Stop");
@@ -329,13 +329,13 @@ TEST_F(MainControllerTest, TheRecordButtonFollowsTheRecordingStartedWhileAnother
     ASSERT_TRUE(test::writeFile(gate, "go\n"));
     ASSERT_TRUE(first->waitUntilFinished(60s));
     QSignalSpy blinks(ui.recordItem, &QAction::changed);
-    QTRY_VERIFY_WITH_TIMEOUT(blinks.count() >= 2, 20000);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return blinks.count() >= 2; }, 20000));
     EXPECT_EQ(ui.recordItem->text(), "Stop");
     EXPECT_FALSE(ui.playPauseItem->isEnabled()) << "no pausing in the middle of the second recording";
 
     ui.recordItem->trigger();
     ASSERT_TRUE(m_controller->videoRecorder()->waitUntilFinished(60s));
-    QTRY_COMPARE_WITH_TIMEOUT(ui.recordItem->text(), QStringLiteral("Record"), 20000);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return ui.recordItem->text() == "Record"; }, 20000));
     EXPECT_TRUE(ui.playPauseItem->isEnabled());
     EXPECT_TRUE(m_controller->attemptExit());
     EXPECT_EQ(QDir(m_storage.path()).entryList({"Capture *.mp4"}, QDir::Files).size(), 2);
@@ -395,7 +395,8 @@ TEST_F(MainControllerTest, APluginHandedOverByASecondStartBecomesTheActiveLayout
         downloads.path(), "handed.zdplugin",
         test::layoutDescriptor("Handed Over", 1, 400, 240, R"(<object type="screen_top" x="0" y="0"/>)"));
     ASSERT_TRUE(ZDAppDelegate::sendToRunning({bundle}));
-    QTRY_COMPARE_WITH_TIMEOUT(m_controller->activeLayout()->name(), QStringLiteral("Handed Over"), 20000);
+    EXPECT_TRUE(
+        QTest::qWaitFor([&] { return m_controller->activeLayout()->name() == "Handed Over"; }, 20000));
 }
 
 // At start the application offers the recordings a killed run left unfinished, with their length:
@@ -437,9 +438,10 @@ TEST_F(MainControllerTest, RecordingsAKilledRunLeftAreOfferedToBeRecoveredOrDele
         << dialog->informativeText().toStdString();
     EXPECT_EQ(dialog->defaultButton()->text(), "Recover");
     dialog->defaultButton()->click();
-    QTRY_VERIFY_WITH_TIMEOUT(alerts().contains("The recordings were recovered. | 2 seconds were saved: "
-                                               "Capture 01_02_2026 10_00_00.mp4"),
-                             60000);
+    const QString said =
+        "The recordings were recovered. | 2 seconds were saved: Capture 01_02_2026 10_00_00.mp4";
+    EXPECT_TRUE(QTest::qWaitFor([&] { return alerts().contains(said); }, 60000))
+        << alerts().join("\n").toStdString();
     EXPECT_FALSE(QFileInfo::exists(abandoned));
 
     const QString another = interrupted("01_02_2026 12_00_00");
