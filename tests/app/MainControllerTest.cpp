@@ -2,6 +2,7 @@
 #include "GatedBoard.h"
 #include "PipeWireServer.h"
 #include "PluginBundles.h"
+#include "Process.h"
 #include "UserFolders.h"
 #include "app/CaptureLayoutView.h"
 #include "app/MainController.h"
@@ -20,10 +21,11 @@
 
 #include <gtest/gtest.h>
 
+#include <QAbstractButton>
 #include <QCheckBox>
 #include <QDir>
-#include <QLabel>
 #include <QMessageBox>
+#include <QPushButton>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -33,16 +35,6 @@ namespace zandor {
 namespace {
 
 using namespace std::chrono_literals;
-
-// A board that is never there.
-class MissingBoard final : public test::GatedBoard {
-public:
-    bool openDeviceWithVidPid(uint16_t, uint16_t) override { return false; }
-    int openError(std::string& node) override {
-        node.clear();
-        return usb::ErrorNotFound;
-    }
-};
 
 TEST(WindowSizing, KeepsProportionsAndNeverShrinksBelowNaturalSize) {
     const QSize decoration(0, 60), natural(720, 240);
@@ -125,25 +117,17 @@ protected:
         return recorder;
     }
 
-    QStringList alerts(bool withDetails = false) const {
-        QStringList titles;
+    // The message boxes on the main window: text, informative text and any details.
+    QStringList alerts() const {
+        QStringList texts;
         for (auto* box : m_controller->mainWindow()->findChildren<QMessageBox*>()) {
             if (box->objectName() != "aboutWindow") {
-                titles << box->text() + " | " + box->informativeText() +
-                              (withDetails && !box->detailedText().isEmpty() ? " | " + box->detailedText()
-                                                                             : "");
+                const QString details = box->detailedText();
+                texts << box->text() + " | " + box->informativeText() +
+                             (details.isEmpty() ? "" : " | " + details);
             }
         }
-        return titles;
-    }
-
-    // The items of a menu, separators as "---", checked ones marked with "*".
-    static QStringList items(const QMenu* menu) {
-        QStringList titles;
-        for (QAction* item : menu->actions()) {
-            titles << (item->isSeparator() ? "---" : item->text() + (item->isChecked() ? "*" : ""));
-        }
-        return titles;
+        return texts;
     }
 
     QTemporaryDir m_storage;
@@ -156,10 +140,12 @@ TEST_F(MainControllerTest, PlayWithoutABoardSaysSoAndStaysStopped) {
     const QString alert =
         "Could not connect to device. | It was not possible to connect to the capture device. "
         "Please insert the cable or check whether it is inserted correctly.";
-    auto& ui = start(std::make_unique<MissingBoard>());
+    auto missing = std::make_unique<DemoBoard>();
+    missing->unplug();
+    auto& ui = start(std::move(missing));
     EXPECT_FALSE(ui.screenshotItem->isEnabled());
     ui.playPauseItem->trigger();
-    EXPECT_EQ(alerts(true), QStringList{alert}) << "no details for a missing board";
+    EXPECT_EQ(alerts(), QStringList{alert}) << "no details for a missing board";
     EXPECT_EQ(ui.playPauseItem->text(), "Play");
     EXPECT_FALSE(ui.recordItem->isEnabled());
 
@@ -168,7 +154,7 @@ TEST_F(MainControllerTest, PlayWithoutABoardSaysSoAndStaysStopped) {
     auto locked = std::make_unique<test::GatedBoard>();
     locked->lockOut(true);
     start(std::move(locked)).playPauseItem->trigger();
-    EXPECT_EQ(alerts(true),
+    EXPECT_EQ(alerts(),
               QStringList{alert + " | Zandor may not open the capture board's USB device. Install the "
                                   "udev rule 70-zandor-capture.rules, then plug the board in again:\n"
                                   "sudo cp resources/udev/70-zandor-capture.rules /etc/udev/rules.d/\n"
@@ -190,18 +176,17 @@ TEST_F(MainControllerTest, WhileTheBoardIsAwayThePictureSaysSoUntilItIsBackOrPau
         return light > 0;
     };
     ui.playPauseItem->trigger();
-    QTRY_VERIFY_WITH_TIMEOUT(ui.layoutView->showsNoSignal(), 20000);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return ui.layoutView->showsNoSignal(); }, 20000));
     EXPECT_TRUE(lettered());
-    EXPECT_EQ(m_controller->mainWindow()->windowTitle(), "Zandor") << "the title stays as it is";
 
     board->replug();
-    QTRY_VERIFY_WITH_TIMEOUT(!ui.layoutView->showsNoSignal(), 20000);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !ui.layoutView->showsNoSignal(); }, 20000));
     QSignalSpy frames(ui.layoutView, &CaptureLayoutView::frameReceived);
     ASSERT_TRUE(frames.wait(20000));
     EXPECT_FALSE(lettered());
 
     board->unplug();
-    QTRY_VERIFY_WITH_TIMEOUT(ui.layoutView->showsNoSignal(), 20000);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return ui.layoutView->showsNoSignal(); }, 20000));
     ui.playPauseItem->trigger();
     EXPECT_FALSE(ui.layoutView->showsNoSignal()) << "a paused picture says nothing of the board";
 }
@@ -230,37 +215,28 @@ TEST_F(MainControllerTest, PlayingShowsTheMovingPictureAndAScreenshotCanBeTakenU
 // The buffer runs only while the picture plays and the user wants it, and starts again empty with
 // each layout; Save Replay writes a movie off the GUI thread.
 TEST_F(MainControllerTest, TheReplayBufferFollowsThePictureAndTheSettingAndSavesOnRequest) {
-    auto& preferences = PreferencesController::instance();
-    preferences.setPreference(PreferenceReplayBufferEnabled, true);
-    preferences.setPreference(PreferenceReplayBufferSeconds, qint64(5));
+    PreferencesController::instance().setPreference(PreferenceReplayBufferEnabled, true);
     auto& ui = start();
     EXPECT_FALSE(ui.saveReplayItem->isEnabled());
     ui.playPauseItem->trigger();
     ASSERT_TRUE(m_controller->replayBuffer());
-    EXPECT_EQ(m_controller->replayBuffer()->seconds(), 5);
-    EXPECT_EQ(m_controller->replayBuffer()->layouts().front(), m_controller->activeLayout());
     EXPECT_TRUE(ui.saveReplayItem->isEnabled());
-    QTRY_VERIFY_WITH_TIMEOUT(m_controller->replayBuffer()->heldSeconds() > 0.5, 20000);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return m_controller->replayBuffer()->heldSeconds() > 0.5; }, 20000));
     ui.saveReplayItem->trigger();
-    QTRY_COMPARE_WITH_TIMEOUT(QDir(m_storage.path()).entryList({"Replay *.mp4"}, QDir::Files).size(), 1,
-                              20000);
+    const auto replays = [this] { return QDir(m_storage.path()).entryList({"Replay *.mp4"}, QDir::Files); };
+    EXPECT_TRUE(QTest::qWaitFor([&] { return replays().size() == 1; }, 20000));
     EXPECT_TRUE(alerts().isEmpty()) << alerts().join("; ").toStdString();
 
     const auto first = m_controller->replayBuffer();
     m_controller->setActiveLayout(LayoutController::instance().layoutNamed("Side by Side"));
     ASSERT_TRUE(m_controller->replayBuffer());
-    EXPECT_NE(m_controller->replayBuffer(), first);
     EXPECT_EQ(m_controller->replayBuffer()->layouts().front()->name(), "Side by Side");
     EXPECT_FALSE(first->isListening());
 
     auto* pane = m_controller->preferencesWindow()->findChild<QCheckBox*>("replayBufferCheckBox");
     ASSERT_TRUE(pane);
-    EXPECT_EQ(m_controller->preferencesWindow()->findChild<QLabel*>("replayMemoryLabel")->text(),
-              "about 1 MB")
-        << "five seconds and one more of Medium's 1000 kbit/s";
     pane->click();
     EXPECT_FALSE(m_controller->replayBuffer()) << "turned off in the preferences";
-    EXPECT_EQ(preferences.preference(PreferenceReplayBufferEnabled), QVariant(false));
     pane->click();
     ASSERT_TRUE(m_controller->replayBuffer());
     ui.playPauseItem->trigger();
@@ -275,9 +251,7 @@ TEST_F(MainControllerTest, ShareAsCameraSharesWhileThePicturePlaysOrSaysOnceWhyI
     test::PipeWireServer server;
     ASSERT_TRUE(server.isRunning()) << server.error();
     auto& ui = start();
-    EXPECT_FALSE(ui.shareAsCameraItem->isChecked());
     ui.shareAsCameraItem->trigger();
-    EXPECT_EQ(PreferencesController::instance().preference(PreferenceShareAsCamera), QVariant(true));
     EXPECT_FALSE(m_controller->camera()->isSharing()) << "no node while paused";
     ui.playPauseItem->trigger();
     EXPECT_TRUE(test::PipeWireServer::waitForNode("zandor", "Zandor: Top over Bottom"));
@@ -313,28 +287,24 @@ TEST_F(MainControllerTest, ALayoutChangeOrASizeStepResizesTheWindowAlsoFromFullS
     auto* window = m_controller->mainWindow();
     window->move(100, 200);
     const QRect before = window->geometry();
+    const QSize decoration = window->size() - ui.mainView->size();
     EXPECT_EQ(ui.mainView->size(), QSize(400, 480));
     m_controller->setActiveLayout(LayoutController::instance().layoutNamed("Side by Side"));
     EXPECT_EQ(ui.mainView->size(), QSize(720, 240));
     EXPECT_EQ(window->geometry().bottomLeft(), before.bottomLeft());
-    EXPECT_EQ(items(ui.activeLayoutMenu).filter("*"), QStringList{"Side by Side*"});
-    EXPECT_TRUE(ui.sizeOriginalItem->isChecked());
 
     m_controller->setActiveLayout(LayoutController::instance().layoutNamed("Top over Bottom"));
     m_controller->toggleFullScreen();
     ASSERT_TRUE(m_controller->isFullScreen());
-    EXPECT_EQ(ui.mainView->window()->objectName(), "fullScreenWindow");
-    EXPECT_TRUE(QApplication::topLevelWidgets().contains(ui.mainView->window()));
+    EXPECT_NE(ui.mainView->window(), window) << "the picture has a window of its own";
     m_controller->setActiveLayout(LayoutController::instance().layoutNamed("Side by Side"));
+    EXPECT_EQ(window->size(), QSize(720, 240) + decoration);
     ui.sizeDoubleItem->trigger();
+    EXPECT_EQ(window->size(), QSize(1440, 480) + decoration);
     QTest::keyClick(ui.mainView, Qt::Key_Escape);
     EXPECT_FALSE(m_controller->isFullScreen());
-    EXPECT_EQ(ui.mainView->window(), window);
     EXPECT_EQ(ui.mainView->size(), QSize(1440, 480)) << "not the old layout's window, letterboxed";
-    EXPECT_TRUE(ui.sizeDoubleItem->isChecked());
-    EXPECT_FALSE(ui.sizeOriginalItem->isChecked());
-    QTest::keyClick(ui.mainView, Qt::Key_Escape);
-    EXPECT_FALSE(m_controller->isFullScreen()) << "Escape outside full screen does nothing";
+    EXPECT_TRUE(ui.sizeDoubleItem->isChecked() && !ui.sizeOriginalItem->isChecked());
 }
 
 // While recording there is no pausing and no quitting; the button blinks for the recording that
@@ -347,7 +317,7 @@ TEST_F(MainControllerTest, TheRecordButtonFollowsTheRecordingStartedWhileAnother
         startRecordingWith("echo converting > \"$(dirname \"$0\")/converting\"\n"
                            "[ -f \"$(dirname \"$0\")/open\" ] || read line < \"$(dirname \"$0\")/gate\"");
     const auto first = recordTenFrames(ui);
-    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(m_tools.path() + "/converting"), 60000);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return QFile::exists(m_tools.path() + "/converting"); }, 60000));
     ui.recordItem->trigger();
     ASSERT_NE(m_controller->videoRecorder(), first);
     EXPECT_EQ(ui.recordItem->text(), "Stop");
@@ -359,22 +329,22 @@ TEST_F(MainControllerTest, TheRecordButtonFollowsTheRecordingStartedWhileAnother
     ASSERT_TRUE(test::writeFile(gate, "go\n"));
     ASSERT_TRUE(first->waitUntilFinished(60s));
     QSignalSpy blinks(ui.recordItem, &QAction::changed);
-    QTRY_VERIFY_WITH_TIMEOUT(blinks.count() >= 2, 20000);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return blinks.count() >= 2; }, 20000));
     EXPECT_EQ(ui.recordItem->text(), "Stop");
     EXPECT_FALSE(ui.playPauseItem->isEnabled()) << "no pausing in the middle of the second recording";
 
     ui.recordItem->trigger();
     ASSERT_TRUE(m_controller->videoRecorder()->waitUntilFinished(60s));
-    QTRY_COMPARE_WITH_TIMEOUT(ui.recordItem->text(), QStringLiteral("Record"), 20000);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return ui.recordItem->text() == "Record"; }, 20000));
     EXPECT_TRUE(ui.playPauseItem->isEnabled());
     EXPECT_TRUE(m_controller->attemptExit());
     EXPECT_EQ(QDir(m_storage.path()).entryList({"Capture *.mp4"}, QDir::Files).size(), 2);
 }
 
-TEST_F(MainControllerTest, ARecordingThatCannotWriteIsRefusedAndUnsavedSettingsAreSaidOnce) {
+TEST_F(MainControllerTest, ARecordingThatCannotWriteIsRefusedAndSaidSo) {
     ASSERT_TRUE(test::writeFile(m_storage.path() + "/file"));
-    PreferencesController& preferences = PreferencesController::instance();
-    preferences.setPreference(PreferenceCaptureStorageFolder, m_storage.path() + "/file/recordings");
+    PreferencesController::instance().setPreference(PreferenceCaptureStorageFolder,
+                                                    m_storage.path() + "/file/recordings");
     auto& ui = start();
     ui.playPauseItem->trigger();
     ui.recordItem->trigger();
@@ -383,21 +353,6 @@ TEST_F(MainControllerTest, ARecordingThatCannotWriteIsRefusedAndUnsavedSettingsA
     EXPECT_TRUE(ui.playPauseItem->isEnabled());
     ASSERT_EQ(alerts().size(), 1);
     EXPECT_TRUE(alerts()[0].startsWith("Could not start recording video. | ")) << alerts()[0].toStdString();
-
-    // The preferences file becomes a link to a folder that does not exist.
-    QFile::remove(preferences.file());
-    ASSERT_TRUE(QFile::link(m_storage.path() + "/gone/preferences.plist", preferences.file()));
-    preferences.setPreference(PreferenceCaptureImageFormat, "JPEG");
-    preferences.setPreference(PreferenceCaptureImageFormat, "PNG");
-    QTRY_COMPARE_WITH_TIMEOUT(alerts().size(), 2, 20000);
-    EXPECT_TRUE(
-        alerts()[1].startsWith("Could not save the preferences. | Your changes hold until Zandor quits, "
-                               "but they could not be written to \"" +
-                               preferences.file() + "\": "))
-        << alerts()[1].toStdString();
-    QCoreApplication::processEvents();
-    EXPECT_EQ(alerts().size(), 2) << "once";
-    QFile::remove(preferences.file());
 }
 
 // With the "Finalizing video..." sheet dismissed, a second recording started and stopped: quitting
@@ -429,27 +384,76 @@ TEST_F(MainControllerTest, TheFirstRunShowsTheAboutWindowOnce) {
     EXPECT_EQ(m_controller->mainWindow()->findChild<QMessageBox*>("aboutWindow"), nullptr);
 }
 
-TEST_F(MainControllerTest, APluginOpenedOrHandedOverBecomesTheActiveLayoutAndARefusalIsShown) {
-    auto& ui = start();
+// A second start of the application hands the plugins it was given to this one, which installs them
+// and shows the layout.
+TEST_F(MainControllerTest, APluginHandedOverByASecondStartBecomesTheActiveLayout) {
+    start();
     ZDAppDelegate delegate(*m_controller);
-    const QStringList before = items(ui.activeLayoutMenu);
-    QTemporaryDir downloads;
-    EXPECT_FALSE(delegate.openFile(
-        test::writeBundle(downloads.path(), "other.zdplugin", "<plugin><name>Other</name></plugin>")));
-    EXPECT_TRUE(alerts().last().startsWith("Could not install the plugin."))
-        << alerts().join("\n").toStdString();
-    EXPECT_EQ(items(ui.activeLayoutMenu), before);
-
-    // A second start of the application hands its plugins to this one.
     ASSERT_TRUE(delegate.listen());
+    QTemporaryDir downloads;
     const QString bundle = test::writeBundle(
         downloads.path(), "handed.zdplugin",
         test::layoutDescriptor("Handed Over", 1, 400, 240, R"(<object type="screen_top" x="0" y="0"/>)"));
     ASSERT_TRUE(ZDAppDelegate::sendToRunning({bundle}));
-    QTRY_COMPARE_WITH_TIMEOUT(m_controller->activeLayout()->name(), QStringLiteral("Handed Over"), 20000);
-    const QStringList after = items(ui.activeLayoutMenu);
-    EXPECT_TRUE(after.endsWith("Handed Over*")) << after.join(", ").toStdString();
-    EXPECT_TRUE(after.contains("---"));
+    EXPECT_TRUE(
+        QTest::qWaitFor([&] { return m_controller->activeLayout()->name() == "Handed Over"; }, 20000));
+}
+
+// At start the application offers the recordings a killed run left unfinished, with their length:
+// "Recover" finishes them and says what was saved, "Delete" removes them.
+TEST_F(MainControllerTest, RecordingsAKilledRunLeftAreOfferedToBeRecoveredOrDeleted) {
+    ASSERT_TRUE(test::writeStandInTools(m_tools.path()));
+    ShellCommand::setToolFolder(m_tools.path());
+    // A bundle as a killed recording leaves it: a fragmented movie of two seconds and its choices.
+    const auto interrupted = [this](const QString& stamp) {
+        const QString bundle = m_storage.path() + "/Capture " + stamp + ".zdrecord";
+        EXPECT_TRUE(QDir().mkpath(bundle));
+        EXPECT_EQ(test::runProcess({"ffmpeg", "-v", "error", "-f", "lavfi", "-i",
+                                    "testsrc=size=400x240:rate=60", "-t", "2", "-c:v", "libx264", "-movflags",
+                                    "frag_keyframe+empty_moov", (bundle + "/VideoTop.mov").toStdString()})
+                      .exitCode,
+                  0);
+        test::writeFile(bundle + "/Recording.plist",
+                        R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>
+                        <key>Layouts</key><array><string>Top</string></array>
+                        <key>FramesPerSecond</key><string>Original</string></dict></plist>)");
+        return bundle;
+    };
+    // The dialog a new start of the application offers.
+    const auto offered = [this] {
+        stop();
+        start();
+        QMessageBox* dialog = nullptr;
+        EXPECT_TRUE(QTest::qWaitFor([&] {
+            return (dialog = m_controller->mainWindow()->findChild<QMessageBox*>("recoveryWindow")) !=
+                   nullptr;
+        }));
+        return dialog;
+    };
+
+    const QString abandoned = interrupted("01_02_2026 10_00_00");
+    QMessageBox* dialog = offered();
+    ASSERT_NE(dialog, nullptr);
+    EXPECT_TRUE(dialog->informativeText().endsWith("\n\nCapture 01_02_2026 10_00_00: 0:02"))
+        << dialog->informativeText().toStdString();
+    EXPECT_EQ(dialog->defaultButton()->text(), "Recover");
+    dialog->defaultButton()->click();
+    const QString said =
+        "The recordings were recovered. | 2 seconds were saved: Capture 01_02_2026 10_00_00.mp4";
+    EXPECT_TRUE(QTest::qWaitFor([&] { return alerts().contains(said); }, 60000))
+        << alerts().join("\n").toStdString();
+    EXPECT_FALSE(QFileInfo::exists(abandoned));
+
+    const QString another = interrupted("01_02_2026 12_00_00");
+    dialog = offered();
+    ASSERT_NE(dialog, nullptr);
+    for (QAbstractButton* button : dialog->buttons()) {
+        if (button->text() == "Delete") {
+            button->click();
+        }
+    }
+    EXPECT_FALSE(QFileInfo::exists(another));
+    EXPECT_TRUE(QFileInfo::exists(m_storage.path() + "/Capture 01_02_2026 10_00_00.mp4"));
 }
 
 } // namespace
