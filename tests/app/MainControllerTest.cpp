@@ -386,11 +386,18 @@ TEST_F(MainControllerTest, TheFirstRunShowsTheAboutWindowOnce) {
 
 // A second start of the application hands the plugins it was given to this one, which installs them
 // and shows the layout.
-TEST_F(MainControllerTest, APluginHandedOverByASecondStartBecomesTheActiveLayout) {
-    start();
+TEST_F(MainControllerTest, APluginHandedOverByASecondStartBecomesTheActiveLayoutAndARefusalIsShown) {
+    auto& ui = start();
     ZDAppDelegate delegate(*m_controller);
-    ASSERT_TRUE(delegate.listen());
+    const int layouts = ui.activeLayoutMenu->actions().size();
     QTemporaryDir downloads;
+    EXPECT_FALSE(delegate.openFile(
+        test::writeBundle(downloads.path(), "other.zdplugin", "<plugin><name>Other</name></plugin>")));
+    EXPECT_TRUE(alerts().last().startsWith("Could not install the plugin."))
+        << alerts().join("\n").toStdString();
+    EXPECT_EQ(ui.activeLayoutMenu->actions().size(), layouts);
+
+    ASSERT_TRUE(delegate.listen());
     const QString bundle = test::writeBundle(
         downloads.path(), "handed.zdplugin",
         test::layoutDescriptor("Handed Over", 1, 400, 240, R"(<object type="screen_top" x="0" y="0"/>)"));

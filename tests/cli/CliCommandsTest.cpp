@@ -94,9 +94,12 @@ TEST_F(CliTest, LayoutsListsTheApplicationLayoutsThenTheScreensAndInstallsUserPl
     EXPECT_EQ(lines.back(), "Bottom\t320\t240\tresizable\t0,0,0\tapplication\t-");
 
     QTemporaryDir downloads;
-    const QString mine = test::writeBundle(
-        downloads.path(), "mine.zdplugin",
-        test::layoutDescriptor("Mine", 5, 400, 240, {}, R"(<background r="1" g="2" b="3"/>)"));
+    const auto bundle = [&](const QString& name) {
+        return test::writeBundle(
+            downloads.path(), "mine.zdplugin",
+            test::layoutDescriptor(name, 5, 400, 240, {}, R"(<background r="1" g="2" b="3"/>)"));
+    };
+    const QString mine = bundle("Mine");
     result = cli({"install-plugin", mine.toStdString()});
     ASSERT_EQ(result.exitCode, 0) << result.err;
     EXPECT_FALSE(QFileInfo::exists(mine));
@@ -104,6 +107,11 @@ TEST_F(CliTest, LayoutsListsTheApplicationLayoutsThenTheScreensAndInstallsUserPl
     lines = splitLines(cli({"layouts"}).out);
     EXPECT_NE(std::find(lines.begin(), lines.end(), "Mine\t400\t240\tresizable\t1,2,3\tuser\t5"),
               lines.end());
+
+    result = cli({"install-plugin", bundle("Again").toStdString()});
+    EXPECT_NE(result.exitCode, 0);
+    EXPECT_NE(result.err.find("already installed"), std::string::npos) << result.err;
+    EXPECT_TRUE(QFileInfo::exists(mine)) << "a refused bundle stays where it was";
 }
 
 // Every command checks its input before anything starts: one line on standard error, no file.

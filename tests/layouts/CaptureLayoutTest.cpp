@@ -217,6 +217,9 @@ TEST_F(CaptureLayoutTest, ACanvasBeyondTheLimitsStaysEmpty) {
                             std::to_string(height) + " pixels"),
                   1u);
     }
+    EXPECT_EQ(CaptureLayout::createWithPlugin(plugin(test::layoutDescriptor("Edge", 1, 16384, 2)), m_device)
+                  ->size(),
+              16384u * 2 * 3);
 }
 
 // A screen layout hands on the screen's very frames, and goes on while any consumer is subscribed:
