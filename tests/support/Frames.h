@@ -40,15 +40,6 @@ inline std::vector<CaptureDataPtr> playFrames(CaptureDevice& device, const std::
     return frames;
 }
 
-// Takes every frame queued for `observer`; returns how many there were.
-inline size_t drain(Observable& producer, const ObserverPtr& observer) {
-    size_t count = 0;
-    while (producer.observe(observer)) {
-        ++count;
-    }
-    return count;
-}
-
 inline bool allZero(const CaptureData& frame) {
     return std::all_of(frame.data(), frame.data() + frame.size(), [](uint8_t byte) { return byte == 0; });
 }

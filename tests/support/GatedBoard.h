@@ -17,13 +17,11 @@
 
 namespace zandor::test {
 
-// The bytes of raw frame `frame` at `offset` in the test boards: a cheap mix of both, so that
-// frames differ from each other and every byte position matters.
-uint8_t patternByte(uint64_t frame, uint64_t offset);
-// Whether `data` holds all of raw frame `frame` as the test boards send it.
+// Whether `data` holds all of raw frame `frame` as the test boards send it: a cheap mix of the
+// frame's number and each byte's position, so that frames differ and every byte position matters.
 bool isPatternFrame(const uint8_t* data, uint64_t frame);
 
-// A simulated board whose frames follow patternByte and which can be held inside the bulk read of
+// A simulated board whose frames are of that pattern and which can be held inside the bulk read of
 // a chosen frame until the test releases it. Every bulk read first scribbles over the whole buffer,
 // as a real transfer may leave anything there: a frame comes out black only if it is cleared.
 class GatedBoard : public SimulatedBoard {
