@@ -17,6 +17,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <unistd.h>
 
 namespace zandor {
 namespace {
@@ -42,6 +43,17 @@ double outputLevel(double seconds = 0.5) {
     std::vector<int16_t> samples(sound.size() / 2);
     std::memcpy(samples.data(), sound.data(), samples.size() * 2);
     return level(samples, 0, samples.size());
+}
+
+// How many sound streams this process plays through the sound server.
+int streamsPlayed() {
+    const std::string listed = test::runProcess({"pactl", "list", "sink-inputs"}).out;
+    const std::string ours = "application.process.id = \"" + std::to_string(getpid()) + "\"";
+    int count = 0;
+    for (size_t at = listed.find(ours); at != std::string::npos; at = listed.find(ours, at + 1)) {
+        ++count;
+    }
+    return count;
 }
 
 TEST(GameAudio, ListeningIsHeardOnceAndARecordingKeepsItsFirstInstantOrSaysItCannotFinish) {
@@ -73,9 +85,8 @@ TEST(GameAudio, ListeningIsHeardOnceAndARecordingKeepsItsFirstInstantOrSaysItCan
         AudioRecord record(QStringLiteral("Game"), &audioThread);
         record.share(game.input(), std::chrono::milliseconds(0));
         ASSERT_TRUE(record.start("GameIn", bundle.path(), true));
-        const double recordingLevel = outputLevel();
-        EXPECT_LT(recordingLevel, listened * 1.3) << "the recording's play-through is the listening's";
-        EXPECT_GT(recordingLevel, listened * 0.7);
+        EXPECT_GT(outputLevel(), listened * 0.7) << "heard while recording";
+        EXPECT_EQ(streamsPlayed(), 1) << "the recording's play-through is the listening's";
         ASSERT_TRUE(record.stop());
     }
     const std::vector<int16_t> recorded = test::decodeSound((bundle.path() + "/AudioGame.mov").toStdString());
@@ -91,7 +102,6 @@ TEST(GameAudio, ListeningIsHeardOnceAndARecordingKeepsItsFirstInstantOrSaysItCan
     AudioRecord failing(QStringLiteral("Game"), &audioThread);
     ASSERT_TRUE(failing.start("GameIn", full.path(), false));
     EXPECT_FALSE(failing.stop());
-    EXPECT_FALSE(failing.isRecording());
 }
 
 } // namespace
