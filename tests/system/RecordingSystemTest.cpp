@@ -212,7 +212,6 @@ TEST_F(RecordingSystemTest, FixedFrameRateIsMadeByTheConvertingToolAfterTheSound
     const std::string movie = splitLines(run.out).at(0);
     EXPECT_TRUE(probed({"-show_entries", "format_tags=encoder", movie}).value(0).contains("HandBrake"));
     EXPECT_EQ(streams(movie), (QStringList{"aac,44100,2", "h264,400,240"}));
-    EXPECT_NEAR(pitchOfTheStart(movie), 440.0, 5.0) << "the sound is copied";
 }
 
 TEST_F(RecordingSystemTest, AnAudioInputThatIsGoneStopsTheStart) {
@@ -321,7 +320,8 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<FinalisingFault>& info) { return std::string(info.param.name); });
 
 // The demo board shows a white frame and the game input hears a beep at every whole second of the
-// wall clock: every beep must land near a white frame (bench/av-sync measures how near).
+// wall clock: every beep must land within a quarter of a second of a white frame, as a flash comes
+// every second, half a second off could not be told from in step (bench/av-sync measures how near).
 TEST_F(RecordingSystemTest, EveryBeepMeetsAWhiteFrame) {
     setenv("ZANDOR_DEMO_FLASH", "1", 1);
     auto beeps = std::make_unique<PulseServer::Playback>("game_sink", 1000, 30, 16);
@@ -352,7 +352,7 @@ TEST_F(RecordingSystemTest, EveryBeepMeetsAWhiteFrame) {
             return std::abs(a - onset) < std::abs(b - onset);
         });
         ASSERT_NE(nearest, flashes.end());
-        EXPECT_LT(std::abs(*nearest - onset), 0.5) << "the beep at " << onset << " s has no white frame";
+        EXPECT_LT(std::abs(*nearest - onset), 0.25) << "the beep at " << onset << " s is out of step";
     }
 }
 
