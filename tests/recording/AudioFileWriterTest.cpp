@@ -37,10 +37,9 @@ TEST(AudioFileWriterTest, ASoundPlaysAtTheWallClockTimeItWasCaptured) {
              // The encoder's priming comes first in the movie; the start time must account for it,
              // or every sound plays 1024 samples (23 ms) late.
              Capture{"steady", 3, 1.0, -1, 0, 1.5, 0.0005},
-             // 0.1 % more (or fewer) samples than the wall clock's seconds hold: by counting
-             // samples alone, the click 40 s in would play 40 ms early (or late).
+             // 0.1 % more samples than the wall clock's seconds hold: by counting samples alone,
+             // the click 40 s in would play 40 ms early.
              Capture{"fast input clock", 45, 1.001, -1, 0, 40.0, 0.006},
-             Capture{"slow input clock", 45, 0.999, -1, 0, 40.0, 0.006},
              // A fifth of a second never arrives; what comes after still plays at its time.
              Capture{"dropout", 3, 1.0, Rate / 2, Rate / 5, 2.0, 0.006},
          }) {

@@ -1,23 +1,23 @@
 // The game input kept open while the picture plays: heard through the default output only while
 // listened to, heard once when a recording also plays it through, and recorded from the instant the
-// recording starts.
+// recording starts; and a recording's sound file that cannot be finished.
 
 #include "Media.h"
 #include "PulseServer.h"
 #include "UserFolders.h"
-#include "base/Log.h"
 #include "recording/AudioInput.h"
 #include "recording/AudioRecord.h"
 #include "recording/GameAudio.h"
 
 #include <gtest/gtest.h>
 
+#include <QFile>
 #include <QTemporaryDir>
 #include <QThread>
 
 #include <cmath>
 #include <cstring>
-#include <future>
+#include <unistd.h>
 
 namespace zandor {
 namespace {
@@ -45,7 +45,18 @@ double outputLevel(double seconds = 0.5) {
     return level(samples, 0, samples.size());
 }
 
-TEST(GameAudio, ListeningIsHeardOnceAndARecordingHasTheSoundFromItsFirstInstant) {
+// How many sound streams this process plays through the sound server.
+int streamsPlayed() {
+    const std::string listed = test::runProcess({"pactl", "list", "sink-inputs"}).out;
+    const std::string ours = "application.process.id = \"" + std::to_string(getpid()) + "\"";
+    int count = 0;
+    for (size_t at = listed.find(ours); at != std::string::npos; at = listed.find(ours, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+TEST(GameAudio, ListeningIsHeardOnceAndARecordingKeepsItsFirstInstantOrSaysItCannotFinish) {
     test::isolateUserFolders();
     test::PulseServer pulse;
     ASSERT_TRUE(pulse.isRunning()) << pulse.error();
@@ -53,7 +64,6 @@ TEST(GameAudio, ListeningIsHeardOnceAndARecordingHasTheSoundFromItsFirstInstant)
 
     GameAudio game;
     ASSERT_TRUE(game.start("GameIn"));
-    ASSERT_TRUE(game.input());
     // The tone at half of full scale is about 11600 loud; silence is 0.
     EXPECT_LT(outputLevel(), 300) << "not played through while nobody listens";
     game.setListening(true);
@@ -75,9 +85,8 @@ TEST(GameAudio, ListeningIsHeardOnceAndARecordingHasTheSoundFromItsFirstInstant)
         AudioRecord record(QStringLiteral("Game"), &audioThread);
         record.share(game.input(), std::chrono::milliseconds(0));
         ASSERT_TRUE(record.start("GameIn", bundle.path(), true));
-        const double recordingLevel = outputLevel();
-        EXPECT_LT(recordingLevel, listened * 1.3) << "the recording's play-through is the listening's";
-        EXPECT_GT(recordingLevel, listened * 0.7);
+        EXPECT_GT(outputLevel(), listened * 0.7) << "heard while recording";
+        EXPECT_EQ(streamsPlayed(), 1) << "the recording's play-through is the listening's";
         ASSERT_TRUE(record.stop());
     }
     const std::vector<int16_t> recorded = test::decodeSound((bundle.path() + "/AudioGame.mov").toStdString());
@@ -86,31 +95,13 @@ TEST(GameAudio, ListeningIsHeardOnceAndARecordingHasTheSoundFromItsFirstInstant)
     // of an input still opening.
     EXPECT_GT(level(recorded, 1100, test::PulseServer::SampleRate / 10), 3000);
 
-    game.setListening(false);
-    double after = listened;
-    for (int attempt = 0; attempt < 10 && after > 300; ++attempt) {
-        after = outputLevel();
-    }
-    EXPECT_LT(after, 300) << "silent again when listening stops, though the input stays open";
-    EXPECT_TRUE(game.input());
-}
-
-// An input that goes away stops the listening with one line, and nothing else.
-TEST(GameAudio, AnInputThatGoesAwayStopsTheListening) {
-    test::isolateUserFolders();
-    test::PulseServer pulse;
-    ASSERT_TRUE(pulse.isRunning()) << pulse.error();
-    LogCapture log;
-    GameAudio game;
-    EXPECT_FALSE(game.start("NoSuchInput"));
-    EXPECT_EQ(log.count("Could not open the game sound: no audio input \"NoSuchInput\""), 1u);
-    ASSERT_TRUE(game.start("GameIn"));
-    game.setListening(true);
-    std::promise<void> lost;
-    game.setLostHandler([&lost] { lost.set_value(); });
-    ASSERT_TRUE(test::PulseServer::unplug("GameIn"));
-    EXPECT_EQ(lost.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
-    EXPECT_EQ(log.countPrefix("Stopped listening to the game sound: the audio input \""), 1u);
+    // A file that cannot be finished (a full disk) makes stop() say so, which the video recorder
+    // turns into its message.
+    QTemporaryDir full;
+    ASSERT_TRUE(QFile::link("/dev/full", full.path() + "/AudioGame.mov"));
+    AudioRecord failing(QStringLiteral("Game"), &audioThread);
+    ASSERT_TRUE(failing.start("GameIn", full.path(), false));
+    EXPECT_FALSE(failing.stop());
 }
 
 } // namespace

