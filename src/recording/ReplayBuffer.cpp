@@ -352,9 +352,17 @@ ReplayBuffer::Saved ReplayBuffer::save() {
             }
         }
         origin = m_ring.empty() ? 0 : m_ring.front().wallMicroseconds;
+        // The sound ends with the picture: the picture's encoder may lag behind the sound's.
+        int64_t pictureEnd = origin;
+        for (const Packet& packet : m_ring) {
+            pictureEnd = std::max(pictureEnd, packet.wallMicroseconds + 1000000 / 60);
+        }
         for (auto [track, ring] : {std::pair{&video, &m_ring}, std::pair{&sound, &m_audio}}) {
             track->packets.reserve(ring->size());
             for (const Packet& packet : *ring) {
+                if (track == &sound && packet.wallMicroseconds >= pictureEnd) {
+                    break;
+                }
                 track->packets.emplace_back(ff::Packet(av_packet_clone(packet.packet.get())),
                                             packet.wallMicroseconds);
                 copied = copied && track->packets.back().first;

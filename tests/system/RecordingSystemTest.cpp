@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <QFileInfo>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
@@ -235,8 +236,16 @@ TEST_F(RecordingSystemTest, AnAudioInputThatIsGoneStopsTheStart) {
 
 TEST_F(RecordingSystemTest, AGameInputUnpluggedMidwayIsSaidWithItsTime) {
     const PulseServer::Playback game("game_sink", 440, 0, 8);
-    std::thread unplugger([] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2500)); // into the third second
+    // The input goes once the game track holds a second or so of sound (16 kB at 128 kbit/s).
+    std::thread unplugger([this] {
+        const auto soundBytes = [this] {
+            const QStringList bundles = QDir(out()).entryList({"*.zdrecord"}, QDir::Dirs);
+            return bundles.isEmpty() ? 0 : QFileInfo(out() + "/" + bundles[0] + "/AudioGame.mov").size();
+        };
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (soundBytes() < 16000 && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the pause between looks
+        }
         EXPECT_TRUE(PulseServer::unplug("GameIn"));
     });
     const ProcessResult run = record({"--seconds", "5", "--layout", "Top", "--game-audio", "GameIn"});
