@@ -87,7 +87,15 @@ TEST(GameAudio, ListeningIsHeardOnceAndARecordingKeepsItsFirstInstantOrSaysItCan
         ASSERT_TRUE(record.start("GameIn", bundle.path(), true));
         EXPECT_GT(outputLevel(), listened * 0.7) << "heard while recording";
         EXPECT_EQ(streamsPlayed(), 1) << "the recording's play-through is the listening's";
-        ASSERT_TRUE(record.stop());
+        // The track ends with the picture, here a little after the stop: the sound up to then is
+        // waited for, and none after it is kept.
+        const auto pictureEnd = std::chrono::system_clock::now() + std::chrono::milliseconds(300);
+        ASSERT_TRUE(record.stop(pictureEnd));
+        const QJsonObject probed = test::probe((bundle.path() + "/AudioGame.mov").toStdString(),
+                                               {"-show_entries", "format=duration:format_tags"});
+        EXPECT_NEAR(probed["format"]["tags"]["zandor_capture_start"].toString().toDouble() +
+                        probed["format"]["duration"].toString().toDouble(),
+                    std::chrono::duration<double>(pictureEnd.time_since_epoch()).count(), 0.05);
     }
     const std::vector<int16_t> recorded = test::decodeSound((bundle.path() + "/AudioGame.mov").toStdString());
     ASSERT_GT(recorded.size(), size_t(test::PulseServer::SampleRate / 2));
