@@ -94,8 +94,8 @@ private:
     bool m_sessionStarted = false;
     int m_writeError = 0;       // the output's error code once a write failed
     int64_t m_sessionStart = 0; // milliseconds of the first appended frame
-    std::chrono::system_clock::time_point m_sessionStartWallClock;
-    int64_t m_lastTime = -1; // presentation time of the last frame appended
+    int64_t m_lastTime = -1;    // presentation time of the last frame appended
+    std::chrono::system_clock::time_point m_sessionStartWallClock; // when the first frame was taken
 };
 
 } // namespace zandor
