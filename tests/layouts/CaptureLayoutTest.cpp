@@ -262,12 +262,18 @@ TEST_P(ProducerDropLinesTest, AFullQueueLogsTheObserverThenTheProducerAndTheRuns
                         : producer == "screen" ? static_cast<Observable&>(*m_device->screen(1))
                                                : static_cast<Observable&>(*layout);
     auto slow = queue.addObserver(); // never drained
+    auto paced = queue.addObserver(m_wakeup);
     layout->startListening();
-    // Frames come at the board's pace, so nothing upstream of the slow queue overflows first.
-    m_board->holdAt(c.overflowingFrame + 1);
     LogCapture log;
+    // The board sends ten frames at a time, the next ten once these came through the queue, so that
+    // however slow the machine, nothing upstream of the slow queue overflows first.
+    m_board->holdAt(0);
     ASSERT_TRUE(m_device->startListening());
-    ASSERT_TRUE(m_board->waitUntilHeld(c.overflowingFrame + 1));
+    for (uint64_t sent = 0, step = 0; sent <= c.overflowingFrame; sent += step) {
+        step = std::min<uint64_t>(10, c.overflowingFrame + 1 - sent);
+        m_board->holdAt(sent + step);
+        ASSERT_EQ(test::takeFrames(queue, paced, *m_wakeup, step).size(), step) << "after " << sent;
+    }
     ASSERT_TRUE(log.waitFor(line, 20s));
     const auto lines = log.lines();
     const auto found = std::find(lines.begin(), lines.end(), line);
@@ -276,6 +282,7 @@ TEST_P(ProducerDropLinesTest, AFullQueueLogsTheObserverThenTheProducerAndTheRuns
     EXPECT_EQ(log.count(line), 1u);
 
     queue.removeObserver(slow);
+    queue.removeObserver(paced);
     layout->stopListening();
     m_device->stopListening();
     EXPECT_EQ(
