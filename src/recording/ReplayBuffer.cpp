@@ -8,6 +8,7 @@
 #include "base/Memory.h"
 #include "base/RunOn.h"
 #include "capture/CaptureData.h"
+#include "capture/CaptureDevice.h"
 #include "settings/VideoQuality.h"
 
 #include <QDir>
@@ -25,6 +26,9 @@ namespace {
 
 constexpr int64_t KeyIntervalMs = 1000;
 constexpr int64_t KeyIntervalFrames = 60;
+// How long a picture shows when no later one says otherwise: the board's frame period.
+constexpr int64_t FramePeriodUs =
+    std::chrono::duration_cast<std::chrono::microseconds>(CaptureDevice::DefaultFramePeriod).count();
 
 int64_t microseconds(std::chrono::system_clock::time_point time) {
     return std::chrono::duration_cast<std::chrono::microseconds>(time.time_since_epoch()).count();
@@ -303,9 +307,10 @@ bool writeMovie(const std::string& path, Track& video, Track& sound, int64_t ori
             };
             packet->pts = packet->dts = at(packets[i].second);
             if (written.track == &video) {
-                // A picture shows until the next one; the last for a 60th of a second.
-                packet->duration =
-                    i + 1 < packets.size() ? at(packets[i + 1].second) - packet->pts : 1000 / 60;
+                // A picture shows until the next one; the last for the board's frame period.
+                packet->duration = i + 1 < packets.size()
+                                       ? at(packets[i + 1].second) - packet->pts
+                                       : av_rescale(FramePeriodUs, written.timeBase.den, 1000000);
             }
             av_packet_rescale_ts(packet, written.timeBase, written.stream->time_base);
             packet->stream_index = written.stream->index;
@@ -355,7 +360,7 @@ ReplayBuffer::Saved ReplayBuffer::save() {
         // The sound ends with the picture: the picture's encoder may lag behind the sound's.
         int64_t pictureEnd = origin;
         for (const Packet& packet : m_ring) {
-            pictureEnd = std::max(pictureEnd, packet.wallMicroseconds + 1000000 / 60);
+            pictureEnd = std::max(pictureEnd, packet.wallMicroseconds + FramePeriodUs);
         }
         for (auto [track, ring] : {std::pair{&video, &m_ring}, std::pair{&sound, &m_audio}}) {
             track->packets.reserve(ring->size());

@@ -3,6 +3,7 @@
 #include "Recorder.h"
 #include "base/Log.h"
 #include "capture/CaptureData.h"
+#include "capture/CaptureDevice.h"
 
 extern "C" {
 #include <libavutil/opt.h>
@@ -13,9 +14,10 @@ namespace zandor {
 namespace {
 
 constexpr AVRational Milliseconds{1, 1000};
-// Frames come at the device's pace; until the next one arrives, a 60th of a second is the best
-// guess of how long a frame shows.
-constexpr int64_t FrameShowsMs = 1000 / 60;
+// Frames come at the device's pace; until the next one arrives, the board's frame period is the
+// best guess of how long a frame shows.
+constexpr int64_t FrameShowsMs =
+    std::chrono::duration_cast<std::chrono::milliseconds>(CaptureDevice::DefaultFramePeriod).count();
 
 } // namespace
 

@@ -47,8 +47,16 @@ QStringList streams(const std::string& movie) {
     return described;
 }
 
-double pictureSeconds(const std::string& movie) {
-    return probed({"-select_streams", "v:0", "-show_entries", "stream=duration", movie}).value(0).toDouble();
+// How long a stream of a movie ("v:0", "a:0") lasts, and where on the movie's time it ends.
+double streamSeconds(const std::string& movie, const char* stream) {
+    return probed({"-select_streams", stream, "-show_entries", "stream=duration", movie}).value(0).toDouble();
+}
+double streamEnd(const std::string& movie, const char* stream) {
+    const QStringList startAndLength =
+        probed({"-select_streams", stream, "-show_entries", "stream=start_time,duration", movie})
+            .value(0)
+            .split(',');
+    return startAndLength.value(0).toDouble() + startAndLength.value(1).toDouble();
 }
 
 // The pitch of the first sound track over a second from just after the sound starts (an input
@@ -178,14 +186,8 @@ TEST_F(RecordingSystemTest, EachScreensMovieGetsTheGameSoundAsItsAacTrackAndNotT
          {std::pair{printed[0].toStdString(), "320,240"}, {printed[1].toStdString(), "400,240"}}) {
         SCOPED_TRACE(movie);
         EXPECT_EQ(streams(movie), (QStringList{"aac,44100,2", QString("h264,") + picture}));
-        const auto end = [&](const char* stream) {
-            const QStringList startAndLength =
-                probed({"-select_streams", stream, "-show_entries", "stream=start_time,duration", movie})
-                    .value(0)
-                    .split(',');
-            return startAndLength.value(0).toDouble() + startAndLength.value(1).toDouble();
-        };
-        EXPECT_NEAR(end("a:0"), end("v:0"), 0.1) << "the sound ends with the picture";
+        EXPECT_NEAR(streamEnd(movie, "a:0"), streamEnd(movie, "v:0"), 0.1)
+            << "the sound ends with the picture";
         // The game's tone; the narrator's at 1 kHz, mixed in, would change the pitch.
         EXPECT_NEAR(pitchOfTheStart(movie), 440.0, 5.0);
     }
@@ -204,9 +206,7 @@ TEST_F(RecordingSystemTest, AReplayCarriesTheGameSound) {
     const std::string movie = (out() + "/" + left[0]).toStdString();
     EXPECT_EQ(run.out, movie + "\n");
     EXPECT_EQ(streams(movie), (QStringList{"aac,44100,2", "h264,400,240"}));
-    const double sound =
-        probed({"-select_streams", "a:0", "-show_entries", "stream=duration", movie}).value(0).toDouble();
-    EXPECT_NEAR(sound, pictureSeconds(movie), 0.2);
+    EXPECT_NEAR(streamSeconds(movie, "a:0"), streamSeconds(movie, "v:0"), 0.2);
     EXPECT_NEAR(pitchOfTheStart(movie), 440.0, 5.0);
 }
 
@@ -309,7 +309,7 @@ TEST_P(FinalisingFailureTest, KeepsTheRecordingWhereTheMessageSays) {
     }
     const std::string bundle = (kept + "/" + bundles[0]).toStdString();
     EXPECT_EQ(streams(bundle + "/VideoTop.mov"), QStringList{"h264,400,240"});
-    EXPECT_NEAR(pictureSeconds(bundle + "/VideoTop.mov"), 2.0, 0.5);
+    EXPECT_NEAR(streamSeconds(bundle + "/VideoTop.mov", "v:0"), 2.0, 0.5);
     EXPECT_EQ(streams(bundle + "/AudioGame.mov"), QStringList{"aac,44100,2"});
 }
 
@@ -359,8 +359,8 @@ TEST_F(RecordingSystemTest, EveryBeepMeetsAWhiteFrame) {
     std::vector<double> onsets =
         timesPrinted(movie, "0:a:0", "aresample=async=1:first_pts=0,silencedetect=noise=0.02:duration=0.3",
                      "silence_end: ");
-    // Beeps in the second that finalising records past the picture have no white frame.
-    const double pictureEnds = pictureSeconds(movie);
+    // A beep that starts as the picture ends has no white frame to meet.
+    const double pictureEnds = streamSeconds(movie, "v:0");
     std::erase_if(onsets, [pictureEnds](double onset) { return onset > pictureEnds - 0.05; });
     EXPECT_GE(flashes.size(), 9u);
     ASSERT_GE(onsets.size(), 8u) << "a beep a second";
