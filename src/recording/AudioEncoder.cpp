@@ -6,6 +6,7 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
+#include <algorithm>
 #include <vector>
 
 namespace zandor {
@@ -42,17 +43,16 @@ bool AudioEncoder::open(AVSampleFormat inputFormat, int inputRate, int inputChan
     av_channel_layout_uninit(&inputLayout);
     m_resampler.reset(resampler);
     if (resampler) {
-        // Keeps the sound on the wall clock. An input's sample clock runs a little fast or slow
-        // against it (a few hundred parts per million are common), so counting samples alone lets
-        // the sound drift away from the picture, by a frame within a minute or two. When the
-        // buffers' capture times and the samples put out so far part by more than 4 ms (more than
-        // the buffers' times jitter), the resampler stretches or squeezes the sound by at most
-        // 0.2 % for the next second; past 100 ms (samples lost in a dropout) it fills with silence
-        // or drops samples at once.
+        // Keeps the sound where the buffers' times place it. Those times count samples (see
+        // SampleClock) and move only when the input's clock drifts against the wall clock or a
+        // dropout lost samples: when they and the samples put out so far part by more than 4 ms,
+        // the resampler stretches or squeezes the sound by at most 0.2 % for the next second; past
+        // 10 ms (a dropout, a sound that starts after the track, or a first buffer that came late)
+        // it fills with silence or drops samples at once.
         av_opt_set_double(resampler, "min_comp", 0.004, 0);
         av_opt_set_double(resampler, "max_soft_comp", 0.002, 0);
         av_opt_set_double(resampler, "comp_duration", 1.0, 0);
-        av_opt_set_double(resampler, "min_hard_comp", 0.1, 0);
+        av_opt_set_double(resampler, "min_hard_comp", 0.01, 0);
         // Resampling from the start: turned on only when first needed, it would start the time
         // line afresh there and keep the gap it was meant to close.
         av_opt_set_int(resampler, "flags", SWR_FLAG_RESAMPLE, 0);
@@ -147,11 +147,12 @@ bool AudioEncoder::encode(const AVFrame* frame, const PacketSink& sink) {
     }
 }
 
-bool AudioEncoder::finish(const PacketSink& sink) {
+bool AudioEncoder::finish(const PacketSink& sink, std::optional<std::chrono::system_clock::time_point> end) {
     if (!m_encoder) {
         return false;
     }
-    // What the resampler still holds, then the last short frame, then the encoder's delay.
+    // What the resampler still holds, then silence up to the end, then the last short frame, then
+    // the encoder's delay.
     const int room = swr_get_out_samples(m_resampler.get(), 0);
     if (room > 0) {
         std::vector<float> left(static_cast<size_t>(room)), right(static_cast<size_t>(room));
@@ -160,6 +161,22 @@ bool AudioEncoder::finish(const PacketSink& sink) {
         const int converted = swr_convert(m_resampler.get(), planes, room, nullptr, 0);
         if (converted > 0) {
             av_audio_fifo_write(m_fifo.get(), reinterpret_cast<void**>(planes), converted);
+        }
+    }
+    if (end && m_started) {
+        const int64_t written = m_nextPts - m_encoder->initial_padding + av_audio_fifo_size(m_fifo.get());
+        const int64_t wanted =
+            std::chrono::duration_cast<std::chrono::microseconds>(*end - m_firstSample).count() * SampleRate /
+            1000000;
+        // The input delivered nothing that late (it went away, or was slow): silence to the end,
+        // a second at a time.
+        std::vector<float> silence(static_cast<size_t>(std::clamp<int64_t>(wanted - written, 0, SampleRate)));
+        void* planes[2] = {silence.data(), silence.data()};
+        for (int64_t missing = wanted - written; missing > 0; missing -= SampleRate) {
+            const int count = static_cast<int>(std::min<int64_t>(missing, SampleRate));
+            if (av_audio_fifo_write(m_fifo.get(), planes, count) < count || !drainFifo(false, sink)) {
+                return false;
+            }
         }
     }
     const bool finished = drainFifo(true, sink) && encode(nullptr, sink);

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 
 namespace zandor {
 
@@ -26,12 +27,15 @@ public:
     bool isOpen() const { return m_encoder != nullptr; }
     AVCodecContext* context() const { return m_encoder.get(); }
 
-    // Sets the start of the sound, when it is not set yet: the first write does it too.
+    // Sets the start of the sound, when it is not set yet: the first write does it too. Sound that
+    // the writes place later begins with silence from here; sound placed earlier is dropped.
     void start(std::chrono::system_clock::time_point captured);
     bool write(const uint8_t* samples, int frames, std::chrono::system_clock::time_point captured,
                const PacketSink& sink);
-    // Encodes what is left, then the encoder's delay, and closes the encoder.
-    bool finish(const PacketSink& sink);
+    // Encodes what is left, then the encoder's delay, and closes the encoder. With `end`, a sound
+    // that stops short of it is made up with silence, so that it lasts until then.
+    bool finish(const PacketSink& sink,
+                std::optional<std::chrono::system_clock::time_point> end = std::nullopt);
 
     bool hasStarted() const { return m_started; }
     // The wall-clock time of time zero of the packets: the first captured sample less the priming.

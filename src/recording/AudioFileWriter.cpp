@@ -51,6 +51,14 @@ bool AudioFileWriter::writePacket(AVPacket* packet) {
     return ff::check(av_interleaved_write_frame(m_output.get(), packet), "av_interleaved_write_frame");
 }
 
+bool AudioFileWriter::begin(std::chrono::system_clock::time_point start) {
+    if (!m_encoder.isOpen() || m_encoder.hasStarted()) {
+        return false;
+    }
+    m_encoder.start(start);
+    return writeHeader(m_encoder.timeZero());
+}
+
 bool AudioFileWriter::write(const uint8_t* samples, int frames,
                             std::chrono::system_clock::time_point captured) {
     if (!m_encoder.isOpen()) {
@@ -68,12 +76,12 @@ bool AudioFileWriter::write(const uint8_t* samples, int frames,
     return m_headerWritten && m_encoder.write(samples, frames, captured, sink);
 }
 
-bool AudioFileWriter::finish() {
+bool AudioFileWriter::finish(std::optional<std::chrono::system_clock::time_point> end) {
     if (!m_encoder.isOpen()) {
         return false;
     }
     bool finished = m_headerWritten || writeHeader(std::chrono::system_clock::now());
-    finished = finished && m_encoder.finish([this](AVPacket* packet) { return writePacket(packet); }) &&
+    finished = finished && m_encoder.finish([this](AVPacket* packet) { return writePacket(packet); }, end) &&
                ff::check(av_write_trailer(m_output.get()), "av_write_trailer");
     m_output.close();
     return finished;

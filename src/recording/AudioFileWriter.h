@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace zandor {
@@ -27,11 +28,15 @@ public:
 
     // The captured samples: interleaved, of this format, rate and channel count.
     bool open(const std::string& path, AVSampleFormat inputFormat, int inputRate, int inputChannels);
+    // Starts the sound at `start`: samples placed later are preceded by silence, samples placed
+    // earlier are left out. Without it the first sample written starts the sound.
+    bool begin(std::chrono::system_clock::time_point start);
     // Encodes interleaved samples; `captured` is the wall-clock time of the first of them (see
     // AudioEncoder for how the sound follows the times).
     bool write(const uint8_t* samples, int frames, std::chrono::system_clock::time_point captured);
-    // Flushes what is left and finishes the file. False, logged, when a step failed.
-    bool finish();
+    // Flushes what is left and finishes the file, with silence up to `end` when the sound stops
+    // short of it. False, logged, when a step failed.
+    bool finish(std::optional<std::chrono::system_clock::time_point> end = std::nullopt);
 
     bool isOpen() const { return m_encoder.isOpen(); }
 

@@ -1,6 +1,7 @@
 #include "AudioInput.h"
 
 #include "AudioFileWriter.h"
+#include "PulseClient.h"
 #include "base/Log.h"
 
 #include <QAudioSink>
@@ -11,17 +12,20 @@ namespace zandor {
 
 namespace {
 
-// Short buffers: each buffer's capture time is estimated from when it arrives, and the sound
-// played through should not lag the picture by more than a frame or two. The output gets three
+// Short buffers: the sooner a buffer arrives, the closer its arrival bounds when it was captured,
+// and the sound played through should not lag the picture by more than a frame or two. The output gets three
 // quarters of the buffer asked for; with 30 ms it never started playing against PulseAudio's null
 // sinks, with 60 ms the sound is heard about 40 ms after it came in (bench/ListenLatency.cpp).
 constexpr int CaptureBufferMs = 20;
 constexpr int PreviewBufferMs = 80;
 constexpr int SilentInputMs = 2000;
+const char* const ListeningStreamName = "Zandor: Listening";
 
 } // namespace
 
-AudioInput::AudioInput() = default;
+AudioInput::AudioInput(const QString& name)
+    : m_streamName(QStringLiteral("%1: %2").arg(QLatin1String(PulseClient::ApplicationName), name).toUtf8()) {
+}
 
 AudioInput::~AudioInput() {
     stop();
@@ -47,18 +51,22 @@ bool AudioInput::open(const QAudioDevice& device) {
         return false;
     }
     m_device = device;
-    m_source = std::make_unique<QAudioSource>(device, m_format);
-    m_source->setBufferSize(m_format.bytesForDuration(CaptureBufferMs * 1000));
     return true;
 }
 
 void AudioInput::start() {
-    if (!m_source || m_started) {
+    if (m_device.isNull() || m_started) {
         return;
     }
     m_started = true;
     m_lostAt.reset();
-    m_input = m_source->start();
+    m_clock.reset(m_format.sampleRate());
+    m_source = std::make_unique<QAudioSource>(m_device, m_format);
+    m_source->setBufferSize(m_format.bytesForDuration(CaptureBufferMs * 1000));
+    {
+        const PulseClient::StreamName name(m_streamName.constData());
+        m_input = m_source->start();
+    }
     // The audio server does not always fail the stream of an input that is unplugged; the list of
     // inputs tells it too.
     m_devices = std::make_unique<QMediaDevices>();
@@ -89,13 +97,16 @@ void AudioInput::stop() {
     disconnect(m_source.get(), nullptr, this, nullptr);
     m_devices.reset();
     m_watchdog.stop();
+    // The streams go now, on this thread, not whenever the last holder of this object lets go: the
+    // sound server and the desktop then know at once that the input is no longer in use.
+    m_input = nullptr;
+    m_output = nullptr;
     m_source->stop();
+    m_source.reset();
     if (m_sink) {
         m_sink->stop();
         m_sink.reset();
     }
-    m_input = nullptr;
-    m_output = nullptr;
 }
 
 int AudioInput::addTap(Tap tap) {
@@ -145,7 +156,10 @@ void AudioInput::startSink() {
     m_sink = std::make_unique<QAudioSink>(output, m_format);
     m_sink->setBufferSize(m_format.bytesForDuration(PreviewBufferMs * 1000));
     m_sink->setVolume(m_volume);
-    m_output = m_sink->start();
+    {
+        const PulseClient::StreamName name(ListeningStreamName);
+        m_output = m_sink->start();
+    }
     if (!m_output) {
         logs::recording.error("Could not add preview for audio.");
         m_sink.reset();
@@ -163,9 +177,7 @@ void AudioInput::readAvailable() {
         return;
     }
     m_heardAt = std::chrono::steady_clock::now();
-    // The buffer has just been filled: its first sample was taken its length ago.
-    const auto captured =
-        std::chrono::system_clock::now() - std::chrono::microseconds(m_format.durationForFrames(frames));
+    const auto captured = m_clock.place(frames, std::chrono::system_clock::now());
     for (const auto& [id, tap] : m_taps) {
         tap(data.constData(), frames, captured);
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "SampleClock.h"
+
 #include <QAudioDevice>
 #include <QAudioFormat>
 #include <QIODevice>
@@ -21,7 +23,10 @@ namespace zandor {
 
 // One open audio input: captures it, hands every buffer to its taps (the files of a recording, the
 // replay buffer) and, while anyone holds play-through, plays it to the default output, once however
-// many hold it. Lives on a thread with an event loop; every method runs there.
+// many hold it. Each buffer is placed on the wall clock by counting samples (see SampleClock), so
+// that its place does not depend on when a busy machine got round to reading it. The sound server
+// sees the input as "Zandor: <name>" and the play-through as "Zandor: Listening", and both exist
+// only between start() and stop(). Lives on a thread with an event loop; every method runs there.
 class AudioInput : public QObject {
     Q_OBJECT
 public:
@@ -29,16 +34,19 @@ public:
     using Tap =
         std::function<void(const char* samples, int frames, std::chrono::system_clock::time_point captured)>;
 
-    AudioInput();
+    // `name` says what the input is for: "Game", "Narrator".
+    explicit AudioInput(const QString& name);
     ~AudioInput() override;
 
     // The audio input present now with that unique identifier; a null device when there is none.
     static QAudioDevice inputWithId(const QString& id);
 
-    // Chooses the format (16-bit stereo at 44.1 kHz where the input has it) and prepares capture.
-    // False, logged, when the input cannot be used.
+    // Chooses the format (16-bit stereo at 44.1 kHz where the input has it). False, logged, when
+    // the input cannot be used.
     bool open(const QAudioDevice& device);
+    // Opens the input's stream at the sound server and starts capturing.
     void start();
+    // Hands the taps what was captured up to now, then closes the stream and the play-through.
     void stop();
     bool isStarted() const { return m_started; }
     const QAudioDevice& device() const { return m_device; }
@@ -65,8 +73,10 @@ private:
     void checkInput();
     void startSink();
 
+    const QByteArray m_streamName;
     QAudioDevice m_device;
     QAudioFormat m_format;
+    SampleClock m_clock;
     std::unique_ptr<QAudioSource> m_source;
     std::unique_ptr<QAudioSink> m_sink;
     std::unique_ptr<QMediaDevices> m_devices;

@@ -82,8 +82,9 @@ bool AudioRecord::createSession(const QString& bundlePath, const AudioSettings&)
         return false;
     }
     session->moveToThread(m_thread);
-    if (!runAndWait(session,
-                    [session, input, preview, path] { return session->open(input, preview, path); })) {
+    if (!runAndWait(session, [session, input, name = m_name, preview, path] {
+            return session->open(input, name, preview, path);
+        })) {
         runAndWait(session, [session] { delete session; });
         return false;
     }

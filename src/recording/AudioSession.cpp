@@ -14,12 +14,12 @@ AudioSession::~AudioSession() {
     stop();
 }
 
-bool AudioSession::open(const QAudioDevice& input, bool preview, const QString& path) {
+bool AudioSession::open(const QAudioDevice& input, const QString& name, bool preview, const QString& path) {
     if (preview && QMediaDevices::defaultAudioOutput().isNull()) {
         logs::recording.error("Could not add preview for audio.");
         return false;
     }
-    auto own = std::make_shared<AudioInput>();
+    auto own = std::make_shared<AudioInput>(name);
     if (!own->open(input)) {
         return false;
     }
@@ -53,6 +53,7 @@ void AudioSession::start() {
     }
     m_started = true;
     m_startedAt = std::chrono::steady_clock::now();
+    m_writeFailed = !m_writer.begin(std::chrono::system_clock::now());
     m_tap = m_input->addTap(
         [this](const char* samples, int frames, std::chrono::system_clock::time_point captured) {
             const auto placed = captured + m_offset;
@@ -125,7 +126,12 @@ bool AudioSession::stop() {
         m_input->releasePlayThrough();
         m_previewHeld = false;
     }
-    const bool finished = m_writer.finish() && !m_writeFailed;
+    std::optional<std::chrono::system_clock::time_point> end;
+    {
+        std::scoped_lock lock(m_endLock);
+        end = m_end;
+    }
+    const bool finished = m_writer.finish(end) && !m_writeFailed;
     if (finished) {
         logs::recording.info("Done");
     }

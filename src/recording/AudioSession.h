@@ -27,20 +27,24 @@ public:
     AudioSession();
     ~AudioSession() override;
 
-    // Prepares capture from `input` into `path`, with play-through when `preview`. False, logged
-    // with the reason, when the input or the preview output cannot be used.
-    bool open(const QAudioDevice& input, bool preview, const QString& path);
+    // Prepares capture from `input` into `path`, with play-through when `preview`; `name` says what
+    // the input is for ("Game"). False, logged with the reason, when the input or the preview output
+    // cannot be used.
+    bool open(const QAudioDevice& input, const QString& name, bool preview, const QString& path);
     // The same from an input that is open and runs already; it goes on when the session ends.
     bool open(std::shared_ptr<AudioInput> input, bool preview, const QString& path);
     // `offset` moves the track's sound later (or earlier, when negative) against the picture.
     void setOffset(std::chrono::milliseconds offset) { m_offset = offset; }
+    // Starts the track now: until the input's first sound arrives it is silent, so that it is there
+    // from the picture's first frame, which comes later.
     void start();
     // Ends the track at `end` on the picture's clock (the capture time moved by the offset): sound
     // placed after it is not taken. Waits, up to `timeout`, until the input has delivered the sound
     // up to there, which it does a little after capturing it. The one method that runs on any
     // thread; call it before stop(). False when the input delivered nothing that late in time.
     bool endAt(std::chrono::system_clock::time_point end, std::chrono::milliseconds timeout);
-    // Ends capture and play-through and finishes the file; false when a write or finishing failed.
+    // Ends capture and play-through and finishes the file, silent up to the end given to endAt()
+    // where the input fell short of it; false when a write or finishing failed.
     bool stop();
     // How far into the capture the input went away (unplugged, or its server gone), if it did.
     std::optional<std::chrono::milliseconds> lostAt() const;

@@ -40,7 +40,7 @@ bool GameAudio::start(const QString& deviceId) {
         logs::recording.error("Could not open the game sound: no audio input \"%s\"", qUtf8Printable(id));
         return false;
     }
-    auto input = std::make_shared<AudioInput>();
+    auto input = std::make_shared<AudioInput>(QStringLiteral("Game"));
     input->moveToThread(m_thread.get());
     const bool listening = m_listening;
     const double volume = m_volume;

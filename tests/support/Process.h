@@ -30,6 +30,19 @@ bool reapWithin(pid_t pid, std::chrono::milliseconds timeout);
 // Ends a started process by its id: SIGTERM, SIGKILL when it is still there 5 s later.
 void endProcess(pid_t pid);
 
+// Keeps every core busy while it lives, with one spinning process a core: what a test must pass
+// under.
+class BusyCores {
+public:
+    BusyCores();
+    ~BusyCores();
+    BusyCores(const BusyCores&) = delete;
+    BusyCores& operator=(const BusyCores&) = delete;
+
+private:
+    std::vector<pid_t> m_spinners;
+};
+
 // Whether this process may make mount namespaces; tests that need one skip without.
 bool haveMountNamespaces();
 // A command prefix that runs the rest in a mount namespace of its own after the shell line `setup`

@@ -2,6 +2,9 @@
 
 #include "Process.h"
 
+#include <gtest/gtest.h>
+#include <pulse/pulseaudio.h>
+
 #include <unistd.h>
 
 #include <chrono>
@@ -11,17 +14,13 @@
 #include <fstream>
 #include <sstream>
 #include <utility>
+#include <vector>
 
 namespace zandor::test {
 
 namespace {
 
 constexpr double Amplitude = 0.5 * 32767;
-// How long a sample written to pacat at --latency-msec=10 waits before the sink plays it, as
-// `pacat --verbose` reports it against these null sinks: 7.5 to 10 ms.
-constexpr double PacatLatencySeconds = 0.008;
-// How long pacat takes to start and connect its stream.
-constexpr double PacatStartSeconds = 0.02;
 
 bool pactl(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), "pactl");
@@ -34,6 +33,11 @@ long sinkLatencyUs(const std::string& sink) {
     const size_t name = listing.find("Name: " + sink + "\n");
     const size_t latency = name == std::string::npos ? name : listing.find("Latency: ", name);
     return latency == std::string::npos ? -1 : std::strtol(listing.c_str() + latency + 9, nullptr, 10);
+}
+
+// Wakes the thread that waits on a threaded mainloop.
+void wake(void* loop) {
+    pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(loop), 0);
 }
 
 } // namespace
@@ -123,43 +127,108 @@ std::string PulseServer::start() {
     return {};
 }
 
-PulseServer::Playback::Playback(const std::string& sink, double frequencyHz, int beepMs, double seconds) {
-    char file[] = "/tmp/zandor-playback-XXXXXX";
-    const int fd = mkstemp(file);
-    if (fd < 0) {
-        return;
-    }
-    m_file = file;
-    // Where the first sample is heard on the wall clock: once pacat has started and its stream's
-    // latency has passed.
-    const double start =
-        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count() +
-        PacatStartSeconds + PacatLatencySeconds;
-    std::vector<int16_t> samples(2 * static_cast<size_t>(std::llround(seconds * SampleRate)));
-    for (size_t i = 0; i < samples.size() / 2; ++i) {
-        double t = static_cast<double>(i) / SampleRate;
-        if (beepMs > 0) { // the time into the wall clock's second at which the sample is heard
-            t = start + t - std::floor(start + t);
-        }
-        samples[2 * i] = samples[2 * i + 1] =
-            beepMs > 0 && t >= beepMs / 1000.0
-                ? int16_t{0}
-                : static_cast<int16_t>(std::lround(Amplitude * std::sin(2 * M_PI * frequencyHz * t)));
-    }
-    const auto bytes = static_cast<ssize_t>(samples.size() * sizeof(int16_t));
-    const bool written = write(fd, samples.data(), static_cast<size_t>(bytes)) == bytes;
-    close(fd);
-    if (written) {
-        m_pacat = startProcess({"pacat", "--playback", "--device=" + sink, "--format=s16le", "--rate=44100",
-                                "--channels=2", "--latency-msec=10", m_file});
-    }
+PulseServer::Playback::Playback(const std::string& sink, double frequencyHz, int beepMs, double seconds)
+    : m_loop(pa_threaded_mainloop_new()) {
+    pa_threaded_mainloop_start(static_cast<pa_threaded_mainloop*>(m_loop));
+    m_thread = std::thread([=, this] { play(sink, frequencyHz, beepMs, seconds); });
 }
 
 PulseServer::Playback::~Playback() {
-    endProcess(m_pacat);
-    if (!m_file.empty()) {
-        unlink(m_file.c_str());
+    auto* loop = static_cast<pa_threaded_mainloop*>(m_loop);
+    m_stop = true;
+    // The player may be waiting for room in its stream.
+    pa_threaded_mainloop_lock(loop);
+    wake(loop);
+    pa_threaded_mainloop_unlock(loop);
+    m_thread.join();
+    pa_threaded_mainloop_stop(loop);
+    pa_threaded_mainloop_free(loop);
+}
+
+void PulseServer::Playback::play(const std::string& sink, double frequencyHz, int beepMs, double seconds) {
+    const pa_sample_spec spec{PA_SAMPLE_S16LE, SampleRate, 2};
+    const size_t frameBytes = pa_frame_size(&spec);
+    constexpr size_t ChunkFrames = SampleRate * 5 / 1000;
+    auto* loop = static_cast<pa_threaded_mainloop*>(m_loop);
+    pa_threaded_mainloop_lock(loop);
+    pa_context* context = pa_context_new(pa_threaded_mainloop_get_api(loop), "zandor-tests");
+    pa_stream* stream = nullptr;
+    pa_context_set_state_callback(
+        context, +[](pa_context*, void* waiting) { wake(waiting); }, loop);
+    const auto wallSeconds = [] {
+        return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    };
+    const double end = wallSeconds() + seconds;
+    bool ready = pa_context_connect(context, nullptr, PA_CONTEXT_NOFLAGS, nullptr) >= 0;
+    while (ready && pa_context_get_state(context) != PA_CONTEXT_READY) {
+        ready = PA_CONTEXT_IS_GOOD(pa_context_get_state(context));
+        if (ready) {
+            pa_threaded_mainloop_wait(loop);
+        }
     }
+    if (ready) {
+        stream = pa_stream_new(context, "tone", &spec, nullptr);
+        pa_stream_set_state_callback(
+            stream, +[](pa_stream*, void* waiting) { wake(waiting); }, loop);
+        pa_stream_set_write_callback(
+            stream, +[](pa_stream*, size_t, void* waiting) { wake(waiting); }, loop);
+        // A short buffer at the server, so that the writes keep pace with the clock.
+        pa_buffer_attr buffer{};
+        buffer.maxlength = buffer.minreq = buffer.fragsize = static_cast<uint32_t>(-1);
+        buffer.prebuf = 0; // plays from the first write, and on after a write that came late
+        buffer.tlength = static_cast<uint32_t>(pa_usec_to_bytes(10000, &spec));
+        ready = pa_stream_connect_playback(stream, sink.c_str(), &buffer,
+                                           static_cast<pa_stream_flags_t>(PA_STREAM_INTERPOLATE_TIMING |
+                                                                          PA_STREAM_AUTO_TIMING_UPDATE |
+                                                                          PA_STREAM_ADJUST_LATENCY),
+                                           nullptr, nullptr) >= 0;
+        while (ready && pa_stream_get_state(stream) != PA_STREAM_READY) {
+            ready = PA_STREAM_IS_GOOD(pa_stream_get_state(stream));
+            if (ready) {
+                pa_threaded_mainloop_wait(loop);
+            }
+        }
+    }
+    EXPECT_TRUE(ready) << "cannot play into " << sink << ": " << pa_strerror(pa_context_errno(context));
+    std::vector<int16_t> chunk(2 * ChunkFrames);
+    double phase = 0;
+    while (ready && !m_stop && wallSeconds() < end) {
+        if (pa_stream_writable_size(stream) < chunk.size() * sizeof(int16_t)) {
+            pa_threaded_mainloop_wait(loop);
+            continue;
+        }
+        // When the sink takes the first sample of this chunk, which is when its monitor, and so the
+        // input, hears it: the stream's read position moves with the clock from the last timing
+        // report on.
+        double heard = wallSeconds();
+        if (const pa_timing_info* timing = pa_stream_get_timing_info(stream)) {
+            const double reported =
+                static_cast<double>(timing->timestamp.tv_sec) + timing->timestamp.tv_usec / 1e6;
+            heard = std::max(heard, reported + static_cast<double>(timing->write_index - timing->read_index) /
+                                                   static_cast<double>(frameBytes * SampleRate));
+        }
+        for (size_t i = 0; i < ChunkFrames; ++i) {
+            const double at = heard + static_cast<double>(i) / SampleRate;
+            double value = std::sin(phase);
+            phase = std::fmod(phase + 2 * M_PI * frequencyHz / SampleRate, 2 * M_PI);
+            if (beepMs > 0) {
+                const double into = at - std::floor(at);
+                value = into < beepMs / 1000.0 ? std::sin(2 * M_PI * frequencyHz * into) : 0.0;
+            }
+            chunk[2 * i] = chunk[2 * i + 1] = static_cast<int16_t>(std::lround(Amplitude * value));
+        }
+        if (pa_stream_write(stream, chunk.data(), chunk.size() * sizeof(int16_t), nullptr, 0,
+                            PA_SEEK_RELATIVE) < 0) {
+            break;
+        }
+    }
+    if (stream) {
+        pa_stream_disconnect(stream);
+        pa_stream_unref(stream);
+    }
+    pa_context_disconnect(context);
+    pa_context_unref(context);
+    pa_threaded_mainloop_unlock(loop);
 }
 
 } // namespace zandor::test

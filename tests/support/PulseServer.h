@@ -2,8 +2,10 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace zandor::test {
@@ -16,8 +18,11 @@ class PulseServer {
 public:
     static constexpr int SampleRate = 44100;
 
-    // A sine of `frequencyHz` at half of full scale played into a sink by pacat until the handle goes:
-    // all along, or with `beepMs` as a beep heard at every whole second of the wall clock.
+    // A sine of `frequencyHz` at half of full scale played into a sink for `seconds` or until the
+    // handle goes: all along, or with `beepMs` as a beep heard at every whole second of the wall
+    // clock. The samples are made as they are written, 5 ms at a time, each placed by when the sound
+    // server says it will play it: a player that starts late or falls behind on a busy machine
+    // leaves a gap, never a beep off its second.
     class Playback {
     public:
         Playback(const std::string& sink, double frequencyHz, int beepMs, double seconds);
@@ -26,8 +31,11 @@ public:
         Playback& operator=(const Playback&) = delete;
 
     private:
-        std::string m_file; // the samples pacat plays
-        pid_t m_pacat = -1;
+        void play(const std::string& sink, double frequencyHz, int beepMs, double seconds);
+
+        std::atomic<bool> m_stop{false};
+        void* m_loop; // the player's pa_threaded_mainloop, running from construction to destruction
+        std::thread m_thread;
     };
 
     PulseServer() : m_error(start()) {}

@@ -336,16 +336,27 @@ INSTANTIATE_TEST_SUITE_P(
                                       "No space left on device"}),
     [](const ::testing::TestParamInfo<FinalisingFault>& info) { return std::string(info.param.name); });
 
-// The demo board shows a white frame and the game input hears a beep at every whole second of the
-// wall clock: every beep must land within a quarter of a second of a white frame, as a flash comes
-// every second, half a second off could not be told from in step (bench/av-sync measures how near).
-TEST_F(RecordingSystemTest, EveryBeepMeetsAWhiteFrame) {
+// The demo board shows a white frame at its first frame after every whole second of the wall clock,
+// the game input hears a beep at every whole second, and a movie names the wall-clock time of its
+// first frame. While other processes keep every core busy, every beep must start within 20 ms of its
+// second's place in the movie, and every white frame must show in the frame period at its second, or
+// later when the busy machine let the board read late (the board's pace is the device's concern).
+TEST_F(RecordingSystemTest, EveryBeepAndEveryWhiteFrameLieAtTheirSecondUnderLoad) {
     setenv("ZANDOR_DEMO_FLASH", "1", 1);
     auto beeps = std::make_unique<PulseServer::Playback>("game_sink", 1000, 30, 16);
-    const ProcessResult run = record({"--seconds", "10", "--layout", "Top", "--game-audio", "GameIn"});
+    ProcessResult run;
+    {
+        const test::BusyCores load;
+        run = record({"--seconds", "10", "--layout", "Top", "--game-audio", "GameIn"});
+    }
     beeps.reset();
     ASSERT_EQ(run.exitCode, 0) << run.err;
     const std::string movie = splitLines(run.out).at(0);
+    const double start =
+        probed({"-show_entries", "format_tags=zandor_capture_start", movie}).value(0).toDouble();
+    ASSERT_GT(start, 0) << "the movie says when its first frame was taken";
+    // How far a moment of the movie lies from the nearest whole second of the wall clock.
+    const auto fromSecond = [start](double time) { return start + time - std::round(start + time); };
 
     // White is luma 235; the demo picture's average is far below. A run of white frames counts once.
     std::vector<double> flashes = timesPrinted(
@@ -359,17 +370,17 @@ TEST_F(RecordingSystemTest, EveryBeepMeetsAWhiteFrame) {
     std::vector<double> onsets =
         timesPrinted(movie, "0:a:0", "aresample=async=1:first_pts=0,silencedetect=noise=0.02:duration=0.3",
                      "silence_end: ");
-    // A beep that starts as the picture ends has no white frame to meet.
+    // A beep that starts as the picture ends is cut off with it.
     const double pictureEnds = streamSeconds(movie, "v:0");
     std::erase_if(onsets, [pictureEnds](double onset) { return onset > pictureEnds - 0.05; });
     EXPECT_GE(flashes.size(), 9u);
     ASSERT_GE(onsets.size(), 8u) << "a beep a second";
     for (double onset : onsets) {
-        const auto nearest = std::min_element(flashes.begin(), flashes.end(), [onset](double a, double b) {
-            return std::abs(a - onset) < std::abs(b - onset);
-        });
-        ASSERT_NE(nearest, flashes.end());
-        EXPECT_LT(std::abs(*nearest - onset), 0.25) << "the beep at " << onset << " s is out of step";
+        EXPECT_LT(std::abs(fromSecond(onset)), 0.02) << "the beep at " << onset << " s is out of step";
+    }
+    for (double flash : flashes) {
+        EXPECT_GT(fromSecond(flash), -0.02) << "the white frame at " << flash << " s comes before its second";
+        EXPECT_LT(fromSecond(flash), 0.25) << "the white frame at " << flash << " s comes late";
     }
 }
 
