@@ -60,7 +60,7 @@ void keepAndSave(benchmark::State& state, const QString& quality) {
 
         held = buffer->heldBytes();
         const auto saveStart = std::chrono::steady_clock::now();
-        const ReplayBuffer::Saved saved = buffer->save();
+        const ReplayBuffer::Saved saved = buffer->save(bench::benchFolder());
         saving = std::chrono::duration<double>(std::chrono::steady_clock::now() - saveStart).count();
         if (saved.path.isEmpty()) {
             state.SkipWithError(qPrintable(saved.error));

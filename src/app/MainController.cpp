@@ -180,9 +180,13 @@ void MainController::awakeFromNib() {
             updateReplayBuffer();
         }
     });
-    // The buffer moves its sound by the offset it started with.
-    connect(m_capturePreferences, &CapturePreferencesView::gameOffsetChanged, this,
-            &MainController::updateReplayBuffer);
+    // The buffer places what it holds by the offset of the moment it saves.
+    connect(m_capturePreferences, &CapturePreferencesView::gameOffsetChanged, this, [this] {
+        if (m_replayBuffer) {
+            m_replayBuffer->setGameAudioOffset(std::chrono::milliseconds(
+                CaptureSettings::fromPreferences(PreferencesController::instance()).gameAudioOffsetMs));
+        }
+    });
     ui.listenItem->setChecked(
         CaptureSettings::fromPreferences(PreferencesController::instance()).listenToGameAudio);
     connect(ui.listenItem, &QAction::toggled, this, [this](bool listening) {
@@ -368,7 +372,11 @@ void MainController::updateBackground() {
 
 void MainController::playPauseAction() {
     if (m_device->isListening()) {
-        stopReplayBuffer();
+        // The replay buffer keeps what it holds, so that a highlight can still be saved, until Play.
+        if (m_replayBuffer) {
+            m_replayBuffer->stop();
+            m_mainWindow->ui.saveReplayItem->setEnabled(m_replayBuffer->heldBytes() > 0);
+        }
         m_gameAudio->stop();
         m_device->stopListening();
         layoutView()->stopListening();
@@ -506,8 +514,11 @@ void MainController::recordVideoAction() {
 }
 
 void MainController::updateReplayBuffer() {
-    stopReplayBuffer();
     const CaptureSettings settings = CaptureSettings::fromPreferences(PreferencesController::instance());
+    if (settings.replayBuffer && !m_device->isListening()) {
+        return; // paused: what the buffer holds stays to be saved until the picture plays again
+    }
+    stopReplayBuffer();
     if (settings.replayBuffer && m_activeLayout && m_device->isListening()) {
         auto buffer = std::make_shared<ReplayBuffer>(m_activeLayout, settings, settings.replaySeconds);
         buffer->shareGameInput(m_gameAudio->input());
@@ -544,16 +555,19 @@ void MainController::saveReplayAction() {
         return;
     }
     ++m_replaySaves;
-    DetachedThread::start("zandor-replay", [buffer = m_replayBuffer, self = QPointer<MainController>(this)] {
-        const ReplayBuffer::Saved saved = buffer->save();
-        runLater(self, [self, saved] {
-            --self->m_replaySaves;
-            if (saved.path.isEmpty()) {
-                self->displayMessage(QStringLiteral("Could not save the replay."), saved.error, 0,
-                                     QStringLiteral("toolbar_replay"));
-            }
-        });
-    });
+    // Into the storage folder chosen now, whichever was chosen when the buffer started.
+    const QString folder = CaptureSettings::fromPreferences(PreferencesController::instance()).storageFolder;
+    DetachedThread::start("zandor-replay",
+                          [buffer = m_replayBuffer, folder, self = QPointer<MainController>(this)] {
+                              const ReplayBuffer::Saved saved = buffer->save(folder);
+                              runLater(self, [self, saved] {
+                                  --self->m_replaySaves;
+                                  if (saved.path.isEmpty()) {
+                                      self->displayMessage(QStringLiteral("Could not save the replay."),
+                                                           saved.error, 0, QStringLiteral("toolbar_replay"));
+                                  }
+                              });
+                          });
 }
 
 void MainController::setVideoRecording(bool recording) {

@@ -58,7 +58,7 @@ int ReplayCommand::run(const CommandLine& options) {
     }
     // The buffer fills on its own thread; this one only keeps time.
     std::this_thread::sleep_for(std::chrono::seconds(*play));
-    const ReplayBuffer::Saved saved = buffer->save();
+    const ReplayBuffer::Saved saved = buffer->save(session.settings().storageFolder);
     buffer->stop();
     session.stop();
     if (saved.path.isEmpty()) {

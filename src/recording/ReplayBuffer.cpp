@@ -29,6 +29,13 @@ constexpr int64_t KeyIntervalFrames = 60;
 // How long a picture shows when no later one says otherwise: the board's frame period.
 constexpr int64_t FramePeriodUs =
     std::chrono::duration_cast<std::chrono::microseconds>(CaptureDevice::DefaultFramePeriod).count();
+// The sound is kept for the furthest the game sound's offset can move it, on either side.
+constexpr std::chrono::milliseconds MaximumOffset{500};
+constexpr int64_t MaximumOffsetUs = 500000;
+// How long a save waits for the sound of the last picture, which the input delivers a little later.
+constexpr auto SoundWait = std::chrono::seconds(1);
+// How long an AAC packet plays.
+constexpr int64_t SoundPacketUs = 1024 * int64_t{1000000} / AudioEncoder::SampleRate;
 
 int64_t microseconds(std::chrono::system_clock::time_point time) {
     return std::chrono::duration_cast<std::chrono::microseconds>(time.time_since_epoch()).count();
@@ -38,7 +45,13 @@ int64_t microseconds(std::chrono::system_clock::time_point time) {
 
 ReplayBuffer::ReplayBuffer(LayoutPtr layout, CaptureSettings settings, int seconds)
     : Recorder({std::move(layout)}), m_settings(std::move(settings)),
-      m_seconds(std::clamp(seconds, MinimumSeconds, MaximumSeconds)), m_received(av_packet_alloc()) {}
+      m_seconds(std::clamp(seconds, MinimumSeconds, MaximumSeconds)), m_received(av_packet_alloc()),
+      m_offsetMicroseconds(int64_t{m_settings.gameAudioOffsetMs} * 1000) {}
+
+void ReplayBuffer::setGameAudioOffset(std::chrono::milliseconds offset) {
+    m_offsetMicroseconds =
+        std::chrono::microseconds(std::clamp(offset, -MaximumOffset, MaximumOffset)).count();
+}
 
 ReplayBuffer::~ReplayBuffer() {
     stop();
@@ -54,6 +67,7 @@ bool ReplayBuffer::start() {
     if (isListening()) {
         return true;
     }
+    empty();
     const LayoutPtr& layout = layouts().front();
     const VideoQualityPtr preset = VideoQuality::qualityNamed(m_settings.videoQuality);
     VideoEncoder::Settings settings;
@@ -105,7 +119,11 @@ bool ReplayBuffer::startSound() {
                 m_audioParameters.reset();
                 return false;
             }
+            m_soundRunning = true;
         }
+        // The sound starts before the first picture can come, by as much as an offset can move it
+        // later: silent until the input's first sound arrives.
+        m_audioEncoder.start(std::chrono::system_clock::now() - MaximumOffset);
         m_tap = m_gameInput->addTap(
             [this](const char* samples, int frames, std::chrono::system_clock::time_point captured) {
                 appendSound(samples, frames, captured);
@@ -116,38 +134,63 @@ bool ReplayBuffer::startSound() {
 
 void ReplayBuffer::stopSound() {
     if (m_gameInput && m_tap >= 0) {
-        runAndWait(m_gameInput.get(), [this] {
+        std::optional<std::chrono::system_clock::time_point> end;
+        {
+            std::scoped_lock lock(m_ringLock);
+            if (!m_ring.empty()) {
+                // Whatever the offset at a save, the sound reaches past the last picture.
+                end = std::chrono::system_clock::time_point(std::chrono::microseconds(
+                    m_ring.back().wallMicroseconds + FramePeriodUs + MaximumOffsetUs));
+            }
+        }
+        runAndWait(m_gameInput.get(), [this, end] {
             m_gameInput->removeTap(m_tap);
             m_tap = -1;
+            // What the encoder still holds goes into the ring, silence after it up to the end.
+            m_audioEncoder.finish([this](AVPacket* encoded) { return keepSound(encoded); }, end);
             m_audioEncoder = AudioEncoder();
         });
+        {
+            std::scoped_lock lock(m_ringLock);
+            m_soundRunning = false;
+        }
+        m_soundArrived.notify_all();
     }
 }
 
 void ReplayBuffer::appendSound(const char* samples, int frames,
                                std::chrono::system_clock::time_point captured) {
-    const auto offset = std::chrono::milliseconds(m_settings.gameAudioOffsetMs);
-    m_audioEncoder.write(
-        reinterpret_cast<const uint8_t*>(samples), frames, captured + offset, [this](AVPacket* encoded) {
-            const int64_t zero = microseconds(m_audioEncoder.timeZero());
-            Packet packet{ff::Packet(av_packet_alloc()),
-                          zero + av_rescale(encoded->pts, 1000000, AudioEncoder::SampleRate), true};
-            if (!packet.packet) {
-                return false;
-            }
-            av_packet_move_ref(packet.packet.get(), encoded);
-            std::scoped_lock lock(m_ringLock);
-            m_bytes += static_cast<uint64_t>(packet.packet->size);
-            m_audio.push_back(std::move(packet));
-            trimSound();
-            return true;
-        });
+    m_audioEncoder.write(reinterpret_cast<const uint8_t*>(samples), frames, captured,
+                         [this](AVPacket* encoded) { return keepSound(encoded); });
+}
+
+bool ReplayBuffer::keepSound(AVPacket* encoded) {
+    const int64_t zero = microseconds(m_audioEncoder.timeZero());
+    Packet packet{ff::Packet(av_packet_alloc()),
+                  zero + av_rescale(encoded->pts, 1000000, AudioEncoder::SampleRate), true};
+    if (!packet.packet) {
+        return false;
+    }
+    av_packet_move_ref(packet.packet.get(), encoded);
+    {
+        std::scoped_lock lock(m_ringLock);
+        m_bytes += static_cast<uint64_t>(packet.packet->size);
+        m_audio.push_back(std::move(packet));
+        trimSound();
+    }
+    m_soundArrived.notify_all();
+    return true;
 }
 
 void ReplayBuffer::trimSound() {
-    // Sound before the first picture kept, or any while no picture is kept, has no place in a replay.
-    while (!m_audio.empty() &&
-           (m_ring.empty() || m_audio.front().wallMicroseconds < m_ring.front().wallMicroseconds)) {
+    // Only sound that an offset can bring up to the first picture has a place in a replay; before the
+    // first picture, a second of it is kept.
+    if (m_audio.empty()) {
+        return;
+    }
+    const int64_t from = m_ring.empty() ? m_audio.back().wallMicroseconds - 1000000
+                                        : m_ring.front().wallMicroseconds - MaximumOffsetUs;
+    while (!m_audio.empty() && m_audio.front().wallMicroseconds < from) {
         m_bytes -= static_cast<uint64_t>(m_audio.front().packet->size);
         m_audio.pop_front();
     }
@@ -155,11 +198,17 @@ void ReplayBuffer::trimSound() {
 
 bool ReplayBuffer::stop() {
     const bool stopped = Recorder::stop();
-    stopSound();
     // The thread may still be finishing its last frame; the encoder is its until it has ended.
     waitUntilFinished(std::chrono::seconds(5));
+    if (m_encoder.isOpen()) {
+        // The pictures the encoder still holds go into the ring: a save after the stop ends with the
+        // last picture shown.
+        if (ff::check(avcodec_send_frame(m_encoder.context(), nullptr), "avcodec_send_frame")) {
+            collect();
+        }
+    }
+    stopSound();
     m_encoder.close();
-    empty();
     releaseFreeMemory();
     return stopped;
 }
@@ -341,13 +390,29 @@ bool writeMovie(const std::string& path, Track& video, Track& sound, int64_t ori
 
 } // namespace
 
-ReplayBuffer::Saved ReplayBuffer::save() {
+ReplayBuffer::Saved ReplayBuffer::save(const QString& folder) {
     // What the ring holds now, by reference: the ring goes on while the copy is written.
     Track video, sound;
     int64_t origin = 0;
     bool copied = true;
     {
-        std::scoped_lock lock(m_ringLock);
+        std::unique_lock lock(m_ringLock);
+        // The sound ends with the picture: the picture's encoder may lag behind the sound's, and the
+        // sound of the last picture may still be on its way from the input. The replay ends with the
+        // pictures held now; the ring may move on while the sound is waited for.
+        int64_t pictureEnd = 0;
+        for (const Packet& packet : m_ring) {
+            pictureEnd = std::max(pictureEnd, packet.wallMicroseconds + FramePeriodUs);
+        }
+        const int64_t offset = m_offsetMicroseconds;
+        if (m_audioParameters && !m_ring.empty()) {
+            m_soundArrived.wait_for(lock, SoundWait, [&] {
+                return !m_soundRunning ||
+                       (!m_audio.empty() &&
+                        m_audio.back().wallMicroseconds + SoundPacketUs + offset >= pictureEnd);
+            });
+        }
+        origin = m_ring.empty() ? 0 : m_ring.front().wallMicroseconds;
         for (auto [track, from] :
              {std::pair{&video, m_parameters.get()}, std::pair{&sound, m_audioParameters.get()}}) {
             if (from) {
@@ -356,22 +421,27 @@ ReplayBuffer::Saved ReplayBuffer::save() {
                          avcodec_parameters_copy(track->parameters.get(), from) >= 0;
             }
         }
-        origin = m_ring.empty() ? 0 : m_ring.front().wallMicroseconds;
-        // The sound ends with the picture: the picture's encoder may lag behind the sound's.
-        int64_t pictureEnd = origin;
+        video.packets.reserve(m_ring.size());
         for (const Packet& packet : m_ring) {
-            pictureEnd = std::max(pictureEnd, packet.wallMicroseconds + FramePeriodUs);
-        }
-        for (auto [track, ring] : {std::pair{&video, &m_ring}, std::pair{&sound, &m_audio}}) {
-            track->packets.reserve(ring->size());
-            for (const Packet& packet : *ring) {
-                if (track == &sound && packet.wallMicroseconds >= pictureEnd) {
-                    break;
-                }
-                track->packets.emplace_back(ff::Packet(av_packet_clone(packet.packet.get())),
-                                            packet.wallMicroseconds);
-                copied = copied && track->packets.back().first;
+            if (packet.wallMicroseconds >= pictureEnd) {
+                break;
             }
+            video.packets.emplace_back(ff::Packet(av_packet_clone(packet.packet.get())),
+                                       packet.wallMicroseconds);
+            copied = copied && video.packets.back().first;
+        }
+        // The sound from the first picture to the last, placed by the offset of now. A packet that
+        // starts before the first picture is left out: the sound may start up to one packet late.
+        for (const Packet& packet : m_audio) {
+            const int64_t placed = packet.wallMicroseconds + offset;
+            if (placed < origin) {
+                continue;
+            }
+            if (placed >= pictureEnd) {
+                break;
+            }
+            sound.packets.emplace_back(ff::Packet(av_packet_clone(packet.packet.get())), placed);
+            copied = copied && sound.packets.back().first;
         }
     }
     if (video.packets.empty() || !video.parameters) {
@@ -383,7 +453,6 @@ ReplayBuffer::Saved ReplayBuffer::save() {
         return {{}, QStringLiteral("There is not enough memory to save the replay.")};
     }
 
-    const QString folder = m_settings.storageFolder;
     if (!QDir().mkpath(folder)) {
         return {{}, QStringLiteral("The folder \"%1\" cannot be written to.").arg(folder)};
     }

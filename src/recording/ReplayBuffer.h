@@ -8,6 +8,9 @@
 
 #include <QString>
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -16,11 +19,12 @@
 namespace zandor {
 
 // The last seconds of one layout, encoded, in memory, while the picture plays: save() writes them
-// to "Replay <stamp>.mp4" in the storage folder at any moment, without stopping anything. The ring
-// starts on a key frame and never holds more than its seconds plus one key-frame interval (a key
-// frame comes at least every second), so its memory is bounded by the bit rate and the seconds.
-// With the game input shared, its sound is kept beside the picture, AAC, moved by the settings'
-// offset. Nothing is written to disk until a save.
+// to "Replay <stamp>.mp4" in a folder at any moment, without stopping anything, and after a stop
+// too, until the next start. The ring starts on a key frame and never holds more than its seconds
+// plus one key-frame interval (a key frame comes at least every second), so its memory is bounded
+// by the bit rate and the seconds. With the game input shared, its sound is kept beside the picture,
+// AAC, from the first picture to the last, and placed by the game sound's offset when saved, so that
+// a change of the offset applies to what is held already. Nothing is written to disk until a save.
 class AudioInput;
 
 class ReplayBuffer final : public Recorder {
@@ -35,10 +39,14 @@ public:
 
     // Before start: the game input, open already (see GameAudio), whose sound the replays carry.
     void shareGameInput(std::shared_ptr<AudioInput> input);
-    // Opens the encoders and starts listening; false, logged, when the encoder cannot be opened.
+    // Empties the ring, opens the encoders and starts listening; false, logged, when the encoder
+    // cannot be opened.
     bool start() override;
-    // Stops listening and empties the ring.
+    // Stops listening; the ring keeps what it holds, to be saved, until the next start.
     bool stop() override;
+    // Moves the sound against the picture from the next save on (-500 to 500 ms; later when
+    // positive). Any thread.
+    void setGameAudioOffset(std::chrono::milliseconds offset);
 
     int seconds() const { return m_seconds; }
     // The bytes the ring holds at most for a preset and a length, the extra key-frame interval
@@ -49,10 +57,11 @@ public:
         QString path;  // the movie written, empty on failure
         QString error; // why nothing was written: one sentence for the user
     };
-    // Writes what the ring holds now, from its oldest key frame, to a movie beside its final name,
-    // renamed into place when complete, so that a failure leaves no file. Blocks for the writing:
-    // call it off the GUI thread. Frames keep coming meanwhile; the ring is only read.
-    Saved save();
+    // Writes what the ring holds now, from its oldest key frame, to a movie in `folder`, written
+    // beside its final name and renamed into place when complete, so that a failure leaves no file.
+    // Blocks for the writing (and up to a second for the sound of the last picture): call it off the
+    // GUI thread. Frames keep coming meanwhile; the ring is only read.
+    Saved save(const QString& folder);
 
     // Encodes one frame of the layout into the ring; the buffer's thread calls it for every frame
     // shown. Frames whose time does not come after the previous one's are dropped.
@@ -76,7 +85,9 @@ private:
     void collect();
     // On the game input's thread: encodes its sound into the ring.
     void appendSound(const char* samples, int frames, std::chrono::system_clock::time_point captured);
-    // Drops the sound from before the first picture; under m_ringLock.
+    // Takes an encoded sound packet into the ring.
+    bool keepSound(AVPacket* encoded);
+    // Drops the sound that no offset can bring up to the first picture; under m_ringLock.
     void trimSound();
     bool startSound();
     void stopSound();
@@ -100,8 +111,11 @@ private:
     std::deque<int64_t> m_keyTimes; // wall microseconds of the key frames in the ring
     uint64_t m_bytes = 0;
     ff::CodecParameters m_parameters;
-    std::deque<Packet> m_audio;
+    std::deque<Packet> m_audio; // at their capture times, the offset not applied
     ff::CodecParameters m_audioParameters;
+    bool m_soundRunning = false; // the game input's tap is on
+    std::condition_variable m_soundArrived;
+    std::atomic<int64_t> m_offsetMicroseconds{0};
 
     // The game input and its tap; the encoder belongs to the input's thread while the tap is on.
     std::shared_ptr<AudioInput> m_gameInput;

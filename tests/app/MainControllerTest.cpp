@@ -23,6 +23,7 @@
 
 #include <QAbstractButton>
 #include <QCheckBox>
+#include <QSpinBox>
 #include <QDir>
 #include <QMessageBox>
 #include <QPushButton>
@@ -238,10 +239,29 @@ TEST_F(MainControllerTest, TheReplayBufferFollowsThePictureAndTheSettingAndSaves
     pane->click();
     EXPECT_FALSE(m_controller->replayBuffer()) << "turned off in the preferences";
     pane->click();
-    ASSERT_TRUE(m_controller->replayBuffer());
+    const auto kept = m_controller->replayBuffer();
+    ASSERT_TRUE(kept);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return kept->heldSeconds() > 0.5; }, 20000));
+    auto* offset = m_controller->preferencesWindow()->findChild<QSpinBox*>("gameOffsetField");
+    ASSERT_TRUE(offset);
+    offset->setValue(300);
+    emit offset->editingFinished();
+    EXPECT_EQ(m_controller->replayBuffer(), kept) << "another offset applies to what the buffer holds";
+
+    // Paused, the buffer keeps what it holds; the save goes to the folder chosen now.
     ui.playPauseItem->trigger();
-    EXPECT_FALSE(m_controller->replayBuffer()) << "paused";
-    EXPECT_FALSE(ui.saveReplayItem->isEnabled());
+    EXPECT_EQ(m_controller->replayBuffer(), kept);
+    EXPECT_FALSE(kept->isListening());
+    EXPECT_TRUE(ui.saveReplayItem->isEnabled());
+    QTemporaryDir chosenLater;
+    PreferencesController::instance().setPreference(PreferenceCaptureStorageFolder, chosenLater.path());
+    ui.saveReplayItem->trigger();
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] { return QDir(chosenLater.path()).entryList({"Replay *.mp4"}, QDir::Files).size() == 1; },
+        20000));
+    EXPECT_TRUE(alerts().isEmpty()) << alerts().join("; ").toStdString();
+    ui.playPauseItem->trigger();
+    EXPECT_NE(m_controller->replayBuffer(), kept) << "Play starts the buffer afresh";
 }
 
 // The camera node exists while the item is on and the picture plays, and follows the layout.

@@ -45,10 +45,10 @@ double outputLevel(double seconds = 0.5) {
     return level(samples, 0, samples.size());
 }
 
-// How many sound streams this process plays through the sound server.
+// How many streams Zandor plays the game through, by their name at the sound server.
 int streamsPlayed() {
     const std::string listed = test::runProcess({"pactl", "list", "sink-inputs"}).out;
-    const std::string ours = "application.process.id = \"" + std::to_string(getpid()) + "\"";
+    const std::string ours = "media.name = \"Zandor: Listening\"";
     int count = 0;
     for (size_t at = listed.find(ours); at != std::string::npos; at = listed.find(ours, at + 1)) {
         ++count;

@@ -224,10 +224,11 @@ double seconds(std::chrono::system_clock::time_point time) {
 
 // The replay starts on a key frame no more than its seconds and one key interval back, and ends on
 // one of the last pictures shown before the save (the encoder holds back a few); a later save
-// overlaps the earlier one.
-TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverlap) {
+// overlaps the earlier one and goes to the folder named then; a stop keeps what the buffer holds, up
+// to the last picture shown, until the next start empties it.
+TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverlapAlsoAfterAStop) {
     constexpr int Seconds = 5;
-    m_settings.storageFolder = m_folder.path() + "/replays";
+    const QString folder = m_folder.path() + "/replays", chosenLater = m_folder.path() + "/chosen later";
     auto buffer = std::make_shared<ReplayBuffer>(m_top, m_settings, Seconds);
     auto watch = m_top->addObserver(m_wakeup);
     ASSERT_TRUE(buffer->start());
@@ -238,7 +239,7 @@ TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverla
     const auto frames = test::takeFrames(*m_top, watch, *m_wakeup, Shown, 5s);
     ASSERT_TRUE(m_board->waitUntilHeld(Shown));
     ASSERT_GT(frames.size(), Shown / 2);
-    const ReplayBuffer::Saved first = buffer->save();
+    const ReplayBuffer::Saved first = buffer->save(folder);
     ASSERT_TRUE(first.error.isEmpty()) << first.error.toStdString();
 
     const ReplayTimes times = replayTimes(first.path);
@@ -257,15 +258,34 @@ TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverla
     // under a name of its own.
     m_board->release();
     EXPECT_EQ(test::takeFrames(*m_top, watch, *m_wakeup, 30).size(), 30u);
-    const ReplayBuffer::Saved second = buffer->save();
-    const ReplayBuffer::Saved third = buffer->save();
+    const ReplayBuffer::Saved second = buffer->save(folder);
+    const ReplayBuffer::Saved third = buffer->save(chosenLater);
     ASSERT_TRUE(second.error.isEmpty() && third.error.isEmpty()) << third.error.toStdString();
-    EXPECT_NE(second.path, third.path) << "two saves in a row: " << third.path.toStdString();
+    EXPECT_TRUE(second.path.startsWith(folder + "/Replay ")) << second.path.toStdString();
+    EXPECT_TRUE(third.path.startsWith(chosenLater + "/Replay ")) << third.path.toStdString();
     const ReplayTimes earlier = replayTimes(second.path), later = replayTimes(third.path);
     ASSERT_FALSE(earlier.pictures.empty() || later.pictures.empty());
     EXPECT_LT(later.pictures.front(), earlier.pictures.back());
     EXPECT_GE(later.pictures.back(), earlier.pictures.back());
     EXPECT_GT(earlier.pictures.back(), times.pictures.back()) << "the picture went on after the hold";
+
+    // Paused at a held frame: what the buffer took up to the stop is kept, and saved after it.
+    const uint64_t pausedAt = m_device->count() + 30;
+    m_board->holdAt(pausedAt);
+    ASSERT_TRUE(m_board->waitUntilHeld(pausedAt));
+    const auto shown = test::takeFrames(*m_top, watch, *m_wakeup, 200, 1s);
+    ASSERT_FALSE(shown.empty());
+    buffer->stop();
+    const ReplayBuffer::Saved paused = buffer->save(folder);
+    ASSERT_TRUE(paused.error.isEmpty()) << paused.error.toStdString();
+    const ReplayTimes kept = replayTimes(paused.path);
+    ASSERT_FALSE(kept.pictures.empty());
+    EXPECT_GT(kept.pictures.back(), seconds(shown.back()->wallClock()) - 1.0)
+        << "up to the last second shown";
+    EXPECT_GT(kept.pictures.back(), later.pictures.back()) << "past the last save";
+    EXPECT_GE(kept.pictures.back() - kept.pictures.front(), Seconds - 0.05);
+    ASSERT_TRUE(buffer->start());
+    EXPECT_EQ(buffer->heldBytes(), 0u) << "a start empties the buffer (the board is held)";
     m_top->removeObserver(watch);
     buffer->stop();
 }
@@ -277,7 +297,8 @@ TEST_F(RecorderTest, ASaveDuringARecordingLeavesBothWhole) {
     ASSERT_TRUE(buffer->start());
     auto delegate = std::make_shared<Delegate>();
     ReplayBuffer::Saved saved;
-    auto recorder = recordVideo({m_top}, delegate, {}, 120, [&] { saved = buffer->save(); });
+    auto recorder =
+        recordVideo({m_top}, delegate, {}, 120, [&] { saved = buffer->save(m_settings.storageFolder); });
     buffer->stop();
     EXPECT_TRUE(delegate->errors.isEmpty()) << delegate->errors.join(", ").toStdString();
     ASSERT_EQ(recorder->madeFiles().size(), 1);
