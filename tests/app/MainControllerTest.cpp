@@ -3,6 +3,7 @@
 #include "PipeWireServer.h"
 #include "PluginBundles.h"
 #include "Process.h"
+#include "PulseServer.h"
 #include "UserFolders.h"
 #include "app/CaptureLayoutView.h"
 #include "app/MainController.h"
@@ -262,6 +263,72 @@ TEST_F(MainControllerTest, TheReplayBufferFollowsThePictureAndTheSettingAndSaves
     EXPECT_TRUE(alerts().isEmpty()) << alerts().join("; ").toStdString();
     ui.playPauseItem->trigger();
     EXPECT_NE(m_controller->replayBuffer(), kept) << "Play starts the buffer afresh";
+}
+
+// Which of Zandor's streams the sound server has open, by name, sorted: the inputs it records
+// from ("Zandor: Game", "Zandor: Narrator") and its play-through ("Zandor: Listening").
+QStringList streamsOpen() {
+    QStringList names;
+    for (const char* kind : {"source-outputs", "sink-inputs"}) {
+        for (const std::string& line : test::splitLines(test::runProcess({"pactl", "list", kind}).out)) {
+            const std::string key = "media.name = \"Zandor: ";
+            if (const size_t at = line.find(key); at != std::string::npos) {
+                names << QString::fromStdString(line.substr(at + key.size())).chopped(1);
+            }
+        }
+    }
+    names.sort();
+    return names;
+}
+
+// An input is open only while something records, buffers or listens from it: before, during and
+// after a recording with both inputs, a replay buffer and listening, each under its own name. (A
+// desktop's "microphone in use" light follows the open inputs.)
+class MainControllerSoundTest : public MainControllerTest {
+protected:
+    // The sound server comes first: Qt connects to one once, when the preferences first look for
+    // the inputs.
+    void SetUp() override {
+        test::isolateUserFolders();
+        m_pulse = std::make_unique<test::PulseServer>();
+        ASSERT_TRUE(m_pulse->isRunning()) << m_pulse->error();
+        MainControllerTest::SetUp();
+    }
+
+    std::unique_ptr<test::PulseServer> m_pulse;
+};
+
+TEST_F(MainControllerSoundTest, TheInputsAreOpenOnlyWhileSomethingRecordsBuffersOrListensFromThem) {
+    auto& preferences = PreferencesController::instance();
+    preferences.setPreference(PreferenceCaptureGameAudioInput, "GameIn");
+    preferences.setPreference(PreferenceCaptureNarratorAudioInput, "NarratorIn");
+    const auto closeAll = [] { return QTest::qWaitFor([] { return streamsOpen().isEmpty(); }, 10000); };
+    auto& ui = startRecordingWith({});
+    EXPECT_TRUE(closeAll()) << "playing alone opens nothing";
+
+    ui.recordItem->trigger();
+    ASSERT_TRUE(m_controller->videoRecorder());
+    EXPECT_EQ(streamsOpen(), (QStringList{"Game", "Listening", "Narrator"}));
+    ui.recordItem->trigger();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return m_controller->videoRecorder()->isDone(); }, 60000));
+    EXPECT_TRUE(closeAll()) << "after the recording: " << streamsOpen().join(", ").toStdString();
+
+    ui.listenItem->setChecked(true);
+    EXPECT_EQ(streamsOpen(), (QStringList{"Game", "Listening"}));
+    ui.listenItem->setChecked(false);
+    EXPECT_TRUE(closeAll()) << "after listening: " << streamsOpen().join(", ").toStdString();
+
+    auto* buffer = m_controller->preferencesWindow()->findChild<QCheckBox*>("replayBufferCheckBox");
+    ASSERT_TRUE(buffer);
+    buffer->click();
+    ASSERT_TRUE(m_controller->replayBuffer());
+    EXPECT_EQ(streamsOpen(), QStringList{"Game"});
+    ui.playPauseItem->trigger();
+    EXPECT_TRUE(closeAll()) << "paused: " << streamsOpen().join(", ").toStdString();
+    ui.playPauseItem->trigger();
+    EXPECT_EQ(streamsOpen(), QStringList{"Game"});
+    buffer->click();
+    EXPECT_TRUE(closeAll()) << "after the replay buffer: " << streamsOpen().join(", ").toStdString();
 }
 
 // The camera node exists while the item is on and the picture plays, and follows the layout.
