@@ -144,7 +144,8 @@ std::vector<std::string> splitLines(const std::string& text) {
 BusyCores::BusyCores() {
     for (long core = 0, cores = std::max(1L, sysconf(_SC_NPROCESSORS_ONLN)); core < cores; ++core) {
         // Ends with the test program even when that is killed.
-        m_spinners.push_back(startProcess({"setpriv", "--pdeathsig=KILL", "sh", "-c", "while :; do :; done"}));
+        m_spinners.push_back(
+            startProcess({"setpriv", "--pdeathsig=KILL", "sh", "-c", "while :; do :; done"}));
     }
 }
 
