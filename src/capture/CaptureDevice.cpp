@@ -93,6 +93,8 @@ bool CaptureDevice::startListening() {
     if (m_failure == Failure::None) {
         m_count = 0;
         m_first = std::chrono::system_clock::now();
+        m_runBase = m_lastNumber + 1;
+        m_runOrigin.reset();
         m_listening = true;
         m_disconnected = false;
         {
@@ -217,7 +219,7 @@ CaptureDevice::Status CaptureDevice::receiveFrame(CaptureData& frame) {
     return status;
 }
 
-void CaptureDevice::frameRequest() {
+void CaptureDevice::frameRequest(std::chrono::steady_clock::time_point slotTime) {
     const bool wasDisconnected = isDisconnected();
     bool vanished = false;
     std::shared_ptr<CaptureData> frame;
@@ -238,6 +240,15 @@ void CaptureDevice::frameRequest() {
     std::chrono::duration<double> since = now - m_first;
     frame->setTimestamp(since.count());
     frame->setWallClock(now);
+    if (!m_runOrigin) {
+        m_runOrigin = slotTime;
+    }
+    // Passes on the grid fall exactly on slots; one pushed off it by a late request rounds to the
+    // nearest slot, and never onto a number already given.
+    const auto slot =
+        (std::max(slotTime, *m_runOrigin) - *m_runOrigin + DefaultFramePeriod / 2) / DefaultFramePeriod;
+    m_lastNumber = std::max(m_runBase + static_cast<uint64_t>(slot), m_lastNumber + 1);
+    frame->setNumber(m_lastNumber);
     if (m_count % RateLogInterval == 0) {
         logs::capture.info("Device FPS: %f Timestamp: %f", static_cast<double>(m_count) / since.count(),
                            since.count());
@@ -330,7 +341,7 @@ void CaptureDevice::listener() {
             if (isDisconnected()) {
                 tryReconnect();
             }
-            frameRequest();
+            frameRequest(passStart);
         }
         passStart = std::max(passStart + period, std::chrono::steady_clock::now());
         std::this_thread::sleep_until(passStart);
