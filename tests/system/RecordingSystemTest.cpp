@@ -345,11 +345,8 @@ public:
     BusyCores() {
         for (auto& thread : m_threads) {
             thread = std::thread([this] {
-                uint64_t spins = 0;
                 while (!m_stop.load(std::memory_order_relaxed)) {
-                    ++spins;
                 }
-                m_spins += spins;
             });
         }
     }
@@ -362,7 +359,6 @@ public:
 
 private:
     std::atomic<bool> m_stop = false;
-    std::atomic<uint64_t> m_spins = 0;
     std::array<std::thread, 2> m_threads;
 };
 
