@@ -24,8 +24,8 @@ class Wakeup;
 
 // One live picture made from the console's screens. A plugin layout composites background, images
 // and both screens onto a canvas of the plugin's size and publishes a copy per pair of screen
-// frames cut from the same board frame (of the same number); a screen layout republishes one screen's frames
-// as they are. Frames are rows of red, green and blue bytes, top row first.
+// frames cut from the same board frame (of the same number); a screen layout republishes one
+// screen's frames as they are. Frames are rows of red, green and blue bytes, top row first.
 class CaptureLayout final : public Observable {
 public:
     enum Type { PluginLayout = 0, ScreenLayout = 1 };

@@ -136,7 +136,9 @@ bool VideoRecord::append(const CaptureData& frame) {
     // Slots whose frames were dropped on the way show the picture before them again, so that every
     // frame of the movie lasts one period. The encoder turns an unchanged picture into a few bytes.
     for (int64_t missing = m_lastSlot + 1; m_lastSlot >= 0 && missing < slot; ++missing) {
-        if (!encode(m_encoder.repeat(missing))) {
+        // Never null here (a picture was encoded before), which would flush the encoder instead.
+        const AVFrame* again = m_encoder.repeat(missing);
+        if (again && !encode(again)) {
             return keepWriteError();
         }
     }

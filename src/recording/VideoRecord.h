@@ -65,9 +65,6 @@ public:
     const QString& framesPerSecond() const { return m_framesPerSecond; }
     const VideoQualityPtr& quality() const { return m_quality; }
 
-    // Milliseconds, truncated toward zero.
-    static int64_t currentTime(double seconds) { return static_cast<int64_t>(seconds * 1000.0); }
-
 private:
     bool createWriter(const VideoQuality& preset);
     // The header names the wall-clock time of the first frame, when it is known.
