@@ -272,11 +272,7 @@ class PairingTest : public CaptureLayoutTest {
 protected:
     void SetUp() override {
         CaptureLayoutTest::SetUp();
-        m_layout = CaptureLayout::createWithPlugin(
-            plugin(test::layoutDescriptor("Pair", 1, 720, 240,
-                                          R"(<object type="screen_top" x="0" y="0"/>
-                                             <object type="screen_bottom" x="400" y="0"/>)")),
-            m_device);
+        m_layout = sideBySide();
         for (unsigned screen : {0u, 1u}) {
             m_screens[screen] = m_device->screen(screen)->addObserver(m_wakeup);
         }
@@ -287,6 +283,13 @@ protected:
         CaptureLayoutTest::TearDown();
     }
 
+    LayoutPtr sideBySide() {
+        return CaptureLayout::createWithPlugin(
+            plugin(test::layoutDescriptor("Pair", 1, 720, 240,
+                                          R"(<object type="screen_top" x="0" y="0"/>
+                                             <object type="screen_bottom" x="400" y="0"/>)")),
+            m_device);
+    }
     void startDevice() {
         ASSERT_TRUE(m_device->startListening());
         m_raw = m_device->addObserver(m_wakeup);
@@ -440,6 +443,16 @@ TEST_F(PairingTest, EveryCompositeShowsBothScreensOfOneBoardFrame) {
             }
             stall(2, 10);
         }
+    }
+
+    // The layout is changed while frames flow: the new one subscribes wherever the screens are.
+    for (int change = 0; change < 5; ++change) {
+        stopLayout();
+        m_layout = sideBySide();
+        m_board->holdAt(m_sent + 20);
+        startLayout();
+        letThrough(20);
+        stall(2, 1);
     }
     EXPECT_GT(m_checked, 100);
 }
