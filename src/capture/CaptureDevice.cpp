@@ -219,7 +219,13 @@ CaptureDevice::Status CaptureDevice::receiveFrame(CaptureData& frame) {
     return status;
 }
 
-void CaptureDevice::frameRequest(std::chrono::steady_clock::time_point slotTime) {
+void CaptureDevice::frameRequest(std::chrono::steady_clock::time_point due) {
+    // The frame shows the moment it is asked for. A pass that starts on time takes its slot on the
+    // grid, whatever the wake-up's small lateness; one that starts later by half a period or more
+    // (the thread waited for a processor, or for the board to come back) takes the slot of when it
+    // really asks, so that its picture is not placed before the moment it shows.
+    const auto asked = std::chrono::steady_clock::now();
+    const auto slotTime = asked - due < DefaultFramePeriod / 2 ? due : asked;
     const bool wasDisconnected = isDisconnected();
     bool vanished = false;
     std::shared_ptr<CaptureData> frame;
@@ -243,8 +249,8 @@ void CaptureDevice::frameRequest(std::chrono::steady_clock::time_point slotTime)
     if (!m_runOrigin) {
         m_runOrigin = slotTime;
     }
-    // Passes on the grid fall exactly on slots; one pushed off it by a late request rounds to the
-    // nearest slot, and never onto a number already given.
+    // Passes on the grid fall exactly on slots; one off it rounds to the nearest slot, and never
+    // onto a number already given.
     const auto slot =
         (std::max(slotTime, *m_runOrigin) - *m_runOrigin + DefaultFramePeriod / 2) / DefaultFramePeriod;
     m_lastNumber = std::max(m_runBase + static_cast<uint64_t>(slot), m_lastNumber + 1);

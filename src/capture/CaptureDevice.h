@@ -21,8 +21,8 @@ class UsbBoard;
 // each raw frame.
 //
 // Every published frame is numbered by its slot on the board's frame grid: the nominal frame
-// periods since the run's first request, rounded, and always above the previous number, so a
-// request that ran late skips numbers rather than squeezing time. Numbers never repeat over the
+// periods since the run's first request up to its own, rounded, and always above the previous
+// number, so a request that came late skips numbers rather than squeezing time. Numbers never repeat over the
 // device's life (a new run goes on after the last one), so frames of an earlier run can never be
 // taken for frames of a later one. A movie times its frames by these numbers.
 //
@@ -69,9 +69,9 @@ public:
     int vendorRequest(uint8_t request, uint16_t value, uint16_t length, uint8_t* buffer);
     int readBulk(uint8_t* buffer, int32_t length, int32_t* transferred);
     Status receiveFrame(CaptureData& frame);
-    // Fetches, stamps, numbers and publishes one frame; `slotTime` is when the pass was due on the
+    // Fetches, stamps, numbers and publishes one frame; `due` is when the pass was due on the
     // device thread's pacing grid.
-    void frameRequest(std::chrono::steady_clock::time_point slotTime);
+    void frameRequest(std::chrono::steady_clock::time_point due);
 
     // Frames requested since the last startListening.
     uint64_t count();
