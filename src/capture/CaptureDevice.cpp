@@ -225,7 +225,13 @@ void CaptureDevice::frameRequest(std::chrono::steady_clock::time_point due) {
     // (the thread waited for a processor, or for the board to come back) takes the slot of when it
     // really asks, so that its picture is not placed before the moment it shows.
     const auto asked = std::chrono::steady_clock::now();
+    const auto askedWall = std::chrono::system_clock::now();
     const auto slotTime = asked - due < DefaultFramePeriod / 2 ? due : asked;
+    // The frame is stamped with its slot's time too, not with when its read ended: a movie placing
+    // frames by their slots from its first frame's stamp must not be moved by how long that one
+    // read took.
+    const auto taken =
+        askedWall - std::chrono::duration_cast<std::chrono::system_clock::duration>(asked - slotTime);
     const bool wasDisconnected = isDisconnected();
     bool vanished = false;
     std::shared_ptr<CaptureData> frame;
@@ -242,10 +248,9 @@ void CaptureDevice::frameRequest(std::chrono::steady_clock::time_point due) {
 
     std::scoped_lock lock(m_lock);
     ++m_count;
-    const auto now = std::chrono::system_clock::now();
-    std::chrono::duration<double> since = now - m_first;
+    std::chrono::duration<double> since = taken - m_first;
     frame->setTimestamp(since.count());
-    frame->setWallClock(now);
+    frame->setWallClock(taken);
     if (!m_runOrigin) {
         m_runOrigin = slotTime;
     }

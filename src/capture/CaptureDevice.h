@@ -17,7 +17,8 @@ class CaptureScreen;
 class UsbBoard;
 
 // The capture board: requests one raw frame at a time on a thread of its own, at most 60 a second,
-// stamps it with the seconds since listening began and publishes it. Owns the two screens that cut
+// stamps it with the seconds since listening began (at the moment it was asked for) and publishes
+// it. Owns the two screens that cut
 // each raw frame.
 //
 // Every published frame is numbered by its slot on the board's frame grid: the nominal frame

@@ -223,6 +223,10 @@ TEST_F(CaptureDeviceTest, NumbersFramesByTheirSlotsAndNeverRepeatsANumber) {
     }
     EXPECT_GE(frames[4]->number(), frames[3]->number() + 5);
     EXPECT_GE(frames[10]->number(), frames[9]->number() + 5);
+    // A frame is stamped when it was asked for, not when its read ended: the late read's frame
+    // keeps its earlier time (less a little for the two clock readings a stamp takes).
+    EXPECT_GE(frames[4]->timestamp() - frames[3]->timestamp(), 0.08);
+    EXPECT_GE(std::chrono::duration<double>(frames[10]->wallClock() - frames[9]->wallClock()).count(), 0.08);
 }
 
 TEST_F(CaptureDeviceTest, AFrameReadWhileStoppingIsNotPublished) {
