@@ -266,8 +266,9 @@ int64_t boardFrameOf(const CaptureData& picture, uint64_t width, uint64_t x, uin
 
 // The board's frames are let through a few at a time while screens, layout and device are stalled,
 // started and stopped in every order: every composite must show the top and the bottom screen of
-// one board frame, and composites come in the board's order. Pairing by queue order fails each of
-// these for good once one screen's queue holds a frame the other's does not.
+// one board frame, and composites come in the board's order. Pairing by queue order goes wrong for
+// good once one screen's queue holds a frame the other's does not, as a layout subscribing between
+// the two screens' publishing of a frame makes it.
 class PairingTest : public CaptureLayoutTest {
 protected:
     void SetUp() override {
