@@ -51,6 +51,7 @@ DemoFootage& demoFootage(const QString& layoutName) {
         CaptureScreen::cut(board.data() + raw::BottomOffset, bottom->data(), raw::BottomWidth,
                            raw::BottomHeight);
         top->setTimestamp(n / 60.0);
+        top->setNumber(static_cast<uint64_t>(n) + 1);
         auto frame = result.layout->composite(top, bottom);
         raw.write(reinterpret_cast<const char*>(frame->data()), static_cast<qint64>(frame->size()));
         result.frames.push_back(frame);

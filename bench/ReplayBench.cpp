@@ -25,6 +25,7 @@ const CaptureData& frameAt(int n) {
     CaptureData& frame =
         *bench::demoFootage("Top over Bottom").frames[static_cast<size_t>(n % bench::FootageFrames)];
     frame.setTimestamp(n / 60.0);
+    frame.setNumber(static_cast<uint64_t>(n) + 1);
     frame.setWallClock(
         std::chrono::system_clock::time_point(std::chrono::microseconds(int64_t{n} * 1000000 / 60)));
     return frame;

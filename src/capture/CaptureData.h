@@ -6,8 +6,10 @@
 
 namespace zandor {
 
-// One frame: an owned block of bytes, the seconds since the device started listening and the
-// wall-clock time it was taken, which places it beside the sound recorded at the same moment.
+// One frame: an owned block of bytes, the seconds since the device started listening, the
+// wall-clock time it was taken, which places it beside the sound recorded at the same moment, and
+// its number: the slot on the board's frame grid it was taken in (see CaptureDevice), which
+// frames cut from the same board frame share and no other frame of the device has.
 // Frames travel as std::shared_ptr<CaptureData>; after publishing nobody writes them.
 class CaptureData {
 public:
@@ -29,13 +31,17 @@ public:
     // The epoch when unknown.
     std::chrono::system_clock::time_point wallClock() const { return m_wallClock; }
     void setWallClock(std::chrono::system_clock::time_point time) { m_wallClock = time; }
-    // A frame made from another shows the same moment.
+    // 0 for a frame that did not come from a device.
+    uint64_t number() const { return m_number; }
+    void setNumber(uint64_t number) { m_number = number; }
+    // A frame made from another shows the same moment of the same board frame.
     void takeTimesOf(const CaptureData& other) {
         m_timestamp = other.m_timestamp;
         m_wallClock = other.m_wallClock;
+        m_number = other.m_number;
     }
 
-    // A new frame with the same bytes; its time stamp is left at 0 on purpose.
+    // A new frame with the same bytes; its time stamp and number are left at 0 on purpose.
     std::shared_ptr<CaptureData> copy() const;
 
 private:
@@ -43,6 +49,7 @@ private:
     uint64_t m_size;
     double m_timestamp = 0;
     std::chrono::system_clock::time_point m_wallClock{};
+    uint64_t m_number = 0;
 };
 
 using CaptureDataPtr = std::shared_ptr<CaptureData>;

@@ -93,6 +93,8 @@ bool CaptureDevice::startListening() {
     if (m_failure == Failure::None) {
         m_count = 0;
         m_first = std::chrono::system_clock::now();
+        m_runBase = m_lastNumber + 1;
+        m_runOrigin.reset();
         m_listening = true;
         m_disconnected = false;
         {
@@ -217,7 +219,19 @@ CaptureDevice::Status CaptureDevice::receiveFrame(CaptureData& frame) {
     return status;
 }
 
-void CaptureDevice::frameRequest() {
+void CaptureDevice::frameRequest(std::chrono::steady_clock::time_point due) {
+    // The frame shows the moment it is asked for. A pass that starts on time takes its slot on the
+    // grid, whatever the wake-up's small lateness; one that starts later by half a period or more
+    // (the thread waited for a processor, or for the board to come back) takes the slot of when it
+    // really asks, so that its picture is not placed before the moment it shows.
+    const auto asked = std::chrono::steady_clock::now();
+    const auto askedWall = std::chrono::system_clock::now();
+    const auto slotTime = asked - due < DefaultFramePeriod / 2 ? due : asked;
+    // The frame is stamped with its slot's time too, not with when its read ended: a movie placing
+    // frames by their slots from its first frame's stamp must not be moved by how long that one
+    // read took.
+    const auto taken =
+        askedWall - std::chrono::duration_cast<std::chrono::system_clock::duration>(asked - slotTime);
     const bool wasDisconnected = isDisconnected();
     bool vanished = false;
     std::shared_ptr<CaptureData> frame;
@@ -234,10 +248,18 @@ void CaptureDevice::frameRequest() {
 
     std::scoped_lock lock(m_lock);
     ++m_count;
-    const auto now = std::chrono::system_clock::now();
-    std::chrono::duration<double> since = now - m_first;
+    std::chrono::duration<double> since = taken - m_first;
     frame->setTimestamp(since.count());
-    frame->setWallClock(now);
+    frame->setWallClock(taken);
+    if (!m_runOrigin) {
+        m_runOrigin = slotTime;
+    }
+    // Passes on the grid fall exactly on slots; one off it rounds to the nearest slot, and never
+    // onto a number already given.
+    const auto slot =
+        (std::max(slotTime, *m_runOrigin) - *m_runOrigin + DefaultFramePeriod / 2) / DefaultFramePeriod;
+    m_lastNumber = std::max(m_runBase + static_cast<uint64_t>(slot), m_lastNumber + 1);
+    frame->setNumber(m_lastNumber);
     if (m_count % RateLogInterval == 0) {
         logs::capture.info("Device FPS: %f Timestamp: %f", static_cast<double>(m_count) / since.count(),
                            since.count());
@@ -330,7 +352,7 @@ void CaptureDevice::listener() {
             if (isDisconnected()) {
                 tryReconnect();
             }
-            frameRequest();
+            frameRequest(passStart);
         }
         passStart = std::max(passStart + period, std::chrono::steady_clock::now());
         std::this_thread::sleep_until(passStart);

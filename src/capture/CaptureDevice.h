@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 namespace zandor {
 
@@ -16,8 +17,15 @@ class CaptureScreen;
 class UsbBoard;
 
 // The capture board: requests one raw frame at a time on a thread of its own, at most 60 a second,
-// stamps it with the seconds since listening began and publishes it. Owns the two screens that cut
+// stamps it with the seconds since listening began (at the moment it was asked for) and publishes
+// it. Owns the two screens that cut
 // each raw frame.
+//
+// Every published frame is numbered by its slot on the board's frame grid: the nominal frame
+// periods since the run's first request up to its own, rounded, and always above the previous
+// number, so a request that came late skips numbers rather than squeezing time. Numbers never repeat over the
+// device's life (a new run goes on after the last one), so frames of an earlier run can never be
+// taken for frames of a later one. A movie times its frames by these numbers.
 //
 // When the board vanishes while listening (the cable is pulled), the device logs it once, lets the
 // handle go and goes on publishing a black, stamped frame every period, so that everything
@@ -31,6 +39,9 @@ public:
 
     static constexpr uint64_t QueueLength = 20;
     static constexpr std::chrono::nanoseconds DefaultFramePeriod{16'666'667};
+    // The board's nominal rate, of which DefaultFramePeriod is the rounded period; frame numbers
+    // count its periods.
+    static constexpr int NominalFramesPerSecond = 60;
     static constexpr uint64_t RateLogInterval = 300;
     // Without hotplug notices, how often a vanished board is looked for; with them, how often an
     // announced board that could not be opened yet is tried again, for at most ArrivalRetryTime.
@@ -59,8 +70,9 @@ public:
     int vendorRequest(uint8_t request, uint16_t value, uint16_t length, uint8_t* buffer);
     int readBulk(uint8_t* buffer, int32_t length, int32_t* transferred);
     Status receiveFrame(CaptureData& frame);
-    // Fetches, stamps and publishes one frame.
-    void frameRequest();
+    // Fetches, stamps, numbers and publishes one frame; `due` is when the pass was due on the
+    // device thread's pacing grid.
+    void frameRequest(std::chrono::steady_clock::time_point due);
 
     // Frames requested since the last startListening.
     uint64_t count();
@@ -92,6 +104,11 @@ private:
     DropReport m_drops; // guarded by m_lock
     uint64_t m_count = 0;
     std::chrono::system_clock::time_point m_first;
+    // The numbering: the first number of the run, when its first pass was due (unset until then),
+    // and the last number given.
+    uint64_t m_runBase = 1;
+    std::optional<std::chrono::steady_clock::time_point> m_runOrigin;
+    uint64_t m_lastNumber = 0;
     std::chrono::nanoseconds m_framePeriod = DefaultFramePeriod;
     Failure m_failure = Failure::None;
     bool m_disconnected = false;

@@ -160,6 +160,16 @@ void paintScreen(uint8_t* raw, uint64_t frame, uint64_t offset, int width, int h
         painter.fill(start, barTop, barWidth, barHeight, Bars[index]);
     }
 
+    // The number as blocks, on a black strip a little wider than them.
+    painter.fill(DemoBoard::CountX - 2, DemoBoard::CountY - 2,
+                 DemoBoard::CountBits * DemoBoard::CountBlock + 4, DemoBoard::CountBlock + 4, {0, 0, 0});
+    for (int bit = 0; bit < DemoBoard::CountBits; ++bit) {
+        if ((frame >> (DemoBoard::CountBits - 1 - bit)) & 1) {
+            painter.fill(DemoBoard::CountX + bit * DemoBoard::CountBlock, DemoBoard::CountY,
+                         DemoBoard::CountBlock, DemoBoard::CountBlock, {255, 255, 255});
+        }
+    }
+
     // A marker bouncing around the screen's free middle.
     const int size = 20, top = 70, bottom = barTop - 4;
     int mx = bounce(frame, 3, width - size), my = top + bounce(frame, 2, bottom - top - size);

@@ -21,6 +21,15 @@ public:
     // Renders frame `frame` in the board's raw format into `raw` (raw::FrameBytes bytes).
     static void render(uint64_t frame, uint8_t* raw);
 
+    // Below the colour bars each screen shows the frame's number, modulo 2^CountBits, also as a
+    // strip of square blocks of CountBlock pixels, the highest bit first, from (CountX, CountY):
+    // white for a 1, black for a 0. Unlike the digits, these survive any compression, so a
+    // movie's frames can be told apart and matched by reading them.
+    static constexpr int CountBits = 20;
+    static constexpr int CountBlock = 12;
+    static constexpr int CountX = 8;
+    static constexpr int CountY = 212;
+
 protected:
     void fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) override;
 

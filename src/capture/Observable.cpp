@@ -61,6 +61,20 @@ CaptureDataPtr Observable::observe(const ObserverPtr& observer) {
     return observer ? observer->pull() : nullptr;
 }
 
+CaptureDataPtr Observable::peek(const ObserverPtr& observer) {
+    std::scoped_lock lock(m_lock);
+    return observer && !observer->queue().empty() ? observer->queue().front() : nullptr;
+}
+
+bool Observable::take(const ObserverPtr& observer, const CaptureDataPtr& frame) {
+    std::scoped_lock lock(m_lock);
+    if (!observer || observer->queue().empty() || observer->queue().front() != frame) {
+        return false;
+    }
+    observer->pull();
+    return true;
+}
+
 uint64_t Observable::droppedFrames() {
     std::scoped_lock lock(m_lock);
     return m_dropped;

@@ -52,6 +52,11 @@ public:
     bool observable(const ObserverPtr& observer);
     // The oldest waiting frame of the observer, or null.
     CaptureDataPtr observe(const ObserverPtr& observer);
+    // The frame observe() would take next, left in the queue; null when none waits.
+    CaptureDataPtr peek(const ObserverPtr& observer);
+    // Takes the oldest waiting frame if it is `frame` (one seen by peek); false when a full queue
+    // has dropped that one since.
+    bool take(const ObserverPtr& observer, const CaptureDataPtr& frame);
 
     void freeze() { m_lock.lock(); }
     void unfreeze() { m_lock.unlock(); }

@@ -219,6 +219,11 @@ void CaptureLayout::stopListening() {
             "%llu frames were skipped in this run as the buffer for layout '%s' became too large",
             static_cast<unsigned long long>(dropped), qUtf8Printable(m_name));
     }
+    if (const uint64_t unmatched = m_unmatched.endRun()) {
+        logs::layouts.warning("%llu screen frames without a partner of the same number were skipped in this "
+                              "run of layout '%s'",
+                              static_cast<unsigned long long>(unmatched), qUtf8Printable(m_name));
+    }
     m_wakeup->signal();
 }
 
@@ -251,14 +256,12 @@ bool CaptureLayout::update(const Subscriptions& subscriptions) {
             result = m_top->observe(subscriptions[0]);
         }
     } else {
-        // Screen frames are paired by queue order: one from each, only when both wait.
-        if (!m_top->observable(subscriptions[0]) || !m_bottom->observable(subscriptions[1])) {
+        CaptureDataPtr top, bottom;
+        if (!takePair(subscriptions, top, bottom)) {
             return false;
         }
-        auto top = m_top->observe(subscriptions[0]);
-        auto bottom = m_bottom->observe(subscriptions[1]);
         if (!top || !bottom) {
-            return false;
+            return true; // an unmatched frame went
         }
         result = composite(std::move(top), std::move(bottom));
     }
@@ -269,6 +272,49 @@ bool CaptureLayout::update(const Subscriptions& subscriptions) {
     if (m_listening && add(result) && m_drops.dropped()) {
         logs::layouts.warning("Frame was skipped as the buffer for layout '%s' became too large",
                               qUtf8Printable(m_name));
+    }
+    return true;
+}
+
+bool CaptureLayout::takePair(const Subscriptions& subscriptions, CaptureDataPtr& top,
+                             CaptureDataPtr& bottom) {
+    // Only this thread takes from these queues; a screen publishing meanwhile may only drop their
+    // oldest frame when they are full, which take() notices.
+    CaptureDataPtr oldestTop = m_top->peek(subscriptions[0]);
+    CaptureDataPtr oldestBottom = m_bottom->peek(subscriptions[1]);
+    if (!oldestTop || !oldestBottom) {
+        return false;
+    }
+    // Numbers only grow in each queue: the older frame's partner either never reached this layout
+    // (it subscribed between the two screens' publishing of it) or was dropped from a full queue,
+    // and will not come. The older frame goes rather than be shown beside another moment.
+    const char* unmatched = nullptr;
+    CaptureDataPtr dropped;
+    if (oldestTop->number() < oldestBottom->number()) {
+        unmatched = "top";
+        dropped = m_top->take(subscriptions[0], oldestTop) ? oldestTop : nullptr;
+    } else if (oldestBottom->number() < oldestTop->number()) {
+        unmatched = "bottom";
+        dropped = m_bottom->take(subscriptions[1], oldestBottom) ? oldestBottom : nullptr;
+    } else if (!m_top->take(subscriptions[0], oldestTop)) {
+        return true; // dropped by its full queue just now: look again
+    } else if (!m_bottom->take(subscriptions[1], oldestBottom)) {
+        // Its partner was dropped by its full queue just now.
+        unmatched = "top";
+        dropped = oldestTop;
+    } else {
+        top = std::move(oldestTop);
+        bottom = std::move(oldestBottom);
+        return true;
+    }
+    if (dropped) {
+        std::scoped_lock lock(m_lock);
+        if (m_unmatched.dropped()) {
+            logs::layouts.warning(
+                "Frame %llu of the %s screen was skipped for layout '%s' as the other screen "
+                "has no frame of the same number",
+                static_cast<unsigned long long>(dropped->number()), unmatched, qUtf8Printable(m_name));
+        }
     }
     return true;
 }

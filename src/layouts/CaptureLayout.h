@@ -24,8 +24,8 @@ class Wakeup;
 
 // One live picture made from the console's screens. A plugin layout composites background, images
 // and both screens onto a canvas of the plugin's size and publishes a copy per pair of screen
-// frames; a screen layout republishes one screen's frames as they are. Frames are rows of red,
-// green and blue bytes, top row first.
+// frames cut from the same board frame (of the same number); a screen layout republishes one
+// screen's frames as they are. Frames are rows of red, green and blue bytes, top row first.
 class CaptureLayout final : public Observable {
 public:
     enum Type { PluginLayout = 0, ScreenLayout = 1 };
@@ -106,6 +106,9 @@ private:
     void listener(const Subscriptions& subscriptions);
     // One pass; returns whether a frame was taken.
     bool update(const Subscriptions& subscriptions);
+    // Takes the oldest top and bottom frames when they are of the same board frame; when they are
+    // not, drops the older one (both out params stay null). False when a screen has no frame.
+    bool takePair(const Subscriptions& subscriptions, CaptureDataPtr& top, CaptureDataPtr& bottom);
 
     const int m_type;
     const QString m_name;
@@ -123,7 +126,8 @@ private:
 
     // Guarded by the Observable lock: the flag and the subscriptions of the current run.
     bool m_listening = false;
-    DropReport m_drops; // guarded by m_lock
+    DropReport m_drops;     // guarded by m_lock
+    DropReport m_unmatched; // screen frames dropped for want of a partner; guarded by m_lock
     Subscriptions m_observer;
 
     // The drawing state belongs to the layout's thread. A stop followed at once by a start can

@@ -16,7 +16,7 @@ VideoEncoder::Failure VideoEncoder::open(const Settings& settings) {
     // 4:2:0 plays everywhere but needs even sizes; a layout of odd size keeps full chroma.
     encoder->pix_fmt =
         (settings.width % 2 == 0 && settings.height % 2 == 0) ? AV_PIX_FMT_YUV420P : AV_PIX_FMT_YUV444P;
-    encoder->time_base = {1, 1000};
+    encoder->time_base = settings.timeBase;
     encoder->framerate = {60, 1};
     encoder->bit_rate = settings.bitsPerSecond;
     encoder->gop_size = settings.keyInterval;
@@ -60,6 +60,7 @@ VideoEncoder::Failure VideoEncoder::open(const Settings& settings) {
 }
 
 void VideoEncoder::close() {
+    m_converted = false;
     m_frame.reset();
     m_scaler.reset();
     m_encoder.reset();
@@ -74,6 +75,17 @@ const AVFrame* VideoEncoder::picture(const uint8_t* rgb, int64_t pts, bool key) 
     sws_scale(m_scaler.get(), source, &stride, 0, m_encoder->height, m_frame->data, m_frame->linesize);
     m_frame->pts = pts;
     m_frame->pict_type = key ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+    m_converted = true;
+    return m_frame.get();
+}
+
+const AVFrame* VideoEncoder::repeat(int64_t pts) {
+    if (!m_converted) {
+        return nullptr;
+    }
+    // The encoder copied the picture when it took it: the frame still holds it unchanged.
+    m_frame->pts = pts;
+    m_frame->pict_type = AV_PICTURE_TYPE_NONE;
     return m_frame.get();
 }
 

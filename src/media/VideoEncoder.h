@@ -7,7 +7,7 @@
 namespace zandor {
 
 // An H.264 encoder (libx264) of frames given as rows of red, green and blue bytes, with times in
-// milliseconds. The movie writer and the replay buffer encode alike through it.
+// the settings' time base. The movie writer and the replay buffer encode alike through it.
 class VideoEncoder {
 public:
     // The step of open() that failed, so that each user can say it in its own words.
@@ -23,6 +23,8 @@ public:
         const char* speed = "veryfast";
         // Codec headers kept apart from the stream, as MP4 and QuickTime containers want them.
         bool globalHeader = true;
+        // The unit of the pictures' times.
+        AVRational timeBase{1, 1000};
     };
 
     Failure open(const Settings& settings);
@@ -31,13 +33,18 @@ public:
     AVCodecContext* context() const { return m_encoder.get(); }
 
     // Converts one frame (at least width × height × 3 bytes) into the picture to encode, stamped
-    // `pts` milliseconds, a key frame when `key`. Null, logged, when the picture cannot be written.
+    // `pts` in the time base, a key frame when `key`. Null, logged, when the picture cannot be
+    // written.
     const AVFrame* picture(const uint8_t* rgb, int64_t pts, bool key);
+    // The last picture again, stamped `pts`, not a key frame: it stands in for a frame that never
+    // came. Null before the first picture.
+    const AVFrame* repeat(int64_t pts);
 
 private:
     ff::CodecContext m_encoder;
     ff::Scaler m_scaler;
     ff::Frame m_frame; // the one picture every frame is converted into
+    bool m_converted = false;
 };
 
 } // namespace zandor

@@ -92,7 +92,7 @@ bool ReplayBuffer::start() {
             return false;
         }
     }
-    m_firstTime = m_lastPts = m_lastKeyPts = -1;
+    m_firstNumber = m_lastPts = m_lastKeyPts = -1;
     if (m_gameInput && !startSound()) {
         logs::recording.warning("The replay buffer of %s keeps no sound", qUtf8Printable(layout->name()));
     }
@@ -229,12 +229,14 @@ bool ReplayBuffer::capture(const LayoutPtr& layout, const ObserverPtr& observer)
 }
 
 void ReplayBuffer::append(const CaptureData& frame) {
-    const int64_t time = VideoRecord::currentTime(frame.timestamp());
-    if (m_firstTime < 0) {
-        m_firstTime = time;
+    if (m_firstNumber < 0) {
+        m_firstNumber = static_cast<int64_t>(frame.number());
         m_firstWall = microseconds(frame.wallClock());
     }
-    const int64_t pts = time - m_firstTime;
+    // Timed by the frame's slot on the board's grid, not by when it was read: a picture's time
+    // keeps no jitter of the device thread's scheduling.
+    const int64_t pts = av_rescale(static_cast<int64_t>(frame.number()) - m_firstNumber, 1000,
+                                   CaptureDevice::NominalFramesPerSecond);
     if (pts <= m_lastPts || frame.size() < layouts().front()->size() || !m_encoder.isOpen()) {
         return;
     }

@@ -100,10 +100,10 @@ private:
     // take it down while no thread runs.
     VideoEncoder m_encoder;
     ff::Packet m_received;
-    int64_t m_firstTime = -1;  // capture milliseconds of the first frame encoded
-    int64_t m_firstWall = 0;   // its system-clock microseconds
-    int64_t m_lastPts = -1;    // presentation milliseconds of the last frame encoded
-    int64_t m_lastKeyPts = -1; // and of the last one asked to be a key frame
+    int64_t m_firstNumber = -1; // the number of the first frame encoded
+    int64_t m_firstWall = 0;    // its system-clock microseconds
+    int64_t m_lastPts = -1;     // presentation milliseconds of the last frame encoded
+    int64_t m_lastKeyPts = -1;  // and of the last one asked to be a key frame
 
     // Guards the ring and what a save needs to write it.
     std::mutex m_ringLock;

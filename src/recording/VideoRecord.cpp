@@ -13,11 +13,8 @@ namespace zandor {
 
 namespace {
 
-constexpr AVRational Milliseconds{1, 1000};
-// Frames come at the device's pace; until the next one arrives, the board's frame period is the
-// best guess of how long a frame shows.
-constexpr int64_t FrameShowsMs =
-    std::chrono::duration_cast<std::chrono::milliseconds>(CaptureDevice::DefaultFramePeriod).count();
+// A movie's picture runs at the board's nominal rate: one tick a frame slot.
+constexpr AVRational FrameSlots{1, CaptureDevice::NominalFramesPerSecond};
 
 } // namespace
 
@@ -74,6 +71,7 @@ bool VideoRecord::createWriter(const VideoQuality& preset) {
     settings.keyInterval = static_cast<int>(preset.maxKeyInterval());
     settings.speed = encoderSpeed(preset);
     settings.globalHeader = (m_output->oformat->flags & AVFMT_GLOBALHEADER) != 0;
+    settings.timeBase = FrameSlots;
     switch (m_stream ? m_encoder.open(settings) : VideoEncoder::Failure::Codec) {
     case VideoEncoder::Failure::None:
         break;
@@ -91,7 +89,7 @@ bool VideoRecord::createWriter(const VideoQuality& preset) {
                    "avcodec_parameters_from_context")) {
         return false;
     }
-    m_stream->time_base = Milliseconds;
+    m_stream->time_base = FrameSlots;
     m_packet.reset(av_packet_alloc());
     if (!m_packet) {
         logs::recording.error("Error creating pixel buffer");
@@ -115,48 +113,66 @@ bool VideoRecord::append(const CaptureData& frame) {
     if (!m_recording || m_writeError != 0) {
         return false;
     }
-    const int64_t time = currentTime(frame.timestamp());
     if (!m_sessionStarted) {
-        // The movie's time zero is the capture time of its first frame.
-        m_sessionStart = time;
+        // The movie's time zero is the first frame, and its wall-clock time places the sound.
+        m_firstNumber = frame.number();
         m_sessionStarted = true;
         m_sessionStartWallClock = frame.wallClock();
         if (!writeHeader(frame.wallClock())) {
             return false;
         }
     }
-    const int64_t pts = time - m_sessionStart;
-    if (pts <= m_lastTime || !m_headerWritten) {
+    if (frame.number() < m_firstNumber || !m_headerWritten) {
         return false;
     }
-    const AVFrame* picture =
-        frame.size() < m_layout->size() ? nullptr : m_encoder.picture(frame.data(), pts, false);
+    const auto slot = static_cast<int64_t>(frame.number() - m_firstNumber);
+    if (slot <= m_lastSlot) {
+        return false;
+    }
+    if (frame.size() < m_layout->size()) {
+        logs::recording.error("Could not lock base address");
+        return false;
+    }
+    // Slots whose frames were dropped on the way show the picture before them again, so that every
+    // frame of the movie lasts one period. The encoder turns an unchanged picture into a few bytes.
+    for (int64_t missing = m_lastSlot + 1; m_lastSlot >= 0 && missing < slot; ++missing) {
+        // Never null here (a picture was encoded before), which would flush the encoder instead.
+        const AVFrame* again = m_encoder.repeat(missing);
+        if (again && !encode(again)) {
+            return keepWriteError();
+        }
+    }
+    const AVFrame* picture = m_encoder.picture(frame.data(), slot, false);
     if (!picture) {
         logs::recording.error("Could not lock base address");
         return false;
     }
     if (!encode(picture)) {
-        // The output keeps the reason (AVERROR(ENOSPC) for a full disk); any write failure ends
-        // the encoding, so that it is said once rather than once a frame.
-        m_writeError = m_output->pb && m_output->pb->error < 0 ? m_output->pb->error : AVERROR(EIO);
-        return false;
+        return keepWriteError();
     }
-    m_lastTime = pts;
+    m_lastSlot = slot;
     return true;
 }
 
+bool VideoRecord::keepWriteError() {
+    // The output keeps the reason (AVERROR(ENOSPC) for a full disk); any write failure ends the
+    // encoding, so that it is said once rather than once a frame.
+    m_writeError = m_output->pb && m_output->pb->error < 0 ? m_output->pb->error : AVERROR(EIO);
+    return false;
+}
+
 bool VideoRecord::encode(const AVFrame* frame) {
-    // The muxer needs to know how long a frame shows to cut fragments.
-    return ff::encodeAndWrite(m_encoder.context(), frame, m_packet.get(), m_output.get(), m_stream,
-                              FrameShowsMs);
+    // The muxer needs to know how long a frame shows to cut fragments: one slot.
+    return ff::encodeAndWrite(m_encoder.context(), frame, m_packet.get(), m_output.get(), m_stream, 1);
 }
 
 std::optional<std::chrono::system_clock::time_point> VideoRecord::pictureEnd() {
     std::scoped_lock lock(m_lock);
-    if (m_lastTime < 0) {
+    if (m_lastSlot < 0) {
         return std::nullopt;
     }
-    return m_sessionStartWallClock + std::chrono::milliseconds(m_lastTime + FrameShowsMs);
+    return m_sessionStartWallClock + std::chrono::duration_cast<std::chrono::system_clock::duration>(
+                                         (m_lastSlot + 1) * CaptureDevice::DefaultFramePeriod);
 }
 
 bool VideoRecord::writeFailed() {

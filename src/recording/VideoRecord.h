@@ -17,9 +17,11 @@ namespace zandor {
 
 class CaptureData;
 
-// Writes the frames of one layout into an H.264 QuickTime movie, each at its own capture time in
-// milliseconds, the first appended frame at time zero. The movie is fragmented, a fragment every
-// half second, so that a crash leaves a file that plays up to its last half second.
+// Writes the frames of one layout into an H.264 QuickTime movie at the board's nominal rate: a
+// frame shows in the slot of its number (see CaptureDevice), the first appended frame at time zero,
+// and a slot whose frame was dropped on the way shows the picture before it again, so that every
+// frame lasts the same. The movie is fragmented, a fragment every half second, so that a crash
+// leaves a file that plays up to its last half second.
 class VideoRecord {
 public:
     // The x264 speed preset for a quality preset. "veryfast" runs the user's presets at about four
@@ -41,7 +43,7 @@ public:
     // frame rate. True when the writer runs.
     bool start(const QString& bundlePath, const CaptureSettings& settings);
     // Encodes one frame of the layout (rows of red, green, blue bytes). False when not recording,
-    // when the frame's time does not come after the previous frame's (the frame is dropped), or
+    // when the frame's number does not come after the previous frame's (the frame is dropped), or
     // when encoding failed.
     bool append(const CaptureData& frame);
     // Flushes the encoder and finishes the file. False when not recording or finishing failed.
@@ -63,15 +65,14 @@ public:
     const QString& framesPerSecond() const { return m_framesPerSecond; }
     const VideoQualityPtr& quality() const { return m_quality; }
 
-    // Presentation time in milliseconds, truncated toward zero.
-    static int64_t currentTime(double seconds) { return static_cast<int64_t>(seconds * 1000.0); }
-
 private:
     bool createWriter(const VideoQuality& preset);
     // The header names the wall-clock time of the first frame, when it is known.
     bool writeHeader(std::chrono::system_clock::time_point firstFrame);
     // Sends a frame (null to flush) and writes every packet the encoder gives back.
     bool encode(const AVFrame* frame);
+    // Notes why writing failed; returns false.
+    bool keepWriteError();
     bool stopWriter();
     void setPaths(const QString& bundlePath, const CaptureSettings& settings);
 
@@ -93,8 +94,8 @@ private:
     bool m_headerWritten = false;
     bool m_sessionStarted = false;
     int m_writeError = 0;       // the output's error code once a write failed
-    int64_t m_sessionStart = 0; // milliseconds of the first appended frame
-    int64_t m_lastTime = -1;    // presentation time of the last frame appended
+    uint64_t m_firstNumber = 0; // the number of the first appended frame
+    int64_t m_lastSlot = -1;    // the presentation time, in slots, of the last frame appended
     std::chrono::system_clock::time_point m_sessionStartWallClock; // when the first frame was taken
 };
 

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <thread>
 
 namespace zandor {
 namespace {
@@ -162,6 +163,9 @@ TEST_P(ReconnectTest, AVanishedBoardGivesBlackFramesUntilItIsBackAndMayBeOpened)
         EXPECT_EQ(allZero(*frames[n]), n >= 3 && n + 1 < frames.size()) << "frame " << n;
         EXPECT_TRUE(n == 0 || frames[n]->timestamp() > frames[n - 1]->timestamp()) << "frame " << n;
     }
+    // The first frame of the board opened again is asked for after the board's 50 ms start: it
+    // takes the slot of that moment, not of when its pass was due.
+    EXPECT_GE(frames.back()->number(), frames[frames.size() - 2]->number() + 3);
     for (const char* line : {"Capture device disconnected", NoPermissionLine, "Capture device reconnected"}) {
         EXPECT_EQ(log.count(line), 1u) << line;
     }
@@ -189,6 +193,40 @@ TEST_F(CaptureDeviceTest, LogsTheAverageRateOnEvery300thFrameOnly) {
         EXPECT_GT(seconds, 0);
         EXPECT_NEAR(fps, frames / seconds, frames / seconds * 1e-3) << lines[n];
     }
+}
+
+// A frame's number is its slot on the board's frame grid: a read that runs late skips the numbers of
+// the slots it missed, and a new run goes on above the last number, so that no two frames of the
+// device's life share one.
+TEST_F(CaptureDeviceTest, NumbersFramesByTheirSlotsAndNeverRepeatsANumber) {
+    std::vector<CaptureDataPtr> frames;
+    for (uint64_t first : {0u, 7u}) {
+        auto observer = m_device->addObserver(m_wakeup);
+        m_board->holdAt(first + 3);
+        ASSERT_TRUE(m_device->startListening());
+        ASSERT_TRUE(m_board->waitUntilHeld(first + 3));
+        // The board answers the read of the run's fourth frame late, by six periods.
+        std::this_thread::sleep_for(100ms);
+        m_board->holdAt(first + 6);
+        ASSERT_TRUE(m_board->waitUntilHeld(first + 6));
+        const auto taken = takeFrames(*m_device, observer, *m_wakeup, 6);
+        ASSERT_EQ(taken.size(), 6u);
+        EXPECT_TRUE(test::isPatternFrame(taken[0]->data(), first));
+        frames.insert(frames.end(), taken.begin(), taken.end());
+        // The held read ends unpublished; the next run starts with the frame after it.
+        m_device->stopListening();
+        m_board->holdAt(first + 7);
+        ASSERT_TRUE(DetachedThread::waitForAll(20s));
+    }
+    for (size_t n = 1; n < frames.size(); ++n) {
+        EXPECT_GT(frames[n]->number(), frames[n - 1]->number()) << "frame " << n;
+    }
+    EXPECT_GE(frames[4]->number(), frames[3]->number() + 5);
+    EXPECT_GE(frames[10]->number(), frames[9]->number() + 5);
+    // A frame is stamped when it was asked for, not when its read ended: the late read's frame
+    // keeps its earlier time (less a little for the two clock readings a stamp takes).
+    EXPECT_GE(frames[4]->timestamp() - frames[3]->timestamp(), 0.08);
+    EXPECT_GE(std::chrono::duration<double>(frames[10]->wallClock() - frames[9]->wallClock()).count(), 0.08);
 }
 
 TEST_F(CaptureDeviceTest, AFrameReadWhileStoppingIsNotPublished) {
@@ -258,7 +296,7 @@ std::vector<uint8_t> referenceCut(const uint8_t* raw, ScreenGeometry screen) {
 }
 
 // The screens' fast cut, compared with the obvious one over frames whose every byte differs.
-TEST_F(CaptureDeviceTest, ScreensPublishTheCutOfEachRawFrameWithItsTimeStamp) {
+TEST_F(CaptureDeviceTest, ScreensPublishTheCutOfEachRawFrameWithItsTimeStampAndNumber) {
     auto rawObserver = m_device->addObserver(m_wakeup);
     auto topObserver = m_device->screen(0)->addObserver(m_wakeup);
     auto bottomObserver = m_device->screen(1)->addObserver(m_wakeup);
@@ -271,6 +309,7 @@ TEST_F(CaptureDeviceTest, ScreensPublishTheCutOfEachRawFrameWithItsTimeStamp) {
     for (size_t n = 0; n < 6; ++n) {
         for (const auto& [cut, screen] : {std::pair{tops[n], Top}, std::pair{bottoms[n], Bottom}}) {
             EXPECT_EQ(cut->timestamp(), raws[n]->timestamp());
+            EXPECT_EQ(cut->number(), raws[n]->number());
             EXPECT_EQ(std::vector<uint8_t>(cut->data(), cut->data() + cut->size()),
                       referenceCut(raws[n]->data(), screen))
                 << "frame " << n << ", screen at offset " << screen.offset;

@@ -53,5 +53,22 @@ TEST(Observable, AFullQueueDropsItsOldestFrameAndSaysWhichObserverOnceForAQuickR
     EXPECT_EQ(numberOf(producer.observe(fast)), 4);
 }
 
+// A consumer that looks before it takes: a frame looked at and then dropped by the full queue is
+// not taken, nor is the newer frame now in its place.
+TEST(Observable, AFrameLookedAtIsTakenOnlyWhileItIsStillTheOldest) {
+    Observable producer(2);
+    auto observer = producer.addObserver();
+    EXPECT_EQ(producer.peek(observer), nullptr);
+    producer.add(frameNumbered(1));
+    producer.add(frameNumbered(2));
+    const auto seen = producer.peek(observer);
+    EXPECT_EQ(numberOf(seen), 1);
+    EXPECT_EQ(producer.peek(observer), seen) << "looking leaves it there";
+    producer.add(frameNumbered(3));
+    EXPECT_FALSE(producer.take(observer, seen));
+    EXPECT_TRUE(producer.take(observer, producer.peek(observer)));
+    EXPECT_EQ(numberOf(producer.observe(observer)), 3);
+}
+
 } // namespace
 } // namespace zandor

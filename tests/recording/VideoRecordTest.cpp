@@ -13,27 +13,57 @@
 #include <QJsonArray>
 #include <QTemporaryDir>
 
+#include <tuple>
+
 namespace zandor {
 namespace {
 
-// The picture's codec and size, and its frames' times (ms) and key-frame marks in presentation
-// order, as ffprobe reads them.
-std::pair<QString, std::vector<std::pair<int64_t, bool>>> probe(const QString& file) {
+// What ffprobe says of a movie's picture: codec and size, nominal and average rate, and its packets'
+// times and lengths (in the stream's time base) and key-frame marks, in presentation order.
+struct Probed {
+    QString picture;
+    QString rates;
+    std::vector<std::tuple<int64_t, int64_t, bool>> packets;
+};
+
+Probed probe(const QString& file) {
     const auto json =
-        test::probe(file.toStdString(), {"-select_streams", "v:0", "-show_entries",
-                                         "stream=codec_name,width,height:frame=pts_time,key_frame"});
+        test::probe(file.toStdString(),
+                    {"-select_streams", "v:0", "-show_entries",
+                     "stream=codec_name,width,height,r_frame_rate,avg_frame_rate:packet=pts,duration,flags"});
     const auto stream = json["streams"][0];
-    std::vector<std::pair<int64_t, bool>> frames;
-    for (const auto& frame : json["frames"].toArray()) {
-        frames.emplace_back(std::llround(frame[u"pts_time"].toString().toDouble() * 1000),
-                            frame[u"key_frame"].toInt() == 1);
+    Probed probed{QStringLiteral("%1 %2x%3")
+                      .arg(stream[u"codec_name"].toString())
+                      .arg(stream[u"width"].toInt())
+                      .arg(stream[u"height"].toInt()),
+                  stream[u"r_frame_rate"].toString() + " " + stream[u"avg_frame_rate"].toString(),
+                  {}};
+    for (const auto& packet : json["packets"].toArray()) {
+        probed.packets.emplace_back(packet[u"pts"].toInteger(), packet[u"duration"].toInteger(),
+                                    packet[u"flags"].toString().startsWith('K'));
     }
-    std::sort(frames.begin(), frames.end());
-    return {QStringLiteral("%1 %2x%3")
-                .arg(stream[u"codec_name"].toString())
-                .arg(stream[u"width"].toInt())
-                .arg(stream[u"height"].toInt()),
-            frames};
+    std::sort(probed.packets.begin(), probed.packets.end());
+    return probed;
+}
+
+// The movie's pictures decoded by ffmpeg, rows of red, green and blue bytes.
+std::vector<std::string> decodedPictures(const QString& file, uint64_t pictureBytes) {
+    const std::string bytes = test::runProcess({"ffmpeg", "-v", "error", "-i", file.toStdString(), "-f",
+                                                "rawvideo", "-pix_fmt", "rgb24", "-"})
+                                  .out;
+    std::vector<std::string> pictures;
+    for (size_t at = 0; at + pictureBytes <= bytes.size(); at += pictureBytes) {
+        pictures.push_back(bytes.substr(at, pictureBytes));
+    }
+    return pictures;
+}
+
+double meanDifference(const std::string& one, const std::string& other) {
+    double sum = 0;
+    for (size_t i = 0; i < one.size(); ++i) {
+        sum += std::abs(int(uint8_t(one[i])) - int(uint8_t(other[i])));
+    }
+    return sum / double(one.size());
 }
 
 class VideoRecordTest : public ::testing::Test {
@@ -48,13 +78,16 @@ protected:
             m_device);
     }
 
-    // A frame of the layout's size whose picture moves with `n`.
-    static CaptureDataPtr frame(const CaptureLayout& layout, int n, double seconds) {
+    // A frame of the layout's size whose picture moves with `n`, numbered `n`.
+    static CaptureDataPtr frame(const CaptureLayout& layout, uint64_t n, double seconds,
+                                std::chrono::system_clock::time_point wallClock = {}) {
         auto data = CaptureData::create(layout.size());
         for (uint64_t i = 0; i < layout.size(); ++i) {
-            data->data()[i] = static_cast<uint8_t>((i / 3 + static_cast<uint64_t>(n) * 7) % 256);
+            data->data()[i] = static_cast<uint8_t>((i / 3 + n * 7) % 256);
         }
         data->setTimestamp(seconds);
+        data->setWallClock(wallClock);
+        data->setNumber(n);
         return data;
     }
 
@@ -63,9 +96,12 @@ protected:
     std::shared_ptr<CaptureDevice> m_device = CaptureDevice::create(std::make_unique<test::GatedBoard>());
 };
 
-// At the original rate "High" allows at most 60 frames between key frames; a movie converted to a
-// chosen rate later is written with every frame a key frame.
-TEST_F(VideoRecordTest, WritesEveryIncreasingFrameAtItsMillisecond) {
+// Frames are timed by their numbers at the board's 60 a second, whenever they were read: the first
+// one at zero, a number that does not grow refused quietly, and the slots of numbers that never came
+// filled with the picture before them, so that every frame of the movie lasts the same. At the
+// original rate "High" allows at most 60 frames between key frames; a movie converted to a chosen
+// rate later is written with every frame a key frame. The sound is cut where the last frame ends.
+TEST_F(VideoRecordTest, TimesFramesByTheirNumbersAndFillsTheMissingOnesWithTheFrameBefore) {
     for (const auto& [fps, quality, width, height, keyEvery] :
          {std::tuple{"Original", "High", 720, 240, 60}, {"30", "Low", 400, 480, 1}}) {
         SCOPED_TRACE(fps);
@@ -74,34 +110,57 @@ TEST_F(VideoRecordTest, WritesEveryIncreasingFrameAtItsMillisecond) {
         auto side = layout(width, height);
         VideoRecord record(side);
         ASSERT_TRUE(record.start(m_folder.path(), m_settings));
+        EXPECT_FALSE(record.pictureEnd());
 
-        // Capture times from 12.3456 s: the first becomes zero; one frame falls in the millisecond of
-        // the one before and one goes back. Both are refused quietly.
-        std::vector<double> times;
-        for (int n = 0; n < 150; ++n) {
-            times.push_back(12.3456 + n / 60.0);
+        // Numbers from 1000 to 1149 with 1040 to 1042 and 1100 missing, read at uneven times; one
+        // number comes twice and one goes back.
+        std::vector<uint64_t> numbers;
+        for (uint64_t n = 1000; n < 1150; ++n) {
+            if ((n < 1040 || n > 1042) && n != 1100) {
+                numbers.push_back(n);
+            }
         }
-        times.insert(times.begin() + 40, times[39] + 0.0002);
-        times.insert(times.begin() + 90, times[80]);
-        for (size_t n = 0; n < times.size(); ++n) {
+        numbers.insert(numbers.begin() + 20, numbers[19]);
+        numbers.insert(numbers.begin() + 90, numbers[80]);
+        const auto start = std::chrono::system_clock::now();
+        for (size_t i = 0; i < numbers.size(); ++i) {
             LogCapture log;
-            const bool later = n != 40 && n != 90;
-            EXPECT_EQ(record.append(*frame(*side, static_cast<int>(n), times[n])), later) << "frame " << n;
-            EXPECT_TRUE(later || log.lines().empty()) << "frame " << n << ": " << log.lines().front();
+            const bool later = i != 20 && i != 90;
+            const double seconds = 12.3456 + double(i) / 60.0 + (i % 3 == 0 ? 0.009 : 0.0);
+            EXPECT_EQ(record.append(*frame(*side, numbers[i], seconds, start + std::chrono::seconds(i))),
+                      later)
+                << "frame " << i;
+            EXPECT_TRUE(later || log.lines().empty()) << "frame " << i << ": " << log.lines().front();
         }
+        EXPECT_EQ(record.pictureEnd(),
+                  start + std::chrono::duration_cast<std::chrono::system_clock::duration>(
+                              150 * CaptureDevice::DefaultFramePeriod));
         ASSERT_TRUE(record.stop());
-        EXPECT_FALSE(record.append(*frame(*side, 0, 99.0)));
+        EXPECT_FALSE(record.append(*frame(*side, 2000, 99.0)));
 
-        const auto [picture, frames] = probe(record.recordPath());
-        EXPECT_EQ(picture, QStringLiteral("h264 %1x%2").arg(width).arg(height));
-        ASSERT_EQ(frames.size(), 150u);
+        const Probed probed = probe(record.recordPath());
+        EXPECT_EQ(probed.picture, QStringLiteral("h264 %1x%2").arg(width).arg(height));
+        EXPECT_EQ(probed.rates, "60/1 60/1");
+        ASSERT_EQ(probed.packets.size(), 150u);
+        const int64_t slot = std::get<1>(probed.packets[0]);
         int sinceKey = 0;
-        for (int n = 0; n < 150; ++n) {
-            const auto [ms, key] = frames[static_cast<size_t>(n)];
-            EXPECT_EQ(ms, VideoRecord::currentTime(12.3456 + n / 60.0) - VideoRecord::currentTime(12.3456))
-                << n;
+        for (size_t n = 0; n < 150; ++n) {
+            const auto [pts, duration, key] = probed.packets[n];
+            EXPECT_EQ(pts, int64_t(n) * slot) << "frame " << n;
+            EXPECT_EQ(duration, slot) << "frame " << n;
             sinceKey = key ? 0 : sinceKey + 1;
             EXPECT_LT(sinceKey, keyEvery) << "frame " << n;
+        }
+
+        const auto pictures = decodedPictures(record.recordPath(), side->size());
+        ASSERT_EQ(pictures.size(), 150u);
+        for (size_t n = 1; n < 150; ++n) {
+            const bool repeated = (n >= 40 && n <= 42) || n == 100;
+            if (repeated) {
+                EXPECT_LT(meanDifference(pictures[n], pictures[n - 1]), 1.0) << "frame " << n;
+            } else {
+                EXPECT_GT(meanDifference(pictures[n], pictures[n - 1]), 4.0) << "frame " << n;
+            }
         }
     }
 }

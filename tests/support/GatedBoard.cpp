@@ -6,14 +6,14 @@
 
 namespace zandor::test {
 
-namespace {
-
 uint8_t patternByte(uint64_t frame, uint64_t offset) {
+    // Mixed through a multiply, so that no two frames share their bytes (a plain mix of a few bits
+    // of the product made whole frames of different numbers equal).
     uint64_t x = (frame + 1) * 0x9E3779B97F4A7C15ull ^ (offset * 0xC2B2AE3D27D4EB4Full);
-    return static_cast<uint8_t>((x >> 29) ^ (x >> 7) ^ offset);
+    x ^= x >> 29;
+    x *= 0xBF58476D1CE4E5B9ull;
+    return static_cast<uint8_t>(x >> 32);
 }
-
-} // namespace
 
 bool isPatternFrame(const uint8_t* data, uint64_t frame) {
     for (uint64_t i = 0; i < raw::FrameBytes; ++i) {

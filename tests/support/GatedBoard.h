@@ -17,8 +17,10 @@
 
 namespace zandor::test {
 
-// Whether `data` holds all of raw frame `frame` as the test boards send it: a cheap mix of the
-// frame's number and each byte's position, so that frames differ and every byte position matters.
+// Byte `offset` of raw frame `frame` as the test boards send it: a cheap mix of the frame's number
+// and the byte's position, so that frames differ and every byte position matters.
+uint8_t patternByte(uint64_t frame, uint64_t offset);
+// Whether `data` holds all of raw frame `frame` of that pattern.
 bool isPatternFrame(const uint8_t* data, uint64_t frame);
 
 // A simulated board whose frames are of that pattern and which can be held inside the bulk read of

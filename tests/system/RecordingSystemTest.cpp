@@ -1,6 +1,7 @@
 // Whole-program tests of `zandor-cli record`: the demo board, a private sound server whose sinks
 // feed the inputs GameIn and NarratorIn, and the movies checked with ffprobe and ffmpeg.
 
+#include "DemoCount.h"
 #include "Files.h"
 #include "Media.h"
 #include "PulseServer.h"
@@ -350,6 +351,69 @@ INSTANTIATE_TEST_SUITE_P(
                                       "mount -t tmpfs -o size=64m zandor-full \"$1\" || exit 90; ",
                                       "No space left on device"}),
     [](const ::testing::TestParamInfo<FinalisingFault>& info) { return std::string(info.param.name); });
+
+// The demo board's count of every frame of a movie of "Top over Bottom" (400 x 480, the bottom
+// screen at (40, 240)), read from the top and the bottom screen.
+std::vector<std::pair<uint64_t, uint64_t>> demoCounts(const std::string& movie) {
+    constexpr int Width = DemoBoard::CountX + DemoBoard::CountBits * DemoBoard::CountBlock;
+    constexpr int Height = DemoBoard::CountBlock;
+    std::vector<std::string> strips;
+    for (const auto& [x, y] : {std::pair{0, 0}, {40, 240}}) {
+        strips.push_back(
+            test::runProcess({"ffmpeg", "-v", "error", "-i", movie, "-vf",
+                              "crop=" + std::to_string(Width) + ":" + std::to_string(Height) + ":" +
+                                  std::to_string(x) + ":" + std::to_string(y + DemoBoard::CountY),
+                              "-f", "rawvideo", "-pix_fmt", "rgb24", "-"})
+                .out);
+    }
+    constexpr size_t StripBytes = size_t{Width} * Height * 3;
+    std::vector<std::pair<uint64_t, uint64_t>> counts;
+    for (size_t at = 0; at + StripBytes <= std::min(strips[0].size(), strips[1].size()); at += StripBytes) {
+        const auto count = [at](const std::string& strip) {
+            return test::demoCount(reinterpret_cast<const uint8_t*>(strip.data() + at), Width,
+                                   DemoBoard::CountX, 0);
+        };
+        counts.emplace_back(count(strips[0]), count(strips[1]));
+    }
+    return counts;
+}
+
+// With both cores busy, a movie at the original rate still shows in every frame the top and the
+// bottom screen of one board frame, and runs at a constant 60 frames a second: a board frame that
+// came late or was lost shows the one before it for its slot.
+TEST_F(RecordingSystemTest, AnOriginalMovieShowsBothScreensOfOneBoardFrameAtAConstantRate) {
+    ProcessResult run;
+    {
+        const test::BusyCores load;
+        run = record({"--seconds", "10", "--layout", "Top over Bottom"});
+    }
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const std::string movie = splitLines(run.out).at(0);
+
+    EXPECT_EQ(
+        probed({"-select_streams", "v:0", "-show_entries", "stream=r_frame_rate,avg_frame_rate", movie}),
+        QStringList{"60/1,60/1"});
+    const QStringList packets =
+        probed({"-select_streams", "v:0", "-show_entries", "packet=pts,duration", movie});
+    ASSERT_GT(packets.size(), 60);
+    std::vector<std::pair<int64_t, int64_t>> times;
+    for (const QString& packet : packets) {
+        times.emplace_back(packet.section(',', 0, 0).toLongLong(), packet.section(',', 1, 1).toLongLong());
+    }
+    std::sort(times.begin(), times.end());
+    const int64_t slot = times[0].second;
+    for (size_t n = 0; n < times.size(); ++n) {
+        EXPECT_EQ(times[n], std::pair(int64_t(n) * slot, slot)) << "frame " << n;
+    }
+
+    const auto counts = demoCounts(movie);
+    ASSERT_EQ(counts.size(), times.size());
+    EXPECT_GT(counts.back().first, counts.front().first) << "the count is read";
+    for (size_t n = 0; n < counts.size(); ++n) {
+        EXPECT_EQ(counts[n].first, counts[n].second) << "frame " << n;
+        EXPECT_TRUE(n == 0 || counts[n].first >= counts[n - 1].first) << "frame " << n;
+    }
+}
 
 // The demo board shows a white frame at its first frame after every whole second of the wall clock,
 // the game input hears a beep at every whole second, and a movie names the wall-clock time of its
