@@ -1,5 +1,6 @@
 #include "DemoBoard.h"
 
+#include "CaptureDevice.h"
 #include "RawFrame.h"
 
 #include <algorithm>
@@ -194,11 +195,13 @@ void DemoBoard::render(uint64_t frame, uint8_t* raw) {
 
 void DemoBoard::fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) {
     if (m_rendered != static_cast<int64_t>(frame)) {
-        // The first frame read in each second flashes. A fixed window after the second would miss
-        // seconds now and then: the board's pace is never exactly 60 frames a second.
-        const int64_t second = std::chrono::duration_cast<std::chrono::seconds>(
-                                   std::chrono::system_clock::now().time_since_epoch())
-                                   .count();
+        // The frame read nearest each whole second flashes: the first one read less than half a
+        // frame period before it, or after it. A fixed window would miss seconds now and then: the
+        // board's pace is never exactly 60 frames a second.
+        const int64_t second =
+            std::chrono::duration_cast<std::chrono::seconds>(
+                (std::chrono::system_clock::now() + CaptureDevice::DefaultFramePeriod / 2).time_since_epoch())
+                .count();
         const bool flash = m_flashes && m_flashSecond >= 0 && second != m_flashSecond;
         m_flashSecond = second;
         if (flash) {

@@ -9,9 +9,9 @@ namespace zandor {
 
 // A simulated board with a moving, recognisable picture on both screens: a labelled frame
 // counter, scrolling colour bars and a bouncing marker on each. Every frame's bytes follow from its
-// number alone, unless flashes are on: then the first frame read after each whole second of the
-// wall clock (the clock of the frames' time stamps) is all white, for measuring how sound and
-// picture line up. Flashes are on when ZANDOR_DEMO_FLASH is set to 1.
+// number alone, unless flashes are on: then the frame read nearest each whole second of the wall
+// clock (the clock of the frames' time stamps), within half a frame period, is all white, for
+// measuring how sound and picture line up. Flashes are on when ZANDOR_DEMO_FLASH is set to 1.
 class DemoBoard final : public SimulatedBoard {
 public:
     DemoBoard();

@@ -415,12 +415,11 @@ TEST_F(RecordingSystemTest, AnOriginalMovieShowsBothScreensOfOneBoardFrameAtACon
     }
 }
 
-// The demo board shows a white frame at its first frame after every whole second of the wall clock,
-// the game input hears a beep at every whole second, and a movie names the wall-clock time of its
-// first frame. While other processes keep every core busy, every beep must start within 20 ms of its
-// second's place in the movie, and every white frame must show in the frame period at its second, or
-// later when the busy machine let the board read late (the board's pace is the device's concern).
-TEST_F(RecordingSystemTest, EveryBeepAndEveryWhiteFrameLieAtTheirSecondUnderLoad) {
+// The demo board shows a white frame at its frame nearest every whole second of the wall clock, the
+// game input hears a beep at every whole second, and a movie names the wall-clock time of its first
+// frame. While other processes keep every core busy, every beep must start within 20 ms of its white
+// frame and of its second's place in the movie (bench/av-sync measures how near over minutes).
+TEST_F(RecordingSystemTest, EveryBeepMeetsItsWhiteFrameAndItsSecondUnderLoad) {
     setenv("ZANDOR_DEMO_FLASH", "1", 1);
     auto beeps = std::make_unique<PulseServer::Playback>("game_sink", 1000, 30, 16);
     ProcessResult run;
@@ -456,10 +455,11 @@ TEST_F(RecordingSystemTest, EveryBeepAndEveryWhiteFrameLieAtTheirSecondUnderLoad
     ASSERT_GE(onsets.size(), 8u) << "a beep a second";
     for (double onset : onsets) {
         EXPECT_LT(std::abs(fromSecond(onset)), 0.02) << "the beep at " << onset << " s is out of step";
-    }
-    for (double flash : flashes) {
-        EXPECT_GT(fromSecond(flash), -0.02) << "the white frame at " << flash << " s comes before its second";
-        EXPECT_LT(fromSecond(flash), 0.25) << "the white frame at " << flash << " s comes late";
+        const auto flash = std::min_element(flashes.begin(), flashes.end(), [onset](double a, double b) {
+            return std::abs(a - onset) < std::abs(b - onset);
+        });
+        ASSERT_NE(flash, flashes.end());
+        EXPECT_LT(std::abs(*flash - onset), 0.02) << "the beep at " << onset << " s and its white frame at " << *flash << " (" << fromSecond(*flash) << " from its second)";
     }
 }
 
