@@ -251,6 +251,78 @@ TEST_F(RecordingSystemTest, FixedFrameRateIsMadeByTheConvertingToolAfterTheSound
     EXPECT_EQ(streams(movie), (QStringList{"aac,44100,2", "h264,400,240"}));
 }
 
+// The pictures of a movie that show from `fromSeconds` for `seconds`, as rows of red, green and blue
+// bytes, each as ffmpeg decodes it.
+std::vector<std::string> picturesAt(const std::string& movie, double fromSeconds, double seconds, int width,
+                                    int height) {
+    const std::string bytes = test::runProcess({"ffmpeg", "-v", "error", "-ss", std::to_string(fromSeconds),
+                                                "-i", movie, "-t", std::to_string(seconds), "-fps_mode",
+                                                "passthrough", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"})
+                                  .out;
+    const size_t size = static_cast<size_t>(width) * height * 3;
+    std::vector<std::string> pictures;
+    for (size_t at = 0; at + size <= bytes.size(); at += size) {
+        pictures.push_back(bytes.substr(at, size));
+    }
+    return pictures;
+}
+
+// How far two pictures of the same size are apart: the mean difference of their bytes.
+double meanDifference(const std::string& picture, const std::string& other) {
+    double sum = 0;
+    for (size_t i = 0; i < picture.size(); ++i) {
+        sum += std::abs(static_cast<int>(static_cast<uint8_t>(picture[i])) - static_cast<uint8_t>(other[i]));
+    }
+    return sum / static_cast<double>(picture.size());
+}
+
+// Converted to a fixed rate, a movie keeps its layout's whole picture at the layout's exact size
+// (left to itself, the converter crops a layout's dark background as black borders) and plays at
+// exactly that many frames a second. Every built-in layout is recorded once, with the rates taken
+// in turn: what the converter would crop depends on the picture and not on the rate, and the rate's
+// timing not on the picture, so every layout and every rate are covered without a recording of
+// each layout at each rate (35 conversions would take minutes).
+TEST_F(RecordingSystemTest, AFixedRateKeepsEachLayoutsWholePictureAtExactlyThatRate) {
+    // The converter keeps a copy of what it converts.
+    const QString unconverted = m_work.path() + "/unconverted.mp4";
+    const QByteArray keepACopy = "cp \"$2\" '" + unconverted.toUtf8() + "'";
+    const std::string program = installWith({"HandBrakeCLI", keepACopy.constData()});
+    const std::vector<std::string> layouts = splitLines(test::runProcess({ZANDOR_CLI, "layouts"}).out);
+    ASSERT_GE(layouts.size(), 7u) << "the built-in layouts, Top and Bottom";
+    const QStringList rates{"24", "25", "30", "50", "60"};
+    for (size_t i = 0; i < layouts.size(); ++i) {
+        // Name, width, height, ...
+        const QStringList layout = QString::fromStdString(layouts[i]).split(u'\t');
+        ASSERT_GE(layout.size(), 3);
+        const int width = layout[1].toInt(), height = layout[2].toInt();
+        const QString rate = rates[static_cast<qsizetype>(i) % rates.size()];
+        SCOPED_TRACE((layout[0] + " at " + rate).toStdString());
+        const ProcessResult run = record(
+            {"--seconds", "2", "--layout", layout[0].toStdString(), "--fps", rate.toStdString()}, program);
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        const std::string movie = splitLines(run.out).at(0);
+        const QJsonValue picture =
+            test::probe(movie, {"-show_streams", "-select_streams", "v:0"})["streams"][0];
+        EXPECT_EQ(picture["width"].toInt(), width);
+        EXPECT_EQ(picture["height"].toInt(), height);
+        EXPECT_EQ(picture["r_frame_rate"].toString().toStdString(), rate.toStdString() + "/1");
+        EXPECT_EQ(picture["avg_frame_rate"].toString().toStdString(), rate.toStdString() + "/1");
+
+        // The picture shown a second in is one the board made then, give or take a frame, with no
+        // more change than the encoders make.
+        const std::vector<std::string> shown = picturesAt(movie, 1.0, 0.001, width, height);
+        const std::vector<std::string> made =
+            picturesAt(unconverted.toStdString(), 1.0 - 0.05, 0.1, width, height);
+        ASSERT_EQ(shown.size(), 1u);
+        ASSERT_FALSE(made.empty());
+        double nearest = 255;
+        for (const std::string& candidate : made) {
+            nearest = std::min(nearest, meanDifference(shown[0], candidate));
+        }
+        EXPECT_LT(nearest, 1.0);
+    }
+}
+
 TEST_F(RecordingSystemTest, AnAudioInputThatIsGoneStopsTheStart) {
     for (const auto& [game, narrator] : {std::pair{"GoneIn", "None"}, {"GameIn", "GoneIn"}}) {
         const ProcessResult run =
