@@ -132,7 +132,7 @@ bool AudioFileReader::decodeMore(std::string& error) {
 
 bool AudioFileReader::queue(const AVFrame* frame, std::string& error) {
     if (!m_resampler) {
-        AVChannelLayout stereo, input;
+        AVChannelLayout stereo{}, input{};
         av_channel_layout_default(&stereo, Channels);
         if (av_channel_layout_copy(&input, &frame->ch_layout) < 0) {
             error = "out of memory";
@@ -164,15 +164,15 @@ bool AudioFileReader::queue(const AVFrame* frame, std::string& error) {
         drop = m_nextSample - at;
     }
     const int room = swr_get_out_samples(m_resampler.get(), frame->nb_samples);
-    std::vector<float> converted(static_cast<size_t>(std::max(room, 0)) * Channels);
-    uint8_t* out[1] = {reinterpret_cast<uint8_t*>(converted.data())};
+    m_converted.resize(static_cast<size_t>(std::max(room, 0)) * Channels);
+    uint8_t* out[1] = {reinterpret_cast<uint8_t*>(m_converted.data())};
     const int count = swr_convert(m_resampler.get(), out, room,
                                   const_cast<const uint8_t**>(frame->extended_data), frame->nb_samples);
     if (count < 0) {
         error = "cannot convert the sound of '" + m_path + "': " + ff::errorText(count);
         return false;
     }
-    return append(converted.data(), count, drop, error);
+    return append(m_converted.data(), count, drop, error);
 }
 
 bool AudioFileReader::append(const float* samples, int frames, int64_t drop, std::string& error) {
@@ -194,10 +194,10 @@ bool AudioFileReader::flushResampler(std::string& error) {
     if (room <= 0) {
         return true;
     }
-    std::vector<float> converted(static_cast<size_t>(room) * Channels);
-    uint8_t* out[1] = {reinterpret_cast<uint8_t*>(converted.data())};
+    m_converted.resize(static_cast<size_t>(room) * Channels);
+    uint8_t* out[1] = {reinterpret_cast<uint8_t*>(m_converted.data())};
     const int count = swr_convert(m_resampler.get(), out, room, nullptr, 0);
-    return count <= 0 || append(converted.data(), count, 0, error);
+    return count <= 0 || append(m_converted.data(), count, 0, error);
 }
 
 } // namespace zandor

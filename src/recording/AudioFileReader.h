@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace zandor {
 
@@ -29,7 +30,9 @@ public:
     int read(float* samples, int frames, std::string& error);
 
 private:
-    // Decodes until the queue holds samples or the track ends; false on failure.
+    // Decodes the next frame into the queue, or notes the end of the track; false on failure.
+    // Called only once the queue and the silence before it are used up, so that a gap's silence,
+    // read first, comes before the frame after it.
     bool decodeMore(std::string& error);
     // Queues a decoded frame, after the silence of a gap before it, less what overlaps the queue.
     bool queue(const AVFrame* frame, std::string& error);
@@ -52,7 +55,8 @@ private:
     // zero; the next is -1 before the first.
     int64_t m_firstSample = 0;
     int64_t m_nextSample = -1;
-    int64_t m_silence = 0; // frames of a gap, read before what the queue holds
+    int64_t m_silence = 0;          // frames of a gap, read before what the queue holds
+    std::vector<float> m_converted; // a decoded frame's samples on their way to the queue
     std::optional<int64_t> m_captureStartNs;
 };
 

@@ -333,9 +333,8 @@ std::optional<std::vector<SublerWrapper::NamedSource>> VideoRecorder::soundTrack
     if (!haveGame) {
         return std::vector<SublerWrapper::NamedSource>{{narrator, QStringLiteral("Narrator"), und, true}};
     }
-    // Heard together by default; each alone as well, not chosen by default, so that an editor can
-    // balance the two.
-    // The mix starts and ends with the picture, as the game track does.
+    // Heard together by default, the mix starting and ending with the picture as the game track
+    // does; each alone as well, not chosen by default, so that an editor can balance the two.
     const auto picture = pictureSpanNs();
     std::string why = "no movie says when its picture was captured";
     if (!picture || !AudioMixer::mix({game.toStdString(), narrator.toStdString()}, picture->first,

@@ -26,11 +26,11 @@ class AudioInput;
 
 // Records a video of every layout on show, with the game sound (played through) and the
 // narrator's microphone, into the bundle "Capture <stamp>.zdrecord" in the storage folder. When
-// stopped it finishes the tracks, merges each layout's video with the sound (SublerCLI: the game's,
-// or with a narrator the two mixed, then each alone), converts it when a frame rate was chosen
-// (HandBrakeCLI), moves the MP4 files out beside the bundle, and reports to its delegate. The bundle is
-// removed only once every movie is out of it: a failed step leaves the recording there, and the message says
-// where.
+// stopped it finishes the tracks, merges each layout's video with the sound (SublerCLI: the
+// game's, or with a narrator the two mixed, then each alone), converts it when a frame rate was
+// chosen (HandBrakeCLI), moves the MP4 files out beside the bundle, and reports to its delegate.
+// The bundle is removed only once every movie is out of it: a failed step leaves the recording
+// there, and the message says where.
 class VideoRecorder final : public Recorder {
 public:
     VideoRecorder(std::vector<LayoutPtr> layouts, CaptureSettings settings);
@@ -70,9 +70,10 @@ protected:
 
 private:
     void actualize();
-    // The sound tracks each movie gets besides its picture, in order, under their names: none when
-    // there is no narrator (the game track, if any, then goes in as recorded), else the game and
-    // the narrator mixed, then each alone. Unset when the mix could not be made.
+    // The sound tracks each movie gets besides its picture, in order, under their names: none
+    // without a narrator (the game track, if any, then goes in as recorded), the narrator alone
+    // without a game track, else the two mixed, then each alone. Unset when the mix could not be
+    // made.
     std::optional<std::vector<SublerWrapper::NamedSource>> soundTracks();
     // From the first picture of the movies to the end of the last, in wall-clock nanoseconds since
     // the epoch; unset when no movie says when it was captured.
