@@ -221,6 +221,21 @@ TEST_F(RecordingSystemTest, ANarratedMovieHasTheMixThenTheGameThenTheNarratorEac
     }
 }
 
+// A narrator without a game input: the narrator is the movie's one sound track.
+TEST_F(RecordingSystemTest, ANarratorWithoutAGameInputIsTheOneSoundTrack) {
+    const PulseServer::Playback narrator("narrator_sink", 1000, 0, 20);
+    const ProcessResult run = record(
+        {"--seconds", "2", "--layout", "Top", "--game-audio", "None", "--narrator-audio", "NarratorIn"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const std::string movie = splitLines(run.out).at(0);
+    const QJsonArray probed =
+        test::probe(movie, {"-show_streams", "-select_streams", "a"})["streams"].toArray();
+    ASSERT_EQ(probed.size(), 1);
+    EXPECT_EQ(probed[0]["tags"]["handler_name"], "Narrator");
+    EXPECT_EQ(probed[0]["disposition"]["default"].toInt(), 1);
+    EXPECT_NEAR(pitchOfTheStart(movie), 1000.0, 10.0);
+}
+
 // A replay with a game input chosen carries its sound beside the picture, for the same seconds, and
 // nothing else is left in the folder.
 TEST_F(RecordingSystemTest, AReplayCarriesTheGameSound) {
