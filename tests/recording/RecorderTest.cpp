@@ -214,7 +214,7 @@ int inputsRecorded() {
 // A stopped recording lets both its inputs go before it finalises, the narrator's microphone as
 // much as the game's, not only once the recorder itself goes; its movie gets both.
 TEST_F(RecorderTest, AStoppedRecordingLetsGoOfBothInputsAndItsMovieGetsBoth) {
-    test::PulseServer pulse;
+    const test::PulseServer& pulse = test::PulseServer::forThisProgram();
     ASSERT_TRUE(pulse.isRunning()) << pulse.error();
     const test::PulseServer::Playback game("game_sink", 440, 0, 60), narrator("narrator_sink", 1000, 0, 60);
     m_settings.gameAudioInput = "GameIn";
