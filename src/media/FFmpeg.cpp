@@ -2,6 +2,7 @@
 
 #include "base/Log.h"
 
+#include <cctype>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -103,7 +104,7 @@ bool encodeAndWrite(AVCodecContext* encoder, const AVFrame* frame, AVPacket* pac
 void setCaptureStart(AVFormatContext* output, double captureStart) {
     char start[64];
     std::snprintf(start, sizeof start, "%.6f", captureStart);
-    av_dict_set(&output->metadata, "zandor_capture_start", start, 0);
+    av_dict_set(&output->metadata, CaptureStartKey, start, 0);
 }
 
 bool writeFragmentedHeader(AVFormatContext* output, double captureStart) {
@@ -115,6 +116,43 @@ bool writeFragmentedHeader(AVFormatContext* output, double captureStart) {
     options.set("frag_duration", "500000");
     options.set("flush_packets", "1");
     return check(avformat_write_header(output, options.get()), "avformat_write_header");
+}
+
+std::optional<int64_t> captureStartNs(const AVDictionary* metadata) {
+    const AVDictionaryEntry* entry = av_dict_get(metadata, CaptureStartKey, nullptr, 0);
+    if (!entry) {
+        return std::nullopt;
+    }
+    // "[-]seconds[.fraction]", parsed without floating point; digits past the ninth are ignored.
+    const char* c = entry->value;
+    bool negative = false;
+    if (*c == '-' || *c == '+') {
+        negative = *c == '-';
+        ++c;
+    }
+    if (!std::isdigit(static_cast<unsigned char>(*c))) {
+        return std::nullopt;
+    }
+    int64_t seconds = 0;
+    for (; std::isdigit(static_cast<unsigned char>(*c)); ++c) {
+        if (seconds > INT64_MAX / 1000000000 / 10) {
+            return std::nullopt;
+        }
+        seconds = seconds * 10 + (*c - '0');
+    }
+    int64_t fraction = 0;
+    int64_t scale = 100000000;
+    if (*c == '.') {
+        for (++c; std::isdigit(static_cast<unsigned char>(*c)); ++c) {
+            fraction += (*c - '0') * scale;
+            scale /= 10;
+        }
+    }
+    if (*c != '\0') {
+        return std::nullopt;
+    }
+    const int64_t total = seconds * 1000000000 + fraction;
+    return negative ? -total : total;
 }
 
 InputContext openInput(const std::string& path, std::string& error) {

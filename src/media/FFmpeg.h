@@ -12,7 +12,9 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace zandor::ff {
@@ -104,6 +106,10 @@ private:
 bool encodeAndWrite(AVCodecContext* encoder, const AVFrame* frame, AVPacket* packet, AVFormatContext* output,
                     AVStream* stream, int64_t defaultDuration = 0);
 
+// The metadata key holding the wall-clock time of a movie's time zero, in seconds since the Unix
+// epoch as decimal text.
+inline constexpr const char* CaptureStartKey = "zandor_capture_start";
+
 // Names in the metadata "zandor_capture_start" of a movie (before its header is written) the
 // wall-clock seconds of its time zero, from which its tracks are lined up with others. The muxer
 // writes it with the movflags "use_metadata_tags".
@@ -113,6 +119,10 @@ void setCaptureStart(AVFormatContext* output, double captureStart);
 // to the file at once, so that a crash leaves a playable file) whose metadata "zandor_capture_start"
 // holds `captureStart`, the wall-clock seconds of its time zero, when given (not negative).
 bool writeFragmentedHeader(AVFormatContext* output, double captureStart);
+
+// The capture start a movie's metadata holds, in nanoseconds since the epoch, read exactly; unset
+// when there is none or it is not a number.
+std::optional<int64_t> captureStartNs(const AVDictionary* metadata);
 
 // Opens an input file and reads its stream information. Null, with the reason in `error`, on failure.
 InputContext openInput(const std::string& path, std::string& error);

@@ -1,5 +1,6 @@
 #include "VideoRecorder.h"
 
+#include "AudioMixer.h"
 #include "HandBrakeWrapper.h"
 #include "SublerWrapper.h"
 #include "base/Log.h"
@@ -44,7 +45,7 @@ const QString ChoiceVideoQuality = QStringLiteral("VideoQuality");
 
 VideoRecorder::~VideoRecorder() {
     unlockBundle();
-    // The narrator's input is never stopped by finalising; it ends with the recorder.
+    // Finalising stops both inputs; these end a recording that never got that far.
     m_audioNarratorRecord->stop();
     m_audioGameRecord->stop();
     m_audioThread->quit();
@@ -165,10 +166,13 @@ void VideoRecorder::capturedLayouts() {
             success = false;
         }
     }
-    // The game track ends with the picture, neither short of it nor running on.
-    if (m_audioGameRecord->isRecording() && !m_audioGameRecord->stop(pictureEnd)) {
-        keepError(QStringLiteral("The recording of the audio could not be finalized."));
-        success = false;
+    // The sound tracks end with the picture, neither short of it nor running on, and both inputs
+    // are let go (a microphone left open would go on showing as in use).
+    for (AudioRecord* audio : {m_audioGameRecord.get(), m_audioNarratorRecord.get()}) {
+        if (audio->isRecording() && !audio->stop(pictureEnd)) {
+            keepError(QStringLiteral("The recording of the audio could not be finalized."));
+            success = false;
+        }
     }
     if (success) {
         actualize();
@@ -260,6 +264,7 @@ std::shared_ptr<VideoRecorder> VideoRecorder::forBundle(const QString& bundlePat
     recorder->m_bundlePath = bundle;
     recorder->m_basePath = bundle.chopped(9);
     recorder->m_audioGameRecord->adopt(bundle);
+    recorder->m_audioNarratorRecord->adopt(bundle);
     for (const QString& name : names) {
         auto record = std::make_shared<VideoRecord>(name, bundle, settings);
         // A movie that was cut off mid-fragment still plays up to its last whole fragment.
@@ -290,6 +295,7 @@ bool VideoRecorder::recover() {
         QFile::remove(record->mergePath());
         QFile::remove(record->convertPath());
     }
+    QFile::remove(mixPath());
     m_done = false;
     actualize();
     unlockBundle();
@@ -297,11 +303,65 @@ bool VideoRecorder::recover() {
     return !QFileInfo::exists(m_bundlePath);
 }
 
+QString VideoRecorder::mixPath() const {
+    return m_bundlePath + QStringLiteral("/AudioMix.mov");
+}
+
+std::optional<std::pair<int64_t, int64_t>> VideoRecorder::pictureSpanNs() const {
+    std::optional<std::pair<int64_t, int64_t>> span;
+    for (const auto& record : m_videoRecords) {
+        std::string error;
+        const ff::InputContext movie = ff::openInput(record->recordPath().toStdString(), error);
+        const std::optional<int64_t> start = movie ? ff::captureStartNs(movie->metadata) : std::nullopt;
+        if (!start || movie->duration <= 0) {
+            continue;
+        }
+        const int64_t end = *start + av_rescale(movie->duration, 1000000000, AV_TIME_BASE);
+        span = span ? std::pair{std::min(span->first, *start), std::max(span->second, end)}
+                    : std::pair{*start, end};
+    }
+    return span;
+}
+
+std::optional<std::vector<SublerWrapper::NamedSource>> VideoRecorder::soundTracks() {
+    const QString game = m_audioGameRecord->path(), narrator = m_audioNarratorRecord->path();
+    const bool haveGame = !game.isEmpty() && QFileInfo::exists(game);
+    if (narrator.isEmpty() || !QFileInfo::exists(narrator)) {
+        return std::vector<SublerWrapper::NamedSource>{};
+    }
+    const QString und = QStringLiteral("und");
+    if (!haveGame) {
+        return std::vector<SublerWrapper::NamedSource>{{narrator, QStringLiteral("Narrator"), und, true}};
+    }
+    // Heard together by default, the mix starting and ending with the picture as the game track
+    // does; each alone as well, not chosen by default, so that an editor can balance the two.
+    const auto picture = pictureSpanNs();
+    std::string why = "no movie says when its picture was captured";
+    if (!picture || !AudioMixer::mix({game.toStdString(), narrator.toStdString()}, picture->first,
+                                     picture->second, mixPath().toStdString(), why)) {
+        logs::recording.error("Could not mix the game sound and the narrator: %s", why.c_str());
+        return std::nullopt;
+    }
+    return std::vector<SublerWrapper::NamedSource>{
+        {mixPath(), QStringLiteral("Game and narrator"), und, true},
+        {game, QStringLiteral("Game"), und, false},
+        {narrator, QStringLiteral("Narrator"), und, false}};
+}
+
 void VideoRecorder::actualize() {
     bool success = true;
     // The bundle goes only when every layout's movie is out of it: whatever failed, the recorded
     // tracks stay where the user is told they are.
     bool allMovedOut = true;
+    const auto sounds = soundTracks();
+    if (!sounds) {
+        keepError(QStringLiteral("It was not possible to merge audio."));
+        success = allMovedOut = false;
+    }
+    QStringList soundTitles;
+    for (const auto& sound : sounds.value_or(std::vector<SublerWrapper::NamedSource>{})) {
+        soundTitles.append(sound.title);
+    }
     for (auto it = m_videoRecords.begin(); it != m_videoRecords.end() && success; ++it) {
         VideoRecord& record = **it;
         if (!SublerWrapper::instance().appendSource(record.recordPath(), record.mergePath(), m_toolLimits)) {
@@ -309,13 +369,19 @@ void VideoRecorder::actualize() {
             allMovedOut = false;
             continue;
         }
-        if (QFileInfo::exists(m_audioGameRecord->path()) &&
-            !SublerWrapper::instance().appendSource(m_audioGameRecord->path(), record.mergePath(),
-                                                    m_toolLimits)) {
+        bool merged = true;
+        if (!sounds->empty()) {
+            merged = SublerWrapper::instance().appendSources(*sounds, record.mergePath(), m_toolLimits);
+        } else if (QFileInfo::exists(m_audioGameRecord->path())) {
+            // Without a narrator, the game track goes in as it was recorded.
+            merged = SublerWrapper::instance().appendSource(m_audioGameRecord->path(), record.mergePath(),
+                                                            m_toolLimits);
+        }
+        if (!merged) {
             keepError(QStringLiteral("It was not possible to merge audio."));
             success = false;
         }
-        if (!success || !convert(record)) {
+        if (!success || !convert(record, soundTitles)) {
             allMovedOut = false;
         }
     }
@@ -336,11 +402,11 @@ void VideoRecorder::actualize() {
     }
 }
 
-bool VideoRecorder::convert(VideoRecord& record) {
+bool VideoRecorder::convert(VideoRecord& record, const QStringList& soundTitles) {
     if (record.framesPerSecond() != QLatin1String("Original")) {
         const QString bitRate = QString::asprintf("%ld", static_cast<long>(record.quality()->bitRate()));
         if (!HandBrakeWrapper::instance().convert(record.mergePath(), record.convertPath(), bitRate,
-                                                  record.framesPerSecond(), m_toolLimits)) {
+                                                  record.framesPerSecond(), soundTitles, m_toolLimits)) {
             keepError(QStringLiteral("It was not possible to convert the merged video."));
             return false;
         }

@@ -4,6 +4,7 @@
 #include "Recorder.h"
 #include "RecorderDelegate.h"
 #include "ShellCommand.h"
+#include "SublerWrapper.h"
 #include "VideoRecord.h"
 #include "settings/CaptureSettings.h"
 
@@ -13,6 +14,9 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <optional>
+#include <utility>
+#include <vector>
 
 class QThread;
 
@@ -22,10 +26,11 @@ class AudioInput;
 
 // Records a video of every layout on show, with the game sound (played through) and the
 // narrator's microphone, into the bundle "Capture <stamp>.zdrecord" in the storage folder. When
-// stopped it finishes the tracks, merges each layout's video with the game sound (SublerCLI),
-// converts it when a frame rate was chosen (HandBrakeCLI), moves the MP4 files out beside the
-// bundle, and reports to its delegate. The bundle is removed only once every movie is out of it: a
-// failed step leaves the recording there, and the message says where.
+// stopped it finishes the tracks, merges each layout's video with the sound (SublerCLI: the
+// game's, or with a narrator the two mixed, then each alone), converts it when a frame rate was
+// chosen (HandBrakeCLI), moves the MP4 files out beside the bundle, and reports to its delegate.
+// The bundle is removed only once every movie is out of it: a failed step leaves the recording
+// there, and the message says where.
 class VideoRecorder final : public Recorder {
 public:
     VideoRecorder(std::vector<LayoutPtr> layouts, CaptureSettings settings);
@@ -65,12 +70,23 @@ protected:
 
 private:
     void actualize();
+    // The sound tracks each movie gets besides its picture, in order, under their names: none
+    // without a narrator (the game track, if any, then goes in as recorded), the narrator alone
+    // without a game track, else the two mixed, then each alone. Unset when the mix could not be
+    // made.
+    std::optional<std::vector<SublerWrapper::NamedSource>> soundTracks();
+    // From the first picture of the movies to the end of the last, in wall-clock nanoseconds since
+    // the epoch; unset when no movie says when it was captured.
+    std::optional<std::pair<int64_t, int64_t>> pictureSpanNs() const;
+    // Where the mix of the game and the narrator is made, in the bundle.
+    QString mixPath() const;
     // Holds the bundle for this process until finalising ends (or the process does); false when
     // another holds it.
     bool lockBundle();
     void unlockBundle();
     bool writeChoices() const;
-    bool convert(VideoRecord& record);
+    // `soundTitles` name the movie's sound tracks, when they have names of their own.
+    bool convert(VideoRecord& record, const QStringList& soundTitles);
     bool finish(VideoRecord& record);
     void tryError(const QString& message);
     // tryError for a failure that leaves the recording in the bundle, saying where it is kept.

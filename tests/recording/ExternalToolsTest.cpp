@@ -44,10 +44,28 @@ TEST_F(ShellCommandTest, WrappersPassTheirExactArgumentListsWithoutAShell) {
     ASSERT_TRUE(SublerWrapper::instance().appendSource(source, tricky));
     EXPECT_EQ(test::readLines(m_tools.filePath("arguments")),
               (QStringList{"-source", source, "-dest", tricky}));
+    ASSERT_TRUE(SublerWrapper::instance().appendSources(
+        {{tricky, "Game and narrator", "und", true}, {source, "Game", "und", false}}, source));
+    EXPECT_EQ(test::readLines(m_tools.filePath("arguments")),
+              (QStringList{"-source", tricky, "-title", "Game and narrator", "-language", "und", "-default",
+                           "yes", "-source", source, "-title", "Game", "-language", "und", "-default", "no",
+                           "-dest", source}));
+
+    // The whole picture at a constant rate: no crop, whatever the tool takes for black borders.
+    const QStringList picture{"--input",  source, "--output", tricky, "--encoder", "x264",
+                              "--format", "mp4",  "--rate",   "30",   "--vb",      "2500"};
+    const QStringList fixed{"--optimize", "--crop", "0:0:0:0", "--cfr"};
     ASSERT_TRUE(HandBrakeWrapper::instance().convert(source, tricky, "2500", "30"));
     EXPECT_EQ(test::readLines(m_tools.filePath("arguments")),
-              (QStringList{"--input", source, "--output", tricky, "--encoder", "x264", "--format", "mp4",
-                           "--rate", "30", "--vb", "2500", "--aencoder", "copy:aac", "--optimize"}));
+              (picture + QStringList{"--aencoder", "copy:aac"} + fixed));
+    // Named sound tracks: every one of them kept, by copy, under its name.
+    ASSERT_TRUE(
+        HandBrakeWrapper::instance().convert(source, tricky, "2500", "30", {"Game and narrator", "Game"}));
+    EXPECT_EQ(test::readLines(m_tools.filePath("arguments")),
+              (picture +
+               QStringList{"--audio", "1,2", "--aencoder", "copy:aac,copy:aac", "--aname",
+                           "Game and narrator,Game"} +
+               fixed));
 }
 
 // A tool that writes more than a pipe holds would stall if its output were read only after it ended.
@@ -57,6 +75,26 @@ TEST_F(ShellCommandTest, AToolIsReadWhileItRuns) {
                 (QVariantMap{{ShellCommandOutput, QString(6000000, 'x')}, {ShellCommandStatus, 3}}));
 }
 
+// A second of `source` (an ffmpeg lavfi source) in a QuickTime movie made by the ffmpeg
+// command-line tool, captured from `captureStart` when there is one.
+std::string makeMovie(const QTemporaryDir& folder, const char* name, const char* source, const char* codec,
+                      const char* captureStart) {
+    const std::string path = folder.filePath(name).toStdString();
+    std::vector<std::string> command{"ffmpeg", "-v", "error", "-f", "lavfi", "-i", source, "-c", codec};
+    command.insert(command.end(), {"-t", "1", "-f", "mov", "-movflags", "use_metadata_tags"});
+    if (captureStart) {
+        command.insert(command.end(), {"-metadata", std::string("zandor_capture_start=") + captureStart});
+    }
+    command.push_back(path);
+    const ProcessResult made = runProcess(command);
+    EXPECT_EQ(made.exitCode, 0) << made.err;
+    return path;
+}
+
+double seconds(const QJsonValue& object, const char* key) {
+    return object[key].toString().toDouble();
+}
+
 // SublerCLI against movies made by the ffmpeg command-line tool. The destination is made from the
 // video, then given the sound in place, the sound placed by its capture start against the video's
 // (AAC's priming frame may show just before), the part from before the video left out; the video's
@@ -64,24 +102,8 @@ TEST_F(ShellCommandTest, AToolIsReadWhileItRuns) {
 TEST(SublerCliTest, MakesAnMp4FromTheVideoThenAddsTheSoundAlignedByItsCaptureStart) {
     constexpr const char* VideoStart = "1763760000.000000";
     const QTemporaryDir folder(QDir::tempPath() + "/zandor media XXXXXX");
-    // A second of `source`, captured from `captureStart` when there is one.
-    const auto make = [&folder](const char* name, const char* source, const char* codec,
-                                const char* captureStart) {
-        const std::string path = folder.filePath(name).toStdString();
-        std::vector<std::string> command{"ffmpeg", "-v", "error", "-f", "lavfi", "-i", source, "-c", codec};
-        command.insert(command.end(), {"-t", "1", "-f", "mov", "-movflags", "use_metadata_tags"});
-        if (captureStart) {
-            command.insert(command.end(), {"-metadata", std::string("zandor_capture_start=") + captureStart});
-        }
-        command.push_back(path);
-        const ProcessResult made = runProcess(command);
-        EXPECT_EQ(made.exitCode, 0) << made.err;
-        return path;
-    };
-    const auto seconds = [](const QJsonValue& object, const char* key) {
-        return object[key].toString().toDouble();
-    };
-    const std::string video = make("video file.mov", "testsrc=size=400x240:rate=60", "libx264", VideoStart);
+    const std::string video =
+        makeMovie(folder, "video file.mov", "testsrc=size=400x240:rate=60", "libx264", VideoStart);
     const std::string merged = folder.filePath("merged movie.mp4").toStdString();
     for (const auto& [audio, captureStart, start, length] :
          {std::tuple<const char*, const char*, double, double>{"audio file.mov", nullptr, 0.0, 1.0},
@@ -89,7 +111,8 @@ TEST(SublerCliTest, MakesAnMp4FromTheVideoThenAddsTheSoundAlignedByItsCaptureSta
           {"audio earlier.mov", "1763759999.700000", 0.0, 0.7}}) {
         SCOPED_TRACE(audio);
         QFile::remove(QString::fromStdString(merged));
-        for (const std::string& source : {video, make(audio, "sine=frequency=440", "aac", captureStart)}) {
+        for (const std::string& source :
+             {video, makeMovie(folder, audio, "sine=frequency=440", "aac", captureStart)}) {
             const ProcessResult made = runProcess({ZANDOR_SUBLERCLI, "-source", source, "-dest", merged});
             EXPECT_EQ(made.exitCode, 0) << made.err;
         }
@@ -103,6 +126,83 @@ TEST(SublerCliTest, MakesAnMp4FromTheVideoThenAddsTheSoundAlignedByItsCaptureSta
         EXPECT_NEAR(seconds(picture, "start_time"), 0.0, 0.001);
         EXPECT_NEAR(seconds(sound, "start_time"), start, 0.03);
         EXPECT_NEAR(seconds(sound, "duration"), length, 0.03);
+    }
+}
+
+// Several sources in one run: their tracks follow the destination's in the order given, each under
+// its name and language and with its default flag (the one an MP4 file keeps as the track's
+// "enabled" flag), and each placed by its own capture start.
+TEST(SublerCliTest, AddsSeveralSourcesInOneRunInOrderEachNamedAndPlaced) {
+    const QTemporaryDir folder(QDir::tempPath() + "/zandor media XXXXXX");
+    const std::string merged = folder.filePath("merged movie.mp4").toStdString();
+    const ProcessResult video = runProcess(
+        {ZANDOR_SUBLERCLI, "-source",
+         makeMovie(folder, "video.mov", "testsrc=size=400x240:rate=60", "libx264", "1763760000.000000"),
+         "-dest", merged});
+    ASSERT_EQ(video.exitCode, 0) << video.err;
+    const ProcessResult sounds =
+        runProcess({ZANDOR_SUBLERCLI,
+                    "-source",
+                    makeMovie(folder, "mix.mov", "sine=frequency=440", "aac", "1763760000.000000"),
+                    "-title",
+                    "Game and narrator",
+                    "-language",
+                    "und",
+                    "-default",
+                    "yes",
+                    "-source",
+                    makeMovie(folder, "game.mov", "sine=frequency=440", "aac", "1763760000.250000"),
+                    "-title",
+                    "Game",
+                    "-language",
+                    "und",
+                    "-default",
+                    "no",
+                    "-source",
+                    makeMovie(folder, "narrator.mov", "sine=frequency=1000", "aac", "1763760000.500000"),
+                    "-title",
+                    "Narrator",
+                    "-default",
+                    "no",
+                    "-language",
+                    "und",
+                    "-dest",
+                    merged});
+    ASSERT_EQ(sounds.exitCode, 0) << sounds.err;
+
+    const QJsonArray streams = test::probe(merged, {"-show_streams"})["streams"].toArray();
+    ASSERT_EQ(streams.size(), 4);
+    EXPECT_EQ(streams[0]["codec_type"], "video");
+    EXPECT_EQ(streams[0]["disposition"]["default"], 1);
+    const char* const titles[] = {"Game and narrator", "Game", "Narrator"};
+    for (int track = 0; track < 3; ++track) {
+        const QJsonValue sound = streams[track + 1];
+        SCOPED_TRACE(titles[track]);
+        EXPECT_EQ(sound["codec_type"], "audio");
+        EXPECT_EQ(sound["tags"]["handler_name"], titles[track]);
+        EXPECT_EQ(sound["tags"]["language"], "und");
+        EXPECT_EQ(sound["disposition"]["default"], track == 0 ? 1 : 0);
+        EXPECT_NEAR(seconds(sound, "start_time"), 0.25 * track, 0.03);
+    }
+}
+
+TEST(SublerCliTest, RefusesACommandLineItDoesNotTakeAndWritesNothing) {
+    const QTemporaryDir folder;
+    const std::string source = makeMovie(folder, "sound.mov", "sine=frequency=440", "aac", nullptr);
+    const std::string destination = folder.filePath("merged.mp4").toStdString();
+    for (const std::vector<std::string>& options : std::vector<std::vector<std::string>>{
+             {"-title", "Game", "-source", source, "-dest", destination},
+             {"-source", source, "-language", "english", "-dest", destination},
+             {"-source", source, "-default", "maybe", "-dest", destination},
+             {"-source", source, "-title", "Game", "-dest", destination, "-dest", destination},
+             {"-source", source, "-title"},
+             {"-source", source}}) {
+        std::vector<std::string> command{ZANDOR_SUBLERCLI};
+        command.insert(command.end(), options.begin(), options.end());
+        const ProcessResult run = runProcess(command);
+        EXPECT_EQ(run.exitCode, 1) << options.size();
+        EXPECT_EQ(run.err.rfind("usage: SublerCLI -source SOURCE", 0), 0u) << run.err;
+        EXPECT_FALSE(QFile::exists(QString::fromStdString(destination)));
     }
 }
 

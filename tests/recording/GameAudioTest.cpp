@@ -58,7 +58,7 @@ int streamsPlayed() {
 
 TEST(GameAudio, ListeningIsHeardOnceAndARecordingKeepsItsFirstInstantOrSaysItCannotFinish) {
     test::isolateUserFolders();
-    test::PulseServer pulse;
+    const test::PulseServer& pulse = test::PulseServer::forThisProgram();
     ASSERT_TRUE(pulse.isRunning()) << pulse.error();
     const test::PulseServer::Playback tone("game_sink", 440, 0, 60);
 

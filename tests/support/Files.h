@@ -26,11 +26,12 @@ inline QStringList readLines(const QString& path) {
 }
 
 // Stand-ins for the merging and the converting tool in `folder`: each notes its call in
-// `folder`/calls and makes its destination from its source (the merger only when there is none
-// yet), the converter after running `converterFirst`.
+// `folder`/calls and makes its destination from its (first) source (the merger only when there is
+// none yet: its destination is its last argument), the converter after running `converterFirst`.
 inline bool writeStandInTools(const QString& folder, const QByteArray& converterFirst = {}) {
     const QByteArray note = "#!/bin/sh\necho \"$(basename \"$0\") $*\" >> \"$(dirname \"$0\")/calls\"\n";
-    return writeFile(folder + "/SublerCLI", note + "[ -f \"$4\" ] || cp \"$2\" \"$4\"\n", true) &&
+    return writeFile(folder + "/SublerCLI",
+                     note + "for last; do :; done\n[ -f \"$last\" ] || cp \"$2\" \"$last\"\n", true) &&
            writeFile(folder + "/HandBrakeCLI", note + converterFirst + "\ncp \"$2\" \"$4\"\n", true);
 }
 

@@ -6,6 +6,8 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 
@@ -36,6 +38,27 @@ inline std::vector<int16_t> decodeSound(const std::string& file, std::vector<std
     std::vector<int16_t> samples(bytes.size() / 2);
     std::memcpy(samples.data(), bytes.data(), samples.size() * 2);
     return samples;
+}
+
+// The amplitude, in the samples' own unit, of a sine of `frequencyHz` in `count` samples taken
+// `rate` times a second: Goertzel's algorithm at that one frequency over a Hann window. The
+// window's main lobe is four frequency bins wide, so a tone a little off the frequency still
+// counts nearly whole, and its side lobes fall off fast, so a tone many bins away adds nothing.
+template <typename Sample>
+double toneAmplitude(const Sample* samples, size_t count, double frequencyHz, int rate) {
+    const double coefficient = 2 * std::cos(2 * M_PI * frequencyHz / rate);
+    double previous = 0, beforePrevious = 0;
+    for (size_t i = 0; i < count; ++i) {
+        const double hann =
+            0.5 - 0.5 * std::cos(2 * M_PI * static_cast<double>(i) / static_cast<double>(count));
+        const double current = hann * samples[i] + coefficient * previous - beforePrevious;
+        beforePrevious = previous;
+        previous = current;
+    }
+    const double power =
+        previous * previous + beforePrevious * beforePrevious - coefficient * previous * beforePrevious;
+    // The window passes half of a sine's amplitude.
+    return 2 * std::sqrt(std::max(power, 0.0)) / (static_cast<double>(count) / 2);
 }
 
 } // namespace zandor::test

@@ -53,6 +53,11 @@ bool PulseServer::unplug(const std::string& input) {
     return false;
 }
 
+PulseServer& PulseServer::forThisProgram() {
+    static PulseServer server;
+    return server;
+}
+
 PulseServer::~PulseServer() {
     for (pid_t keeper : m_keepers) {
         endProcess(keeper);

@@ -39,6 +39,10 @@ public:
     };
 
     PulseServer() : m_error(start()) {}
+    // One server for the whole test program, for tests whose own process records or plays through
+    // Qt Multimedia: Qt connects to the first server it meets and keeps that connection, so a
+    // second server in the same program goes unheard. Started on first use, ended at exit.
+    static PulseServer& forThisProgram();
     ~PulseServer();
     PulseServer(const PulseServer&) = delete;
     PulseServer& operator=(const PulseServer&) = delete;

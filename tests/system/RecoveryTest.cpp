@@ -1,5 +1,6 @@
 // Recordings that a kill left unfinished: `zandor-cli recover` finishes the abandoned ones as a
-// stopped recording is finished, leaves alone one that is still recording, and names one it cannot.
+// stopped recording is finished (with the game and the narrator mixed, then each alone), leaves
+// alone one that is still recording, and names one it cannot.
 
 #include "Files.h"
 #include "Media.h"
@@ -26,11 +27,13 @@ TEST(Recovery, AKilledRecordingIsFinishedWithItsSoundAndALiveOrUnreadableOneIsLe
     test::PulseServer pulse;
     ASSERT_TRUE(pulse.isRunning()) << pulse.error();
     const test::PulseServer::Playback game("game_sink", 440, 0, 30);
+    const test::PulseServer::Playback narrator("narrator_sink", 1000, 0, 30);
     QTemporaryDir work;
     const std::string out = work.path().toStdString();
     const auto record = [&out](const char* seconds) {
         return test::startProcess({ZANDOR_CLI, "record", "--board", "demo", "--seconds", seconds, "--layout",
-                                   "Top", "--game-audio", "GameIn", "--out", out});
+                                   "Top", "--game-audio", "GameIn", "--narrator-audio", "NarratorIn", "--out",
+                                   out});
     };
 
     // Killed without warning five seconds into the recording (from when its bundle is there: a
@@ -74,12 +77,16 @@ TEST(Recovery, AKilledRecordingIsFinishedWithItsSoundAndALiveOrUnreadableOneIsLe
     EXPECT_TRUE(QFileInfo(broken).isDir()) << "what cannot be recovered stays";
     EXPECT_FALSE(QFileInfo::exists(work.path() + "/" + abandoned[0])) << "the recovered bundle goes";
 
-    const QJsonObject probed = test::probe(movie, {"-show_entries", "stream=codec_type,duration"});
-    EXPECT_EQ(probed["streams"].toArray().size(), 2) << "one picture and one sound";
-    EXPECT_GE(test::streamWith(probed, "codec_type", "video")["duration"].toString().toDouble(), 4.0);
-    const std::vector<int16_t> sound = test::decodeSound(movie);
-    ASSERT_GT(sound.size(), 44100u);
-    EXPECT_GT(*std::max_element(sound.begin(), sound.end()), 8000) << "the game's tone is merged";
+    const QJsonArray streams = test::probe(movie, {"-show_streams"})["streams"].toArray();
+    ASSERT_EQ(streams.size(), 4) << "one picture and three sounds";
+    EXPECT_GE(streams[0]["duration"].toString().toDouble(), 4.0);
+    const char* const titles[] = {"Game and narrator", "Game", "Narrator"};
+    for (int track = 0; track < 3; ++track) {
+        EXPECT_EQ(streams[track + 1]["tags"]["handler_name"], titles[track]);
+        const std::vector<int16_t> sound = test::decodeSound(movie, {"-map", "0:a:" + std::to_string(track)});
+        ASSERT_GT(sound.size(), 44100u);
+        EXPECT_GT(*std::max_element(sound.begin(), sound.end()), 8000) << titles[track] << " sounds";
+    }
 }
 
 } // namespace

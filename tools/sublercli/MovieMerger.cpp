@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <vector>
 #include <sys/stat.h>
 
 namespace zandor {
@@ -42,12 +43,34 @@ bool writesBefore(const AVPacket* packet, const AVStream* stream, const AVPacket
     return av_compare_ts(packet->dts, stream->time_base, other->dts, otherStream->time_base) <= 0;
 }
 
+void label(AVStream* stream, const MovieMerger::Labels& labels) {
+    if (labels.title) {
+        av_dict_set(&stream->metadata, "title", labels.title->c_str(), 0);
+        av_dict_set(&stream->metadata, "handler_name", labels.title->c_str(), 0);
+    }
+    if (labels.language) {
+        av_dict_set(&stream->metadata, "language", labels.language->c_str(), 0);
+    }
+    if (labels.isDefault) {
+        stream->disposition = *labels.isDefault ? stream->disposition | AV_DISPOSITION_DEFAULT
+                                                : stream->disposition & ~AV_DISPOSITION_DEFAULT;
+    }
+}
+
 } // namespace
 
-bool MovieMerger::merge(const std::string& source, const std::string& destination, std::string& error) {
-    TrackSource added(source);
-    if (!added.open(error)) {
+bool MovieMerger::merge(const std::vector<Source>& sources, const std::string& destination,
+                        std::string& error) {
+    if (sources.empty()) {
+        error = "no source to add";
         return false;
+    }
+    std::vector<std::unique_ptr<TrackSource>> added;
+    for (const Source& source : sources) {
+        added.push_back(std::make_unique<TrackSource>(source.path));
+        if (!added.back()->open(error)) {
+            return false;
+        }
     }
     std::unique_ptr<TrackSource> kept;
     struct stat info {};
@@ -60,12 +83,14 @@ bool MovieMerger::merge(const std::string& source, const std::string& destinatio
         if (!kept->open(error)) {
             return false;
         }
-        // Both capture starts are wall-clock times of each file's time zero; the difference places
-        // the added tracks on the destination's time line.
-        const std::optional<int64_t> addedStart = added.captureStartNs();
-        const std::optional<int64_t> keptStart = kept->captureStartNs();
-        if (addedStart && keptStart) {
-            added.setOffset(*addedStart - *keptStart);
+    }
+    // Every capture start is the wall-clock time of its file's time zero; the differences place
+    // the added tracks on the time line of the result.
+    if (const std::optional<int64_t> reference = (kept ? *kept : *added.front()).captureStartNs()) {
+        for (const auto& source : added) {
+            if (const std::optional<int64_t> start = source->captureStartNs()) {
+                source->setOffset(*start - *reference);
+            }
         }
     }
 
@@ -81,11 +106,17 @@ bool MovieMerger::merge(const std::string& source, const std::string& destinatio
     if (kept) {
         kept->addStreams(output.get());
     }
-    if (added.addStreams(output.get()) == 0) {
-        error = "'" + source + "' has no track that an MP4 file can hold";
-        return false;
+    for (size_t i = 0; i < added.size(); ++i) {
+        const unsigned first = output->nb_streams;
+        if (added[i]->addStreams(output.get()) == 0) {
+            error = "'" + sources[i].path + "' has no track that an MP4 file can hold";
+            return false;
+        }
+        for (unsigned stream = first; stream < output->nb_streams; ++stream) {
+            label(output->streams[stream], sources[i].labels);
+        }
     }
-    copyMetadata(kept ? kept->metadata() : added.metadata(), &output->metadata);
+    copyMetadata(kept ? kept->metadata() : added.front()->metadata(), &output->metadata);
 
     // Keys of our own, the capture start among them, are only kept as QuickTime metadata keys.
     ff::Options options;
@@ -94,26 +125,32 @@ bool MovieMerger::merge(const std::string& source, const std::string& destinatio
         return false;
     }
 
-    // Both files are read in step, each packet written in decoding order, so the result is
-    // interleaved without holding either file in memory.
-    TrackSource* sources[2] = {kept.get(), &added};
-    ff::Packet pending[2];
-    for (int i = 0; i < 2; ++i) {
-        if (sources[i] && sources[i]->next(pending[i], error) < 0) {
+    // All files are read in step, each packet written in decoding order, so the result is
+    // interleaved without holding any file in memory.
+    std::vector<TrackSource*> inputs;
+    if (kept) {
+        inputs.push_back(kept.get());
+    }
+    for (const auto& source : added) {
+        inputs.push_back(source.get());
+    }
+    std::vector<ff::Packet> pending(inputs.size());
+    std::vector<int64_t> written(inputs.size(), 0);
+    for (size_t i = 0; i < inputs.size(); ++i) {
+        if (inputs[i]->next(pending[i], error) < 0) {
             return false;
         }
     }
-    int64_t addedPackets = 0;
     for (;;) {
         int chosen = -1;
-        for (int i = 0; i < 2; ++i) {
+        for (size_t i = 0; i < inputs.size(); ++i) {
             if (!pending[i]) {
                 continue;
             }
             if (chosen < 0 ||
                 !writesBefore(pending[chosen].get(), output->streams[pending[chosen]->stream_index],
                               pending[i].get(), output->streams[pending[i]->stream_index])) {
-                chosen = i;
+                chosen = static_cast<int>(i);
             }
         }
         if (chosen < 0) {
@@ -123,18 +160,18 @@ bool MovieMerger::merge(const std::string& source, const std::string& destinatio
                        "av_interleaved_write_frame", error)) {
             return false;
         }
-        if (sources[chosen] == &added) {
-            ++addedPackets;
-        }
+        ++written[chosen];
         pending[chosen].reset();
-        if (sources[chosen]->next(pending[chosen], error) < 0) {
+        if (inputs[chosen]->next(pending[chosen], error) < 0) {
             return false;
         }
     }
-    if (addedPackets == 0) {
-        // A track without samples would be left out by the muxer: nothing would be added.
-        error = "nothing of '" + source + "' lies after the start of '" + destination + "'";
-        return false;
+    for (size_t i = kept ? 1 : 0, source = 0; i < inputs.size(); ++i, ++source) {
+        if (written[i] == 0) {
+            // A track without samples would be left out by the muxer: nothing would be added.
+            error = "nothing of '" + sources[source].path + "' lies after the start of '" + destination + "'";
+            return false;
+        }
     }
     if (!succeeded(av_write_trailer(output.get()), "av_write_trailer", error)) {
         return false;

@@ -1,7 +1,6 @@
 #include "TrackSource.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdint>
 #include <cstring>
 
@@ -10,39 +9,6 @@ namespace zandor {
 namespace {
 
 constexpr AVRational Nanoseconds{1, 1000000000};
-
-// Parses "[-]seconds[.fraction]" exactly into nanoseconds; digits past the ninth are ignored.
-std::optional<int64_t> parseSeconds(const char* text) {
-    const char* c = text;
-    bool negative = false;
-    if (*c == '-' || *c == '+') {
-        negative = *c == '-';
-        ++c;
-    }
-    if (!std::isdigit(static_cast<unsigned char>(*c))) {
-        return std::nullopt;
-    }
-    int64_t seconds = 0;
-    for (; std::isdigit(static_cast<unsigned char>(*c)); ++c) {
-        if (seconds > INT64_MAX / 1000000000 / 10) {
-            return std::nullopt;
-        }
-        seconds = seconds * 10 + (*c - '0');
-    }
-    int64_t fraction = 0;
-    int64_t scale = 100000000;
-    if (*c == '.') {
-        for (++c; std::isdigit(static_cast<unsigned char>(*c)); ++c) {
-            fraction += (*c - '0') * scale;
-            scale /= 10;
-        }
-    }
-    if (*c != '\0') {
-        return std::nullopt;
-    }
-    const int64_t total = seconds * 1000000000 + fraction;
-    return negative ? -total : total;
-}
 
 // The tag the output should use for a copied stream: the input's when the output format knows
 // it for the same codec, otherwise none, so the muxer chooses.
@@ -72,8 +38,7 @@ bool TrackSource::open(std::string& error) {
 }
 
 std::optional<int64_t> TrackSource::captureStartNs() const {
-    const AVDictionaryEntry* entry = av_dict_get(m_input->metadata, CaptureStartKey, nullptr, 0);
-    return entry ? parseSeconds(entry->value) : std::nullopt;
+    return ff::captureStartNs(m_input->metadata);
 }
 
 int TrackSource::addStreams(AVFormatContext* output) {

@@ -15,10 +15,6 @@ namespace zandor {
 // fixed offset and expressed in the output streams' time bases.
 class TrackSource {
 public:
-    // The metadata key holding the wall-clock time of a movie's first sample, in seconds since
-    // the Unix epoch as decimal text.
-    static constexpr const char* CaptureStartKey = "zandor_capture_start";
-
     explicit TrackSource(std::string path) : m_path(std::move(path)) {}
 
     bool open(std::string& error);

@@ -1,29 +1,75 @@
-// SublerCLI: adds the tracks of one movie to another.
+// SublerCLI: adds the tracks of movies to another.
 //
-//   SublerCLI -source SOURCE -dest DESTINATION
+//   SublerCLI -source SOURCE [-title TITLE] [-language CODE] [-default yes|no] [-source ...]
+//             -dest DESTINATION
 //
-// Creates DESTINATION as an MP4 file with SOURCE's tracks when it does not exist, otherwise adds
-// SOURCE's tracks to it in place, by stream copy. Exits with 0 on success; otherwise with 1 and
-// one line on standard error saying why.
+// Creates DESTINATION as an MP4 file with the sources' tracks when it does not exist, otherwise
+// adds the sources' tracks to it in place, by stream copy. The options after a source name its
+// tracks in the result: their title (also their handler's name), their language (ISO 639-2, "und"
+// for undetermined) and whether players choose them by default. Exits with 0 on success;
+// otherwise with 1 and one line on standard error saying why.
 
 #include "MovieMerger.h"
 
 #include "base/Log.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
+
+namespace {
+
+bool isLanguageCode(const std::string& code) {
+    return code.size() == 3 &&
+           std::all_of(code.begin(), code.end(), [](char c) { return c >= 'a' && c <= 'z'; });
+}
+
+// The sources and destination of the command line; false when it is not one SublerCLI takes.
+bool parse(int argc, char** argv, std::vector<zandor::MovieMerger::Source>& sources,
+           std::string& destination) {
+    bool haveDestination = false;
+    for (int i = 1; i < argc; i += 2) {
+        if (i + 1 >= argc) {
+            return false;
+        }
+        const std::string option = argv[i], value = argv[i + 1];
+        if (option == "-source") {
+            sources.push_back({value, {}});
+        } else if (option == "-dest" && !haveDestination) {
+            destination = value;
+            haveDestination = true;
+        } else if (sources.empty()) {
+            return false;
+        } else if (option == "-title") {
+            sources.back().labels.title = value;
+        } else if (option == "-language" && isLanguageCode(value)) {
+            sources.back().labels.language = value;
+        } else if (option == "-default" && (value == "yes" || value == "no")) {
+            sources.back().labels.isDefault = value == "yes";
+        } else {
+            return false;
+        }
+    }
+    return haveDestination && !sources.empty();
+}
+
+} // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 5 || std::strcmp(argv[1], "-source") != 0 || std::strcmp(argv[3], "-dest") != 0) {
-        std::fprintf(stderr, "usage: SublerCLI -source SOURCE -dest DESTINATION\n");
+    std::vector<zandor::MovieMerger::Source> sources;
+    std::string destination;
+    if (!parse(argc, argv, sources, destination)) {
+        std::fprintf(stderr, "usage: SublerCLI -source SOURCE [-title TITLE] [-language CODE] "
+                             "[-default yes|no] [-source ...] -dest DESTINATION\n");
         return 1;
     }
     // FFmpeg's own warnings would add lines to standard error, which holds only the reason of a
     // failure; they are kept here, and the last one is added to that reason.
     zandor::LogCapture ffmpegMessages;
     std::string error;
-    if (zandor::MovieMerger::merge(argv[2], argv[4], error)) {
+    if (zandor::MovieMerger::merge(sources, destination, error)) {
         return 0;
     }
     const auto messages = ffmpegMessages.lines();
