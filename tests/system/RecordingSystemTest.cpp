@@ -51,9 +51,16 @@ QStringList streams(const std::string& movie) {
     return described;
 }
 
-// How long a stream of a movie ("v:0", "a:0") lasts.
+// How long a stream of a movie ("v:0", "a:0") lasts, and where on the movie's time it ends.
 double streamSeconds(const std::string& movie, const char* stream) {
     return probed({"-select_streams", stream, "-show_entries", "stream=duration", movie}).value(0).toDouble();
+}
+double streamEnd(const std::string& movie, const char* stream) {
+    const QStringList startAndLength =
+        probed({"-select_streams", stream, "-show_entries", "stream=start_time,duration", movie})
+            .value(0)
+            .split(',');
+    return startAndLength.value(0).toDouble() + startAndLength.value(1).toDouble();
 }
 
 // The pitch of the first sound track over a second from just after the sound starts (an input
