@@ -323,6 +323,8 @@ TEST_F(MainControllerSoundTest, TheInputsAreOpenOnlyWhileSomethingRecordsBuffers
     buffer->click();
     ASSERT_TRUE(m_controller->replayBuffer());
     EXPECT_EQ(streamsOpen(), QStringList{"Game"});
+    // Pause comes back with the record button's next blink after the recording.
+    ASSERT_TRUE(QTest::qWaitFor([&] { return ui.playPauseItem->isEnabled(); }, 10000));
     ui.playPauseItem->trigger();
     EXPECT_TRUE(closeAll()) << "paused: " << streamsOpen().join(", ").toStdString();
     ui.playPauseItem->trigger();
