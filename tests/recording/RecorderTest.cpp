@@ -200,52 +200,6 @@ TEST_F(RecorderTest, EachLayoutIsConvertedUnderItsNameAndAHungConverterIsEndedKe
         << "the chosen rate and the quality's bit rate";
 }
 
-// How many sound inputs this process records from the sound server.
-int inputsRecorded() {
-    const std::string listed = test::runProcess({"pactl", "list", "source-outputs"}).out;
-    const std::string ours = "application.process.id = \"" + std::to_string(getpid()) + "\"";
-    int count = 0;
-    for (size_t at = listed.find(ours); at != std::string::npos; at = listed.find(ours, at + 1)) {
-        ++count;
-    }
-    return count;
-}
-
-// A stopped recording lets both its inputs go before it finalises, the narrator's microphone as
-// much as the game's, not only once the recorder itself goes; its movie gets both.
-TEST_F(RecorderTest, AStoppedRecordingLetsGoOfBothInputsAndItsMovieGetsBoth) {
-    const test::PulseServer& pulse = test::PulseServer::forThisProgram();
-    ASSERT_TRUE(pulse.isRunning()) << pulse.error();
-    const test::PulseServer::Playback game("game_sink", 440, 0, 60), narrator("narrator_sink", 1000, 0, 60);
-    m_settings.gameAudioInput = "GameIn";
-    m_settings.narratorAudioInput = "NarratorIn";
-    auto delegate = std::make_shared<Delegate>();
-    int recordingInputs = 0;
-    // Halfway, once both tracks hold a fragment of sound (an input takes a while to start).
-    const auto whenBothSound = [this, &recordingInputs] {
-        const auto soundBytes = [this](const char* track) {
-            const QStringList bundles = QDir(m_folder.path()).entryList({"*.zdrecord"}, QDir::Dirs);
-            return bundles.isEmpty() ? 0 : QFileInfo(m_folder.filePath(bundles[0] + "/" + track)).size();
-        };
-        const auto deadline = std::chrono::steady_clock::now() + 30s;
-        while ((soundBytes("AudioGame.mov") < 4000 || soundBytes("AudioNarrator.mov") < 4000) &&
-               std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(20ms); // the pause between looks
-        }
-        recordingInputs = inputsRecorded();
-    };
-    auto recorder = recordVideo({m_top}, delegate, {}, 20, whenBothSound);
-    EXPECT_EQ(recordingInputs, 2) << "the game's and the narrator's";
-    EXPECT_TRUE(recorder->isDone());
-    EXPECT_EQ(inputsRecorded(), 0) << "with the recorder still there";
-    EXPECT_TRUE(delegate->errors.isEmpty()) << delegate->errors.join('\n').toStdString();
-    const QStringList merges =
-        test::readLines(m_tools.path() + "/calls").filter(QRegularExpression("^SublerCLI "));
-    ASSERT_EQ(merges.size(), 2);
-    EXPECT_TRUE(merges[1].contains("/AudioMix.mov -title Game and narrator ")) << merges[1].toStdString();
-    EXPECT_EQ(recorder->madeFiles().size(), 1);
-}
-
 // The wall-clock time of each of a replay's pictures, from its start in the metadata.
 struct ReplayTimes {
     std::vector<double> pictures;

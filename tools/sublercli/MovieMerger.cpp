@@ -136,6 +136,15 @@ bool MovieMerger::merge(const std::vector<Source>& sources, const std::string& d
     }
     std::vector<ff::Packet> pending(inputs.size());
     std::vector<int64_t> written(inputs.size(), 0);
+    // The tracks added to a movie end with its picture: a sound recorded a little longer (for the
+    // longest of several layouts' pictures) is cut at this one's last picture.
+    const std::optional<int64_t> pictureEnd = kept ? kept->pictureEndNs() : std::nullopt;
+    const auto pastThePicture = [&](const AVPacket* packet) {
+        const AVStream* stream = output->streams[packet->stream_index];
+        return pictureEnd && stream->codecpar->codec_type != AVMEDIA_TYPE_VIDEO &&
+               packet->pts != AV_NOPTS_VALUE &&
+               av_rescale_q(packet->pts, stream->time_base, AVRational{1, 1000000000}) >= *pictureEnd;
+    };
     for (size_t i = 0; i < inputs.size(); ++i) {
         if (inputs[i]->next(pending[i], error) < 0) {
             return false;
@@ -155,6 +164,14 @@ bool MovieMerger::merge(const std::vector<Source>& sources, const std::string& d
         }
         if (chosen < 0) {
             break;
+        }
+        const bool added = kept && chosen > 0;
+        if (added && pastThePicture(pending[chosen].get())) {
+            pending[chosen].reset();
+            if (inputs[chosen]->next(pending[chosen], error) < 0) {
+                return false;
+            }
+            continue;
         }
         if (!succeeded(av_interleaved_write_frame(output.get(), pending[chosen].get()),
                        "av_interleaved_write_frame", error)) {

@@ -41,6 +41,21 @@ std::optional<int64_t> TrackSource::captureStartNs() const {
     return ff::captureStartNs(m_input->metadata);
 }
 
+std::optional<int64_t> TrackSource::pictureEndNs() const {
+    std::optional<int64_t> end;
+    for (unsigned i = 0; i < m_input->nb_streams; ++i) {
+        const AVStream* stream = m_input->streams[i];
+        if (stream->codecpar->codec_type != AVMEDIA_TYPE_VIDEO || stream->duration <= 0 ||
+            (stream->disposition & AV_DISPOSITION_ATTACHED_PIC)) {
+            continue;
+        }
+        const int64_t start = stream->start_time == AV_NOPTS_VALUE ? 0 : stream->start_time;
+        const int64_t streamEnd = av_rescale_q(start + stream->duration, stream->time_base, Nanoseconds);
+        end = end ? std::max(*end, streamEnd) : streamEnd;
+    }
+    return end;
+}
+
 int TrackSource::addStreams(AVFormatContext* output) {
     int added = 0;
     for (unsigned i = 0; i < m_input->nb_streams; ++i) {

@@ -23,6 +23,8 @@ public:
     const AVDictionary* metadata() const { return m_input->metadata; }
     // The capture start in nanoseconds since the epoch, when the movie carries a valid one.
     std::optional<int64_t> captureStartNs() const;
+    // Where the movie's picture ends, in nanoseconds of its own time, when it has one of known length.
+    std::optional<int64_t> pictureEndNs() const;
 
     // Moves every packet by `offsetNs` nanoseconds. With a negative offset, whatever then lies
     // before time zero is left out, except what the first picture or sample at time zero needs
