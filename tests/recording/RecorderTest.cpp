@@ -2,7 +2,6 @@
 #include "Frames.h"
 #include "GatedBoard.h"
 #include "Media.h"
-#include "PulseServer.h"
 #include "UserFolders.h"
 #include "capture/CaptureScreen.h"
 #include "layouts/CaptureLayout.h"
@@ -22,8 +21,6 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
-#include <thread>
-#include <unistd.h>
 
 namespace zandor {
 namespace {
