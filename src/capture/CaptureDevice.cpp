@@ -227,11 +227,6 @@ void CaptureDevice::frameRequest(std::chrono::steady_clock::time_point due) {
     const auto asked = std::chrono::steady_clock::now();
     const auto askedWall = std::chrono::system_clock::now();
     const auto slotTime = asked - due < DefaultFramePeriod / 2 ? due : asked;
-    // The frame is stamped with its slot's time too, not with when its read ended: a movie placing
-    // frames by their slots from its first frame's stamp must not be moved by how long that one
-    // read took.
-    const auto taken =
-        askedWall - std::chrono::duration_cast<std::chrono::system_clock::duration>(asked - slotTime);
     const bool wasDisconnected = isDisconnected();
     bool vanished = false;
     std::shared_ptr<CaptureData> frame;
@@ -248,9 +243,6 @@ void CaptureDevice::frameRequest(std::chrono::steady_clock::time_point due) {
 
     std::scoped_lock lock(m_lock);
     ++m_count;
-    std::chrono::duration<double> since = taken - m_first;
-    frame->setTimestamp(since.count());
-    frame->setWallClock(taken);
     if (!m_runOrigin) {
         m_runOrigin = slotTime;
     }
@@ -260,6 +252,15 @@ void CaptureDevice::frameRequest(std::chrono::steady_clock::time_point due) {
         (std::max(slotTime, *m_runOrigin) - *m_runOrigin + DefaultFramePeriod / 2) / DefaultFramePeriod;
     m_lastNumber = std::max(m_runBase + static_cast<uint64_t>(slot), m_lastNumber + 1);
     frame->setNumber(m_lastNumber);
+    // The frame is stamped with its slot's time, not with when its read ended: the very time a movie
+    // or a replay gives it by its number, counted from the run's first slot, so that a frame's
+    // stamp and its place in a movie never part (nor does how long the first read took move them).
+    const auto slotOnTheGrid = *m_runOrigin + DefaultFramePeriod * (m_lastNumber - m_runBase);
+    const auto taken =
+        askedWall - std::chrono::duration_cast<std::chrono::system_clock::duration>(asked - slotOnTheGrid);
+    std::chrono::duration<double> since = taken - m_first;
+    frame->setTimestamp(since.count());
+    frame->setWallClock(taken);
     if (m_count % RateLogInterval == 0) {
         logs::capture.info("Device FPS: %f Timestamp: %f", static_cast<double>(m_count) / since.count(),
                            since.count());
