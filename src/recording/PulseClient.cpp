@@ -161,20 +161,21 @@ void pa_context_disconnect(pa_context* context) {
     zandor::underLoopLock(context, [&] { real(context); });
 }
 
-pa_stream* pa_stream_new(pa_context* context, const char* name, const pa_sample_spec* spec,
+pa_stream* pa_stream_new(pa_context* context, const char* name, const pa_sample_spec* sampleFormat,
                          const pa_channel_map* map) {
     static const auto real =
         next<pa_stream* (*)(pa_context*, const char*, const pa_sample_spec*, const pa_channel_map*)>(
             "pa_stream_new");
-    return real(context, t_streamName ? t_streamName : name, spec, map);
+    return real(context, t_streamName ? t_streamName : name, sampleFormat, map);
 }
 
-pa_stream* pa_stream_new_with_proplist(pa_context* context, const char* name, const pa_sample_spec* spec,
-                                       const pa_channel_map* map, pa_proplist* properties) {
+pa_stream* pa_stream_new_with_proplist(pa_context* context, const char* name,
+                                       const pa_sample_spec* sampleFormat, const pa_channel_map* map,
+                                       pa_proplist* properties) {
     static const auto real =
         next<pa_stream* (*)(pa_context*, const char*, const pa_sample_spec*, const pa_channel_map*,
                             pa_proplist*)>("pa_stream_new_with_proplist");
-    return real(context, t_streamName ? t_streamName : name, spec, map, properties);
+    return real(context, t_streamName ? t_streamName : name, sampleFormat, map, properties);
 }
 
 } // extern "C"

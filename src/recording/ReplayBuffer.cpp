@@ -31,7 +31,7 @@ constexpr int64_t FramePeriodUs =
     std::chrono::duration_cast<std::chrono::microseconds>(CaptureDevice::DefaultFramePeriod).count();
 // The sound is kept for the furthest the game sound's offset can move it, on either side.
 constexpr std::chrono::milliseconds MaximumOffset{500};
-constexpr int64_t MaximumOffsetUs = 500000;
+constexpr int64_t MaximumOffsetUs = std::chrono::microseconds(MaximumOffset).count();
 // How long a save waits for the sound of the last picture, which the input delivers a little later.
 constexpr auto SoundWait = std::chrono::seconds(1);
 // How long an AAC packet plays.

@@ -21,7 +21,7 @@ SampleClock::Clock::time_point SampleClock::place(int64_t frames, Clock::time_po
     const Clock::time_point bound = arrived - durationOf(m_samples + frames);
     if (!m_origin) {
         m_origin = bound;
-        m_lastMove = m_firstArrival = arrived;
+        m_lastArrival = m_firstArrival = arrived;
         m_bounds.push_back({arrived, bound});
     } else {
         while (!m_bounds.empty() && m_bounds.back().origin >= bound) {
@@ -36,15 +36,15 @@ SampleClock::Clock::time_point SampleClock::place(int64_t frames, Clock::time_po
         const auto recent = std::find_if(m_bounds.begin(), m_bounds.end(), [&](const Bound& entry) {
             return entry.arrived >= arrived - DropoutWindow;
         });
-        const auto sinceLastMove = arrived - m_lastMove;
-        m_lastMove = arrived;
+        const auto sinceLastArrival = arrived - m_lastArrival;
+        m_lastArrival = arrived;
         if (bound < *m_origin) {
             m_origin = bound;
         } else if (recent->origin - *m_origin > Dropout) {
             m_origin = recent->origin;
         } else if (arrived - m_firstArrival >= Window && m_bounds.front().origin > *m_origin) {
             const auto allowed = std::chrono::duration_cast<Clock::duration>(
-                RisePerSecond * std::chrono::duration<double>(sinceLastMove).count());
+                RisePerSecond * std::chrono::duration<double>(sinceLastArrival).count());
             *m_origin += std::min<Clock::duration>(m_bounds.front().origin - *m_origin, allowed);
         }
     }

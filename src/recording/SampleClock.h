@@ -48,7 +48,7 @@ private:
     int64_t m_samples = 0;
     std::optional<Clock::time_point> m_origin;
     Clock::time_point m_firstArrival;
-    Clock::time_point m_lastMove; // the previous buffer's arrival
+    Clock::time_point m_lastArrival; // the previous buffer's arrival
     // The latest origin each recent buffer allows, with when it arrived; oldest first, and
     // increasing (a later buffer that allows an earlier origin makes the earlier entries moot).
     struct Bound {

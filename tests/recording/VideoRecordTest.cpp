@@ -46,26 +46,6 @@ Probed probe(const QString& file) {
     return probed;
 }
 
-// The movie's pictures decoded by ffmpeg, rows of red, green and blue bytes.
-std::vector<std::string> decodedPictures(const QString& file, uint64_t pictureBytes) {
-    const std::string bytes = test::runProcess({"ffmpeg", "-v", "error", "-i", file.toStdString(), "-f",
-                                                "rawvideo", "-pix_fmt", "rgb24", "-"})
-                                  .out;
-    std::vector<std::string> pictures;
-    for (size_t at = 0; at + pictureBytes <= bytes.size(); at += pictureBytes) {
-        pictures.push_back(bytes.substr(at, pictureBytes));
-    }
-    return pictures;
-}
-
-double meanDifference(const std::string& one, const std::string& other) {
-    double sum = 0;
-    for (size_t i = 0; i < one.size(); ++i) {
-        sum += std::abs(int(uint8_t(one[i])) - int(uint8_t(other[i])));
-    }
-    return sum / double(one.size());
-}
-
 class VideoRecordTest : public ::testing::Test {
 protected:
     void SetUp() override { test::isolateUserFolders(); }
@@ -152,14 +132,14 @@ TEST_F(VideoRecordTest, TimesFramesByTheirNumbersAndFillsTheMissingOnesWithTheFr
             EXPECT_LT(sinceKey, keyEvery) << "frame " << n;
         }
 
-        const auto pictures = decodedPictures(record.recordPath(), side->size());
+        const auto pictures = test::decodePictures(record.recordPath().toStdString(), side->size());
         ASSERT_EQ(pictures.size(), 150u);
         for (size_t n = 1; n < 150; ++n) {
             const bool repeated = (n >= 40 && n <= 42) || n == 100;
             if (repeated) {
-                EXPECT_LT(meanDifference(pictures[n], pictures[n - 1]), 1.0) << "frame " << n;
+                EXPECT_LT(test::meanDifference(pictures[n], pictures[n - 1]), 1.0) << "frame " << n;
             } else {
-                EXPECT_GT(meanDifference(pictures[n], pictures[n - 1]), 4.0) << "frame " << n;
+                EXPECT_GT(test::meanDifference(pictures[n], pictures[n - 1]), 4.0) << "frame " << n;
             }
         }
     }

@@ -10,6 +10,8 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <string>
+#include <vector>
 
 namespace zandor::test {
 
@@ -38,6 +40,33 @@ inline std::vector<int16_t> decodeSound(const std::string& file, std::vector<std
     std::vector<int16_t> samples(bytes.size() / 2);
     std::memcpy(samples.data(), bytes.data(), samples.size() * 2);
     return samples;
+}
+
+// The pictures of a file decoded by ffmpeg, each `pictureBytes` of rows of red, green and blue bytes;
+// `input` options go before the input (a seek), `output` ones before the output's (a count).
+inline std::vector<std::string> decodePictures(const std::string& file, uint64_t pictureBytes,
+                                               const std::vector<std::string>& input = {},
+                                               const std::vector<std::string>& output = {}) {
+    std::vector<std::string> command{"ffmpeg", "-v", "error"};
+    command.insert(command.end(), input.begin(), input.end());
+    command.insert(command.end(), {"-i", file});
+    command.insert(command.end(), output.begin(), output.end());
+    command.insert(command.end(), {"-f", "rawvideo", "-pix_fmt", "rgb24", "-"});
+    const std::string bytes = runProcess(command).out;
+    std::vector<std::string> pictures;
+    for (size_t at = 0; pictureBytes > 0 && at + pictureBytes <= bytes.size(); at += pictureBytes) {
+        pictures.push_back(bytes.substr(at, pictureBytes));
+    }
+    return pictures;
+}
+
+// How far two pictures of the same size are apart: the mean difference of their bytes.
+inline double meanDifference(const std::string& picture, const std::string& other) {
+    double sum = 0;
+    for (size_t i = 0; i < picture.size(); ++i) {
+        sum += std::abs(static_cast<int>(static_cast<uint8_t>(picture[i])) - static_cast<uint8_t>(other[i]));
+    }
+    return sum / static_cast<double>(picture.size());
 }
 
 // The amplitude, in the samples' own unit, of a sine of `frequencyHz` in `count` samples taken

@@ -151,8 +151,8 @@ PulseServer::Playback::~Playback() {
 }
 
 void PulseServer::Playback::play(const std::string& sink, double frequencyHz, int beepMs, double seconds) {
-    const pa_sample_spec spec{PA_SAMPLE_S16LE, SampleRate, 2};
-    const size_t frameBytes = pa_frame_size(&spec);
+    const pa_sample_spec sampleFormat{PA_SAMPLE_S16LE, SampleRate, 2};
+    const size_t frameBytes = pa_frame_size(&sampleFormat);
     constexpr size_t ChunkFrames = SampleRate * 5 / 1000;
     auto* loop = static_cast<pa_threaded_mainloop*>(m_loop);
     pa_threaded_mainloop_lock(loop);
@@ -172,7 +172,7 @@ void PulseServer::Playback::play(const std::string& sink, double frequencyHz, in
         }
     }
     if (ready) {
-        stream = pa_stream_new(context, "tone", &spec, nullptr);
+        stream = pa_stream_new(context, "tone", &sampleFormat, nullptr);
         pa_stream_set_state_callback(
             stream, +[](pa_stream*, void* waiting) { wake(waiting); }, loop);
         pa_stream_set_write_callback(
@@ -181,7 +181,7 @@ void PulseServer::Playback::play(const std::string& sink, double frequencyHz, in
         pa_buffer_attr buffer{};
         buffer.maxlength = buffer.minreq = buffer.fragsize = static_cast<uint32_t>(-1);
         buffer.prebuf = 0; // plays from the first write, and on after a write that came late
-        buffer.tlength = static_cast<uint32_t>(pa_usec_to_bytes(10000, &spec));
+        buffer.tlength = static_cast<uint32_t>(pa_usec_to_bytes(10000, &sampleFormat));
         ready = pa_stream_connect_playback(stream, sink.c_str(), &buffer,
                                            static_cast<pa_stream_flags_t>(PA_STREAM_INTERPOLATE_TIMING |
                                                                           PA_STREAM_AUTO_TIMING_UPDATE |
@@ -214,12 +214,12 @@ void PulseServer::Playback::play(const std::string& sink, double frequencyHz, in
         }
         for (size_t i = 0; i < ChunkFrames; ++i) {
             const double at = heard + static_cast<double>(i) / SampleRate;
-            double value = std::sin(phase);
+            // A beep starts with its second; a tone goes on where the last chunk left it.
+            const double into = at - std::floor(at);
+            const double value =
+                beepMs > 0 ? (into < beepMs / 1000.0 ? std::sin(2 * M_PI * frequencyHz * into) : 0.0)
+                           : std::sin(phase);
             phase = std::fmod(phase + 2 * M_PI * frequencyHz / SampleRate, 2 * M_PI);
-            if (beepMs > 0) {
-                const double into = at - std::floor(at);
-                value = into < beepMs / 1000.0 ? std::sin(2 * M_PI * frequencyHz * into) : 0.0;
-            }
             chunk[2 * i] = chunk[2 * i + 1] = static_cast<int16_t>(std::lround(Amplitude * value));
         }
         if (pa_stream_write(stream, chunk.data(), chunk.size() * sizeof(int16_t), nullptr, 0,

@@ -289,29 +289,12 @@ TEST_F(RecordingSystemTest, FixedFrameRateIsMadeByTheConvertingToolAfterTheSound
     EXPECT_EQ(streams(movie), (QStringList{"aac,44100,2", "h264,400,240"}));
 }
 
-// Pictures of a movie from the first one shown at or after `fromSeconds` on, `count` of them, as
-// rows of red, green and blue bytes, each as ffmpeg decodes it.
+// Pictures of a movie from the first one shown at or after `fromSeconds` on, `count` of them.
 std::vector<std::string> picturesFrom(const std::string& movie, double fromSeconds, int count, int width,
                                       int height) {
-    const std::string bytes = test::runProcess({"ffmpeg", "-v", "error", "-ss", std::to_string(fromSeconds),
-                                                "-i", movie, "-frames:v", std::to_string(count), "-fps_mode",
-                                                "passthrough", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"})
-                                  .out;
-    const size_t size = static_cast<size_t>(width) * height * 3;
-    std::vector<std::string> pictures;
-    for (size_t at = 0; at + size <= bytes.size(); at += size) {
-        pictures.push_back(bytes.substr(at, size));
-    }
-    return pictures;
-}
-
-// How far two pictures of the same size are apart: the mean difference of their bytes.
-double meanDifference(const std::string& picture, const std::string& other) {
-    double sum = 0;
-    for (size_t i = 0; i < picture.size(); ++i) {
-        sum += std::abs(static_cast<int>(static_cast<uint8_t>(picture[i])) - static_cast<uint8_t>(other[i]));
-    }
-    return sum / static_cast<double>(picture.size());
+    return test::decodePictures(movie, static_cast<uint64_t>(width) * height * 3,
+                                {"-ss", std::to_string(fromSeconds)},
+                                {"-frames:v", std::to_string(count), "-fps_mode", "passthrough"});
 }
 
 // Converted to a fixed rate, a movie keeps its layout's whole picture at the layout's exact size
@@ -357,7 +340,7 @@ TEST_F(RecordingSystemTest, AFixedRateKeepsEachLayoutsWholePictureAtExactlyThatR
         ASSERT_FALSE(made.empty());
         double nearest = 255;
         for (const std::string& candidate : made) {
-            nearest = std::min(nearest, meanDifference(shown[0], candidate));
+            nearest = std::min(nearest, test::meanDifference(shown[0], candidate));
         }
         EXPECT_LT(nearest, 1.0);
     }
