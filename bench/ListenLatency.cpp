@@ -9,7 +9,7 @@
 #include "PulseServer.h"
 #include "UserFolders.h"
 #include "base/Log.h"
-#include "recording/GameAudio.h"
+#include "audio/GameAudio.h"
 
 #include <QCoreApplication>
 

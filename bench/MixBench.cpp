@@ -3,7 +3,7 @@
 
 #include "DemoFootage.h"
 #include "base/Log.h"
-#include "recording/AudioFileWriter.h"
+#include "audio/AudioFileWriter.h"
 #include "recording/AudioMixer.h"
 
 #include <benchmark/benchmark.h>

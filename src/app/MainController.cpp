@@ -13,7 +13,7 @@
 #include "capture/UsbBoard.h"
 #include "layouts/LayoutController.h"
 #include "layouts/PluginController.h"
-#include "recording/GameAudio.h"
+#include "audio/GameAudio.h"
 #include "recording/ImageRecorder.h"
 #include "recording/ReplayBuffer.h"
 #include "recording/VideoRecorder.h"

@@ -2,7 +2,7 @@
 
 #include "CaptureSession.h"
 #include "base/CommandLine.h"
-#include "recording/GameAudio.h"
+#include "audio/GameAudio.h"
 #include "recording/ReplayBuffer.h"
 
 #include <cstdio>

@@ -1,7 +1,7 @@
 #include "AudioMixer.h"
 
 #include "AudioFileReader.h"
-#include "AudioFileWriter.h"
+#include "audio/AudioFileWriter.h"
 
 #include <algorithm>
 #include <chrono>

@@ -1,7 +1,7 @@
 #include "AudioRecord.h"
 
-#include "AudioInput.h"
-#include "AudioSession.h"
+#include "audio/AudioInput.h"
+#include "audio/AudioSession.h"
 #include "base/Log.h"
 #include "base/RunOn.h"
 

@@ -1,7 +1,7 @@
 #include "ReplayBuffer.h"
 
-#include "AudioFileWriter.h"
-#include "AudioInput.h"
+#include "audio/AudioFileWriter.h"
+#include "audio/AudioInput.h"
 #include "VideoRecord.h"
 #include "base/AtomicFile.h"
 #include "base/Log.h"

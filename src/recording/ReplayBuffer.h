@@ -1,6 +1,6 @@
 #pragma once
 
-#include "AudioEncoder.h"
+#include "media/AudioEncoder.h"
 #include "Recorder.h"
 #include "media/FFmpeg.h"
 #include "media/VideoEncoder.h"

@@ -1,5 +1,5 @@
 #include "Media.h"
-#include "recording/AudioFileWriter.h"
+#include "audio/AudioFileWriter.h"
 #include "recording/AudioMixer.h"
 
 #include <gtest/gtest.h>

@@ -5,9 +5,9 @@
 #include "Media.h"
 #include "PulseServer.h"
 #include "UserFolders.h"
-#include "recording/AudioInput.h"
+#include "audio/AudioInput.h"
 #include "recording/AudioRecord.h"
-#include "recording/GameAudio.h"
+#include "audio/GameAudio.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // Where the sound clock places captured samples, against when they were really taken, for inputs
 // that deliver on time, late, late at first, with a slow clock or with a dropout.
 
-#include "recording/SampleClock.h"
+#include "audio/SampleClock.h"
 
 #include <gtest/gtest.h>
 
