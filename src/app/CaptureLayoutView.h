@@ -1,6 +1,7 @@
 #pragma once
 
 #include "layouts/CaptureLayout.h"
+#include "session/CaptureSession.h"
 
 #include <QImage>
 #include <QPainter>
@@ -16,7 +17,7 @@ class LayoutViewFeeder;
 // so that pixel art stays sharp. A feeder thread takes the layout's frames as they come and asks
 // for a redraw; a frame is drawn at most twice (when it arrives and at the next redraw), after that
 // the view shows black until the next frame. Black also before any layout or frame.
-class CaptureLayoutView : public QWidget {
+class CaptureLayoutView : public QWidget, public LayoutFeed {
     Q_OBJECT
 public:
     explicit CaptureLayoutView(QWidget* parent = nullptr);
@@ -25,9 +26,9 @@ public:
     using QWidget::setLayout;
     // Shows another layout and forgets the frames of the previous one. The caller stops listening
     // before and starts again after.
-    void setLayout(const LayoutPtr& layout);
-    bool startListening();
-    void stopListening();
+    void setLayout(const LayoutPtr& layout) override;
+    bool startListening() override;
+    void stopListening() override;
     bool isListening() const;
 
     // While the board is away the picture is black; this puts one centred line over it saying so.

@@ -5,7 +5,6 @@
 #include "MainWindowContentView.h"
 #include "NamedScreen.h"
 #include "ui_StatusSheet.h"
-#include "base/DetachedThread.h"
 #include "base/Log.h"
 #include "base/Notifier.h"
 #include "base/RunOn.h"
@@ -13,8 +12,6 @@
 #include "capture/UsbBoard.h"
 #include "layouts/LayoutController.h"
 #include "layouts/PluginController.h"
-#include "audio/GameAudio.h"
-#include "recording/ImageRecorder.h"
 #include "recording/ReplayBuffer.h"
 #include "recording/VideoRecorder.h"
 #include "ui/CapturePreferencesView.h"
@@ -37,7 +34,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <unistd.h>
 
 namespace zandor {
 
@@ -50,24 +46,6 @@ int roundPoint(double value) {
     return static_cast<int>(std::lround(value));
 }
 
-// Reports of the video recorder arrive on its thread; they are handed to the GUI thread.
-class RecorderBridge final : public RecorderDelegate {
-public:
-    explicit RecorderBridge(MainController* controller) : m_controller(controller) {}
-    void recordDone() override {
-        runLater(m_controller, [controller = m_controller] { controller->recordDone(); });
-    }
-    void recordError(const QString& message) override {
-        runLater(m_controller, [controller = m_controller, message] { controller->recordError(message); });
-    }
-    void recordNotice(const QString& message) override {
-        runLater(m_controller, [controller = m_controller, message] { controller->recordNotice(message); });
-    }
-
-private:
-    QPointer<MainController> m_controller;
-};
-
 QColor colorOf(const std::optional<Color>& color) {
     if (!color) {
         return Qt::black;
@@ -79,29 +57,52 @@ QColor colorOf(const std::optional<Color>& color) {
 
 } // namespace
 
-MainController::MainController(std::unique_ptr<UsbBoard> board) : m_gameAudio(std::make_unique<GameAudio>()) {
-    m_device = CaptureDevice::create(std::move(board));
-}
-
-// The device tells of its board leaving and coming back on its own thread; the layout view hears
-// of it on the GUI thread, where it shows the device's state at that moment (a notice that arrives
-// after a pause is stale).
-void MainController::observeConnection() {
-    QPointer<CaptureLayoutView> view(layoutView());
-    std::weak_ptr<CaptureDevice> weakDevice = m_device;
-    m_device->setConnectionObserver([view, weakDevice](bool) {
-        runLater(view, [view, weakDevice] {
-            if (auto device = weakDevice.lock()) {
-                view->setNoSignal(device->isListening() && device->isDisconnected());
-            }
-        });
+MainController::MainController(std::unique_ptr<UsbBoard> board)
+    : m_session(std::make_unique<CaptureSession>(
+          std::move(board), CaptureSettings::fromPreferences(PreferencesController::instance()))) {
+    // The session reports from its threads; the window hears of it on the GUI thread, where it
+    // shows the state at that moment (a notice that arrives after a pause is stale).
+    m_session->setEventHandler([self = QPointer<MainController>(this)](const session::Event& event) {
+        runLater(self, [self, event] { self->sessionEvent(event); });
     });
 }
 
+void MainController::sessionEvent(const session::Event& event) {
+    if (std::holds_alternative<session::BoardConnection>(event)) {
+        layoutView()->setNoSignal(m_session->isPlaying() && m_session->device()->isDisconnected());
+    } else if (std::holds_alternative<session::RecordingDone>(event)) {
+        hideStatus();
+    } else if (const auto* error = std::get_if<session::RecordingError>(&event)) {
+        recordError(error->message);
+    } else if (const auto* notice = std::get_if<session::RecordingNotice>(&event)) {
+        displayMessage(QStringLiteral("The video was recorded."), notice->message, 1,
+                       QStringLiteral("toolbar_record"));
+    } else if (const auto* saved = std::get_if<session::ReplaySaved>(&event)) {
+        if (saved->path.isEmpty()) {
+            displayMessage(QStringLiteral("Could not save the replay."), saved->error, 0,
+                           QStringLiteral("toolbar_replay"));
+        }
+    } else if (const auto* camera = std::get_if<session::CameraFailed>(&event)) {
+        cameraFailed(camera->reason);
+    } else if (std::holds_alternative<session::GameSoundLost>(event)) {
+        updateSaveReplay(); // the session renewed its replay buffer without the sound
+    } else if (const auto* done = std::get_if<session::RecoveryDone>(&event)) {
+        recoveryDone(*done);
+    }
+}
+
+void MainController::applySettings() {
+    m_session->apply(CaptureSettings::fromPreferences(PreferencesController::instance()));
+    updateSaveReplay();
+}
+
 MainController::~MainController() {
+    // The window goes before the session: the session must no longer feed it.
+    m_session->setLayoutFeed(nullptr);
     if (g_instance == this) {
         g_instance = nullptr;
         PreferencesController::instance().setWriteFailureHandler({});
+        PreferencesController::instance().stopObserving(m_preferencesObserver);
     }
 }
 
@@ -136,8 +137,6 @@ void MainController::awakeFromNib() {
         });
     });
     PluginController::instance();
-    LayoutController::instance().setDevice(m_device);
-    observeConnection();
 
     QStringList screenNames;
     for (const QScreen* screen : QGuiApplication::screens()) {
@@ -170,37 +169,12 @@ void MainController::awakeFromNib() {
     connect(ui.screenshotItem, &QAction::triggered, this, &MainController::recordScreenshotAction);
     connect(ui.recordItem, &QAction::triggered, this, &MainController::recordVideoAction);
     connect(ui.saveReplayItem, &QAction::triggered, this, &MainController::saveReplayAction);
-    connect(m_capturePreferences, &CapturePreferencesView::replayBufferChanged, this, [this] {
-        updateGameSound();
-        updateReplayBuffer();
-    });
-    // Another input gives a new replay buffer; another volume keeps it.
-    connect(m_capturePreferences, &CapturePreferencesView::gameSoundChanged, this, [this] {
-        if (updateGameSound()) {
-            updateReplayBuffer();
-        }
-    });
-    // The buffer places what it holds by the offset of the moment it saves.
-    connect(m_capturePreferences, &CapturePreferencesView::gameOffsetChanged, this, [this] {
-        if (m_replayBuffer) {
-            m_replayBuffer->setGameAudioOffset(std::chrono::milliseconds(
-                CaptureSettings::fromPreferences(PreferencesController::instance()).gameAudioOffsetMs));
-        }
-    });
-    ui.listenItem->setChecked(
-        CaptureSettings::fromPreferences(PreferencesController::instance()).listenToGameAudio);
-    connect(ui.listenItem, &QAction::toggled, this, [this](bool listening) {
+    // Every change of a setting reaches the session at once; what it changes is the session's to decide.
+    m_preferencesObserver =
+        PreferencesController::instance().observeChanges([this](const QString&) { applySettings(); });
+    ui.listenItem->setChecked(m_session->settings().listenToGameAudio);
+    connect(ui.listenItem, &QAction::toggled, this, [](bool listening) {
         PreferencesController::instance().setPreference(PreferenceListenToGameAudio, listening);
-        if (updateGameSound()) {
-            updateReplayBuffer();
-        }
-    });
-    // The input went away: said in the log; the picture goes on without the sound.
-    m_gameAudio->setLostHandler([self = QPointer<MainController>(this)] {
-        runLater(self, [self] {
-            self->m_gameAudio->stop();
-            self->updateReplayBuffer();
-        });
     });
     connect(ui.sizeOriginalItem, &QAction::triggered, this,
             [this] { selectSizeAction(m_mainWindow->ui.sizeOriginalItem); });
@@ -210,14 +184,10 @@ void MainController::awakeFromNib() {
     connect(ui.preferencesItem, &QAction::triggered, this, &MainController::showPreferences);
     connect(ui.aboutItem, &QAction::triggered, this, &MainController::showAbout);
     connect(ui.shareAsCameraItem, &QAction::triggered, this, &MainController::shareAsCameraAction);
-    ui.shareAsCameraItem->setChecked(
-        PreferencesController::instance().preference(PreferenceShareAsCamera).toBool());
-    // A camera the daemon ends says so on its own thread; the menu follows on this one.
-    m_camera->setFailureHandler([this](const std::string& reason) {
-        runLater(this, [this, reason = QString::fromStdString(reason)] { cameraFailed(reason); });
-    });
+    ui.shareAsCameraItem->setChecked(m_session->settings().shareAsCamera);
     connect(ui.quitItem, &QAction::triggered, m_mainWindow.get(), &QWidget::close);
 
+    m_session->setLayoutFeed(layoutView());
     m_mainWindow->shouldClose = [this] { return attemptExit(); };
     m_mainWindow->willResize = [this](QSize proposed) { return windowWillResize(proposed); };
     m_mainWindow->didResize = [this] { updateLayoutViewFrame(); };
@@ -245,14 +215,7 @@ void MainController::setupView() {
     enableRecorders(false);
     setVideoRecording(false);
     setupMainMenu();
-    connect(Notifier::instance(), &Notifier::notified, this,
-            [this](const QString& name, const QVariant& object, const QVariantMap& userInfo) {
-                if (name == MainWindowContentViewKeyNotification && object.value<QObject*>() == mainView()) {
-                    if (auto event = userInfo.value(MainWindowContentViewKeyEvent).value<KeyEventPtr>()) {
-                        keyPressed(*event);
-                    }
-                }
-            });
+    connect(mainView(), &MainWindowContentView::keyPressed, this, &MainController::keyPressed);
     // Once the window shows: the dialog is a sheet on it.
     runLater(this, [this] { offerRecovery(); });
     const auto& layouts = LayoutController::instance().layouts();
@@ -283,8 +246,8 @@ void MainController::setupMainMenu() {
 void MainController::selectActiveLayoutAction(QAction* item) {
     if (auto layout = LayoutController::instance().layoutNamed(item->text())) {
         setActiveLayout(layout);
-    } else if (m_activeLayout) {
-        item->setChecked(item->text() == m_activeLayout->name());
+    } else if (activeLayout()) {
+        item->setChecked(item->text() == activeLayout()->name());
     }
 }
 
@@ -323,13 +286,7 @@ void MainController::setActiveLayout(const LayoutPtr& layout) {
     if (!layout) {
         return;
     }
-    const bool listening = layoutView()->isListening();
-    stopReplayBuffer(); // it holds the old layout running
-    layoutView()->stopListening();
-    if (m_activeLayout) {
-        m_activeLayout->stopListening();
-    }
-    m_activeLayout = layout;
+    m_session->setLayout(layout);
 
     // The window's content takes the layout's natural size; its lower-left corner stays put.
     const QSize natural(static_cast<int>(layout->width()), static_cast<int>(layout->height()));
@@ -337,14 +294,8 @@ void MainController::setActiveLayout(const LayoutPtr& layout) {
     const QRect frame = keepLowerLeft(frameSize);
 
     updateBackground();
-    layoutView()->setLayout(layout);
     for (QAction* item : m_mainWindow->ui.activeLayoutMenu->actions()) {
         item->setChecked(!item->isSeparator() && item->text() == layout->name());
-    }
-    if (listening) {
-        // The view subscribes first, so that the layout finds a consumer when its thread starts.
-        layoutView()->startListening();
-        layout->startListening();
     }
     if (layout->isResizable()) {
         m_mainWindow->setMinimumSize(frameSize);
@@ -353,16 +304,15 @@ void MainController::setActiveLayout(const LayoutPtr& layout) {
     } else {
         m_mainWindow->setFixedSize(frameSize);
     }
-    updateCamera();
     // Also in full screen: the window waits at the new size for the picture's return.
     m_mainWindow->place(frame);
     updateLayoutViewFrame();
-    updateReplayBuffer();
+    updateSaveReplay();
 }
 
 void MainController::updateBackground() {
-    if (m_activeLayout) {
-        const QColor color = colorOf(m_activeLayout->background());
+    if (activeLayout()) {
+        const QColor color = colorOf(activeLayout()->background());
         QPalette palette = m_mainWindow->palette();
         palette.setColor(QPalette::Window, color);
         mainView()->setPalette(palette);
@@ -371,28 +321,18 @@ void MainController::updateBackground() {
 }
 
 void MainController::playPauseAction() {
-    if (m_device->isListening()) {
-        // The replay buffer keeps what it holds, so that a highlight can still be saved, until Play.
-        if (m_replayBuffer) {
-            m_replayBuffer->stop();
-            m_mainWindow->ui.saveReplayItem->setEnabled(m_replayBuffer->heldBytes() > 0);
-        }
-        m_gameAudio->stop();
-        m_device->stopListening();
-        layoutView()->stopListening();
+    if (m_session->isPlaying()) {
+        m_session->stop();
         layoutView()->setNoSignal(false); // a paused picture says nothing of the board
-        if (m_activeLayout) {
-            m_activeLayout->stopListening();
-        }
         setPlayPause(true);
         enableRecorders(false);
-        updateCamera();
+        updateSaveReplay();
         return;
     }
-    if (!m_device->startListening()) {
+    if (!m_session->start()) {
         // A board that is there but not ours to open needs the udev rule, not a cable.
         const QString details =
-            m_device->failure() == CaptureDevice::Failure::NoPermission
+            m_session->device()->failure() == CaptureDevice::Failure::NoPermission
                 ? QStringLiteral("Zandor may not open the capture board's USB device. Install the udev rule "
                                  "70-zandor-capture.rules, then plug the board in again:\n"
                                  "sudo cp resources/udev/70-zandor-capture.rules /etc/udev/rules.d/\n"
@@ -405,32 +345,13 @@ void MainController::playPauseAction() {
             0, {}, details);
         return;
     }
-    layoutView()->startListening();
-    if (m_activeLayout) {
-        m_activeLayout->startListening();
-    }
     setPlayPause(false);
     enableRecorders(true);
-    updateGameSound();
-    updateReplayBuffer();
-    updateCamera();
+    updateSaveReplay();
 }
 
 void MainController::shareAsCameraAction(bool checked) {
     PreferencesController::instance().setPreference(PreferenceShareAsCamera, checked);
-    updateCamera();
-}
-
-void MainController::updateCamera() {
-    const bool wanted =
-        m_mainWindow->ui.shareAsCameraItem->isChecked() && m_device->isListening() && m_activeLayout;
-    if (!wanted) {
-        m_camera->stop();
-    } else if (m_camera->isSharing()) {
-        m_camera->setLayout(m_activeLayout);
-    } else if (std::string reason; !m_camera->start(m_activeLayout, &reason)) {
-        cameraFailed(QString::fromStdString(reason));
-    }
 }
 
 void MainController::cameraFailed(const QString& reason) {
@@ -458,50 +379,17 @@ void MainController::enableRecorders(bool enabled) {
     m_mainWindow->ui.screenshotItem->setEnabled(enabled);
 }
 
-std::vector<LayoutPtr> MainController::captureLayouts() {
-    LayoutPtr candidate = m_activeLayout;
-    const QString chosen = PreferencesController::instance().preference(PreferenceCaptureLayout).toString();
-    if (chosen != QLatin1String("Active Layout")) {
-        candidate = LayoutController::instance().layoutNamed(chosen);
-    }
-    if (candidate) {
-        return {candidate};
-    }
-    const auto& screens = LayoutController::instance().screenLayouts();
-    return {screens.begin(), screens.end()};
-}
-
 void MainController::recordScreenshotAction() {
-    if (m_imageRecorder && m_imageRecorder->isRecording()) {
-        return;
-    }
-    m_imageRecorder = std::make_shared<ImageRecorder>(
-        captureLayouts(), CaptureSettings::fromPreferences(PreferencesController::instance()));
-    m_imageRecorder->start();
+    m_session->screenshot();
 }
 
 void MainController::recordVideoAction() {
-    if (m_videoRecorder && m_videoRecorder->isRecording()) {
+    if (m_session->isRecording()) {
         displayStatus(QStringLiteral("Finalizing video..."));
-        m_videoRecorder->stop();
+        m_session->stopRecording();
         return;
     }
-    CaptureSettings settings = CaptureSettings::fromPreferences(PreferencesController::instance());
-    // The recorder reports a bundle it cannot make as a start, so the folder is checked first: a
-    // recording that cannot write must not look like one that runs.
-    bool started = QDir().mkpath(settings.storageFolder) &&
-                   ::access(QFile::encodeName(settings.storageFolder).constData(), W_OK | X_OK) == 0;
-    if (started) {
-        if (m_videoRecorder && !m_videoRecorder->isDone()) {
-            m_finalisingRecorders.push_back(m_videoRecorder);
-        }
-        std::erase_if(m_finalisingRecorders, [](const auto& recorder) { return recorder->isDone(); });
-        m_videoRecorder = std::make_shared<VideoRecorder>(captureLayouts(), std::move(settings));
-        m_videoRecorder->setDelegate(std::make_shared<RecorderBridge>(this));
-        m_videoRecorder->shareGameInput(m_gameAudio->input());
-        started = m_videoRecorder->start();
-    }
-    if (started) {
+    if (m_session->record() == CaptureSession::RecordFailure::None) {
         setVideoRecording(true);
     } else {
         displayMessage(
@@ -513,65 +401,17 @@ void MainController::recordVideoAction() {
     }
 }
 
-void MainController::updateReplayBuffer() {
-    const CaptureSettings settings = CaptureSettings::fromPreferences(PreferencesController::instance());
-    if (settings.replayBuffer && !m_device->isListening()) {
-        return; // paused: what the buffer holds stays to be saved until the picture plays again
-    }
-    stopReplayBuffer();
-    if (settings.replayBuffer && m_activeLayout && m_device->isListening()) {
-        auto buffer = std::make_shared<ReplayBuffer>(m_activeLayout, settings, settings.replaySeconds);
-        buffer->shareGameInput(m_gameAudio->input());
-        if (buffer->start()) {
-            m_replayBuffer = std::move(buffer);
-        }
-    }
-    m_mainWindow->ui.saveReplayItem->setEnabled(m_replayBuffer != nullptr);
-}
-
-bool MainController::updateGameSound() {
-    const CaptureSettings settings = CaptureSettings::fromPreferences(PreferencesController::instance());
-    const auto before = m_gameAudio->input();
-    m_gameAudio->setVolume(settings.gameAudioVolume);
-    m_gameAudio->setListening(settings.listenToGameAudio);
-    if (m_device->isListening() && (settings.listenToGameAudio || settings.replayBuffer)) {
-        m_gameAudio->start(settings.gameAudioInput); // a failure is logged; the picture goes on
-    } else {
-        m_gameAudio->stop();
-    }
-    return m_gameAudio->input() != before;
-}
-
-void MainController::stopReplayBuffer() {
-    if (m_replayBuffer) {
-        m_replayBuffer->stop();
-        m_replayBuffer.reset();
-    }
-    m_mainWindow->ui.saveReplayItem->setEnabled(false);
+void MainController::updateSaveReplay() {
+    m_mainWindow->ui.saveReplayItem->setEnabled(m_session->canSaveReplay());
 }
 
 void MainController::saveReplayAction() {
-    if (!m_replayBuffer) {
-        return;
-    }
-    ++m_replaySaves;
     // Into the storage folder chosen now, whichever was chosen when the buffer started.
-    const QString folder = CaptureSettings::fromPreferences(PreferencesController::instance()).storageFolder;
-    DetachedThread::start("zandor-replay",
-                          [buffer = m_replayBuffer, folder, self = QPointer<MainController>(this)] {
-                              const ReplayBuffer::Saved saved = buffer->save(folder);
-                              runLater(self, [self, saved] {
-                                  --self->m_replaySaves;
-                                  if (saved.path.isEmpty()) {
-                                      self->displayMessage(QStringLiteral("Could not save the replay."),
-                                                           saved.error, 0, QStringLiteral("toolbar_replay"));
-                                  }
-                              });
-                          });
+    m_session->saveReplay(m_session->settings().storageFolder);
 }
 
 void MainController::setVideoRecording(bool recording) {
-    if (!recording || !m_videoRecorder) {
+    if (!recording || !m_session->recorder()) {
         return; // the blinking puts the items back when the recording ends
     }
     m_mainWindow->ui.playPauseItem->setEnabled(false);
@@ -584,7 +424,7 @@ void MainController::blinkRecording() {
     // Follows the current recorder, so a recording started while an earlier one still finalises
     // keeps its items when the earlier one ends.
     QAction* record = m_mainWindow->ui.recordItem;
-    if (!m_videoRecorder || m_videoRecorder->isDone()) {
+    if (!m_session->recorder() || m_session->recorder()->isDone()) {
         m_blinkTimer.stop();
         record->setIcon(icon(QStringLiteral("toolbar_record")));
         record->setText(QStringLiteral("Record"));
@@ -597,19 +437,11 @@ void MainController::blinkRecording() {
     m_blinkPhase = !m_blinkPhase;
 }
 
-void MainController::recordDone() {
-    hideStatus();
-}
-
 void MainController::recordError(const QString& message) {
     hideStatus();
     displayMessage(QStringLiteral("Could not finalize the video."),
                    QStringLiteral("It was not possible to record the video. %1").arg(message), 2,
                    QStringLiteral("toolbar_record"));
-}
-
-void MainController::recordNotice(const QString& message) {
-    displayMessage(QStringLiteral("The video was recorded."), message, 1, QStringLiteral("toolbar_record"));
 }
 
 void MainController::displayStatus(const QString& text) {
@@ -642,7 +474,7 @@ void MainController::displayMessage(const QString& title, const QString& text, i
 }
 
 void MainController::offerRecovery() {
-    const QString folder = CaptureSettings::fromPreferences(PreferencesController::instance()).storageFolder;
+    const QString folder = m_session->settings().storageFolder;
     const QStringList bundles = VideoRecorder::abandonedBundles(folder);
     if (bundles.isEmpty()) {
         return;
@@ -685,51 +517,22 @@ void MainController::offerRecovery() {
 
 void MainController::recoverBundles(const QStringList& bundles) {
     displayStatus(QStringLiteral("Recovering video..."));
-    // Finalising runs the tools; the window stays responsive meanwhile.
-    DetachedThread::start("zandor-recover", [controller = QPointer<MainController>(this), bundles] {
-        // Collects the steps that failed, as a recording's finalising reports them.
-        class Errors final : public RecorderDelegate {
-        public:
-            void recordDone() override {}
-            void recordError(const QString& message) override { messages << message; }
-            QStringList messages;
-        };
-        QStringList made, failed;
-        double seconds = 0;
-        for (const QString& bundle : bundles) {
-            QString why;
-            const auto recorder = VideoRecorder::forBundle(bundle, why);
-            auto errors = std::make_shared<Errors>();
-            if (recorder) {
-                recorder->setDelegate(errors);
-                if (recorder->recover()) {
-                    seconds += recorder->recordedSeconds();
-                }
-                for (const QString& file : recorder->madeFiles()) {
-                    made << QFileInfo(file).fileName();
-                }
-            } else {
-                errors->messages << why;
-            }
-            if (!errors->messages.isEmpty()) {
-                failed << QStringLiteral("%1: %2").arg(QFileInfo(bundle).fileName(),
-                                                       errors->messages.join(u' '));
-            }
-        }
-        runLater(controller, [controller, made, failed, seconds] {
-            controller->hideStatus();
-            if (failed.isEmpty()) {
-                controller->displayMessage(QStringLiteral("The recordings were recovered."),
-                                           QStringLiteral("%1 seconds were saved: %2")
-                                               .arg(static_cast<int>(seconds))
-                                               .arg(made.join(QStringLiteral(", "))),
-                                           1, QStringLiteral("toolbar_record"));
-            } else {
-                controller->displayMessage(QStringLiteral("Could not recover every recording."),
-                                           failed.join(u'\n'), 2, QStringLiteral("toolbar_record"));
-            }
-        });
-    });
+    // Finalising runs the tools in the background; the window stays responsive meanwhile.
+    m_session->recover(bundles);
+}
+
+void MainController::recoveryDone(const session::RecoveryDone& done) {
+    hideStatus();
+    if (done.failed.isEmpty()) {
+        displayMessage(QStringLiteral("The recordings were recovered."),
+                       QStringLiteral("%1 seconds were saved: %2")
+                           .arg(static_cast<int>(done.seconds))
+                           .arg(done.made.join(QStringLiteral(", "))),
+                       1, QStringLiteral("toolbar_record"));
+    } else {
+        displayMessage(QStringLiteral("Could not recover every recording."), done.failed.join(u'\n'), 2,
+                       QStringLiteral("toolbar_record"));
+    }
 }
 
 void MainController::showAbout() {
@@ -765,7 +568,7 @@ void MainController::keyPressed(const QKeyEvent& event) {
 }
 
 bool MainController::attemptExit() {
-    if (m_videoRecorder && m_videoRecorder->isRecording()) {
+    if (m_session->isRecording()) {
         displayMessage(
             QStringLiteral("Please stop recording first."),
             QStringLiteral("You are currently recording a video. Please stop the recording first before "
@@ -792,15 +595,15 @@ QSize MainController::sizeForResize(QSize proposed, QSize decoration, QSize natu
 }
 
 QSize MainController::windowWillResize(QSize proposed) {
-    if (!m_activeLayout || isFullScreen()) {
+    if (!activeLayout() || isFullScreen()) {
         return proposed;
     }
-    const QSize natural(static_cast<int>(m_activeLayout->width()),
-                        static_cast<int>(m_activeLayout->height()));
+    const QSize natural(static_cast<int>(activeLayout()->width()),
+                        static_cast<int>(activeLayout()->height()));
     const QSize decor = decoration();
     // Our windows have no side borders: the proposed width is the content's width.
     return sizeForResize(QSize(proposed.width() - decor.width(), proposed.height()), decor, natural,
-                         m_activeLayout->isResizable());
+                         activeLayout()->isResizable());
 }
 
 QRect MainController::layoutViewFrame(QSize content, QSize natural, bool resizable, bool fullScreen,
@@ -823,12 +626,12 @@ QRect MainController::layoutViewFrame(QSize content, QSize natural, bool resizab
 }
 
 void MainController::updateLayoutViewFrame() {
-    if (!m_activeLayout) {
+    if (!activeLayout()) {
         return;
     }
-    const QSize natural(static_cast<int>(m_activeLayout->width()),
-                        static_cast<int>(m_activeLayout->height()));
-    const bool resizable = m_activeLayout->isResizable();
+    const QSize natural(static_cast<int>(activeLayout()->width()),
+                        static_cast<int>(activeLayout()->height()));
+    const bool resizable = activeLayout()->isResizable();
     const int maxScale = static_cast<int>(
         PreferencesController::instance().preference(PreferenceFullscreenMaxScale).toLongLong());
     const QRect frame = layoutViewFrame(mainView()->size(), natural, resizable, isFullScreen(), maxScale,
@@ -843,13 +646,13 @@ void MainController::updateLayoutViewFrame() {
 }
 
 void MainController::selectSizeAction(QAction* item) {
-    if (!m_activeLayout || !m_activeLayout->isResizable()) {
+    if (!activeLayout() || !activeLayout()->isResizable()) {
         updateLayoutViewFrame();
         return;
     }
     const int scale = item->data().toInt();
-    const QSize content(static_cast<int>(m_activeLayout->width()) * scale,
-                        static_cast<int>(m_activeLayout->height()) * scale);
+    const QSize content(static_cast<int>(activeLayout()->width()) * scale,
+                        static_cast<int>(activeLayout()->height()) * scale);
     m_mainWindow->place(keepLowerLeft(content + decoration()));
     updateLayoutViewFrame();
 }
@@ -896,25 +699,7 @@ void MainController::toggleFullScreen() {
 }
 
 void MainController::shutdown() {
-    // Recordings being finalised, the current one and any earlier one whose sheet was dismissed:
-    // their files are finished before the application goes.
-    m_finalisingRecorders.push_back(m_videoRecorder);
-    for (const auto& recorder : m_finalisingRecorders) {
-        if (recorder && !recorder->isRecording() && !recorder->isDone()) {
-            recorder->waitUntilFinished(std::chrono::minutes(30));
-        }
-    }
-    m_device->setConnectionObserver(nullptr);
-    stopReplayBuffer();
-    m_gameAudio->stop();
-    m_camera->stop();
-    m_device->stopListening();
-    layoutView()->stopListening();
-    if (m_activeLayout) {
-        m_activeLayout->stopListening();
-    }
-    // A replay being saved is finished, or it would leave no file at all.
-    DetachedThread::waitForAll(m_replaySaves > 0 ? std::chrono::seconds(60) : std::chrono::seconds(3));
+    m_session->shutdown();
 }
 
 } // namespace zandor

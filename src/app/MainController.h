@@ -1,8 +1,8 @@
 #pragma once
 
-#include "camera/CameraOutput.h"
 #include "layouts/CaptureLayout.h"
 #include "layouts/Plugin.h"
+#include "session/CaptureSession.h"
 
 #include <QObject>
 #include <QPointer>
@@ -10,7 +10,6 @@
 #include <QSize>
 #include <QTimer>
 
-#include <atomic>
 #include <memory>
 #include <vector>
 
@@ -24,23 +23,18 @@ class StatusSheet;
 
 namespace zandor {
 
-class CaptureDevice;
 class CaptureLayoutView;
 class CapturePreferencesView;
-class ImageRecorder;
 class MainWindow;
 class MainWindowContentView;
 class PreferencesWindow;
-class GameAudio;
-class ReplayBuffer;
 class UsbBoard;
-class VideoRecorder;
 class ViewPreferencesView;
 
-// Joins the capture device, the layout catalogue, the recorders and the preferences to the main
-// window, its toolbar and menus; sizes the window to the active layout and takes the picture to
-// full screen. Exists once; everything runs on the GUI thread but the recorders' reports, which
-// are handed to it.
+// Joins the capture session, the layout catalogue and the preferences to the main window, its
+// toolbar and menus; sizes the window to the active layout, takes the picture to full screen and
+// says what the session reports. Exists once; everything runs on the GUI thread, where the
+// session's events are handed.
 class MainController : public QObject {
     Q_OBJECT
 public:
@@ -53,13 +47,8 @@ public:
     void awakeFromNib();
 
     MainWindow* mainWindow() const { return m_mainWindow.get(); }
-    const std::shared_ptr<CaptureDevice>& device() const { return m_device; }
-    const LayoutPtr& activeLayout() const { return m_activeLayout; }
-    const std::shared_ptr<ImageRecorder>& imageRecorder() const { return m_imageRecorder; }
-    const std::shared_ptr<VideoRecorder>& videoRecorder() const { return m_videoRecorder; }
-    const std::shared_ptr<ReplayBuffer>& replayBuffer() const { return m_replayBuffer; }
-    GameAudio* gameAudio() const { return m_gameAudio.get(); }
-    const CameraOutputPtr& camera() const { return m_camera; }
+    CaptureSession& session() const { return *m_session; }
+    const LayoutPtr& activeLayout() const { return m_session->layout(); }
     PreferencesWindow* preferencesWindow() const { return m_preferencesWindow.get(); }
 
     // Actions of the menus and the toolbar.
@@ -80,8 +69,6 @@ public:
     void setVideoRecording(bool recording);
     void enableRecorders(bool enabled);
 
-    // The layouts a screenshot or a recording captures.
-    std::vector<LayoutPtr> captureLayouts();
     // Whether the application may quit now; says why not.
     bool attemptExit();
 
@@ -92,11 +79,6 @@ public:
     // `details`, when given, are shown behind the alert's details button.
     void displayMessage(const QString& title, const QString& text, int style, const QString& image = {},
                         const QString& details = {});
-
-    // The video recorder's reports, on the GUI thread.
-    void recordDone();
-    void recordError(const QString& message);
-    void recordNotice(const QString& message);
 
     void installedPlugin(const PluginPtr& plugin);
     void keyPressed(const QKeyEvent& event);
@@ -122,7 +104,12 @@ public:
     void shutdown();
 
 private:
-    void observeConnection();
+    // What the session reports, on the GUI thread.
+    void sessionEvent(const session::Event& event);
+    void recordError(const QString& message);
+    void recoveryDone(const session::RecoveryDone& done);
+    // The session takes the preferences as they are now.
+    void applySettings();
     void setupView();
     void setupMainMenu();
     void updateBackground();
@@ -130,17 +117,8 @@ private:
     // the items back once it is.
     void blinkRecording();
     void recoverBundles(const QStringList& bundles);
-    // Keeps a replay buffer of the active layout while the picture plays and the user wants one; a
-    // new one (empty) after any change of layout or setting.
-    void updateReplayBuffer();
-    // Keeps the game input open while the picture plays and it is listened to or kept by the replay
-    // buffer, with the chosen volume. Returns whether the input changed: a replay buffer then needs
-    // renewing, to take its sound from the new one.
-    bool updateGameSound();
-    void stopReplayBuffer();
-    // Shares the active layout as a camera while the preference is on and the picture plays, and
-    // only then.
-    void updateCamera();
+    // Save Replay is there while the session has a replay to save.
+    void updateSaveReplay();
     // The camera could not share: the item goes off, and the first time the user is told why.
     void cameraFailed(const QString& reason);
     QSize decoration() const;
@@ -149,7 +127,7 @@ private:
     MainWindowContentView* mainView() const;
     CaptureLayoutView* layoutView() const;
 
-    std::shared_ptr<CaptureDevice> m_device;
+    std::unique_ptr<CaptureSession> m_session;
     std::unique_ptr<MainWindow> m_mainWindow;
     std::unique_ptr<QDialog> m_statusWindow;
     std::unique_ptr<::Ui::StatusSheet> m_statusUi;
@@ -157,17 +135,8 @@ private:
     ViewPreferencesView* m_viewPreferences = nullptr;       // owned by the preferences window
     CapturePreferencesView* m_capturePreferences = nullptr; // owned by the preferences window
     std::unique_ptr<QWidget> m_fullScreenWindow;
-    LayoutPtr m_activeLayout;
-    std::shared_ptr<ImageRecorder> m_imageRecorder;
-    std::shared_ptr<VideoRecorder> m_videoRecorder;
-    // Earlier recorders that were still finalising when another recording started; shutdown waits
-    // for them too.
-    std::vector<std::shared_ptr<VideoRecorder>> m_finalisingRecorders;
-    std::unique_ptr<GameAudio> m_gameAudio;
-    std::shared_ptr<ReplayBuffer> m_replayBuffer;
-    std::atomic<int> m_replaySaves{0}; // saves still writing, which quitting waits for
-    const CameraOutputPtr m_camera = CameraOutput::create();
     bool m_cameraFailureShown = false;
+    int m_preferencesObserver = 0;
     QTimer m_blinkTimer;
     bool m_blinkPhase = false;
     QSize m_windowDecoration; // measured when the content went to full screen

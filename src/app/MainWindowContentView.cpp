@@ -1,7 +1,5 @@
 #include "MainWindowContentView.h"
 
-#include "base/Notifier.h"
-
 #include <QPainter>
 
 namespace zandor {
@@ -23,9 +21,7 @@ void MainWindowContentView::paintEvent(QPaintEvent*) {
 
 void MainWindowContentView::keyPressEvent(QKeyEvent* event) {
     // Not passed on: every key press is the main controller's to handle.
-    KeyEventPtr copy(event->clone());
-    Notifier::instance()->post(MainWindowContentViewKeyNotification, QVariant::fromValue<QObject*>(this),
-                               {{MainWindowContentViewKeyEvent, QVariant::fromValue(copy)}});
+    emit keyPressed(*event);
     event->accept();
 }
 

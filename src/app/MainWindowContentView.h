@@ -4,15 +4,10 @@
 #include <QKeyEvent>
 #include <QWidget>
 
-#include <memory>
-
 namespace zandor {
 
-using KeyEventPtr = std::shared_ptr<QKeyEvent>;
-
-// The main window's content: paints the active layout's background colour over its area and turns
-// every key press into one "MainWindowContentViewKeyNotification", the event under
-// "MainWindowContentViewKeyEvent".
+// The main window's content: paints the active layout's background colour over its area and hands
+// every key press to whoever listens to keyPressed.
 class MainWindowContentView : public QWidget {
     Q_OBJECT
 public:
@@ -20,6 +15,9 @@ public:
 
     const QColor& background() const { return m_background; }
     void setBackground(const QColor& color);
+
+signals:
+    void keyPressed(const QKeyEvent& event);
 
 protected:
     void paintEvent(QPaintEvent* event) override;
@@ -30,5 +28,3 @@ private:
 };
 
 } // namespace zandor
-
-Q_DECLARE_METATYPE(zandor::KeyEventPtr)

@@ -44,6 +44,7 @@ inline constexpr Logger settings{"settings"};
 inline constexpr Logger media{"media"};
 inline constexpr Logger recording{"recording"};
 inline constexpr Logger camera{"camera"};
+inline constexpr Logger session{"session"};
 inline constexpr Logger app{"app"};
 } // namespace logs
 

@@ -8,9 +8,6 @@
 namespace zandor {
 
 inline const QString PluginInstalledNotification = QStringLiteral("PluginInstalledNotification");
-inline const QString MainWindowContentViewKeyNotification =
-    QStringLiteral("MainWindowContentViewKeyNotification");
-inline const QString MainWindowContentViewKeyEvent = QStringLiteral("MainWindowContentViewKeyEvent");
 
 // The application-wide notification centre: posting emits `notified` synchronously, on the
 // posting thread, to every connected receiver.

@@ -1,13 +1,12 @@
 #include "CameraCommand.h"
 
-#include "CaptureSession.h"
+#include "CliSession.h"
 #include "base/CommandLine.h"
 #include "camera/CameraOutput.h"
+#include "layouts/LayoutController.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
-#include <mutex>
 
 namespace zandor {
 
@@ -17,43 +16,40 @@ int CameraCommand::run(const CommandLine& options) {
         std::fprintf(stderr, "zandor-cli camera: --seconds needs a whole number of at least 1\n");
         return 2;
     }
-    CaptureSession session;
     std::string error;
-    if (!session.open(options, error)) {
+    auto session = openSession(options, error);
+    if (!session) {
         std::fprintf(stderr, "zandor-cli camera: %s\n", error.c_str());
         return 2;
     }
     // With --layout None both screens are on show; the camera shares the first.
-    const LayoutPtr layout = session.layouts().front();
-    auto camera = CameraOutput::create();
-    std::mutex mutex;
-    std::condition_variable failed;
-    bool failure = false;
-    camera->setFailureHandler([&](const std::string&) {
-        std::scoped_lock lock(mutex);
-        failure = true;
-        failed.notify_all();
-    });
-    if (!camera->start(layout)) {
-        return 1; // the camera has logged why
+    if (!session->layout()) {
+        session->setLayout(LayoutController::instance().screenLayouts()[0]);
     }
-    if (!session.start()) {
-        camera->stop();
+    CaptureSettings settings = session->settings();
+    settings.shareAsCamera = true;
+    session->apply(settings);
+    SessionEvents events(*session);
+    if (!session->start()) {
         return 1; // the device has logged why
     }
+    const auto failed = [](const session::Event& event) {
+        return std::holds_alternative<session::CameraFailed>(event);
+    };
+    if (events.waitFor(failed, std::chrono::milliseconds(0))) {
+        session->shutdown();
+        return 1; // the camera has logged why
+    }
+    const CameraOutputPtr& camera = session->camera();
     std::printf("Sharing %s as the camera \"%s\" (node %u) for %llu seconds\n",
-                qUtf8Printable(layout->name()), CameraOutput::description(*layout).c_str(), camera->nodeId(),
+                qUtf8Printable(session->layout()->name()),
+                CameraOutput::description(*session->layout()).c_str(), camera->nodeId(),
                 static_cast<unsigned long long>(*seconds));
     std::fflush(stdout);
-    {
-        std::unique_lock lock(mutex);
-        failed.wait_for(lock, std::chrono::seconds(*seconds), [&] { return failure; });
-    }
-    camera->stop();
-    session.stop();
+    const bool failure = events.waitFor(failed, std::chrono::seconds(*seconds)).has_value();
+    session->shutdown();
     std::printf("%llu frames sent, %llu dropped\n", static_cast<unsigned long long>(camera->sentFrames()),
                 static_cast<unsigned long long>(camera->droppedFrames()));
-    std::scoped_lock lock(mutex);
     return failure ? 1 : 0;
 }
 

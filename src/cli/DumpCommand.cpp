@@ -2,12 +2,12 @@
 
 #include "base/AtomicFile.h"
 #include "base/CommandLine.h"
-#include "base/DetachedThread.h"
 #include "base/Wakeup.h"
 #include "capture/Boards.h"
 #include "capture/CaptureDevice.h"
 #include "capture/RawFrame.h"
 #include "capture/UsbBoard.h"
+#include "session/CaptureSession.h"
 
 #include <chrono>
 #include <cstdio>
@@ -44,10 +44,11 @@ int DumpCommand::run(const CommandLine& options) {
         return 1;
     }
 
-    auto device = CaptureDevice::create(std::move(board));
+    CaptureSession session(std::move(board), CaptureSettings{});
+    const auto& device = session.device();
     auto wakeup = std::make_shared<Wakeup>();
     auto observer = device->addObserver(wakeup);
-    if (!device->startListening()) {
+    if (!session.start()) {
         // The device has logged why ("Could not connect to capture device", ...).
         return 1;
     }
@@ -68,8 +69,7 @@ int DumpCommand::run(const CommandLine& options) {
         written += ok ? 1 : 0;
     }
     device->removeObserver(observer);
-    device->stopListening();
-    DetachedThread::waitForAll(std::chrono::seconds(2));
+    session.shutdown();
 
     if (!ok || !out.commit(error)) {
         std::fprintf(stderr, "zandor-cli dump: %s\n", error.c_str());

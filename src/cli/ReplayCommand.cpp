@@ -1,8 +1,7 @@
 #include "ReplayCommand.h"
 
-#include "CaptureSession.h"
+#include "CliSession.h"
 #include "base/CommandLine.h"
-#include "audio/GameAudio.h"
 #include "recording/ReplayBuffer.h"
 
 #include <cstdio>
@@ -11,13 +10,13 @@
 namespace zandor {
 
 int ReplayCommand::run(const CommandLine& options) {
-    CaptureSession session;
     std::string error;
-    if (!session.open(options, error)) {
+    auto session = openSession(options, error);
+    if (!session) {
         std::fprintf(stderr, "zandor-cli replay: %s\n", error.c_str());
         return 2;
     }
-    int seconds = session.settings().replaySeconds;
+    CaptureSettings settings = session->settings();
     if (auto text = options.value("buffer-seconds")) {
         auto count = CommandLine::parseCount(*text, ReplayBuffer::MinimumSeconds);
         if (!count || *count > ReplayBuffer::MaximumSeconds) {
@@ -25,48 +24,58 @@ int ReplayCommand::run(const CommandLine& options) {
                          ReplayBuffer::MinimumSeconds, ReplayBuffer::MaximumSeconds);
             return 2;
         }
-        seconds = static_cast<int>(*count);
+        settings.replaySeconds = static_cast<int>(*count);
     }
-    auto play =
-        CommandLine::parseCount(options.value("play-seconds").value_or(std::to_string(seconds + 5)), 1);
+    auto play = CommandLine::parseCount(
+        options.value("play-seconds").value_or(std::to_string(settings.replaySeconds + 5)), 1);
     if (!play) {
         std::fprintf(stderr, "zandor-cli replay: --play-seconds needs a whole number of at least 1\n");
         return 2;
     }
-    if (session.layouts().size() != 1) {
+    if (!session->layout()) {
         std::fprintf(stderr, "zandor-cli replay: the replay buffer keeps one layout: choose a catalogue "
                              "layout, Top or Bottom with --layout\n");
         return 2;
     }
-    if (!session.start()) {
+    settings.replayBuffer = true;
+    session->apply(settings);
+    SessionEvents events(*session);
+    if (!session->start()) {
         return 1; // the device has logged why
     }
-    // The game sound, when one is chosen, kept beside the picture as the application keeps it.
-    GameAudio game;
-    if (!game.start(session.settings().gameAudioInput)) {
-        session.stop();
+    // The game sound, when one is chosen, is kept beside the picture as the application keeps it.
+    const auto lost = [](const session::Event& event) {
+        return std::holds_alternative<session::GameSoundLost>(event);
+    };
+    if (events.waitFor(lost, std::chrono::milliseconds(0))) {
         std::fprintf(stderr, "zandor-cli replay: Could not open the game sound input \"%s\".\n",
-                     qUtf8Printable(session.settings().gameAudioInput));
+                     qUtf8Printable(settings.gameAudioInput));
         return 1;
     }
-    auto buffer = std::make_shared<ReplayBuffer>(session.layouts().front(), session.settings(), seconds);
-    buffer->shareGameInput(game.input());
-    if (!buffer->start()) {
-        session.stop();
+    if (!session->replayBuffer()) {
         std::fprintf(stderr, "zandor-cli replay: Could not start the replay buffer.\n");
         return 1;
     }
     // The buffer fills on its own thread; this one only keeps time.
     std::this_thread::sleep_for(std::chrono::seconds(*play));
-    const ReplayBuffer::Saved saved = buffer->save(session.settings().storageFolder);
-    buffer->stop();
-    session.stop();
-    if (saved.path.isEmpty()) {
-        std::fprintf(stderr, "zandor-cli replay: Could not save the replay. %s\n",
-                     qUtf8Printable(saved.error));
+    session->saveReplay(settings.storageFolder);
+    const auto saved = [](const session::Event& event) {
+        return std::holds_alternative<session::ReplaySaved>(event);
+    };
+    // Saving waits for the sound of the last picture, so the picture and the sound go on meanwhile.
+    const auto event = events.waitFor(saved, std::chrono::hours(1));
+    session->shutdown();
+    if (!event) {
+        std::fprintf(stderr, "zandor-cli replay: Could not save the replay within an hour.\n");
         return 1;
     }
-    std::printf("%s\n", qUtf8Printable(saved.path));
+    const auto& result = std::get<session::ReplaySaved>(*event);
+    if (result.path.isEmpty()) {
+        std::fprintf(stderr, "zandor-cli replay: Could not save the replay. %s\n",
+                     qUtf8Printable(result.error));
+        return 1;
+    }
+    std::printf("%s\n", qUtf8Printable(result.path));
     return 0;
 }
 

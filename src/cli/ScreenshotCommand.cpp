@@ -1,6 +1,6 @@
 #include "ScreenshotCommand.h"
 
-#include "CaptureSession.h"
+#include "CliSession.h"
 #include "recording/ImageRecorder.h"
 
 #include <cstdio>
@@ -17,23 +17,22 @@ constexpr std::chrono::minutes SaveTimeout{10};
 } // namespace
 
 int ScreenshotCommand::run(const CommandLine& options) {
-    CaptureSession session;
     std::string error;
-    if (!session.open(options, error)) {
+    auto session = openSession(options, error);
+    if (!session) {
         std::fprintf(stderr, "zandor-cli screenshot: %s\n", error.c_str());
         return 2;
     }
-    if (!session.start()) {
+    if (!session->start()) {
         return 1; // the device has logged why
     }
-    auto recorder = std::make_shared<ImageRecorder>(session.layouts(), session.settings());
-    recorder->start();
+    const qsizetype wanted = static_cast<qsizetype>(session->captureLayouts().size());
+    auto recorder = session->screenshot();
     bool finished = recorder->waitUntilFinished(FrameTimeout);
     if (!finished && recorder->hasFrame()) {
         finished = recorder->waitUntilFinished(SaveTimeout);
     }
-    recorder->stop();
-    session.stop();
+    session->shutdown();
 
     const QStringList files = recorder->savedFiles();
     for (const QString& file : files) {
@@ -44,7 +43,7 @@ int ScreenshotCommand::run(const CommandLine& options) {
                      static_cast<long long>(FrameTimeout.count()));
         return 1;
     }
-    if (files.size() < static_cast<qsizetype>(session.layouts().size())) {
+    if (files.size() < wanted) {
         std::fprintf(stderr, "zandor-cli screenshot: a screenshot could not be written\n");
         return 1;
     }

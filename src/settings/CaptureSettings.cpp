@@ -36,6 +36,12 @@ CaptureSettings CaptureSettings::fromPreferences(const PreferencesController& pr
     settings.listenToGameAudio = listen.typeId() == QMetaType::Bool && listen.toBool();
     integer(PreferenceGameAudioVolume, 0, 100, settings.gameAudioVolume);
     integer(PreferenceGameAudioOffsetMs, -500, 500, settings.gameAudioOffsetMs);
+    const QVariant captureLayout = preferences.preference(PreferenceCaptureLayout);
+    if (captureLayout.typeId() == QMetaType::QString) {
+        settings.captureLayout = captureLayout.toString();
+    }
+    const QVariant camera = preferences.preference(PreferenceShareAsCamera);
+    settings.shareAsCamera = camera.typeId() == QMetaType::Bool && camera.toBool();
     return settings;
 }
 

@@ -34,6 +34,10 @@ struct CaptureSettings {
     bool listenToGameAudio = false;
     int gameAudioVolume = 100;
     int gameAudioOffsetMs = 0;
+    // The layout screenshots and recordings capture: "Active Layout" (the one on show) or a name.
+    QString captureLayout = QStringLiteral("Active Layout");
+    // Whether the picture on show is shared as a camera while it plays.
+    bool shareAsCamera = false;
 
     static CaptureSettings fromPreferences(const PreferencesController& preferences);
 

@@ -165,10 +165,15 @@ QVariant PreferencesController::preference(const QString& key) const {
 
 void PreferencesController::setPreference(const QString& key, const QVariant& value) {
     bool live = false;
+    decltype(m_observers) observers;
     {
         std::scoped_lock lock(m_mutex);
         assign(m_preferences, key, normalized(value));
         live = m_defaulted && !m_readOnly;
+        observers = m_observers;
+    }
+    for (const auto& observer : observers) {
+        observer.second(key);
     }
     if (!live) {
         return;
@@ -190,6 +195,17 @@ void PreferencesController::setPreference(const QString& key, const QVariant& va
     if (report) {
         report(why);
     }
+}
+
+int PreferencesController::observeChanges(std::function<void(const QString& key)> observer) {
+    std::scoped_lock lock(m_mutex);
+    m_observers.emplace_back(++m_lastObserver, std::move(observer));
+    return m_lastObserver;
+}
+
+void PreferencesController::stopObserving(int handle) {
+    std::scoped_lock lock(m_mutex);
+    std::erase_if(m_observers, [handle](const auto& observer) { return observer.first == handle; });
 }
 
 void PreferencesController::setWriteFailureHandler(std::function<void(const QString&)> handler) {

@@ -61,6 +61,10 @@ public:
     // the store is live. A failed write keeps the value in memory for the run; the first one is
     // logged and handed to the write-failure handler.
     void setPreference(const QString& key, const QVariant& value);
+    // Called on the thread of the change, after every change of any key, with the key. Returns a
+    // handle for stopObserving.
+    int observeChanges(std::function<void(const QString& key)> observer);
+    void stopObserving(int handle);
     // Called, on the thread of the change, the first time after it is set that a change cannot be
     // written, with why.
     void setWriteFailureHandler(std::function<void(const QString& why)> handler);
@@ -99,6 +103,8 @@ private:
     bool m_keepAside = false;
     bool m_writeFailureReported = false;
     std::function<void(const QString&)> m_writeFailureHandler;
+    std::vector<std::pair<int, std::function<void(const QString&)>>> m_observers;
+    int m_lastObserver = 0;
 };
 
 } // namespace zandor

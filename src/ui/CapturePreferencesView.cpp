@@ -179,9 +179,6 @@ void CapturePreferencesView::selectQualityAction(int index) {
     PreferencesController::instance().setPreference(PreferenceCaptureVideoQuality,
                                                     m_ui->qualityPopup->itemText(index));
     showReplayMemory();
-    if (m_ui->replayBufferCheckBox->isChecked()) {
-        emit replayBufferChanged();
-    }
 }
 
 void CapturePreferencesView::selectReplayBuffer() {
@@ -194,12 +191,10 @@ void CapturePreferencesView::selectReplayBuffer() {
     }
     preferences.setPreference(PreferenceReplayBufferEnabled, enabled);
     preferences.setPreference(PreferenceReplayBufferSeconds, seconds);
-    emit replayBufferChanged();
 }
 
 void CapturePreferencesView::selectGameVolume(int percent) {
     PreferencesController::instance().setPreference(PreferenceGameAudioVolume, qint64(percent));
-    emit gameSoundChanged();
 }
 
 void CapturePreferencesView::selectGameOffset() {
@@ -207,7 +202,6 @@ void CapturePreferencesView::selectGameOffset() {
     PreferencesController& preferences = PreferencesController::instance();
     if (preferences.preference(PreferenceGameAudioOffsetMs) != QVariant(offset)) {
         preferences.setPreference(PreferenceGameAudioOffsetMs, offset);
-        emit gameOffsetChanged();
     }
 }
 
@@ -221,7 +215,6 @@ void CapturePreferencesView::selectAudioInput(QComboBox* popup, int index) {
     const QVariant input = popup->itemData(index);
     if (popup == m_ui->audioGamePopup) {
         PreferencesController::instance().setPreference(PreferenceCaptureGameAudioInput, input.toString());
-        emit gameSoundChanged();
     } else if (popup == m_ui->audioNarratorPopup) {
         PreferencesController::instance().setPreference(PreferenceCaptureNarratorAudioInput,
                                                         input.toString());

@@ -24,14 +24,6 @@ public:
     QString toolbarItemLabel() const override;
     QIcon toolbarItemImage() const override;
 
-signals:
-    // The user turned the replay buffer on or off, or changed its length or the quality.
-    void replayBufferChanged();
-    // The user chose another game input or volume.
-    void gameSoundChanged();
-    // The user moved the game sound against the picture.
-    void gameOffsetChanged();
-
 private:
     void fillLayouts();
     void fillQualities();

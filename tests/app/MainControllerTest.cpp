@@ -114,7 +114,7 @@ protected:
         for (int seen = m_frames->count(); m_frames->count() < seen + 10;) {
             EXPECT_TRUE(m_frames->wait(20000));
         }
-        auto recorder = m_controller->videoRecorder();
+        auto recorder = m_controller->session().recorder();
         ui.recordItem->trigger();
         return recorder;
     }
@@ -205,12 +205,12 @@ TEST_F(MainControllerTest, PlayingShowsTheMovingPictureAndAScreenshotCanBeTakenU
     EXPECT_EQ(first.size(), QSize(400, 480));
 
     ui.screenshotItem->trigger();
-    ASSERT_TRUE(m_controller->imageRecorder()->waitUntilFinished(20s));
+    ASSERT_TRUE(m_controller->session().lastScreenshot()->waitUntilFinished(20s));
     EXPECT_EQ(QDir(m_storage.path()).entryList({"Screenshot *.png"}, QDir::Files).size(), 1);
 
     ui.playPauseItem->trigger();
     EXPECT_EQ(ui.playPauseItem->text(), "Play");
-    EXPECT_FALSE(m_controller->device()->isListening());
+    EXPECT_FALSE(m_controller->session().device()->isListening());
     EXPECT_FALSE(ui.screenshotItem->isEnabled() || ui.recordItem->isEnabled());
 }
 
@@ -221,37 +221,39 @@ TEST_F(MainControllerTest, TheReplayBufferFollowsThePictureAndTheSettingAndSaves
     auto& ui = start();
     EXPECT_FALSE(ui.saveReplayItem->isEnabled());
     ui.playPauseItem->trigger();
-    ASSERT_TRUE(m_controller->replayBuffer());
+    ASSERT_TRUE(m_controller->session().replayBuffer());
     EXPECT_TRUE(ui.saveReplayItem->isEnabled());
-    ASSERT_TRUE(QTest::qWaitFor([&] { return m_controller->replayBuffer()->heldSeconds() > 0.5; }, 20000));
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return m_controller->session().replayBuffer()->heldSeconds() > 0.5; }, 20000));
     ui.saveReplayItem->trigger();
     const auto replays = [this] { return QDir(m_storage.path()).entryList({"Replay *.mp4"}, QDir::Files); };
     EXPECT_TRUE(QTest::qWaitFor([&] { return replays().size() == 1; }, 20000));
     EXPECT_TRUE(alerts().isEmpty()) << alerts().join("; ").toStdString();
 
-    const auto first = m_controller->replayBuffer();
+    const auto first = m_controller->session().replayBuffer();
     m_controller->setActiveLayout(LayoutController::instance().layoutNamed("Side by Side"));
-    ASSERT_TRUE(m_controller->replayBuffer());
-    EXPECT_EQ(m_controller->replayBuffer()->layouts().front()->name(), "Side by Side");
+    ASSERT_TRUE(m_controller->session().replayBuffer());
+    EXPECT_EQ(m_controller->session().replayBuffer()->layouts().front()->name(), "Side by Side");
     EXPECT_FALSE(first->isListening());
 
     auto* pane = m_controller->preferencesWindow()->findChild<QCheckBox*>("replayBufferCheckBox");
     ASSERT_TRUE(pane);
     pane->click();
-    EXPECT_FALSE(m_controller->replayBuffer()) << "turned off in the preferences";
+    EXPECT_FALSE(m_controller->session().replayBuffer()) << "turned off in the preferences";
     pane->click();
-    const auto kept = m_controller->replayBuffer();
+    const auto kept = m_controller->session().replayBuffer();
     ASSERT_TRUE(kept);
     ASSERT_TRUE(QTest::qWaitFor([&] { return kept->heldSeconds() > 0.5; }, 20000));
     auto* offset = m_controller->preferencesWindow()->findChild<QSpinBox*>("gameOffsetField");
     ASSERT_TRUE(offset);
     offset->setValue(300);
     emit offset->editingFinished();
-    EXPECT_EQ(m_controller->replayBuffer(), kept) << "another offset applies to what the buffer holds";
+    EXPECT_EQ(m_controller->session().replayBuffer(), kept)
+        << "another offset applies to what the buffer holds";
 
     // Paused, the buffer keeps what it holds; the save goes to the folder chosen now.
     ui.playPauseItem->trigger();
-    EXPECT_EQ(m_controller->replayBuffer(), kept);
+    EXPECT_EQ(m_controller->session().replayBuffer(), kept);
     EXPECT_FALSE(kept->isListening());
     EXPECT_TRUE(ui.saveReplayItem->isEnabled());
     QTemporaryDir chosenLater;
@@ -262,7 +264,7 @@ TEST_F(MainControllerTest, TheReplayBufferFollowsThePictureAndTheSettingAndSaves
         20000));
     EXPECT_TRUE(alerts().isEmpty()) << alerts().join("; ").toStdString();
     ui.playPauseItem->trigger();
-    EXPECT_NE(m_controller->replayBuffer(), kept) << "Play starts the buffer afresh";
+    EXPECT_NE(m_controller->session().replayBuffer(), kept) << "Play starts the buffer afresh";
 }
 
 // Which of Zandor's streams the sound server has open, by name, sorted: the inputs it records
@@ -307,10 +309,10 @@ TEST_F(MainControllerSoundTest, TheInputsAreOpenOnlyWhileSomethingRecordsBuffers
     EXPECT_TRUE(closeAll()) << "playing alone opens nothing";
 
     ui.recordItem->trigger();
-    ASSERT_TRUE(m_controller->videoRecorder());
+    ASSERT_TRUE(m_controller->session().recorder());
     EXPECT_EQ(streamsOpen(), (QStringList{"Game", "Listening", "Narrator"}));
     ui.recordItem->trigger();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return m_controller->videoRecorder()->isDone(); }, 60000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return m_controller->session().recorder()->isDone(); }, 60000));
     EXPECT_TRUE(closeAll()) << "after the recording: " << streamsOpen().join(", ").toStdString();
 
     ui.listenItem->setChecked(true);
@@ -321,7 +323,7 @@ TEST_F(MainControllerSoundTest, TheInputsAreOpenOnlyWhileSomethingRecordsBuffers
     auto* buffer = m_controller->preferencesWindow()->findChild<QCheckBox*>("replayBufferCheckBox");
     ASSERT_TRUE(buffer);
     buffer->click();
-    ASSERT_TRUE(m_controller->replayBuffer());
+    ASSERT_TRUE(m_controller->session().replayBuffer());
     EXPECT_EQ(streamsOpen(), QStringList{"Game"});
     // Pause comes back with the record button's next blink after the recording.
     ASSERT_TRUE(QTest::qWaitFor([&] { return ui.playPauseItem->isEnabled(); }, 10000));
@@ -341,7 +343,7 @@ TEST_F(MainControllerTest, ShareAsCameraSharesWhileThePicturePlaysOrSaysOnceWhyI
     ASSERT_TRUE(server.isRunning()) << server.error();
     auto& ui = start();
     ui.shareAsCameraItem->trigger();
-    EXPECT_FALSE(m_controller->camera()->isSharing()) << "no node while paused";
+    EXPECT_FALSE(m_controller->session().camera()->isSharing()) << "no node while paused";
     ui.playPauseItem->trigger();
     EXPECT_TRUE(test::PipeWireServer::waitForNode("zandor", "Zandor: Top over Bottom"));
     m_controller->setActiveLayout(LayoutController::instance().layoutNamed("Side by Side"));
@@ -351,20 +353,24 @@ TEST_F(MainControllerTest, ShareAsCameraSharesWhileThePicturePlaysOrSaysOnceWhyI
 
     setenv("XDG_RUNTIME_DIR", qPrintable(m_storage.path()), 1); // no daemon there
     ui.playPauseItem->trigger();
+    const auto turnedOff = [&] {
+        return QTest::qWaitFor([&] { return !ui.shareAsCameraItem->isChecked(); }, 10000);
+    };
+    EXPECT_TRUE(turnedOff());
     ui.shareAsCameraItem->trigger();
-    EXPECT_TRUE(m_controller->device()->isListening()) << "the picture plays on";
-    EXPECT_FALSE(ui.shareAsCameraItem->isChecked());
+    EXPECT_TRUE(turnedOff());
+    EXPECT_TRUE(m_controller->session().device()->isListening()) << "the picture plays on";
     EXPECT_EQ(PreferencesController::instance().preference(PreferenceShareAsCamera), QVariant(false));
     EXPECT_EQ(alerts().filter("Could not share the picture as a camera.").size(), 1);
 }
 
 TEST_F(MainControllerTest, CaptureFollowsTheChosenLayoutOrBothScreens) {
     start();
-    EXPECT_EQ(m_controller->captureLayouts(), std::vector<LayoutPtr>{m_controller->activeLayout()});
+    EXPECT_EQ(m_controller->session().captureLayouts(), std::vector<LayoutPtr>{m_controller->activeLayout()});
     PreferencesController::instance().setPreference(PreferenceCaptureLayout, "Side by Side");
-    EXPECT_EQ(m_controller->captureLayouts().front()->name(), "Side by Side");
+    EXPECT_EQ(m_controller->session().captureLayouts().front()->name(), "Side by Side");
     PreferencesController::instance().setPreference(PreferenceCaptureLayout, "None");
-    const auto layouts = m_controller->captureLayouts();
+    const auto layouts = m_controller->session().captureLayouts();
     ASSERT_EQ(layouts.size(), 2u);
     EXPECT_EQ(layouts[0]->name() + layouts[1]->name(), "TopBottom");
 }
@@ -408,7 +414,7 @@ TEST_F(MainControllerTest, TheRecordButtonFollowsTheRecordingStartedWhileAnother
     const auto first = recordTenFrames(ui);
     ASSERT_TRUE(QTest::qWaitFor([&] { return QFile::exists(m_tools.path() + "/converting"); }, 60000));
     ui.recordItem->trigger();
-    ASSERT_NE(m_controller->videoRecorder(), first);
+    ASSERT_NE(m_controller->session().recorder(), first);
     EXPECT_EQ(ui.recordItem->text(), "Stop");
     EXPECT_FALSE(m_controller->attemptExit()) << "no quitting while recording";
     EXPECT_TRUE(alerts().last().startsWith("Please stop recording first."));
@@ -423,7 +429,7 @@ TEST_F(MainControllerTest, TheRecordButtonFollowsTheRecordingStartedWhileAnother
     EXPECT_FALSE(ui.playPauseItem->isEnabled()) << "no pausing in the middle of the second recording";
 
     ui.recordItem->trigger();
-    ASSERT_TRUE(m_controller->videoRecorder()->waitUntilFinished(60s));
+    ASSERT_TRUE(m_controller->session().recorder()->waitUntilFinished(60s));
     EXPECT_TRUE(QTest::qWaitFor([&] { return ui.recordItem->text() == "Record"; }, 20000));
     EXPECT_TRUE(ui.playPauseItem->isEnabled());
     EXPECT_TRUE(m_controller->attemptExit());
@@ -437,7 +443,7 @@ TEST_F(MainControllerTest, ARecordingThatCannotWriteIsRefusedAndSaidSo) {
     auto& ui = start();
     ui.playPauseItem->trigger();
     ui.recordItem->trigger();
-    EXPECT_EQ(m_controller->videoRecorder(), nullptr);
+    EXPECT_EQ(m_controller->session().recorder(), nullptr);
     EXPECT_EQ(ui.recordItem->text(), "Record");
     EXPECT_TRUE(ui.playPauseItem->isEnabled());
     ASSERT_EQ(alerts().size(), 1);

@@ -1,9 +1,7 @@
-#include "CaptureSession.h"
+#include "CliSession.h"
 
 #include "base/CommandLine.h"
-#include "base/DetachedThread.h"
 #include "capture/Boards.h"
-#include "capture/CaptureDevice.h"
 #include "capture/UsbBoard.h"
 #include "layouts/LayoutController.h"
 #include "settings/VideoQuality.h"
@@ -16,15 +14,17 @@
 
 namespace zandor {
 
-CaptureSession::~CaptureSession() {
-    stop();
-}
-
-bool CaptureSession::open(const CommandLine& options, std::string& error) {
+std::unique_ptr<CaptureSession> openSession(const CommandLine& options, std::string& error) {
     // The stored settings, overridden by the command line for this run; the store is only read.
     PreferencesController& preferences = PreferencesController::instance();
     preferences.setReadOnly(true);
-    m_settings = CaptureSettings::fromPreferences(preferences);
+    CaptureSettings settings = CaptureSettings::fromPreferences(preferences);
+    // The layout chosen here is the one on show, and the one captured.
+    settings.captureLayout = QStringLiteral("Active Layout");
+    // A command turns on what it runs beside the picture; the stored choices of the window do not.
+    settings.replayBuffer = false;
+    settings.listenToGameAudio = false;
+    settings.shareAsCamera = false;
 
     if (auto out = options.value("out")) {
         QFileInfo folder(QString::fromStdString(*out));
@@ -32,24 +32,24 @@ bool CaptureSession::open(const CommandLine& options, std::string& error) {
             error = "Cannot write to the folder '" + *out + "'" +
                     (folder.exists() ? (folder.isDir() ? ": permission denied" : ": it is not a folder")
                                      : ": it does not exist");
-            return false;
+            return nullptr;
         }
-        m_settings.storageFolder = folder.absoluteFilePath();
+        settings.storageFolder = folder.absoluteFilePath();
     }
     if (auto format = options.value("format")) {
         if (*format != "PNG" && *format != "JPEG") {
             error = "Unknown image format '" + *format + "': use PNG or JPEG";
-            return false;
+            return nullptr;
         }
-        m_settings.imageFormat = QString::fromStdString(*format);
+        settings.imageFormat = QString::fromStdString(*format);
     }
 
     if (auto fps = options.value("fps")) {
         if (!CaptureSettings::frameRates().contains(QString::fromStdString(*fps))) {
             error = "Unknown frame rate '" + *fps + "': use Original, 24, 25, 30, 50 or 60";
-            return false;
+            return nullptr;
         }
-        m_settings.framesPerSecond = QString::fromStdString(*fps);
+        settings.framesPerSecond = QString::fromStdString(*fps);
     }
     if (auto quality = options.value("quality")) {
         const QString name = QString::fromStdString(*quality);
@@ -58,57 +58,69 @@ bool CaptureSession::open(const CommandLine& options, std::string& error) {
                          [&](const auto& preset) { return preset->name() == name; })) {
             error =
                 "Unknown quality '" + *quality + "': use Highest, Higher, High, Medium, Low, Lower or Lowest";
-            return false;
+            return nullptr;
         }
-        m_settings.videoQuality = name;
+        settings.videoQuality = name;
     }
     if (auto input = options.value("game-audio")) {
-        m_settings.gameAudioInput = QString::fromStdString(*input);
+        settings.gameAudioInput = QString::fromStdString(*input);
     }
     if (auto input = options.value("narrator-audio")) {
-        m_settings.narratorAudioInput = QString::fromStdString(*input);
+        settings.narratorAudioInput = QString::fromStdString(*input);
     }
 
     auto board = createBoard(options.value("board").value_or("usb"), error);
     if (!board) {
-        return false;
+        return nullptr;
     }
-    m_device = CaptureDevice::create(std::move(board));
+    auto session = std::make_unique<CaptureSession>(std::move(board), std::move(settings));
     LayoutController& catalogue = LayoutController::instance();
-    catalogue.setDevice(m_device);
-
-    const auto screens = catalogue.screenLayouts();
     const QString name = QString::fromStdString(options.value("layout").value_or(""));
     if (name.isEmpty()) {
         // As the application starts: the first layout of the catalogue is on show.
-        m_layouts = catalogue.layouts().empty() ? std::vector<LayoutPtr>(screens.begin(), screens.end())
-                                                : std::vector<LayoutPtr>{catalogue.layouts().front()};
+        session->setLayout(catalogue.layouts().empty() ? nullptr : catalogue.layouts().front());
     } else if (auto layout = catalogue.layoutNamed(name)) {
-        m_layouts = {layout};
+        session->setLayout(layout);
     } else if (name == QLatin1String("Top") || name == QLatin1String("Bottom")) {
-        m_layouts = {screens[name == QLatin1String("Top") ? 0 : 1]};
-    } else if (name == QLatin1String("None")) {
-        m_layouts = {screens.begin(), screens.end()};
-    } else {
+        session->setLayout(catalogue.screenLayouts()[name == QLatin1String("Top") ? 0 : 1]);
+    } else if (name != QLatin1String("None")) {
         error = "Unknown layout '" + name.toStdString() + "': see zandor-cli layouts";
+        return nullptr;
+    }
+    return session;
+}
+
+SessionEvents::SessionEvents(CaptureSession& session) : m_session(session) {
+    m_session.setEventHandler([this](const session::Event& event) {
+        std::scoped_lock lock(m_lock);
+        m_events.push_back(event);
+        m_arrived.notify_all();
+    });
+}
+
+SessionEvents::~SessionEvents() {
+    m_session.setEventHandler(nullptr);
+}
+
+std::optional<session::Event> SessionEvents::waitFor(const std::function<bool(const session::Event&)>& wanted,
+                                                     std::chrono::milliseconds timeout) {
+    std::unique_lock lock(m_lock);
+    std::optional<session::Event> found;
+    m_arrived.wait_for(lock, timeout, [&] {
+        for (const auto& event : m_events) {
+            if (wanted(event)) {
+                found = event;
+                return true;
+            }
+        }
         return false;
-    }
-    return true;
+    });
+    return found;
 }
 
-bool CaptureSession::start() {
-    return m_device && m_device->startListening();
-}
-
-void CaptureSession::stop() {
-    if (!m_device) {
-        return;
-    }
-    m_device->stopListening();
-    for (const auto& layout : m_layouts) {
-        layout->stopListening();
-    }
-    DetachedThread::waitForAll(std::chrono::seconds(5));
+std::vector<session::Event> SessionEvents::all() {
+    std::scoped_lock lock(m_lock);
+    return m_events;
 }
 
 } // namespace zandor

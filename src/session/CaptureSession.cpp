@@ -1,0 +1,378 @@
+#include "CaptureSession.h"
+
+#include "audio/GameAudio.h"
+#include "base/DetachedThread.h"
+#include "base/Log.h"
+#include "base/RunOn.h"
+#include "capture/CaptureDevice.h"
+#include "capture/UsbBoard.h"
+#include "layouts/LayoutController.h"
+#include "recording/ImageRecorder.h"
+#include "recording/ReplayBuffer.h"
+#include "recording/VideoRecorder.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QPointer>
+
+#include <pthread.h>
+#include <unistd.h>
+
+namespace zandor {
+
+namespace {
+
+// A recording's reports become the session's events, on the recorder's thread.
+class RecorderEvents final : public RecorderDelegate {
+public:
+    explicit RecorderEvents(std::function<void(const session::Event&)> send) : m_send(std::move(send)) {}
+    void recordDone() override { m_send(session::RecordingDone{}); }
+    void recordError(const QString& message) override { m_send(session::RecordingError{message}); }
+    void recordNotice(const QString& message) override { m_send(session::RecordingNotice{message}); }
+
+private:
+    const std::function<void(const session::Event&)> m_send;
+};
+
+// Collects the steps of one recovery that failed, as a recording's finalising reports them.
+class RecoveryErrors final : public RecorderDelegate {
+public:
+    void recordDone() override {}
+    void recordError(const QString& message) override { messages << message; }
+    QStringList messages;
+};
+
+} // namespace
+
+CaptureSession::CaptureSession(std::unique_ptr<UsbBoard> board, CaptureSettings settings)
+    : m_device(CaptureDevice::create(std::move(board))), m_settings(std::move(settings)),
+      m_gameAudio(std::make_unique<GameAudio>()) {
+    LayoutController::instance().setDevice(m_device);
+    m_device->setConnectionObserver(
+        [this](bool connected) { emitEvent(session::BoardConnection{connected}); });
+    m_camera->setFailureHandler([this](const std::string& reason) {
+        emitEvent(session::CameraFailed{QString::fromStdString(reason)});
+    });
+    // The input went away: said in the log; the picture goes on without the sound.
+    m_gameAudio->setLostHandler(
+        [self = QPointer<CaptureSession>(this)] { runLater(self, [self] { self->gameSoundLost(); }); });
+}
+
+CaptureSession::~CaptureSession() {
+    shutdown();
+    m_device->setConnectionObserver(nullptr);
+    m_camera->setFailureHandler(nullptr);
+    m_gameAudio->setLostHandler(nullptr);
+}
+
+void CaptureSession::setEventHandler(std::function<void(const session::Event&)> handler) {
+    std::scoped_lock lock(m_handlerLock);
+    m_handler = std::move(handler);
+}
+
+void CaptureSession::emitEvent(const session::Event& event) {
+    std::scoped_lock lock(m_handlerLock);
+    if (m_handler) {
+        m_handler(event);
+    }
+}
+
+void CaptureSession::setLayoutFeed(LayoutFeed* feed) {
+    m_feed = feed;
+    if (m_feed) {
+        m_feed->setLayout(m_layout);
+    }
+}
+
+bool CaptureSession::isPlaying() const {
+    return m_device->isListening();
+}
+
+bool CaptureSession::start() {
+    if (isPlaying()) {
+        return true;
+    }
+    if (!m_device->startListening()) {
+        return false;
+    }
+    startFeed();
+    updateGameSound();
+    updateReplayBuffer();
+    updateCamera();
+    return true;
+}
+
+void CaptureSession::startFeed() {
+    // The feed subscribes first, so that the layout finds its consumer when its thread starts.
+    // Without a feed the layout runs for the consumers that start it: recorders, the replay buffer
+    // and the camera.
+    if (m_feed && m_layout) {
+        m_feed->startListening();
+        m_layout->startListening();
+    }
+}
+
+void CaptureSession::stop() {
+    if (!isPlaying()) {
+        return;
+    }
+    // The replay buffer keeps what it holds, so that a highlight can still be saved, until Play.
+    if (m_replayBuffer) {
+        m_replayBuffer->stop();
+    }
+    m_gameAudio->stop();
+    m_device->stopListening();
+    if (m_feed) {
+        m_feed->stopListening();
+    }
+    if (m_layout) {
+        m_layout->stopListening();
+    }
+    updateCamera();
+}
+
+void CaptureSession::setLayout(const LayoutPtr& layout) {
+    const bool playing = isPlaying();
+    stopReplayBuffer(); // it holds the old layout running
+    if (m_feed) {
+        m_feed->stopListening();
+    }
+    if (m_layout) {
+        m_layout->stopListening();
+    }
+    m_layout = layout;
+    if (m_feed) {
+        m_feed->setLayout(layout);
+    }
+    if (playing) {
+        startFeed();
+    }
+    updateCamera();
+    updateReplayBuffer();
+}
+
+std::vector<LayoutPtr> CaptureSession::captureLayouts() const {
+    LayoutPtr candidate = m_layout;
+    if (m_settings.captureLayout != QLatin1String("Active Layout")) {
+        candidate = LayoutController::instance().layoutNamed(m_settings.captureLayout);
+    }
+    if (candidate) {
+        return {candidate};
+    }
+    const auto& screens = LayoutController::instance().screenLayouts();
+    return {screens.begin(), screens.end()};
+}
+
+void CaptureSession::apply(const CaptureSettings& settings) {
+    const CaptureSettings before = std::exchange(m_settings, settings);
+    const bool renewBuffer = before.replayBuffer != settings.replayBuffer ||
+                             before.replaySeconds != settings.replaySeconds ||
+                             before.videoQuality != settings.videoQuality;
+    // Another input gives a new replay buffer; another volume keeps it.
+    if (updateGameSound() || renewBuffer) {
+        updateReplayBuffer();
+    }
+    // The buffer places what it holds by the offset of the moment it saves.
+    if (m_replayBuffer && before.gameAudioOffsetMs != settings.gameAudioOffsetMs) {
+        m_replayBuffer->setGameAudioOffset(std::chrono::milliseconds(settings.gameAudioOffsetMs));
+    }
+    if (before.shareAsCamera != settings.shareAsCamera) {
+        updateCamera();
+    }
+}
+
+bool CaptureSession::updateGameSound() {
+    const auto before = m_gameAudio->input();
+    m_gameAudio->setVolume(m_settings.gameAudioVolume);
+    m_gameAudio->setListening(m_settings.listenToGameAudio);
+    if (isPlaying() && (m_settings.listenToGameAudio || m_settings.replayBuffer)) {
+        // A failure is logged; the picture goes on.
+        if (!m_gameAudio->start(m_settings.gameAudioInput)) {
+            emitEvent(session::GameSoundLost{m_settings.gameAudioInput});
+        }
+    } else {
+        m_gameAudio->stop();
+    }
+    return m_gameAudio->input() != before;
+}
+
+void CaptureSession::gameSoundLost() {
+    emitEvent(session::GameSoundLost{m_settings.gameAudioInput});
+    m_gameAudio->stop();
+    updateReplayBuffer();
+}
+
+void CaptureSession::updateReplayBuffer() {
+    if (m_settings.replayBuffer && !isPlaying()) {
+        return; // paused: what the buffer holds stays to be saved until the picture plays again
+    }
+    stopReplayBuffer();
+    if (m_settings.replayBuffer && m_layout && isPlaying()) {
+        auto buffer = std::make_shared<ReplayBuffer>(m_layout, m_settings, m_settings.replaySeconds);
+        buffer->shareGameInput(m_gameAudio->input());
+        if (buffer->start()) {
+            m_replayBuffer = std::move(buffer);
+        }
+    }
+}
+
+void CaptureSession::stopReplayBuffer() {
+    if (m_replayBuffer) {
+        m_replayBuffer->stop();
+        m_replayBuffer.reset();
+    }
+}
+
+bool CaptureSession::canSaveReplay() const {
+    return m_replayBuffer && (isPlaying() || m_replayBuffer->heldBytes() > 0);
+}
+
+void CaptureSession::updateCamera() {
+    if (!m_settings.shareAsCamera || !isPlaying() || !m_layout) {
+        m_camera->stop();
+    } else if (m_camera->isSharing()) {
+        m_camera->setLayout(m_layout);
+    } else if (std::string reason; !m_camera->start(m_layout, &reason)) {
+        m_settings.shareAsCamera = false;
+        emitEvent(session::CameraFailed{QString::fromStdString(reason)});
+    }
+}
+
+std::shared_ptr<ImageRecorder> CaptureSession::screenshot() {
+    if (m_screenshot && m_screenshot->isRecording()) {
+        return nullptr;
+    }
+    m_screenshot = std::make_shared<ImageRecorder>(captureLayouts(), m_settings);
+    m_screenshot->start();
+    return m_screenshot;
+}
+
+CaptureSession::RecordFailure CaptureSession::record() {
+    if (isRecording()) {
+        return RecordFailure::AlreadyRecording;
+    }
+    // The recorder reports a bundle it cannot make as a start, so the folder is checked first: a
+    // recording that cannot write must not look like one that runs.
+    if (!QDir().mkpath(m_settings.storageFolder) ||
+        ::access(QFile::encodeName(m_settings.storageFolder).constData(), W_OK | X_OK) != 0) {
+        return RecordFailure::FolderNotWritable;
+    }
+    if (m_recorder && !m_recorder->isDone()) {
+        m_finalising.push_back(m_recorder);
+    }
+    std::erase_if(m_finalising, [](const auto& recorder) { return recorder->isDone(); });
+    m_recorder = std::make_shared<VideoRecorder>(captureLayouts(), m_settings);
+    m_recorder->setDelegate(
+        std::make_shared<RecorderEvents>([this](const session::Event& event) { emitEvent(event); }));
+    m_recorder->shareGameInput(m_gameAudio->input());
+    return m_recorder->start() ? RecordFailure::None : RecordFailure::RecorderFailed;
+}
+
+void CaptureSession::stopRecording() {
+    if (isRecording()) {
+        m_recorder->stop();
+    }
+}
+
+bool CaptureSession::isRecording() const {
+    return m_recorder && m_recorder->isRecording();
+}
+
+bool CaptureSession::saveReplay(const QString& folder) {
+    if (!m_replayBuffer) {
+        return false;
+    }
+    runInBackground([this, buffer = m_replayBuffer, folder] {
+        const ReplayBuffer::Saved saved = buffer->save(folder);
+        emitEvent(session::ReplaySaved{saved.path, saved.error});
+    });
+    return true;
+}
+
+void CaptureSession::recover(const QStringList& bundles) {
+    runInBackground([this, bundles] {
+        session::RecoveryDone done;
+        for (const QString& bundle : bundles) {
+            QString why;
+            const auto recorder = VideoRecorder::forBundle(bundle, why);
+            auto errors = std::make_shared<RecoveryErrors>();
+            if (recorder) {
+                recorder->setDelegate(errors);
+                if (recorder->recover()) {
+                    done.seconds += recorder->recordedSeconds();
+                }
+                for (const QString& file : recorder->madeFiles()) {
+                    done.made << QFileInfo(file).fileName();
+                }
+            } else {
+                errors->messages << why;
+            }
+            if (!errors->messages.isEmpty()) {
+                done.failed << QStringLiteral("%1: %2").arg(QFileInfo(bundle).fileName(),
+                                                            errors->messages.join(u' '));
+            }
+        }
+        emitEvent(done);
+    });
+}
+
+void CaptureSession::runInBackground(std::function<void()> job) {
+    std::scoped_lock lock(m_jobLock);
+    m_jobs.push_back(std::move(job));
+    m_jobAdded.notify_one();
+    if (m_jobThread.joinable()) {
+        return;
+    }
+    m_jobsEnding = false;
+    m_jobThread = std::thread([this] {
+        pthread_setname_np(pthread_self(), "zandor-session");
+        std::unique_lock lock(m_jobLock);
+        for (;;) {
+            m_jobAdded.wait(lock, [this] { return m_jobsEnding || !m_jobs.empty(); });
+            if (m_jobs.empty()) {
+                return; // ending, and nothing left to do
+            }
+            auto next = std::move(m_jobs.front());
+            m_jobs.pop_front();
+            lock.unlock();
+            next();
+            lock.lock();
+        }
+    });
+}
+
+void CaptureSession::shutdown() {
+    stopRecording();
+    // Recordings being finalised, the current one and any earlier one: their files are finished
+    // before the session goes.
+    if (m_recorder) {
+        m_finalising.push_back(m_recorder);
+    }
+    for (const auto& recorder : m_finalising) {
+        if (!recorder->isDone() && !recorder->waitUntilFinished(std::chrono::minutes(30))) {
+            logs::session.warning("A recording was still being finalised after 30 minutes");
+        }
+    }
+    m_finalising.clear();
+    if (m_screenshot) {
+        m_screenshot->stop();
+    }
+    stop();
+    stopReplayBuffer(); // a save under way holds the buffer until it is written
+    m_camera->stop();
+    // Replays being saved and recoveries are finished, or they would leave no file at all.
+    {
+        std::scoped_lock lock(m_jobLock);
+        m_jobsEnding = true;
+        m_jobAdded.notify_one();
+    }
+    if (m_jobThread.joinable()) {
+        m_jobThread.join();
+    }
+    if (!DetachedThread::waitForAll(std::chrono::seconds(5))) {
+        logs::session.warning("The picture's threads had not ended 5 seconds after the stop");
+    }
+}
+
+} // namespace zandor

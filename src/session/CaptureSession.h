@@ -1,0 +1,180 @@
+#pragma once
+
+#include "camera/CameraOutput.h"
+#include "layouts/CaptureLayout.h"
+#include "settings/CaptureSettings.h"
+
+#include <QObject>
+#include <QStringList>
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <variant>
+#include <vector>
+
+namespace zandor {
+
+class CaptureDevice;
+class GameAudio;
+class ImageRecorder;
+class ReplayBuffer;
+class UsbBoard;
+class VideoRecorder;
+
+// A consumer of the active layout that subscribes before the layout starts and follows every change
+// of layout: the window's picture.
+class LayoutFeed {
+public:
+    virtual ~LayoutFeed() = default;
+    virtual void setLayout(const LayoutPtr& layout) = 0;
+    virtual bool startListening() = 0;
+    virtual void stopListening() = 0;
+};
+
+// What a capture session tells its owner, from whichever thread it happened on.
+namespace session {
+// The board went away (false) or came back (true) while the picture played.
+struct BoardConnection {
+    bool connected;
+};
+// The current or a finalising recording ended: its files are made (or not, with errors sent first).
+struct RecordingDone {};
+struct RecordingError {
+    QString message;
+};
+struct RecordingNotice {
+    QString message;
+};
+// A replay save ended: the movie's path, or empty with one sentence why.
+struct ReplaySaved {
+    QString path;
+    QString error;
+};
+// Sharing as a camera ended or could not begin; the session stopped asking for it.
+struct CameraFailed {
+    QString reason;
+};
+// The game sound input could not be opened, or went away while open.
+struct GameSoundLost {
+    QString input;
+};
+// Recovering unfinished recordings ended: the files made, one line per bundle that failed, and the
+// seconds saved.
+struct RecoveryDone {
+    QStringList made;
+    QStringList failed;
+    double seconds = 0;
+};
+using Event = std::variant<BoardConnection, RecordingDone, RecordingError, RecordingNotice, ReplaySaved,
+                           CameraFailed, GameSoundLost, RecoveryDone>;
+} // namespace session
+
+// One capture session: the device and its board, the layout on show, the game sound, the replay
+// buffer, the camera, and the current and finalising recordings. It alone decides what runs and in
+// which order things start and stop, for the window and for every command of zandor-cli alike.
+// Called on one thread (its owner's); the events come from any thread.
+class CaptureSession : public QObject {
+public:
+    enum class RecordFailure { None, AlreadyRecording, FolderNotWritable, RecorderFailed };
+
+    CaptureSession(std::unique_ptr<UsbBoard> board, CaptureSettings settings);
+    ~CaptureSession() override;
+    CaptureSession(const CaptureSession&) = delete;
+    CaptureSession& operator=(const CaptureSession&) = delete;
+
+    // Set before start; called on any thread.
+    void setEventHandler(std::function<void(const session::Event&)> handler);
+    // The window's picture, fed with the layout on show; null for none.
+    void setLayoutFeed(LayoutFeed* feed);
+
+    // Plays: the device first, then the feed and the layout, the game sound, the replay buffer and
+    // the camera. False when the board cannot be opened (the device says why).
+    bool start();
+    // Pauses: the sound, the device, the feed and the layout stop; the replay buffer keeps what it
+    // holds until the next start, so that it can still be saved.
+    void stop();
+    bool isPlaying() const;
+
+    // The layout on show (null: both screens alone, as `zandor-cli --layout None`).
+    void setLayout(const LayoutPtr& layout);
+    const LayoutPtr& layout() const { return m_layout; }
+    // The layouts a screenshot or a recording captures, by the settings' capture layout.
+    std::vector<LayoutPtr> captureLayouts() const;
+
+    // Takes new settings: the game sound, the replay buffer, its offset and the camera follow at
+    // once; recordings and screenshots take them when they start.
+    void apply(const CaptureSettings& settings);
+    const CaptureSettings& settings() const { return m_settings; }
+
+    // A screenshot of the capture layouts, or null while one is still being taken.
+    std::shared_ptr<ImageRecorder> screenshot();
+    const std::shared_ptr<ImageRecorder>& lastScreenshot() const { return m_screenshot; }
+    // Starts a recording of the capture layouts into the storage folder.
+    RecordFailure record();
+    // Stops the current recording; it finalises on its own thread and says when it is done.
+    void stopRecording();
+    bool isRecording() const;
+    // The current recording, finalising or done; null before the first.
+    const std::shared_ptr<VideoRecorder>& recorder() const { return m_recorder; }
+
+    // Writes what the replay buffer holds into `folder`, in the background; false when there is no
+    // buffer. Ends with a ReplaySaved event.
+    bool saveReplay(const QString& folder);
+    // Whether the buffer holds something to save (also while paused).
+    bool canSaveReplay() const;
+    const std::shared_ptr<ReplayBuffer>& replayBuffer() const { return m_replayBuffer; }
+
+    // Finishes recordings an earlier run left unfinished, in the background; ends with RecoveryDone.
+    void recover(const QStringList& bundles);
+
+    const std::shared_ptr<CaptureDevice>& device() const { return m_device; }
+    GameAudio& gameAudio() const { return *m_gameAudio; }
+    const CameraOutputPtr& camera() const { return m_camera; }
+
+    // Waits for the recordings being finalised and the replays being saved, then stops everything
+    // and joins the background work. The session can start again afterwards.
+    void shutdown();
+
+private:
+    void emitEvent(const session::Event& event);
+    void startFeed();
+    // Keeps the game input open while the picture plays and it is listened to or kept by the replay
+    // buffer. Returns whether the input changed: a replay buffer then needs renewing.
+    bool updateGameSound();
+    // A new, empty replay buffer of the layout on show while the picture plays and one is wanted;
+    // while paused the old one is kept to be saved.
+    void updateReplayBuffer();
+    void stopReplayBuffer();
+    void updateCamera();
+    void gameSoundLost();
+    // Runs `job` on the session's background thread, after the jobs before it.
+    void runInBackground(std::function<void()> job);
+
+    std::shared_ptr<CaptureDevice> m_device;
+    CaptureSettings m_settings;
+    std::unique_ptr<GameAudio> m_gameAudio;
+    const CameraOutputPtr m_camera = CameraOutput::create();
+    LayoutFeed* m_feed = nullptr;
+    LayoutPtr m_layout;
+    std::shared_ptr<ImageRecorder> m_screenshot;
+    std::shared_ptr<VideoRecorder> m_recorder;
+    // Earlier recorders still finalising when another recording started.
+    std::vector<std::shared_ptr<VideoRecorder>> m_finalising;
+    std::shared_ptr<ReplayBuffer> m_replayBuffer;
+
+    std::mutex m_handlerLock;
+    std::function<void(const session::Event&)> m_handler; // guarded by m_handlerLock
+
+    // The background thread: replay saves and recovery, one after the other.
+    std::mutex m_jobLock;
+    std::condition_variable m_jobAdded;
+    std::deque<std::function<void()>> m_jobs; // guarded by m_jobLock
+    bool m_jobsEnding = false;                // guarded by m_jobLock
+    std::thread m_jobThread;
+};
+
+} // namespace zandor
