@@ -4,7 +4,7 @@
 // backing store (here an image of the window's size).
 
 #include "app/CaptureLayoutView.h"
-#include "app/MainController.h"
+#include "app/WindowGeometry.h"
 
 #include <benchmark/benchmark.h>
 
@@ -19,7 +19,7 @@ namespace {
 
 void drawFrame(benchmark::State& state, QSize natural, QSize window) {
     // The layout view's place inside the window, as the window sizing puts it.
-    const QRect place = MainController::layoutViewFrame(window, natural, true, true, 0, {});
+    const QRect place = WindowGeometry::layoutViewFrame(window, natural, true, true, 0, {});
     std::vector<uint8_t> frame(static_cast<size_t>(natural.width() * natural.height() * 3));
     std::mt19937 random(1);
     for (auto& byte : frame) {

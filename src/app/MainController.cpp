@@ -4,7 +4,8 @@
 #include "MainWindow.h"
 #include "MainWindowContentView.h"
 #include "NamedScreen.h"
-#include "ui_StatusSheet.h"
+#include "RecoveryOffer.h"
+#include "WindowGeometry.h"
 #include "base/Log.h"
 #include "base/Notifier.h"
 #include "base/RunOn.h"
@@ -12,7 +13,6 @@
 #include "capture/UsbBoard.h"
 #include "layouts/LayoutController.h"
 #include "layouts/PluginController.h"
-#include "recording/ReplayBuffer.h"
 #include "recording/VideoRecorder.h"
 #include "ui/CapturePreferencesView.h"
 #include "ui/Icons.h"
@@ -20,40 +20,17 @@
 #include "ui/PreferencesWindow.h"
 #include "ui/ViewPreferencesView.h"
 
-#include <QApplication>
-#include <QCloseEvent>
-#include <QPushButton>
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QGuiApplication>
-#include <QMessageBox>
+#include <QLayout>
 #include <QScreen>
-#include <QVBoxLayout>
-#include <QWindow>
 
 #include <algorithm>
-#include <cmath>
 
 namespace zandor {
 
 namespace {
 
 MainController* g_instance = nullptr;
-
-// Halves away from zero.
-int roundPoint(double value) {
-    return static_cast<int>(std::lround(value));
-}
-
-QColor colorOf(const std::optional<Color>& color) {
-    if (!color) {
-        return Qt::black;
-    }
-    auto clamp = [](double component) { return std::clamp(component, 0.0, 1.0); };
-    return QColor::fromRgbF(static_cast<float>(clamp(color->red)), static_cast<float>(clamp(color->green)),
-                            static_cast<float>(clamp(color->blue)));
-}
 
 } // namespace
 
@@ -121,10 +98,6 @@ CaptureLayoutView* MainController::layoutView() const {
 void MainController::awakeFromNib() {
     g_instance = this;
     m_mainWindow = std::make_unique<MainWindow>();
-    m_statusWindow = std::make_unique<QDialog>(m_mainWindow.get());
-    m_statusUi = std::make_unique<::Ui::StatusSheet>();
-    m_statusUi->setupUi(m_statusWindow.get());
-    m_statusWindow->setWindowModality(Qt::WindowModal);
 
     // Settings that cannot be saved still work for this run; the user is told once.
     PreferencesController::instance().setWriteFailureHandler([this](const QString& why) {
@@ -148,23 +121,8 @@ void MainController::awakeFromNib() {
         QList<PreferencePane*>{m_viewPreferences, m_capturePreferences}, QStringLiteral("Preferences"));
 
     ::Ui::MainWindow& ui = m_mainWindow->ui;
-    for (QAction* action :
-         {ui.playPauseItem, ui.screenshotItem, ui.recordItem, ui.saveReplayItem, ui.sizeOriginalItem,
-          ui.sizeDoubleItem, ui.fullScreenItem, ui.preferencesItem, ui.quitItem}) {
-        // The shortcuts work in full screen too, where the picture is outside the main window.
-        action->setShortcutContext(Qt::ApplicationShortcut);
-    }
     m_blinkTimer.setSingleShot(true);
     connect(&m_blinkTimer, &QTimer::timeout, this, &MainController::blinkRecording);
-    ui.sizeOriginalItem->setData(1);
-    ui.sizeDoubleItem->setData(2);
-    ui.fullScreenItem->setIcon(icon(QStringLiteral("toolbar_view")));
-    ui.preferencesItem->setIcon(icon(QStringLiteral("toolbar_preferences")));
-    ui.screenshotItem->setIcon(icon(QStringLiteral("toolbar_view")));
-    ui.recordItem->setIcon(icon(QStringLiteral("toolbar_record")));
-    ui.saveReplayItem->setIcon(icon(QStringLiteral("toolbar_replay")));
-    // The finalising sheet blocks the main window; a replay can still be saved from it.
-    m_statusWindow->addAction(ui.saveReplayItem);
     connect(ui.playPauseItem, &QAction::triggered, this, &MainController::playPauseAction);
     connect(ui.screenshotItem, &QAction::triggered, this, &MainController::recordScreenshotAction);
     connect(ui.recordItem, &QAction::triggered, this, &MainController::recordVideoAction);
@@ -182,7 +140,7 @@ void MainController::awakeFromNib() {
             [this] { selectSizeAction(m_mainWindow->ui.sizeDoubleItem); });
     connect(ui.fullScreenItem, &QAction::triggered, this, &MainController::toggleFullScreen);
     connect(ui.preferencesItem, &QAction::triggered, this, &MainController::showPreferences);
-    connect(ui.aboutItem, &QAction::triggered, this, &MainController::showAbout);
+    connect(ui.aboutItem, &QAction::triggered, m_mainWindow.get(), &MainWindow::showAbout);
     connect(ui.shareAsCameraItem, &QAction::triggered, this, &MainController::shareAsCameraAction);
     ui.shareAsCameraItem->setChecked(m_session->settings().shareAsCamera);
     connect(ui.quitItem, &QAction::triggered, m_mainWindow.get(), &QWidget::close);
@@ -205,7 +163,7 @@ void MainController::awakeFromNib() {
 void MainController::setupView() {
     PreferencesController& preferences = PreferencesController::instance();
     if (preferences.preference(PreferenceFirstRun).toBool()) {
-        showAbout();
+        m_mainWindow->showAbout();
         preferences.setPreference(PreferenceFirstRun, false);
     }
     QPalette palette = m_mainWindow->palette();
@@ -312,11 +270,7 @@ void MainController::setActiveLayout(const LayoutPtr& layout) {
 
 void MainController::updateBackground() {
     if (activeLayout()) {
-        const QColor color = colorOf(activeLayout()->background());
-        QPalette palette = m_mainWindow->palette();
-        palette.setColor(QPalette::Window, color);
-        mainView()->setPalette(palette);
-        mainView()->setBackground(color);
+        mainView()->setBackground(activeLayout()->background());
     }
 }
 
@@ -445,74 +399,16 @@ void MainController::recordError(const QString& message) {
 }
 
 void MainController::displayStatus(const QString& text) {
-    m_statusUi->statusLabel->setText(text);
-    m_statusUi->statusProgress->setRange(0, 0);
-    m_statusWindow->open();
+    m_mainWindow->showStatus(text);
 }
 
 void MainController::hideStatus() {
-    m_statusUi->statusProgress->setRange(0, 1);
-    m_statusWindow->hide();
+    m_mainWindow->hideStatus();
 }
 
 void MainController::displayMessage(const QString& title, const QString& text, int style,
                                     const QString& image, const QString& details) {
-    const QMessageBox::Icon kind = style == 2   ? QMessageBox::Critical
-                                   : style == 1 ? QMessageBox::Information
-                                                : QMessageBox::Warning;
-    auto* alert = new QMessageBox(kind, QStringLiteral("Zandor"), title, QMessageBox::Ok, m_mainWindow.get());
-    alert->setInformativeText(text);
-    if (!details.isEmpty()) {
-        alert->setDetailedText(details);
-    }
-    if (!image.isEmpty()) {
-        alert->setIconPixmap(icon(image).pixmap(64, 64));
-    }
-    alert->setWindowModality(Qt::WindowModal);
-    alert->setAttribute(Qt::WA_DeleteOnClose);
-    alert->open();
-}
-
-void MainController::offerRecovery() {
-    const QString folder = m_session->settings().storageFolder;
-    const QStringList bundles = VideoRecorder::abandonedBundles(folder);
-    if (bundles.isEmpty()) {
-        return;
-    }
-    QStringList lines;
-    for (const QString& bundle : bundles) {
-        QString why;
-        const auto recorder = VideoRecorder::forBundle(bundle, why);
-        const auto seconds = recorder ? static_cast<int>(recorder->recordedSeconds()) : 0;
-        lines << QStringLiteral("%1: %2").arg(QFileInfo(bundle).completeBaseName(),
-                                              recorder
-                                                  ? QString::asprintf("%d:%02d", seconds / 60, seconds % 60)
-                                                  : QStringLiteral("nothing readable"));
-    }
-    auto* dialog = new QMessageBox(QMessageBox::Question, QStringLiteral("Zandor"),
-                                   QStringLiteral("Some recordings were not finished."),
-                                   QMessageBox::NoButton, m_mainWindow.get());
-    dialog->setObjectName(QStringLiteral("recoveryWindow"));
-    dialog->setInformativeText(
-        QStringLiteral("Zandor ended while these recordings were made or finalized. Recover them now?\n\n%1")
-            .arg(lines.join(u'\n')));
-    QPushButton* recover = dialog->addButton(QStringLiteral("Recover"), QMessageBox::AcceptRole);
-    dialog->addButton(QStringLiteral("Later"), QMessageBox::RejectRole);
-    QPushButton* remove = dialog->addButton(QStringLiteral("Delete"), QMessageBox::DestructiveRole);
-    dialog->setDefaultButton(recover);
-    dialog->setWindowModality(Qt::WindowModal);
-    dialog->setAttribute(Qt::WA_DeleteOnClose);
-    connect(dialog, &QMessageBox::buttonClicked, this,
-            [this, bundles, recover, remove](QAbstractButton* button) {
-                if (button == recover) {
-                    recoverBundles(bundles);
-                } else if (button == remove) {
-                    for (const QString& bundle : bundles) {
-                        QDir(bundle).removeRecursively();
-                    }
-                }
-            });
-    dialog->open();
+    m_mainWindow->alert(title, text, style, image, details);
 }
 
 void MainController::recoverBundles(const QStringList& bundles) {
@@ -521,31 +417,17 @@ void MainController::recoverBundles(const QStringList& bundles) {
     m_session->recover(bundles);
 }
 
-void MainController::recoveryDone(const session::RecoveryDone& done) {
-    hideStatus();
-    if (done.failed.isEmpty()) {
-        displayMessage(QStringLiteral("The recordings were recovered."),
-                       QStringLiteral("%1 seconds were saved: %2")
-                           .arg(static_cast<int>(done.seconds))
-                           .arg(done.made.join(QStringLiteral(", "))),
-                       1, QStringLiteral("toolbar_record"));
-    } else {
-        displayMessage(QStringLiteral("Could not recover every recording."), done.failed.join(u'\n'), 2,
-                       QStringLiteral("toolbar_record"));
+void MainController::offerRecovery() {
+    const QStringList bundles = VideoRecorder::abandonedBundles(m_session->settings().storageFolder);
+    if (!bundles.isEmpty()) {
+        RecoveryOffer::open(m_mainWindow.get(), bundles, [this, bundles] { recoverBundles(bundles); });
     }
 }
 
-void MainController::showAbout() {
-    auto* about = new QMessageBox(QMessageBox::NoIcon, QStringLiteral("About Zandor"),
-                                  QStringLiteral("<b>Zandor</b>"), QMessageBox::Ok, m_mainWindow.get());
-    about->setObjectName(QStringLiteral("aboutWindow"));
-    about->setInformativeText(QStringLiteral(
-        "Live view, screenshots and video recording for the dual-screen handheld console's capture board."));
-    about->setIconPixmap(icon(QStringLiteral("zandor")).pixmap(64, 64));
-    about->setAttribute(Qt::WA_DeleteOnClose);
-    // A message box is modal by default; the about window must not hold up the main window.
-    about->setWindowModality(Qt::NonModal);
-    about->show();
+void MainController::recoveryDone(const session::RecoveryDone& done) {
+    hideStatus();
+    const RecoveryOffer::Outcome outcome = RecoveryOffer::outcome(done);
+    displayMessage(outcome.title, outcome.text, outcome.failed ? 2 : 1, QStringLiteral("toolbar_record"));
 }
 
 void MainController::showPreferences() {
@@ -579,21 +461,6 @@ bool MainController::attemptExit() {
     return true;
 }
 
-QSize MainController::sizeForResize(QSize proposed, QSize decoration, QSize natural, bool resizable) {
-    const QSize minimum = natural + decoration;
-    if (!resizable) {
-        return minimum;
-    }
-    const double ratio = static_cast<double>(natural.height()) / natural.width();
-    // The width leads and the height follows.
-    const double width = proposed.width() + decoration.width();
-    const double height = proposed.width() * ratio + decoration.height();
-    if (width < minimum.width() || height < minimum.height()) {
-        return minimum;
-    }
-    return {roundPoint(width), roundPoint(height)};
-}
-
 QSize MainController::windowWillResize(QSize proposed) {
     if (!activeLayout() || isFullScreen()) {
         return proposed;
@@ -602,27 +469,8 @@ QSize MainController::windowWillResize(QSize proposed) {
                         static_cast<int>(activeLayout()->height()));
     const QSize decor = decoration();
     // Our windows have no side borders: the proposed width is the content's width.
-    return sizeForResize(QSize(proposed.width() - decor.width(), proposed.height()), decor, natural,
-                         activeLayout()->isResizable());
-}
-
-QRect MainController::layoutViewFrame(QSize content, QSize natural, bool resizable, bool fullScreen,
-                                      int maxScale, QPoint currentOrigin) {
-    if (!resizable) {
-        return QRect(currentOrigin, natural);
-    }
-    const double W = content.width(), H = content.height();
-    const double width = natural.width(), height = natural.height();
-    int w = roundPoint(W), h = roundPoint(W * height / width);
-    if (H < h) {
-        w = roundPoint(H * width / height);
-        h = roundPoint(H);
-    }
-    if (fullScreen && maxScale > 0 && w / width > maxScale) {
-        w = roundPoint(width * maxScale);
-        h = roundPoint(height * maxScale);
-    }
-    return QRect(roundPoint((W - w) / 2), roundPoint((H - h) / 2), w, h);
+    return WindowGeometry::sizeForResize(QSize(proposed.width() - decor.width(), proposed.height()), decor,
+                                         natural, activeLayout()->isResizable());
 }
 
 void MainController::updateLayoutViewFrame() {
@@ -634,8 +482,8 @@ void MainController::updateLayoutViewFrame() {
     const bool resizable = activeLayout()->isResizable();
     const int maxScale = static_cast<int>(
         PreferencesController::instance().preference(PreferenceFullscreenMaxScale).toLongLong());
-    const QRect frame = layoutViewFrame(mainView()->size(), natural, resizable, isFullScreen(), maxScale,
-                                        layoutView()->pos());
+    const QRect frame = WindowGeometry::layoutViewFrame(mainView()->size(), natural, resizable,
+                                                        isFullScreen(), maxScale, layoutView()->pos());
     layoutView()->setGeometry(frame);
 
     ::Ui::MainWindow& ui = m_mainWindow->ui;
@@ -659,42 +507,15 @@ void MainController::selectSizeAction(QAction* item) {
 
 void MainController::toggleFullScreen() {
     if (isFullScreen()) {
-        m_fullScreenWindow->layout()->removeWidget(mainView());
-        m_mainWindow->setCentralWidget(mainView());
-        m_fullScreenWindow.reset();
-        m_mainWindow->activateWindow();
-        // Shown and laid out at once (a reparented widget is hidden until later), so that the
-        // picture is placed in the window's content, not in the full-screen surface it leaves.
-        mainView()->show();
-        m_mainWindow->layout()->activate();
+        m_mainWindow->returnContent(std::move(m_fullScreenWindow));
         updateLayoutViewFrame();
         return;
     }
     // The display chosen by name, else the first one; only that display is taken over.
-    const QString chosen =
-        PreferencesController::instance().preference(PreferenceFullscreenScreen).toString();
-    const auto screens = QGuiApplication::screens();
-    QScreen* screen = screens.isEmpty() ? nullptr : screens.front();
-    for (QScreen* candidate : screens) {
-        if (NamedScreen::name(candidate) == chosen) {
-            screen = candidate;
-            break;
-        }
-    }
+    QScreen* screen = NamedScreen::find(
+        PreferencesController::instance().preference(PreferenceFullscreenScreen).toString());
     m_windowDecoration = decoration();
-    m_fullScreenWindow = std::make_unique<QWidget>(nullptr, Qt::Window | Qt::FramelessWindowHint);
-    m_fullScreenWindow->setObjectName(QStringLiteral("fullScreenWindow"));
-    m_fullScreenWindow->setWindowTitle(QStringLiteral("Zandor"));
-    auto* box = new QVBoxLayout(m_fullScreenWindow.get());
-    box->setContentsMargins(0, 0, 0, 0);
-    box->addWidget(m_mainWindow->takeCentralWidget());
-    if (screen) {
-        m_fullScreenWindow->setGeometry(screen->geometry());
-        m_fullScreenWindow->winId();
-        m_fullScreenWindow->windowHandle()->setScreen(screen);
-    }
-    m_fullScreenWindow->showFullScreen();
-    mainView()->setFocus();
+    m_fullScreenWindow = m_mainWindow->takeContentFullScreen(screen);
     updateLayoutViewFrame();
 }
 

@@ -61,7 +61,6 @@ public:
     void showPreferences();
     void selectSizeAction(QAction* item);
     void toggleFullScreen();
-    void showAbout();
     void shareAsCameraAction(bool checked);
 
     void setActiveLayout(const LayoutPtr& layout);
@@ -87,12 +86,6 @@ public:
     QSize windowWillResize(QSize proposed);
     void updateLayoutViewFrame();
     bool isFullScreen() const { return m_fullScreenWindow != nullptr; }
-    // The window size for a proposed one: natural size plus decoration for a fixed layout; else
-    // the proposed width as content width with the layout's proportions, never below natural.
-    static QSize sizeForResize(QSize proposed, QSize decoration, QSize natural, bool resizable);
-    // Where the layout view goes in a content area: fitted, centred, capped in full screen.
-    static QRect layoutViewFrame(QSize content, QSize natural, bool resizable, bool fullScreen, int maxScale,
-                                 QPoint currentOrigin);
 
     // Offers to recover, in one window-modal dialog, the recordings of the storage folder that an
     // earlier run left unfinished: "Recover" finishes them in the background and says how much was
@@ -129,8 +122,6 @@ private:
 
     std::unique_ptr<CaptureSession> m_session;
     std::unique_ptr<MainWindow> m_mainWindow;
-    std::unique_ptr<QDialog> m_statusWindow;
-    std::unique_ptr<::Ui::StatusSheet> m_statusUi;
     std::unique_ptr<PreferencesWindow> m_preferencesWindow;
     ViewPreferencesView* m_viewPreferences = nullptr;       // owned by the preferences window
     CapturePreferencesView* m_capturePreferences = nullptr; // owned by the preferences window

@@ -1,5 +1,14 @@
 #include "MainWindow.h"
 
+#include "ui/Icons.h"
+#include "ui_StatusSheet.h"
+
+#include <QDialog>
+#include <QMessageBox>
+#include <QScreen>
+#include <QVBoxLayout>
+#include <QWindow>
+
 #include <QCloseEvent>
 #include <QGuiApplication>
 #include <QCoreApplication>
@@ -23,6 +32,100 @@ namespace zandor {
 MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent) {
     ui.setupUi(this);
     setAcceptDrops(true);
+    for (QAction* action :
+         {ui.playPauseItem, ui.screenshotItem, ui.recordItem, ui.saveReplayItem, ui.sizeOriginalItem,
+          ui.sizeDoubleItem, ui.fullScreenItem, ui.preferencesItem, ui.quitItem}) {
+        // The shortcuts work in full screen too, where the picture is outside the main window.
+        action->setShortcutContext(Qt::ApplicationShortcut);
+    }
+    ui.sizeOriginalItem->setData(1);
+    ui.sizeDoubleItem->setData(2);
+    ui.fullScreenItem->setIcon(icon(QStringLiteral("toolbar_view")));
+    ui.preferencesItem->setIcon(icon(QStringLiteral("toolbar_preferences")));
+    ui.screenshotItem->setIcon(icon(QStringLiteral("toolbar_view")));
+    ui.recordItem->setIcon(icon(QStringLiteral("toolbar_record")));
+    ui.saveReplayItem->setIcon(icon(QStringLiteral("toolbar_replay")));
+
+    m_statusWindow = std::make_unique<QDialog>(this);
+    m_statusUi = std::make_unique<::Ui::StatusSheet>();
+    m_statusUi->setupUi(m_statusWindow.get());
+    m_statusWindow->setWindowModality(Qt::WindowModal);
+    // The finalising sheet blocks the main window; a replay can still be saved from it.
+    m_statusWindow->addAction(ui.saveReplayItem);
+}
+
+MainWindow::~MainWindow() = default;
+
+void MainWindow::showStatus(const QString& text) {
+    m_statusUi->statusLabel->setText(text);
+    m_statusUi->statusProgress->setRange(0, 0);
+    m_statusWindow->open();
+}
+
+void MainWindow::hideStatus() {
+    m_statusUi->statusProgress->setRange(0, 1);
+    m_statusWindow->hide();
+}
+
+void MainWindow::alert(const QString& title, const QString& text, int style, const QString& image,
+                       const QString& details) {
+    const QMessageBox::Icon kind = style == 2   ? QMessageBox::Critical
+                                   : style == 1 ? QMessageBox::Information
+                                                : QMessageBox::Warning;
+    auto* alert = new QMessageBox(kind, QStringLiteral("Zandor"), title, QMessageBox::Ok, this);
+    alert->setInformativeText(text);
+    if (!details.isEmpty()) {
+        alert->setDetailedText(details);
+    }
+    if (!image.isEmpty()) {
+        alert->setIconPixmap(icon(image).pixmap(64, 64));
+    }
+    alert->setWindowModality(Qt::WindowModal);
+    alert->setAttribute(Qt::WA_DeleteOnClose);
+    alert->open();
+}
+
+void MainWindow::showAbout() {
+    auto* about = new QMessageBox(QMessageBox::NoIcon, QStringLiteral("About Zandor"),
+                                  QStringLiteral("<b>Zandor</b>"), QMessageBox::Ok, this);
+    about->setObjectName(QStringLiteral("aboutWindow"));
+    about->setInformativeText(QStringLiteral(
+        "Live view, screenshots and video recording for the dual-screen handheld console's capture board."));
+    about->setIconPixmap(icon(QStringLiteral("zandor")).pixmap(64, 64));
+    about->setAttribute(Qt::WA_DeleteOnClose);
+    // A message box is modal by default; the about window must not hold up the main window.
+    about->setWindowModality(Qt::NonModal);
+    about->show();
+}
+
+std::unique_ptr<QWidget> MainWindow::takeContentFullScreen(QScreen* screen) {
+    auto surface = std::make_unique<QWidget>(nullptr, Qt::Window | Qt::FramelessWindowHint);
+    surface->setObjectName(QStringLiteral("fullScreenWindow"));
+    surface->setWindowTitle(QStringLiteral("Zandor"));
+    auto* box = new QVBoxLayout(surface.get());
+    box->setContentsMargins(0, 0, 0, 0);
+    QWidget* content = takeCentralWidget();
+    box->addWidget(content);
+    if (screen) {
+        surface->setGeometry(screen->geometry());
+        surface->winId();
+        surface->windowHandle()->setScreen(screen);
+    }
+    surface->showFullScreen();
+    content->setFocus();
+    return surface;
+}
+
+void MainWindow::returnContent(std::unique_ptr<QWidget> surface) {
+    QWidget* content = ui.mainView;
+    surface->layout()->removeWidget(content);
+    setCentralWidget(content);
+    surface.reset();
+    activateWindow();
+    // Shown and laid out at once (a reparented widget is hidden until later), so that the picture
+    // is placed in the window's content, not in the full-screen surface it leaves.
+    content->show();
+    layout()->activate();
 }
 
 void MainWindow::closeEvent(QCloseEvent* event) {

@@ -5,6 +5,13 @@
 #include <QMainWindow>
 
 #include <functional>
+#include <memory>
+
+class QDialog;
+class QScreen;
+namespace Ui {
+class StatusSheet;
+}
 
 namespace zandor {
 
@@ -14,6 +21,7 @@ class MainWindow : public QMainWindow {
     Q_OBJECT
 public:
     explicit MainWindow(QWidget* parent = nullptr);
+    ~MainWindow() override;
 
     ::Ui::MainWindow ui;
 
@@ -25,6 +33,22 @@ public:
     std::function<void()> didResize;
     // A plugin bundle dropped on the window.
     std::function<void(const QString&)> openFile;
+
+    // A window-modal alert that does not wait: style 0 warning, 1 information, 2 critical; the
+    // image is a toolbar image's name, or empty for the standard one. `details`, when given, are
+    // shown behind the alert's details button.
+    void alert(const QString& title, const QString& text, int style, const QString& image = {},
+               const QString& details = {});
+    // A sheet with a spinning progress bar that blocks the window (a replay can still be saved),
+    // until hidden.
+    void showStatus(const QString& text);
+    void hideStatus();
+    // The About panel, which does not hold up the window.
+    void showAbout();
+    // Moves the content to a frameless surface taking the whole of `screen` (or the first one);
+    // the returned surface gives it back in returnContent.
+    std::unique_ptr<QWidget> takeContentFullScreen(QScreen* screen);
+    void returnContent(std::unique_ptr<QWidget> surface);
 
     // Sets the window's frame for the application (a layout change, a size step), as opposed to
     // a resize by the user, which is kept in proportion.
@@ -41,6 +65,8 @@ protected:
     void dropEvent(QDropEvent* event) override;
 
 private:
+    std::unique_ptr<QDialog> m_statusWindow;
+    std::unique_ptr<::Ui::StatusSheet> m_statusUi;
     bool m_correcting = false;
     QRect m_placing; // the frame being placed, until the window has its size
     QSize m_aspect;

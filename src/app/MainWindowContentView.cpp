@@ -2,6 +2,8 @@
 
 #include <QPainter>
 
+#include <algorithm>
+
 namespace zandor {
 
 MainWindowContentView::MainWindowContentView(QWidget* parent) : QWidget(parent) {
@@ -12,6 +14,18 @@ MainWindowContentView::MainWindowContentView(QWidget* parent) : QWidget(parent) 
 void MainWindowContentView::setBackground(const QColor& color) {
     m_background = color;
     update();
+}
+
+void MainWindowContentView::setBackground(const std::optional<Color>& color) {
+    QColor shown = Qt::black;
+    if (color) {
+        auto clamp = [](double component) { return static_cast<float>(std::clamp(component, 0.0, 1.0)); };
+        shown = QColor::fromRgbF(clamp(color->red), clamp(color->green), clamp(color->blue));
+    }
+    QPalette colors = palette();
+    colors.setColor(QPalette::Window, shown);
+    setPalette(colors);
+    setBackground(shown);
 }
 
 void MainWindowContentView::paintEvent(QPaintEvent*) {

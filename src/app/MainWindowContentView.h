@@ -1,8 +1,12 @@
 #pragma once
 
+#include "layouts/LayoutPlugin.h"
+
 #include <QColor>
 #include <QKeyEvent>
 #include <QWidget>
+
+#include <optional>
 
 namespace zandor {
 
@@ -15,6 +19,8 @@ public:
 
     const QColor& background() const { return m_background; }
     void setBackground(const QColor& color);
+    // A layout's background, black when it has none; the window around takes it too.
+    void setBackground(const std::optional<Color>& color);
 
 signals:
     void keyPressed(const QKeyEvent& event);

@@ -11,6 +11,8 @@ namespace zandor {
 class NamedScreen {
 public:
     static QString name(const QScreen* screen);
+    // The display of that name, else the first one; null when there is none.
+    static QScreen* find(const QString& name);
 };
 
 } // namespace zandor

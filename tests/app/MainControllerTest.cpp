@@ -8,6 +8,7 @@
 #include "app/CaptureLayoutView.h"
 #include "app/MainController.h"
 #include "app/MainWindow.h"
+#include "app/WindowGeometry.h"
 #include "app/ZDAppDelegate.h"
 #include "base/DetachedThread.h"
 #include "capture/CaptureDevice.h"
@@ -41,27 +42,27 @@ using namespace std::chrono_literals;
 TEST(WindowSizing, KeepsProportionsAndNeverShrinksBelowNaturalSize) {
     const QSize decoration(0, 60), natural(720, 240);
     // Dragged to 1000 wide: content 1000 by 333.33, plus the decoration, rounded.
-    EXPECT_EQ(MainController::sizeForResize({1000, 500}, decoration, natural, true), QSize(1000, 393));
-    EXPECT_EQ(MainController::sizeForResize({1000, 100}, decoration, natural, true), QSize(1000, 393))
+    EXPECT_EQ(WindowGeometry::sizeForResize({1000, 500}, decoration, natural, true), QSize(1000, 393));
+    EXPECT_EQ(WindowGeometry::sizeForResize({1000, 100}, decoration, natural, true), QSize(1000, 393))
         << "the height follows the width";
-    EXPECT_EQ(MainController::sizeForResize({500, 900}, decoration, natural, true), QSize(720, 300))
+    EXPECT_EQ(WindowGeometry::sizeForResize({500, 900}, decoration, natural, true), QSize(720, 300))
         << "below natural size it snaps back";
-    EXPECT_EQ(MainController::sizeForResize({1000, 500}, decoration, natural, false), QSize(720, 300))
+    EXPECT_EQ(WindowGeometry::sizeForResize({1000, 500}, decoration, natural, false), QSize(720, 300))
         << "a fixed layout keeps its size";
 }
 
 TEST(WindowSizing, PlacesTheViewFittedCentredAndCappedInFullScreen) {
     const QSize screen(1920, 1080), natural(400, 480);
-    EXPECT_EQ(MainController::layoutViewFrame(screen, natural, true, true, 0, {}), QRect(510, 0, 900, 1080));
-    EXPECT_EQ(MainController::layoutViewFrame(screen, natural, true, true, 2, {}), QRect(560, 60, 800, 960));
-    EXPECT_EQ(MainController::layoutViewFrame(screen, natural, true, true, 3, {}), QRect(510, 0, 900, 1080))
+    EXPECT_EQ(WindowGeometry::layoutViewFrame(screen, natural, true, true, 0, {}), QRect(510, 0, 900, 1080));
+    EXPECT_EQ(WindowGeometry::layoutViewFrame(screen, natural, true, true, 2, {}), QRect(560, 60, 800, 960));
+    EXPECT_EQ(WindowGeometry::layoutViewFrame(screen, natural, true, true, 3, {}), QRect(510, 0, 900, 1080))
         << "a cap above the fitted scale changes nothing";
-    EXPECT_EQ(MainController::layoutViewFrame(screen, natural, true, false, 2, {}), QRect(510, 0, 900, 1080))
+    EXPECT_EQ(WindowGeometry::layoutViewFrame(screen, natural, true, false, 2, {}), QRect(510, 0, 900, 1080))
         << "no cap in a window";
-    EXPECT_EQ(MainController::layoutViewFrame({1000, 2000}, {720, 240}, true, false, 0, {}),
+    EXPECT_EQ(WindowGeometry::layoutViewFrame({1000, 2000}, {720, 240}, true, false, 0, {}),
               QRect(0, 834, 1000, 333))
         << "833.5 rounds away from zero";
-    EXPECT_EQ(MainController::layoutViewFrame(screen, natural, false, true, 0, {7, 9}), QRect(7, 9, 400, 480))
+    EXPECT_EQ(WindowGeometry::layoutViewFrame(screen, natural, false, true, 0, {7, 9}), QRect(7, 9, 400, 480))
         << "a fixed layout keeps its place and size";
 }
 
