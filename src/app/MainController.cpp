@@ -16,6 +16,7 @@
 #include "recording/VideoRecorder.h"
 #include "ui/CapturePreferencesView.h"
 #include "ui/Icons.h"
+#include "settings/Settings.h"
 #include "settings/PreferencesController.h"
 #include "ui/PreferencesWindow.h"
 #include "ui/ViewPreferencesView.h"
@@ -132,7 +133,7 @@ void MainController::awakeFromNib() {
         PreferencesController::instance().observeChanges([this](const QString&) { applySettings(); });
     ui.listenItem->setChecked(m_session->settings().listenToGameAudio);
     connect(ui.listenItem, &QAction::toggled, this, [](bool listening) {
-        PreferencesController::instance().setPreference(PreferenceListenToGameAudio, listening);
+        settings::listenToGameAudio.write(PreferencesController::instance(), listening);
     });
     connect(ui.sizeOriginalItem, &QAction::triggered, this,
             [this] { selectSizeAction(m_mainWindow->ui.sizeOriginalItem); });
@@ -162,9 +163,9 @@ void MainController::awakeFromNib() {
 
 void MainController::setupView() {
     PreferencesController& preferences = PreferencesController::instance();
-    if (preferences.preference(PreferenceFirstRun).toBool()) {
+    if (settings::firstRun.read(preferences)) {
         m_mainWindow->showAbout();
-        preferences.setPreference(PreferenceFirstRun, false);
+        settings::firstRun.write(preferences, false);
     }
     QPalette palette = m_mainWindow->palette();
     palette.setColor(QPalette::Window, Qt::black);
@@ -305,12 +306,12 @@ void MainController::playPauseAction() {
 }
 
 void MainController::shareAsCameraAction(bool checked) {
-    PreferencesController::instance().setPreference(PreferenceShareAsCamera, checked);
+    settings::shareAsCamera.write(PreferencesController::instance(), checked);
 }
 
 void MainController::cameraFailed(const QString& reason) {
     m_mainWindow->ui.shareAsCameraItem->setChecked(false);
-    PreferencesController::instance().setPreference(PreferenceShareAsCamera, false);
+    settings::shareAsCamera.write(PreferencesController::instance(), false);
     if (!m_cameraFailureShown) {
         m_cameraFailureShown = true;
         displayMessage(
@@ -480,8 +481,8 @@ void MainController::updateLayoutViewFrame() {
     const QSize natural(static_cast<int>(activeLayout()->width()),
                         static_cast<int>(activeLayout()->height()));
     const bool resizable = activeLayout()->isResizable();
-    const int maxScale = static_cast<int>(
-        PreferencesController::instance().preference(PreferenceFullscreenMaxScale).toLongLong());
+    const int maxScale =
+        static_cast<int>(settings::fullscreenMaxScale.read(PreferencesController::instance()));
     const QRect frame = WindowGeometry::layoutViewFrame(mainView()->size(), natural, resizable,
                                                         isFullScreen(), maxScale, layoutView()->pos());
     layoutView()->setGeometry(frame);
@@ -512,8 +513,7 @@ void MainController::toggleFullScreen() {
         return;
     }
     // The display chosen by name, else the first one; only that display is taken over.
-    QScreen* screen = NamedScreen::find(
-        PreferencesController::instance().preference(PreferenceFullscreenScreen).toString());
+    QScreen* screen = NamedScreen::find(settings::fullscreenScreen.read(PreferencesController::instance()));
     m_windowDecoration = decoration();
     m_fullScreenWindow = m_mainWindow->takeContentFullScreen(screen);
     updateLayoutViewFrame();

@@ -4,27 +4,36 @@
 #include "capture/Boards.h"
 #include "capture/UsbBoard.h"
 #include "layouts/LayoutController.h"
+#include "settings/Settings.h"
 #include "settings/VideoQuality.h"
 #include "settings/PreferencesController.h"
 
 #include <QDir>
 #include <QFileInfo>
 
-#include <algorithm>
-
 namespace zandor {
+
+namespace {
+
+// "A, B or C".
+std::string choiceList(const QStringList& choices) {
+    QString list = choices.mid(0, choices.size() - 1).join(QStringLiteral(", "));
+    return (list.isEmpty() ? choices.value(0) : list + QStringLiteral(" or ") + choices.last()).toStdString();
+}
+
+} // namespace
 
 std::unique_ptr<CaptureSession> openSession(const CommandLine& options, std::string& error) {
     // The stored settings, overridden by the command line for this run; the store is only read.
     PreferencesController& preferences = PreferencesController::instance();
     preferences.setReadOnly(true);
-    CaptureSettings settings = CaptureSettings::fromPreferences(preferences);
+    CaptureSettings captured = CaptureSettings::fromPreferences(preferences);
     // The layout chosen here is the one on show, and the one captured.
-    settings.captureLayout = QStringLiteral("Active Layout");
+    captured.captureLayout = QStringLiteral("Active Layout");
     // A command turns on what it runs beside the picture; the stored choices of the window do not.
-    settings.replayBuffer = false;
-    settings.listenToGameAudio = false;
-    settings.shareAsCamera = false;
+    captured.replayBuffer = false;
+    captured.listenToGameAudio = false;
+    captured.shareAsCamera = false;
 
     if (auto out = options.value("out")) {
         QFileInfo folder(QString::fromStdString(*out));
@@ -34,46 +43,39 @@ std::unique_ptr<CaptureSession> openSession(const CommandLine& options, std::str
                                      : ": it does not exist");
             return nullptr;
         }
-        settings.storageFolder = folder.absoluteFilePath();
+        captured.storageFolder = folder.absoluteFilePath();
     }
-    if (auto format = options.value("format")) {
-        if (*format != "PNG" && *format != "JPEG") {
-            error = "Unknown image format '" + *format + "': use PNG or JPEG";
-            return nullptr;
+    const auto choose = [&](const char* option, const Setting<QString>& setting, const char* what,
+                            QString& value) {
+        const auto given = options.value(option);
+        if (!given) {
+            return true;
         }
-        settings.imageFormat = QString::fromStdString(*format);
-    }
-
-    if (auto fps = options.value("fps")) {
-        if (!CaptureSettings::frameRates().contains(QString::fromStdString(*fps))) {
-            error = "Unknown frame rate '" + *fps + "': use Original, 24, 25, 30, 50 or 60";
-            return nullptr;
-        }
-        settings.framesPerSecond = QString::fromStdString(*fps);
-    }
-    if (auto quality = options.value("quality")) {
-        const QString name = QString::fromStdString(*quality);
-        const auto& presets = VideoQuality::videoQualities();
-        if (std::none_of(presets.begin(), presets.end(),
-                         [&](const auto& preset) { return preset->name() == name; })) {
+        if (!setting.acceptsValue(QString::fromStdString(*given))) {
             error =
-                "Unknown quality '" + *quality + "': use Highest, Higher, High, Medium, Low, Lower or Lowest";
-            return nullptr;
+                "Unknown " + std::string(what) + " '" + *given + "': use " + choiceList(setting.choices());
+            return false;
         }
-        settings.videoQuality = name;
+        value = QString::fromStdString(*given);
+        return true;
+    };
+    if (!choose("format", settings::imageFormat, "image format", captured.imageFormat) ||
+        !choose("fps", settings::videoFramesPerSecond, "frame rate", captured.framesPerSecond) ||
+        !choose("quality", settings::videoQuality, "quality", captured.videoQuality)) {
+        return nullptr;
     }
     if (auto input = options.value("game-audio")) {
-        settings.gameAudioInput = QString::fromStdString(*input);
+        captured.gameAudioInput = QString::fromStdString(*input);
     }
     if (auto input = options.value("narrator-audio")) {
-        settings.narratorAudioInput = QString::fromStdString(*input);
+        captured.narratorAudioInput = QString::fromStdString(*input);
     }
 
     auto board = createBoard(options.value("board").value_or("usb"), error);
     if (!board) {
         return nullptr;
     }
-    auto session = std::make_unique<CaptureSession>(std::move(board), std::move(settings));
+    auto session = std::make_unique<CaptureSession>(std::move(board), std::move(captured));
     LayoutController& catalogue = LayoutController::instance();
     const QString name = QString::fromStdString(options.value("layout").value_or(""));
     if (name.isEmpty()) {

@@ -3,6 +3,7 @@
 #include "CliSession.h"
 #include "base/CommandLine.h"
 #include "recording/ReplayBuffer.h"
+#include "settings/Settings.h"
 
 #include <cstdio>
 #include <thread>
@@ -18,10 +19,11 @@ int ReplayCommand::run(const CommandLine& options) {
     }
     CaptureSettings settings = session->settings();
     if (auto text = options.value("buffer-seconds")) {
-        auto count = CommandLine::parseCount(*text, ReplayBuffer::MinimumSeconds);
-        if (!count || *count > ReplayBuffer::MaximumSeconds) {
+        const auto [minimum, maximum] = *settings::replaySeconds.range();
+        auto count = CommandLine::parseCount(*text, minimum);
+        if (!count || *count > static_cast<uint64_t>(maximum)) {
             std::fprintf(stderr, "zandor-cli replay: --buffer-seconds needs a whole number from %d to %d\n",
-                         ReplayBuffer::MinimumSeconds, ReplayBuffer::MaximumSeconds);
+                         minimum, maximum);
             return 2;
         }
         settings.replaySeconds = static_cast<int>(*count);

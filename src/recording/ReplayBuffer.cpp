@@ -1,5 +1,6 @@
 #include "ReplayBuffer.h"
 
+#include "settings/Settings.h"
 #include "audio/AudioFileWriter.h"
 #include "audio/AudioInput.h"
 #include "VideoRecord.h"
@@ -24,6 +25,15 @@ namespace zandor {
 
 namespace {
 
+int clampedSeconds(int seconds) {
+    const auto [minimum, maximum] = *settings::replaySeconds.range();
+    return std::clamp(seconds, minimum, maximum);
+}
+
+} // namespace
+
+namespace {
+
 constexpr int64_t KeyIntervalMs = 1000;
 constexpr int64_t KeyIntervalFrames = 60;
 // How long a picture shows when no later one says otherwise: the board's frame period.
@@ -44,9 +54,8 @@ int64_t microseconds(std::chrono::system_clock::time_point time) {
 } // namespace
 
 ReplayBuffer::ReplayBuffer(LayoutPtr layout, CaptureSettings settings, int seconds)
-    : Recorder({std::move(layout)}), m_settings(std::move(settings)),
-      m_seconds(std::clamp(seconds, MinimumSeconds, MaximumSeconds)), m_received(av_packet_alloc()),
-      m_offsetMicroseconds(int64_t{m_settings.gameAudioOffsetMs} * 1000) {}
+    : Recorder({std::move(layout)}), m_settings(std::move(settings)), m_seconds(clampedSeconds(seconds)),
+      m_received(av_packet_alloc()), m_offsetMicroseconds(int64_t{m_settings.gameAudioOffsetMs} * 1000) {}
 
 void ReplayBuffer::setGameAudioOffset(std::chrono::milliseconds offset) {
     m_offsetMicroseconds =
@@ -59,8 +68,7 @@ ReplayBuffer::~ReplayBuffer() {
 
 uint64_t ReplayBuffer::memoryFor(const QString& quality, int seconds) {
     const VideoQualityPtr preset = VideoQuality::qualityNamed(quality);
-    return preset->bitsPerSecond() / 8 *
-           static_cast<uint64_t>(std::clamp(seconds, MinimumSeconds, MaximumSeconds) + 1);
+    return preset->bitsPerSecond() / 8 * static_cast<uint64_t>(clampedSeconds(seconds) + 1);
 }
 
 bool ReplayBuffer::start() {

@@ -29,11 +29,7 @@ class AudioInput;
 
 class ReplayBuffer final : public Recorder {
 public:
-    static constexpr int MinimumSeconds = 5;
-    static constexpr int MaximumSeconds = 300;
-    static constexpr int DefaultSeconds = 30;
-
-    // `seconds` is clamped to the range above; the frames are encoded with the settings' quality.
+    // `seconds` is clamped to the setting's range; the frames are encoded with the settings' quality.
     ReplayBuffer(LayoutPtr layout, CaptureSettings settings, int seconds);
     ~ReplayBuffer() override;
 

@@ -7,6 +7,7 @@
 #include "base/Memory.h"
 #include "base/RegularFile.h"
 #include "media/FFmpeg.h"
+#include "settings/Settings.h"
 #include "settings/PropertyList.h"
 
 #include <QDir>
@@ -245,8 +246,7 @@ std::shared_ptr<VideoRecorder> VideoRecorder::forBundle(const QString& bundlePat
         for (const auto& [key, value] : choices.entries()) {
             if (key == ChoiceLayouts) {
                 names = value.toStringList();
-            } else if (key == ChoiceFramesPerSecond &&
-                       CaptureSettings::frameRates().contains(value.toString())) {
+            } else if (key == ChoiceFramesPerSecond && settings::frameRates().contains(value.toString())) {
                 settings.framesPerSecond = value.toString();
             } else if (key == ChoiceVideoQuality) {
                 settings.videoQuality = value.toString();

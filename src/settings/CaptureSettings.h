@@ -7,10 +7,9 @@ namespace zandor {
 
 class PreferencesController;
 
-// What one screenshot or recording needs to know of the user's settings, read once when it starts
-// and handed to the recorders, so that nothing below the application reads the preferences store.
-// A stored value of the wrong kind reads as the default, so that a hand-edited or damaged
-// preferences file can neither send files elsewhere nor start a conversion that cannot work.
+// What the capture session, a screenshot or a recording needs to know of the user's settings, read
+// through their declarations (Settings.h) and handed down, so that nothing below the application
+// reads the preferences store. The defaults here are those of a session that reads no store.
 struct CaptureSettings {
     // Where screenshots and recordings go, an absolute path; made when missing.
     QString storageFolder;
@@ -40,9 +39,6 @@ struct CaptureSettings {
     bool shareAsCamera = false;
 
     static CaptureSettings fromPreferences(const PreferencesController& preferences);
-
-    // The frame rates a recording can be made at: "Original", then whole frames per second as text.
-    static const QStringList& frameRates();
 };
 
 } // namespace zandor

@@ -1,14 +1,13 @@
 #include "PreferencesController.h"
 
 #include "PropertyList.h"
+#include "Settings.h"
 #include "base/AppPaths.h"
 #include "base/Log.h"
 #include "base/RegularFile.h"
 
-#include <QAudioDevice>
 #include <QDir>
 #include <QFile>
-#include <QMediaDevices>
 #include <QSaveFile>
 
 #include <algorithm>
@@ -53,20 +52,6 @@ QVariant normalized(const QVariant& value) {
     default:
         return value;
     }
-}
-
-QString expandTilde(const QString& path) {
-    if (path == QStringLiteral("~") || path.startsWith(QStringLiteral("~/"))) {
-        return QDir::homePath() + path.mid(1);
-    }
-    return path;
-}
-
-// The unique id of the system's default audio input; empty when there is none. QMediaDevices needs no
-// QCoreApplication for this, and without a sound server it answers at once with no device.
-QString defaultAudioInputId() {
-    const QAudioDevice device = QMediaDevices::defaultAudioInput();
-    return device.isNull() ? QString() : QString::fromUtf8(device.id());
 }
 
 // A preferences file larger than this, or nesting arrays and dictionaries deeper, is not ours: the
@@ -152,10 +137,6 @@ QString PreferencesController::preferencesFile() {
     return AppPaths::applicationSupportFolder() + QStringLiteral("/Zandor/preferences.plist");
 }
 
-QString PreferencesController::defaultStorageFolder() {
-    return expandTilde(expandTilde(AppPaths::desktopFolder()));
-}
-
 QVariant PreferencesController::preference(const QString& key) const {
     std::scoped_lock lock(m_mutex);
     auto it = std::find_if(m_preferences.begin(), m_preferences.end(),
@@ -215,26 +196,14 @@ void PreferencesController::setWriteFailureHandler(std::function<void(const QStr
 }
 
 void PreferencesController::defaults() {
-    // Looked up before the lock is taken: the sound server may take a moment to answer. The new
-    // dictionary is built aside, so that readers never see a half-filled one.
-    const QString storageFolder = defaultStorageFolder();
-    const QString gameAudioInput = defaultAudioInputId();
-
+    // Worked out before the lock is taken: the sound server may take a moment to answer for the
+    // default input. The new dictionary is built aside, so that readers never see a half-filled one.
     Entries entries;
-    assign(entries, PreferenceFirstRun, true);
-    assign(entries, PreferenceFullscreenScreen, QString(""));
-    assign(entries, PreferenceFullscreenHudEnabled, true);
-    assign(entries, PreferenceFullscreenMaxScale, qint64(0));
-    assign(entries, PreferenceCaptureStorageFolder, storageFolder);
-    assign(entries, PreferenceCaptureLayout, QStringLiteral("Active Layout"));
-    assign(entries, PreferenceCaptureVideoFPS, QStringLiteral("Original"));
-    assign(entries, PreferenceCaptureVideoQuality, QStringLiteral("Medium"));
-    // Without an audio input the key stays unset; readers take that as "None".
-    assign(entries, PreferenceCaptureGameAudioInput,
-           gameAudioInput.isEmpty() ? QVariant() : QVariant(gameAudioInput));
-    assign(entries, PreferenceCaptureNarratorAudioInput, QStringLiteral("None"));
-    assign(entries, PreferenceCaptureImageFormat, QStringLiteral("PNG"));
-
+    for (const SeededSetting& setting : declaredSettings()) {
+        if (const QVariant seed = setting.seed(); seed.isValid()) {
+            assign(entries, setting.key, seed);
+        }
+    }
     std::scoped_lock lock(m_mutex);
     m_preferences = std::move(entries);
     m_defaulted = true;

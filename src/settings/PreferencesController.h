@@ -10,33 +10,10 @@
 
 namespace zandor {
 
-// The preference keys, in the order in which the defaults are set.
-inline const QString PreferenceFirstRun = QStringLiteral("PreferenceFirstRun");
-inline const QString PreferenceFullscreenScreen = QStringLiteral("PreferenceFullscreenScreen");
-inline const QString PreferenceFullscreenHudEnabled = QStringLiteral("PreferenceFullscreenHudEnabled");
-inline const QString PreferenceFullscreenMaxScale = QStringLiteral("PreferenceFullscreenMaxScale");
-inline const QString PreferenceCaptureStorageFolder = QStringLiteral("PreferenceCaptureStorageFolder");
-inline const QString PreferenceCaptureLayout = QStringLiteral("PreferenceCaptureLayout");
-inline const QString PreferenceCaptureVideoFPS = QStringLiteral("PreferenceCaptureVideoFPS");
-inline const QString PreferenceCaptureVideoQuality = QStringLiteral("PreferenceCaptureVideoQuality");
-inline const QString PreferenceCaptureGameAudioInput = QStringLiteral("PreferenceCaptureGameAudioInput");
-inline const QString PreferenceCaptureNarratorAudioInput =
-    QStringLiteral("PreferenceCaptureNarratorAudioInput");
-inline const QString PreferenceCaptureImageFormat = QStringLiteral("PreferenceCaptureImageFormat");
-// Keys that have no built-in default in the dictionary: absent until the user changes them, read
-// with their defaults where they are used (CaptureSettings, MainController), and kept by versions that know
-// nothing of them like any unknown key.
-inline const QString PreferenceReplayBufferEnabled = QStringLiteral("PreferenceReplayBufferEnabled");
-inline const QString PreferenceReplayBufferSeconds = QStringLiteral("PreferenceReplayBufferSeconds");
-inline const QString PreferenceListenToGameAudio = QStringLiteral("PreferenceListenToGameAudio");
-inline const QString PreferenceGameAudioVolume = QStringLiteral("PreferenceGameAudioVolume");
-inline const QString PreferenceGameAudioOffsetMs = QStringLiteral("PreferenceGameAudioOffsetMs");
-inline const QString PreferenceShareAsCamera = QStringLiteral("PreferenceShareAsCamera");
-
-// Every user setting of the application, in one dictionary that lives for the whole run. Built-in
-// defaults are overlaid with the preferences file, and once started every change rewrites the whole
-// file. Values are bool, qint64 or QString for the known keys; keys the application does not know are
-// kept as read (any property-list type) and written back.
+// Every user setting of the application (declared in Settings.h), in one dictionary that lives for
+// the whole run. Built-in defaults are overlaid with the preferences file, and once started every change
+// rewrites the whole file. Values are bool, qint64 or QString for the known keys; keys the application does
+// not know are kept as read (any property-list type) and written back.
 //
 // Reads may come from any thread; changes come from the GUI thread.
 class PreferencesController {
@@ -52,8 +29,6 @@ public:
 
     // <application-support folder>/Zandor/preferences.plist, built anew on every call.
     static QString preferencesFile();
-    // The user's Desktop folder, tilde expanded: where screenshots and recordings go by default.
-    static QString defaultStorageFolder();
 
     // The value stored under `key`; an invalid QVariant when the key is absent.
     QVariant preference(const QString& key) const;

@@ -1,6 +1,7 @@
 #include "CapturePreferencesView.h"
 
 #include "Icons.h"
+#include "settings/Settings.h"
 #include "settings/CaptureSettings.h"
 #include "settings/PreferencesController.h"
 #include "layouts/LayoutController.h"
@@ -20,10 +21,6 @@ namespace {
 const QString ActiveLayout = QStringLiteral("Active Layout");
 const QString NoLayout = QStringLiteral("None");
 const QString NoAudioInput = QStringLiteral("None");
-
-QString storedString(const QString& key) {
-    return PreferencesController::instance().preference(key).toString();
-}
 
 // The index of the last item titled `title`, separators aside; -1 when there is none.
 int lastItemTitled(const QComboBox* popup, const QString& title) {
@@ -48,14 +45,19 @@ CapturePreferencesView::CapturePreferencesView(QWidget* parent)
     m_ui->capturePathControl->setPath(stored.storageFolder);
     fillLayouts();
     fillQualities();
-    m_ui->fpsPopup->addItems(CaptureSettings::frameRates());
+    m_ui->fpsPopup->addItems(settings::frameRates());
     m_ui->fpsPopup->setCurrentIndex(std::max(0, lastItemTitled(m_ui->fpsPopup, stored.framesPerSecond)));
     fillAudioInputs();
     m_ui->replayBufferCheckBox->setChecked(stored.replayBuffer);
-    m_ui->replaySecondsField->setRange(ReplayBuffer::MinimumSeconds, ReplayBuffer::MaximumSeconds);
+    m_ui->replaySecondsField->setRange(settings::replaySeconds.range()->first,
+                                       settings::replaySeconds.range()->second);
     m_ui->replaySecondsField->setValue(stored.replaySeconds);
     showReplayMemory();
+    m_ui->gameVolumeSlider->setRange(settings::gameAudioVolume.range()->first,
+                                     settings::gameAudioVolume.range()->second);
     m_ui->gameVolumeSlider->setValue(stored.gameAudioVolume);
+    m_ui->gameOffsetField->setRange(settings::gameAudioOffsetMs.range()->first,
+                                    settings::gameAudioOffsetMs.range()->second);
     m_ui->gameOffsetField->setValue(stored.gameAudioOffsetMs);
     // The image format shows the interface's choice whatever is stored; only a pick of the user
     // changes the stored format.
@@ -117,7 +119,8 @@ void CapturePreferencesView::fillLayouts() {
     }
     // A stored layout that is no longer offered selects nothing; it stays stored until the user
     // picks another.
-    popup->setCurrentIndex(lastItemTitled(popup, storedString(PreferenceCaptureLayout)));
+    popup->setCurrentIndex(
+        lastItemTitled(popup, settings::captureLayout.read(PreferencesController::instance())));
 }
 
 void CapturePreferencesView::fillQualities() {
@@ -125,12 +128,13 @@ void CapturePreferencesView::fillQualities() {
     for (const VideoQualityPtr& quality : VideoQuality::videoQualities()) {
         popup->addItem(quality->name());
     }
-    popup->setCurrentIndex(lastItemTitled(popup, storedString(PreferenceCaptureVideoQuality)));
+    popup->setCurrentIndex(
+        lastItemTitled(popup, settings::videoQuality.read(PreferencesController::instance())));
 }
 
 void CapturePreferencesView::fillAudioInputs() {
-    const QString game = storedString(PreferenceCaptureGameAudioInput);
-    const QString narrator = storedString(PreferenceCaptureNarratorAudioInput);
+    const QString game = settings::gameAudioInput.read(PreferencesController::instance());
+    const QString narrator = settings::narratorAudioInput.read(PreferencesController::instance());
     for (QComboBox* popup : {m_ui->audioGamePopup, m_ui->audioNarratorPopup}) {
         popup->addItem(tr("None"), NoAudioInput);
         popup->insertSeparator(popup->count());
@@ -153,8 +157,7 @@ void CapturePreferencesView::fillAudioInputs() {
 
 void CapturePreferencesView::selectStorageFolderAction(const QString& folder) {
     m_ui->capturePathControl->setPath(folder);
-    PreferencesController::instance().setPreference(PreferenceCaptureStorageFolder,
-                                                    m_ui->capturePathControl->path());
+    settings::storageFolder.write(PreferencesController::instance(), m_ui->capturePathControl->path());
 }
 
 void CapturePreferencesView::chooseStorageFolder() {
@@ -166,42 +169,39 @@ void CapturePreferencesView::chooseStorageFolder() {
 }
 
 void CapturePreferencesView::selectCaptureLayoutAction(int index) {
-    PreferencesController::instance().setPreference(PreferenceCaptureLayout,
-                                                    m_ui->layoutPopup->itemText(index));
+    settings::captureLayout.write(PreferencesController::instance(), m_ui->layoutPopup->itemText(index));
 }
 
 void CapturePreferencesView::selectFramesPerSecondAction(int index) {
-    PreferencesController::instance().setPreference(PreferenceCaptureVideoFPS,
-                                                    m_ui->fpsPopup->itemText(index));
+    settings::videoFramesPerSecond.write(PreferencesController::instance(), m_ui->fpsPopup->itemText(index));
 }
 
 void CapturePreferencesView::selectQualityAction(int index) {
-    PreferencesController::instance().setPreference(PreferenceCaptureVideoQuality,
-                                                    m_ui->qualityPopup->itemText(index));
+    settings::videoQuality.write(PreferencesController::instance(), m_ui->qualityPopup->itemText(index));
     showReplayMemory();
 }
 
 void CapturePreferencesView::selectReplayBuffer() {
     PreferencesController& preferences = PreferencesController::instance();
     const bool enabled = m_ui->replayBufferCheckBox->isChecked();
-    const auto seconds = qint64(m_ui->replaySecondsField->value());
-    if (preferences.preference(PreferenceReplayBufferEnabled) == QVariant(enabled) &&
-        preferences.preference(PreferenceReplayBufferSeconds) == QVariant(seconds)) {
-        return;
+    const int seconds = m_ui->replaySecondsField->value();
+    if (settings::replayBuffer.read(preferences) != enabled) {
+        settings::replayBuffer.write(preferences, enabled);
     }
-    preferences.setPreference(PreferenceReplayBufferEnabled, enabled);
-    preferences.setPreference(PreferenceReplayBufferSeconds, seconds);
+    if (settings::replaySeconds.read(preferences) != seconds) {
+        settings::replaySeconds.write(preferences, seconds);
+    }
 }
 
 void CapturePreferencesView::selectGameVolume(int percent) {
-    PreferencesController::instance().setPreference(PreferenceGameAudioVolume, qint64(percent));
+    settings::gameAudioVolume.write(PreferencesController::instance(), percent);
 }
 
 void CapturePreferencesView::selectGameOffset() {
-    const auto offset = qint64(m_ui->gameOffsetField->value());
     PreferencesController& preferences = PreferencesController::instance();
-    if (preferences.preference(PreferenceGameAudioOffsetMs) != QVariant(offset)) {
-        preferences.setPreference(PreferenceGameAudioOffsetMs, offset);
+    if (const int offset = m_ui->gameOffsetField->value();
+        settings::gameAudioOffsetMs.read(preferences) != offset) {
+        settings::gameAudioOffsetMs.write(preferences, offset);
     }
 }
 
@@ -214,16 +214,14 @@ void CapturePreferencesView::showReplayMemory() {
 void CapturePreferencesView::selectAudioInput(QComboBox* popup, int index) {
     const QVariant input = popup->itemData(index);
     if (popup == m_ui->audioGamePopup) {
-        PreferencesController::instance().setPreference(PreferenceCaptureGameAudioInput, input.toString());
+        settings::gameAudioInput.write(PreferencesController::instance(), input.toString());
     } else if (popup == m_ui->audioNarratorPopup) {
-        PreferencesController::instance().setPreference(PreferenceCaptureNarratorAudioInput,
-                                                        input.toString());
+        settings::narratorAudioInput.write(PreferencesController::instance(), input.toString());
     }
 }
 
 void CapturePreferencesView::selectImageFormatAction(int index) {
-    PreferencesController::instance().setPreference(PreferenceCaptureImageFormat,
-                                                    m_ui->imageFormatPopup->itemText(index));
+    settings::imageFormat.write(PreferencesController::instance(), m_ui->imageFormatPopup->itemText(index));
 }
 
 } // namespace zandor

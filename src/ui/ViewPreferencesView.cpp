@@ -1,6 +1,7 @@
 #include "ViewPreferencesView.h"
 
 #include "Icons.h"
+#include "settings/Settings.h"
 #include "settings/PreferencesController.h"
 #include "ui_ViewPreferencesView.h"
 
@@ -13,7 +14,7 @@ ViewPreferencesView::ViewPreferencesView(const QStringList& screenNames, QWidget
 
     // With no display chosen (the empty default) nothing is selected, and full screen uses the main
     // display, which the placeholder says. Of two displays of the stored name the last is selected.
-    const QString screen = preferences.preference(PreferenceFullscreenScreen).toString();
+    const QString screen = settings::fullscreenScreen.read(preferences);
     int selected = -1;
     for (const QString& name : screenNames) {
         m_ui->screenPopup->addItem(name);
@@ -23,15 +24,14 @@ ViewPreferencesView::ViewPreferencesView(const QStringList& screenNames, QWidget
     }
     m_ui->screenPopup->setCurrentIndex(selected);
 
-    m_ui->fullscreenhudEnableButton->setChecked(
-        preferences.preference(PreferenceFullscreenHudEnabled).toBool());
+    m_ui->fullscreenhudEnableButton->setChecked(settings::fullscreenHudEnabled.read(preferences));
 
     // The items are in scale order, "No limit" first: an item's tag is its scale, 0 for no limit. A
     // stored scale no item has leaves the interface's choice.
     for (int i = 0; i < m_ui->fullscreenMaxScale->count(); ++i) {
         m_ui->fullscreenMaxScale->setItemData(i, qint64(i));
     }
-    const qint64 scale = preferences.preference(PreferenceFullscreenMaxScale).toLongLong();
+    const qint64 scale = settings::fullscreenMaxScale.read(preferences);
     if (const int index = m_ui->fullscreenMaxScale->findData(scale); index >= 0) {
         m_ui->fullscreenMaxScale->setCurrentIndex(index);
     }
@@ -57,17 +57,16 @@ QIcon ViewPreferencesView::toolbarItemImage() const {
 }
 
 void ViewPreferencesView::selectScreenAction(int index) {
-    PreferencesController::instance().setPreference(PreferenceFullscreenScreen,
-                                                    m_ui->screenPopup->itemText(index));
+    settings::fullscreenScreen.write(PreferencesController::instance(), m_ui->screenPopup->itemText(index));
 }
 
 void ViewPreferencesView::selectShowHUDAction(bool checked) {
-    PreferencesController::instance().setPreference(PreferenceFullscreenHudEnabled, checked);
+    settings::fullscreenHudEnabled.write(PreferencesController::instance(), checked);
 }
 
 void ViewPreferencesView::selectMaximalScaleAction(int index) {
-    PreferencesController::instance().setPreference(PreferenceFullscreenMaxScale,
-                                                    m_ui->fullscreenMaxScale->itemData(index).toLongLong());
+    settings::fullscreenMaxScale.write(PreferencesController::instance(),
+                                       m_ui->fullscreenMaxScale->itemData(index).toInt());
 }
 
 } // namespace zandor

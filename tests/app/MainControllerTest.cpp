@@ -5,6 +5,7 @@
 #include "Process.h"
 #include "PulseServer.h"
 #include "UserFolders.h"
+#include "settings/Settings.h"
 #include "app/CaptureLayoutView.h"
 #include "app/MainController.h"
 #include "app/MainWindow.h"
@@ -73,11 +74,11 @@ protected:
         ASSERT_TRUE(DetachedThread::waitForAll(20s));
         auto& preferences = PreferencesController::instance();
         preferences.setReadOnly(false);
-        preferences.setPreference(PreferenceCaptureStorageFolder, m_storage.path());
-        preferences.setPreference(PreferenceCaptureLayout, "Active Layout");
-        preferences.setPreference(PreferenceCaptureGameAudioInput, "None");
-        preferences.setPreference(PreferenceCaptureNarratorAudioInput, "None");
-        preferences.setPreference(PreferenceReplayBufferEnabled, false);
+        preferences.setPreference(settings::storageFolder.key, m_storage.path());
+        preferences.setPreference(settings::captureLayout.key, "Active Layout");
+        preferences.setPreference(settings::gameAudioInput.key, "None");
+        preferences.setPreference(settings::narratorAudioInput.key, "None");
+        preferences.setPreference(settings::replayBuffer.key, false);
     }
     void TearDown() override {
         stop();
@@ -103,7 +104,7 @@ protected:
     ::Ui::MainWindow& startRecordingWith(const QByteArray& converterFirst) {
         EXPECT_TRUE(test::writeStandInTools(m_tools.path(), converterFirst));
         ShellCommand::setToolFolder(m_tools.path());
-        PreferencesController::instance().setPreference(PreferenceCaptureVideoFPS, "30");
+        PreferencesController::instance().setPreference(settings::videoFramesPerSecond.key, "30");
         auto& ui = start();
         ui.playPauseItem->trigger();
         m_frames = std::make_unique<QSignalSpy>(ui.layoutView, &CaptureLayoutView::frameReceived);
@@ -218,7 +219,7 @@ TEST_F(MainControllerTest, PlayingShowsTheMovingPictureAndAScreenshotCanBeTakenU
 // The buffer runs only while the picture plays and the user wants it, and starts again empty with
 // each layout; Save Replay writes a movie off the GUI thread.
 TEST_F(MainControllerTest, TheReplayBufferFollowsThePictureAndTheSettingAndSavesOnRequest) {
-    PreferencesController::instance().setPreference(PreferenceReplayBufferEnabled, true);
+    PreferencesController::instance().setPreference(settings::replayBuffer.key, true);
     auto& ui = start();
     EXPECT_FALSE(ui.saveReplayItem->isEnabled());
     ui.playPauseItem->trigger();
@@ -258,7 +259,7 @@ TEST_F(MainControllerTest, TheReplayBufferFollowsThePictureAndTheSettingAndSaves
     EXPECT_FALSE(kept->isListening());
     EXPECT_TRUE(ui.saveReplayItem->isEnabled());
     QTemporaryDir chosenLater;
-    PreferencesController::instance().setPreference(PreferenceCaptureStorageFolder, chosenLater.path());
+    PreferencesController::instance().setPreference(settings::storageFolder.key, chosenLater.path());
     ui.saveReplayItem->trigger();
     EXPECT_TRUE(QTest::qWaitFor(
         [&] { return QDir(chosenLater.path()).entryList({"Replay *.mp4"}, QDir::Files).size() == 1; },
@@ -303,8 +304,8 @@ protected:
 
 TEST_F(MainControllerSoundTest, TheInputsAreOpenOnlyWhileSomethingRecordsBuffersOrListensFromThem) {
     auto& preferences = PreferencesController::instance();
-    preferences.setPreference(PreferenceCaptureGameAudioInput, "GameIn");
-    preferences.setPreference(PreferenceCaptureNarratorAudioInput, "NarratorIn");
+    preferences.setPreference(settings::gameAudioInput.key, "GameIn");
+    preferences.setPreference(settings::narratorAudioInput.key, "NarratorIn");
     const auto closeAll = [] { return QTest::qWaitFor([] { return streamsOpen().isEmpty(); }, 10000); };
     auto& ui = startRecordingWith({});
     EXPECT_TRUE(closeAll()) << "playing alone opens nothing";
@@ -361,16 +362,16 @@ TEST_F(MainControllerTest, ShareAsCameraSharesWhileThePicturePlaysOrSaysOnceWhyI
     ui.shareAsCameraItem->trigger();
     EXPECT_TRUE(turnedOff());
     EXPECT_TRUE(m_controller->session().device()->isListening()) << "the picture plays on";
-    EXPECT_EQ(PreferencesController::instance().preference(PreferenceShareAsCamera), QVariant(false));
+    EXPECT_EQ(PreferencesController::instance().preference(settings::shareAsCamera.key), QVariant(false));
     EXPECT_EQ(alerts().filter("Could not share the picture as a camera.").size(), 1);
 }
 
 TEST_F(MainControllerTest, CaptureFollowsTheChosenLayoutOrBothScreens) {
     start();
     EXPECT_EQ(m_controller->session().captureLayouts(), std::vector<LayoutPtr>{m_controller->activeLayout()});
-    PreferencesController::instance().setPreference(PreferenceCaptureLayout, "Side by Side");
+    PreferencesController::instance().setPreference(settings::captureLayout.key, "Side by Side");
     EXPECT_EQ(m_controller->session().captureLayouts().front()->name(), "Side by Side");
-    PreferencesController::instance().setPreference(PreferenceCaptureLayout, "None");
+    PreferencesController::instance().setPreference(settings::captureLayout.key, "None");
     const auto layouts = m_controller->session().captureLayouts();
     ASSERT_EQ(layouts.size(), 2u);
     EXPECT_EQ(layouts[0]->name() + layouts[1]->name(), "TopBottom");
@@ -439,7 +440,7 @@ TEST_F(MainControllerTest, TheRecordButtonFollowsTheRecordingStartedWhileAnother
 
 TEST_F(MainControllerTest, ARecordingThatCannotWriteIsRefusedAndSaidSo) {
     ASSERT_TRUE(test::writeFile(m_storage.path() + "/file"));
-    PreferencesController::instance().setPreference(PreferenceCaptureStorageFolder,
+    PreferencesController::instance().setPreference(settings::storageFolder.key,
                                                     m_storage.path() + "/file/recordings");
     auto& ui = start();
     ui.playPauseItem->trigger();
@@ -468,13 +469,13 @@ TEST_F(MainControllerTest, QuittingWaitsForEveryRecordingStillFinalising) {
 }
 
 TEST_F(MainControllerTest, TheFirstRunShowsTheAboutWindowOnce) {
-    PreferencesController::instance().setPreference(PreferenceFirstRun, true);
+    PreferencesController::instance().setPreference(settings::firstRun.key, true);
     start();
     const auto* about = m_controller->mainWindow()->findChild<QMessageBox*>("aboutWindow");
     ASSERT_NE(about, nullptr);
     EXPECT_TRUE(about->isVisible());
     EXPECT_EQ(QApplication::activeModalWidget(), nullptr) << "the main window stays usable";
-    EXPECT_FALSE(PreferencesController::instance().preference(PreferenceFirstRun).toBool());
+    EXPECT_FALSE(PreferencesController::instance().preference(settings::firstRun.key).toBool());
     stop();
     start();
     EXPECT_EQ(m_controller->mainWindow()->findChild<QMessageBox*>("aboutWindow"), nullptr);

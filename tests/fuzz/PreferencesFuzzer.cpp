@@ -7,6 +7,7 @@
 // offered), or when a file the store used reads differently after the store rewrote it.
 
 #include "base/Log.h"
+#include "settings/Settings.h"
 #include "settings/CaptureSettings.h"
 #include "settings/PreferencesController.h"
 #include "settings/PropertyList.h"
@@ -73,7 +74,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!settings.storageFolder.startsWith(u'/')) {
         fail("the storage folder is not absolute");
     }
-    if (!CaptureSettings::frameRates().contains(settings.framesPerSecond)) {
+    if (!settings::frameRates().contains(settings.framesPerSecond)) {
         fail("the frame rate is not one offered");
     }
 
@@ -81,14 +82,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // file must give every value of the first reading back.
     const PropertyList input = PropertyList::fromXml(
         QByteArray::fromRawData(reinterpret_cast<const char*>(data), static_cast<qsizetype>(size)));
-    preferences.setPreference(PreferenceFirstRun, false);
+    preferences.setPreference(settings::firstRun.key, false);
     PreferencesController reread(file);
     if (log.countPrefix("The preferences file ") != (loaded ? 0u : 1u)) {
         fail("the store's own file cannot be read back");
     }
     if (loaded) {
         for (const auto& [key, value] : input.entries()) {
-            if (key != PreferenceFirstRun && !same(preferences.preference(key), reread.preference(key))) {
+            if (key != settings::firstRun.key && !same(preferences.preference(key), reread.preference(key))) {
                 fail("a value changed when the store rewrote the file:", key);
             }
         }

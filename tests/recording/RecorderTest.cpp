@@ -7,6 +7,7 @@
 #include "layouts/CaptureLayout.h"
 #include "recording/ImageRecorder.h"
 #include "recording/ReplayBuffer.h"
+#include "settings/Settings.h"
 #include "recording/ShellCommand.h"
 #include "recording/VideoRecorder.h"
 
@@ -293,7 +294,7 @@ TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverla
 // A save while a recording runs of the same layout: both movies come out whole, and the recording
 // goes on through the save.
 TEST_F(RecorderTest, ASaveDuringARecordingLeavesBothWhole) {
-    auto buffer = std::make_shared<ReplayBuffer>(m_top, m_settings, ReplayBuffer::MinimumSeconds);
+    auto buffer = std::make_shared<ReplayBuffer>(m_top, m_settings, settings::replaySeconds.range()->first);
     ASSERT_TRUE(buffer->start());
     auto delegate = std::make_shared<Delegate>();
     ReplayBuffer::Saved saved;

@@ -1,4 +1,5 @@
 #include "Files.h"
+#include "settings/Settings.h"
 #include "settings/PreferencesController.h"
 
 #include "Plist.h"
@@ -41,26 +42,25 @@ protected:
 
 TEST_F(PreferencesStore, FirstStartGivesTheDefaultsAndTheFirstChangeWritesThemAll) {
     PreferencesController store(path());
-    EXPECT_FALSE(store.preference(PreferenceCaptureGameAudioInput).isValid())
-        << "no sound server, no default";
+    EXPECT_FALSE(store.preference(settings::gameAudioInput.key).isValid()) << "no sound server, no default";
     EXPECT_TRUE(store.load());
     EXPECT_TRUE(filesInFolder().isEmpty());
     EXPECT_EQ(PreferencesController::preferencesFile(), home + "/data/Zandor/preferences.plist");
     EXPECT_FALSE(QFileInfo::exists(home + "/data/Zandor"));
 
-    EXPECT_EQ(store.preference(PreferenceFullscreenScreen), QVariant(QString("")));
-    store.setPreference(PreferenceFullscreenScreen, QString("HDMI-1"));
+    EXPECT_EQ(store.preference(settings::fullscreenScreen.key), QVariant(QString("")));
+    store.setPreference(settings::fullscreenScreen.key, QString("HDMI-1"));
     const QJsonArray expected{
-        QJsonArray{PreferenceFirstRun, true},
-        QJsonArray{PreferenceFullscreenScreen, "HDMI-1"},
-        QJsonArray{PreferenceFullscreenHudEnabled, true},
-        QJsonArray{PreferenceFullscreenMaxScale, QJsonObject{{"integer", 0}}},
-        QJsonArray{PreferenceCaptureStorageFolder, home + "/Desktop"},
-        QJsonArray{PreferenceCaptureLayout, "Active Layout"},
-        QJsonArray{PreferenceCaptureVideoFPS, "Original"},
-        QJsonArray{PreferenceCaptureVideoQuality, "Medium"},
-        QJsonArray{PreferenceCaptureNarratorAudioInput, "None"},
-        QJsonArray{PreferenceCaptureImageFormat, "PNG"},
+        QJsonArray{settings::firstRun.key, true},
+        QJsonArray{settings::fullscreenScreen.key, "HDMI-1"},
+        QJsonArray{settings::fullscreenHudEnabled.key, true},
+        QJsonArray{settings::fullscreenMaxScale.key, QJsonObject{{"integer", 0}}},
+        QJsonArray{settings::storageFolder.key, home + "/Desktop"},
+        QJsonArray{settings::captureLayout.key, "Active Layout"},
+        QJsonArray{settings::videoFramesPerSecond.key, "Original"},
+        QJsonArray{settings::videoQuality.key, "Medium"},
+        QJsonArray{settings::narratorAudioInput.key, "None"},
+        QJsonArray{settings::imageFormat.key, "PNG"},
     };
     EXPECT_EQ(entries(), expected);
     EXPECT_EQ(filesInFolder(), QStringList{"preferences.plist"}) << "no temporary file is left behind";
@@ -86,27 +86,27 @@ TEST_F(PreferencesStore, FileEntriesOverlayTheDefaultsAndSurviveRewritesAndResta
     QJsonArray unknown = entries();
     unknown.removeAt(1);
     PreferencesController store(path());
-    EXPECT_EQ(store.preference(PreferenceCaptureImageFormat), QVariant(QString("JPEG")));
-    EXPECT_EQ(store.preference(PreferenceCaptureVideoQuality), QVariant(QString("Medium")));
+    EXPECT_EQ(store.preference(settings::imageFormat.key), QVariant(QString("JPEG")));
+    EXPECT_EQ(store.preference(settings::videoQuality.key), QVariant(QString("Medium")));
     EXPECT_EQ(readFile(), original) << "nothing is written at start";
 
-    store.setPreference(PreferenceFullscreenMaxScale, 3); // an int, as a spin box gives it
-    store.setPreference(PreferenceFullscreenScreen, QString("HDMI-1 \"Büro\" <&>"));
+    store.setPreference(settings::fullscreenMaxScale.key, 3); // an int, as a spin box gives it
+    store.setPreference(settings::fullscreenScreen.key, QString("HDMI-1 \"Büro\" <&>"));
     QJsonArray written = entries();
     ASSERT_EQ(written.size(), 13) << "the ten known keys, then the three unknown";
-    EXPECT_EQ(entry(PreferenceCaptureImageFormat), "JPEG");
-    EXPECT_EQ(entry(PreferenceFullscreenMaxScale), (QJsonObject{{"integer", 3}}));
+    EXPECT_EQ(entry(settings::imageFormat.key), "JPEG");
+    EXPECT_EQ(entry(settings::fullscreenMaxScale.key), (QJsonObject{{"integer", 3}}));
     for (int known = 0; known < 10; ++known) {
         written.removeFirst();
     }
     EXPECT_EQ(written, unknown);
 
     PreferencesController restarted(path());
-    EXPECT_EQ(restarted.preference(PreferenceCaptureImageFormat), QVariant(QString("JPEG")));
-    EXPECT_EQ(restarted.preference(PreferenceFullscreenMaxScale), QVariant(qint64(3)));
-    EXPECT_EQ(store.preference(PreferenceFullscreenMaxScale), QVariant(qint64(3)))
+    EXPECT_EQ(restarted.preference(settings::imageFormat.key), QVariant(QString("JPEG")));
+    EXPECT_EQ(restarted.preference(settings::fullscreenMaxScale.key), QVariant(qint64(3)));
+    EXPECT_EQ(store.preference(settings::fullscreenMaxScale.key), QVariant(qint64(3)))
         << "same type before a restart";
-    EXPECT_EQ(restarted.preference(PreferenceFullscreenScreen), QVariant(QString("HDMI-1 \"Büro\" <&>")));
+    EXPECT_EQ(restarted.preference(settings::fullscreenScreen.key), QVariant(QString("HDMI-1 \"Büro\" <&>")));
 }
 
 // zandor-cli reads the store and overrides settings for its run: nothing reaches the disk, not
@@ -123,9 +123,9 @@ TEST_F(PreferencesStore, AReadOnlyStoreKeepsChangesInMemoryAndNeverWrites) {
         }
         PreferencesController store(path());
         store.setReadOnly(true);
-        store.setPreference(PreferenceCaptureLayout, QString("Top"));
-        store.setPreference(PreferenceCaptureNarratorAudioInput, QVariant());
-        EXPECT_EQ(store.preference(PreferenceCaptureLayout), QVariant(QString("Top")));
+        store.setPreference(settings::captureLayout.key, QString("Top"));
+        store.setPreference(settings::narratorAudioInput.key, QVariant());
+        EXPECT_EQ(store.preference(settings::captureLayout.key), QVariant(QString("Top")));
         EXPECT_EQ(filesInFolder(), contents.isNull() ? QStringList() : QStringList{"preferences.plist"});
         EXPECT_EQ(readFile(), contents);
     }
@@ -154,12 +154,12 @@ TEST_P(UnusableFileTest, KeepsTheDefaultsSaysWhyAndIsKeptAsideWhenTheFirstChange
     }
     LogCapture log;
     PreferencesController store(path());
-    EXPECT_EQ(store.preference(PreferenceCaptureImageFormat), QVariant(QString("PNG")));
+    EXPECT_EQ(store.preference(settings::imageFormat.key), QVariant(QString("PNG")));
     EXPECT_EQ(log.countPrefix("The preferences file " + path().toStdString() + " cannot be used ("), 1u);
     EXPECT_FALSE(QFileInfo::exists(path() + ".bad")) << "nothing moves before a change";
 
-    store.setPreference(PreferenceCaptureLayout, QString("Side by Side"));
-    EXPECT_EQ(entry(PreferenceCaptureLayout), "Side by Side");
+    store.setPreference(settings::captureLayout.key, QString("Side by Side"));
+    EXPECT_EQ(entry(settings::captureLayout.key), "Side by Side");
     EXPECT_EQ(entries().size(), 10) << "the defaults and nothing of the unusable file";
     const QFileInfo aside(path() + ".bad");
     EXPECT_TRUE(aside.exists() || aside.isSymLink());
@@ -198,9 +198,9 @@ TEST_F(PreferencesStore, AFailedWriteKeepsTheChangeAndIsReportedOnce) {
         QStringList reported;
         store.setWriteFailureHandler([&reported](const QString& why) { reported << why; });
         LogCapture log;
-        store.setPreference(PreferenceCaptureImageFormat, QString("JPEG"));
-        store.setPreference(PreferenceCaptureVideoFPS, QString("30"));
-        EXPECT_EQ(store.preference(PreferenceCaptureImageFormat), QVariant(QString("JPEG")));
+        store.setPreference(settings::imageFormat.key, QString("JPEG"));
+        store.setPreference(settings::videoFramesPerSecond.key, QString("30"));
+        EXPECT_EQ(store.preference(settings::imageFormat.key), QVariant(QString("JPEG")));
         ASSERT_EQ(reported.size(), 1) << file.toStdString();
         EXPECT_FALSE(reported[0].isEmpty());
         EXPECT_EQ(log.countPrefix("Could not write the preferences file " + file.toStdString() + " ("), 1u);

@@ -1,3 +1,4 @@
+#include "settings/Settings.h"
 #include "ui/CapturePreferencesView.h"
 #include "ui/PathControl.h"
 #include "settings/PreferencesController.h"
@@ -63,9 +64,9 @@ protected:
 };
 
 TEST_F(PreferencePanesTest, ViewPaneShowsTheStoredChoicesAndWritesEveryChoiceAtOnce) {
-    store(PreferenceFullscreenScreen, "DELL U2720Q");
-    store(PreferenceFullscreenHudEnabled, false);
-    store(PreferenceFullscreenMaxScale, qint64(4));
+    store(settings::fullscreenScreen.key, "DELL U2720Q");
+    store(settings::fullscreenHudEnabled.key, false);
+    store(settings::fullscreenMaxScale.key, qint64(4));
     QFile::remove(PreferencesController::preferencesFile());
     ViewPreferencesView pane({"DELL U2720Q", "Built-in Display", "DELL U2720Q"});
     EXPECT_FALSE(QFile::exists(PreferencesController::preferencesFile())) << "filling the controls wrote";
@@ -85,8 +86,8 @@ TEST_F(PreferencePanesTest, ViewPaneShowsTheStoredChoicesAndWritesEveryChoiceAtO
     EXPECT_EQ(scale->currentText(), "No limit");
 
     // Values no item has leave the interface's choices and stay stored.
-    store(PreferenceFullscreenScreen, "Unplugged");
-    store(PreferenceFullscreenMaxScale, qint64(9));
+    store(settings::fullscreenScreen.key, "Unplugged");
+    store(settings::fullscreenMaxScale.key, qint64(9));
     ViewPreferencesView later({"DELL U2720Q"});
     EXPECT_EQ(control<QComboBox>(later, "screenPopup")->currentIndex(), -1);
     EXPECT_EQ(control<QComboBox>(later, "fullscreenMaxScale")->currentText(), "No limit");
@@ -102,11 +103,11 @@ TEST_F(PreferencePanesTest, CapturePaneShowsTheStoredChoicesAndWritesEveryChoice
                                                test::layoutDescriptor("Twin", 1, 400, 240), {}, true));
     }
     QDir().mkpath(home + "/Videos/Handheld");
-    store(PreferenceCaptureStorageFolder, home + "/Videos/Handheld");
-    store(PreferenceCaptureLayout, "Twin");
-    store(PreferenceCaptureVideoQuality, "Low");
-    store(PreferenceCaptureVideoFPS, "50");
-    store(PreferenceCaptureImageFormat, "JPEG");
+    store(settings::storageFolder.key, home + "/Videos/Handheld");
+    store(settings::captureLayout.key, "Twin");
+    store(settings::videoQuality.key, "Low");
+    store(settings::videoFramesPerSecond.key, "50");
+    store(settings::imageFormat.key, "JPEG");
     QFile::remove(PreferencesController::preferencesFile());
     CapturePreferencesView pane;
     pane.resize(900, 500);
@@ -142,8 +143,8 @@ TEST_F(PreferencePanesTest, CapturePaneShowsTheStoredChoicesAndWritesEveryChoice
     EXPECT_EQ(stored("PreferenceCaptureStorageFolder"), "\"" + (home + "/Videos").toStdString() + "\"");
 
     // Values no item has leave the choices.
-    store(PreferenceCaptureLayout, "Removed");
-    store(PreferenceCaptureVideoFPS, "7");
+    store(settings::captureLayout.key, "Removed");
+    store(settings::videoFramesPerSecond.key, "7");
     CapturePreferencesView later;
     EXPECT_EQ(control<QComboBox>(later, "layoutPopup")->currentIndex(), -1);
     EXPECT_EQ(control<QComboBox>(later, "fpsPopup")->currentText(), "Original");
