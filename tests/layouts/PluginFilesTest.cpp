@@ -1,5 +1,5 @@
 // Plug-ins are files users download and share: a descriptor or an image that would hang the start
-// (a named pipe), take the memory (a link to /dev/zero, a huge file, an image larger than any
+// (a named pipe, or a link to one), take the memory ( a huge file, an image larger than any
 // canvas), take every frame's time (more objects than a layout may have) or cannot be read as text
 // is refused with the parser's line, and everything else loads.
 
@@ -39,7 +39,11 @@ protected:
 TEST_F(PluginFilesTest, DescriptorsThatAreNoSmallTextFilesOrHaveTooManyObjectsAreRefusedWithTheParsersLine) {
     bundle("Good");
     replace(bundle("Pipe") + "/plugin.xml", [](const char* path) { return mkfifo(path, 0600); });
-    replace(bundle("Zero") + "/plugin.xml", [](const char* path) { return symlink("/dev/zero", path); });
+    // A link to a pipe of the test's own folder, not to a device a fault could write through.
+    const QString pipe = m_folder.path() + "/pipe";
+    ASSERT_EQ(mkfifo(qPrintable(pipe), 0600), 0);
+    replace(bundle("Linked") + "/plugin.xml",
+            [&pipe](const char* path) { return symlink(qPrintable(pipe), path); });
     bundle("Huge", test::layoutDescriptor("Huge", 1, 400, 240) + "<!--" +
                        QByteArray(int(Plugin::MaximumDescriptorBytes), ' ') + "-->");
     bundle("Latin", test::layoutDescriptor("Cafe", 1, 400, 240).replace("Cafe", "Caf\xe9"));
@@ -56,7 +60,7 @@ TEST_F(PluginFilesTest, DescriptorsThatAreNoSmallTextFilesOrHaveTooManyObjectsAr
     const std::string folder = m_folder.path().toStdString();
     for (const std::string& line :
          {"Could not parse plugin: " + folder + "/Pipe.zdplugin/plugin.xml: it is not a regular file",
-          "Could not parse plugin: " + folder + "/Zero.zdplugin/plugin.xml: it is not a regular file",
+          "Could not parse plugin: " + folder + "/Linked.zdplugin/plugin.xml: it is not a regular file",
           "Could not parse plugin: " + folder + "/Huge.zdplugin/plugin.xml: it is larger than 1 MB",
           "Could not parse plugin: " + folder + "/Latin.zdplugin/plugin.xml is not UTF-8 text"}) {
         EXPECT_EQ(log.count(line), 1u) << line;

@@ -16,7 +16,9 @@
 #include <QThread>
 
 #include <cmath>
+#include <csignal>
 #include <cstring>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace zandor {
@@ -103,13 +105,22 @@ TEST(GameAudio, ListeningIsHeardOnceAndARecordingKeepsItsFirstInstantOrSaysItCan
     // of an input still opening.
     EXPECT_GT(level(recorded, 1100, test::PulseServer::SampleRate / 10), 3000);
 
-    // A file that cannot be finished (a full disk) makes stop() say so, which the video recorder
-    // turns into its message.
+    // A file that cannot be finished (it cannot grow, as on a full disk) makes stop() say so,
+    // which the video recorder turns into its message.
     QTemporaryDir full;
-    ASSERT_TRUE(QFile::link("/dev/full", full.path() + "/AudioGame.mov"));
+    struct rlimit limit {};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+    const rlim_t before = limit.rlim_cur;
+    std::signal(SIGXFSZ, SIG_IGN); // a write past the limit fails instead of ending the process
+    limit.rlim_cur = 0;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
     AudioRecord failing(QStringLiteral("Game"), &audioThread);
-    ASSERT_TRUE(failing.start("GameIn", full.path(), false));
-    EXPECT_FALSE(failing.stop());
+    const bool started = failing.start("GameIn", full.path(), false);
+    const bool stopped = failing.stop();
+    limit.rlim_cur = before;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    EXPECT_TRUE(started);
+    EXPECT_FALSE(stopped);
 }
 
 } // namespace
