@@ -101,8 +101,8 @@ void MainController::awakeFromNib() {
     m_mainWindow = std::make_unique<MainWindow>();
 
     // Settings that cannot be saved still work for this run; the user is told once.
-    PreferencesController::instance().setWriteFailureHandler([this](const QString& why) {
-        runLater(this, [this, why] {
+    PreferencesController::instance().setWriteFailureHandler([this](const Error& failure) {
+        runLater(this, [this, why = QString::fromStdString(failure.cause())] {
             displayMessage(QStringLiteral("Could not save the preferences."),
                            QStringLiteral("Your changes hold until Zandor quits, but they could not be "
                                           "written to \"%1\": %2")

@@ -28,11 +28,10 @@ int main(int argc, char** argv) {
         words.push_back(argument.toStdString());
     }
     CommandLine options({"board"}, {"play"});
-    std::string error;
-    if (!options.parse(words, error)) {
+    if (const Error error = options.parse(words)) {
         std::fprintf(stderr,
                      "zandor: %s\nusage: zandor [--board usb|demo|replay:FILE] [--play] [PLUGIN...]\n",
-                     error.c_str());
+                     error.detail().c_str());
         return 2;
     }
     QStringList plugins;
@@ -43,6 +42,7 @@ int main(int argc, char** argv) {
     if (ZDAppDelegate::sendToRunning(plugins)) {
         return 0;
     }
+    std::string error;
     auto board = createBoard(options.value("board").value_or("usb"), error);
     if (!board) {
         std::fprintf(stderr, "zandor: %s\n", error.c_str());

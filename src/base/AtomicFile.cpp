@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,10 +9,6 @@
 namespace zandor {
 
 namespace {
-
-std::string reason(const std::string& what, const std::string& path) {
-    return what + " '" + path + "': " + std::strerror(errno);
-}
 
 std::string folderOf(const std::string& path) {
     const size_t slash = path.rfind('/');
@@ -34,18 +29,16 @@ AtomicFile::~AtomicFile() {
     }
 }
 
-bool AtomicFile::create(std::string& error) {
+Error AtomicFile::create() {
     struct stat info {};
     const bool exists = ::stat(m_target.c_str(), &info) == 0;
     if (exists && S_ISDIR(info.st_mode)) {
-        error = "cannot write '" + m_target + "': it is a folder";
-        return false;
+        return Error::other("cannot write", m_target, "it is a folder");
     }
     std::string pattern = m_target + ".part-XXXXXX";
     m_fd = mkstemp(pattern.data());
     if (m_fd < 0) {
-        error = reason("cannot write beside", m_target);
-        return false;
+        return Error::system("cannot write beside", m_target);
     }
     m_path = pattern;
     // mkstemp makes the file private; the result should look like any other file the user makes,
@@ -58,36 +51,33 @@ bool AtomicFile::create(std::string& error) {
         ::umask(mask);
         mode = 0666 & ~mask;
     }
-    ::fchmod(m_fd, mode);
-    return true;
+    ::fchmod(m_fd, mode); // the file works either way; only its permissions would differ
+    return {};
 }
 
-bool AtomicFile::write(const uint8_t* data, uint64_t length, std::string& error) {
+Error AtomicFile::write(const uint8_t* data, uint64_t length) {
     while (length > 0) {
         const ssize_t n = ::write(m_fd, data, length);
         if (n < 0 && errno == EINTR) {
             continue;
         }
         if (n <= 0) {
-            error = reason("cannot write", m_target);
-            return false;
+            return Error::system("cannot write", m_target, n < 0 ? errno : ENOSPC);
         }
         data += n;
         length -= static_cast<uint64_t>(n);
     }
-    return true;
+    return {};
 }
 
-bool AtomicFile::commit(std::string& error) {
+Error AtomicFile::commit() {
     // A writer that opened path() itself has closed its descriptor by now; ours refers to the
     // same file.
     if (::fsync(m_fd) != 0) {
-        error = reason("cannot write", m_target);
-        return false;
+        return Error::system("cannot write", m_target);
     }
     if (::rename(m_path.c_str(), m_target.c_str()) != 0) {
-        error = reason("cannot replace", m_target);
-        return false;
+        return Error::system("cannot replace", m_target);
     }
     m_committed = true;
     const int folder = ::open(folderOf(m_target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -95,7 +85,7 @@ bool AtomicFile::commit(std::string& error) {
         ::fsync(folder);
         ::close(folder);
     }
-    return true;
+    return {};
 }
 
 } // namespace zandor

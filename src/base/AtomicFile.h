@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Error.h"
+
 #include <cstdint>
 #include <string>
 
@@ -16,14 +18,14 @@ public:
     AtomicFile& operator=(const AtomicFile&) = delete;
 
     // Creates the empty file, with the target's permissions when the target exists and the usual
-    // ones for a new file otherwise. False with a reason when the target is a folder or its
-    // folder cannot be written.
-    bool create(std::string& error);
+    // ones for a new file otherwise. Fails when the target is a folder or its folder cannot be
+    // written.
+    Error create();
     // Where the contents go until the commit, for writers that open the file themselves.
     const std::string& path() const { return m_path; }
-    bool write(const uint8_t* data, uint64_t length, std::string& error);
+    Error write(const uint8_t* data, uint64_t length);
     // Makes the contents durable and renames the file over the target.
-    bool commit(std::string& error);
+    Error commit();
 
 private:
     std::string m_target;

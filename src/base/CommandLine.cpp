@@ -4,7 +4,9 @@
 
 namespace zandor {
 
-bool CommandLine::parse(const std::vector<std::string>& arguments, std::string& error) {
+Error CommandLine::parse(const std::vector<std::string>& arguments) {
+    // The detail is what the user is told: the command line is the user's own words.
+    const auto wrong = [](std::string what) { return Error::other("read the options", {}, std::move(what)); };
     for (size_t i = 0; i < arguments.size(); ++i) {
         const std::string& argument = arguments[i];
         if (argument.size() < 3 || argument.compare(0, 2, "--") != 0) {
@@ -19,25 +21,22 @@ bool CommandLine::parse(const std::vector<std::string>& arguments, std::string& 
         }
         if (m_flags.count(name)) {
             if (inlineValue) {
-                error = "Option --" + name + " takes no value";
-                return false;
+                return wrong("Option --" + name + " takes no value");
             }
             m_setFlags.insert(name);
         } else if (m_valueOptions.count(name)) {
             if (!inlineValue) {
                 if (i + 1 >= arguments.size()) {
-                    error = "Option --" + name + " needs a value";
-                    return false;
+                    return wrong("Option --" + name + " needs a value");
                 }
                 inlineValue = arguments[++i];
             }
             m_values[name] = *inlineValue;
         } else {
-            error = "Unknown option --" + name;
-            return false;
+            return wrong("Unknown option --" + name);
         }
     }
-    return true;
+    return {};
 }
 
 std::optional<std::string> CommandLine::value(const std::string& name) const {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Error.h"
+
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -17,7 +19,7 @@ public:
         : m_valueOptions(std::move(valueOptions)), m_flags(std::move(flags)) {}
 
     // False with a one-line reason in `error` for an unknown option or a missing value.
-    bool parse(const std::vector<std::string>& arguments, std::string& error);
+    Error parse(const std::vector<std::string>& arguments);
 
     std::optional<std::string> value(const std::string& name) const;
     bool flag(const std::string& name) const { return m_setFlags.count(name) != 0; }

@@ -88,9 +88,8 @@ int Cli::run(const std::vector<std::string>& arguments) {
         return 2;
     }
     CommandLine options(command->second.valueOptions, command->second.flags);
-    std::string error;
-    if (!options.parse({arguments.begin() + 1, arguments.end()}, error)) {
-        std::fprintf(stderr, "zandor-cli %s: %s\n", arguments[0].c_str(), error.c_str());
+    if (const Error error = options.parse({arguments.begin() + 1, arguments.end()})) {
+        std::fprintf(stderr, "zandor-cli %s: %s\n", arguments[0].c_str(), error.detail().c_str());
         return 2;
     }
     if (!command->second.positionals && !options.positionals().empty()) {

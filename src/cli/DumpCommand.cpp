@@ -39,8 +39,8 @@ int DumpCommand::run(const CommandLine& options) {
         return 2;
     }
     AtomicFile out(*outPath);
-    if (!out.create(error)) {
-        std::fprintf(stderr, "zandor-cli dump: %s\n", error.c_str());
+    if (const Error created = out.create()) {
+        std::fprintf(stderr, "zandor-cli dump: %s\n", created.logLine().c_str());
         return 1;
     }
 
@@ -65,13 +65,20 @@ int DumpCommand::run(const CommandLine& options) {
             }
             continue;
         }
-        ok = out.write(frame->data(), raw::FrameBytes, error);
+        if (const Error failed = out.write(frame->data(), raw::FrameBytes)) {
+            error = failed.logLine();
+            ok = false;
+        }
         written += ok ? 1 : 0;
     }
     device->removeObserver(observer);
     session.shutdown();
 
-    if (!ok || !out.commit(error)) {
+    if (const Error failed = ok ? out.commit() : Error()) {
+        error = failed.logLine();
+        ok = false;
+    }
+    if (!ok) {
         std::fprintf(stderr, "zandor-cli dump: %s\n", error.c_str());
         return 1;
     }

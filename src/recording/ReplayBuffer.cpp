@@ -473,17 +473,22 @@ ReplayBuffer::Saved ReplayBuffer::save(const QString& folder) {
         path = QStringLiteral("%1 %2.mp4").arg(stamped).arg(number);
     }
     AtomicFile file(QFile::encodeName(path).toStdString());
-    std::string reason;
-    if (!file.create(reason)) {
-        logs::recording.error("Could not save the replay %s: %s", qUtf8Printable(path), reason.c_str());
+    if (const Error created = file.create()) {
+        logs::recording.error("Could not save the replay: %s", created.logLine().c_str());
         return {{}, QStringLiteral("The folder \"%1\" cannot be written to.").arg(folder)};
     }
-    int error = 0;
-    if (!writeMovie(file.path(), video, sound, origin, error) || !file.commit(reason)) {
-        const bool full = error == AVERROR(ENOSPC) || reason.find(std::strerror(ENOSPC)) != std::string::npos;
+    int code = 0;
+    Error failure;
+    if (!writeMovie(file.path(), video, sound, origin, code)) {
+        failure =
+            Error::library(Error::Domain::FFmpeg, "cannot write", file.path(), code, ff::errorText(code));
+    } else {
+        failure = file.commit();
+    }
+    if (failure) {
         logs::recording.error("Could not save the replay %s: %s", qUtf8Printable(path),
-                              error != 0 ? ff::errorText(error).c_str() : reason.c_str());
-        if (full) {
+                              failure.logLine().c_str());
+        if (failure.isDiskFull()) {
             return {{}, QStringLiteral("The disk is full.")};
         }
         return {{}, QStringLiteral("The movie could not be written to \"%1\".").arg(folder)};

@@ -159,11 +159,11 @@ void PreferencesController::setPreference(const QString& key, const QVariant& va
     if (!live) {
         return;
     }
-    QString why;
-    if (store(&why)) {
+    const Error failed = store();
+    if (!failed) {
         return;
     }
-    std::function<void(const QString&)> report;
+    std::function<void(const Error&)> report;
     {
         std::scoped_lock lock(m_mutex);
         if (std::exchange(m_writeFailureReported, true)) {
@@ -172,9 +172,9 @@ void PreferencesController::setPreference(const QString& key, const QVariant& va
         report = m_writeFailureHandler;
     }
     logs::settings.warning("Could not write the preferences file %s (%s): changes last only for this run",
-                           qUtf8Printable(m_file), qUtf8Printable(why));
+                           qUtf8Printable(m_file), failed.cause().c_str());
     if (report) {
-        report(why);
+        report(failed);
     }
 }
 
@@ -189,7 +189,7 @@ void PreferencesController::stopObserving(int handle) {
     std::erase_if(m_observers, [handle](const auto& observer) { return observer.first == handle; });
 }
 
-void PreferencesController::setWriteFailureHandler(std::function<void(const QString&)> handler) {
+void PreferencesController::setWriteFailureHandler(std::function<void(const Error&)> handler) {
     std::scoped_lock lock(m_mutex);
     m_writeFailureHandler = std::move(handler);
     m_writeFailureReported = false;
@@ -250,7 +250,7 @@ bool PreferencesController::load() {
     return false;
 }
 
-bool PreferencesController::store(QString* why) {
+Error PreferencesController::store() {
     std::scoped_lock writing(m_storeMutex);
     Entries snapshot;
     bool keepAside = false;
@@ -267,11 +267,9 @@ bool PreferencesController::store(QString* why) {
         std::rename(from.constData(), to.constData());
     }
     const QByteArray xml = PropertyList::dictionary(snapshot).toXml();
-    const auto fail = [why](const QString& reason) {
-        if (why) {
-            *why = reason;
-        }
-        return false;
+    const std::string path = QFile::encodeName(m_file).toStdString();
+    const auto fail = [&path](const QString& reason) {
+        return Error::other("cannot write", path, reason.toStdString());
     };
     if (xml.isEmpty()) {
         return fail(QStringLiteral("the preferences could not be written as a property list"));
@@ -286,7 +284,7 @@ bool PreferencesController::store(QString* why) {
         file.cancelWriting();
         return fail(file.errorString());
     }
-    return file.commit() || fail(file.errorString());
+    return file.commit() ? Error() : fail(file.errorString());
 }
 
 const QString& PreferencesController::file() const {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Error.h"
+
 #include <QString>
 #include <QVariant>
 
@@ -42,7 +44,7 @@ public:
     void stopObserving(int handle);
     // Called, on the thread of the change, the first time after it is set that a change cannot be
     // written, with why.
-    void setWriteFailureHandler(std::function<void(const QString& why)> handler);
+    void setWriteFailureHandler(std::function<void(const Error& failure)> handler);
 
     // Replaces the dictionary with the built-in defaults, writing nothing, and makes the store live.
     void defaults();
@@ -51,9 +53,8 @@ public:
     // is larger than 1 MB, nests arrays and dictionaries deeper than 64 or is no property list
     // holding a dictionary is logged and moved aside to "preferences.plist.bad" at the next store.
     bool load();
-    // Writes the whole dictionary to the file atomically; false, with why when asked, when that
-    // failed. Never creates the file's folder.
-    bool store(QString* why = nullptr);
+    // Writes the whole dictionary to the file atomically. Never creates the file's folder.
+    Error store();
 
     const QString& file() const;
 
@@ -77,7 +78,7 @@ private:
     // The file read at start could not be used; the next store moves it aside first.
     bool m_keepAside = false;
     bool m_writeFailureReported = false;
-    std::function<void(const QString&)> m_writeFailureHandler;
+    std::function<void(const Error&)> m_writeFailureHandler;
     std::vector<std::pair<int, std::function<void(const QString&)>>> m_observers;
     int m_lastObserver = 0;
 };

@@ -198,7 +198,8 @@ TEST_F(PreferencesStore, AFailedWriteKeepsTheChangeAndIsReportedOnce) {
     for (const QString& file : {missingFolder + "/preferences.plist", path()}) {
         PreferencesController store(file);
         QStringList reported;
-        store.setWriteFailureHandler([&reported](const QString& why) { reported << why; });
+        store.setWriteFailureHandler(
+            [&reported](const Error& failure) { reported << QString::fromStdString(failure.cause()); });
         LogCapture log;
         store.setPreference(settings::imageFormat.key, QString("JPEG"));
         store.setPreference(settings::videoFramesPerSecond.key, QString("30"));

@@ -95,7 +95,8 @@ bool MovieMerger::merge(const std::vector<Source>& sources, const std::string& d
     }
 
     AtomicFile file(destination);
-    if (!file.create(error)) {
+    if (const Error created = file.create()) {
+        error = created.logLine();
         return false;
     }
     ff::OutputContext output;
@@ -194,7 +195,11 @@ bool MovieMerger::merge(const std::vector<Source>& sources, const std::string& d
         return false;
     }
     output.close();
-    return file.commit(error);
+    if (const Error committed = file.commit()) {
+        error = committed.logLine();
+        return false;
+    }
+    return true;
 }
 
 } // namespace zandor
