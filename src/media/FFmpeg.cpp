@@ -155,19 +155,18 @@ std::optional<int64_t> captureStartNs(const AVDictionary* metadata) {
     return negative ? -total : total;
 }
 
-InputContext openInput(const std::string& path, std::string& error) {
+Result<InputContext> openInput(const std::string& path) {
     routeLogging();
     AVFormatContext* raw = nullptr;
     int result = avformat_open_input(&raw, path.c_str(), nullptr, nullptr);
     if (result < 0) {
-        error = "cannot open '" + path + "': " + errorText(result);
-        return nullptr;
+        return Error::library(Error::Domain::FFmpeg, "cannot open", path, result, errorText(result));
     }
     InputContext input(raw);
     result = avformat_find_stream_info(input.get(), nullptr);
     if (result < 0) {
-        error = "cannot read the streams of '" + path + "': " + errorText(result);
-        return nullptr;
+        return Error::library(Error::Domain::FFmpeg, "cannot read the streams of", path, result,
+                              errorText(result));
     }
     return input;
 }

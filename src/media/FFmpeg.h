@@ -3,6 +3,8 @@
 // Small owning wrappers around FFmpeg's objects, so that each is freed in exactly one place, and
 // the helpers that turn FFmpeg's error codes into our log lines.
 
+#include "base/Error.h"
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
@@ -125,6 +127,6 @@ bool writeFragmentedHeader(AVFormatContext* output, double captureStart);
 std::optional<int64_t> captureStartNs(const AVDictionary* metadata);
 
 // Opens an input file and reads its stream information. Null, with the reason in `error`, on failure.
-InputContext openInput(const std::string& path, std::string& error);
+Result<InputContext> openInput(const std::string& path);
 
 } // namespace zandor::ff

@@ -15,10 +15,12 @@ constexpr int64_t Slack = 32;
 
 bool AudioFileReader::open(const std::string& path, std::string& error) {
     m_path = path;
-    m_input = ff::openInput(path, error);
-    if (!m_input) {
+    auto opened = ff::openInput(path);
+    if (!opened) {
+        error = opened.error().logLine();
         return false;
     }
+    m_input = std::move(*opened);
     const AVCodec* codec = nullptr;
     m_stream = av_find_best_stream(m_input.get(), AVMEDIA_TYPE_AUDIO, -1, -1, &codec, 0);
     if (m_stream < 0 || !codec) {

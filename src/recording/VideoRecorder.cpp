@@ -268,9 +268,10 @@ std::shared_ptr<VideoRecorder> VideoRecorder::forBundle(const QString& bundlePat
     for (const QString& name : names) {
         auto record = std::make_shared<VideoRecord>(name, bundle, settings);
         // A movie that was cut off mid-fragment still plays up to its last whole fragment.
-        std::string error;
-        const ff::InputContext movie = ff::openInput(record->recordPath().toStdString(), error);
-        if (movie && av_find_best_stream(movie.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0) >= 0) {
+        // One that cannot be opened holds nothing to recover.
+        const auto opened = ff::openInput(record->recordPath().toStdString());
+        const AVFormatContext* movie = opened ? opened->get() : nullptr;
+        if (movie && av_find_best_stream(opened->get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0) >= 0) {
             recorder->m_videoRecords.insert(name, record);
             recorder->m_recordedSeconds =
                 std::max(recorder->m_recordedSeconds,
@@ -310,8 +311,8 @@ QString VideoRecorder::mixPath() const {
 std::optional<std::pair<int64_t, int64_t>> VideoRecorder::pictureSpanNs() const {
     std::optional<std::pair<int64_t, int64_t>> span;
     for (const auto& record : m_videoRecords) {
-        std::string error;
-        const ff::InputContext movie = ff::openInput(record->recordPath().toStdString(), error);
+        const auto opened = ff::openInput(record->recordPath().toStdString());
+        const AVFormatContext* movie = opened ? opened->get() : nullptr;
         const std::optional<int64_t> start = movie ? ff::captureStartNs(movie->metadata) : std::nullopt;
         if (!start || movie->duration <= 0) {
             continue;

@@ -33,8 +33,13 @@ void copySideData(const AVStream* from, AVStream* to) {
 } // namespace
 
 bool TrackSource::open(std::string& error) {
-    m_input = ff::openInput(m_path, error);
-    return m_input != nullptr;
+    auto opened = ff::openInput(m_path);
+    if (!opened) {
+        error = opened.error().logLine();
+        return false;
+    }
+    m_input = std::move(*opened);
+    return true;
 }
 
 std::optional<int64_t> TrackSource::captureStartNs() const {
