@@ -344,16 +344,17 @@ void MainController::recordVideoAction() {
         m_session->stopRecording();
         return;
     }
-    if (m_session->record() == CaptureSession::RecordFailure::None) {
-        setVideoRecording(true);
-    } else {
+    if (const Error failed = m_session->record()) {
+        logs::app.error("Could not start recording video: %s", failed.logLine().c_str());
         displayMessage(
             QStringLiteral("Could not start recording video."),
             QStringLiteral("It was somehow not possible to start recording video. You may want to try "
                            "again or verify whether the application has writing rights in the specified "
                            "output folder."),
             2, QStringLiteral("toolbar_record"));
+        return;
     }
+    setVideoRecording(true);
 }
 
 void MainController::updateSaveReplay() {

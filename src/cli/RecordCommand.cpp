@@ -2,6 +2,7 @@
 
 #include "CliSession.h"
 #include "base/CommandLine.h"
+#include "base/Log.h"
 #include "recording/VideoRecorder.h"
 
 #include <QStringList>
@@ -26,8 +27,9 @@ int RecordCommand::run(const CommandLine& options) {
     if (!session->start()) {
         return 1; // the device has logged why
     }
-    if (session->record() != CaptureSession::RecordFailure::None) {
+    if (const Error failed = session->record()) {
         std::fprintf(stderr, "zandor-cli record: Could not start recording video.\n");
+        logs::recording.error("Could not start recording video: %s", failed.logLine().c_str());
         return 1;
     }
     // The recording runs on the recorder's and the device's threads; this one only keeps time,

@@ -248,15 +248,18 @@ std::shared_ptr<ImageRecorder> CaptureSession::screenshot() {
     return m_screenshot;
 }
 
-CaptureSession::RecordFailure CaptureSession::record() {
+Error CaptureSession::record() {
+    const std::string folder = QFile::encodeName(m_settings.storageFolder).toStdString();
     if (isRecording()) {
-        return RecordFailure::AlreadyRecording;
+        return Error::system("cannot start another recording in", folder, EBUSY);
     }
     // The recorder reports a bundle it cannot make as a start, so the folder is checked first: a
     // recording that cannot write must not look like one that runs.
-    if (!QDir().mkpath(m_settings.storageFolder) ||
-        ::access(QFile::encodeName(m_settings.storageFolder).constData(), W_OK | X_OK) != 0) {
-        return RecordFailure::FolderNotWritable;
+    if (!QDir().mkpath(m_settings.storageFolder)) {
+        return Error::other("cannot make the folder", folder, "it cannot be made");
+    }
+    if (::access(folder.c_str(), W_OK | X_OK) != 0) {
+        return Error::system("cannot write to the folder", folder);
     }
     if (m_recorder && !m_recorder->isDone()) {
         m_finalising.push_back(m_recorder);
@@ -266,7 +269,9 @@ CaptureSession::RecordFailure CaptureSession::record() {
     m_recorder->setDelegate(
         std::make_shared<RecorderEvents>([this](const session::Event& event) { emitEvent(event); }));
     m_recorder->shareGameInput(m_gameAudio->input());
-    return m_recorder->start() ? RecordFailure::None : RecordFailure::RecorderFailed;
+    return m_recorder->start()
+               ? Error()
+               : Error::other("cannot start the recording in", folder, "see the lines before");
 }
 
 void CaptureSession::stopRecording() {

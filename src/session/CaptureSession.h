@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/Error.h"
 #include "camera/CameraOutput.h"
 #include "layouts/CaptureLayout.h"
 #include "settings/CaptureSettings.h"
@@ -79,8 +80,6 @@ using Event = std::variant<BoardConnection, RecordingDone, RecordingError, Recor
 // Called on one thread (its owner's); the events come from any thread.
 class CaptureSession : public QObject {
 public:
-    enum class RecordFailure { None, AlreadyRecording, FolderNotWritable, RecorderFailed };
-
     CaptureSession(std::unique_ptr<UsbBoard> board, CaptureSettings settings);
     ~CaptureSession() override;
     CaptureSession(const CaptureSession&) = delete;
@@ -114,7 +113,7 @@ public:
     std::shared_ptr<ImageRecorder> screenshot();
     const std::shared_ptr<ImageRecorder>& lastScreenshot() const { return m_screenshot; }
     // Starts a recording of the capture layouts into the storage folder.
-    RecordFailure record();
+    Error record();
     // Stops the current recording; it finalises on its own thread and says when it is done.
     void stopRecording();
     bool isRecording() const;
