@@ -36,8 +36,9 @@ MainController* g_instance = nullptr;
 } // namespace
 
 MainController::MainController(std::unique_ptr<UsbBoard> board)
-    : m_session(std::make_unique<CaptureSession>(
-          std::move(board), CaptureSettings::fromPreferences(PreferencesController::instance()))) {
+    : m_preferences(PreferencesController::instance()), m_layouts(LayoutController::instance()),
+      m_session(std::make_unique<CaptureSession>(std::move(board),
+                                                 CaptureSettings::fromPreferences(m_preferences))) {
     // The session reports from its threads; the window hears of it on the GUI thread, where it
     // shows the state at that moment (a notice that arrives after a pause is stale).
     m_session->setEventHandler([self = QPointer<MainController>(this)](const session::Event& event) {
@@ -70,7 +71,7 @@ void MainController::sessionEvent(const session::Event& event) {
 }
 
 void MainController::applySettings() {
-    m_session->apply(CaptureSettings::fromPreferences(PreferencesController::instance()));
+    m_session->apply(CaptureSettings::fromPreferences(m_preferences));
     updateSaveReplay();
 }
 
@@ -79,8 +80,8 @@ MainController::~MainController() {
     m_session->setLayoutFeed(nullptr);
     if (g_instance == this) {
         g_instance = nullptr;
-        PreferencesController::instance().setWriteFailureHandler({});
-        PreferencesController::instance().stopObserving(m_preferencesObserver);
+        m_preferences.setWriteFailureHandler({});
+        m_preferences.stopObserving(m_preferencesObserver);
     }
 }
 
@@ -101,12 +102,12 @@ void MainController::awakeFromNib() {
     m_mainWindow = std::make_unique<MainWindow>();
 
     // Settings that cannot be saved still work for this run; the user is told once.
-    PreferencesController::instance().setWriteFailureHandler([this](const Error& failure) {
+    m_preferences.setWriteFailureHandler([this](const Error& failure) {
         runLater(this, [this, why = QString::fromStdString(failure.cause())] {
             displayMessage(QStringLiteral("Could not save the preferences."),
                            QStringLiteral("Your changes hold until Zandor quits, but they could not be "
                                           "written to \"%1\": %2")
-                               .arg(PreferencesController::instance().file(), why),
+                               .arg(m_preferences.file(), why),
                            0);
         });
     });
@@ -129,12 +130,10 @@ void MainController::awakeFromNib() {
     connect(ui.recordItem, &QAction::triggered, this, &MainController::recordVideoAction);
     connect(ui.saveReplayItem, &QAction::triggered, this, &MainController::saveReplayAction);
     // Every change of a setting reaches the session at once; what it changes is the session's to decide.
-    m_preferencesObserver =
-        PreferencesController::instance().observeChanges([this](const QString&) { applySettings(); });
+    m_preferencesObserver = m_preferences.observeChanges([this](const QString&) { applySettings(); });
     ui.listenItem->setChecked(m_session->settings().listenToGameAudio);
-    connect(ui.listenItem, &QAction::toggled, this, [](bool listening) {
-        settings::listenToGameAudio.write(PreferencesController::instance(), listening);
-    });
+    connect(ui.listenItem, &QAction::toggled, this,
+            [this](bool listening) { settings::listenToGameAudio.write(m_preferences, listening); });
     connect(ui.sizeOriginalItem, &QAction::triggered, this,
             [this] { selectSizeAction(m_mainWindow->ui.sizeOriginalItem); });
     connect(ui.sizeDoubleItem, &QAction::triggered, this,
@@ -162,10 +161,9 @@ void MainController::awakeFromNib() {
 }
 
 void MainController::setupView() {
-    PreferencesController& preferences = PreferencesController::instance();
-    if (settings::firstRun.read(preferences)) {
+    if (settings::firstRun.read(m_preferences)) {
         m_mainWindow->showAbout();
-        settings::firstRun.write(preferences, false);
+        settings::firstRun.write(m_preferences, false);
     }
     QPalette palette = m_mainWindow->palette();
     palette.setColor(QPalette::Window, Qt::black);
@@ -177,12 +175,12 @@ void MainController::setupView() {
     connect(mainView(), &MainWindowContentView::keyPressed, this, &MainController::keyPressed);
     // Once the window shows: the dialog is a sheet on it.
     runLater(this, [this] { offerRecovery(); });
-    const auto& layouts = LayoutController::instance().layouts();
+    const auto& layouts = m_layouts.layouts();
     if (layouts.empty()) {
         // The application's own plugins are missing: show a screen alone rather than nothing.
         logs::app.warning("No layout plugin found in %s",
                           qUtf8Printable(PluginController::appPluginFolder()));
-        setActiveLayout(LayoutController::instance().screenLayouts()[0]);
+        setActiveLayout(m_layouts.screenLayouts()[0]);
     } else {
         setActiveLayout(layouts.front());
     }
@@ -191,7 +189,7 @@ void MainController::setupView() {
 void MainController::setupMainMenu() {
     QMenu* menu = m_mainWindow->ui.activeLayoutMenu;
     menu->clear();
-    for (const LayoutMenuItem& item : LayoutController::instance().menuItems()) {
+    for (const LayoutMenuItem& item : m_layouts.menuItems()) {
         if (item.separator) {
             menu->addSeparator();
             continue;
@@ -203,7 +201,7 @@ void MainController::setupMainMenu() {
 }
 
 void MainController::selectActiveLayoutAction(QAction* item) {
-    if (auto layout = LayoutController::instance().layoutNamed(item->text())) {
+    if (auto layout = m_layouts.layoutNamed(item->text())) {
         setActiveLayout(layout);
     } else if (activeLayout()) {
         item->setChecked(item->text() == activeLayout()->name());
@@ -306,12 +304,12 @@ void MainController::playPauseAction() {
 }
 
 void MainController::shareAsCameraAction(bool checked) {
-    settings::shareAsCamera.write(PreferencesController::instance(), checked);
+    settings::shareAsCamera.write(m_preferences, checked);
 }
 
 void MainController::cameraFailed(const QString& reason) {
     m_mainWindow->ui.shareAsCameraItem->setChecked(false);
-    settings::shareAsCamera.write(PreferencesController::instance(), false);
+    settings::shareAsCamera.write(m_preferences, false);
     if (!m_cameraFailureShown) {
         m_cameraFailureShown = true;
         displayMessage(
@@ -440,7 +438,7 @@ void MainController::installedPlugin(const PluginPtr& plugin) {
     if (!plugin || plugin->type() != Plugin::LayoutType) {
         return;
     }
-    auto layout = LayoutController::instance().addPlugin(std::static_pointer_cast<LayoutPlugin>(plugin));
+    auto layout = m_layouts.addPlugin(std::static_pointer_cast<LayoutPlugin>(plugin));
     setupMainMenu();
     setActiveLayout(layout);
 }
@@ -482,8 +480,7 @@ void MainController::updateLayoutViewFrame() {
     const QSize natural(static_cast<int>(activeLayout()->width()),
                         static_cast<int>(activeLayout()->height()));
     const bool resizable = activeLayout()->isResizable();
-    const int maxScale =
-        static_cast<int>(settings::fullscreenMaxScale.read(PreferencesController::instance()));
+    const int maxScale = static_cast<int>(settings::fullscreenMaxScale.read(m_preferences));
     const QRect frame = WindowGeometry::layoutViewFrame(mainView()->size(), natural, resizable,
                                                         isFullScreen(), maxScale, layoutView()->pos());
     layoutView()->setGeometry(frame);
@@ -514,7 +511,7 @@ void MainController::toggleFullScreen() {
         return;
     }
     // The display chosen by name, else the first one; only that display is taken over.
-    QScreen* screen = NamedScreen::find(settings::fullscreenScreen.read(PreferencesController::instance()));
+    QScreen* screen = NamedScreen::find(settings::fullscreenScreen.read(m_preferences));
     m_windowDecoration = decoration();
     m_fullScreenWindow = m_mainWindow->takeContentFullScreen(screen);
     updateLayoutViewFrame();

@@ -24,6 +24,8 @@ class StatusSheet;
 namespace zandor {
 
 class CaptureLayoutView;
+class LayoutController;
+class PreferencesController;
 class CapturePreferencesView;
 class MainWindow;
 class MainWindowContentView;
@@ -120,6 +122,8 @@ private:
     MainWindowContentView* mainView() const;
     CaptureLayoutView* layoutView() const;
 
+    PreferencesController& m_preferences;
+    LayoutController& m_layouts;
     std::unique_ptr<CaptureSession> m_session;
     std::unique_ptr<MainWindow> m_mainWindow;
     std::unique_ptr<PreferencesWindow> m_preferencesWindow;
