@@ -7,6 +7,7 @@
 #include "PluginBundles.h"
 #include "base/Log.h"
 #include "layouts/CaptureLayout.h"
+#include "layouts/ImageLoader.h"
 #include "layouts/LayoutPlugin.h"
 #include "layouts/PluginController.h"
 
@@ -44,7 +45,7 @@ TEST_F(PluginFilesTest, DescriptorsThatAreNoSmallTextFilesOrHaveTooManyObjectsAr
                        QByteArray(int(Plugin::MaximumDescriptorBytes), ' ') + "-->");
     bundle("Latin", test::layoutDescriptor("Cafe", 1, 400, 240).replace("Cafe", "Caf\xe9"));
     QString objects;
-    for (int i = 0; i <= LayoutPlugin::MaximumObjects; ++i) {
+    for (size_t i = 0; i <= LayoutPlugin::MaximumObjects; ++i) {
         objects += R"(<object type="image" x="0" y="0" resource="a.png"/>)";
     }
     bundle("TooMany", test::layoutDescriptor("TooMany", 1, 400, 240, objects));
@@ -71,7 +72,7 @@ TEST_F(PluginFilesTest, ImagesThatWouldHangOrExceedAnyCanvasAreRefusedAndTheRest
     QImage red(4, 4, QImage::Format_RGB32);
     red.fill(Qt::red);
     // Small on disk, but wider than any canvas may be.
-    QImage wide(CaptureLayout::MaximumImageSide + 1, 2, QImage::Format_Mono);
+    QImage wide(ImageLoader::MaximumSide + 1, 2, QImage::Format_Mono);
     wide.fill(0);
     const QString path = test::writeBundle(
         m_folder.path(), "Images.zdplugin",
@@ -115,11 +116,9 @@ TEST_F(PluginFilesTest, ReadsALayoutAndItsAttributesByTheirOwnRules) {
     ASSERT_TRUE(plugin.parse());
     ASSERT_TRUE(plugin.background());
     EXPECT_EQ(plugin.background()->green, 300 / 255.0);
-    EXPECT_EQ(plugin.objects(),
-              (QList<QVariantMap>{
-                  {{"type", "image"}, {"x", qint64(0)}, {"y", qint64(0)}, {"resource", "backdrop.png"}},
-                  {{"type", "screen_top"}, {"x", qint64(12)}, {"y", qint64(0)}},
-                  {{"type", "clock"}, {"x", qint64(-5)}, {"y", qint64(-6)}}}));
+    EXPECT_EQ(plugin.objects(), (std::vector<LayoutObject>{ImageObject{"backdrop.png", 0, 0},
+                                                           ScreenObject{ScreenObject::Top, 12, 0},
+                                                           OtherObject{"clock", -5, -6}}));
 }
 
 } // namespace
