@@ -197,6 +197,42 @@ TEST_F(RecorderTest, EachLayoutIsConvertedUnderItsNameAndAHungConverterIsEndedKe
         << "the chosen rate and the quality's bit rate";
 }
 
+// A recording whose finalising failed is recovered into movies named as the recording's would have
+// been: after each layout (shortened and made safe for a file name), from the choices the bundle
+// keeps or, without them, from its movies; a movie of that name already there is kept, and the
+// recovered one numbered.
+TEST_F(RecorderTest, ARecoveredRecordingsMoviesCarryTheLayoutNames) {
+    const QString longName = "A/B\tC" + QString(120, 'z');
+    const QString inFileName = "A_B_C" + QString(95, 'z');
+    m_settings.framesPerSecond = "30"; // the converter, which fails, runs
+    auto delegate = std::make_shared<Delegate>();
+    auto recorder = recordVideo({m_top, CaptureLayout::createWithScreen(m_device->screen(1), longName)},
+                                delegate, "exit 1");
+    ASSERT_EQ(delegate->errors.size(), 2) << delegate->errors.join("\n").toStdString();
+    const QString bundle = recorder->bundlePath(), base = recorder->basePath();
+    const QString older = m_folder.path() + "/Capture 01_01_2026 00_00_00";
+    ASSERT_EQ(
+        test::runProcess({"cp", "-r", bundle.toStdString(), (older + ".zdrecord").toStdString()}).exitCode,
+        0);
+    ASSERT_TRUE(QFile::remove(older + ".zdrecord/Recording.plist"));
+    ASSERT_TRUE(test::writeFile(base + " Top.mp4", "kept"));
+
+    ASSERT_TRUE(test::writeStandInTools(m_tools.path()));
+    for (const auto& [path, made] :
+         {std::pair{bundle, QStringList{base + " " + inFileName + ".mp4", base + " Top 2.mp4"}},
+          std::pair{older + ".zdrecord",
+                    QStringList{older + " " + inFileName + ".mp4", older + " Top.mp4"}}}) {
+        QString why;
+        auto recovering = VideoRecorder::forBundle(path, why);
+        ASSERT_TRUE(recovering) << why.toStdString();
+        recovering->setDelegate(delegate);
+        EXPECT_TRUE(recovering->recover()) << delegate->errors.join("\n").toStdString();
+        EXPECT_EQ(recovering->madeFiles(), made);
+        EXPECT_FALSE(QFileInfo::exists(path));
+    }
+    EXPECT_EQ(test::readFile(base + " Top.mp4"), "kept");
+}
+
 // The wall-clock time of each of a replay's pictures, from its start in the metadata.
 struct ReplayTimes {
     std::vector<double> pictures;
