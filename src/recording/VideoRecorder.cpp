@@ -170,6 +170,11 @@ void VideoRecorder::capturedLayouts() {
     }
     m_bundle.unlock();
     releaseFreeMemory(); // the encoders' memory, freed on this thread
+    // Finished by a failed write rather than by a stop: the recording ends here as a stopped one
+    // does, letting the layouts go, instead of holding them until someone presses stop.
+    if (m_writeFailed) {
+        stop();
+    }
 }
 
 std::shared_ptr<VideoRecorder> VideoRecorder::forBundle(const QString& bundlePath, QString& why) {

@@ -3,6 +3,7 @@
 #include "GatedBoard.h"
 #include "Media.h"
 #include "UserFolders.h"
+#include "base/Log.h"
 #include "capture/CaptureScreen.h"
 #include "layouts/CaptureLayout.h"
 #include "recording/ImageRecorder.h"
@@ -20,7 +21,9 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
+#include <csignal>
 #include <mutex>
+#include <sys/resource.h>
 
 namespace zandor {
 namespace {
@@ -231,6 +234,41 @@ TEST_F(RecorderTest, ARecoveredRecordingsMoviesCarryTheLayoutNames) {
         EXPECT_FALSE(QFileInfo::exists(path));
     }
     EXPECT_EQ(test::readFile(base + " Top.mp4"), "kept");
+}
+
+// A movie that cannot be written further (here a file-size limit, as a full disk would) ends the
+// recording by itself: nobody stops it, and what was written is kept in the bundle.
+TEST_F(RecorderTest, AFailedWriteEndsTheRecordingWithoutAStop) {
+    ASSERT_TRUE(test::writeStandInTools(m_tools.path()));
+    ShellCommand::setToolFolder(m_tools.path());
+    m_settings.videoQuality = "Highest";
+    auto delegate = std::make_shared<Delegate>();
+    auto recorder = std::make_shared<VideoRecorder>(std::vector<LayoutPtr>{m_top}, m_settings);
+    recorder->setDelegate(delegate);
+    // Past the limit a write fails with EFBIG instead of raising SIGXFSZ; the limit is this
+    // process's, and lifted again before anything else is written.
+    const auto previousSignal = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit previous{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &previous), 0);
+    rlimit small = previous;
+    small.rlim_cur = 512 * 1024;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    LogCapture log;
+    const bool started = recorder->start();
+    EXPECT_TRUE(started && m_device->startListening());
+    const bool ended = started && recorder->waitUntilFinished(60s);
+    setrlimit(RLIMIT_FSIZE, &previous);
+    std::signal(SIGXFSZ, previousSignal);
+    ASSERT_TRUE(ended) << "the recording went on after its movie could not be written";
+    EXPECT_FALSE(recorder->isRecording());
+    EXPECT_EQ(log.countPrefix("The movie " + recorder->bundlePath().toStdString() +
+                              "/VideoTop.mov cannot be "
+                              "written: the recording stops here"),
+              1u);
+    EXPECT_EQ(delegate->errors,
+              QStringList{"The recording of the video could not be finalized. The recording is kept in \"" +
+                          recorder->bundlePath() + "\"."});
+    EXPECT_TRUE(QFileInfo(recorder->bundlePath() + "/VideoTop.mov").size() > 0);
 }
 
 // The wall-clock time of each of a replay's pictures, from its start in the metadata.
