@@ -275,16 +275,20 @@ TEST_F(RecorderTest, AFailedWriteEndsTheRecordingWithoutAStop) {
 struct ReplayTimes {
     std::vector<double> pictures;
     bool startsOnKeyFrame = false;
+    double lastLasts = 0; // how long the last picture shows, in seconds
 };
 
 ReplayTimes replayTimes(const QString& file) {
     const auto probed =
         test::probe(file.toStdString(), {"-show_entries", "format_tags=zandor_capture_start", "-show_entries",
-                                         "packet=flags,pts_time", "-select_streams", "v"});
+                                         "packet=flags,pts_time,duration_time", "-select_streams", "v"});
     const double start = probed["format"]["tags"]["zandor_capture_start"].toString().toDouble();
     ReplayTimes times;
     for (const QJsonValue& packet : probed["packets"].toArray()) {
         times.pictures.push_back(start + packet["pts_time"].toString().toDouble());
+        if (times.pictures.back() >= *std::max_element(times.pictures.begin(), times.pictures.end())) {
+            times.lastLasts = packet["duration_time"].toString().toDouble();
+        }
     }
     std::sort(times.pictures.begin(), times.pictures.end());
     // In decoding order: the decoder would skip pictures before the first key frame.
@@ -327,6 +331,8 @@ TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverla
     });
     ASSERT_NE(last, frames.rend()) << "the last picture is one that was shown";
     EXPECT_LT(last - frames.rbegin(), 60) << "and one of the last second's";
+    // Shown for one frame period, as every other, to a millisecond (the movie's time base).
+    EXPECT_NEAR(times.lastLasts, 1.0 / 60, 0.001);
 
     // Two saves in a row while the picture goes on: the second gives the seconds they share again,
     // under a name of its own.
