@@ -586,10 +586,8 @@ TEST_F(RecordingSystemTest, EveryBeepMeetsItsWhiteFrameAndItsSecondUnderLoad) {
 }
 
 // The game sound's offset (Preferences > Capture) moves the sound by that much against the picture,
-// in a recording and in a replay alike: here 150 ms earlier. Disabled until it passes: zandor-cli
-// reads the offset of -150 ms, yet in both movies every beep still starts on its second, beside its
-// white frame.
-TEST_F(RecordingSystemTest, DISABLED_TheGameSoundOffsetMovesTheSoundInRecordingsAndReplays) {
+// in a recording and in a replay alike: here 150 ms earlier.
+TEST_F(RecordingSystemTest, TheGameSoundOffsetMovesTheSoundInRecordingsAndReplays) {
     const QString preferences =
         QString::fromLocal8Bit(qgetenv("XDG_DATA_HOME")) + "/Zandor/preferences.plist";
     ASSERT_TRUE(QDir().mkpath(QFileInfo(preferences).path()));
