@@ -1,15 +1,13 @@
 #include "CaptureLayout.h"
 
+#include "ImageLoader.h"
 #include "base/DetachedThread.h"
 #include "base/Log.h"
-#include "base/RegularFile.h"
 #include "base/Wakeup.h"
 #include "capture/CaptureDevice.h"
 #include "capture/CaptureScreen.h"
 
-#include <QBuffer>
-#include <QFile>
-#include <QImageReader>
+#include <QHash>
 
 #include <algorithm>
 #include <cstring>
@@ -17,10 +15,6 @@
 namespace zandor {
 
 namespace {
-
-const QString ScreenTop = QStringLiteral("screen_top");
-const QString ScreenBottom = QStringLiteral("screen_bottom");
-const QString Image = QStringLiteral("image");
 
 // A colour component (nominally 0.0 to 1.0) as a byte: times 255, truncated, low 8 bits.
 uint8_t componentByte(double component) {
@@ -73,81 +67,6 @@ std::shared_ptr<CaptureDevice> CaptureLayout::device() const {
     return m_device ? m_device : m_top->device();
 }
 
-QRect CaptureLayout::visiblePart(QSize size,
-                                 const std::vector<std::pair<uint64_t, uint64_t>>& positions) const {
-    QRect part;
-    for (const auto& [x, y] : positions) {
-        const auto [firstColumn, lastColumn] = BlendImage::visible(x, uint64_t(size.width()), m_width);
-        const auto [firstRow, lastRow] = BlendImage::visible(y, uint64_t(size.height()), m_height);
-        if (firstColumn < lastColumn && firstRow < lastRow) {
-            // Within the image's size, so all of these fit an int.
-            part |= QRect(int(firstColumn), int(firstRow), int(lastColumn - firstColumn),
-                          int(lastRow - firstRow));
-        }
-    }
-    return part;
-}
-
-std::optional<BlendImage>
-CaptureLayout::loadImage(const QString& path,
-                         const std::vector<std::pair<uint64_t, uint64_t>>& positions) const {
-    std::string bytes;
-    const RegularFile::Status status =
-        RegularFile::read(QFile::encodeName(path).toStdString(), MaximumImageFileBytes, bytes);
-    if (status != RegularFile::Status::Read) {
-        // A missing image is no fault of the plug-in's descriptor: it just draws nothing.
-        if (status != RegularFile::Status::Missing) {
-            logs::layouts.warning("Could not parse plugin: image %s: %s", qUtf8Printable(path),
-                                  RegularFile::describe(status, MaximumImageFileBytes).c_str());
-        }
-        return std::nullopt;
-    }
-    QByteArray data = QByteArray::fromRawData(bytes.data(), static_cast<qsizetype>(bytes.size()));
-    QBuffer buffer(&data);
-    QImageReader reader(&buffer);
-    // The header tells the size; an image larger than any canvas could show is refused before it
-    // is decoded, and of the rest only the part that can reach the canvas is decoded (all of it by
-    // formats that cannot decode a part, which the limits bound).
-    const QSize size = reader.size();
-    const auto tooLarge = [&path](QSize claimed) {
-        if (claimed.width() <= MaximumImageSide && claimed.height() <= MaximumImageSide &&
-            qint64(claimed.width()) * claimed.height() * 4 <= MaximumImageBytes) {
-            return false;
-        }
-        logs::layouts.warning("Could not parse plugin: image %s is %d by %d pixels, larger than %d on a side "
-                              "or 256 MB decoded",
-                              qUtf8Printable(path), claimed.width(), claimed.height(), MaximumImageSide);
-        return true;
-    };
-    if (tooLarge(size)) {
-        return std::nullopt;
-    }
-    QRect part;
-    if (size.isValid()) {
-        part = visiblePart(size, positions);
-        if (part.isEmpty()) {
-            return std::nullopt;
-        }
-        if (part.size() != size) {
-            reader.setClipRect(part);
-        }
-    }
-    QImage image = reader.read();
-    if (image.isNull()) {
-        logs::layouts.warning("Could not parse plugin: image %s: %s", qUtf8Printable(path),
-                              qUtf8Printable(reader.errorString()));
-        return std::nullopt;
-    }
-    if (!size.isValid()) {
-        // The header did not tell the size: the whole image was decoded, and is cut here.
-        if (tooLarge(image.size()) || (part = visiblePart(image.size(), positions)).isEmpty()) {
-            return std::nullopt;
-        }
-        image = image.copy(part);
-    }
-    return BlendImage(image, part.left(), part.top());
-}
-
 void CaptureLayout::initialize() {
     std::scoped_lock draw(m_drawMutex);
     if (m_type != PluginLayout) {
@@ -155,28 +74,49 @@ void CaptureLayout::initialize() {
     }
     m_canvas.reset(new uint8_t[size()]);
     drawBackground();
-    // Where each image is placed, in the order the images first appear.
-    QStringList resources;
-    QHash<QString, std::vector<std::pair<uint64_t, uint64_t>>> positions;
-    for (const QVariantMap& object : m_plugin->objects()) {
-        if (object.value(ObjectType).toString() != Image || !object.contains(ObjectResource)) {
-            continue;
-        }
-        const QString resource = object.value(ObjectResource).toString();
-        if (!positions.contains(resource)) {
-            resources.append(resource);
-        }
-        positions[resource].emplace_back(static_cast<uint64_t>(object.value(ObjectX).toLongLong()),
-                                         static_cast<uint64_t>(object.value(ObjectY).toLongLong()));
-    }
-    for (const QString& resource : resources) {
-        if (auto image = loadImage(m_plugin->resourcePath(resource), positions[resource])) {
-            m_resources.insert(resource, std::move(*image));
-        }
-    }
+    loadImages();
     findStaticSpans();
     // Not listening yet: this paints the images only.
-    drawCanvas(m_plugin->objects(), false);
+    drawCanvas(false);
+}
+
+void CaptureLayout::loadImages() {
+    const auto& objects = m_plugin->objects();
+    // Where each image is placed, in the order the images first appear.
+    QStringList resources;
+    QHash<QString, ImageLoader::Positions> positions;
+    for (const LayoutObject& object : objects) {
+        if (const auto* image = std::get_if<ImageObject>(&object)) {
+            if (!positions.contains(image->resource)) {
+                resources.append(image->resource);
+            }
+            positions[image->resource].emplace_back(static_cast<uint64_t>(image->x),
+                                                    static_cast<uint64_t>(image->y));
+        }
+    }
+    const ImageLoader loader(m_width, m_height);
+    QHash<QString, size_t> loaded;
+    m_images.reserve(static_cast<size_t>(resources.size()));
+    for (const QString& resource : resources) {
+        if (auto image = loader.load(m_plugin->resourcePath(resource), positions[resource])) {
+            loaded.insert(resource, m_images.size());
+            m_images.push_back(std::move(*image));
+        }
+    }
+    m_drawings.reserve(objects.size());
+    for (const LayoutObject& object : objects) {
+        const auto [x, y] = objectPosition(object);
+        Drawing drawing{Drawing::Nothing, static_cast<uint64_t>(x), static_cast<uint64_t>(y), nullptr};
+        if (const auto* screen = std::get_if<ScreenObject>(&object)) {
+            drawing.kind = screen->screen == ScreenObject::Top ? Drawing::TopScreen : Drawing::BottomScreen;
+        } else if (const auto* image = std::get_if<ImageObject>(&object)) {
+            if (const auto found = loaded.constFind(image->resource); found != loaded.constEnd()) {
+                drawing.kind = Drawing::Image;
+                drawing.image = &m_images[*found];
+            }
+        }
+        m_drawings.push_back(drawing);
+    }
 }
 
 bool CaptureLayout::startListening() {
@@ -329,16 +269,16 @@ CaptureDataPtr CaptureLayout::composite(CaptureDataPtr top, CaptureDataPtr botto
         for (const auto& [offset, length] : m_staticSpans) {
             std::memcpy(result->data() + offset, m_canvas.get() + offset, length);
         }
-        const auto& objects = m_plugin->objects();
-        for (auto i = static_cast<qsizetype>(m_objectStart); i < objects.size(); ++i) {
-            const bool isTop = objects[i].value(ObjectType).toString() == ScreenTop;
+        // Every drawing from m_objectStart on is a screen (see findStaticSpans).
+        for (auto i = m_objectStart; i < m_drawings.size(); ++i) {
+            const Drawing& screen = m_drawings[i];
+            const bool isTop = screen.kind == Drawing::TopScreen;
             copyScreen(result->data(), (isTop ? m_topData : m_bottomData)->data(),
-                       {static_cast<double>(objects[i].value(ObjectX).toLongLong()),
-                        static_cast<double>(objects[i].value(ObjectY).toLongLong()),
+                       {static_cast<double>(screen.x), static_cast<double>(screen.y),
                         static_cast<double>(isTop ? TopWidth : BottomWidth), ScreenHeight});
         }
     } else {
-        drawCanvas(m_plugin->objects(), true);
+        drawCanvas(true);
         std::memcpy(result->data(), m_canvas.get(), size());
     }
     // Drawn into the canvas; holding the screen frames longer would only keep them alive.
@@ -347,33 +287,28 @@ CaptureDataPtr CaptureLayout::composite(CaptureDataPtr top, CaptureDataPtr botto
     return result;
 }
 
-void CaptureLayout::drawCanvas(const QList<QVariantMap>& objects, bool drawScreens) {
+void CaptureLayout::drawCanvas(bool drawScreens) {
     uint64_t start = m_objectStart;
     if (m_firstDraw) {
-        m_objectStart = static_cast<uint64_t>(objects.size());
+        m_objectStart = m_drawings.size();
         start = 0;
         m_firstDraw = false;
         drawBackground();
     }
-    for (uint64_t i = start; i < static_cast<uint64_t>(objects.size()); ++i) {
-        const QVariantMap& object = objects[static_cast<qsizetype>(i)];
-        const QString type = object.value(ObjectType).toString();
-        const auto x = static_cast<uint64_t>(object.value(ObjectX).toLongLong());
-        const auto y = static_cast<uint64_t>(object.value(ObjectY).toLongLong());
+    for (uint64_t i = start; i < m_drawings.size(); ++i) {
+        const Drawing& drawing = m_drawings[i];
         const CaptureData* source = nullptr;
         Rect rect{};
-        if (type == Image) {
-            auto image = m_resources.constFind(object.value(ObjectResource).toString());
-            if (image != m_resources.constEnd()) {
-                drawImage(*image, x, y);
-            }
-        } else if (type == ScreenTop && drawScreens) {
+        if (drawing.kind == Drawing::Image) {
+            drawImage(*drawing.image, drawing.x, drawing.y);
+        } else if (drawing.kind == Drawing::TopScreen && drawScreens) {
             source = m_topData.get();
-            rect = {static_cast<double>(x), static_cast<double>(y), TopWidth, ScreenHeight};
+            rect = {static_cast<double>(drawing.x), static_cast<double>(drawing.y), TopWidth, ScreenHeight};
             setCanvasObjectStart(i);
-        } else if (type == ScreenBottom && drawScreens) {
+        } else if (drawing.kind == Drawing::BottomScreen && drawScreens) {
             source = m_bottomData.get();
-            rect = {static_cast<double>(x), static_cast<double>(y), BottomWidth, ScreenHeight};
+            rect = {static_cast<double>(drawing.x), static_cast<double>(drawing.y), BottomWidth,
+                    ScreenHeight};
             setCanvasObjectStart(i);
         }
         if (source && rect.width > 0 && rect.height > 0) {
@@ -410,23 +345,22 @@ void CaptureLayout::drawImage(const BlendImage& image, uint64_t x, uint64_t y) {
 }
 
 void CaptureLayout::findStaticSpans() {
-    const auto& objects = m_plugin->objects();
-    auto isScreen = [](const QVariantMap& object) {
-        const QString type = object.value(ObjectType).toString();
-        return type == ScreenTop || type == ScreenBottom;
+    auto isScreen = [](const Drawing& drawing) {
+        return drawing.kind == Drawing::TopScreen || drawing.kind == Drawing::BottomScreen;
     };
-    auto first = std::find_if(objects.begin(), objects.end(), isScreen);
-    if (first == objects.end()) {
+    auto first = std::find_if(m_drawings.begin(), m_drawings.end(), isScreen);
+    if (first == m_drawings.end()) {
         return;
     }
     // Per canvas row, which columns the screens cover.
     std::vector<std::vector<std::pair<uint64_t, uint64_t>>> covered(m_height);
-    for (auto object = first; object != objects.end(); ++object) {
-        if (!isScreen(*object)) {
+    for (auto drawing = first; drawing != m_drawings.end(); ++drawing) {
+        if (!isScreen(*drawing)) {
             return;
         }
-        const qint64 x = object->value(ObjectX).toLongLong(), y = object->value(ObjectY).toLongLong();
-        const qint64 w = object->value(ObjectType).toString() == ScreenTop ? TopWidth : BottomWidth;
+        // Positions as written, signed.
+        const auto x = static_cast<qint64>(drawing->x), y = static_cast<qint64>(drawing->y);
+        const qint64 w = drawing->kind == Drawing::TopScreen ? TopWidth : BottomWidth;
         // Compared so that positions near the ends of the 64-bit range cannot overflow.
         if (x < 0 || y < 0 || x > static_cast<qint64>(m_width) - w ||
             y > static_cast<qint64>(m_height) - static_cast<qint64>(ScreenHeight)) {

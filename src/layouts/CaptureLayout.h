@@ -4,9 +4,6 @@
 #include "LayoutPlugin.h"
 #include "capture/Observable.h"
 
-#include <QHash>
-#include <QImage>
-#include <QRect>
 #include <QString>
 
 #include <array>
@@ -33,10 +30,6 @@ public:
     static constexpr uint64_t TopWidth = 400, BottomWidth = 320, ScreenHeight = 240;
     // The longest canvas side a plugin may ask for.
     static constexpr qint64 MaxSide = 16384;
-    // A plug-in's image is refused when its file, a side or its decoded pixels exceed these.
-    static constexpr uint64_t MaximumImageFileBytes = 64 * 1024 * 1024;
-    static constexpr int MaximumImageSide = 16384;
-    static constexpr qint64 MaximumImageBytes = 256 * 1024 * 1024;
 
     struct Rect {
         double x, y, width, height;
@@ -88,17 +81,20 @@ public:
 private:
     using Subscriptions = std::array<ObserverPtr, 2>;
 
+    // What drawing does with one of the plug-in's objects, worked out once: one entry per object,
+    // in the plug-in's order, so that an entry's index is its object's.
+    struct Drawing {
+        enum Kind : uint8_t { Nothing, Image, TopScreen, BottomScreen };
+        Kind kind = Nothing;
+        uint64_t x = 0, y = 0;             // positions wrap as unsigned numbers (see BlendImage)
+        const BlendImage* image = nullptr; // an entry of m_images
+    };
+
     CaptureLayout(int type, QString name);
     void initialize();
-    // The part of a plug-in's image that can reach the canvas with the image's top-left pixel at
-    // each of `positions`, decoded, with its place in the whole image; nothing, logged, when the
-    // image breaks the limits above or cannot be read, and nothing, silently, when no part can be
-    // seen.
-    std::optional<BlendImage> loadImage(const QString& path,
-                                        const std::vector<std::pair<uint64_t, uint64_t>>& positions) const;
-    // The bounding rectangle of the parts of an image of `size` that lie on the canvas at `positions`.
-    QRect visiblePart(QSize size, const std::vector<std::pair<uint64_t, uint64_t>>& positions) const;
-    void drawCanvas(const QList<QVariantMap>& objects, bool drawScreens);
+    // Loads each image the plug-in names once, for all the places it is drawn at.
+    void loadImages();
+    void drawCanvas(bool drawScreens);
     // Copies a screen's rows into a canvas-sized block at the rectangle's place.
     void copyScreen(uint8_t* target, const uint8_t* source, Rect rect) const;
     // Prepares compositing straight into the published frame (see m_staticSpans).
@@ -121,7 +117,8 @@ private:
     bool m_resizable = false;
     std::optional<Color> m_background;
     bool m_fromUser = false;
-    QHash<QString, BlendImage> m_resources;
+    std::vector<BlendImage> m_images; // not resized after initialize(): m_drawings point into it
+    std::vector<Drawing> m_drawings;
     const std::shared_ptr<Wakeup> m_wakeup;
 
     // Guarded by the Observable lock: the flag and the subscriptions of the current run.

@@ -17,20 +17,24 @@ void LayoutPlugin::didStartElement(const QString& name, const QXmlStreamAttribut
             m_background = Color{integer(r) / 255.0, integer(g) / 255.0, integer(b) / 255.0, 1.0};
         }
     } else if (name == QLatin1String("object")) {
-        if (!attributes.hasAttribute(ObjectType) || !attributes.hasAttribute(ObjectX) ||
-            !attributes.hasAttribute(ObjectY)) {
+        const QString type = QStringLiteral("type"), x = QStringLiteral("x"), y = QStringLiteral("y"),
+                      resource = QStringLiteral("resource");
+        if (!attributes.hasAttribute(type) || !attributes.hasAttribute(x) || !attributes.hasAttribute(y)) {
             return;
         }
-        QVariantMap record{{ObjectType, attributes.value(ObjectType).toString()},
-                           {ObjectX, integer(ObjectX)},
-                           {ObjectY, integer(ObjectY)}};
-        if (record[ObjectType] == QLatin1String("image")) {
-            if (!attributes.hasAttribute(ObjectResource)) {
-                return;
+        const auto kind = attributes.value(type);
+        if (kind == QLatin1String("screen_top") || kind == QLatin1String("screen_bottom")) {
+            m_objects.push_back(
+                ScreenObject{kind == QLatin1String("screen_top") ? ScreenObject::Top : ScreenObject::Bottom,
+                             integer(x), integer(y)});
+        } else if (kind == QLatin1String("image")) {
+            if (attributes.hasAttribute(resource)) {
+                m_objects.push_back(
+                    ImageObject{attributes.value(resource).toString(), integer(x), integer(y)});
             }
-            record[ObjectResource] = attributes.value(ObjectResource).toString();
+        } else {
+            m_objects.push_back(OtherObject{kind.toString(), integer(x), integer(y)});
         }
-        m_objects.append(record);
     }
 }
 

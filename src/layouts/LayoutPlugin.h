@@ -1,11 +1,10 @@
 #pragma once
 
+#include "LayoutObject.h"
 #include "Plugin.h"
 
-#include <QList>
-#include <QVariantMap>
-
 #include <optional>
+#include <vector>
 
 namespace zandor {
 
@@ -13,12 +12,6 @@ namespace zandor {
 struct Color {
     double red = 0, green = 0, blue = 0, alpha = 1;
 };
-
-// Keys of a layout object record.
-inline const QString ObjectType = QStringLiteral("type");
-inline const QString ObjectX = QStringLiteral("x");
-inline const QString ObjectY = QStringLiteral("y");
-inline const QString ObjectResource = QStringLiteral("resource");
 
 // A layout plugin: canvas size, resizability, background colour and the placed objects ("screen_top",
 // "screen_bottom", "image", or any other type, kept but not drawn), in drawing order.
@@ -31,11 +24,11 @@ public:
     qint64 height() const { return m_height; }
     bool isResizable() const { return m_resizable; }
     const std::optional<Color>& background() const { return m_background; }
-    // Records with "type" (string), "x" and "y" (qint64) and, for images, "resource" (string).
-    const QList<QVariantMap>& objects() const { return m_objects; }
+    // The placed objects in document order, which is drawing order.
+    const std::vector<LayoutObject>& objects() const { return m_objects; }
 
     // More objects than this in one layout are refused: each costs work on every frame.
-    static constexpr qsizetype MaximumObjects = 4096;
+    static constexpr size_t MaximumObjects = 4096;
 
 protected:
     void didStartElement(const QString& name, const QXmlStreamAttributes& attributes) override;
@@ -46,7 +39,7 @@ private:
     qint64 m_height = 0;
     bool m_resizable = false;
     std::optional<Color> m_background;
-    QList<QVariantMap> m_objects;
+    std::vector<LayoutObject> m_objects;
 };
 
 using LayoutPluginPtr = std::shared_ptr<LayoutPlugin>;

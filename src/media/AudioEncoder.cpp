@@ -65,6 +65,11 @@ bool AudioEncoder::open(AVSampleFormat inputFormat, int inputRate, int inputChan
         m_encoder.reset();
         return false;
     }
+    // The resampler takes the first time it is given as its origin, and would place the first
+    // buffer at the start whatever its time. Given the start itself first, it fills or drops up to
+    // the first buffer as it does later: the sound keeps its place against the picture, moved by
+    // the game sound's offset, however long after the start it arrives.
+    swr_next_pts(m_resampler.get(), 0);
     return true;
 }
 

@@ -1,9 +1,10 @@
 #include "ReplayBuffer.h"
 
+#include "NumberedName.h"
+#include "VideoRecord.h"
 #include "settings/Settings.h"
 #include "audio/AudioFileWriter.h"
 #include "audio/AudioInput.h"
-#include "VideoRecord.h"
 #include "base/AtomicFile.h"
 #include "base/Log.h"
 #include "base/Memory.h"
@@ -14,7 +15,6 @@
 
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
 
 #include <algorithm>
 #include <cerrno>
@@ -466,12 +466,9 @@ ReplayBuffer::Saved ReplayBuffer::save(const QString& folder) {
     if (!QDir().mkpath(folder)) {
         return {{}, QStringLiteral("The folder \"%1\" cannot be written to.").arg(folder)};
     }
-    const QString stamped = QStringLiteral("%1/Replay %2").arg(folder, stringWithCurrentDate());
-    QString path = stamped + QStringLiteral(".mp4");
     // A second save within the same second keeps the first: this one is numbered.
-    for (int number = 2; number < 100 && QFileInfo::exists(path); ++number) {
-        path = QStringLiteral("%1 %2.mp4").arg(stamped).arg(number);
-    }
+    const QString path = NumberedName::file(
+        QStringLiteral("%1/Replay %2").arg(folder, stringWithCurrentDate()), QStringLiteral("mp4"));
     AtomicFile file(QFile::encodeName(path).toStdString());
     if (const Error created = file.create()) {
         logs::recording.error("Could not save the replay: %s", created.logLine().c_str());

@@ -2,24 +2,19 @@
 
 #include "AudioMixer.h"
 #include "HandBrakeWrapper.h"
+#include "NumberedName.h"
 #include "SublerWrapper.h"
 #include "base/Log.h"
 #include "base/Memory.h"
-#include "base/RegularFile.h"
 #include "media/FFmpeg.h"
 #include "settings/Settings.h"
-#include "settings/PropertyList.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QSaveFile>
 #include <QThread>
 
 #include <algorithm>
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
 
 namespace zandor {
 
@@ -34,18 +29,8 @@ VideoRecorder::VideoRecorder(std::vector<LayoutPtr> layouts, CaptureSettings set
     m_audioNarratorRecord = std::make_unique<AudioRecord>(QStringLiteral("Narrator"), m_audioThread.get());
 }
 
-namespace {
-
-// What a recording was started with, written into its bundle so that a recovery needs nothing else.
-const QString ChoicesFile = QStringLiteral("Recording.plist");
-const QString ChoiceLayouts = QStringLiteral("Layouts");
-const QString ChoiceFramesPerSecond = QStringLiteral("FramesPerSecond");
-const QString ChoiceVideoQuality = QStringLiteral("VideoQuality");
-
-} // namespace
-
 VideoRecorder::~VideoRecorder() {
-    unlockBundle();
+    m_bundle.unlock();
     // Finalising stops both inputs; these end a recording that never got that far.
     m_audioNarratorRecord->stop();
     m_audioGameRecord->stop();
@@ -61,11 +46,15 @@ void VideoRecorder::setDelegate(std::shared_ptr<RecorderDelegate> delegate) {
     m_delegate = std::move(delegate);
 }
 
-QString VideoRecorder::resultPath(const VideoRecord& record) const {
+QString VideoRecorder::plannedPath(const QString& basePath, const VideoRecord& record) const {
     if (m_videoRecords.size() > 1) {
-        return QStringLiteral("%1 %2.%3").arg(m_basePath, fileNamePart(record.name()), QStringLiteral("mp4"));
+        return QStringLiteral("%1 %2.%3").arg(basePath, fileNamePart(record.name()), QStringLiteral("mp4"));
     }
-    return QStringLiteral("%1.%2").arg(m_basePath, QStringLiteral("mp4"));
+    return QStringLiteral("%1.%2").arg(basePath, QStringLiteral("mp4"));
+}
+
+QString VideoRecorder::resultPath(const VideoRecord& record) const {
+    return m_results.value(record.name(), plannedPath(m_bundle.basePath(), record));
 }
 
 QStringList VideoRecorder::madeFiles() const {
@@ -81,35 +70,37 @@ QStringList VideoRecorder::madeFiles() const {
 bool VideoRecorder::start() {
     m_done = false;
     m_writeFailed = false;
-    m_basePath = QStringLiteral("%1/Capture %2").arg(m_settings.storageFolder, stringWithCurrentDate());
-    m_bundlePath = QStringLiteral("%1.%2").arg(m_basePath, QStringLiteral("zdrecord"));
+    m_results.clear();
     // Another recording of the same second (or its movie) keeps its name: this one is numbered.
-    const QString stamped = m_basePath;
-    const auto taken = [this] {
-        return QFileInfo(m_bundlePath).isDir() ||
-               std::any_of(m_videoRecords.begin(), m_videoRecords.end(),
-                           [this](const auto& record) { return QFileInfo::exists(resultPath(*record)); });
-    };
-    for (int number = 2; number < 100 && taken(); ++number) {
-        m_basePath = QStringLiteral("%1 %2").arg(stamped).arg(number);
-        m_bundlePath = QStringLiteral("%1.%2").arg(m_basePath, QStringLiteral("zdrecord"));
-    }
-    if (!QDir().mkpath(m_bundlePath)) {
+    const bool created =
+        m_bundle.create(m_settings.storageFolder, stringWithCurrentDate(), [this](const QString& base) {
+            return std::any_of(m_videoRecords.begin(), m_videoRecords.end(), [&](const auto& record) {
+                return QFileInfo::exists(plannedPath(base, *record));
+            });
+        });
+    if (!created) {
         // Reported as a success on purpose: the caller shows the recording state although
         // nothing records.
-        logs::recording.error("Could not create bundle for recording");
         return true;
     }
-
-    // Held from here until finalising ends; the choices make the bundle recoverable on its own.
-    lockBundle();
-    if (!writeChoices()) {
+    // Held from here until finalising ends, so that nobody takes the recording for an abandoned
+    // one; the choices make the bundle recoverable on its own.
+    if (!m_bundle.lock()) {
+        QDir().rmdir(m_bundle.path());
+        m_done = true;
+        return false;
+    }
+    RecordingBundle::Choices choices{{}, m_settings.framesPerSecond, m_settings.videoQuality};
+    for (const auto& record : m_videoRecords) {
+        choices.layouts.append(record->name());
+    }
+    if (!m_bundle.writeChoices(choices)) {
         logs::recording.warning("Could not write the choices of the recording into %s",
-                                qUtf8Printable(m_bundlePath));
+                                qUtf8Printable(m_bundle.path()));
     }
     bool success = true;
     for (const auto& record : m_videoRecords) {
-        if (!record->start(m_bundlePath, m_settings)) {
+        if (!record->start(m_bundle.path(), m_settings)) {
             success = false;
             break;
         }
@@ -119,9 +110,9 @@ bool VideoRecorder::start() {
             m_audioThread->start();
         }
         m_audioGameRecord->share(m_sharedGameInput, std::chrono::milliseconds(m_settings.gameAudioOffsetMs));
-        success = m_audioGameRecord->start(m_settings.gameAudioInput, m_bundlePath, true);
+        success = m_audioGameRecord->start(m_settings.gameAudioInput, m_bundle.path(), true);
         if (success) {
-            success = m_audioNarratorRecord->start(m_settings.narratorAudioInput, m_bundlePath, false);
+            success = m_audioNarratorRecord->start(m_settings.narratorAudioInput, m_bundle.path(), false);
         }
     }
     if (success) {
@@ -178,91 +169,41 @@ void VideoRecorder::capturedLayouts() {
     if (success) {
         actualize();
     }
-    unlockBundle();
+    m_bundle.unlock();
     releaseFreeMemory(); // the encoders' memory, freed on this thread
-}
-
-bool VideoRecorder::lockBundle() {
-    if (m_bundleLock < 0) {
-        m_bundleLock =
-            ::open(QFile::encodeName(m_bundlePath).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    // Finished by a failed write rather than by a stop: the recording ends here as a stopped one
+    // does, letting the layouts go, instead of holding them until someone presses stop.
+    if (m_writeFailed) {
+        stop();
     }
-    if (m_bundleLock >= 0 && ::flock(m_bundleLock, LOCK_EX | LOCK_NB) == 0) {
-        return true;
-    }
-    unlockBundle();
-    return false;
-}
-
-void VideoRecorder::unlockBundle() {
-    if (m_bundleLock >= 0) {
-        ::close(m_bundleLock); // releases the lock
-        m_bundleLock = -1;
-    }
-}
-
-bool VideoRecorder::writeChoices() const {
-    QVariantList names;
-    for (const auto& record : m_videoRecords) {
-        names.append(record->name());
-    }
-    const QByteArray xml = PropertyList::dictionary({{ChoiceLayouts, names},
-                                                     {ChoiceFramesPerSecond, m_settings.framesPerSecond},
-                                                     {ChoiceVideoQuality, m_settings.videoQuality}})
-                               .toXml();
-    QSaveFile file(m_bundlePath + u'/' + ChoicesFile);
-    return file.open(QIODevice::WriteOnly) && file.write(xml) == xml.size() && file.commit();
-}
-
-QStringList VideoRecorder::abandonedBundles(const QString& storageFolder) {
-    QStringList abandoned;
-    const QDir folder(storageFolder);
-    for (const QString& name : folder.entryList({QStringLiteral("*.zdrecord")}, QDir::Dirs, QDir::Name)) {
-        const QString path = folder.filePath(name);
-        const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) == 0) {
-            abandoned.append(path);
-        }
-        if (fd >= 0) {
-            ::close(fd);
-        }
-    }
-    return abandoned;
 }
 
 std::shared_ptr<VideoRecorder> VideoRecorder::forBundle(const QString& bundlePath, QString& why) {
     const QString bundle = QDir::cleanPath(QFileInfo(bundlePath).absoluteFilePath());
-    if (!bundle.endsWith(QStringLiteral(".zdrecord")) || !QFileInfo(bundle).isDir()) {
+    if (!RecordingBundle::isBundle(bundle)) {
         why = QStringLiteral("it is not a recording bundle (a folder named *.zdrecord)");
         return nullptr;
     }
     CaptureSettings settings;
     settings.storageFolder = QFileInfo(bundle).path();
+    RecordingBundle reading;
+    reading.open(bundle);
     QStringList names;
-    std::string xml;
-    if (RegularFile::read(QFile::encodeName(bundle + u'/' + ChoicesFile).toStdString(), 64 * 1024, xml) ==
-        RegularFile::Status::Read) {
-        const PropertyList choices = PropertyList::fromXml(QByteArray::fromStdString(xml));
-        for (const auto& [key, value] : choices.entries()) {
-            if (key == ChoiceLayouts) {
-                names = value.toStringList();
-            } else if (key == ChoiceFramesPerSecond && settings::frameRates().contains(value.toString())) {
-                settings.framesPerSecond = value.toString();
-            } else if (key == ChoiceVideoQuality) {
-                settings.videoQuality = value.toString();
-            }
+    if (const auto choices = reading.readChoices()) {
+        names = choices->layouts;
+        if (settings::frameRates().contains(choices->framesPerSecond)) {
+            settings.framesPerSecond = choices->framesPerSecond;
         }
-    }
-    if (names.isEmpty()) {
+        if (!choices->videoQuality.isEmpty()) {
+            settings.videoQuality = choices->videoQuality;
+        }
+    } else {
         // A bundle from before its choices were written: its movies name the layouts, and the
         // board's own timing is kept.
-        for (QString file : QDir(bundle).entryList({QStringLiteral("Video*.mov")}, QDir::Files, QDir::Name)) {
-            names.append(file.mid(5, file.size() - 9));
-        }
+        names = reading.movieLayouts();
     }
     auto recorder = std::make_shared<VideoRecorder>(std::vector<LayoutPtr>{}, settings);
-    recorder->m_bundlePath = bundle;
-    recorder->m_basePath = bundle.chopped(9);
+    recorder->m_bundle.open(bundle);
     recorder->m_audioGameRecord->adopt(bundle);
     recorder->m_audioNarratorRecord->adopt(bundle);
     for (const QString& name : names) {
@@ -286,7 +227,7 @@ std::shared_ptr<VideoRecorder> VideoRecorder::forBundle(const QString& bundlePat
 }
 
 bool VideoRecorder::recover() {
-    if (!lockBundle()) {
+    if (!m_bundle.lock()) {
         tryError(QStringLiteral("The recording is being recorded or finalised by another Zandor."));
         return false;
     }
@@ -298,14 +239,15 @@ bool VideoRecorder::recover() {
     }
     QFile::remove(mixPath());
     m_done = false;
+    m_results.clear();
     actualize();
-    unlockBundle();
+    m_bundle.unlock();
     // The bundle goes only when every step succeeded.
-    return !QFileInfo::exists(m_bundlePath);
+    return !QFileInfo::exists(m_bundle.path());
 }
 
 QString VideoRecorder::mixPath() const {
-    return m_bundlePath + QStringLiteral("/AudioMix.mov");
+    return m_bundle.path() + QStringLiteral("/AudioMix.mov");
 }
 
 std::optional<std::pair<int64_t, int64_t>> VideoRecorder::pictureSpanNs() const {
@@ -386,7 +328,7 @@ void VideoRecorder::actualize() {
             allMovedOut = false;
         }
     }
-    if (allMovedOut && !QDir(m_bundlePath).removeRecursively()) {
+    if (allMovedOut && !QDir(m_bundle.path()).removeRecursively()) {
         tryError(QStringLiteral("It was not possible to remove recording bundle."));
         success = false;
     }
@@ -419,15 +361,20 @@ bool VideoRecorder::convert(VideoRecord& record, const QStringList& soundTitles)
 }
 
 bool VideoRecorder::finish(VideoRecord& record) {
-    if (!QFile::rename(record.convertPath(), resultPath(record))) {
+    // A file of the movie's name that appeared meanwhile (or a movie an earlier, failed finalising
+    // of a recovered bundle moved out) keeps its place: this one is numbered.
+    const QString planned = plannedPath(m_bundle.basePath(), record);
+    const QString result = NumberedName::file(planned.chopped(4), QStringLiteral("mp4"));
+    if (!QFile::rename(record.convertPath(), result)) {
         keepError(QStringLiteral("Could not move file outside recording bundle."));
         return false;
     }
+    m_results.insert(record.name(), result);
     return true;
 }
 
 void VideoRecorder::keepError(const QString& message) {
-    tryError(QStringLiteral("%1 The recording is kept in \"%2\".").arg(message, m_bundlePath));
+    tryError(QStringLiteral("%1 The recording is kept in \"%2\".").arg(message, m_bundle.path()));
 }
 
 void VideoRecorder::tryError(const QString& message) {

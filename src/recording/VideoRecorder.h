@@ -3,6 +3,7 @@
 #include "AudioRecord.h"
 #include "Recorder.h"
 #include "RecorderDelegate.h"
+#include "RecordingBundle.h"
 #include "ShellCommand.h"
 #include "SublerWrapper.h"
 #include "VideoRecord.h"
@@ -44,17 +45,20 @@ public:
     bool start() override;
     bool isDone() override { return Recorder::isDone() && m_done; }
 
-    const QString& basePath() const { return m_basePath; }
-    const QString& bundlePath() const { return m_bundlePath; }
-    // The finished file of a layout: "<base>.mp4", or "<base> <layout>.mp4" with several layouts.
+    const QString& basePath() const { return m_bundle.basePath(); }
+    const QString& bundlePath() const { return m_bundle.path(); }
+    // The finished file of a layout: "<base>.mp4", or "<base> <layout>.mp4" with several layouts;
+    // numbered when a file of that name appeared while recording.
     QString resultPath(const VideoRecord& record) const;
     // The finished files that exist, in layout order.
     QStringList madeFiles() const;
     const QMap<QString, std::shared_ptr<VideoRecord>>& videoRecords() const { return m_videoRecords; }
 
-    // Recovery of recordings that a crash, a kill or a power cut left unfinished. A bundle is held
-    // (locked) by the recorder that records or finalises it; one that nobody holds is abandoned.
-    static QStringList abandonedBundles(const QString& storageFolder);
+    // Recovery of recordings that a crash, a kill or a power cut left unfinished (see
+    // RecordingBundle).
+    static QStringList abandonedBundles(const QString& storageFolder) {
+        return RecordingBundle::abandoned(storageFolder);
+    }
     // A recorder over an abandoned bundle, with the choices its recording was started with; null,
     // with why, when the bundle holds no movie that can be read.
     static std::shared_ptr<VideoRecorder> forBundle(const QString& bundlePath, QString& why);
@@ -80,11 +84,8 @@ private:
     std::optional<std::pair<int64_t, int64_t>> pictureSpanNs() const;
     // Where the mix of the game and the narrator is made, in the bundle.
     QString mixPath() const;
-    // Holds the bundle for this process until finalising ends (or the process does); false when
-    // another holds it.
-    bool lockBundle();
-    void unlockBundle();
-    bool writeChoices() const;
+    // The finished file of a layout as the recording's name gives it, before any numbering.
+    QString plannedPath(const QString& basePath, const VideoRecord& record) const;
     // `soundTitles` name the movie's sound tracks, when they have names of their own.
     bool convert(VideoRecord& record, const QStringList& soundTitles);
     bool finish(VideoRecord& record);
@@ -103,8 +104,10 @@ private:
     std::unique_ptr<AudioRecord> m_audioGameRecord;
     std::unique_ptr<AudioRecord> m_audioNarratorRecord;
     std::shared_ptr<AudioInput> m_sharedGameInput;
-    QString m_basePath;
-    QString m_bundlePath;
+    // Held from the start until finalising ends.
+    RecordingBundle m_bundle;
+    // The finished files moved out of the bundle, by layout name.
+    QMap<QString, QString> m_results;
     std::shared_ptr<RecorderDelegate> m_delegate;
     std::atomic<bool> m_done{true};
     // A movie could not be written; the recording ends at each layout's next frame.
@@ -112,7 +115,6 @@ private:
     // When the recording started, and the tools' limits measured from its length at the stop;
     // both are used on the recorder's thread after start() has returned.
     double m_recordedSeconds = 0;
-    int m_bundleLock = -1; // the bundle folder, flock()ed while recording and finalising
     std::chrono::steady_clock::time_point m_started;
     ToolLimits m_toolLimits;
 };

@@ -79,9 +79,9 @@ void writeImages(const QString& resources) {
 // Images are read from the fixture's bundle only: a name leading out of it would read whatever the
 // machine holds there, which makes runs differ between machines.
 bool namesOnlyBundleImages(const LayoutPlugin& plugin) {
-    for (const QVariantMap& object : plugin.objects()) {
-        const QString resource = object.value(ObjectResource).toString();
-        if (resource.contains(u'/') || resource == QLatin1String("..")) {
+    for (const LayoutObject& object : plugin.objects()) {
+        const auto* image = std::get_if<ImageObject>(&object);
+        if (image && (image->resource.contains(u'/') || image->resource == QLatin1String(".."))) {
             return false;
         }
     }
@@ -101,17 +101,16 @@ uint64_t pixelWork(const LayoutPlugin& plugin) {
     const auto width = static_cast<uint64_t>(side(plugin.width())),
                height = static_cast<uint64_t>(side(plugin.height()));
     uint64_t work = width * height;
-    for (const QVariantMap& object : plugin.objects()) {
-        const QSize size = fixture->imageSizes.value(object.value(ObjectResource).toString());
-        if (object.value(ObjectType).toString() != QLatin1String("image") || size.isEmpty()) {
+    for (const LayoutObject& object : plugin.objects()) {
+        const auto* image = std::get_if<ImageObject>(&object);
+        const QSize size = image ? fixture->imageSizes.value(image->resource) : QSize();
+        if (size.isEmpty()) {
             continue;
         }
         const auto [left, right] =
-            BlendImage::visible(static_cast<uint64_t>(object.value(ObjectX).toLongLong()),
-                                static_cast<uint64_t>(size.width()), width);
-        const auto [top, bottom] =
-            BlendImage::visible(static_cast<uint64_t>(object.value(ObjectY).toLongLong()),
-                                static_cast<uint64_t>(size.height()), height);
+            BlendImage::visible(static_cast<uint64_t>(image->x), static_cast<uint64_t>(size.width()), width);
+        const auto [top, bottom] = BlendImage::visible(static_cast<uint64_t>(image->y),
+                                                       static_cast<uint64_t>(size.height()), height);
         work += (right - left) * (bottom - top);
     }
     return work;

@@ -26,15 +26,15 @@ using namespace std::chrono_literals;
 // layout's rules say, onto a canvas of rows of 3 bytes a pixel. Without screen frames it paints
 // the images only.
 void paintReference(std::vector<uint8_t>& canvas, const LayoutPlugin& plugin,
-                    const QMap<QString, QImage>& images, qsizetype first, const uint8_t* top = nullptr,
+                    const QMap<QString, QImage>& images, size_t first, const uint8_t* top = nullptr,
                     const uint8_t* bottom = nullptr) {
     const auto width = uint64_t(plugin.width());
-    for (qsizetype i = first; i < plugin.objects().size(); ++i) {
+    for (size_t i = first; i < plugin.objects().size(); ++i) {
         const auto& object = plugin.objects()[i];
-        const auto x0 = object["x"].toLongLong(), y0 = object["y"].toLongLong();
-        const QString type = object["type"].toString();
+        const auto [x0, y0] = objectPosition(object);
+        const QString type = objectType(object);
         if (type == "image") {
-            const QImage& image = images[object["resource"].toString()];
+            const QImage& image = images[std::get<ImageObject>(object).resource];
             for (int y = 0; y < image.height(); ++y) {
                 for (int x = 0; x < image.width(); ++x) {
                     const uint64_t px = uint64_t(x0 + x), at = (uint64_t(y0 + y) * width + px) * 3;
@@ -108,8 +108,8 @@ TEST_P(CompositionTest, CompositesLikeTheObviousCompositorAndKeepsTheTopScreensT
     auto layout = CaptureLayout::createWithPlugin(layoutPlugin, m_device);
     const auto& objects = layoutPlugin->objects();
     const auto firstScreen = std::find_if(objects.begin(), objects.end(),
-                                          [](const QVariantMap& object) {
-                                              return object["type"].toString().startsWith("screen_");
+                                          [](const LayoutObject& object) {
+                                              return std::holds_alternative<ScreenObject>(object);
                                           }) -
                              objects.begin();
     std::vector<uint8_t> background(layout->size()), expected;

@@ -7,12 +7,15 @@
 #include "PluginBundles.h"
 #include "base/Log.h"
 #include "layouts/CaptureLayout.h"
+#include "layouts/ImageLoader.h"
 #include "layouts/LayoutPlugin.h"
 #include "layouts/PluginController.h"
 
 #include <gtest/gtest.h>
 
+#include <QBuffer>
 #include <QTemporaryDir>
+#include <QtEndian>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -48,15 +51,21 @@ TEST_F(PluginFilesTest, DescriptorsThatAreNoSmallTextFilesOrHaveTooManyObjectsAr
                        QByteArray(int(Plugin::MaximumDescriptorBytes), ' ') + "-->");
     bundle("Latin", test::layoutDescriptor("Cafe", 1, 400, 240).replace("Cafe", "Caf\xe9"));
     QString objects;
-    for (int i = 0; i <= LayoutPlugin::MaximumObjects; ++i) {
+    for (size_t i = 0; i <= LayoutPlugin::MaximumObjects; ++i) {
         objects += R"(<object type="image" x="0" y="0" resource="a.png"/>)";
     }
     bundle("TooMany", test::layoutDescriptor("TooMany", 1, 400, 240, objects));
+    const QString oneObject = R"(<object type="image" x="0" y="0" resource="a.png"/>)";
+    bundle("AsManyAsAllowed", test::layoutDescriptor("AsManyAsAllowed", 2, 400, 240,
+                                                     objects.left(objects.size() - oneObject.size())));
 
     LogCapture log;
     PluginController controller(m_folder.path(), m_folder.path() + "/user");
-    ASSERT_EQ(controller.plugins().size(), 1);
-    EXPECT_EQ(controller.plugins().front()->name(), "Good");
+    ASSERT_EQ(controller.plugins().size(), 2);
+    EXPECT_EQ(controller.plugins().front()->name(), "AsManyAsAllowed");
+    EXPECT_EQ(std::static_pointer_cast<LayoutPlugin>(controller.plugins().front())->objects().size(),
+              LayoutPlugin::MaximumObjects);
+    EXPECT_EQ(controller.plugins().back()->name(), "Good");
     const std::string folder = m_folder.path().toStdString();
     for (const std::string& line :
          {"Could not parse plugin: " + folder + "/Pipe.zdplugin/plugin.xml: it is not a regular file",
@@ -68,20 +77,47 @@ TEST_F(PluginFilesTest, DescriptorsThatAreNoSmallTextFilesOrHaveTooManyObjectsAr
     EXPECT_EQ(log.countPrefix("Could not parse plugin: more than 4096 objects in one layout (line "), 1u);
 }
 
+// The PNG file of a 1 by 1 picture whose header claims `width` by `height` pixels: what a decoder
+// is told before it allocates, without a huge file.
+QByteArray pngClaiming(quint32 width, quint32 height) {
+    QByteArray png;
+    QBuffer buffer(&png);
+    buffer.open(QIODevice::WriteOnly);
+    QImage(1, 1, QImage::Format_RGB32).save(&buffer, "PNG");
+    // Signature (8 bytes), then the IHDR chunk: length (4), type (4), width and height (4 each, big
+    // endian) among 13 bytes of data, and the CRC-32 of type and data.
+    qToBigEndian(width, png.data() + 16);
+    qToBigEndian(height, png.data() + 20);
+    quint32 crc = 0xFFFFFFFF;
+    for (int i = 12; i < 29; ++i) {
+        crc ^= quint8(png[i]);
+        for (int bit = 0; bit < 8; ++bit) {
+            crc = (crc >> 1) ^ (0xEDB88320 & (0 - (crc & 1)));
+        }
+    }
+    qToBigEndian(~crc, png.data() + 29);
+    return png;
+}
+
 TEST_F(PluginFilesTest, ImagesThatWouldHangOrExceedAnyCanvasAreRefusedAndTheRestIsDrawn) {
     const QString objects = R"(<object type="image" x="0" y="0" resource="red.png"/>
                                <object type="image" x="10" y="0" resource="pipe.png"/>
-                               <object type="image" x="20" y="0" resource="wide.png"/>)";
+                               <object type="image" x="20" y="0" resource="wide.png"/>
+                               <object type="image" x="30" y="0" resource="limit.png"/>
+                               <object type="image" x="40" y="0" resource="over.png"/>)";
     QImage red(4, 4, QImage::Format_RGB32);
     red.fill(Qt::red);
     // Small on disk, but wider than any canvas may be.
-    QImage wide(CaptureLayout::MaximumImageSide + 1, 2, QImage::Format_Mono);
+    QImage wide(ImageLoader::MaximumSide + 1, 2, QImage::Format_Mono);
     wide.fill(0);
     const QString path = test::writeBundle(
         m_folder.path(), "Images.zdplugin",
         test::layoutDescriptor("Images", 1, 400, 240, objects, R"(<background r="0" g="0" b="255"/>)"),
         {{"red.png", red}, {"wide.png", wide}});
     replace(path + "/Resources/pipe.png", [](const char* file) { return mkfifo(file, 0600); });
+    // 256 MB decoded at 4 bytes a pixel, then one row more.
+    ASSERT_TRUE(test::writeFile(path + "/Resources/limit.png", pngClaiming(16384, 4096)));
+    ASSERT_TRUE(test::writeFile(path + "/Resources/over.png", pngClaiming(16384, 4097)));
     auto plugin = std::make_shared<LayoutPlugin>(path, false);
     ASSERT_TRUE(plugin->parse());
 
@@ -98,6 +134,17 @@ TEST_F(PluginFilesTest, ImagesThatWouldHangOrExceedAnyCanvasAreRefusedAndTheRest
               1u);
     EXPECT_EQ(log.count("Could not parse plugin: image " + path.toStdString() +
                         "/Resources/wide.png is 16385 by 2 pixels, larger than 16384 on a side or 256 MB "
+                        "decoded"),
+              1u);
+    // The image at the limit is let through to decoding, which finds no pixels in the file.
+    EXPECT_EQ(
+        log.countPrefix("Could not parse plugin: image " + path.toStdString() + "/Resources/limit.png: "),
+        1u);
+    EXPECT_EQ(
+        log.countPrefix("Could not parse plugin: image " + path.toStdString() + "/Resources/limit.png is"),
+        0u);
+    EXPECT_EQ(log.count("Could not parse plugin: image " + path.toStdString() +
+                        "/Resources/over.png is 16384 by 4097 pixels, larger than 16384 on a side or 256 MB "
                         "decoded"),
               1u);
 }
@@ -119,11 +166,37 @@ TEST_F(PluginFilesTest, ReadsALayoutAndItsAttributesByTheirOwnRules) {
     ASSERT_TRUE(plugin.parse());
     ASSERT_TRUE(plugin.background());
     EXPECT_EQ(plugin.background()->green, 300 / 255.0);
-    EXPECT_EQ(plugin.objects(),
-              (QList<QVariantMap>{
-                  {{"type", "image"}, {"x", qint64(0)}, {"y", qint64(0)}, {"resource", "backdrop.png"}},
-                  {{"type", "screen_top"}, {"x", qint64(12)}, {"y", qint64(0)}},
-                  {{"type", "clock"}, {"x", qint64(-5)}, {"y", qint64(-6)}}}));
+    EXPECT_EQ(plugin.objects(), (std::vector<LayoutObject>{ImageObject{"backdrop.png", 0, 0},
+                                                           ScreenObject{ScreenObject::Top, 12, 0},
+                                                           OtherObject{"clock", -5, -6}}));
+}
+
+// A sign before a number is read as a sign; "resizable" is "true" in exactly those letters; a "size"
+// sets all three of its values, so one without width or height leaves 0 where they are missing.
+TEST_F(PluginFilesTest, SizeAndNumbersFollowTheirRulesToTheLetter) {
+    struct Case {
+        const char* size;
+        qint64 width, height;
+        bool resizable;
+    };
+    for (const auto& [size, width, height, resizable] :
+         {Case{R"(<size width="+720" height=" +240" resizable="true"/>)", 720, 240, true},
+          Case{R"(<size width="720" height="240" resizable="True"/>)", 720, 240, false},
+          Case{R"(<size width="720" height="240" resizable="TRUE"/>)", 720, 240, false},
+          Case{R"(<size width="720" height="240" resizable=" true"/>)", 720, 240, false},
+          Case{R"(<size height="240" resizable="true"/>)", 0, 240, true},
+          Case{R"(<size width="720"/>)", 720, 0, false},
+          Case{R"(<size width="720" height="240" resizable="true"/><size/>)", 0, 0, false}}) {
+        LayoutPlugin plugin(bundle("Size", QByteArray("<plugin><importance>+7</importance>") + size +
+                                               R"(<object type="screen_bottom" x="+12" y="-0"/></plugin>)"),
+                            false);
+        ASSERT_TRUE(plugin.parse()) << size;
+        EXPECT_EQ(plugin.width(), width) << size;
+        EXPECT_EQ(plugin.height(), height) << size;
+        EXPECT_EQ(plugin.isResizable(), resizable) << size;
+        EXPECT_EQ(plugin.importance(), 7);
+        EXPECT_EQ(plugin.objects(), (std::vector<LayoutObject>{ScreenObject{ScreenObject::Bottom, 12, 0}}));
+    }
 }
 
 } // namespace

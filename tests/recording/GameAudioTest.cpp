@@ -1,6 +1,6 @@
 // The game input kept open while the picture plays: heard through the default output only while
-// listened to, heard once when a recording also plays it through, and recorded from the instant the
-// recording starts; and a recording's sound file that cannot be finished.
+// listened to and at the chosen volume, heard once when a recording also plays it through, and recorded from
+// the instant the recording starts; and a recording's sound file that cannot be finished.
 
 #include "Media.h"
 #include "PulseServer.h"
@@ -74,6 +74,18 @@ TEST(GameAudio, ListeningIsHeardOnceAndARecordingKeepsItsFirstInstantOrSaysItCan
         listened = outputLevel();
     }
     EXPECT_GT(listened, 3000) << "heard while listening";
+    // The volume scales the sound linearly: half of it is heard at half the level, not silenced.
+    const auto heardAt = [listened](double share) {
+        double heard = 0;
+        for (int attempt = 0; attempt < 20 && std::abs(heard / listened - share) > 0.1; ++attempt) {
+            heard = outputLevel();
+        }
+        return heard / listened;
+    };
+    game.setVolume(50);
+    EXPECT_NEAR(heardAt(0.5), 0.5, 0.1) << "heard at half volume";
+    game.setVolume(100);
+    EXPECT_NEAR(heardAt(1.0), 1.0, 0.1) << "heard at full volume again";
 
     struct AudioThread : QThread {
         AudioThread() { start(); }

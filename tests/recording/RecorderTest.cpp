@@ -3,6 +3,7 @@
 #include "GatedBoard.h"
 #include "Media.h"
 #include "UserFolders.h"
+#include "base/Log.h"
 #include "capture/CaptureScreen.h"
 #include "layouts/CaptureLayout.h"
 #include "recording/ImageRecorder.h"
@@ -21,7 +22,9 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
+#include <csignal>
 #include <mutex>
+#include <sys/resource.h>
 
 namespace zandor {
 namespace {
@@ -198,20 +201,95 @@ TEST_F(RecorderTest, EachLayoutIsConvertedUnderItsNameAndAHungConverterIsEndedKe
         << "the chosen rate and the quality's bit rate";
 }
 
+// A recording whose finalising failed is recovered into movies named as the recording's would have
+// been: after each layout (shortened and made safe for a file name), from the choices the bundle
+// keeps or, without them, from its movies; a movie of that name already there is kept, and the
+// recovered one numbered.
+TEST_F(RecorderTest, ARecoveredRecordingsMoviesCarryTheLayoutNames) {
+    const QString longName = "A/B\tC" + QString(120, 'z');
+    const QString inFileName = "A_B_C" + QString(95, 'z');
+    m_settings.framesPerSecond = "30"; // the converter, which fails, runs
+    auto delegate = std::make_shared<Delegate>();
+    auto recorder = recordVideo({m_top, CaptureLayout::createWithScreen(m_device->screen(1), longName)},
+                                delegate, "exit 1");
+    ASSERT_EQ(delegate->errors.size(), 2) << delegate->errors.join("\n").toStdString();
+    const QString bundle = recorder->bundlePath(), base = recorder->basePath();
+    const QString older = m_folder.path() + "/Capture 01_01_2026 00_00_00";
+    ASSERT_EQ(
+        test::runProcess({"cp", "-r", bundle.toStdString(), (older + ".zdrecord").toStdString()}).exitCode,
+        0);
+    ASSERT_TRUE(QFile::remove(older + ".zdrecord/Recording.plist"));
+    ASSERT_TRUE(test::writeFile(base + " Top.mp4", "kept"));
+
+    ASSERT_TRUE(test::writeStandInTools(m_tools.path()));
+    for (const auto& [path, made] :
+         {std::pair{bundle, QStringList{base + " " + inFileName + ".mp4", base + " Top 2.mp4"}},
+          std::pair{older + ".zdrecord",
+                    QStringList{older + " " + inFileName + ".mp4", older + " Top.mp4"}}}) {
+        QString why;
+        auto recovering = VideoRecorder::forBundle(path, why);
+        ASSERT_TRUE(recovering) << why.toStdString();
+        recovering->setDelegate(delegate);
+        EXPECT_TRUE(recovering->recover()) << delegate->errors.join("\n").toStdString();
+        EXPECT_EQ(recovering->madeFiles(), made);
+        EXPECT_FALSE(QFileInfo::exists(path));
+    }
+    EXPECT_EQ(test::readFile(base + " Top.mp4"), "kept");
+}
+
+// A movie that cannot be written further (here a file-size limit, as a full disk would) ends the
+// recording by itself: nobody stops it, and what was written is kept in the bundle.
+TEST_F(RecorderTest, AFailedWriteEndsTheRecordingWithoutAStop) {
+    ASSERT_TRUE(test::writeStandInTools(m_tools.path()));
+    ShellCommand::setToolFolder(m_tools.path());
+    m_settings.videoQuality = "Highest";
+    auto delegate = std::make_shared<Delegate>();
+    auto recorder = std::make_shared<VideoRecorder>(std::vector<LayoutPtr>{m_top}, m_settings);
+    recorder->setDelegate(delegate);
+    // Past the limit a write fails with EFBIG instead of raising SIGXFSZ; the limit is this
+    // process's, and lifted again before anything else is written.
+    const auto previousSignal = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit previous{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &previous), 0);
+    rlimit small = previous;
+    small.rlim_cur = 512 * 1024;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    LogCapture log;
+    const bool started = recorder->start();
+    EXPECT_TRUE(started && m_device->startListening());
+    const bool ended = started && recorder->waitUntilFinished(60s);
+    setrlimit(RLIMIT_FSIZE, &previous);
+    std::signal(SIGXFSZ, previousSignal);
+    ASSERT_TRUE(ended) << "the recording went on after its movie could not be written";
+    EXPECT_FALSE(recorder->isRecording());
+    EXPECT_EQ(log.countPrefix("The movie " + recorder->bundlePath().toStdString() +
+                              "/VideoTop.mov cannot be "
+                              "written: the recording stops here"),
+              1u);
+    EXPECT_EQ(delegate->errors,
+              QStringList{"The recording of the video could not be finalized. The recording is kept in \"" +
+                          recorder->bundlePath() + "\"."});
+    EXPECT_TRUE(QFileInfo(recorder->bundlePath() + "/VideoTop.mov").size() > 0);
+}
+
 // The wall-clock time of each of a replay's pictures, from its start in the metadata.
 struct ReplayTimes {
     std::vector<double> pictures;
     bool startsOnKeyFrame = false;
+    double lastLasts = 0; // how long the last picture shows, in seconds
 };
 
 ReplayTimes replayTimes(const QString& file) {
     const auto probed =
         test::probe(file.toStdString(), {"-show_entries", "format_tags=zandor_capture_start", "-show_entries",
-                                         "packet=flags,pts_time", "-select_streams", "v"});
+                                         "packet=flags,pts_time,duration_time", "-select_streams", "v"});
     const double start = probed["format"]["tags"]["zandor_capture_start"].toString().toDouble();
     ReplayTimes times;
     for (const QJsonValue& packet : probed["packets"].toArray()) {
         times.pictures.push_back(start + packet["pts_time"].toString().toDouble());
+        if (times.pictures.back() >= *std::max_element(times.pictures.begin(), times.pictures.end())) {
+            times.lastLasts = packet["duration_time"].toString().toDouble();
+        }
     }
     std::sort(times.pictures.begin(), times.pictures.end());
     // In decoding order: the decoder would skip pictures before the first key frame.
@@ -254,6 +332,8 @@ TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverla
     });
     ASSERT_NE(last, frames.rend()) << "the last picture is one that was shown";
     EXPECT_LT(last - frames.rbegin(), 60) << "and one of the last second's";
+    // Shown for one frame period, as every other, to a millisecond (the movie's time base).
+    EXPECT_NEAR(times.lastLasts, 1.0 / 60, 0.001);
 
     // Two saves in a row while the picture goes on: the second gives the seconds they share again,
     // under a name of its own.

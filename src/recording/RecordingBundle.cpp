@@ -1,0 +1,159 @@
+#include "RecordingBundle.h"
+
+#include "NumberedName.h"
+#include "base/Log.h"
+#include "base/RegularFile.h"
+#include "settings/PropertyList.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSaveFile>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+namespace zandor {
+
+namespace {
+
+const QString ChoicesFile = QStringLiteral("Recording.plist");
+const QString ChoiceLayouts = QStringLiteral("Layouts");
+const QString ChoiceFramesPerSecond = QStringLiteral("FramesPerSecond");
+const QString ChoiceVideoQuality = QStringLiteral("VideoQuality");
+constexpr uint64_t MaximumChoicesBytes = 64 * 1024;
+
+int openFolder(const QString& path) {
+    return ::open(QFile::encodeName(path).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+}
+
+} // namespace
+
+RecordingBundle::~RecordingBundle() {
+    unlock();
+}
+
+bool RecordingBundle::create(const QString& folder, const QString& stamp,
+                             const std::function<bool(const QString& basePath)>& taken) {
+    unlock();
+    if (!QDir().mkpath(folder)) {
+        logs::recording.error("Could not create bundle for recording");
+        return false;
+    }
+    const auto bundleOf = [](const QString& base) { return QStringLiteral("%1.%2").arg(base, Extension); };
+    const QString stem = QStringLiteral("%1/Capture %2").arg(folder, stamp);
+    // Another process may make the chosen bundle between the look and mkdir: then the next number.
+    for (int attempt = 0; attempt < NumberedName::Last; ++attempt) {
+        m_basePath = NumberedName::first(
+            stem, [&](const QString& base) { return QFileInfo::exists(bundleOf(base)) || taken(base); });
+        m_path = bundleOf(m_basePath);
+        if (QDir().mkdir(m_path)) {
+            return true;
+        }
+        if (!QFileInfo::exists(m_path)) {
+            break;
+        }
+    }
+    logs::recording.error("Could not create bundle for recording");
+    return false;
+}
+
+bool RecordingBundle::open(const QString& path) {
+    unlock();
+    if (!isBundle(path)) {
+        return false;
+    }
+    m_path = path;
+    m_basePath = path.chopped(Extension.size() + 1);
+    return true;
+}
+
+bool RecordingBundle::lock() {
+    if (m_lock < 0) {
+        m_lock = openFolder(m_path);
+    }
+    if (m_lock >= 0 && ::flock(m_lock, LOCK_EX | LOCK_NB) == 0) {
+        return true;
+    }
+    const int error = errno;
+    logs::recording.error("Could not hold the recording bundle %s: %s", qUtf8Printable(m_path),
+                          error == EWOULDBLOCK ? "another process holds it" : std::strerror(error));
+    unlock();
+    return false;
+}
+
+void RecordingBundle::unlock() {
+    if (m_lock >= 0) {
+        ::close(m_lock); // releases the lock
+        m_lock = -1;
+    }
+}
+
+bool RecordingBundle::writeChoices(const Choices& choices) const {
+    QVariantList layouts;
+    for (const QString& name : choices.layouts) {
+        layouts.append(name);
+    }
+    const QByteArray xml = PropertyList::dictionary({{ChoiceLayouts, layouts},
+                                                     {ChoiceFramesPerSecond, choices.framesPerSecond},
+                                                     {ChoiceVideoQuality, choices.videoQuality}})
+                               .toXml();
+    QSaveFile file(m_path + u'/' + ChoicesFile);
+    return file.open(QIODevice::WriteOnly) && file.write(xml) == xml.size() && file.commit();
+}
+
+std::optional<RecordingBundle::Choices> RecordingBundle::readChoices() const {
+    std::string xml;
+    if (RegularFile::read(QFile::encodeName(m_path + u'/' + ChoicesFile).toStdString(), MaximumChoicesBytes,
+                          xml) != RegularFile::Status::Read) {
+        return std::nullopt;
+    }
+    Choices choices;
+    for (const auto& [key, value] : PropertyList::fromXml(QByteArray::fromStdString(xml)).entries()) {
+        if (key == ChoiceLayouts) {
+            choices.layouts = value.toStringList();
+        } else if (key == ChoiceFramesPerSecond) {
+            choices.framesPerSecond = value.toString();
+        } else if (key == ChoiceVideoQuality) {
+            choices.videoQuality = value.toString();
+        }
+    }
+    if (choices.layouts.isEmpty()) {
+        return std::nullopt;
+    }
+    return choices;
+}
+
+QStringList RecordingBundle::movieLayouts() const {
+    const QString prefix = QStringLiteral("Video"), suffix = QStringLiteral(".mov");
+    QStringList names;
+    for (const QString& file : QDir(m_path).entryList({prefix + u'*' + suffix}, QDir::Files, QDir::Name)) {
+        names.append(file.mid(prefix.size(), file.size() - prefix.size() - suffix.size()));
+    }
+    return names;
+}
+
+bool RecordingBundle::isBundle(const QString& path) {
+    return path.endsWith(u'.' + Extension) && QFileInfo(path).isDir();
+}
+
+QStringList RecordingBundle::abandoned(const QString& storageFolder) {
+    QStringList abandoned;
+    const QDir folder(storageFolder);
+    for (const QString& name : folder.entryList({QStringLiteral("*.") + Extension}, QDir::Dirs, QDir::Name)) {
+        const QString path = folder.filePath(name);
+        const int fd = openFolder(path);
+        if (fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) == 0) {
+            abandoned.append(path);
+        }
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+    return abandoned;
+}
+
+} // namespace zandor
