@@ -23,16 +23,28 @@ void Observable::removeObserver(const ObserverPtr& observer) {
     std::scoped_lock lock(m_lock);
     // The entry under this key may already belong to a newer observer that took over the
     // identifier; the key decides, as for every other lookup.
-    m_observers.erase(observer->key());
+    if (auto entry = m_observers.find(observer->key()); entry != m_observers.end()) {
+        entry->second->wake();
+        m_observers.erase(entry);
+    }
 }
 
 void Observable::removeObservers() {
+    for (auto& [key, observer] : m_observers) {
+        observer->wake();
+    }
     m_observers.clear();
 }
 
 bool Observable::hasObservers() {
     std::scoped_lock lock(m_lock);
     return !m_observers.empty();
+}
+
+bool Observable::hasObserver(const ObserverPtr& observer) {
+    std::scoped_lock lock(m_lock);
+    auto entry = observer ? m_observers.find(observer->key()) : m_observers.end();
+    return entry != m_observers.end() && entry->second == observer;
 }
 
 bool Observable::add(const CaptureDataPtr& frame) {

@@ -21,6 +21,12 @@ bool Observer::push(CaptureDataPtr frame) {
     return dropped;
 }
 
+void Observer::wake() {
+    if (m_wakeup) {
+        m_wakeup->signal();
+    }
+}
+
 CaptureDataPtr Observer::pull() {
     if (m_queue.empty()) {
         return nullptr;

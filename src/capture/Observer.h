@@ -35,6 +35,9 @@ public:
     // The oldest frame, or null when the queue is empty.
     CaptureDataPtr pull();
 
+    // Wakes the consumer without a frame: its producer let it go.
+    void wake();
+
 private:
     uint8_t m_identifier;
     Key m_key;

@@ -1,9 +1,7 @@
 #include "CaptureLayout.h"
 
-#include "base/DetachedThread.h"
 #include "base/Log.h"
 #include "base/RegularFile.h"
-#include "base/Wakeup.h"
 #include "capture/CaptureDevice.h"
 #include "capture/CaptureScreen.h"
 
@@ -30,7 +28,7 @@ uint8_t componentByte(double component) {
 } // namespace
 
 CaptureLayout::CaptureLayout(int type, QString name)
-    : Observable(QueueLength), m_type(type), m_name(std::move(name)), m_wakeup(std::make_shared<Wakeup>()) {}
+    : Observable(QueueLength), m_type(type), m_name(std::move(name)) {}
 
 std::shared_ptr<CaptureLayout> CaptureLayout::createWithPlugin(const std::shared_ptr<LayoutPlugin>& plugin,
                                                                const std::shared_ptr<CaptureDevice>& device) {
@@ -67,10 +65,6 @@ std::shared_ptr<CaptureLayout> CaptureLayout::createWithScreen(const std::shared
     layout->m_background = Color{0, 0, 0, 1};
     layout->initialize();
     return layout;
-}
-
-std::shared_ptr<CaptureDevice> CaptureLayout::device() const {
-    return m_device ? m_device : m_top->device();
 }
 
 QRect CaptureLayout::visiblePart(QSize size,
@@ -180,13 +174,19 @@ void CaptureLayout::initialize() {
 }
 
 bool CaptureLayout::startListening() {
+    if (isListening()) {
+        return true;
+    }
+    // The thread of a run that ended (stopped, or left by its last consumer) may be finishing; it
+    // takes our lock.
+    m_worker.join();
     std::scoped_lock lock(m_lock);
     if (m_listening) {
         return true;
     }
-    Subscriptions subscriptions{m_top->addObserver(m_wakeup), nullptr};
+    Subscriptions subscriptions{m_top->addObserver(m_worker.wakeup()), nullptr};
     if (m_type == PluginLayout) {
-        subscriptions[1] = m_bottom->addObserver(m_wakeup);
+        subscriptions[1] = m_bottom->addObserver(m_worker.wakeup());
     }
     m_observer = subscriptions;
     {
@@ -194,19 +194,29 @@ bool CaptureLayout::startListening() {
         m_firstDraw = true;
         m_objectStart = 0;
     }
-    DetachedThread::start("zandor-layout", [layout = self<CaptureLayout>(), subscriptions] {
-        layout->listener(subscriptions);
+    m_worker.start([layout = self<CaptureLayout>(), subscriptions](const Worker::Run& run) {
+        layout->listener(run, subscriptions);
     });
     m_listening = true;
     return true;
 }
 
 void CaptureLayout::stopListening() {
-    std::scoped_lock lock(m_lock);
-    // While a consumer is still subscribed the layout goes on.
-    if (!m_listening || hasObservers()) {
-        return;
+    {
+        std::scoped_lock lock(m_lock);
+        // While a consumer is still subscribed the layout goes on.
+        if (hasObservers()) {
+            return;
+        }
+        if (m_listening) {
+            endRun();
+        }
     }
+    // Also the thread of a run its last consumer ended.
+    m_worker.join();
+}
+
+void CaptureLayout::endRun() {
     m_top->removeObserver(m_observer[0]);
     if (m_type == PluginLayout) {
         m_bottom->removeObserver(m_observer[1]);
@@ -224,7 +234,7 @@ void CaptureLayout::stopListening() {
                               "run of layout '%s'",
                               static_cast<unsigned long long>(unmatched), qUtf8Printable(m_name));
     }
-    m_wakeup->signal();
+    m_worker.stop();
 }
 
 bool CaptureLayout::isListening() {
@@ -232,18 +242,22 @@ bool CaptureLayout::isListening() {
     return m_listening;
 }
 
-void CaptureLayout::listener(const Subscriptions& subscriptions) {
+void CaptureLayout::listener(const Worker::Run& run, const Subscriptions& subscriptions) {
     for (;;) {
         {
             std::scoped_lock lock(m_lock);
-            // The thread ends when listening stops, when the last consumer left, or when a new
-            // start replaced its subscriptions.
-            if (!m_listening || !hasObservers() || m_observer != subscriptions) {
+            if (!run.active()) {
+                break;
+            }
+            // The last consumer left without a stop: the run ends here; a later start or stop,
+            // or the layout's end, joins this thread.
+            if (!hasObservers()) {
+                endRun();
                 break;
             }
         }
         if (!update(subscriptions)) {
-            m_wakeup->wait(Wakeup::IdleWait);
+            run.wait();
         }
     }
 }

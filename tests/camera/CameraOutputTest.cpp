@@ -5,7 +5,7 @@
 #include "PipeWireServer.h"
 #include "PluginBundles.h"
 #include "Process.h"
-#include "base/DetachedThread.h"
+#include "base/Worker.h"
 #include "base/Log.h"
 #include "base/Wakeup.h"
 #include "camera/CameraOutput.h"
@@ -76,7 +76,7 @@ std::pair<int, int> countFrames(const QByteArray& file, const QByteArray& first,
 class CameraTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_TRUE(DetachedThread::waitForAll(20s));
+        ASSERT_EQ(Worker::running(), 0);
         ASSERT_TRUE(m_server.isRunning()) << m_server.error();
         m_raw = QByteArray(qsizetype(raw::FrameBytes), '\0');
         DemoBoard::render(42, reinterpret_cast<uint8_t*>(m_raw.data()));
@@ -101,7 +101,7 @@ protected:
         test::endProcess(m_consumer);
         m_camera->stop();
         m_device->stopListening();
-        EXPECT_TRUE(DetachedThread::waitForAll(20s)) << "a thread outlived its test";
+        EXPECT_EQ(Worker::running(), 0) << "a thread outlived its stop";
     }
 
     QString at(const QString& name) const { return m_folder.path() + u'/' + name; }

@@ -1,6 +1,6 @@
 #include "Frames.h"
 #include "GatedBoard.h"
-#include "base/DetachedThread.h"
+#include "base/Worker.h"
 #include "base/Log.h"
 #include "capture/CaptureDevice.h"
 #include "capture/CaptureScreen.h"
@@ -84,7 +84,7 @@ TEST_P(OpeningFailureTest, OpensInOrderStopsAtTheFailingStepSaysWhyAndStartsNoth
     EXPECT_FALSE(device->isListening() || device->screen(0)->isListening() ||
                  device->screen(1)->isListening());
     EXPECT_FALSE(notified) << "a board missing at the start is not a disconnect";
-    EXPECT_EQ(DetachedThread::running(), 0);
+    EXPECT_EQ(Worker::running(), 0);
 }
 
 using F = CaptureDevice::Failure;
@@ -214,9 +214,11 @@ TEST_F(CaptureDeviceTest, NumbersFramesByTheirSlotsAndNeverRepeatsANumber) {
         EXPECT_TRUE(test::isPatternFrame(taken[0]->data(), first));
         frames.insert(frames.end(), taken.begin(), taken.end());
         // The held read ends unpublished; the next run starts with the frame after it.
-        m_device->stopListening();
+        std::thread stopper([this] { m_device->stopListening(); });
+        EXPECT_TRUE(test::waitUntilRemoved(*m_device, observer, *m_wakeup));
         m_board->holdAt(first + 7);
-        ASSERT_TRUE(DetachedThread::waitForAll(20s));
+        stopper.join();
+        ASSERT_EQ(Worker::running(), 0);
     }
     for (size_t n = 1; n < frames.size(); ++n) {
         EXPECT_GT(frames[n]->number(), frames[n - 1]->number()) << "frame " << n;
@@ -233,11 +235,15 @@ TEST_F(CaptureDeviceTest, AFrameReadWhileStoppingIsNotPublished) {
     m_board->holdAt(2);
     ASSERT_TRUE(m_device->startListening());
     ASSERT_TRUE(m_board->waitUntilHeld(2));
-    m_device->stopListening();
+    auto probe = m_device->addObserver(m_wakeup);
+    // The stop waits for the held read to end.
+    std::thread stopper([this] { m_device->stopListening(); });
+    ASSERT_TRUE(test::waitUntilRemoved(*m_device, probe, *m_wakeup));
     // Subscribed after the stop: a publish of the frame still being read would reach it.
     auto late = m_device->addObserver();
     m_board->release();
-    ASSERT_TRUE(DetachedThread::waitForAll(20s));
+    stopper.join();
+    EXPECT_EQ(Worker::running(), 0);
     EXPECT_FALSE(m_device->observable(late));
     EXPECT_FALSE(m_device->isListening());
 }
@@ -255,9 +261,10 @@ TEST_F(CaptureDeviceTest, AfterAStopEveryThreadEndsAndEveryFrameIsReleased) {
         // Starting the screens again starts no second thread for them; a restart must not leave
         // the first run's threads behind.
         ASSERT_TRUE(device->startListening());
-        device->screen(0)->startListening();
-        device->screen(1)->startListening();
-        EXPECT_EQ(DetachedThread::running(), 3); // device, top, bottom
+        ASSERT_TRUE(device->startListening());
+        device->screen(0)->startListening(*device);
+        device->screen(1)->startListening(*device);
+        EXPECT_EQ(Worker::running(), 3); // device, top, bottom
         device->stopListening();
         raw = device->addObserver(m_wakeup);
         ASSERT_TRUE(device->startListening());
@@ -265,7 +272,7 @@ TEST_F(CaptureDeviceTest, AfterAStopEveryThreadEndsAndEveryFrameIsReleased) {
         auto screens = takeFrames(*device->screen(0), top, *m_wakeup, 3);
         held.insert(held.end(), screens.begin(), screens.end());
         device->stopListening();
-        ASSERT_TRUE(DetachedThread::waitForAll(20s));
+        EXPECT_EQ(Worker::running(), 0);
         device->screen(0)->removeObserver(top);
     }
     EXPECT_TRUE(watchedDevice.expired());

@@ -4,7 +4,7 @@
 #include "EmulatedBoard.h"
 #include "Frames.h"
 #include "Process.h"
-#include "base/DetachedThread.h"
+#include "base/Worker.h"
 #include "base/Log.h"
 #include "capture/CaptureDevice.h"
 #include "capture/DemoBoard.h"
@@ -34,7 +34,7 @@ bool isDemoFrame(const CaptureData& frame, uint64_t number) {
 class LibusbBoardTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_TRUE(DetachedThread::waitForAll(20s));
+        ASSERT_EQ(Worker::running(), 0);
         std::string error;
         m_board = EmulatedBoard::create(std::make_unique<DemoBoard>(), error);
         ASSERT_TRUE(m_board) << error;
@@ -42,7 +42,7 @@ protected:
 
     void TearDown() override {
         m_device->stopListening();
-        EXPECT_TRUE(DetachedThread::waitForAll(20s)) << "a pipeline thread outlived its test";
+        EXPECT_EQ(Worker::running(), 0) << "a pipeline thread outlived its stop";
         // libusb's context ends with the device's board, before the testbed it looked at.
         m_device.reset();
         m_board.reset();
