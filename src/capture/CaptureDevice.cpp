@@ -244,7 +244,7 @@ void CaptureDevice::frameRequest(std::chrono::steady_clock::time_point due) {
         // While the board is away every frame is the same black picture: one block serves them all.
         frame = std::make_shared<CaptureData>(m_black, raw::BlockBytes);
     } else {
-        frame = CaptureData::create(raw::BlockBytes);
+        frame = m_pool->take();
         if (receiveFrame(*frame) != Complete) {
             std::memset(frame->data(), 0, frame->size());
             vanished = m_lastRead == usb::ErrorNoDevice;

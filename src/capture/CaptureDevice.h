@@ -1,6 +1,8 @@
 #pragma once
 
+#include "FramePool.h"
 #include "Observable.h"
+#include "RawFrame.h"
 #include "base/Worker.h"
 
 #include <array>
@@ -100,6 +102,8 @@ private:
     void notifyConnection(bool connected);
 
     std::unique_ptr<UsbBoard> m_board;
+    // A full queue, the frame a consumer has in hand and the one being read.
+    const FramePoolPtr m_pool = FramePool::create(raw::BlockBytes, QueueLength + 2);
     std::array<std::shared_ptr<CaptureScreen>, 2> m_screens;
 
     // Guarded by the Observable lock.

@@ -10,6 +10,7 @@ namespace zandor {
 
 CaptureScreen::CaptureScreen(uint64_t width, uint64_t height, uint64_t offset)
     : Observable(QueueLength), m_width(width), m_height(height), m_offset(offset),
+      m_pool(FramePool::create(width * height * 3, QueueLength + 2)),
       m_worker(offset == 0 ? "zandor-top" : "zandor-bottom") {}
 
 CaptureScreen::~CaptureScreen() {
@@ -67,7 +68,7 @@ bool CaptureScreen::update(Observable& source, const ObserverPtr& observer) {
     if (!raw) {
         return false;
     }
-    auto frame = CaptureData::create(m_width * m_height * 3);
+    auto frame = m_pool->take();
     frame->takeTimesOf(*raw);
     cut(raw->data() + m_offset, frame->data(), m_width, m_height);
 

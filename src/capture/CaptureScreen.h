@@ -1,5 +1,6 @@
 #pragma once
 
+#include "FramePool.h"
 #include "Observable.h"
 #include "base/Worker.h"
 
@@ -43,6 +44,8 @@ private:
     const uint64_t m_width;
     const uint64_t m_height;
     const uint64_t m_offset;
+    // A full queue, the frame a consumer has in hand and the one being cut.
+    const FramePoolPtr m_pool;
 
     // Guarded by the Observable lock.
     bool m_listening = false;

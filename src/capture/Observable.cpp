@@ -65,7 +65,7 @@ bool Observable::add(const CaptureDataPtr& frame) {
 
 bool Observable::observable(const ObserverPtr& observer) {
     std::scoped_lock lock(m_lock);
-    return observer && !observer->queue().empty();
+    return observer && !observer->empty();
 }
 
 CaptureDataPtr Observable::observe(const ObserverPtr& observer) {
@@ -75,12 +75,12 @@ CaptureDataPtr Observable::observe(const ObserverPtr& observer) {
 
 CaptureDataPtr Observable::peek(const ObserverPtr& observer) {
     std::scoped_lock lock(m_lock);
-    return observer && !observer->queue().empty() ? observer->queue().front() : nullptr;
+    return observer && !observer->empty() ? observer->front() : nullptr;
 }
 
 bool Observable::take(const ObserverPtr& observer, const CaptureDataPtr& frame) {
     std::scoped_lock lock(m_lock);
-    if (!observer || observer->queue().empty() || observer->queue().front() != frame) {
+    if (!observer || observer->empty() || observer->front() != frame) {
         return false;
     }
     observer->pull();

@@ -337,7 +337,10 @@ CaptureDataPtr CaptureLayout::composite(CaptureDataPtr top, CaptureDataPtr botto
     std::scoped_lock draw(m_drawMutex);
     m_topData = std::move(top);
     m_bottomData = std::move(bottom);
-    auto result = CaptureData::create(size());
+    if (!m_pool) {
+        m_pool = FramePool::create(size(), QueueLength + 2);
+    }
+    auto result = m_pool->take();
     result->takeTimesOf(*m_topData);
     if (m_direct && !m_firstDraw) {
         for (const auto& [offset, length] : m_staticSpans) {

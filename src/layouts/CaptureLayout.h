@@ -3,6 +3,7 @@
 #include "BlendImage.h"
 #include "LayoutPlugin.h"
 #include "base/Worker.h"
+#include "capture/FramePool.h"
 #include "capture/Observable.h"
 
 #include <QHash>
@@ -146,6 +147,9 @@ private:
     // which halves the bytes copied. Empty when the layout does not qualify.
     std::vector<std::pair<uint64_t, uint64_t>> m_staticSpans;
     bool m_direct = false;
+    // The published frames' blocks: a full queue, the frame a consumer has in hand and the one
+    // being drawn. Made with the first frame.
+    FramePoolPtr m_pool;
 
     // Last: destroyed first, it joins the thread before the members above go.
     Worker m_worker{"zandor-layout"};
