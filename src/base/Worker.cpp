@@ -45,7 +45,8 @@ bool Worker::Run::wait(std::chrono::nanoseconds timeout) const {
     return active();
 }
 
-Worker::Worker(std::string name) : m_name(std::move(name)), m_state(std::make_shared<Run::State>()) {}
+Worker::Worker(std::string name, std::chrono::milliseconds joinTimeout)
+    : m_name(std::move(name)), m_joinTimeout(joinTimeout), m_state(std::make_shared<Run::State>()) {}
 
 Worker::~Worker() {
     stop();
@@ -54,7 +55,7 @@ Worker::~Worker() {
         if (thread->thread.get_id() == std::this_thread::get_id()) {
             // The owner is destroyed by its own thread letting go of it: the thread ends right after.
             thread->thread.detach();
-        } else if (!joinThread(*thread, JoinTimeout)) {
+        } else if (!joinThread(*thread, m_joinTimeout)) {
             // Destroying the worker under its running thread would be worse than waiting.
             thread->thread.join();
         }
@@ -62,7 +63,7 @@ Worker::~Worker() {
 }
 
 void Worker::start(std::function<void(const Run&)> body) {
-    join();
+    join(m_joinTimeout);
     uint64_t generation;
     {
         std::scoped_lock lock(m_state->mutex);

@@ -40,8 +40,9 @@ public:
         uint64_t m_generation;
     };
 
-    // `name` names the thread (at most 15 characters are kept).
-    explicit Worker(std::string name);
+    // `name` names the thread (at most 15 characters are kept); `joinTimeout` bounds the join of
+    // start() and of the destructor.
+    explicit Worker(std::string name, std::chrono::milliseconds joinTimeout = JoinTimeout);
     ~Worker();
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
@@ -73,6 +74,7 @@ private:
     bool joinThread(Thread& thread, std::chrono::milliseconds timeout);
 
     const std::string m_name;
+    const std::chrono::milliseconds m_joinTimeout;
     const std::shared_ptr<Run::State> m_state;
     // Only the owner's threads touch these, one at a time.
     std::mutex m_threadsMutex;

@@ -3,6 +3,7 @@
 #include "AudioMixer.h"
 #include "HandBrakeWrapper.h"
 #include "SublerWrapper.h"
+#include "audio/AudioThread.h"
 #include "base/Log.h"
 #include "base/Memory.h"
 #include "base/RegularFile.h"
@@ -13,7 +14,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QSaveFile>
-#include <QThread>
 
 #include <algorithm>
 #include <fcntl.h>
@@ -23,14 +23,13 @@
 namespace zandor {
 
 VideoRecorder::VideoRecorder(std::vector<LayoutPtr> layouts, CaptureSettings settings)
-    : Recorder(std::move(layouts)), m_settings(std::move(settings)),
-      m_audioThread(std::make_unique<QThread>()) {
+    : Recorder(std::move(layouts)), m_settings(std::move(settings)) {
     for (const auto& layout : this->layouts()) {
         m_videoRecords.insert(layout->name(), std::make_shared<VideoRecord>(layout));
     }
-    m_audioThread->setObjectName(QStringLiteral("zandor-audio"));
-    m_audioGameRecord = std::make_unique<AudioRecord>(QStringLiteral("Game"), m_audioThread.get());
-    m_audioNarratorRecord = std::make_unique<AudioRecord>(QStringLiteral("Narrator"), m_audioThread.get());
+    m_audioGameRecord = std::make_unique<AudioRecord>(QStringLiteral("Game"), AudioThread::instance());
+    m_audioNarratorRecord =
+        std::make_unique<AudioRecord>(QStringLiteral("Narrator"), AudioThread::instance());
 }
 
 namespace {
@@ -48,8 +47,6 @@ VideoRecorder::~VideoRecorder() {
     // Finalising stops both inputs; these end a recording that never got that far.
     m_audioNarratorRecord->stop();
     m_audioGameRecord->stop();
-    m_audioThread->quit();
-    m_audioThread->wait();
 }
 
 void VideoRecorder::shareGameInput(std::shared_ptr<AudioInput> input) {
@@ -114,9 +111,6 @@ bool VideoRecorder::start() {
         }
     }
     if (success) {
-        if (!m_audioThread->isRunning()) {
-            m_audioThread->start();
-        }
         m_audioGameRecord->share(m_sharedGameInput, std::chrono::milliseconds(m_settings.gameAudioOffsetMs));
         success = m_audioGameRecord->start(m_settings.gameAudioInput, m_bundlePath, true);
         if (success) {
