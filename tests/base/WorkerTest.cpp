@@ -64,9 +64,11 @@ TEST(Worker, AStoppedRunStaysStoppedWhenANewOneStartsBeforeItsThreadEnded) {
     Worker worker("test-worker", 50ms);
     Gate gate;
     std::atomic<int> oldRunActiveAfterRestart{-1};
+    Wakeup looked;
     worker.start([&](const Worker::Run& run) {
         gate.pass();
         oldRunActiveAfterRestart = run.active();
+        looked.signal();
     });
     ASSERT_TRUE(gate.waitForArrival());
     worker.stop();
@@ -85,9 +87,11 @@ TEST(Worker, AStoppedRunStaysStoppedWhenANewOneStartsBeforeItsThreadEnded) {
     EXPECT_EQ(Worker::running(), 2);
     EXPECT_EQ(log.count("The thread test-worker did not end within 50 ms"), 1u);
 
+    // The old thread looks while the new run goes on.
     gate.open();
-    EXPECT_TRUE(worker.stopAndJoin(20s));
+    ASSERT_TRUE(looked.wait(20s));
     EXPECT_EQ(oldRunActiveAfterRestart, 0) << "the old thread acted for the new run";
+    EXPECT_TRUE(worker.stopAndJoin(20s));
     EXPECT_EQ(Worker::running(), 0);
 }
 
