@@ -195,6 +195,40 @@ TEST_F(CaptureDeviceTest, LogsTheAverageRateOnEvery300thFrameOnly) {
     }
 }
 
+// The rate line of a run counts that run's frames: after a restart it comes with the new run's
+// 300th frame, whose time stamp it gives, and not earlier because of the frames of the run before.
+TEST_F(CaptureDeviceTest, TheRateLineCountsTheFramesOfItsOwnRun) {
+    m_device->setFramePeriod(0ns);
+    LogCapture log;
+    m_board->holdAt(100);
+    ASSERT_TRUE(m_device->startListening());
+    ASSERT_TRUE(m_board->waitUntilHeld(100, 90s));
+    auto probe = m_device->addObserver(m_wakeup);
+    std::thread stopper([this] { m_device->stopListening(); });
+    ASSERT_TRUE(test::waitUntilRemoved(*m_device, probe, *m_wakeup));
+    m_board->holdAt(101 + 300); // the held read ends the first run; the second asks for 300 frames
+    stopper.join();
+    ASSERT_EQ(log.countPrefix("Device FPS: "), 0u);
+
+    auto observer = m_device->addObserver(m_wakeup);
+    ASSERT_TRUE(m_device->startListening());
+    ASSERT_TRUE(m_board->waitUntilHeld(101 + 300, 90s));
+    EXPECT_EQ(m_device->count(), 300u);
+    std::vector<std::string> lines = log.lines();
+    std::erase_if(lines, [](const std::string& line) { return line.rfind("Device FPS: ", 0) != 0; });
+    ASSERT_EQ(lines.size(), 1u);
+    double fps = 0, seconds = 0;
+    ASSERT_EQ(std::sscanf(lines[0].c_str(), "Device FPS: %lf Timestamp: %lf", &fps, &seconds), 2);
+    EXPECT_NEAR(fps * seconds, 300, 0.01) << lines[0];
+    // The newest frame in the queue is the run's 300th.
+    CaptureDataPtr last;
+    while (auto frame = m_device->observe(observer)) {
+        last = frame;
+    }
+    ASSERT_TRUE(last);
+    EXPECT_NEAR(last->timestamp(), seconds, 1e-6) << "the line came with another frame than the 300th";
+}
+
 // A frame's number is its slot on the board's frame grid: a read that runs late skips the numbers of
 // the slots it missed, and a new run goes on above the last number, so that no two frames of the
 // device's life share one.
