@@ -87,6 +87,22 @@ TEST_F(LibusbBoardTest, AnUnpluggedBoardGivesBlackFramesUntilItIsPluggedInAgain)
     EXPECT_EQ(m_log.count("Capture device reconnected"), 1u);
 }
 
+// Pause lets the board go: while paused another program may claim it, and Play opens it again and
+// finds it free.
+TEST_F(LibusbBoardTest, PauseLetsTheBoardGoAndPlayFindsItFree) {
+    for (int run = 0; run < 2; ++run) {
+        const auto frames = test::playFrames(*m_device, m_wakeup, 3);
+        ASSERT_EQ(frames.size(), 3u) << "run " << run;
+        LibusbBoard other;
+        ASSERT_GE(other.init(), 0);
+        ASSERT_TRUE(other.openDeviceWithVidPid(raw::VendorId, raw::ProductId));
+        EXPECT_EQ(other.claimInterface(raw::Interface), usb::Success) << "the paused board is still claimed";
+        other.close();
+    }
+    EXPECT_EQ(m_board->busyClaims(), 0);
+    EXPECT_EQ(m_log.countPrefix("Another program is using the capture board"), 0u);
+}
+
 TEST_F(LibusbBoardTest, ANodeWeMayNotOpenNamesTheUdevRule) {
     m_board->setNodeMode(0);
     QTemporaryDir folder;
