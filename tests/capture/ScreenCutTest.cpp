@@ -43,13 +43,14 @@ std::vector<uint8_t> slowCut(const std::vector<uint8_t>& area, uint64_t width, u
     for (uint64_t i = 0; i < bytes; ++i) {
         if (cut[i] != expected[i]) {
             const uint64_t pixel = i / 3;
-            return ::testing::AssertionFailure() << width << " x " << height << ": pixel (" << pixel % width << ", "
-                                                 << pixel / width << ") differs";
+            return ::testing::AssertionFailure() << width << " x " << height << ": pixel (" << pixel % width
+                                                 << ", " << pixel / width << ") differs";
         }
     }
     for (uint64_t i = 0; i < Guard; ++i) {
         if (out[i] != GuardByte || out[Guard + bytes + i] != GuardByte) {
-            return ::testing::AssertionFailure() << width << " x " << height << ": written outside the screen";
+            return ::testing::AssertionFailure()
+                   << width << " x " << height << ": written outside the screen";
         }
     }
     return ::testing::AssertionSuccess();
