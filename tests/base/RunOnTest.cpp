@@ -1,4 +1,5 @@
 #include "base/RunOn.h"
+#include "base/Wakeup.h"
 
 #include <gtest/gtest.h>
 
@@ -34,14 +35,15 @@ TEST(RunOn, WorkRunsOnTheObjectsThreadOnlyWhileTheObjectLives) {
     EXPECT_EQ(ranOn, &thread);
     EXPECT_EQ(order, (std::vector<int>{1, 2}));
 
+    // The thread is held while the work is handed over, so the object lives at every hand-over
+    // and is gone before the thread gets to the last one.
     bool ran = false;
+    Wakeup gate;
     QObject* raw = context.get();
-    runAndWait(raw, [&context] {
-        // Destroyed on its own thread, before the work queued next reaches it.
-        QMetaObject::invokeMethod(
-            context.get(), [&context] { context.reset(); }, Qt::QueuedConnection);
-    });
+    runLater(raw, [&gate] { gate.wait(std::chrono::seconds(20)); });
+    runLater(raw, [&context] { context.reset(); });
     runLater(raw, [&ran] { ran = true; });
+    gate.signal();
     // A round trip through the thread's queue: everything queued before it has been handled.
     QObject probe;
     probe.moveToThread(&thread);
