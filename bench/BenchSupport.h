@@ -4,7 +4,7 @@
 // consumer of both screens, processor time by thread, and the plain-copy floor that figures are
 // compared with.
 
-#include "base/DetachedThread.h"
+#include "base/Worker.h"
 #include "base/Wakeup.h"
 #include "capture/CaptureDevice.h"
 #include "capture/CaptureScreen.h"
@@ -168,8 +168,8 @@ public:
 
     ~Pipeline() {
         m_device->stopListening();
-        if (!DetachedThread::waitForAll(2s)) {
-            fail("pipeline threads still running 2 s after stopping");
+        if (Worker::running() != 0) {
+            fail("pipeline threads still running after stopping");
         }
     }
 

@@ -1,4 +1,5 @@
-// Cutting both screens out of one raw frame, against a plain copy of the same bytes.
+// Cutting both screens out of one raw frame, against a plain copy of the same bytes. That the cut
+// is right, for every shape, is tests/capture's.
 
 #include "capture/CaptureScreen.h"
 #include "capture/RawFrame.h"
@@ -20,71 +21,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// The obvious cut, pixel by pixel: screen pixel (x, y) is raw pixel x * height + (height - 1 - y).
-std::vector<uint8_t> slowCut(const uint8_t* area, uint64_t width, uint64_t height) {
-    std::vector<uint8_t> rows(width * height * 3);
-    for (uint64_t y = 0; y < height; ++y) {
-        for (uint64_t x = 0; x < width; ++x) {
-            for (uint64_t c = 0; c < 3; ++c) {
-                rows[3 * (y * width + x) + c] = area[3 * (x * height + (height - 1 - y)) + c];
-            }
-        }
-    }
-    return rows;
-}
-
 std::vector<uint8_t> randomBytes(std::mt19937_64& random, uint64_t size) {
     std::vector<uint8_t> bytes(size);
     for (auto& b : bytes) {
         b = static_cast<uint8_t>(random());
     }
     return bytes;
-}
-
-// Cuts `area` (exactly width * height pixels, so an overrun shows under the sanitizers) into a
-// buffer with guard bytes around it and compares with the obvious cut. Aborts on a difference:
-// timing a wrong cut is worthless.
-void checkCut(const std::vector<uint8_t>& area, uint64_t width, uint64_t height) {
-    constexpr uint64_t Guard = 64;
-    constexpr uint8_t GuardByte = 0xA5;
-    const uint64_t bytes = width * height * 3;
-    std::vector<uint8_t> out(bytes + 2 * Guard, GuardByte);
-    CaptureScreen::cut(area.data(), out.data() + Guard, width, height);
-    const auto expected = slowCut(area.data(), width, height);
-    bool good = std::memcmp(out.data() + Guard, expected.data(), bytes) == 0;
-    for (uint64_t i = 0; i < Guard; ++i) {
-        good = good && out[i] == GuardByte && out[Guard + bytes + i] == GuardByte;
-    }
-    if (!good) {
-        std::fprintf(stderr, "CaptureScreen::cut differs from the obvious cut for a %llux%llu screen\n",
-                     static_cast<unsigned long long>(width), static_cast<unsigned long long>(height));
-        std::abort();
-    }
-}
-
-void checkCutOnce() {
-    static const bool checked = [] {
-        std::mt19937_64 random(20240611);
-        // Both real screens, over several random frames.
-        for (int n = 0; n < 8; ++n) {
-            const auto frame = randomBytes(random, raw::FrameBytes);
-            const std::vector<uint8_t> top(frame.begin() + raw::TopOffset,
-                                           frame.begin() + raw::TopOffset +
-                                               raw::TopWidth * raw::TopHeight * 3);
-            const std::vector<uint8_t> bottom(frame.begin() + raw::BottomOffset, frame.end());
-            checkCut(top, raw::TopWidth, raw::TopHeight);
-            checkCut(bottom, raw::BottomWidth, raw::BottomHeight);
-        }
-        // Odd shapes reach every edge case of a blocked cut: partial blocks, single rows/columns.
-        for (uint64_t width = 1; width <= 37; ++width) {
-            for (uint64_t height = 1; height <= 37; ++height) {
-                checkCut(randomBytes(random, width * height * 3), width, height);
-            }
-        }
-        checkCut(randomBytes(random, 401 * 241 * 3), 401, 241);
-        return true;
-    }();
-    benchmark::DoNotOptimize(checked);
 }
 
 // One raw frame and the buffers both screens and a plain copy write into.
@@ -118,7 +60,6 @@ struct Buffers {
 const auto FrameBytes = static_cast<int64_t>(raw::FrameBytes);
 
 void BM_CutBothScreens(benchmark::State& state) {
-    checkCutOnce();
     Buffers buffers;
     for (auto _ : state) {
         buffers.cutBoth();
@@ -150,7 +91,6 @@ double median(std::vector<double> values) {
 // machine disturbs less than means: cut_over_memcpy is the cut's time in units of the copy's.
 // The frame is in cache here; in the running pipeline it is not (see BM_PipelineCpu).
 void BM_CutOverMemcpy(benchmark::State& state) {
-    checkCutOnce();
     Buffers buffers;
     std::vector<double> cutSeconds, copySeconds;
     for (auto _ : state) {

@@ -2,6 +2,7 @@
 // both screens having published theirs, and the processor time the pipeline costs per second of
 // capture.
 
+#include "AllocationCount.h"
 #include "BenchSupport.h"
 
 #include "base/Log.h"
@@ -87,7 +88,9 @@ void BM_PipelineCpu(benchmark::State& state) {
             const double consumerStart = cpuSeconds(CLOCK_THREAD_CPUTIME_ID);
             const Usage usageStart = Usage::now();
             const auto threadsStart = threadCpuSeconds();
+            const Allocations allocationsStart = Allocations::now();
             pipeline.drainUntil(wallStart + CpuWindow, drain);
+            const Allocations allocationsEnd = Allocations::now();
             const auto threadsEnd = threadCpuSeconds();
             const Usage usageEnd = Usage::now();
             const double consumer = cpuSeconds(CLOCK_THREAD_CPUTIME_ID) - consumerStart;
@@ -110,6 +113,10 @@ void BM_PipelineCpu(benchmark::State& state) {
             state.counters["faults_per_frame"] = (usageEnd.minorFaults - usageStart.minorFaults) / perFrame;
             state.counters["switches_per_frame"] =
                 (usageEnd.contextSwitches - usageStart.contextSwitches) / perFrame;
+            state.counters["allocations_per_frame"] =
+                static_cast<double>(allocationsEnd.count - allocationsStart.count) / perFrame;
+            state.counters["allocated_kb_per_frame"] =
+                static_cast<double>(allocationsEnd.bytes - allocationsStart.bytes) / 1024 / perFrame;
             state.counters["fps"] = static_cast<double>(std::min(frames[0], frames[1])) / wall;
             state.counters["dropped"] = static_cast<double>(pipeline.droppedFrames());
         }

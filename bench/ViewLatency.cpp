@@ -7,7 +7,6 @@
 
 #include "app/CaptureLayoutView.h"
 #include "app/MainController.h"
-#include "base/DetachedThread.h"
 #include "base/Log.h"
 #include "capture/CaptureDevice.h"
 #include "capture/DemoBoard.h"
@@ -105,7 +104,6 @@ int main(int argc, char** argv) {
     device->stopListening();
     view.stopListening();
     layout->stopListening();
-    DetachedThread::waitForAll(std::chrono::seconds(3));
 
     auto& ms = clock.latenciesMs;
     if (ms.empty()) {

@@ -72,9 +72,9 @@ void CaptureLayoutView::paintEvent(QPaintEvent*) {
     QPainter painter(this);
     const qreal ratio = devicePixelRatioF();
     const QSize pixels = (QSizeF(size()) * ratio).toSize();
-    std::scoped_lock lock(m_feeder->lock());
-    CaptureDataPtr frame = m_feeder->frameToDraw();
-    LayoutPtr layout = m_feeder->layout();
+    auto shown = m_feeder->lock();
+    CaptureDataPtr frame = LayoutViewFeeder::frameToDraw(shown);
+    LayoutPtr layout = shown->layout;
     if (!frame || !layout || frame->size() < layout->size() || pixels.isEmpty()) {
         painter.fillRect(rect(), Qt::black);
         if (m_noSignal) {

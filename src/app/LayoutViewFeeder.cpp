@@ -1,95 +1,89 @@
 #include "LayoutViewFeeder.h"
 
-#include "base/DetachedThread.h"
-#include "base/Wakeup.h"
-
 namespace zandor {
 
-LayoutViewFeeder::LayoutViewFeeder(std::function<void()> redraw)
-    : m_redraw(std::move(redraw)), m_wakeup(std::make_shared<Wakeup>()) {}
+LayoutViewFeeder::LayoutViewFeeder(std::function<void()> redraw) : m_redraw(std::move(redraw)) {}
 
 void LayoutViewFeeder::setLayout(const LayoutPtr& layout) {
-    std::scoped_lock lock(m_lock);
-    m_layout = layout;
-    m_latest.reset();
-    m_older.reset();
+    auto shown = m_shown.lock();
+    shown->layout = layout;
+    shown->latest.reset();
+    shown->older.reset();
 }
 
 LayoutPtr LayoutViewFeeder::layout() {
-    std::scoped_lock lock(m_lock);
-    return m_layout;
+    return m_shown.lock()->layout;
 }
 
 bool LayoutViewFeeder::startListening() {
-    std::scoped_lock lock(m_lock);
-    if (m_listening || !m_layout) {
-        return m_listening;
+    if (isListening()) {
+        return true;
     }
-    m_observer = m_layout->addObserver(m_wakeup);
-    DetachedThread::start(
-        "zandor-view", [feeder = shared_from_this(), observer = m_observer] { feeder->listener(observer); });
-    m_listening = true;
+    m_worker.join();
+    auto shown = m_shown.lock();
+    if (shown->listening || !shown->layout) {
+        return shown->listening;
+    }
+    shown->observer = shown->layout->addObserver(m_worker.wakeup());
+    m_worker.start([feeder = shared_from_this(), observer = shown->observer](const Worker::Run& run) {
+        feeder->listener(run, observer);
+    });
+    shown->listening = true;
     return true;
 }
 
 void LayoutViewFeeder::stopListening() {
-    std::scoped_lock lock(m_lock);
-    if (!m_listening) {
-        return;
+    {
+        auto shown = m_shown.lock();
+        if (!shown->listening) {
+            return;
+        }
+        shown->layout->removeObserver(shown->observer);
+        shown->observer.reset();
+        shown->listening = false;
+        m_worker.stop();
     }
-    m_layout->removeObserver(m_observer);
-    m_observer.reset();
-    m_listening = false;
-    m_wakeup->signal();
+    m_worker.join();
 }
 
 bool LayoutViewFeeder::isListening() {
-    std::scoped_lock lock(m_lock);
-    return m_listening;
+    return m_shown.lock()->listening;
 }
 
-void LayoutViewFeeder::listener(const ObserverPtr& observer) {
-    for (;;) {
-        LayoutPtr layout;
-        {
-            std::scoped_lock lock(m_lock);
-            if (!m_listening || m_observer != observer) {
-                break;
-            }
-            layout = m_layout;
-        }
-        if (!updater(layout, observer)) {
-            m_wakeup->wait(Wakeup::IdleWait);
+void LayoutViewFeeder::listener(const Worker::Run& run, const ObserverPtr& observer) {
+    while (run.active()) {
+        if (!updater(layout(), observer)) {
+            run.wait();
         }
     }
 }
 
 bool LayoutViewFeeder::updater(const LayoutPtr& layout, const ObserverPtr& observer) {
     // Pulled without holding our lock: drawing is never held up by the layout.
-    CaptureDataPtr frame = layout->observable(observer) ? layout->observe(observer) : nullptr;
+    CaptureDataPtr frame = layout ? layout->observe(observer) : nullptr;
     if (!frame) {
         return false;
     }
     {
-        std::scoped_lock lock(m_lock);
-        if (m_layout != layout) {
+        auto shown = m_shown.lock();
+        if (shown->layout != layout) {
             return true; // the frame belongs to a layout no longer shown
         }
-        m_latest = std::move(frame); // a frame not drawn yet is simply replaced
+        shown->latest = std::move(frame); // a frame not drawn yet is simply replaced
     }
     m_redraw();
     return true;
 }
 
-CaptureDataPtr LayoutViewFeeder::frameToDraw() {
-    if (!m_layout) {
+CaptureDataPtr LayoutViewFeeder::frameToDraw(const Locked& shown) {
+    if (!shown->layout) {
         return nullptr;
     }
-    if (m_latest) {
-        m_older = std::move(m_latest);
-        return m_older;
+    if (shown->latest) {
+        shown->older = std::move(shown->latest);
+        return shown->older;
     }
-    CaptureDataPtr again = std::move(m_older);
+    CaptureDataPtr again = std::move(shown->older);
     return again;
 }
 

@@ -1,23 +1,18 @@
 #include "GameAudio.h"
 
 #include "AudioInput.h"
+#include "AudioThread.h"
 #include "base/Log.h"
 #include "base/RunOn.h"
 
 #include <QAudioDevice>
-#include <QThread>
 
 namespace zandor {
 
-GameAudio::GameAudio() : m_thread(std::make_unique<QThread>()) {
-    m_thread->setObjectName(QStringLiteral("zandor-game"));
-    m_thread->start();
-}
+GameAudio::GameAudio() = default;
 
 GameAudio::~GameAudio() {
     stop();
-    m_thread->quit();
-    m_thread->wait();
 }
 
 bool GameAudio::start(const QString& deviceId) {
@@ -41,7 +36,7 @@ bool GameAudio::start(const QString& deviceId) {
         return false;
     }
     auto input = std::make_shared<AudioInput>(QStringLiteral("Game"));
-    input->moveToThread(m_thread.get());
+    input->moveToThread(AudioThread::instance());
     const bool listening = m_listening;
     const double volume = m_volume;
     const bool started = runAndWait(input.get(), [this, input, device, listening, volume] {

@@ -6,13 +6,11 @@
 #include <memory>
 #include <mutex>
 
-class QThread;
-
 namespace zandor {
 
 class AudioInput;
 
-// The "Game" input kept open while the picture plays, on a thread of its own: listened to through
+// The "Game" input kept open while the picture plays, on the audio thread: listened to through
 // the default output when the user wants, and shared by the recordings' game track and the replay
 // buffer, so that the sound is heard once and a recording's sound starts with its first frame. Its
 // methods may be called from any thread.
@@ -37,7 +35,6 @@ public:
     void setLostHandler(std::function<void()> handler);
 
 private:
-    std::unique_ptr<QThread> m_thread;
     // Guards the input and the settings below, which a new input takes over.
     std::mutex m_lock;
     std::shared_ptr<AudioInput> m_input;

@@ -1,9 +1,7 @@
 #include "CameraOutput.h"
 
 #include "PipeWireCamera.h"
-#include "base/DetachedThread.h"
 #include "base/Log.h"
-#include "base/Wakeup.h"
 
 namespace zandor {
 
@@ -14,7 +12,7 @@ constexpr std::chrono::seconds StopTimeout{2};
 
 } // namespace
 
-CameraOutput::CameraOutput() : m_wakeup(std::make_shared<Wakeup>()) {}
+CameraOutput::CameraOutput() = default;
 
 CameraOutput::~CameraOutput() = default;
 
@@ -27,14 +25,15 @@ std::string CameraOutput::description(const CaptureLayout& layout) {
 }
 
 void CameraOutput::setFailureHandler(std::function<void(const std::string& reason)> handler) {
-    std::scoped_lock lock(m_lock);
-    m_failureHandler = std::move(handler);
+    m_sharing.lock()->failureHandler = std::move(handler);
 }
 
 bool CameraOutput::start(const LayoutPtr& layout, std::string* reason) {
     if (isSharing()) {
         return true;
     }
+    // A run that failed on its own leaves its thread ending; it is joined before the next begins.
+    m_worker.join(StopTimeout);
     // Connecting waits for the daemon: done before taking the lock, so nobody waits on us meanwhile.
     auto camera = std::make_shared<PipeWireCamera>();
     std::string error;
@@ -46,100 +45,101 @@ bool CameraOutput::start(const LayoutPtr& layout, std::string* reason) {
         return false;
     }
     {
-        std::scoped_lock lock(m_lock);
-        m_camera = camera;
-        m_layout = layout;
-        m_observer = layout->addObserver(m_wakeup);
+        auto sharing = m_sharing.lock();
+        sharing->camera = camera;
+        sharing->layout = layout;
+        sharing->observer = layout->addObserver(m_worker.wakeup());
         layout->startListening();
-        m_dropLogged = false;
-        ++m_threads;
+        sharing->dropLogged = false;
+        m_worker.start(
+            [output = shared_from_this(), camera](const Worker::Run& run) { output->listener(run, camera); });
     }
     logs::camera.info("Sharing the layout %s as a camera (node %u)", qUtf8Printable(layout->name()),
                       camera->nodeId());
-    DetachedThread::start("zandor-camera",
-                          [output = shared_from_this(), camera] { output->listener(camera); });
     return true;
 }
 
 void CameraOutput::setLayout(const LayoutPtr& layout) {
-    std::scoped_lock lock(m_lock);
-    if (!m_camera || m_layout == layout) {
-        return;
+    LayoutPtr previous;
+    {
+        auto sharing = m_sharing.lock();
+        if (!sharing->camera || sharing->layout == layout) {
+            return;
+        }
+        previous = sharing->layout;
+        previous->removeObserver(sharing->observer);
+        sharing->layout = layout;
+        sharing->observer = layout->addObserver(m_worker.wakeup());
+        layout->startListening();
+        sharing->camera->resize(uint32_t(layout->width()), uint32_t(layout->height()), description(*layout));
     }
-    m_layout->removeObserver(m_observer);
-    m_layout->stopListening();
-    m_layout = layout;
-    m_observer = layout->addObserver(m_wakeup);
-    layout->startListening();
-    m_camera->resize(uint32_t(layout->width()), uint32_t(layout->height()), description(*layout));
-    m_wakeup->signal();
+    m_worker.wakeup()->signal();
+    // Outside our lock: a layout's stop joins its thread.
+    previous->stopListening();
+}
+
+void CameraOutput::endRun(const Locked& sharing) {
+    sharing->layout->removeObserver(sharing->observer);
+    sharing->layout.reset();
+    sharing->observer.reset();
+    sharing->camera.reset();
+    m_worker.stop();
 }
 
 void CameraOutput::stop() {
-    std::shared_ptr<PipeWireCamera> camera;
+    LayoutPtr layout;
     {
-        std::unique_lock lock(m_lock);
-        if (!m_camera) {
-            return;
+        auto sharing = m_sharing.lock();
+        if (sharing->camera) {
+            layout = sharing->layout;
+            // The thread holds the node until it has ended; the node goes with its reference.
+            endRun(sharing);
         }
-        m_layout->removeObserver(m_observer);
-        m_layout->stopListening();
-        m_layout.reset();
-        m_observer.reset();
-        camera = std::move(m_camera);
-        m_wakeup->signal();
-        // The thread is let go of only here: once it is done with the camera, the node goes with
-        // this function's reference.
-        m_finished.wait_for(lock, StopTimeout, [this] { return m_threads == 0; });
     }
-    logs::camera.info("Stopped sharing the picture as a camera (%llu frames sent, %llu dropped)",
-                      static_cast<unsigned long long>(m_sent), static_cast<unsigned long long>(m_dropped));
+    if (layout) {
+        layout->stopListening();
+    }
+    // Also the thread of a run the daemon ended.
+    m_worker.join(StopTimeout);
+    if (layout) {
+        logs::camera.info("Stopped sharing the picture as a camera (%llu frames sent, %llu dropped)",
+                          static_cast<unsigned long long>(m_sent),
+                          static_cast<unsigned long long>(m_dropped));
+    }
 }
 
 bool CameraOutput::isSharing() {
-    std::scoped_lock lock(m_lock);
-    return m_camera != nullptr;
+    return m_sharing.lock()->camera != nullptr;
 }
 
 LayoutPtr CameraOutput::layout() {
-    std::scoped_lock lock(m_lock);
-    return m_layout;
+    return m_sharing.lock()->layout;
 }
 
 uint32_t CameraOutput::nodeId() {
-    std::scoped_lock lock(m_lock);
-    return m_camera ? m_camera->nodeId() : 0;
+    auto sharing = m_sharing.lock();
+    return sharing->camera ? sharing->camera->nodeId() : 0;
 }
 
-void CameraOutput::listener(const std::shared_ptr<PipeWireCamera>& camera) {
-    for (;;) {
-        {
-            std::scoped_lock lock(m_lock);
-            // A stop followed at once by a new start gives the new run its own thread.
-            if (m_camera != camera) {
-                break;
-            }
-        }
+void CameraOutput::listener(const Worker::Run& run, const std::shared_ptr<PipeWireCamera>& camera) {
+    while (run.active()) {
         if (!update(camera)) {
             if (std::string failure = camera->failure(); !failure.empty()) {
                 fail(camera, failure);
                 break;
             }
-            m_wakeup->wait(Wakeup::IdleWait);
+            run.wait();
         }
     }
-    std::scoped_lock lock(m_lock);
-    --m_threads;
-    m_finished.notify_all();
 }
 
 bool CameraOutput::update(const std::shared_ptr<PipeWireCamera>& camera) {
     LayoutPtr layout;
     ObserverPtr observer;
     {
-        std::scoped_lock lock(m_lock);
-        layout = m_layout;
-        observer = m_observer;
+        auto sharing = m_sharing.lock();
+        layout = sharing->layout;
+        observer = sharing->observer;
     }
     // Taken and sent without our lock: a stop or a layout change never waits for a frame's copy.
     CaptureDataPtr frame = layout ? layout->observe(observer) : nullptr;
@@ -156,9 +156,9 @@ bool CameraOutput::update(const std::shared_ptr<PipeWireCamera>& camera) {
         break;
     case PipeWireCamera::Sent::NoBuffer: {
         ++m_dropped;
-        std::scoped_lock lock(m_lock);
-        if (!m_dropLogged) {
-            m_dropLogged = true;
+        auto sharing = m_sharing.lock();
+        if (!sharing->dropLogged) {
+            sharing->dropLogged = true;
             logs::camera.info("A consumer of the camera holds every buffer: its frames are dropped");
         }
         break;
@@ -172,18 +172,17 @@ bool CameraOutput::update(const std::shared_ptr<PipeWireCamera>& camera) {
 
 void CameraOutput::fail(const std::shared_ptr<PipeWireCamera>& camera, const std::string& reason) {
     std::function<void(const std::string&)> handler;
+    LayoutPtr layout;
     {
-        std::scoped_lock lock(m_lock);
-        if (m_camera != camera) {
+        auto sharing = m_sharing.lock();
+        if (sharing->camera != camera) {
             return; // stopped meanwhile
         }
-        m_layout->removeObserver(m_observer);
-        m_layout->stopListening();
-        m_layout.reset();
-        m_observer.reset();
-        m_camera.reset();
-        handler = m_failureHandler;
+        layout = sharing->layout;
+        endRun(sharing);
+        handler = sharing->failureHandler;
     }
+    layout->stopListening();
     logs::camera.error("%s%s", FailurePrefix, reason.c_str());
     if (handler) {
         handler(reason);

@@ -1,20 +1,18 @@
 #pragma once
 
+#include "base/Guarded.h"
+#include "base/Worker.h"
 #include "capture/Observer.h"
 #include "layouts/CaptureLayout.h"
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace zandor {
 
 class PipeWireCamera;
-class Wakeup;
 
 // Shares one layout's picture as a camera on the desktop's PipeWire, for OBS, browsers and calls.
 // Like a recorder it subscribes to the layout and takes every frame on a thread of its own, asleep
@@ -58,25 +56,29 @@ public:
 
 private:
     CameraOutput();
-    void listener(const std::shared_ptr<PipeWireCamera>& camera);
+    // What the camera's thread and its callers share.
+    struct Sharing {
+        std::function<void(const std::string&)> failureHandler;
+        std::shared_ptr<PipeWireCamera> camera; // the current run's node, null while not sharing
+        LayoutPtr layout;
+        ObserverPtr observer;
+        bool dropLogged = false; // the first drop of a run is logged
+    };
+    using Locked = Guarded<Sharing>::Locked;
+
+    void listener(const Worker::Run& run, const std::shared_ptr<PipeWireCamera>& camera);
     // Sends one waiting frame; false when none waited.
     bool update(const std::shared_ptr<PipeWireCamera>& camera);
     // Stops sharing after the daemon ended the camera, and reports it.
     void fail(const std::shared_ptr<PipeWireCamera>& camera, const std::string& reason);
+    // Unsubscribes from the layout and ends the run.
+    void endRun(const Locked& sharing);
 
-    const std::shared_ptr<Wakeup> m_wakeup;
     std::atomic<uint64_t> m_sent{0};
     std::atomic<uint64_t> m_dropped{0};
-
-    // Guards everything below, between the camera's thread and its callers.
-    std::mutex m_lock;
-    std::condition_variable m_finished;
-    std::function<void(const std::string&)> m_failureHandler;
-    std::shared_ptr<PipeWireCamera> m_camera; // the current run's node, null while not sharing
-    LayoutPtr m_layout;
-    ObserverPtr m_observer;
-    bool m_dropLogged = false; // the first drop of a run is logged
-    int m_threads = 0;
+    Guarded<Sharing> m_sharing;
+    // Last: destroyed first, it joins the thread before the members above go.
+    Worker m_worker{"zandor-camera"};
 };
 
 using CameraOutputPtr = std::shared_ptr<CameraOutput>;

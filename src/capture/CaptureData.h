@@ -6,6 +6,8 @@
 
 namespace zandor {
 
+class FramePool;
+
 // One frame: an owned block of bytes, the seconds since the device started listening, the
 // wall-clock time it was taken, which places it beside the sound recorded at the same moment, and
 // its number: the slot on the board's frame grid it was taken in (see CaptureDevice), which
@@ -18,13 +20,16 @@ public:
     // A frame over a block that other frames share (the same black picture, say); it is never
     // written.
     CaptureData(std::shared_ptr<uint8_t[]> sharedBlock, uint64_t size);
+    // A frame over a block of `pool`, which gets it back when the frame goes (see FramePool::take).
+    CaptureData(uint8_t* pooledBlock, uint64_t size, std::shared_ptr<FramePool> pool);
+    ~CaptureData();
     CaptureData(const CaptureData&) = delete;
     CaptureData& operator=(const CaptureData&) = delete;
 
     static std::shared_ptr<CaptureData> create(uint64_t size) { return std::make_shared<CaptureData>(size); }
 
-    uint8_t* data() { return m_data.get(); }
-    const uint8_t* data() const { return m_data.get(); }
+    uint8_t* data() { return m_bytes; }
+    const uint8_t* data() const { return m_bytes; }
     uint64_t size() const { return m_size; }
     double timestamp() const { return m_timestamp; }
     void setTimestamp(double seconds) { m_timestamp = seconds; }
@@ -45,7 +50,9 @@ public:
     std::shared_ptr<CaptureData> copy() const;
 
 private:
-    std::shared_ptr<uint8_t[]> m_data;
+    std::shared_ptr<uint8_t[]> m_data; // a block of its own or a shared one; null for a pooled block
+    std::shared_ptr<FramePool> m_pool;
+    uint8_t* m_bytes;
     uint64_t m_size;
     double m_timestamp = 0;
     std::chrono::system_clock::time_point m_wallClock{};

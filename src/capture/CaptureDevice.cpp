@@ -3,7 +3,6 @@
 #include "CaptureScreen.h"
 #include "RawFrame.h"
 #include "UsbBoard.h"
-#include "base/DetachedThread.h"
 #include "base/Log.h"
 
 #include <algorithm>
@@ -15,25 +14,31 @@ namespace zandor {
 
 std::shared_ptr<CaptureDevice> CaptureDevice::create(std::unique_ptr<UsbBoard> board) {
     std::shared_ptr<CaptureDevice> device(new CaptureDevice(std::move(board)));
-    device->m_screens[0] =
-        std::make_shared<CaptureScreen>(raw::TopWidth, raw::TopHeight, raw::TopOffset, device);
+    device->m_screens[0] = std::make_shared<CaptureScreen>(raw::TopWidth, raw::TopHeight, raw::TopOffset);
     device->m_screens[1] =
-        std::make_shared<CaptureScreen>(raw::BottomWidth, raw::BottomHeight, raw::BottomOffset, device);
+        std::make_shared<CaptureScreen>(raw::BottomWidth, raw::BottomHeight, raw::BottomOffset);
     return device;
 }
 
 CaptureDevice::CaptureDevice(std::unique_ptr<UsbBoard> board)
     : Observable(QueueLength), m_board(std::move(board)) {}
 
-CaptureDevice::~CaptureDevice() = default;
-
-void CaptureDevice::waitForPreviousThread() {
-    if (isListening()) {
-        return; // a second start while listening adds a second thread, as it always did
+CaptureDevice::~CaptureDevice() {
+    // The screens read the device's queues: they end before it.
+    for (auto& screen : m_screens) {
+        if (screen) {
+            screen->stopListening();
+            screen->join();
+        }
     }
-    std::unique_lock lock(m_threadMutex);
-    // A previous thread ends within one frame request (bulk reads time out after 50 ms).
-    m_threadEnded.wait_for(lock, std::chrono::seconds(2), [this] { return m_threadsRunning == 0; });
+}
+
+void CaptureDevice::joinThreads() {
+    // A thread ends within one frame request (bulk reads time out after 50 ms).
+    for (auto& screen : m_screens) {
+        screen->join();
+    }
+    m_worker.join();
 }
 
 namespace {
@@ -87,8 +92,14 @@ CaptureDevice::Failure CaptureDevice::openBoard(bool quiet) {
 }
 
 bool CaptureDevice::startListening() {
-    waitForPreviousThread();
+    if (isListening()) {
+        return true;
+    }
+    joinThreads();
     std::scoped_lock lock(m_lock);
+    if (m_listening) {
+        return true;
+    }
     m_failure = openBoard(false);
     if (m_failure == Failure::None) {
         m_count = 0;
@@ -97,32 +108,31 @@ bool CaptureDevice::startListening() {
         m_runOrigin.reset();
         m_listening = true;
         m_disconnected = false;
-        {
-            std::scoped_lock threadLock(m_threadMutex);
-            ++m_threadsRunning;
-        }
-        DetachedThread::start("zandor-device", [device = self<CaptureDevice>()] { device->listener(); });
-    }
-    if (m_listening) {
+        m_worker.start([device = self<CaptureDevice>()](const Worker::Run& run) { device->listener(run); });
         for (auto& screen : m_screens) {
-            screen->startListening();
+            screen->startListening(*this);
         }
     }
     return m_listening;
 }
 
 void CaptureDevice::stopListening() {
-    std::scoped_lock lock(m_lock);
-    for (auto& screen : m_screens) {
-        screen->stopListening();
+    {
+        std::scoped_lock lock(m_lock);
+        for (auto& screen : m_screens) {
+            screen->stopListening();
+        }
+        removeObservers();
+        m_listening = false;
+        m_worker.stop();
+        endDropRun();
+        if (const uint64_t dropped = m_drops.endRun()) {
+            logs::capture.warning(
+                "%llu frames were skipped in this run as the device buffer became too large",
+                static_cast<unsigned long long>(dropped));
+        }
     }
-    removeObservers();
-    m_listening = false;
-    endDropRun();
-    if (const uint64_t dropped = m_drops.endRun()) {
-        logs::capture.warning("%llu frames were skipped in this run as the device buffer became too large",
-                              static_cast<unsigned long long>(dropped));
-    }
+    joinThreads();
 }
 
 bool CaptureDevice::isListening() {
@@ -234,7 +244,7 @@ void CaptureDevice::frameRequest(std::chrono::steady_clock::time_point due) {
         // While the board is away every frame is the same black picture: one block serves them all.
         frame = std::make_shared<CaptureData>(m_black, raw::BlockBytes);
     } else {
-        frame = CaptureData::create(raw::BlockBytes);
+        frame = m_pool->take();
         if (receiveFrame(*frame) != Complete) {
             std::memset(frame->data(), 0, frame->size());
             vanished = m_lastRead == usb::ErrorNoDevice;
@@ -333,7 +343,7 @@ void CaptureDevice::tryReconnect() {
     notifyConnection(true);
 }
 
-void CaptureDevice::listener() {
+void CaptureDevice::listener(const Worker::Run& run) {
     // The kernel may wake a sleeper up to its timer slack (50 µs by default) late; at 60 frames a
     // second that lateness adds up to a frame lost every few seconds. This thread asks for none.
     prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
@@ -341,32 +351,25 @@ void CaptureDevice::listener() {
     // push every later pass back, so the board gives its full 60 frames a second. A request that
     // takes longer than a period starts the next pass at once.
     auto passStart = std::chrono::steady_clock::now();
-    for (;;) {
-        bool listening;
+    while (run.active()) {
         std::chrono::nanoseconds period;
         {
             std::scoped_lock lock(m_lock);
-            listening = m_listening;
             period = m_framePeriod;
         }
-        if (listening) {
-            if (isDisconnected()) {
-                tryReconnect();
-            }
-            frameRequest(passStart);
+        if (isDisconnected()) {
+            tryReconnect();
         }
+        frameRequest(passStart);
         passStart = std::max(passStart + period, std::chrono::steady_clock::now());
-        std::this_thread::sleep_until(passStart);
-        if (!listening) {
-            break;
-        }
+        // Woken early only by a stop.
+        run.wait(passStart - std::chrono::steady_clock::now());
     }
     if (isDisconnected()) {
         m_board->stopWatching();
     }
-    std::scoped_lock threadLock(m_threadMutex);
-    --m_threadsRunning;
-    m_threadEnded.notify_all();
+    // The handle is this thread's while the run lasts; a paused board is free for others.
+    m_board->close();
 }
 
 } // namespace zandor

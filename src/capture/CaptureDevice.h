@@ -1,14 +1,15 @@
 #pragma once
 
+#include "FramePool.h"
 #include "Observable.h"
+#include "RawFrame.h"
+#include "base/Worker.h"
 
 #include <array>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 
 namespace zandor {
@@ -52,10 +53,13 @@ public:
     ~CaptureDevice() override;
 
     // Opens the board and starts the device thread and both screens. Returns whether the device
-    // is now listening.
+    // is now listening; a second start while listening does nothing.
     // Take the device's lock, then each screen's to start or stop it (see Observable.h). Call
-    // them holding no other producer's lock.
+    // them holding no producer's lock: they join the threads of the run before.
     bool startListening();
+    // Ends the run and waits, bounded, for the device's and the screens' threads to end; the
+    // device thread lets the board go as it ends, so that another program (or the next run) can
+    // claim it.
     void stopListening();
     bool isListening();
     Failure failure();
@@ -87,8 +91,9 @@ public:
 
 private:
     explicit CaptureDevice(std::unique_ptr<UsbBoard> board);
-    void listener();
-    void waitForPreviousThread();
+    void listener(const Worker::Run& run);
+    // Waits for the threads of the previous run. Holding no lock.
+    void joinThreads();
     // The opening sequence up to the frame start request and its pause; `quiet` for the attempts
     // while waiting for a vanished board, which must not fill the log.
     Failure openBoard(bool quiet);
@@ -97,6 +102,8 @@ private:
     void notifyConnection(bool connected);
 
     std::unique_ptr<UsbBoard> m_board;
+    // A full queue, the frame a consumer has in hand and the one being read.
+    const FramePoolPtr m_pool = FramePool::create(raw::BlockBytes, QueueLength + 2);
     std::array<std::shared_ptr<CaptureScreen>, 2> m_screens;
 
     // Guarded by the Observable lock.
@@ -123,11 +130,10 @@ private:
     std::chrono::steady_clock::time_point m_nextAttempt;
     std::chrono::steady_clock::time_point m_retryUntil;
 
-    // Device threads still running. A restart after a stop waits for the previous one to end, so
-    // that its last request cannot mix with the new run's counters and handle.
-    std::mutex m_threadMutex;
-    std::condition_variable m_threadEnded;
-    int m_threadsRunning = 0;
+    // Last: destroyed first, it joins the thread before the members above go. A restart joins
+    // the previous run's thread first, so that its last request cannot mix with the new run's
+    // counters and handle.
+    Worker m_worker{"zandor-device"};
 };
 
 } // namespace zandor

@@ -1,9 +1,6 @@
 #include "CaptureScreen.h"
 
-#include "CaptureDevice.h"
-#include "base/DetachedThread.h"
 #include "base/Log.h"
-#include "base/Wakeup.h"
 
 #include <algorithm>
 #include <bit>
@@ -11,46 +8,42 @@
 
 namespace zandor {
 
-CaptureScreen::CaptureScreen(uint64_t width, uint64_t height, uint64_t offset,
-                             const std::shared_ptr<CaptureDevice>& device)
-    : Observable(QueueLength), m_width(width), m_height(height), m_offset(offset), m_device(device),
-      m_wakeup(std::make_shared<Wakeup>()) {}
+CaptureScreen::CaptureScreen(uint64_t width, uint64_t height, uint64_t offset)
+    : Observable(QueueLength), m_width(width), m_height(height), m_offset(offset),
+      m_pool(FramePool::create(width * height * 3, QueueLength + 2)),
+      m_worker(offset == 0 ? "zandor-top" : "zandor-bottom") {}
 
-bool CaptureScreen::startListening() {
-    auto device = m_device.lock();
-    if (!device) {
-        return true;
-    }
-    // The device's lock first (the device already holds it when it starts its screens), so that
-    // a screen started on its own takes the two in the same order.
-    std::scoped_lock deviceLock(*device);
+CaptureScreen::~CaptureScreen() {
+    m_worker.stopAndJoin();
+}
+
+bool CaptureScreen::startListening(Observable& source) {
     std::scoped_lock lock(m_lock);
     if (!m_listening) {
-        m_observer = device->addObserver(m_wakeup);
-        DetachedThread::start(m_offset == 0 ? "zandor-top" : "zandor-bottom",
-                              [screen = self<CaptureScreen>(), device, observer = m_observer] {
-                                  screen->listener(device, observer);
-                              });
+        m_source = &source;
+        m_observer = source.addObserver(m_worker.wakeup());
+        // The thread owns the run's subscription: frames still queued in it go when the thread
+        // ends, not at the next start.
+        m_worker.start([this, &source, observer = m_observer](const Worker::Run& run) {
+            while (run.active()) {
+                if (!update(source, observer)) {
+                    run.wait();
+                }
+            }
+        });
         m_listening = true;
     }
     return true;
 }
 
 void CaptureScreen::stopListening() {
-    auto device = m_device.lock();
-    // As in startListening: the device's lock before the screen's.
-    std::unique_lock<Observable> deviceLock;
-    if (device) {
-        deviceLock = std::unique_lock<Observable>(*device);
-    }
     std::scoped_lock lock(m_lock);
-    if (device) {
-        device->removeObserver(m_observer);
+    if (m_source) {
+        m_source->removeObserver(m_observer);
     }
-    // The thread holds its own reference to the observer; frames still queued in it go when the
-    // thread ends, not at the next start.
     m_observer = nullptr;
     m_listening = false;
+    m_worker.stop();
     endDropRun();
     if (const uint64_t dropped = m_drops.endRun()) {
         logs::capture.warning(
@@ -58,7 +51,10 @@ void CaptureScreen::stopListening() {
             "became too large",
             static_cast<unsigned long long>(dropped), static_cast<long>(m_offset));
     }
-    m_wakeup->signal();
+}
+
+bool CaptureScreen::join() {
+    return m_worker.join();
 }
 
 bool CaptureScreen::isListening() {
@@ -66,32 +62,13 @@ bool CaptureScreen::isListening() {
     return m_listening;
 }
 
-void CaptureScreen::listener(const std::shared_ptr<CaptureDevice>& device, const ObserverPtr& observer) {
-    for (;;) {
-        {
-            std::scoped_lock lock(m_lock);
-            // A stop followed at once by a start gives the screen a new observer and a new thread;
-            // this one then ends instead of sharing the queue.
-            if (!m_listening || m_observer != observer) {
-                break;
-            }
-        }
-        if (!update(*device, observer)) {
-            m_wakeup->wait(Wakeup::IdleWait);
-        }
-    }
-}
-
-bool CaptureScreen::update(CaptureDevice& device, const ObserverPtr& observer) {
-    // The device's lock is taken only inside observable/observe; ours only to publish.
-    if (!device.observable(observer)) {
-        return false;
-    }
-    CaptureDataPtr raw = device.observe(observer);
+bool CaptureScreen::update(Observable& source, const ObserverPtr& observer) {
+    // The source's lock is taken only inside observe; ours only to publish.
+    CaptureDataPtr raw = source.observe(observer);
     if (!raw) {
         return false;
     }
-    auto frame = CaptureData::create(m_width * m_height * 3);
+    auto frame = m_pool->take();
     frame->takeTimesOf(*raw);
     cut(raw->data() + m_offset, frame->data(), m_width, m_height);
 

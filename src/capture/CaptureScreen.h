@@ -1,35 +1,37 @@
 #pragma once
 
+#include "FramePool.h"
 #include "Observable.h"
+#include "base/Worker.h"
 
 #include <cstdint>
 #include <memory>
 
 namespace zandor {
 
-class CaptureDevice;
-class Wakeup;
-
-// One of the handheld's two screens: takes each raw frame from the device, turns its own
-// column-wise area into rows of 3 bytes a pixel and publishes that with the raw frame's time stamp.
+// One of the handheld's two screens: takes each raw frame from its source (the device), turns its
+// own column-wise area into rows of 3 bytes a pixel and publishes that with the raw frame's time
+// stamp. It knows its source only while a run lasts, as the Observable handed to startListening.
 class CaptureScreen final : public Observable {
 public:
     static constexpr uint64_t QueueLength = 20;
 
-    // The device owns its screens; a screen refers back to it weakly, and its thread holds the
-    // device for as long as it runs.
-    CaptureScreen(uint64_t width, uint64_t height, uint64_t offset,
-                  const std::shared_ptr<CaptureDevice>& device);
+    CaptureScreen(uint64_t width, uint64_t height, uint64_t offset);
+    ~CaptureScreen() override;
 
     uint64_t width() const { return m_width; }
     uint64_t height() const { return m_height; }
     uint64_t offset() const { return m_offset; }
-    std::shared_ptr<CaptureDevice> device() const { return m_device.lock(); }
 
-    // Called by the device, which holds its lock (see Observable.h): they take the device's lock
-    // (again) and then the screen's, and subscribe to the device or unsubscribe.
-    bool startListening();
+    // Subscribes to `source` and starts the screen's thread; a second start while listening does
+    // nothing. The source must outlive the run: its owner stops and joins the screen first.
+    // Called by the device holding its own lock (see Observable.h); they take the screen's.
+    bool startListening(Observable& source);
+    // Unsubscribes from the source and ends the run; join() then waits for the thread. Called
+    // holding the source's lock.
     void stopListening();
+    // Waits, bounded, for the thread of the last run to end. Call holding no producer's lock.
+    bool join();
     bool isListening();
 
     // Cuts one screen out of the board's storage: `area` holds `width` columns, left first, each
@@ -37,19 +39,22 @@ public:
     static void cut(const uint8_t* area, uint8_t* rows, uint64_t width, uint64_t height);
 
 private:
-    void listener(const std::shared_ptr<CaptureDevice>& device, const ObserverPtr& observer);
-    bool update(CaptureDevice& device, const ObserverPtr& observer);
+    bool update(Observable& source, const ObserverPtr& observer);
 
     const uint64_t m_width;
     const uint64_t m_height;
     const uint64_t m_offset;
-    const std::weak_ptr<CaptureDevice> m_device;
-    const std::shared_ptr<Wakeup> m_wakeup;
+    // A full queue, the frame a consumer has in hand and the one being cut.
+    const FramePoolPtr m_pool;
 
     // Guarded by the Observable lock.
     bool m_listening = false;
     DropReport m_drops; // guarded by m_lock
+    Observable* m_source = nullptr;
     ObserverPtr m_observer;
+
+    // Last: it joins the thread before the members above go.
+    Worker m_worker;
 };
 
 } // namespace zandor

@@ -23,16 +23,28 @@ void Observable::removeObserver(const ObserverPtr& observer) {
     std::scoped_lock lock(m_lock);
     // The entry under this key may already belong to a newer observer that took over the
     // identifier; the key decides, as for every other lookup.
-    m_observers.erase(observer->key());
+    if (auto entry = m_observers.find(observer->key()); entry != m_observers.end()) {
+        entry->second->wake();
+        m_observers.erase(entry);
+    }
 }
 
 void Observable::removeObservers() {
+    for (auto& [key, observer] : m_observers) {
+        observer->wake();
+    }
     m_observers.clear();
 }
 
 bool Observable::hasObservers() {
     std::scoped_lock lock(m_lock);
     return !m_observers.empty();
+}
+
+bool Observable::hasObserver(const ObserverPtr& observer) {
+    std::scoped_lock lock(m_lock);
+    auto entry = observer ? m_observers.find(observer->key()) : m_observers.end();
+    return entry != m_observers.end() && entry->second == observer;
 }
 
 bool Observable::add(const CaptureDataPtr& frame) {
@@ -53,7 +65,7 @@ bool Observable::add(const CaptureDataPtr& frame) {
 
 bool Observable::observable(const ObserverPtr& observer) {
     std::scoped_lock lock(m_lock);
-    return observer && !observer->queue().empty();
+    return observer && !observer->empty();
 }
 
 CaptureDataPtr Observable::observe(const ObserverPtr& observer) {
@@ -63,12 +75,12 @@ CaptureDataPtr Observable::observe(const ObserverPtr& observer) {
 
 CaptureDataPtr Observable::peek(const ObserverPtr& observer) {
     std::scoped_lock lock(m_lock);
-    return observer && !observer->queue().empty() ? observer->queue().front() : nullptr;
+    return observer && !observer->empty() ? observer->front() : nullptr;
 }
 
 bool Observable::take(const ObserverPtr& observer, const CaptureDataPtr& frame) {
     std::scoped_lock lock(m_lock);
-    if (!observer || observer->queue().empty() || observer->queue().front() != frame) {
+    if (!observer || observer->empty() || observer->front() != frame) {
         return false;
     }
     observer->pull();

@@ -39,12 +39,14 @@ public:
 
     // A new subscriber queue. The 257th observer of one producer gets identifier 0 again and
     // replaces the first in the dictionary; that limit is intended. `wakeup`, when given, is
-    // signalled whenever a frame is queued for this observer.
+    // signalled whenever a frame is queued for this observer, and when the observer is removed.
     ObserverPtr addObserver(std::shared_ptr<Wakeup> wakeup = nullptr);
     void removeObserver(const ObserverPtr& observer);
     // Empties the dictionary without taking the lock: its caller already holds it.
     void removeObservers();
     bool hasObservers();
+    // Whether `observer` is still subscribed here.
+    bool hasObserver(const ObserverPtr& observer);
 
     // Publishes one frame to every observer. Returns whether any observer dropped a frame.
     bool add(const CaptureDataPtr& frame);

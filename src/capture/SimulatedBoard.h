@@ -2,6 +2,7 @@
 
 #include "UsbBoard.h"
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -70,10 +71,11 @@ private:
     int m_opens = 0;
     bool m_arrived = false;
     bool m_halted = false;
-    bool m_frameRead = false;                           // the current frame has seen its first read
-    int64_t m_frame = -1;                               // frame being sent, -1 before the first request
-    uint64_t m_position = 0;                            // bytes of it already sent
-    std::map<uint64_t, std::vector<int>> m_readLengths; // the last few frames only
+    bool m_frameRead = false; // the current frame has seen its first read
+    int64_t m_frame = -1;     // frame being sent, -1 before the first request
+    uint64_t m_position = 0;  // bytes of it already sent
+    // The last eight frames' read lengths, by frame number modulo eight.
+    std::array<std::pair<uint64_t, std::vector<int>>, 8> m_readLengths{};
     int m_clearHalts = 0;
 };
 

@@ -44,7 +44,8 @@ public:
         return usb::ErrorNotFound;
     }
 
-    // For a board that vanished (libusb_release_interface and libusb_close): lets the handle go.
+    // For a board that vanished or a run that ended (libusb_release_interface and libusb_close):
+    // lets the handle go.
     virtual void close() {}
     // Starts watching for the board to be plugged in (libusb_hotplug_register_callback). False
     // when arrivals are not announced: then the caller tries to open the board at intervals.

@@ -1,9 +1,7 @@
 #include "CaptureLayout.h"
 
 #include "ImageLoader.h"
-#include "base/DetachedThread.h"
 #include "base/Log.h"
-#include "base/Wakeup.h"
 #include "capture/CaptureDevice.h"
 #include "capture/CaptureScreen.h"
 
@@ -24,7 +22,7 @@ uint8_t componentByte(double component) {
 } // namespace
 
 CaptureLayout::CaptureLayout(int type, QString name)
-    : Observable(QueueLength), m_type(type), m_name(std::move(name)), m_wakeup(std::make_shared<Wakeup>()) {}
+    : Observable(QueueLength), m_type(type), m_name(std::move(name)) {}
 
 std::shared_ptr<CaptureLayout> CaptureLayout::createWithPlugin(const std::shared_ptr<LayoutPlugin>& plugin,
                                                                const std::shared_ptr<CaptureDevice>& device) {
@@ -61,10 +59,6 @@ std::shared_ptr<CaptureLayout> CaptureLayout::createWithScreen(const std::shared
     layout->m_background = Color{0, 0, 0, 1};
     layout->initialize();
     return layout;
-}
-
-std::shared_ptr<CaptureDevice> CaptureLayout::device() const {
-    return m_device ? m_device : m_top->device();
 }
 
 void CaptureLayout::initialize() {
@@ -120,13 +114,19 @@ void CaptureLayout::loadImages() {
 }
 
 bool CaptureLayout::startListening() {
+    if (isListening()) {
+        return true;
+    }
+    // The thread of a run that ended (stopped, or left by its last consumer) may be finishing; it
+    // takes our lock.
+    m_worker.join();
     std::scoped_lock lock(m_lock);
     if (m_listening) {
         return true;
     }
-    Subscriptions subscriptions{m_top->addObserver(m_wakeup), nullptr};
+    Subscriptions subscriptions{m_top->addObserver(m_worker.wakeup()), nullptr};
     if (m_type == PluginLayout) {
-        subscriptions[1] = m_bottom->addObserver(m_wakeup);
+        subscriptions[1] = m_bottom->addObserver(m_worker.wakeup());
     }
     m_observer = subscriptions;
     {
@@ -134,19 +134,29 @@ bool CaptureLayout::startListening() {
         m_firstDraw = true;
         m_objectStart = 0;
     }
-    DetachedThread::start("zandor-layout", [layout = self<CaptureLayout>(), subscriptions] {
-        layout->listener(subscriptions);
+    m_worker.start([layout = self<CaptureLayout>(), subscriptions](const Worker::Run& run) {
+        layout->listener(run, subscriptions);
     });
     m_listening = true;
     return true;
 }
 
 void CaptureLayout::stopListening() {
-    std::scoped_lock lock(m_lock);
-    // While a consumer is still subscribed the layout goes on.
-    if (!m_listening || hasObservers()) {
-        return;
+    {
+        std::scoped_lock lock(m_lock);
+        // While a consumer is still subscribed the layout goes on.
+        if (hasObservers()) {
+            return;
+        }
+        if (m_listening) {
+            endRun();
+        }
     }
+    // Also the thread of a run its last consumer ended.
+    m_worker.join();
+}
+
+void CaptureLayout::endRun() {
     m_top->removeObserver(m_observer[0]);
     if (m_type == PluginLayout) {
         m_bottom->removeObserver(m_observer[1]);
@@ -164,7 +174,7 @@ void CaptureLayout::stopListening() {
                               "run of layout '%s'",
                               static_cast<unsigned long long>(unmatched), qUtf8Printable(m_name));
     }
-    m_wakeup->signal();
+    m_worker.stop();
 }
 
 bool CaptureLayout::isListening() {
@@ -172,18 +182,22 @@ bool CaptureLayout::isListening() {
     return m_listening;
 }
 
-void CaptureLayout::listener(const Subscriptions& subscriptions) {
+void CaptureLayout::listener(const Worker::Run& run, const Subscriptions& subscriptions) {
     for (;;) {
         {
             std::scoped_lock lock(m_lock);
-            // The thread ends when listening stops, when the last consumer left, or when a new
-            // start replaced its subscriptions.
-            if (!m_listening || !hasObservers() || m_observer != subscriptions) {
+            if (!run.active()) {
+                break;
+            }
+            // The last consumer left without a stop: the run ends here; a later start or stop,
+            // or the layout's end, joins this thread.
+            if (!hasObservers()) {
+                endRun();
                 break;
             }
         }
         if (!update(subscriptions)) {
-            m_wakeup->wait(Wakeup::IdleWait);
+            run.wait();
         }
     }
 }
@@ -263,7 +277,10 @@ CaptureDataPtr CaptureLayout::composite(CaptureDataPtr top, CaptureDataPtr botto
     std::scoped_lock draw(m_drawMutex);
     m_topData = std::move(top);
     m_bottomData = std::move(bottom);
-    auto result = CaptureData::create(size());
+    if (!m_pool) {
+        m_pool = FramePool::create(size(), QueueLength + 2);
+    }
+    auto result = m_pool->take();
     result->takeTimesOf(*m_topData);
     if (m_direct && !m_firstDraw) {
         for (const auto& [offset, length] : m_staticSpans) {

@@ -2,6 +2,8 @@
 
 #include "BlendImage.h"
 #include "LayoutPlugin.h"
+#include "base/Worker.h"
+#include "capture/FramePool.h"
 #include "capture/Observable.h"
 
 #include <QString>
@@ -17,7 +19,6 @@ namespace zandor {
 
 class CaptureDevice;
 class CaptureScreen;
-class Wakeup;
 
 // One live picture made from the console's screens. A plugin layout composites background, images
 // and both screens onto a canvas of the plugin's size and publishes a copy per pair of screen
@@ -51,12 +52,12 @@ public:
     // Bytes of one published frame.
     uint64_t size() const { return m_width * m_height * 3; }
     const std::shared_ptr<LayoutPlugin>& plugin() const { return m_plugin; }
-    // The device whose screens feed this layout; its start time is the origin of frame time stamps.
-    std::shared_ptr<CaptureDevice> device() const;
 
     // Consumers subscribe with addObserver before startListening, and remove their observer
     // before stopListening: the layout keeps running while it has observers. Both take the
     // layout's lock, then the screens' (see capture/Observable.h); a recorder may hold its own.
+    // The stop that ends the run waits, bounded, for the layout's thread: call it holding no
+    // producer's lock.
     bool startListening();
     void stopListening();
     bool isListening();
@@ -99,7 +100,9 @@ private:
     void copyScreen(uint8_t* target, const uint8_t* source, Rect rect) const;
     // Prepares compositing straight into the published frame (see m_staticSpans).
     void findStaticSpans();
-    void listener(const Subscriptions& subscriptions);
+    // Ends the run under the layout's lock; the caller joins the thread once it let go.
+    void endRun();
+    void listener(const Worker::Run& run, const Subscriptions& subscriptions);
     // One pass; returns whether a frame was taken.
     bool update(const Subscriptions& subscriptions);
     // Takes the oldest top and bottom frames when they are of the same board frame; when they are
@@ -119,7 +122,6 @@ private:
     bool m_fromUser = false;
     std::vector<BlendImage> m_images; // not resized after initialize(): m_drawings point into it
     std::vector<Drawing> m_drawings;
-    const std::shared_ptr<Wakeup> m_wakeup;
 
     // Guarded by the Observable lock: the flag and the subscriptions of the current run.
     bool m_listening = false;
@@ -127,9 +129,8 @@ private:
     DropReport m_unmatched; // screen frames dropped for want of a partner; guarded by m_lock
     Subscriptions m_observer;
 
-    // The drawing state belongs to the layout's thread. A stop followed at once by a start can
-    // leave the old thread finishing its last pass while the new one begins; this lock keeps the
-    // two from drawing at the same time.
+    // The drawing state belongs to the layout's thread, and to benchmarks and the constructor
+    // calling composite() and drawing directly.
     std::mutex m_drawMutex;
     std::unique_ptr<uint8_t[]> m_canvas;
     CaptureDataPtr m_topData;
@@ -143,6 +144,12 @@ private:
     // which halves the bytes copied. Empty when the layout does not qualify.
     std::vector<std::pair<uint64_t, uint64_t>> m_staticSpans;
     bool m_direct = false;
+    // The published frames' blocks: a full queue, the frame a consumer has in hand and the one
+    // being drawn. Made with the first frame.
+    FramePoolPtr m_pool;
+
+    // Last: destroyed first, it joins the thread before the members above go.
+    Worker m_worker{"zandor-layout"};
 };
 
 using LayoutPtr = std::shared_ptr<CaptureLayout>;

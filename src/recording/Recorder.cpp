@@ -1,14 +1,10 @@
 #include "Recorder.h"
 
-#include "base/DetachedThread.h"
-#include "base/Wakeup.h"
-
 #include <algorithm>
 
 namespace zandor {
 
-Recorder::Recorder(std::vector<LayoutPtr> layouts)
-    : m_layouts(std::move(layouts)), m_wakeup(std::make_shared<Wakeup>()) {}
+Recorder::Recorder(std::vector<LayoutPtr> layouts) : m_layouts(std::move(layouts)) {}
 
 Recorder::~Recorder() = default;
 
@@ -31,8 +27,7 @@ QString Recorder::fileNamePart(const QString& name) {
 }
 
 bool Recorder::isListening() {
-    std::scoped_lock lock(m_lock);
-    return m_listening;
+    return m_listening.lock()->listening;
 }
 
 bool Recorder::start() {
@@ -54,54 +49,49 @@ bool Recorder::stop() {
 }
 
 bool Recorder::startListening() {
-    std::scoped_lock lock(m_lock);
-    if (m_listening) {
+    if (isListening()) {
+        return true;
+    }
+    // The previous run's thread may still be finishing; it takes our lock when it stops us.
+    m_worker.join();
+    auto listening = m_listening.lock();
+    if (listening->listening) {
         return true;
     }
     Run run;
     for (const auto& layout : m_layouts) {
-        run.observers.push_back(layout->addObserver(m_wakeup));
+        run.observers.push_back(layout->addObserver(m_worker.wakeup()));
         layout->startListening();
     }
     run.done.assign(m_layouts.size(), 0);
-    m_observers = run.observers;
-    ++m_threads;
-    DetachedThread::start("zandor-recorder", [recorder = shared_from_this(), run = std::move(run)]() mutable {
-        recorder->listener(std::move(run));
+    listening->observers = run.observers;
+    listening->listening = true;
+    m_worker.start([recorder = shared_from_this(), run = std::move(run)](const Worker::Run& worker) mutable {
+        recorder->listener(worker, std::move(run));
     });
-    m_listening = true;
     return true;
 }
 
 void Recorder::stopListening() {
-    std::scoped_lock lock(m_lock);
-    if (!m_listening) {
+    auto listening = m_listening.lock();
+    if (!listening->listening) {
         return;
     }
     for (size_t i = 0; i < m_layouts.size(); ++i) {
-        m_layouts[i]->removeObserver(m_observers[i]);
+        m_layouts[i]->removeObserver(listening->observers[i]);
     }
-    m_listening = false;
-    m_wakeup->signal();
+    listening->observers.clear();
+    listening->listening = false;
+    m_worker.stop();
 }
 
-void Recorder::listener(Run run) {
-    for (;;) {
-        {
-            std::scoped_lock lock(m_lock);
-            // A stop followed at once by a new start gives the new run its own thread.
-            if (!m_listening || m_observers != run.observers) {
-                break;
-            }
-        }
+void Recorder::listener(const Worker::Run& worker, Run run) {
+    while (worker.active()) {
         if (!update(run)) {
-            m_wakeup->wait(Wakeup::IdleWait);
+            worker.wait();
         }
     }
     tryDone();
-    std::scoped_lock lock(m_lock);
-    --m_threads;
-    m_finished.notify_all();
 }
 
 bool Recorder::update(Run& run) {
@@ -136,8 +126,7 @@ bool Recorder::capture(const LayoutPtr& layout, const ObserverPtr& observer) {
 }
 
 bool Recorder::waitUntilFinished(std::chrono::milliseconds timeout) {
-    std::unique_lock lock(m_lock);
-    return m_finished.wait_for(lock, timeout, [this] { return !m_listening && m_threads == 0; });
+    return m_worker.join(timeout);
 }
 
 } // namespace zandor

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Guarded.h"
+#include "base/Worker.h"
 #include "capture/Observer.h"
 #include "layouts/CaptureLayout.h"
 
@@ -8,14 +10,10 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 namespace zandor {
-
-class Wakeup;
 
 // The common base of the screenshot and video recorders: subscribes to every layout on show, runs a
 // thread that hands each frame to the subclass through capture(), and calls capturedLayouts()
@@ -45,9 +43,10 @@ public:
     // capture/Observable.h): call start and stop holding none of a producer's.
     virtual bool start();
     // Ends listening and asks every layout to stop (a layout stops once nobody is subscribed).
+    // The thread may go on finishing (capturedLayouts): waitUntilFinished joins it.
     virtual bool stop();
 
-    // Waits until the thread of the last run has ended, after capturedLayouts. False on timeout.
+    // Joins the thread of the last run, after capturedLayouts; false, logged, on timeout.
     bool waitUntilFinished(std::chrono::milliseconds timeout);
 
 protected:
@@ -64,23 +63,24 @@ private:
         std::vector<uint8_t> done;
     };
 
+    // What the callers of start and stop share: whether a run listens and its subscriptions.
+    struct Listening {
+        bool listening = false;
+        std::vector<ObserverPtr> observers;
+    };
+
     bool startListening();
     void stopListening();
-    void listener(Run run);
+    void listener(const Worker::Run& worker, Run run);
     // One pass; returns whether a frame was handed over.
     bool update(Run& run);
     void tryDone();
 
     const std::vector<LayoutPtr> m_layouts;
-    const std::shared_ptr<Wakeup> m_wakeup;
     std::atomic<bool> m_captured{false};
-
-    // Guards the flag, the current run's subscriptions and the running-thread count.
-    std::recursive_mutex m_lock;
-    std::condition_variable_any m_finished;
-    bool m_listening = false;
-    std::vector<ObserverPtr> m_observers;
-    int m_threads = 0;
+    Guarded<Listening> m_listening;
+    // Last: destroyed first, it joins the thread before the members above go.
+    Worker m_worker{"zandor-recorder"};
 };
 
 } // namespace zandor

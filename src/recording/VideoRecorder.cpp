@@ -4,6 +4,7 @@
 #include "HandBrakeWrapper.h"
 #include "NumberedName.h"
 #include "SublerWrapper.h"
+#include "audio/AudioThread.h"
 #include "base/Log.h"
 #include "base/Memory.h"
 #include "media/FFmpeg.h"
@@ -12,21 +13,19 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QThread>
 
 #include <algorithm>
 
 namespace zandor {
 
 VideoRecorder::VideoRecorder(std::vector<LayoutPtr> layouts, CaptureSettings settings)
-    : Recorder(std::move(layouts)), m_settings(std::move(settings)),
-      m_audioThread(std::make_unique<QThread>()) {
+    : Recorder(std::move(layouts)), m_settings(std::move(settings)) {
     for (const auto& layout : this->layouts()) {
         m_videoRecords.insert(layout->name(), std::make_shared<VideoRecord>(layout));
     }
-    m_audioThread->setObjectName(QStringLiteral("zandor-audio"));
-    m_audioGameRecord = std::make_unique<AudioRecord>(QStringLiteral("Game"), m_audioThread.get());
-    m_audioNarratorRecord = std::make_unique<AudioRecord>(QStringLiteral("Narrator"), m_audioThread.get());
+    m_audioGameRecord = std::make_unique<AudioRecord>(QStringLiteral("Game"), AudioThread::instance());
+    m_audioNarratorRecord =
+        std::make_unique<AudioRecord>(QStringLiteral("Narrator"), AudioThread::instance());
 }
 
 VideoRecorder::~VideoRecorder() {
@@ -34,8 +33,6 @@ VideoRecorder::~VideoRecorder() {
     // Finalising stops both inputs; these end a recording that never got that far.
     m_audioNarratorRecord->stop();
     m_audioGameRecord->stop();
-    m_audioThread->quit();
-    m_audioThread->wait();
 }
 
 void VideoRecorder::shareGameInput(std::shared_ptr<AudioInput> input) {
@@ -106,9 +103,6 @@ bool VideoRecorder::start() {
         }
     }
     if (success) {
-        if (!m_audioThread->isRunning()) {
-            m_audioThread->start();
-        }
         m_audioGameRecord->share(m_sharedGameInput, std::chrono::milliseconds(m_settings.gameAudioOffsetMs));
         success = m_audioGameRecord->start(m_settings.gameAudioInput, m_bundle.path(), true);
         if (success) {

@@ -19,8 +19,6 @@
 #include <utility>
 #include <vector>
 
-class QThread;
-
 namespace zandor {
 
 class AudioInput;
@@ -100,7 +98,6 @@ private:
     // Keyed by layout name: layouts of one name share a writer.
     QMap<QString, std::shared_ptr<VideoRecord>> m_videoRecords;
     // The Qt audio objects of both inputs live on this thread.
-    std::unique_ptr<QThread> m_audioThread;
     std::unique_ptr<AudioRecord> m_audioGameRecord;
     std::unique_ptr<AudioRecord> m_audioNarratorRecord;
     std::shared_ptr<AudioInput> m_sharedGameInput;

@@ -1,7 +1,6 @@
 #include "CaptureSession.h"
 
 #include "audio/GameAudio.h"
-#include "base/DetachedThread.h"
 #include "base/Log.h"
 #include "base/RunOn.h"
 #include "capture/CaptureDevice.h"
@@ -16,7 +15,6 @@
 #include <QFileInfo>
 #include <QPointer>
 
-#include <pthread.h>
 #include <unistd.h>
 
 namespace zandor {
@@ -323,26 +321,27 @@ void CaptureSession::recover(const QStringList& bundles) {
 }
 
 void CaptureSession::runInBackground(std::function<void()> job) {
-    std::scoped_lock lock(m_jobLock);
-    m_jobs.push_back(std::move(job));
-    m_jobAdded.notify_one();
-    if (m_jobThread.joinable()) {
+    m_jobs.lock()->push_back(std::move(job));
+    if (m_jobWorker.isActive()) {
+        m_jobWorker.wakeup()->signal();
         return;
     }
-    m_jobsEnding = false;
-    m_jobThread = std::thread([this] {
-        pthread_setname_np(pthread_self(), "zandor-session");
-        std::unique_lock lock(m_jobLock);
+    m_jobWorker.start([this](const Worker::Run& run) {
+        // Every job handed over is done, also those that come after a stop: a save or a recovery
+        // asked for leaves its file.
         for (;;) {
-            m_jobAdded.wait(lock, [this] { return m_jobsEnding || !m_jobs.empty(); });
-            if (m_jobs.empty()) {
-                return; // ending, and nothing left to do
+            std::function<void()> next;
+            if (auto jobs = m_jobs.lock(); !jobs->empty()) {
+                next = std::move(jobs->front());
+                jobs->pop_front();
             }
-            auto next = std::move(m_jobs.front());
-            m_jobs.pop_front();
-            lock.unlock();
-            next();
-            lock.lock();
+            if (next) {
+                next();
+            } else if (!run.wait()) {
+                if (m_jobs.lock()->empty()) {
+                    return;
+                }
+            }
         }
     });
 }
@@ -367,16 +366,9 @@ void CaptureSession::shutdown() {
     stopReplayBuffer(); // a save under way holds the buffer until it is written
     m_camera->stop();
     // Replays being saved and recoveries are finished, or they would leave no file at all.
-    {
-        std::scoped_lock lock(m_jobLock);
-        m_jobsEnding = true;
-        m_jobAdded.notify_one();
-    }
-    if (m_jobThread.joinable()) {
-        m_jobThread.join();
-    }
-    if (!DetachedThread::waitForAll(std::chrono::seconds(5))) {
-        logs::session.warning("The picture's threads had not ended 5 seconds after the stop");
+    m_jobWorker.stop();
+    if (!m_jobWorker.join(std::chrono::minutes(30))) {
+        logs::session.warning("A replay save or a recovery was still running after 30 minutes");
     }
 }
 

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "base/Error.h"
+#include "base/Guarded.h"
+#include "base/Worker.h"
 #include "camera/CameraOutput.h"
 #include "layouts/CaptureLayout.h"
 #include "settings/CaptureSettings.h"
@@ -8,12 +10,10 @@
 #include <QObject>
 #include <QStringList>
 
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <variant>
 #include <vector>
 
@@ -169,11 +169,8 @@ private:
     std::function<void(const session::Event&)> m_handler; // guarded by m_handlerLock
 
     // The background thread: replay saves and recovery, one after the other.
-    std::mutex m_jobLock;
-    std::condition_variable m_jobAdded;
-    std::deque<std::function<void()>> m_jobs; // guarded by m_jobLock
-    bool m_jobsEnding = false;                // guarded by m_jobLock
-    std::thread m_jobThread;
+    Guarded<std::deque<std::function<void()>>> m_jobs;
+    Worker m_jobWorker{"zandor-session"};
 };
 
 } // namespace zandor

@@ -1,5 +1,5 @@
 #include "GatedBoard.h"
-#include "base/DetachedThread.h"
+#include "base/Worker.h"
 #include "app/CaptureLayoutView.h"
 #include "capture/CaptureDevice.h"
 #include "layouts/CaptureLayout.h"
@@ -22,7 +22,7 @@ class CaptureLayoutViewTest : public ::testing::Test {
 protected:
     void TearDown() override {
         m_view.stopListening();
-        EXPECT_TRUE(DetachedThread::waitForAll(20s));
+        EXPECT_EQ(Worker::running(), 0);
     }
 
     // Publishes `count` random frames as the layout would, waits until the view has them all and

@@ -11,7 +11,7 @@
 #include "app/MainWindow.h"
 #include "app/WindowGeometry.h"
 #include "app/ZDAppDelegate.h"
-#include "base/DetachedThread.h"
+#include "base/Worker.h"
 #include "capture/CaptureDevice.h"
 #include "capture/DemoBoard.h"
 #include "layouts/LayoutController.h"
@@ -71,7 +71,8 @@ class MainControllerTest : public ::testing::Test {
 protected:
     void SetUp() override {
         test::isolateUserFolders();
-        ASSERT_TRUE(DetachedThread::waitForAll(20s));
+        ASSERT_TRUE(QTest::qWaitFor([] { return Worker::running() == 0; }, 20000))
+            << "an earlier test's threads";
         auto& preferences = PreferencesController::instance();
         preferences.setReadOnly(false);
         preferences.setPreference(settings::storageFolder.key, m_storage.path());
@@ -83,7 +84,7 @@ protected:
     void TearDown() override {
         stop();
         ShellCommand::setToolFolder({});
-        EXPECT_TRUE(DetachedThread::waitForAll(20s));
+        EXPECT_TRUE(QTest::qWaitFor([] { return Worker::running() == 0; }, 20000)) << "threads left behind";
     }
 
     ::Ui::MainWindow& start(std::unique_ptr<UsbBoard> board = std::make_unique<DemoBoard>()) {

@@ -1,9 +1,6 @@
-#include "base/AtomicFile.h"
 #include "base/Error.h"
 
 #include <gtest/gtest.h>
-
-#include <QTemporaryDir>
 
 #include <cerrno>
 #include <memory>
@@ -46,34 +43,6 @@ TEST(ErrorTest, AResultHoldsItsValueOrTheErrorThatKeptItFromBeingMade) {
     const Result<std::unique_ptr<int>> failed = make(false);
     EXPECT_FALSE(failed);
     EXPECT_EQ(failed.error().logLine(), "cannot count 'three': it is a word");
-}
-
-TEST(AtomicFileTest, LeavesTheTargetWholeOrUntouchedAndSaysWhyItCouldNot) {
-    QTemporaryDir folder;
-    const std::string target = folder.path().toStdString() + "/file";
-    {
-        AtomicFile file(target);
-        ASSERT_FALSE(file.create());
-        const uint8_t bytes[] = {'a', 'b'};
-        ASSERT_FALSE(file.write(bytes, 2));
-        // Not committed: nothing is left, neither the target nor the file beside it.
-    }
-    EXPECT_TRUE(QDir(folder.path()).isEmpty());
-    {
-        AtomicFile file(target);
-        ASSERT_FALSE(file.create());
-        const uint8_t bytes[] = {'o', 'k'};
-        ASSERT_FALSE(file.write(bytes, 2));
-        ASSERT_FALSE(file.commit());
-    }
-    EXPECT_EQ(QDir(folder.path()).entryList(QDir::Files), QStringList{"file"});
-
-    AtomicFile intoFolder(folder.path().toStdString());
-    const Error refused = intoFolder.create();
-    EXPECT_EQ(refused.logLine(), "cannot write '" + folder.path().toStdString() + "': it is a folder");
-    AtomicFile nowhere(folder.path().toStdString() + "/missing/file");
-    const Error missing = nowhere.create();
-    EXPECT_EQ(missing.systemCode(), ENOENT) << missing.logLine();
 }
 
 } // namespace

@@ -5,7 +5,7 @@
 #include "PipeWireServer.h"
 #include "PluginBundles.h"
 #include "Process.h"
-#include "base/DetachedThread.h"
+#include "base/Worker.h"
 #include "base/Log.h"
 #include "base/Wakeup.h"
 #include "camera/CameraOutput.h"
@@ -16,6 +16,9 @@
 #include "layouts/CaptureLayout.h"
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
 
 #include <QTemporaryDir>
 
@@ -76,7 +79,7 @@ std::pair<int, int> countFrames(const QByteArray& file, const QByteArray& first,
 class CameraTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_TRUE(DetachedThread::waitForAll(20s));
+        ASSERT_EQ(Worker::running(), 0);
         ASSERT_TRUE(m_server.isRunning()) << m_server.error();
         m_raw = QByteArray(qsizetype(raw::FrameBytes), '\0');
         DemoBoard::render(42, reinterpret_cast<uint8_t*>(m_raw.data()));
@@ -101,7 +104,7 @@ protected:
         test::endProcess(m_consumer);
         m_camera->stop();
         m_device->stopListening();
-        EXPECT_TRUE(DetachedThread::waitForAll(20s)) << "a thread outlived its test";
+        EXPECT_EQ(Worker::running(), 0) << "a thread outlived its stop";
     }
 
     QString at(const QString& name) const { return m_folder.path() + u'/' + name; }
@@ -190,6 +193,35 @@ TEST_F(CameraTest, ConsumersReceiveTheLayoutByteForByteInEitherFormatFromANodeTh
     EXPECT_TRUE(PipeWireServer::waitForNode("zandor", {})) << "the node outlived sharing";
     EXPECT_FALSE(m_camera->isSharing());
     EXPECT_EQ(m_tall->hasObservers(), false) << "the camera left its subscription behind";
+}
+
+// Each buffer's header carries its frame's time stamp in nanoseconds, as PipeWire's consumers read
+// it: consecutive stamps lie a whole number of frame periods (16.7 ms) apart, not microseconds or
+// seconds. The consumer's own log line gives the raw header values.
+TEST_F(CameraTest, BufferTimeStampsAreInNanoseconds) {
+    share(m_tall);
+    const test::ProcessResult result = test::runProcess(
+        {"env", "GST_DEBUG=pipewiresrc:6", "GST_DEBUG_NO_COLOR=1", "gst-launch-1.0", "-q", "pipewiresrc",
+         "target-object=zandor", "num-buffers=6", "!", "video/x-raw,format=RGB", "!", "fakesink"},
+        30s);
+    ASSERT_EQ(result.exitCode, 0) << result.err.substr(result.err.size() > 3000 ? result.err.size() - 3000
+                                                                                : 0);
+    std::vector<long double> stamps;
+    const std::string marker = "pts ";
+    for (size_t at = result.err.find(marker); at != std::string::npos; at = result.err.find(marker, at + 1)) {
+        unsigned long long pts = 0;
+        if (std::sscanf(result.err.c_str() + at, "pts %llu, dts_offset", &pts) == 1) {
+            stamps.push_back(static_cast<long double>(pts));
+        }
+    }
+    // The consumer logs each buffer's header more than once.
+    stamps.erase(std::unique(stamps.begin(), stamps.end()), stamps.end());
+    ASSERT_GE(stamps.size(), 3u) << result.err.substr(0, 2000);
+    for (size_t n = 1; n < stamps.size(); ++n) {
+        const long double periods = (stamps[n] - stamps[n - 1]) / 16'666'667.0L;
+        EXPECT_GE(periods, 0.9L) << "buffer " << n;
+        EXPECT_LT(periods, 600.0L) << "buffer " << n;
+    }
 }
 
 TEST_F(CameraTest, ALayoutChangeGivesTheWatchingConsumerFramesOfTheNewSizeAndName) {

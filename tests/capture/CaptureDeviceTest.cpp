@@ -1,6 +1,6 @@
 #include "Frames.h"
 #include "GatedBoard.h"
-#include "base/DetachedThread.h"
+#include "base/Worker.h"
 #include "base/Log.h"
 #include "capture/CaptureDevice.h"
 #include "capture/CaptureScreen.h"
@@ -84,7 +84,7 @@ TEST_P(OpeningFailureTest, OpensInOrderStopsAtTheFailingStepSaysWhyAndStartsNoth
     EXPECT_FALSE(device->isListening() || device->screen(0)->isListening() ||
                  device->screen(1)->isListening());
     EXPECT_FALSE(notified) << "a board missing at the start is not a disconnect";
-    EXPECT_EQ(DetachedThread::running(), 0);
+    EXPECT_EQ(Worker::running(), 0);
 }
 
 using F = CaptureDevice::Failure;
@@ -195,6 +195,40 @@ TEST_F(CaptureDeviceTest, LogsTheAverageRateOnEvery300thFrameOnly) {
     }
 }
 
+// The rate line of a run counts that run's frames: after a restart it comes with the new run's
+// 300th frame, whose time stamp it gives, and not earlier because of the frames of the run before.
+TEST_F(CaptureDeviceTest, TheRateLineCountsTheFramesOfItsOwnRun) {
+    m_device->setFramePeriod(0ns);
+    LogCapture log;
+    m_board->holdAt(100);
+    ASSERT_TRUE(m_device->startListening());
+    ASSERT_TRUE(m_board->waitUntilHeld(100, 90s));
+    auto probe = m_device->addObserver(m_wakeup);
+    std::thread stopper([this] { m_device->stopListening(); });
+    ASSERT_TRUE(test::waitUntilRemoved(*m_device, probe, *m_wakeup));
+    m_board->holdAt(101 + 300); // the held read ends the first run; the second asks for 300 frames
+    stopper.join();
+    ASSERT_EQ(log.countPrefix("Device FPS: "), 0u);
+
+    auto observer = m_device->addObserver(m_wakeup);
+    ASSERT_TRUE(m_device->startListening());
+    ASSERT_TRUE(m_board->waitUntilHeld(101 + 300, 90s));
+    EXPECT_EQ(m_device->count(), 300u);
+    std::vector<std::string> lines = log.lines();
+    std::erase_if(lines, [](const std::string& line) { return line.rfind("Device FPS: ", 0) != 0; });
+    ASSERT_EQ(lines.size(), 1u);
+    double fps = 0, seconds = 0;
+    ASSERT_EQ(std::sscanf(lines[0].c_str(), "Device FPS: %lf Timestamp: %lf", &fps, &seconds), 2);
+    EXPECT_NEAR(fps * seconds, 300, 0.01) << lines[0];
+    // The newest frame in the queue is the run's 300th.
+    CaptureDataPtr last;
+    while (auto frame = m_device->observe(observer)) {
+        last = frame;
+    }
+    ASSERT_TRUE(last);
+    EXPECT_NEAR(last->timestamp(), seconds, 1e-6) << "the line came with another frame than the 300th";
+}
+
 // A frame's number is its slot on the board's frame grid: a read that runs late skips the numbers of
 // the slots it missed, and a new run goes on above the last number, so that no two frames of the
 // device's life share one.
@@ -214,9 +248,11 @@ TEST_F(CaptureDeviceTest, NumbersFramesByTheirSlotsAndNeverRepeatsANumber) {
         EXPECT_TRUE(test::isPatternFrame(taken[0]->data(), first));
         frames.insert(frames.end(), taken.begin(), taken.end());
         // The held read ends unpublished; the next run starts with the frame after it.
-        m_device->stopListening();
+        std::thread stopper([this] { m_device->stopListening(); });
+        EXPECT_TRUE(test::waitUntilRemoved(*m_device, observer, *m_wakeup));
         m_board->holdAt(first + 7);
-        ASSERT_TRUE(DetachedThread::waitForAll(20s));
+        stopper.join();
+        ASSERT_EQ(Worker::running(), 0);
     }
     for (size_t n = 1; n < frames.size(); ++n) {
         EXPECT_GT(frames[n]->number(), frames[n - 1]->number()) << "frame " << n;
@@ -233,11 +269,15 @@ TEST_F(CaptureDeviceTest, AFrameReadWhileStoppingIsNotPublished) {
     m_board->holdAt(2);
     ASSERT_TRUE(m_device->startListening());
     ASSERT_TRUE(m_board->waitUntilHeld(2));
-    m_device->stopListening();
+    auto probe = m_device->addObserver(m_wakeup);
+    // The stop waits for the held read to end.
+    std::thread stopper([this] { m_device->stopListening(); });
+    ASSERT_TRUE(test::waitUntilRemoved(*m_device, probe, *m_wakeup));
     // Subscribed after the stop: a publish of the frame still being read would reach it.
     auto late = m_device->addObserver();
     m_board->release();
-    ASSERT_TRUE(DetachedThread::waitForAll(20s));
+    stopper.join();
+    EXPECT_EQ(Worker::running(), 0);
     EXPECT_FALSE(m_device->observable(late));
     EXPECT_FALSE(m_device->isListening());
 }
@@ -255,9 +295,10 @@ TEST_F(CaptureDeviceTest, AfterAStopEveryThreadEndsAndEveryFrameIsReleased) {
         // Starting the screens again starts no second thread for them; a restart must not leave
         // the first run's threads behind.
         ASSERT_TRUE(device->startListening());
-        device->screen(0)->startListening();
-        device->screen(1)->startListening();
-        EXPECT_EQ(DetachedThread::running(), 3); // device, top, bottom
+        ASSERT_TRUE(device->startListening());
+        device->screen(0)->startListening(*device);
+        device->screen(1)->startListening(*device);
+        EXPECT_EQ(Worker::running(), 3); // device, top, bottom
         device->stopListening();
         raw = device->addObserver(m_wakeup);
         ASSERT_TRUE(device->startListening());
@@ -265,7 +306,7 @@ TEST_F(CaptureDeviceTest, AfterAStopEveryThreadEndsAndEveryFrameIsReleased) {
         auto screens = takeFrames(*device->screen(0), top, *m_wakeup, 3);
         held.insert(held.end(), screens.begin(), screens.end());
         device->stopListening();
-        ASSERT_TRUE(DetachedThread::waitForAll(20s));
+        EXPECT_EQ(Worker::running(), 0);
         device->screen(0)->removeObserver(top);
     }
     EXPECT_TRUE(watchedDevice.expired());

@@ -5,7 +5,7 @@
 // Besides the sanitizers' faults, it fails when a refused descriptor is not named in the log or a
 // parsed one breaks the parser's own limits.
 
-#include "base/DetachedThread.h"
+#include "base/Worker.h"
 #include "base/Log.h"
 #include "base/QtMessages.h"
 #include "capture/CaptureData.h"
@@ -127,7 +127,7 @@ void composite(const std::shared_ptr<LayoutPlugin>& plugin) {
         bottom->data()[i] = static_cast<uint8_t>(i * 13);
     }
     // Listening resets the drawing state, so the first frame draws the whole canvas and the second
-    // takes the path of a running layout. Nothing subscribes, so the layout's thread ends at once.
+    // takes the path of a running layout. Nothing subscribes; the stop joins the layout's thread.
     layout->startListening();
     for (int frame = 0; frame < 2; ++frame) {
         if (layout->composite(top, bottom)->size() != layout->size()) {
@@ -135,7 +135,7 @@ void composite(const std::shared_ptr<LayoutPlugin>& plugin) {
         }
     }
     layout->stopListening();
-    if (!DetachedThread::waitForAll(std::chrono::seconds(5))) {
+    if (Worker::running() != 0) {
         fail("the layout's thread did not end");
     }
 }

@@ -73,6 +73,9 @@ protected:
     }
     void TearDown() override {
         ShellCommand::setToolFolder({});
+        // Joins a layout's thread that ended when its last consumer left.
+        m_top->stopListening();
+        m_bottom->stopListening();
         GatedDeviceTest::TearDown();
     }
 

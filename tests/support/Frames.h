@@ -40,6 +40,20 @@ inline std::vector<CaptureDataPtr> playFrames(CaptureDevice& device, const std::
     return frames;
 }
 
+// Waits, sleeping on `wakeup` (signalled when the observer is removed), until `producer` has let
+// `observer` go; false on timeout.
+inline bool waitUntilRemoved(Observable& producer, const ObserverPtr& observer, Wakeup& wakeup,
+                             std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (producer.hasObserver(observer)) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        wakeup.wait(deadline - std::chrono::steady_clock::now());
+    }
+    return true;
+}
+
 inline bool allZero(const CaptureData& frame) {
     return std::all_of(frame.data(), frame.data() + frame.size(), [](uint8_t byte) { return byte == 0; });
 }

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "base/DetachedThread.h"
 #include "base/Wakeup.h"
+#include "base/Worker.h"
 #include "capture/CaptureDevice.h"
 #include "capture/SimulatedBoard.h"
 
@@ -57,12 +57,11 @@ private:
 // A device reading a gated board. Every test starts and ends with no pipeline thread running.
 class GatedDeviceTest : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_TRUE(DetachedThread::waitForAll(std::chrono::seconds(20))); }
+    void SetUp() override { ASSERT_EQ(Worker::running(), 0); }
     void TearDown() override {
-        m_device->stopListening();
         m_board->release();
-        EXPECT_TRUE(DetachedThread::waitForAll(std::chrono::seconds(20)))
-            << "a pipeline thread outlived its test";
+        m_device->stopListening();
+        EXPECT_EQ(Worker::running(), 0) << "a pipeline thread outlived its stop";
     }
 
     std::unique_ptr<GatedBoard> m_owned = std::make_unique<GatedBoard>();

@@ -4,7 +4,7 @@
 #include "EmulatedBoard.h"
 #include "Frames.h"
 #include "Process.h"
-#include "base/DetachedThread.h"
+#include "base/Worker.h"
 #include "base/Log.h"
 #include "capture/CaptureDevice.h"
 #include "capture/DemoBoard.h"
@@ -34,7 +34,7 @@ bool isDemoFrame(const CaptureData& frame, uint64_t number) {
 class LibusbBoardTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_TRUE(DetachedThread::waitForAll(20s));
+        ASSERT_EQ(Worker::running(), 0);
         std::string error;
         m_board = EmulatedBoard::create(std::make_unique<DemoBoard>(), error);
         ASSERT_TRUE(m_board) << error;
@@ -42,7 +42,7 @@ protected:
 
     void TearDown() override {
         m_device->stopListening();
-        EXPECT_TRUE(DetachedThread::waitForAll(20s)) << "a pipeline thread outlived its test";
+        EXPECT_EQ(Worker::running(), 0) << "a pipeline thread outlived its stop";
         // libusb's context ends with the device's board, before the testbed it looked at.
         m_device.reset();
         m_board.reset();
@@ -85,6 +85,22 @@ TEST_F(LibusbBoardTest, AnUnpluggedBoardGivesBlackFramesUntilItIsPluggedInAgain)
     EXPECT_TRUE(isDemoFrame(*frames[3], 3));
     EXPECT_EQ(m_log.count("Capture device disconnected"), 1u);
     EXPECT_EQ(m_log.count("Capture device reconnected"), 1u);
+}
+
+// Pause lets the board go: while paused another program may claim it, and Play opens it again and
+// finds it free.
+TEST_F(LibusbBoardTest, PauseLetsTheBoardGoAndPlayFindsItFree) {
+    for (int run = 0; run < 2; ++run) {
+        const auto frames = test::playFrames(*m_device, m_wakeup, 3);
+        ASSERT_EQ(frames.size(), 3u) << "run " << run;
+        LibusbBoard other;
+        ASSERT_GE(other.init(), 0);
+        ASSERT_TRUE(other.openDeviceWithVidPid(raw::VendorId, raw::ProductId));
+        EXPECT_EQ(other.claimInterface(raw::Interface), usb::Success) << "the paused board is still claimed";
+        other.close();
+    }
+    EXPECT_EQ(m_board->busyClaims(), 0);
+    EXPECT_EQ(m_log.countPrefix("Another program is using the capture board"), 0u);
 }
 
 TEST_F(LibusbBoardTest, ANodeWeMayNotOpenNamesTheUdevRule) {
