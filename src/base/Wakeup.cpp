@@ -3,10 +3,10 @@
 namespace zandor {
 
 void Wakeup::signal() {
-    {
-        std::scoped_lock lock(m_mutex);
-        m_signalled = true;
-    }
+    // Notified under the lock: a waiter that returns may destroy the Wakeup at once (one made for a
+    // single hand-over), and must not do so while this call still uses it.
+    std::scoped_lock lock(m_mutex);
+    m_signalled = true;
     m_condition.notify_one();
 }
 

@@ -70,10 +70,15 @@ void Worker::start(std::function<void(const Run&)> body) {
         generation = ++m_state->generation;
         m_state->active = true;
     }
-    auto thread = std::make_unique<Thread>();
+    // The record is in place before the thread runs, and the lock is held until the thread is
+    // stored in it: a body that drops the last reference to its owner (and so the worker) waits for
+    // this in the destructor's join, instead of the worker being gone while start() still uses it.
+    std::scoped_lock lock(m_threadsMutex);
+    m_threads.push_back(std::make_unique<Thread>());
+    Thread& thread = *m_threads.back();
     ++g_running;
-    thread->thread = std::thread([name = m_name.substr(0, 15), end = thread->end, body = std::move(body),
-                                  run = Run(m_state, generation)]() mutable {
+    thread.thread = std::thread([name = m_name.substr(0, 15), end = thread.end, body = std::move(body),
+                                 run = Run(m_state, generation)]() mutable {
         pthread_setname_np(pthread_self(), name.c_str());
         body(run);
         // What the body holds (perhaps the last reference to the worker's owner) goes before the
@@ -84,8 +89,6 @@ void Worker::start(std::function<void(const Run&)> body) {
         end->done = true;
         end->ended.notify_all();
     });
-    std::scoped_lock lock(m_threadsMutex);
-    m_threads.push_back(std::move(thread));
 }
 
 void Worker::stop() {
