@@ -42,7 +42,7 @@ bool AudioMixer::mix(const std::vector<std::string>& tracks, int64_t fromNs, int
     }
 
     AudioFileWriter writer;
-    if (!writer.open(destination, AV_SAMPLE_FMT_FLT, Rate, Channels)) {
+    if (writer.open(destination, AV_SAMPLE_FMT_FLT, Rate, Channels)) {
         error = "cannot write '" + destination + "'";
         return false;
     }
@@ -83,13 +83,13 @@ bool AudioMixer::mix(const std::vector<std::string>& tracks, int64_t fromNs, int
         const std::chrono::system_clock::time_point at{
             std::chrono::duration_cast<std::chrono::system_clock::duration>(
                 std::chrono::nanoseconds(fromNs + av_rescale(written, 1000000000, Rate)))};
-        if (!writer.write(reinterpret_cast<const uint8_t*>(mixed.data()), frames, at)) {
+        if (writer.write(reinterpret_cast<const uint8_t*>(mixed.data()), frames, at)) {
             error = "cannot write '" + destination + "'";
             return false;
         }
         written += frames;
     }
-    if (!writer.finish()) {
+    if (writer.finish()) {
         error = "cannot finish '" + destination + "'";
         return false;
     }

@@ -115,8 +115,8 @@ bool ReplayBuffer::startSound() {
     return runAndWait(m_gameInput.get(), [this] {
         const QAudioFormat& format = m_gameInput->format();
         m_audioEncoder = AudioEncoder();
-        if (!m_audioEncoder.open(AudioFileWriter::sampleFormat(format.sampleFormat()), format.sampleRate(),
-                                 format.channelCount(), true)) {
+        if (m_audioEncoder.open(AudioFileWriter::sampleFormat(format.sampleFormat()), format.sampleRate(),
+                                format.channelCount(), true)) {
             return false;
         }
         {
@@ -154,8 +154,10 @@ void ReplayBuffer::stopSound() {
         runAndWait(m_gameInput.get(), [this, end] {
             m_gameInput->removeTap(m_tap);
             m_tap = -1;
-            // What the encoder still holds goes into the ring, silence after it up to the end.
-            m_audioEncoder.finish([this](AVPacket* encoded) { return keepSound(encoded); }, end);
+            // What the encoder still holds goes into the ring, silence after it up to the end. A
+            // failure is logged where it happened; the ring keeps what it has.
+            static_cast<void>(
+                m_audioEncoder.finish([this](AVPacket* encoded) { return keepSound(encoded); }, end));
             m_audioEncoder = AudioEncoder();
         });
         {
@@ -168,16 +170,18 @@ void ReplayBuffer::stopSound() {
 
 void ReplayBuffer::appendSound(const char* samples, int frames,
                                std::chrono::system_clock::time_point captured) {
-    m_audioEncoder.write(reinterpret_cast<const uint8_t*>(samples), frames, captured,
-                         [this](AVPacket* encoded) { return keepSound(encoded); });
+    // A failure is logged where it happened; the next buffer tries again.
+    static_cast<void>(m_audioEncoder.write(reinterpret_cast<const uint8_t*>(samples), frames, captured,
+                                           [this](AVPacket* encoded) { return keepSound(encoded); }));
 }
 
-bool ReplayBuffer::keepSound(AVPacket* encoded) {
+Error ReplayBuffer::keepSound(AVPacket* encoded) {
     const int64_t zero = microseconds(m_audioEncoder.timeZero());
     Packet packet{ff::Packet(av_packet_alloc()),
                   zero + av_rescale(encoded->pts, 1000000, AudioEncoder::SampleRate), true};
     if (!packet.packet) {
-        return false;
+        return Error::library(Error::Domain::FFmpeg, "av_packet_alloc", {}, AVERROR(ENOMEM),
+                              ff::errorText(AVERROR(ENOMEM)));
     }
     av_packet_move_ref(packet.packet.get(), encoded);
     {
@@ -187,7 +191,7 @@ bool ReplayBuffer::keepSound(AVPacket* encoded) {
         trimSound();
     }
     m_soundArrived.notify_all();
-    return true;
+    return {};
 }
 
 void ReplayBuffer::trimSound() {
@@ -324,7 +328,7 @@ bool writeMovie(const std::string& path, Track& video, Track& sound, int64_t ori
         error = output.get() && output->pb && output->pb->error < 0 ? output->pb->error : code;
         return false;
     };
-    if (!output.open(path, "mp4")) {
+    if (output.open(path, "mp4")) {
         return failed(AVERROR(EIO));
     }
     struct Written {

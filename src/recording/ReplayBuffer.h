@@ -82,7 +82,7 @@ private:
     // On the game input's thread: encodes its sound into the ring.
     void appendSound(const char* samples, int frames, std::chrono::system_clock::time_point captured);
     // Takes an encoded sound packet into the ring.
-    bool keepSound(AVPacket* encoded);
+    Error keepSound(AVPacket* encoded);
     // Drops the sound that no offset can bring up to the first picture; under m_ringLock.
     void trimSound();
     bool startSound();
