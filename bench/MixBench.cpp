@@ -56,10 +56,10 @@ void BM_MixAMinute(benchmark::State& state) {
     double cpu = 0;
     for (auto _ : state) {
         const double began = bench::threadSeconds();
-        std::string error;
-        if (!AudioMixer::mix({game, narrator}, fromNs, fromNs + int64_t{Seconds} * 1000000000,
-                             (bench::benchFolder() + "/mix.mov").toStdString(), error)) {
-            state.SkipWithError(error.c_str());
+        if (const Error error =
+                AudioMixer::mix({game, narrator}, fromNs, fromNs + int64_t{Seconds} * 1000000000,
+                                (bench::benchFolder() + "/mix.mov").toStdString())) {
+            state.SkipWithError(error.logLine().c_str());
         }
         cpu = bench::threadSeconds() - began;
     }
