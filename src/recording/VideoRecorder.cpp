@@ -178,11 +178,11 @@ void VideoRecorder::capturedLayouts() {
     }
 }
 
-std::shared_ptr<VideoRecorder> VideoRecorder::forBundle(const QString& bundlePath, QString& why) {
+Result<std::shared_ptr<VideoRecorder>> VideoRecorder::forBundle(const QString& bundlePath) {
     const QString bundle = QDir::cleanPath(QFileInfo(bundlePath).absoluteFilePath());
     if (!RecordingBundle::isBundle(bundle)) {
-        why = QStringLiteral("it is not a recording bundle (a folder named *.zdrecord)");
-        return nullptr;
+        return Error::other("cannot recover", bundle.toStdString(),
+                            "it is not a recording bundle (a folder named *.zdrecord)");
     }
     CaptureSettings settings;
     settings.storageFolder = QFileInfo(bundle).path();
@@ -220,8 +220,7 @@ std::shared_ptr<VideoRecorder> VideoRecorder::forBundle(const QString& bundlePat
         }
     }
     if (recorder->m_videoRecords.isEmpty()) {
-        why = QStringLiteral("it holds no movie that can be read");
-        return nullptr;
+        return Error::other("cannot recover", bundle.toStdString(), "it holds no movie that can be read");
     }
     return recorder;
 }

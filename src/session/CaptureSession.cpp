@@ -322,10 +322,10 @@ void CaptureSession::recover(const QStringList& bundles) {
     runInBackground([this, bundles] {
         session::RecoveryDone done;
         for (const QString& bundle : bundles) {
-            QString why;
-            const auto recorder = VideoRecorder::forBundle(bundle, why);
+            const auto found = VideoRecorder::forBundle(bundle);
             auto errors = std::make_shared<RecoveryErrors>();
-            if (recorder) {
+            if (found) {
+                const auto& recorder = *found;
                 recorder->setDelegate(errors);
                 if (recorder->recover()) {
                     done.seconds += recorder->recordedSeconds();
@@ -334,7 +334,7 @@ void CaptureSession::recover(const QStringList& bundles) {
                     done.made << QFileInfo(file).fileName();
                 }
             } else {
-                errors->messages << why;
+                errors->messages << QString::fromStdString(found.error().detail());
             }
             if (!errors->messages.isEmpty()) {
                 done.failed << QStringLiteral("%1: %2").arg(QFileInfo(bundle).fileName(),

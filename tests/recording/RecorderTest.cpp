@@ -226,9 +226,9 @@ TEST_F(RecorderTest, ARecoveredRecordingsMoviesCarryTheLayoutNames) {
          {std::pair{bundle, QStringList{base + " " + inFileName + ".mp4", base + " Top 2.mp4"}},
           std::pair{older + ".zdrecord",
                     QStringList{older + " " + inFileName + ".mp4", older + " Top.mp4"}}}) {
-        QString why;
-        auto recovering = VideoRecorder::forBundle(path, why);
-        ASSERT_TRUE(recovering) << why.toStdString();
+        const auto found = VideoRecorder::forBundle(path);
+        ASSERT_TRUE(found) << found.error().logLine();
+        const auto& recovering = *found;
         recovering->setDelegate(delegate);
         EXPECT_TRUE(recovering->recover()) << delegate->errors.join("\n").toStdString();
         EXPECT_EQ(recovering->madeFiles(), made);
