@@ -87,5 +87,25 @@ TEST(AudioFileWriterTest, ASoundPlaysAtTheWallClockTimeItWasCaptured) {
     }
 }
 
+// A disk that takes no more (the system's full device) is told by its code, wherever the file
+// meets it first: the header, a packet or the trailer.
+TEST(AudioFileWriterTest, AFullDiskIsToldByItsCode) {
+    AudioFileWriter writer;
+    ASSERT_FALSE(writer.open("/dev/full", AV_SAMPLE_FMT_S16, Rate, 2));
+    const std::vector<int16_t> silence(BufferFrames * 2);
+    const Clock::time_point start = Clock::now();
+    Error failed = writer.begin(start);
+    for (int i = 0; !failed && i < 100; ++i) {
+        failed = writer.write(reinterpret_cast<const uint8_t*>(silence.data()), BufferFrames,
+                              start + std::chrono::milliseconds(20 * i));
+    }
+    if (!failed) {
+        failed = writer.finish();
+    }
+    ASSERT_TRUE(failed) << "two seconds of sound written to a full disk";
+    EXPECT_TRUE(failed.isDiskFull()) << failed.logLine();
+    EXPECT_EQ(failed.path(), "/dev/full") << failed.logLine();
+}
+
 } // namespace
 } // namespace zandor
