@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -24,7 +25,9 @@ constexpr int Rate = AudioFileWriter::SampleRate;
 std::string track(const char* name, double frequencyHz, std::chrono::system_clock::time_point start) {
     const std::string path = (bench::benchFolder() + "/" + name).toStdString();
     AudioFileWriter writer;
-    writer.open(path, AV_SAMPLE_FMT_FLT, Rate, 2);
+    if (const Error error = writer.open(path, AV_SAMPLE_FMT_FLT, Rate, 2)) {
+        throw std::runtime_error(error.logLine());
+    }
     constexpr int Buffer = Rate / 50;
     std::vector<float> samples(2 * Buffer);
     for (int64_t first = 0; first < int64_t{Seconds} * Rate; first += Buffer) {
@@ -32,10 +35,14 @@ std::string track(const char* name, double frequencyHz, std::chrono::system_cloc
             samples[2 * i] = samples[2 * i + 1] = static_cast<float>(
                 0.5 * std::sin(2 * M_PI * frequencyHz * static_cast<double>(first + i) / Rate));
         }
-        writer.write(reinterpret_cast<const uint8_t*>(samples.data()), Buffer,
-                     start + std::chrono::microseconds(first * 1000000 / Rate));
+        if (const Error error = writer.write(reinterpret_cast<const uint8_t*>(samples.data()), Buffer,
+                                             start + std::chrono::microseconds(first * 1000000 / Rate))) {
+            throw std::runtime_error(error.logLine());
+        }
     }
-    writer.finish();
+    if (const Error error = writer.finish()) {
+        throw std::runtime_error(error.logLine());
+    }
     return path;
 }
 
@@ -49,10 +56,10 @@ void BM_MixAMinute(benchmark::State& state) {
     double cpu = 0;
     for (auto _ : state) {
         const double began = bench::threadSeconds();
-        std::string error;
-        if (!AudioMixer::mix({game, narrator}, fromNs, fromNs + int64_t{Seconds} * 1000000000,
-                             (bench::benchFolder() + "/mix.mov").toStdString(), error)) {
-            state.SkipWithError(error.c_str());
+        if (const Error error =
+                AudioMixer::mix({game, narrator}, fromNs, fromNs + int64_t{Seconds} * 1000000000,
+                                (bench::benchFolder() + "/mix.mov").toStdString())) {
+            state.SkipWithError(error.logLine().c_str());
         }
         cpu = bench::threadSeconds() - began;
     }

@@ -61,10 +61,10 @@ void keepAndSave(benchmark::State& state, const QString& quality) {
 
         held = buffer->heldBytes();
         const auto saveStart = std::chrono::steady_clock::now();
-        const ReplayBuffer::Saved saved = buffer->save(bench::benchFolder());
+        const Result<QString> saved = buffer->save(bench::benchFolder());
         saving = std::chrono::duration<double>(std::chrono::steady_clock::now() - saveStart).count();
-        if (saved.path.isEmpty()) {
-            state.SkipWithError(qPrintable(saved.error));
+        if (!saved) {
+            state.SkipWithError(saved.error().logLine().c_str());
         }
         std::vector<uint8_t> from(held, 1), to(held);
         const auto copyStart = std::chrono::steady_clock::now();

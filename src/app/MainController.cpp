@@ -58,7 +58,7 @@ void MainController::sessionEvent(const session::Event& event) {
                        QStringLiteral("toolbar_record"));
     } else if (const auto* saved = std::get_if<session::ReplaySaved>(&event)) {
         if (saved->path.isEmpty()) {
-            displayMessage(QStringLiteral("Could not save the replay."), saved->error, 0,
+            displayMessage(QStringLiteral("Could not save the replay."), saved->message(), 0,
                            QStringLiteral("toolbar_replay"));
         }
     } else if (const auto* camera = std::get_if<session::CameraFailed>(&event)) {

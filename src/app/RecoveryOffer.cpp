@@ -12,9 +12,8 @@ namespace zandor {
 void RecoveryOffer::open(QWidget* parent, const QStringList& bundles, std::function<void()> recover) {
     QStringList lines;
     for (const QString& bundle : bundles) {
-        QString why;
-        const auto recorder = VideoRecorder::forBundle(bundle, why);
-        const auto seconds = recorder ? static_cast<int>(recorder->recordedSeconds()) : 0;
+        const auto recorder = VideoRecorder::forBundle(bundle);
+        const auto seconds = recorder ? static_cast<int>((*recorder)->recordedSeconds()) : 0;
         lines << QStringLiteral("%1: %2").arg(QFileInfo(bundle).completeBaseName(),
                                               recorder
                                                   ? QString::asprintf("%d:%02d", seconds / 60, seconds % 60)

@@ -26,29 +26,31 @@ public:
     // FFmpeg's sample format for Qt's; AV_SAMPLE_FMT_NONE for one we cannot take.
     static AVSampleFormat sampleFormat(QAudioFormat::SampleFormat format);
 
-    // The captured samples: interleaved, of this format, rate and channel count.
-    bool open(const std::string& path, AVSampleFormat inputFormat, int inputRate, int inputChannels);
+    // The captured samples: interleaved, of this format, rate and channel count. Each step returns
+    // the Error it met (FFmpeg's code kept: a full disk is known by it), logged.
+    Error open(const std::string& path, AVSampleFormat inputFormat, int inputRate, int inputChannels);
     // Starts the sound at `start`: samples placed later are preceded by silence, samples placed
     // earlier are left out. Without it the first sample written starts the sound.
-    bool begin(std::chrono::system_clock::time_point start);
+    Error begin(std::chrono::system_clock::time_point start);
     // Encodes interleaved samples; `captured` is the wall-clock time of the first of them (see
     // AudioEncoder for how the sound follows the times).
-    bool write(const uint8_t* samples, int frames, std::chrono::system_clock::time_point captured);
+    Error write(const uint8_t* samples, int frames, std::chrono::system_clock::time_point captured);
     // Flushes what is left and finishes the file, with silence up to `end` when the sound stops
-    // short of it. False, logged, when a step failed.
-    bool finish(std::optional<std::chrono::system_clock::time_point> end = std::nullopt);
+    // short of it. The Error of the step that failed, logged.
+    Error finish(std::optional<std::chrono::system_clock::time_point> end = std::nullopt);
 
     bool isOpen() const { return m_encoder.isOpen(); }
 
 private:
-    bool writeHeader(std::chrono::system_clock::time_point timeZero);
-    bool writePacket(AVPacket* packet);
+    Error writeHeader(std::chrono::system_clock::time_point timeZero);
+    Error writePacket(AVPacket* packet);
 
     ff::OutputContext m_output;
     AVStream* m_stream = nullptr;
     AudioEncoder m_encoder;
     AVRational m_timeBase{1, AudioEncoder::SampleRate};
     bool m_headerWritten = false;
+    std::string m_path;
 };
 
 } // namespace zandor

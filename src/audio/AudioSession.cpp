@@ -39,8 +39,8 @@ bool AudioSession::open(std::shared_ptr<AudioInput> input, bool preview, const Q
 
 bool AudioSession::openWriter(const QString& path) {
     const QAudioFormat& format = m_input->format();
-    if (!m_writer.open(path.toStdString(), AudioFileWriter::sampleFormat(format.sampleFormat()),
-                       format.sampleRate(), format.channelCount())) {
+    if (m_writer.open(path.toStdString(), AudioFileWriter::sampleFormat(format.sampleFormat()),
+                      format.sampleRate(), format.channelCount())) {
         logs::recording.error("Could not construct connection of audio recording session");
         return false;
     }
@@ -53,7 +53,7 @@ void AudioSession::start() {
     }
     m_started = true;
     m_startedAt = std::chrono::steady_clock::now();
-    m_writeFailed = !m_writer.begin(std::chrono::system_clock::now());
+    m_writeFailed = static_cast<bool>(m_writer.begin(std::chrono::system_clock::now()));
     m_tap = m_input->addTap(
         [this](const char* samples, int frames, std::chrono::system_clock::time_point captured) {
             const auto placed = captured + m_offset;
@@ -61,7 +61,7 @@ void AudioSession::start() {
             // After a failed write (a full disk, a file gone) the file cannot be finished as a whole
             // movie: the rest is not written, and stop() reports the failure.
             if (frames > 0 && !m_writeFailed &&
-                !m_writer.write(reinterpret_cast<const uint8_t*>(samples), frames, placed)) {
+                m_writer.write(reinterpret_cast<const uint8_t*>(samples), frames, placed)) {
                 m_writeFailed = true;
             }
         });
@@ -131,7 +131,7 @@ bool AudioSession::stop() {
         std::scoped_lock lock(m_endLock);
         end = m_end;
     }
-    const bool finished = m_writer.finish(end) && !m_writeFailed;
+    const bool finished = !m_writer.finish(end) && !m_writeFailed;
     if (finished) {
         logs::recording.info("Done");
     }

@@ -50,14 +50,14 @@ int RecoverCommand::run(const CommandLine& options) {
     }
     int status = 0;
     for (const QString& bundle : bundles) {
-        QString why;
-        auto recorder = VideoRecorder::forBundle(bundle, why);
-        if (!recorder) {
+        auto found = VideoRecorder::forBundle(bundle);
+        if (!found) {
             std::fprintf(stderr, "zandor-cli recover: Could not recover %s: %s\n", qUtf8Printable(bundle),
-                         qUtf8Printable(why));
+                         found.error().detail().c_str());
             status = 1;
             continue;
         }
+        const auto& recorder = *found;
         recorder->setDelegate(std::make_shared<Report>(bundle));
         if (!recorder->recover()) {
             status = 1;

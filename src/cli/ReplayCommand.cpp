@@ -74,7 +74,7 @@ int ReplayCommand::run(const CommandLine& options) {
     const auto& result = std::get<session::ReplaySaved>(*event);
     if (result.path.isEmpty()) {
         std::fprintf(stderr, "zandor-cli replay: Could not save the replay. %s\n",
-                     qUtf8Printable(result.error));
+                     qUtf8Printable(result.message()));
         return 1;
     }
     std::printf("%s\n", qUtf8Printable(result.path));

@@ -20,26 +20,28 @@ QString Plugin::resourcePath(const QString& name) const {
     return m_file + QStringLiteral("/Resources/") + name;
 }
 
-bool Plugin::readDescriptor(const QString& path, QByteArray& bytes, QString& why) {
+Result<QByteArray> Plugin::readDescriptor(const QString& path) {
     std::string contents;
-    const RegularFile::Status status =
-        RegularFile::read(QFile::encodeName(path).toStdString(), MaximumDescriptorBytes, contents);
+    const std::string file = QFile::encodeName(path).toStdString();
+    const RegularFile::Status status = RegularFile::read(file, MaximumDescriptorBytes, contents);
     if (status != RegularFile::Status::Read) {
-        why = QStringLiteral("%1: %2").arg(
-            path, QString::fromStdString(RegularFile::describe(status, MaximumDescriptorBytes)));
-        return false;
+        return Error::other("cannot read", file, RegularFile::describe(status, MaximumDescriptorBytes));
     }
-    bytes = QByteArray::fromStdString(contents);
-    return true;
+    return QByteArray::fromStdString(contents);
+}
+
+QString Plugin::refusal(const Error& error) {
+    return QStringLiteral("%1: %2").arg(QFile::decodeName(QByteArray::fromStdString(error.path())),
+                                        QString::fromStdString(error.detail()));
 }
 
 bool Plugin::parse() {
-    QByteArray bytes;
-    if (QString why; !readDescriptor(pluginFile(), bytes, why)) {
-        logs::layouts.warning("Could not parse plugin: %s", qUtf8Printable(why));
+    const Result<QByteArray> bytes = readDescriptor(pluginFile());
+    if (!bytes) {
+        logs::layouts.warning("Could not parse plugin: %s", qUtf8Printable(refusal(bytes.error())));
         return false;
     }
-    return parse(bytes);
+    return parse(*bytes);
 }
 
 bool Plugin::parse(const QByteArray& descriptor) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Error.h"
+
 #include <QMetaType>
 #include <QString>
 #include <QStringView>
@@ -44,8 +46,11 @@ public:
 
     // A descriptor is a few kilobytes; one larger than this is refused unread.
     static constexpr qint64 MaximumDescriptorBytes = 1024 * 1024;
-    // Reads a descriptor file within the limits above; false with the reason (path included).
-    static bool readDescriptor(const QString& path, QByteArray& bytes, QString& why);
+    // Reads a descriptor file within the limits above; the Error, with what is wrong in its detail,
+    // when it is refused.
+    static Result<QByteArray> readDescriptor(const QString& path);
+    // The log line's text for a descriptor that was refused: "path: what is wrong".
+    static QString refusal(const Error& error);
 
     // The integer at the start of a text: leading white space skipped, an optional sign, then
     // decimal digits up to the first non-digit; 0 when there is no number. Saturates on overflow.

@@ -109,13 +109,13 @@ int PluginController::typePluginFile(const QString& path) {
         return Plugin::NoType;
     }
     const QString descriptor = path + QStringLiteral("/plugin.xml");
-    QByteArray bytes;
-    if (QString why; !Plugin::readDescriptor(descriptor, bytes, why)) {
-        logs::layouts.warning("Could not parse plugin: %s", qUtf8Printable(why));
+    const Result<QByteArray> bytes = Plugin::readDescriptor(descriptor);
+    if (!bytes) {
+        logs::layouts.warning("Could not parse plugin: %s", qUtf8Printable(Plugin::refusal(bytes.error())));
         return Plugin::NoType;
     }
     QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-    QString text = decoder(bytes);
+    QString text = decoder(*bytes);
     if (decoder.hasError()) {
         logs::layouts.warning("Could not parse plugin: %s is not UTF-8 text", qUtf8Printable(descriptor));
         return Plugin::NoType;

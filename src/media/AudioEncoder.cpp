@@ -11,11 +11,11 @@ extern "C" {
 
 namespace zandor {
 
-bool AudioEncoder::open(AVSampleFormat inputFormat, int inputRate, int inputChannels, bool globalHeader) {
+Error AudioEncoder::open(AVSampleFormat inputFormat, int inputRate, int inputChannels, bool globalHeader) {
     ff::routeLogging();
     const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
     if (!codec) {
-        return false;
+        return ff::failure(AVERROR_ENCODER_NOT_FOUND, "avcodec_find_encoder");
     }
     m_encoder.reset(avcodec_alloc_context3(codec));
     AVCodecContext* encoder = m_encoder.get();
@@ -27,9 +27,9 @@ bool AudioEncoder::open(AVSampleFormat inputFormat, int inputRate, int inputChan
     if (globalHeader) {
         encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     }
-    if (!ff::check(avcodec_open2(encoder, codec, nullptr), "avcodec_open2")) {
+    if (Error error = ff::failure(avcodec_open2(encoder, codec, nullptr), "avcodec_open2")) {
         m_encoder.reset();
-        return false;
+        return error;
     }
     // The encoder puts out `initial_padding` priming samples before the first one it was given and
     // dates them that much earlier. Counting from there, the sound starts at time zero with the
@@ -60,17 +60,23 @@ bool AudioEncoder::open(AVSampleFormat inputFormat, int inputRate, int inputChan
     m_fifo.reset(av_audio_fifo_alloc(encoder->sample_fmt, 2, SampleRate));
     m_frame.reset(av_frame_alloc());
     m_packet.reset(av_packet_alloc());
-    if (!ff::check(result, "swr_alloc_set_opts2") || !ff::check(swr_init(m_resampler.get()), "swr_init") ||
-        !m_fifo || !m_frame || !m_packet) {
+    Error error = ff::failure(result, "swr_alloc_set_opts2");
+    if (!error) {
+        error = ff::failure(swr_init(m_resampler.get()), "swr_init");
+    }
+    if (!error && (!m_fifo || !m_frame || !m_packet)) {
+        error = ff::failure(AVERROR(ENOMEM), "av_audio_fifo_alloc");
+    }
+    if (error) {
         m_encoder.reset();
-        return false;
+        return error;
     }
     // The resampler takes the first time it is given as its origin, and would place the first
     // buffer at the start whatever its time. Given the start itself first, it fills or drops up to
     // the first buffer as it does later: the sound keeps its place against the picture, moved by
     // the game sound's offset, however long after the start it arrives.
     swr_next_pts(m_resampler.get(), 0);
-    return true;
+    return {};
 }
 
 void AudioEncoder::start(std::chrono::system_clock::time_point captured) {
@@ -86,10 +92,10 @@ std::chrono::system_clock::time_point AudioEncoder::timeZero() const {
     return m_firstSample - priming;
 }
 
-bool AudioEncoder::write(const uint8_t* samples, int frames, std::chrono::system_clock::time_point captured,
-                         const PacketSink& sink) {
+Error AudioEncoder::write(const uint8_t* samples, int frames, std::chrono::system_clock::time_point captured,
+                          const PacketSink& sink) {
     if (!m_encoder) {
-        return false;
+        return Error::other("encode sound", {}, "the encoder is not open");
     }
     start(captured);
     // Where these samples belong on the movie's time line, in 1 / (rate * rate) seconds; the
@@ -102,17 +108,20 @@ bool AudioEncoder::write(const uint8_t* samples, int frames, std::chrono::system
     uint8_t* planes[2] = {reinterpret_cast<uint8_t*>(left.data()), reinterpret_cast<uint8_t*>(right.data())};
     const uint8_t* input[1] = {samples};
     const int converted = swr_convert(m_resampler.get(), planes, room, input, frames);
-    if (!ff::check(converted, "swr_convert")) {
-        return false;
+    if (Error error = ff::failure(converted, "swr_convert")) {
+        return error;
     }
-    if (av_audio_fifo_write(m_fifo.get(), reinterpret_cast<void**>(planes), converted) < converted) {
+    if (const int queued = av_audio_fifo_write(m_fifo.get(), reinterpret_cast<void**>(planes), converted);
+        queued < converted) {
         logs::recording.error("Could not queue audio samples");
-        return false;
+        return Error::library(Error::Domain::FFmpeg, "av_audio_fifo_write", {},
+                              queued < 0 ? queued : AVERROR(ENOMEM),
+                              ff::errorText(queued < 0 ? queued : AVERROR(ENOMEM)));
     }
     return drainFifo(false, sink);
 }
 
-bool AudioEncoder::drainFifo(bool flush, const PacketSink& sink) {
+Error AudioEncoder::drainFifo(bool flush, const PacketSink& sink) {
     const int frameSize = m_encoder->frame_size;
     while (av_audio_fifo_size(m_fifo.get()) >= frameSize || (flush && av_audio_fifo_size(m_fifo.get()) > 0)) {
         const int count = std::min(frameSize, av_audio_fifo_size(m_fifo.get()));
@@ -120,41 +129,46 @@ bool AudioEncoder::drainFifo(bool flush, const PacketSink& sink) {
         m_frame->nb_samples = count;
         m_frame->format = m_encoder->sample_fmt;
         m_frame->sample_rate = SampleRate;
-        if (!ff::check(av_channel_layout_copy(&m_frame->ch_layout, &m_encoder->ch_layout),
-                       "av_channel_layout_copy") ||
-            !ff::check(av_frame_get_buffer(m_frame.get(), 0), "av_frame_get_buffer")) {
-            return false;
+        if (Error error = ff::failure(av_channel_layout_copy(&m_frame->ch_layout, &m_encoder->ch_layout),
+                                      "av_channel_layout_copy")) {
+            return error;
+        }
+        if (Error error = ff::failure(av_frame_get_buffer(m_frame.get(), 0), "av_frame_get_buffer")) {
+            return error;
         }
         av_audio_fifo_read(m_fifo.get(), reinterpret_cast<void**>(m_frame->data), count);
         m_frame->pts = m_nextPts;
         m_nextPts += count;
-        if (!encode(m_frame.get(), sink)) {
-            return false;
+        if (Error error = encode(m_frame.get(), sink)) {
+            return error;
         }
     }
-    return true;
+    return {};
 }
 
-bool AudioEncoder::encode(const AVFrame* frame, const PacketSink& sink) {
-    if (!ff::check(avcodec_send_frame(m_encoder.get(), frame), "avcodec_send_frame")) {
-        return false;
+Error AudioEncoder::encode(const AVFrame* frame, const PacketSink& sink) {
+    if (Error error = ff::failure(avcodec_send_frame(m_encoder.get(), frame), "avcodec_send_frame")) {
+        return error;
     }
     for (;;) {
         const int result = avcodec_receive_packet(m_encoder.get(), m_packet.get());
         if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
-            return true;
+            return {};
         }
-        if (!ff::check(result, "avcodec_receive_packet") || !sink(m_packet.get())) {
-            av_packet_unref(m_packet.get());
-            return false;
+        Error error = ff::failure(result, "avcodec_receive_packet");
+        if (!error) {
+            error = sink(m_packet.get());
         }
         av_packet_unref(m_packet.get());
+        if (error) {
+            return error;
+        }
     }
 }
 
-bool AudioEncoder::finish(const PacketSink& sink, std::optional<std::chrono::system_clock::time_point> end) {
+Error AudioEncoder::finish(const PacketSink& sink, std::optional<std::chrono::system_clock::time_point> end) {
     if (!m_encoder) {
-        return false;
+        return Error::other("encode sound", {}, "the encoder is not open");
     }
     // What the resampler still holds, then silence up to the end, then the last short frame, then
     // the encoder's delay.
@@ -179,14 +193,20 @@ bool AudioEncoder::finish(const PacketSink& sink, std::optional<std::chrono::sys
         void* planes[2] = {silence.data(), silence.data()};
         for (int64_t missing = wanted - written; missing > 0; missing -= SampleRate) {
             const int count = static_cast<int>(std::min<int64_t>(missing, SampleRate));
-            if (av_audio_fifo_write(m_fifo.get(), planes, count) < count || !drainFifo(false, sink)) {
-                return false;
+            if (av_audio_fifo_write(m_fifo.get(), planes, count) < count) {
+                return ff::failure(AVERROR(ENOMEM), "av_audio_fifo_write");
+            }
+            if (Error error = drainFifo(false, sink)) {
+                return error;
             }
         }
     }
-    const bool finished = drainFifo(true, sink) && encode(nullptr, sink);
+    Error error = drainFifo(true, sink);
+    if (!error) {
+        error = encode(nullptr, sink);
+    }
     m_encoder.reset();
-    return finished;
+    return error;
 }
 
 } // namespace zandor

@@ -19,31 +19,32 @@ public:
     static constexpr int SampleRate = 44100;
     static constexpr int64_t BitRate = 131072;
 
-    // Takes each encoded packet; false stops the encoding as failed.
-    using PacketSink = std::function<bool(AVPacket* packet)>;
+    // Takes each encoded packet; an Error stops the encoding as failed.
+    using PacketSink = std::function<Error(AVPacket* packet)>;
 
     // The captured samples: interleaved, of this format, rate and channel count.
-    bool open(AVSampleFormat inputFormat, int inputRate, int inputChannels, bool globalHeader);
+    Error open(AVSampleFormat inputFormat, int inputRate, int inputChannels, bool globalHeader);
     bool isOpen() const { return m_encoder != nullptr; }
     AVCodecContext* context() const { return m_encoder.get(); }
 
     // Sets the start of the sound, when it is not set yet: the first write does it too. Sound that
     // the writes place later begins with silence from here; sound placed earlier is dropped.
     void start(std::chrono::system_clock::time_point captured);
-    bool write(const uint8_t* samples, int frames, std::chrono::system_clock::time_point captured,
-               const PacketSink& sink);
+    // The first Error met, the sink's included.
+    Error write(const uint8_t* samples, int frames, std::chrono::system_clock::time_point captured,
+                const PacketSink& sink);
     // Encodes what is left, then the encoder's delay, and closes the encoder. With `end`, a sound
     // that stops short of it is made up with silence, so that it lasts until then.
-    bool finish(const PacketSink& sink,
-                std::optional<std::chrono::system_clock::time_point> end = std::nullopt);
+    Error finish(const PacketSink& sink,
+                 std::optional<std::chrono::system_clock::time_point> end = std::nullopt);
 
     bool hasStarted() const { return m_started; }
     // The wall-clock time of time zero of the packets: the first captured sample less the priming.
     std::chrono::system_clock::time_point timeZero() const;
 
 private:
-    bool drainFifo(bool flush, const PacketSink& sink);
-    bool encode(const AVFrame* frame, const PacketSink& sink);
+    Error drainFifo(bool flush, const PacketSink& sink);
+    Error encode(const AVFrame* frame, const PacketSink& sink);
 
     ff::CodecContext m_encoder;
     ff::Resampler m_resampler;

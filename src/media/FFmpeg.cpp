@@ -15,12 +15,17 @@ std::string errorText(int code) {
     return text;
 }
 
-bool check(int code, const char* call) {
+Error failure(int code, const char* call, const std::string& path) {
     if (code >= 0) {
-        return true;
+        return {};
     }
-    logs::media.error("%s: %s", call, errorText(code).c_str());
-    return false;
+    const std::string text = errorText(code);
+    logs::media.error("%s: %s", call, text.c_str());
+    return Error::library(Error::Domain::FFmpeg, call, path, code, text);
+}
+
+bool check(int code, const char* call) {
+    return !failure(code, call);
 }
 
 namespace {
@@ -62,13 +67,13 @@ OutputContext::~OutputContext() {
     avformat_free_context(m_context);
 }
 
-bool OutputContext::open(const std::string& path, const char* formatName) {
+Error OutputContext::open(const std::string& path, const char* formatName) {
     routeLogging();
-    if (!check(avformat_alloc_output_context2(&m_context, nullptr, formatName, path.c_str()),
-               "avformat_alloc_output_context2")) {
-        return false;
+    if (Error error = failure(avformat_alloc_output_context2(&m_context, nullptr, formatName, path.c_str()),
+                              "avformat_alloc_output_context2", path)) {
+        return error;
     }
-    return check(avio_open(&m_context->pb, path.c_str(), AVIO_FLAG_WRITE), "avio_open");
+    return failure(avio_open(&m_context->pb, path.c_str(), AVIO_FLAG_WRITE), "avio_open", path);
 }
 
 void OutputContext::close() {
@@ -107,7 +112,7 @@ void setCaptureStart(AVFormatContext* output, double captureStart) {
     av_dict_set(&output->metadata, CaptureStartKey, start, 0);
 }
 
-bool writeFragmentedHeader(AVFormatContext* output, double captureStart) {
+Error writeFragmentedHeader(AVFormatContext* output, double captureStart) {
     if (captureStart >= 0) {
         setCaptureStart(output, captureStart);
     }
@@ -115,7 +120,8 @@ bool writeFragmentedHeader(AVFormatContext* output, double captureStart) {
     options.set("movflags", "empty_moov+default_base_moof+use_metadata_tags");
     options.set("frag_duration", "500000");
     options.set("flush_packets", "1");
-    return check(avformat_write_header(output, options.get()), "avformat_write_header");
+    return failure(avformat_write_header(output, options.get()), "avformat_write_header",
+                   output->url ? output->url : "");
 }
 
 std::optional<int64_t> captureStartNs(const AVDictionary* metadata) {

@@ -23,6 +23,9 @@ namespace zandor::ff {
 
 // av_strerror's text for an FFmpeg error code.
 std::string errorText(int code);
+// Logs "call: error text" and returns the Error, with FFmpeg's code, when `code` is negative; no
+// Error otherwise. `path` is the file the call concerned, when there is one.
+Error failure(int code, const char* call, const std::string& path = {});
 // Logs "call: error text" and returns false when `code` is negative.
 bool check(int code, const char* call);
 // Sends FFmpeg's own warnings and errors to our log, once per process.
@@ -92,8 +95,8 @@ public:
     OutputContext& operator=(const OutputContext&) = delete;
 
     // Allocates the context for `path` in the named container ("mov", "mp4", ...) and opens the
-    // file for writing. False, logged, on failure.
-    bool open(const std::string& path, const char* formatName);
+    // file for writing. The Error, logged, on failure.
+    Error open(const std::string& path, const char* formatName);
     AVFormatContext* get() const { return m_context; }
     AVFormatContext* operator->() const { return m_context; }
     // Closes the file; safe to call more than once.
@@ -120,7 +123,7 @@ void setCaptureStart(AVFormatContext* output, double captureStart);
 // Writes the header of a fragmented QuickTime movie (a fragment every half second, each written
 // to the file at once, so that a crash leaves a playable file) whose metadata "zandor_capture_start"
 // holds `captureStart`, the wall-clock seconds of its time zero, when given (not negative).
-bool writeFragmentedHeader(AVFormatContext* output, double captureStart);
+Error writeFragmentedHeader(AVFormatContext* output, double captureStart);
 
 // The capture start a movie's metadata holds, in nanoseconds since the epoch, read exactly; unset
 // when there is none or it is not a number.

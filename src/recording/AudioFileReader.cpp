@@ -11,21 +11,24 @@ constexpr AVRational SampleTime{1, AudioFileReader::SampleRate};
 // Frames' times are rounded; a gap or an overlap up to this many samples is no gap.
 constexpr int64_t Slack = 32;
 
+Error failed(const char* step, const std::string& path, int code) {
+    return Error::library(Error::Domain::FFmpeg, step, path, code, ff::errorText(code));
+}
+
 } // namespace
 
-bool AudioFileReader::open(const std::string& path, std::string& error) {
+Error AudioFileReader::open(const std::string& path) {
     m_path = path;
     auto opened = ff::openInput(path);
     if (!opened) {
-        error = opened.error().logLine();
-        return false;
+        return opened.error();
     }
     m_input = std::move(*opened);
     const AVCodec* codec = nullptr;
     m_stream = av_find_best_stream(m_input.get(), AVMEDIA_TYPE_AUDIO, -1, -1, &codec, 0);
     if (m_stream < 0 || !codec) {
-        error = "'" + path + "' has no sound track that can be decoded";
-        return false;
+        return failed("cannot find a sound track that can be decoded in", path,
+                      m_stream < 0 ? m_stream : AVERROR_DECODER_NOT_FOUND);
     }
     const AVStream* stream = m_input->streams[m_stream];
     m_decoder.reset(avcodec_alloc_context3(codec));
@@ -33,8 +36,7 @@ bool AudioFileReader::open(const std::string& path, std::string& error) {
     m_frame.reset(av_frame_alloc());
     m_packet.reset(av_packet_alloc());
     if (!m_decoder || !m_fifo || !m_frame || !m_packet) {
-        error = "out of memory";
-        return false;
+        return failed("cannot decode the sound of", path, AVERROR(ENOMEM));
     }
     int result = avcodec_parameters_to_context(m_decoder.get(), stream->codecpar);
     m_decoder->pkt_timebase = stream->time_base;
@@ -42,21 +44,19 @@ bool AudioFileReader::open(const std::string& path, std::string& error) {
         result = avcodec_open2(m_decoder.get(), codec, nullptr);
     }
     if (result < 0) {
-        error = "cannot decode the sound of '" + path + "': " + ff::errorText(result);
-        return false;
+        return failed("cannot decode the sound of", path, result);
     }
     m_captureStartNs = ff::captureStartNs(m_input->metadata);
     // The first samples tell where the sound starts.
     while (av_audio_fifo_size(m_fifo.get()) == 0 && m_silence == 0 && !m_ended) {
-        if (!decodeMore(error)) {
-            return false;
+        if (Error error = decodeMore()) {
+            return error;
         }
     }
     if (m_nextSample < 0) {
-        error = "'" + path + "' holds no sound";
-        return false;
+        return Error::other("cannot read the sound of", path, "it holds no sound");
     }
-    return true;
+    return {};
 }
 
 std::optional<int64_t> AudioFileReader::startNs() const {
@@ -66,7 +66,7 @@ std::optional<int64_t> AudioFileReader::startNs() const {
     return *m_captureStartNs + av_rescale(m_firstSample, 1000000000, SampleRate);
 }
 
-int AudioFileReader::read(float* samples, int frames, std::string& error) {
+Result<int> AudioFileReader::read(float* samples, int frames) {
     int done = 0;
     while (done < frames) {
         if (m_silence > 0) {
@@ -81,28 +81,27 @@ int AudioFileReader::read(float* samples, int frames, std::string& error) {
             done += count;
         } else if (m_ended) {
             break;
-        } else if (!decodeMore(error)) {
-            return -1;
+        } else if (Error error = decodeMore()) {
+            return error;
         }
     }
     return done;
 }
 
-bool AudioFileReader::decodeMore(std::string& error) {
+Error AudioFileReader::decodeMore() {
     for (;;) {
         int result = avcodec_receive_frame(m_decoder.get(), m_frame.get());
         if (result == 0) {
-            const bool queued = queue(m_frame.get(), error);
+            Error error = queue(m_frame.get());
             av_frame_unref(m_frame.get());
-            return queued;
+            return error;
         }
         if (result == AVERROR_EOF || (result == AVERROR(EAGAIN) && m_flushed)) {
             m_ended = true;
-            return flushResampler(error);
+            return flushResampler();
         }
         if (result != AVERROR(EAGAIN)) {
-            error = "cannot decode the sound of '" + m_path + "': " + ff::errorText(result);
-            return false;
+            return failed("cannot decode the sound of", m_path, result);
         }
         for (;;) {
             result = av_read_frame(m_input.get(), m_packet.get());
@@ -112,8 +111,7 @@ bool AudioFileReader::decodeMore(std::string& error) {
                 break;
             }
             if (result < 0) {
-                error = "cannot read '" + m_path + "': " + ff::errorText(result);
-                return false;
+                return failed("cannot read", m_path, result);
             }
             if (m_packet->stream_index != m_stream) {
                 av_packet_unref(m_packet.get());
@@ -124,21 +122,19 @@ bool AudioFileReader::decodeMore(std::string& error) {
             // A damaged packet (the end of a movie cut off by a crash) is left out; its time
             // comes out as silence.
             if (result < 0 && result != AVERROR_INVALIDDATA) {
-                error = "cannot decode the sound of '" + m_path + "': " + ff::errorText(result);
-                return false;
+                return failed("cannot decode the sound of", m_path, result);
             }
             break;
         }
     }
 }
 
-bool AudioFileReader::queue(const AVFrame* frame, std::string& error) {
+Error AudioFileReader::queue(const AVFrame* frame) {
     if (!m_resampler) {
         AVChannelLayout stereo{}, input{};
         av_channel_layout_default(&stereo, Channels);
-        if (av_channel_layout_copy(&input, &frame->ch_layout) < 0) {
-            error = "out of memory";
-            return false;
+        if (const int copied = av_channel_layout_copy(&input, &frame->ch_layout); copied < 0) {
+            return failed("cannot convert the sound of", m_path, copied);
         }
         SwrContext* resampler = nullptr;
         const int result =
@@ -146,9 +142,9 @@ bool AudioFileReader::queue(const AVFrame* frame, std::string& error) {
                                 static_cast<AVSampleFormat>(frame->format), frame->sample_rate, 0, nullptr);
         av_channel_layout_uninit(&input);
         m_resampler.reset(resampler);
-        if (result < 0 || !resampler || swr_init(resampler) < 0) {
-            error = "cannot convert the sound of '" + m_path + "'";
-            return false;
+        const int ready = result < 0 ? result : !resampler ? AVERROR(ENOMEM) : swr_init(resampler);
+        if (ready < 0) {
+            return failed("cannot convert the sound of", m_path, ready);
         }
     }
     const int64_t time = frame->best_effort_timestamp;
@@ -171,35 +167,33 @@ bool AudioFileReader::queue(const AVFrame* frame, std::string& error) {
     const int count = swr_convert(m_resampler.get(), out, room,
                                   const_cast<const uint8_t**>(frame->extended_data), frame->nb_samples);
     if (count < 0) {
-        error = "cannot convert the sound of '" + m_path + "': " + ff::errorText(count);
-        return false;
+        return failed("cannot convert the sound of", m_path, count);
     }
-    return append(m_converted.data(), count, drop, error);
+    return append(m_converted.data(), count, drop);
 }
 
-bool AudioFileReader::append(const float* samples, int frames, int64_t drop, std::string& error) {
+Error AudioFileReader::append(const float* samples, int frames, int64_t drop) {
     const int skipped = static_cast<int>(std::min<int64_t>(drop, frames));
     void* planes[1] = {const_cast<float*>(samples + skipped * Channels)};
     if (av_audio_fifo_write(m_fifo.get(), planes, frames - skipped) < frames - skipped) {
-        error = "out of memory";
-        return false;
+        return failed("cannot convert the sound of", m_path, AVERROR(ENOMEM));
     }
     m_nextSample += frames - skipped;
-    return true;
+    return {};
 }
 
-bool AudioFileReader::flushResampler(std::string& error) {
+Error AudioFileReader::flushResampler() {
     if (!m_resampler) {
-        return true;
+        return {};
     }
     const int room = swr_get_out_samples(m_resampler.get(), 0);
     if (room <= 0) {
-        return true;
+        return {};
     }
     m_converted.resize(static_cast<size_t>(room) * Channels);
     uint8_t* out[1] = {reinterpret_cast<uint8_t*>(m_converted.data())};
     const int count = swr_convert(m_resampler.get(), out, room, nullptr, 0);
-    return count <= 0 || append(m_converted.data(), count, 0, error);
+    return count <= 0 ? Error() : append(m_converted.data(), count, 0);
 }
 
 } // namespace zandor

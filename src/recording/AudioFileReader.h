@@ -19,27 +19,27 @@ public:
     static constexpr int SampleRate = AudioEncoder::SampleRate;
     static constexpr int Channels = 2;
 
-    // Opens the movie and decodes its first samples. False, with the reason, when it has no sound
-    // track that can be decoded, or no sample at all.
-    bool open(const std::string& path, std::string& error);
+    // Opens the movie and decodes its first samples. The Error when it has no sound track that can
+    // be decoded, or no sample at all.
+    Error open(const std::string& path);
     // The wall-clock time of the first sample, in nanoseconds since the epoch: the movie's
     // capture start plus where its first sample lies. Unset when the movie has no capture start.
     std::optional<int64_t> startNs() const;
-    // Reads up to `frames` frames (Channels samples each) into `samples`. The count read: 0 at the
-    // end, -1 with the reason on failure.
-    int read(float* samples, int frames, std::string& error);
+    // Reads up to `frames` frames (Channels samples each) into `samples`. The count read, 0 at the
+    // end; the Error on failure.
+    Result<int> read(float* samples, int frames);
 
 private:
-    // Decodes the next frame into the queue, or notes the end of the track; false on failure.
+    // Decodes the next frame into the queue, or notes the end of the track.
     // Called only once the queue and the silence before it are used up, so that a gap's silence,
     // read first, comes before the frame after it.
-    bool decodeMore(std::string& error);
+    Error decodeMore();
     // Queues a decoded frame, after the silence of a gap before it, less what overlaps the queue.
-    bool queue(const AVFrame* frame, std::string& error);
+    Error queue(const AVFrame* frame);
     // Queues converted samples less the first `drop` of them.
-    bool append(const float* samples, int frames, int64_t drop, std::string& error);
+    Error append(const float* samples, int frames, int64_t drop);
     // Queues what the resampler still holds at the end of the track.
-    bool flushResampler(std::string& error);
+    Error flushResampler();
 
     std::string m_path;
     ff::InputContext m_input;

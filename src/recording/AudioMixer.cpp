@@ -10,8 +10,8 @@
 
 namespace zandor {
 
-bool AudioMixer::mix(const std::vector<std::string>& tracks, int64_t fromNs, int64_t toNs,
-                     const std::string& destination, std::string& error) {
+Error AudioMixer::mix(const std::vector<std::string>& tracks, int64_t fromNs, int64_t toNs,
+                      const std::string& destination) {
     constexpr int Channels = AudioFileReader::Channels;
     constexpr int Rate = AudioFileReader::SampleRate;
     constexpr int ChunkFrames = 4096;
@@ -24,39 +24,36 @@ bool AudioMixer::mix(const std::vector<std::string>& tracks, int64_t fromNs, int
     std::vector<std::unique_ptr<Track>> inputs;
     for (const std::string& path : tracks) {
         auto track = std::make_unique<Track>();
-        if (!track->reader.open(path, error)) {
-            return false;
+        if (Error error = track->reader.open(path)) {
+            return error;
         }
         const std::optional<int64_t> start = track->reader.startNs();
         if (!start) {
-            error = "'" + path + "' does not say when it was captured";
-            return false;
+            return Error::other("cannot place", path, "it does not say when it was captured");
         }
         track->lead = av_rescale(*start - fromNs, Rate, 1000000000);
         inputs.push_back(std::move(track));
     }
     const int64_t total = av_rescale(toNs - fromNs, Rate, 1000000000);
     if (inputs.empty() || total <= 0) {
-        error = "nothing to mix";
-        return false;
+        return Error::other("cannot mix", destination, "nothing to mix");
     }
 
     AudioFileWriter writer;
-    if (!writer.open(destination, AV_SAMPLE_FMT_FLT, Rate, Channels)) {
-        error = "cannot write '" + destination + "'";
-        return false;
+    if (Error error = writer.open(destination, AV_SAMPLE_FMT_FLT, Rate, Channels)) {
+        return error;
     }
     std::vector<float> mixed(ChunkFrames * Channels), part(ChunkFrames * Channels);
     for (const auto& track : inputs) {
         // What lies before the span is read and left out.
         while (track->lead < 0 && !track->ended) {
             const int wanted = static_cast<int>(std::min<int64_t>(-track->lead, ChunkFrames));
-            const int read = track->reader.read(part.data(), wanted, error);
-            if (read < 0) {
-                return false;
+            const Result<int> read = track->reader.read(part.data(), wanted);
+            if (!read) {
+                return read.error();
             }
-            track->ended = read < wanted;
-            track->lead += read;
+            track->ended = *read < wanted;
+            track->lead += *read;
         }
     }
     for (int64_t written = 0; written < total;) {
@@ -66,14 +63,14 @@ bool AudioMixer::mix(const std::vector<std::string>& tracks, int64_t fromNs, int
             int filled = static_cast<int>(std::clamp<int64_t>(track->lead, 0, frames));
             track->lead -= filled;
             if (filled < frames && !track->ended) {
-                const int read = track->reader.read(part.data(), frames - filled, error);
-                if (read < 0) {
-                    return false;
+                const Result<int> read = track->reader.read(part.data(), frames - filled);
+                if (!read) {
+                    return read.error();
                 }
-                std::transform(part.begin(), part.begin() + read * Channels,
+                std::transform(part.begin(), part.begin() + *read * Channels,
                                mixed.begin() + filled * Channels, mixed.begin() + filled * Channels,
                                std::plus<float>());
-                track->ended = read < frames - filled;
+                track->ended = *read < frames - filled;
             }
         }
         for (float& sample : mixed) {
@@ -83,17 +80,12 @@ bool AudioMixer::mix(const std::vector<std::string>& tracks, int64_t fromNs, int
         const std::chrono::system_clock::time_point at{
             std::chrono::duration_cast<std::chrono::system_clock::duration>(
                 std::chrono::nanoseconds(fromNs + av_rescale(written, 1000000000, Rate)))};
-        if (!writer.write(reinterpret_cast<const uint8_t*>(mixed.data()), frames, at)) {
-            error = "cannot write '" + destination + "'";
-            return false;
+        if (Error error = writer.write(reinterpret_cast<const uint8_t*>(mixed.data()), frames, at)) {
+            return error;
         }
         written += frames;
     }
-    if (!writer.finish()) {
-        error = "cannot finish '" + destination + "'";
-        return false;
-    }
-    return true;
+    return writer.finish();
 }
 
 } // namespace zandor

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Error.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -14,10 +16,10 @@ class AudioMixer {
 public:
     // Mixes the span from `fromNs` to `toNs` (wall-clock nanoseconds since the epoch; the
     // picture's, so that the mix starts and ends with it); a track is silent where it has no
-    // sound. False, with the reason, when a track cannot be read (or carries no capture start) or
-    // the mix cannot be written.
-    static bool mix(const std::vector<std::string>& tracks, int64_t fromNs, int64_t toNs,
-                    const std::string& destination, std::string& error);
+    // sound. The Error when a track cannot be read (or carries no capture start) or the mix cannot
+    // be written.
+    static Error mix(const std::vector<std::string>& tracks, int64_t fromNs, int64_t toNs,
+                     const std::string& destination);
 };
 
 } // namespace zandor

@@ -115,8 +115,8 @@ bool ReplayBuffer::startSound() {
     return runAndWait(m_gameInput.get(), [this] {
         const QAudioFormat& format = m_gameInput->format();
         m_audioEncoder = AudioEncoder();
-        if (!m_audioEncoder.open(AudioFileWriter::sampleFormat(format.sampleFormat()), format.sampleRate(),
-                                 format.channelCount(), true)) {
+        if (m_audioEncoder.open(AudioFileWriter::sampleFormat(format.sampleFormat()), format.sampleRate(),
+                                format.channelCount(), true)) {
             return false;
         }
         {
@@ -154,8 +154,10 @@ void ReplayBuffer::stopSound() {
         runAndWait(m_gameInput.get(), [this, end] {
             m_gameInput->removeTap(m_tap);
             m_tap = -1;
-            // What the encoder still holds goes into the ring, silence after it up to the end.
-            m_audioEncoder.finish([this](AVPacket* encoded) { return keepSound(encoded); }, end);
+            // What the encoder still holds goes into the ring, silence after it up to the end. A
+            // failure is logged where it happened; the ring keeps what it has.
+            static_cast<void>(
+                m_audioEncoder.finish([this](AVPacket* encoded) { return keepSound(encoded); }, end));
             m_audioEncoder = AudioEncoder();
         });
         {
@@ -168,16 +170,18 @@ void ReplayBuffer::stopSound() {
 
 void ReplayBuffer::appendSound(const char* samples, int frames,
                                std::chrono::system_clock::time_point captured) {
-    m_audioEncoder.write(reinterpret_cast<const uint8_t*>(samples), frames, captured,
-                         [this](AVPacket* encoded) { return keepSound(encoded); });
+    // A failure is logged where it happened; the next buffer tries again.
+    static_cast<void>(m_audioEncoder.write(reinterpret_cast<const uint8_t*>(samples), frames, captured,
+                                           [this](AVPacket* encoded) { return keepSound(encoded); }));
 }
 
-bool ReplayBuffer::keepSound(AVPacket* encoded) {
+Error ReplayBuffer::keepSound(AVPacket* encoded) {
     const int64_t zero = microseconds(m_audioEncoder.timeZero());
     Packet packet{ff::Packet(av_packet_alloc()),
                   zero + av_rescale(encoded->pts, 1000000, AudioEncoder::SampleRate), true};
     if (!packet.packet) {
-        return false;
+        return Error::library(Error::Domain::FFmpeg, "av_packet_alloc", {}, AVERROR(ENOMEM),
+                              ff::errorText(AVERROR(ENOMEM)));
     }
     av_packet_move_ref(packet.packet.get(), encoded);
     {
@@ -187,7 +191,7 @@ bool ReplayBuffer::keepSound(AVPacket* encoded) {
         trimSound();
     }
     m_soundArrived.notify_all();
-    return true;
+    return {};
 }
 
 void ReplayBuffer::trimSound() {
@@ -318,14 +322,17 @@ struct Track {
 };
 
 // Writes the tracks as an MP4 movie whose time zero is the first picture's time, `origin`.
-bool writeMovie(const std::string& path, Track& video, Track& sound, int64_t origin, int& error) {
+Error writeMovie(const std::string& path, Track& video, Track& sound, int64_t origin) {
     ff::OutputContext output;
-    const auto failed = [&output, &error](int code) {
-        error = output.get() && output->pb && output->pb->error < 0 ? output->pb->error : code;
-        return false;
+    // The file's own error, when one was met, is the cause: the muxer may give a code of its own.
+    const auto failed = [&output, &path](int code) {
+        if (output.get() && output->pb && output->pb->error < 0) {
+            code = output->pb->error;
+        }
+        return Error::library(Error::Domain::FFmpeg, "cannot write", path, code, ff::errorText(code));
     };
-    if (!output.open(path, "mp4")) {
-        return failed(AVERROR(EIO));
+    if (const Error opened = output.open(path, "mp4")) {
+        return failed(opened.code());
     }
     struct Written {
         Track* track;
@@ -339,9 +346,13 @@ bool writeMovie(const std::string& path, Track& video, Track& sound, int64_t ori
             continue;
         }
         AVStream* stream = avformat_new_stream(output.get(), nullptr);
-        if (!stream || !ff::check(avcodec_parameters_copy(stream->codecpar, track->parameters.get()),
-                                  "avcodec_parameters_copy")) {
+        if (!stream) {
             return failed(AVERROR(ENOMEM));
+        }
+        if (const Error copied =
+                ff::failure(avcodec_parameters_copy(stream->codecpar, track->parameters.get()),
+                            "avcodec_parameters_copy")) {
+            return failed(copied.code());
         }
         stream->codecpar->codec_tag = 0;
         // The sound is cut out of a longer one: no priming to skip at its start.
@@ -354,8 +365,9 @@ bool writeMovie(const std::string& path, Track& video, Track& sound, int64_t ori
     ff::Options options;
     // The index first, so that a player or a web page can start before the whole file is read.
     options.set("movflags", "+faststart+use_metadata_tags");
-    if (!ff::check(avformat_write_header(output.get(), options.get()), "avformat_write_header")) {
-        return failed(AVERROR(EIO));
+    if (const Error header =
+            ff::failure(avformat_write_header(output.get(), options.get()), "avformat_write_header")) {
+        return failed(header.code());
     }
     for (const Written& written : tracks) {
         auto& packets = written.track->packets;
@@ -387,20 +399,29 @@ bool writeMovie(const std::string& path, Track& video, Track& sound, int64_t ori
     std::stable_sort(order.begin(), order.end(),
                      [](const auto& one, const auto& other) { return one.first < other.first; });
     for (const auto& [time, packet] : order) {
-        if (!ff::check(av_interleaved_write_frame(output.get(), packet), "av_interleaved_write_frame")) {
-            return failed(AVERROR(EIO));
+        if (const Error written =
+                ff::failure(av_interleaved_write_frame(output.get(), packet), "av_interleaved_write_frame")) {
+            return failed(written.code());
         }
     }
-    if (!ff::check(av_write_trailer(output.get()), "av_write_trailer") || output->pb->error < 0) {
-        return failed(AVERROR(EIO));
+    if (const Error trailer = ff::failure(av_write_trailer(output.get()), "av_write_trailer")) {
+        return failed(trailer.code());
+    }
+    if (output->pb->error < 0) {
+        return failed(output->pb->error);
     }
     output.close();
-    return true;
+    return {};
+}
+
+Error saveFailure(ReplayBuffer::SaveFailure failure, std::string step, std::string path, std::string detail) {
+    return Error::library(Error::Domain::Other, std::move(step), std::move(path), static_cast<int>(failure),
+                          std::move(detail));
 }
 
 } // namespace
 
-ReplayBuffer::Saved ReplayBuffer::save(const QString& folder) {
+Result<QString> ReplayBuffer::save(const QString& folder) {
     // What the ring holds now, by reference: the ring goes on while the copy is written.
     Track video, sound;
     int64_t origin = 0;
@@ -455,16 +476,16 @@ ReplayBuffer::Saved ReplayBuffer::save(const QString& folder) {
         }
     }
     if (video.packets.empty() || !video.parameters) {
-        return {
-            {},
-            QStringLiteral("The replay buffer is empty: no picture has been shown since it was turned on.")};
+        return saveFailure(SaveFailure::Empty, "cannot save the replay", {},
+                           "no picture has been shown since the buffer was turned on");
     }
     if (!copied) {
-        return {{}, QStringLiteral("There is not enough memory to save the replay.")};
+        return Error::system("cannot copy the replay", {}, ENOMEM);
     }
 
     if (!QDir().mkpath(folder)) {
-        return {{}, QStringLiteral("The folder \"%1\" cannot be written to.").arg(folder)};
+        return saveFailure(SaveFailure::FolderNotWritable, "cannot make the folder", folder.toStdString(),
+                           {});
     }
     // A second save within the same second keeps the first: this one is numbered.
     const QString path = NumberedName::file(
@@ -472,29 +493,25 @@ ReplayBuffer::Saved ReplayBuffer::save(const QString& folder) {
     AtomicFile file(QFile::encodeName(path).toStdString());
     if (const Error created = file.create()) {
         logs::recording.error("Could not save the replay: %s", created.logLine().c_str());
-        return {{}, QStringLiteral("The folder \"%1\" cannot be written to.").arg(folder)};
+        // A full disk is said as such wherever it is met.
+        return created.isDiskFull() ? created
+                                    : saveFailure(SaveFailure::FolderNotWritable, created.step(),
+                                                  created.path(), created.cause());
     }
-    int code = 0;
-    Error failure;
-    if (!writeMovie(file.path(), video, sound, origin, code)) {
-        failure =
-            Error::library(Error::Domain::FFmpeg, "cannot write", file.path(), code, ff::errorText(code));
-    } else {
+    Error failure = writeMovie(file.path(), video, sound, origin);
+    if (!failure) {
         failure = file.commit();
     }
     if (failure) {
         logs::recording.error("Could not save the replay %s: %s", qUtf8Printable(path),
                               failure.logLine().c_str());
-        if (failure.isDiskFull()) {
-            return {{}, QStringLiteral("The disk is full.")};
-        }
-        return {{}, QStringLiteral("The movie could not be written to \"%1\".").arg(folder)};
+        return failure;
     }
     logs::recording.info("Saved the replay %s", qUtf8Printable(path));
     video.packets.clear();
     sound.packets.clear();
     releaseFreeMemory();
-    return {path, {}};
+    return path;
 }
 
 } // namespace zandor

@@ -49,15 +49,16 @@ public:
     // included.
     static uint64_t memoryFor(const QString& quality, int seconds);
 
-    struct Saved {
-        QString path;  // the movie written, empty on failure
-        QString error; // why nothing was written: one sentence for the user
-    };
+    // Why a save wrote nothing where no code of the system's or FFmpeg's says it: the code of its
+    // Error, whose domain is Other. Out of memory is the system's ENOMEM; a full disk, and any other
+    // failure to write, keep the code they met.
+    enum class SaveFailure { Empty = 1, FolderNotWritable };
     // Writes what the ring holds now, from its oldest key frame, to a movie in `folder`, written
     // beside its final name and renamed into place when complete, so that a failure leaves no file.
-    // Blocks for the writing (and up to a second for the sound of the last picture): call it off the
-    // GUI thread. Frames keep coming meanwhile; the ring is only read.
-    Saved save(const QString& folder);
+    // The movie's path, or why nothing was written. Blocks for the writing (and up to a second for
+    // the sound of the last picture): call it off the GUI thread. Frames keep coming meanwhile; the
+    // ring is only read.
+    Result<QString> save(const QString& folder);
 
     // Encodes one frame of the layout into the ring; the buffer's thread calls it for every frame
     // shown. Frames whose time does not come after the previous one's are dropped.
@@ -82,7 +83,7 @@ private:
     // On the game input's thread: encodes its sound into the ring.
     void appendSound(const char* samples, int frames, std::chrono::system_clock::time_point captured);
     // Takes an encoded sound packet into the ring.
-    bool keepSound(AVPacket* encoded);
+    Error keepSound(AVPacket* encoded);
     // Drops the sound that no offset can bring up to the first picture; under m_ringLock.
     void trimSound();
     bool startSound();

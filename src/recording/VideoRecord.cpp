@@ -60,7 +60,7 @@ bool VideoRecord::start(const QString& bundlePath, const CaptureSettings& settin
 }
 
 bool VideoRecord::createWriter(const VideoQuality& preset) {
-    if (!m_output.open(m_recordPath.toStdString(), "mov")) {
+    if (m_output.open(m_recordPath.toStdString(), "mov")) {
         return false;
     }
     m_stream = avformat_new_stream(m_output.get(), nullptr);
@@ -104,7 +104,7 @@ bool VideoRecord::writeHeader(std::chrono::system_clock::time_point firstFrame) 
     if (firstFrame.time_since_epoch().count() != 0) {
         captureStart = std::chrono::duration<double>(firstFrame.time_since_epoch()).count();
     }
-    m_headerWritten = ff::writeFragmentedHeader(m_output.get(), captureStart);
+    m_headerWritten = !ff::writeFragmentedHeader(m_output.get(), captureStart);
     return m_headerWritten;
 }
 

@@ -172,11 +172,11 @@ void VideoRecorder::capturedLayouts() {
     }
 }
 
-std::shared_ptr<VideoRecorder> VideoRecorder::forBundle(const QString& bundlePath, QString& why) {
+Result<std::shared_ptr<VideoRecorder>> VideoRecorder::forBundle(const QString& bundlePath) {
     const QString bundle = QDir::cleanPath(QFileInfo(bundlePath).absoluteFilePath());
     if (!RecordingBundle::isBundle(bundle)) {
-        why = QStringLiteral("it is not a recording bundle (a folder named *.zdrecord)");
-        return nullptr;
+        return Error::other("cannot recover", bundle.toStdString(),
+                            "it is not a recording bundle (a folder named *.zdrecord)");
     }
     CaptureSettings settings;
     settings.storageFolder = QFileInfo(bundle).path();
@@ -214,8 +214,7 @@ std::shared_ptr<VideoRecorder> VideoRecorder::forBundle(const QString& bundlePat
         }
     }
     if (recorder->m_videoRecords.isEmpty()) {
-        why = QStringLiteral("it holds no movie that can be read");
-        return nullptr;
+        return Error::other("cannot recover", bundle.toStdString(), "it holds no movie that can be read");
     }
     return recorder;
 }
@@ -273,10 +272,13 @@ std::optional<std::vector<SublerWrapper::NamedSource>> VideoRecorder::soundTrack
     // Heard together by default, the mix starting and ending with the picture as the game track
     // does; each alone as well, not chosen by default, so that an editor can balance the two.
     const auto picture = pictureSpanNs();
-    std::string why = "no movie says when its picture was captured";
-    if (!picture || !AudioMixer::mix({game.toStdString(), narrator.toStdString()}, picture->first,
-                                     picture->second, mixPath().toStdString(), why)) {
-        logs::recording.error("Could not mix the game sound and the narrator: %s", why.c_str());
+    const Error failed = picture
+                             ? AudioMixer::mix({game.toStdString(), narrator.toStdString()}, picture->first,
+                                               picture->second, mixPath().toStdString())
+                             : Error::other("cannot mix", {}, "no movie says when its picture was captured");
+    if (failed) {
+        logs::recording.error("Could not mix the game sound and the narrator: %s",
+                              (picture ? failed.logLine() : failed.detail()).c_str());
         return std::nullopt;
     }
     return std::vector<SublerWrapper::NamedSource>{

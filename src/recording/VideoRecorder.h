@@ -7,6 +7,7 @@
 #include "ShellCommand.h"
 #include "SublerWrapper.h"
 #include "VideoRecord.h"
+#include "base/Error.h"
 #include "settings/CaptureSettings.h"
 
 #include <QMap>
@@ -57,9 +58,9 @@ public:
     static QStringList abandonedBundles(const QString& storageFolder) {
         return RecordingBundle::abandoned(storageFolder);
     }
-    // A recorder over an abandoned bundle, with the choices its recording was started with; null,
-    // with why, when the bundle holds no movie that can be read.
-    static std::shared_ptr<VideoRecorder> forBundle(const QString& bundlePath, QString& why);
+    // A recorder over an abandoned bundle, with the choices its recording was started with; the
+    // Error, with what is wrong in its detail, when the bundle holds no movie that can be read.
+    static Result<std::shared_ptr<VideoRecorder>> forBundle(const QString& bundlePath);
     // Finalises the bundle as a stopped recording is finalised, on the calling thread, reporting to
     // the delegate. False when another process holds the bundle or a step failed.
     bool recover();

@@ -17,6 +17,8 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+
 namespace zandor {
 
 namespace {
@@ -42,6 +44,27 @@ public:
 };
 
 } // namespace
+
+QString session::ReplaySaved::message() const {
+    using Failure = ReplayBuffer::SaveFailure;
+    const auto is = [this](Failure failure) {
+        return error.domain() == Error::Domain::Other && error.code() == static_cast<int>(failure);
+    };
+    if (is(Failure::Empty)) {
+        return QStringLiteral(
+            "The replay buffer is empty: no picture has been shown since it was turned on.");
+    }
+    if (error.domain() == Error::Domain::System && error.code() == ENOMEM) {
+        return QStringLiteral("There is not enough memory to save the replay.");
+    }
+    if (is(Failure::FolderNotWritable)) {
+        return QStringLiteral("The folder \"%1\" cannot be written to.").arg(folder);
+    }
+    if (error.isDiskFull()) {
+        return QStringLiteral("The disk is full.");
+    }
+    return QStringLiteral("The movie could not be written to \"%1\".").arg(folder);
+}
 
 CaptureSession::CaptureSession(std::unique_ptr<UsbBoard> board, CaptureSettings settings)
     : m_device(CaptureDevice::create(std::move(board))), m_settings(std::move(settings)),
@@ -287,8 +310,8 @@ bool CaptureSession::saveReplay(const QString& folder) {
         return false;
     }
     runInBackground([this, buffer = m_replayBuffer, folder] {
-        const ReplayBuffer::Saved saved = buffer->save(folder);
-        emitEvent(session::ReplaySaved{saved.path, saved.error});
+        const Result<QString> saved = buffer->save(folder);
+        emitEvent(session::ReplaySaved{saved ? *saved : QString(), saved.error(), folder});
     });
     return true;
 }
@@ -297,10 +320,10 @@ void CaptureSession::recover(const QStringList& bundles) {
     runInBackground([this, bundles] {
         session::RecoveryDone done;
         for (const QString& bundle : bundles) {
-            QString why;
-            const auto recorder = VideoRecorder::forBundle(bundle, why);
+            const auto found = VideoRecorder::forBundle(bundle);
             auto errors = std::make_shared<RecoveryErrors>();
-            if (recorder) {
+            if (found) {
+                const auto& recorder = *found;
                 recorder->setDelegate(errors);
                 if (recorder->recover()) {
                     done.seconds += recorder->recordedSeconds();
@@ -309,7 +332,7 @@ void CaptureSession::recover(const QStringList& bundles) {
                     done.made << QFileInfo(file).fileName();
                 }
             } else {
-                errors->messages << why;
+                errors->messages << QString::fromStdString(found.error().detail());
             }
             if (!errors->messages.isEmpty()) {
                 done.failed << QStringLiteral("%1: %2").arg(QFileInfo(bundle).fileName(),

@@ -50,10 +50,14 @@ struct RecordingError {
 struct RecordingNotice {
     QString message;
 };
-// A replay save ended: the movie's path, or empty with one sentence why.
+// A replay save ended: the movie's path, or empty with why nothing was written to `folder`.
 struct ReplaySaved {
     QString path;
-    QString error;
+    Error error;
+    QString folder;
+
+    // Why nothing was written, in one sentence for the user.
+    QString message() const;
 };
 // Sharing as a camera ended or could not begin; the session stopped asking for it.
 struct CameraFailed {

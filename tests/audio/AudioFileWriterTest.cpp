@@ -47,7 +47,7 @@ TEST(AudioFileWriterTest, ASoundPlaysAtTheWallClockTimeItWasCaptured) {
         const std::string path = (folder.path() + "/" + capture.what + ".mov").toStdString();
         const Clock::time_point start = Clock::now();
         AudioFileWriter writer;
-        ASSERT_TRUE(writer.open(path, AV_SAMPLE_FMT_S16, Rate, 2));
+        ASSERT_FALSE(writer.open(path, AV_SAMPLE_FMT_S16, Rate, 2));
         const auto clickFrame = static_cast<int64_t>(capture.clickSeconds * Rate * capture.clockRate);
         std::vector<int16_t> buffer(BufferFrames * 2);
         for (int64_t first = 0; first < static_cast<int64_t>(capture.seconds * Rate); first += BufferFrames) {
@@ -64,10 +64,10 @@ TEST(AudioFileWriterTest, ASoundPlaysAtTheWallClockTimeItWasCaptured) {
             const auto captured =
                 start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
                             static_cast<double>(first) / Rate / capture.clockRate));
-            EXPECT_TRUE(
+            EXPECT_FALSE(
                 writer.write(reinterpret_cast<const uint8_t*>(buffer.data()), BufferFrames, captured));
         }
-        EXPECT_TRUE(writer.finish());
+        EXPECT_FALSE(writer.finish());
 
         // When the movie plays the click: its start time from the metadata plus where the click is
         // in the decoded sound.
@@ -85,6 +85,26 @@ TEST(AudioFileWriterTest, ASoundPlaysAtTheWallClockTimeItWasCaptured) {
         EXPECT_NEAR(movieStart + static_cast<double>(onset - sound.begin()) / Rate, capture.clickSeconds,
                     capture.tolerance);
     }
+}
+
+// A disk that takes no more (the system's full device) is told by its code, wherever the file
+// meets it first: the header, a packet or the trailer.
+TEST(AudioFileWriterTest, AFullDiskIsToldByItsCode) {
+    AudioFileWriter writer;
+    ASSERT_FALSE(writer.open("/dev/full", AV_SAMPLE_FMT_S16, Rate, 2));
+    const std::vector<int16_t> silence(BufferFrames * 2);
+    const Clock::time_point start = Clock::now();
+    Error failed = writer.begin(start);
+    for (int i = 0; !failed && i < 100; ++i) {
+        failed = writer.write(reinterpret_cast<const uint8_t*>(silence.data()), BufferFrames,
+                              start + std::chrono::milliseconds(20 * i));
+    }
+    if (!failed) {
+        failed = writer.finish();
+    }
+    ASSERT_TRUE(failed) << "two seconds of sound written to a full disk";
+    EXPECT_TRUE(failed.isDiskFull()) << failed.logLine();
+    EXPECT_EQ(failed.path(), "/dev/full") << failed.logLine();
 }
 
 } // namespace

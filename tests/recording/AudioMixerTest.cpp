@@ -34,7 +34,7 @@ std::string record(const QTemporaryDir& folder, const char* name, Clock::time_po
                    const std::function<double(double)>& sound) {
     const std::string path = folder.filePath(name).toStdString();
     AudioFileWriter writer;
-    EXPECT_TRUE(writer.open(path, AV_SAMPLE_FMT_FLT, Rate, 2));
+    EXPECT_FALSE(writer.open(path, AV_SAMPLE_FMT_FLT, Rate, 2));
     constexpr int Buffer = Rate / 50;
     std::vector<float> samples(2 * Buffer);
     for (int64_t first = 0; first < static_cast<int64_t>(seconds * Rate); first += Buffer) {
@@ -42,10 +42,10 @@ std::string record(const QTemporaryDir& folder, const char* name, Clock::time_po
             samples[2 * i] = samples[2 * i + 1] =
                 static_cast<float>(sound(static_cast<double>(first + i) / Rate));
         }
-        EXPECT_TRUE(writer.write(reinterpret_cast<const uint8_t*>(samples.data()), Buffer,
-                                 after(start, static_cast<double>(first) / Rate)));
+        EXPECT_FALSE(writer.write(reinterpret_cast<const uint8_t*>(samples.data()), Buffer,
+                                  after(start, static_cast<double>(first) / Rate)));
     }
-    EXPECT_TRUE(writer.finish());
+    EXPECT_FALSE(writer.finish());
     return path;
 }
 
@@ -92,10 +92,9 @@ TEST(AudioMixerTest, TracksArePlacedByTheirCaptureTimesWithinTheSpan) {
     const std::string game = record(folder, "game.mov", start, 2.0, clicksAt({0.1, 1.0}));
     const std::string narrator = record(folder, "narrator.mov", after(start, 0.5), 1.0, clicksAt({0.3}));
     const std::string mix = folder.filePath("mix.mov").toStdString();
-    std::string error;
-    ASSERT_TRUE(AudioMixer::mix({narrator, game}, nanoseconds(after(start, 0.2)),
-                                nanoseconds(after(start, 1.7)), mix, error))
-        << error;
+    const Error error = AudioMixer::mix({narrator, game}, nanoseconds(after(start, 0.2)),
+                                        nanoseconds(after(start, 1.7)), mix);
+    ASSERT_FALSE(error) << error.logLine();
 
     const std::vector<float> sound = decodeFloats(mix);
     const double zero = movieStart(mix, start);
@@ -129,10 +128,9 @@ TEST(AudioMixerTest, LoudTracksAddUpAndAreClippedAtFullScale) {
     const std::string game = record(folder, "game.mov", start, 1.0, loud);
     const std::string narrator = record(folder, "narrator.mov", start, 1.0, loud);
     const std::string mix = folder.filePath("mix.mov").toStdString();
-    std::string error;
-    ASSERT_TRUE(
-        AudioMixer::mix({game, narrator}, nanoseconds(start), nanoseconds(after(start, 1.0)), mix, error))
-        << error;
+    const Error error =
+        AudioMixer::mix({game, narrator}, nanoseconds(start), nanoseconds(after(start, 1.0)), mix);
+    ASSERT_FALSE(error) << error.logLine();
 
     // 1.6 times a sine, clipped at full scale, keeps a fundamental of 1.18 times it; let past, it
     // would keep 1.6, and each track at half level would make 0.8. The AAC encoder takes up to 7 %
@@ -145,9 +143,10 @@ TEST(AudioMixerTest, LoudTracksAddUpAndAreClippedAtFullScale) {
 TEST(AudioMixerTest, ATrackThatCannotBeReadFailsTheMixWithItsName) {
     QTemporaryDir folder;
     const std::string missing = folder.filePath("gone.mov").toStdString();
-    std::string error;
-    EXPECT_FALSE(AudioMixer::mix({missing}, 0, 1000000000, folder.filePath("mix.mov").toStdString(), error));
-    EXPECT_NE(error.find(missing), std::string::npos) << error;
+    const Error error = AudioMixer::mix({missing}, 0, 1000000000, folder.filePath("mix.mov").toStdString());
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error.path(), missing);
+    EXPECT_EQ(error.systemCode(), ENOENT) << error.logLine();
 }
 
 } // namespace

@@ -229,9 +229,9 @@ TEST_F(RecorderTest, ARecoveredRecordingsMoviesCarryTheLayoutNames) {
          {std::pair{bundle, QStringList{base + " " + inFileName + ".mp4", base + " Top 2.mp4"}},
           std::pair{older + ".zdrecord",
                     QStringList{older + " " + inFileName + ".mp4", older + " Top.mp4"}}}) {
-        QString why;
-        auto recovering = VideoRecorder::forBundle(path, why);
-        ASSERT_TRUE(recovering) << why.toStdString();
+        const auto found = VideoRecorder::forBundle(path);
+        ASSERT_TRUE(found) << found.error().logLine();
+        const auto& recovering = *found;
         recovering->setDelegate(delegate);
         EXPECT_TRUE(recovering->recover()) << delegate->errors.join("\n").toStdString();
         EXPECT_EQ(recovering->madeFiles(), made);
@@ -321,10 +321,10 @@ TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverla
     const auto frames = test::takeFrames(*m_top, watch, *m_wakeup, Shown, 5s);
     ASSERT_TRUE(m_board->waitUntilHeld(Shown));
     ASSERT_GT(frames.size(), Shown / 2);
-    const ReplayBuffer::Saved first = buffer->save(folder);
-    ASSERT_TRUE(first.error.isEmpty()) << first.error.toStdString();
+    const Result<QString> first = buffer->save(folder);
+    ASSERT_TRUE(first) << first.error().logLine();
 
-    const ReplayTimes times = replayTimes(first.path);
+    const ReplayTimes times = replayTimes(*first);
     ASSERT_FALSE(times.pictures.empty());
     EXPECT_TRUE(times.startsOnKeyFrame);
     const double length = times.pictures.back() - times.pictures.front();
@@ -342,12 +342,12 @@ TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverla
     // under a name of its own.
     m_board->release();
     EXPECT_EQ(test::takeFrames(*m_top, watch, *m_wakeup, 30).size(), 30u);
-    const ReplayBuffer::Saved second = buffer->save(folder);
-    const ReplayBuffer::Saved third = buffer->save(chosenLater);
-    ASSERT_TRUE(second.error.isEmpty() && third.error.isEmpty()) << third.error.toStdString();
-    EXPECT_TRUE(second.path.startsWith(folder + "/Replay ")) << second.path.toStdString();
-    EXPECT_TRUE(third.path.startsWith(chosenLater + "/Replay ")) << third.path.toStdString();
-    const ReplayTimes earlier = replayTimes(second.path), later = replayTimes(third.path);
+    const Result<QString> second = buffer->save(folder);
+    const Result<QString> third = buffer->save(chosenLater);
+    ASSERT_TRUE(second && third) << second.error().logLine() << third.error().logLine();
+    EXPECT_TRUE(second->startsWith(folder + "/Replay ")) << second->toStdString();
+    EXPECT_TRUE(third->startsWith(chosenLater + "/Replay ")) << third->toStdString();
+    const ReplayTimes earlier = replayTimes(*second), later = replayTimes(*third);
     ASSERT_FALSE(earlier.pictures.empty() || later.pictures.empty());
     EXPECT_LT(later.pictures.front(), earlier.pictures.back());
     EXPECT_GE(later.pictures.back(), earlier.pictures.back());
@@ -360,9 +360,9 @@ TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverla
     const auto shown = test::takeFrames(*m_top, watch, *m_wakeup, 200, 1s);
     ASSERT_FALSE(shown.empty());
     buffer->stop();
-    const ReplayBuffer::Saved paused = buffer->save(folder);
-    ASSERT_TRUE(paused.error.isEmpty()) << paused.error.toStdString();
-    const ReplayTimes kept = replayTimes(paused.path);
+    const Result<QString> paused = buffer->save(folder);
+    ASSERT_TRUE(paused) << paused.error().logLine();
+    const ReplayTimes kept = replayTimes(*paused);
     ASSERT_FALSE(kept.pictures.empty());
     EXPECT_GT(kept.pictures.back(), seconds(shown.back()->wallClock()) - 1.0)
         << "up to the last second shown";
@@ -374,19 +374,47 @@ TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverla
     buffer->stop();
 }
 
+// A save that writes nothing says which cause stopped it by its code, not by a text: an empty
+// buffer, and a folder that cannot be made, are told apart (a full disk: tests/system/FullDiskTest).
+TEST_F(RecorderTest, ASaveThatWritesNothingSaysWhyByItsCause) {
+    const auto cause = [](const Result<QString>& saved) {
+        EXPECT_FALSE(saved);
+        EXPECT_EQ(saved.error().domain(), Error::Domain::Other) << saved.error().logLine();
+        return static_cast<ReplayBuffer::SaveFailure>(saved.error().code());
+    };
+    auto buffer = std::make_shared<ReplayBuffer>(m_top, m_settings, 2);
+    EXPECT_EQ(cause(buffer->save(m_folder.path())), ReplayBuffer::SaveFailure::Empty);
+
+    auto watch = m_top->addObserver(m_wakeup);
+    ASSERT_TRUE(buffer->start());
+    ASSERT_TRUE(m_device->startListening());
+    // The buffer encodes on its own thread: frames are waited for until it holds some.
+    for (int frames = 0; buffer->heldBytes() == 0 && frames < 600; ++frames) {
+        ASSERT_EQ(test::takeFrames(*m_top, watch, *m_wakeup, 1).size(), 1u);
+    }
+    ASSERT_GT(buffer->heldBytes(), 0u);
+    // A folder inside a regular file cannot be made, whoever runs the test.
+    ASSERT_TRUE(test::writeFile(m_folder.path() + "/file", "not a folder"));
+    const Result<QString> saved = buffer->save(m_folder.path() + "/file/replays");
+    EXPECT_EQ(cause(saved), ReplayBuffer::SaveFailure::FolderNotWritable);
+    EXPECT_EQ(saved.error().path(), (m_folder.path() + "/file/replays").toStdString());
+    m_top->removeObserver(watch);
+    buffer->stop();
+}
+
 // A save while a recording runs of the same layout: both movies come out whole, and the recording
 // goes on through the save.
 TEST_F(RecorderTest, ASaveDuringARecordingLeavesBothWhole) {
     auto buffer = std::make_shared<ReplayBuffer>(m_top, m_settings, settings::replaySeconds.range()->first);
     ASSERT_TRUE(buffer->start());
     auto delegate = std::make_shared<Delegate>();
-    ReplayBuffer::Saved saved;
+    Result<QString> saved = Error::other("save", {}, "not saved yet");
     auto recorder =
         recordVideo({m_top}, delegate, {}, 120, [&] { saved = buffer->save(m_settings.storageFolder); });
     buffer->stop();
     EXPECT_TRUE(delegate->errors.isEmpty()) << delegate->errors.join(", ").toStdString();
     ASSERT_EQ(recorder->madeFiles().size(), 1);
-    ASSERT_TRUE(saved.error.isEmpty()) << saved.error.toStdString();
+    ASSERT_TRUE(saved) << saved.error().logLine();
     const auto count = [](const QString& file) {
         return test::probe(file.toStdString(), {"-count_frames", "-show_entries",
                                                 "stream=nb_read_frames"})["streams"][0]["nb_read_frames"]
@@ -394,7 +422,7 @@ TEST_F(RecorderTest, ASaveDuringARecordingLeavesBothWhole) {
             .toInt();
     };
     EXPECT_GE(count(recorder->madeFiles()[0]), 110) << "the recording went on through the save";
-    EXPECT_GE(count(saved.path), 30);
+    EXPECT_GE(count(*saved), 30);
 }
 
 } // namespace

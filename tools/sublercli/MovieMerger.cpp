@@ -100,7 +100,7 @@ bool MovieMerger::merge(const std::vector<Source>& sources, const std::string& d
         return false;
     }
     ff::OutputContext output;
-    if (!output.open(file.path(), "mp4")) {
+    if (output.open(file.path(), "mp4")) {
         error = "cannot write '" + file.path() + "'";
         return false;
     }
