@@ -2,6 +2,9 @@
 #include "audio/AudioFileWriter.h"
 
 #include <gtest/gtest.h>
+#include <cerrno>
+#include <sys/resource.h>
+#include <csignal>
 
 #include <QTemporaryDir>
 
@@ -87,11 +90,20 @@ TEST(AudioFileWriterTest, ASoundPlaysAtTheWallClockTimeItWasCaptured) {
     }
 }
 
-// A disk that takes no more (the system's full device) is told by its code, wherever the file
-// meets it first: the header, a packet or the trailer.
-TEST(AudioFileWriterTest, AFullDiskIsToldByItsCode) {
+// A file that cannot grow (as on a full disk: here a file-size limit, in the test's own folder) is
+// told by the system's code and the path, wherever the file meets it first: the header, a packet
+// or the trailer.
+TEST(AudioFileWriterTest, AFailedWriteKeepsTheSystemsCodeAndThePath) {
+    QTemporaryDir folder;
+    const std::string path = folder.filePath("sound.mov").toStdString();
     AudioFileWriter writer;
-    ASSERT_FALSE(writer.open("/dev/full", AV_SAMPLE_FMT_S16, Rate, 2));
+    ASSERT_FALSE(writer.open(path, AV_SAMPLE_FMT_S16, Rate, 2));
+    struct rlimit limit {};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+    const rlim_t before = limit.rlim_cur;
+    std::signal(SIGXFSZ, SIG_IGN); // a write past the limit fails instead of ending the process
+    limit.rlim_cur = 0;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
     const std::vector<int16_t> silence(BufferFrames * 2);
     const Clock::time_point start = Clock::now();
     Error failed = writer.begin(start);
@@ -102,9 +114,12 @@ TEST(AudioFileWriterTest, AFullDiskIsToldByItsCode) {
     if (!failed) {
         failed = writer.finish();
     }
-    ASSERT_TRUE(failed) << "two seconds of sound written to a full disk";
-    EXPECT_TRUE(failed.isDiskFull()) << failed.logLine();
-    EXPECT_EQ(failed.path(), "/dev/full") << failed.logLine();
+    limit.rlim_cur = before;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    ASSERT_TRUE(failed) << "two seconds of sound written to a file that cannot grow";
+    EXPECT_EQ(failed.systemCode(), EFBIG) << failed.logLine();
+    EXPECT_FALSE(failed.isDiskFull());
+    EXPECT_EQ(failed.path(), path) << failed.logLine();
 }
 
 } // namespace
