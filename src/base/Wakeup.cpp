@@ -3,10 +3,13 @@
 namespace zandor {
 
 void Wakeup::signal() {
-    // Notified under the lock: a waiter that returns may destroy the Wakeup at once (one made for a
-    // single hand-over), and must not do so while this call still uses it.
-    std::scoped_lock lock(m_mutex);
-    m_signalled = true;
+    // Notified after the lock is let go, so that the woken thread does not run only to wait for the
+    // lock again (a context switch a frame, measured). The signaller may thus still use the Wakeup
+    // just after a waiter returned: it is shared by both, never destroyed by the waiter alone.
+    {
+        std::scoped_lock lock(m_mutex);
+        m_signalled = true;
+    }
     m_condition.notify_one();
 }
 

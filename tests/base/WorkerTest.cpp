@@ -120,18 +120,19 @@ TEST(Worker, AJoinThatTimesOutIsLoggedAndTheThreadIsJoinedLater) {
 // A body may stop and join its own worker (a recorder that finishes stops itself), and an owner
 // let go by its own thread is destroyed there: neither waits for itself.
 TEST(Worker, ItsOwnThreadMayStopJoinAndDestroyIt) {
-    Wakeup ended;
+    // Shared with the thread, which may still be in signal() when the wait returns.
+    const auto ended = std::make_shared<Wakeup>();
     {
         auto worker = std::make_shared<Worker>("test-self");
         Worker* raw = worker.get();
-        raw->start([worker = std::move(worker), &ended](const Worker::Run& run) mutable {
+        raw->start([worker = std::move(worker), ended](const Worker::Run& run) mutable {
             EXPECT_TRUE(worker->stopAndJoin(20s));
             EXPECT_FALSE(run.active());
             worker.reset(); // the last reference: the worker goes on its own thread
-            ended.signal();
+            ended->signal();
         });
     }
-    ASSERT_TRUE(ended.wait(20s));
+    ASSERT_TRUE(ended->wait(20s));
 }
 
 TEST(Guarded, StateIsReachedOnlyUnderItsLock) {
