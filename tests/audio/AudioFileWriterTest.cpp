@@ -1,10 +1,9 @@
+#include "Files.h"
 #include "Media.h"
 #include "audio/AudioFileWriter.h"
 
 #include <gtest/gtest.h>
 #include <cerrno>
-#include <sys/resource.h>
-#include <csignal>
 
 #include <QTemporaryDir>
 
@@ -98,12 +97,8 @@ TEST(AudioFileWriterTest, AFailedWriteKeepsTheSystemsCodeAndThePath) {
     const std::string path = folder.filePath("sound.mov").toStdString();
     AudioFileWriter writer;
     ASSERT_FALSE(writer.open(path, AV_SAMPLE_FMT_S16, Rate, 2));
-    struct rlimit limit {};
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
-    const rlim_t before = limit.rlim_cur;
-    std::signal(SIGXFSZ, SIG_IGN); // a write past the limit fails instead of ending the process
-    limit.rlim_cur = 0;
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    test::FileSizeLimit limit(0);
+    ASSERT_TRUE(limit.isSet());
     const std::vector<int16_t> silence(BufferFrames * 2);
     const Clock::time_point start = Clock::now();
     Error failed = writer.begin(start);
@@ -114,8 +109,7 @@ TEST(AudioFileWriterTest, AFailedWriteKeepsTheSystemsCodeAndThePath) {
     if (!failed) {
         failed = writer.finish();
     }
-    limit.rlim_cur = before;
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    ASSERT_TRUE(limit.lift());
     ASSERT_TRUE(failed) << "two seconds of sound written to a file that cannot grow";
     EXPECT_EQ(failed.systemCode(), EFBIG) << failed.logLine();
     EXPECT_FALSE(failed.isDiskFull());

@@ -2,6 +2,7 @@
 // listened to and at the chosen volume, heard once when a recording also plays it through, and recorded from
 // the instant the recording starts; and a recording's sound file that cannot be finished.
 
+#include "Files.h"
 #include "Media.h"
 #include "PulseServer.h"
 #include "UserFolders.h"
@@ -16,9 +17,7 @@
 #include <QThread>
 
 #include <cmath>
-#include <csignal>
 #include <cstring>
-#include <sys/resource.h>
 #include <unistd.h>
 
 namespace zandor {
@@ -120,17 +119,12 @@ TEST(GameAudio, ListeningIsHeardOnceAndARecordingKeepsItsFirstInstantOrSaysItCan
     // A file that cannot be finished (it cannot grow, as on a full disk) makes stop() say so,
     // which the video recorder turns into its message.
     QTemporaryDir full;
-    struct rlimit limit {};
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
-    const rlim_t before = limit.rlim_cur;
-    std::signal(SIGXFSZ, SIG_IGN); // a write past the limit fails instead of ending the process
-    limit.rlim_cur = 0;
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    test::FileSizeLimit limit(0);
+    ASSERT_TRUE(limit.isSet());
     AudioRecord failing(QStringLiteral("Game"), &audioThread);
     const bool started = failing.start("GameIn", full.path(), false);
     const bool stopped = failing.stop();
-    limit.rlim_cur = before;
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    ASSERT_TRUE(limit.lift());
     EXPECT_TRUE(started);
     EXPECT_FALSE(stopped);
 }

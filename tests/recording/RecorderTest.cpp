@@ -22,9 +22,7 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
-#include <csignal>
 #include <mutex>
-#include <sys/resource.h>
 
 namespace zandor {
 namespace {
@@ -249,20 +247,13 @@ TEST_F(RecorderTest, AFailedWriteEndsTheRecordingWithoutAStop) {
     auto delegate = std::make_shared<Delegate>();
     auto recorder = std::make_shared<VideoRecorder>(std::vector<LayoutPtr>{m_top}, m_settings);
     recorder->setDelegate(delegate);
-    // Past the limit a write fails with EFBIG instead of raising SIGXFSZ; the limit is this
-    // process's, and lifted again before anything else is written.
-    const auto previousSignal = std::signal(SIGXFSZ, SIG_IGN);
-    rlimit previous{};
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &previous), 0);
-    rlimit small = previous;
-    small.rlim_cur = 512 * 1024;
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    test::FileSizeLimit limit(512 * 1024);
+    ASSERT_TRUE(limit.isSet());
     LogCapture log;
     const bool started = recorder->start();
     EXPECT_TRUE(started && m_device->startListening());
     const bool ended = started && recorder->waitUntilFinished(60s);
-    setrlimit(RLIMIT_FSIZE, &previous);
-    std::signal(SIGXFSZ, previousSignal);
+    limit.lift();
     ASSERT_TRUE(ended) << "the recording went on after its movie could not be written";
     EXPECT_FALSE(recorder->isRecording());
     EXPECT_EQ(log.countPrefix("The movie " + recorder->bundlePath().toStdString() +

@@ -94,14 +94,27 @@ ProcessResult runProcess(const std::vector<std::string>& arguments, std::chrono:
 pid_t startProcess(const std::vector<std::string>& arguments, int input, const std::string& log) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
+    // Without an input, zeros without end (a player stays fed with silence): a sparse file of a
+    // terabyte in memory, which reading does not fill, rather than a device node.
+    int zeros = -1;
+    if (input < 0) {
+        zeros = memfd_create("zeros", MFD_CLOEXEC);
+        if (zeros >= 0 && ftruncate(zeros, off_t{1} << 40) != 0) {
+            ::close(zeros);
+            zeros = -1;
+        }
+        input = zeros;
+    }
     if (input >= 0) {
         posix_spawn_file_actions_adddup2(&actions, input, 0);
-    } else {
-        posix_spawn_file_actions_addopen(&actions, 0, "/dev/zero", O_RDONLY, 0);
     }
     posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
     posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    return spawn(arguments, actions);
+    const pid_t pid = spawn(arguments, actions);
+    if (zeros >= 0) {
+        ::close(zeros);
+    }
+    return pid;
 }
 
 bool reapWithin(pid_t pid, std::chrono::milliseconds timeout) {

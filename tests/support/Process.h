@@ -21,7 +21,7 @@ struct ProcessResult {
 ProcessResult runProcess(const std::vector<std::string>& arguments,
                          std::chrono::seconds timeout = std::chrono::seconds(90));
 
-// Starts a program (looked up on PATH) with standard input from `input` (/dev/zero when negative)
+// Starts a program (looked up on PATH) with standard input from `input` (endless zeros when negative)
 // and standard output and error appended to `log`; its process id, or -1 when it cannot start.
 pid_t startProcess(const std::vector<std::string>& arguments, int input = -1,
                    const std::string& log = "/dev/null");
