@@ -1,12 +1,17 @@
 #pragma once
 
+#include <bit>
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <span>
 
 namespace zandor {
 
 class FramePool;
+
+// The board's sound values are little-endian and are read in place.
+static_assert(std::endian::native == std::endian::little);
 
 // One frame: an owned block of bytes, the seconds since the device started listening, the
 // wall-clock time it was taken, which places it beside the sound recorded at the same moment, and
@@ -39,6 +44,17 @@ public:
     // 0 for a frame that did not come from a device.
     uint64_t number() const { return m_number; }
     void setNumber(uint64_t number) { m_number = number; }
+    // The board's sound for this frame: interleaved stereo values that follow the picture in the
+    // block (see raw::ReadBytes). Empty when the board sent none with it (a skipped frame, a
+    // board without sound, a frame not from a board).
+    std::span<const int16_t> sound() const {
+        return {reinterpret_cast<const int16_t*>(m_bytes + m_soundOffset), m_soundValues};
+    }
+    void setSound(uint64_t byteOffset, uint64_t values) {
+        m_soundOffset = byteOffset;
+        m_soundValues = values;
+    }
+
     // A frame made from another shows the same moment of the same board frame.
     void takeTimesOf(const CaptureData& other) {
         m_timestamp = other.m_timestamp;
@@ -57,6 +73,8 @@ private:
     double m_timestamp = 0;
     std::chrono::system_clock::time_point m_wallClock{};
     uint64_t m_number = 0;
+    uint64_t m_soundOffset = 0;
+    uint64_t m_soundValues = 0;
 };
 
 using CaptureDataPtr = std::shared_ptr<CaptureData>;

@@ -7,9 +7,16 @@ namespace zandor::raw {
 // The board's raw frame: both screens one after the other, each stored column by column, left
 // column first, every column from the bottom row up; 3 bytes a pixel.
 constexpr uint64_t FrameBytes = 518400;
+// After the picture the board sends the sound it captured during the frame: signed 16-bit
+// little-endian values, two channels interleaved (left first), at most MaxSoundValues of them.
+constexpr uint64_t MaxSoundValues = 17536;
+constexpr uint64_t ReadBytes = FrameBytes + 2 * MaxSoundValues;
+constexpr int SoundChannels = 2;
+// Samples a second per channel: the console's sound clock, 67027964 Hz, over 2048.
+constexpr double SoundRate = 67027964.0 / 2048.0;
 // The frame block has 512 spare bytes that only the rounding of the last bulk read may fill.
-constexpr uint64_t BlockBytes = 518912;
 constexpr int BulkBlockBytes = 512;
+constexpr uint64_t BlockBytes = ReadBytes + BulkBlockBytes;
 
 constexpr uint64_t TopWidth = 400;
 constexpr uint64_t TopHeight = 240;
