@@ -1,11 +1,13 @@
 #include "AudioInput.h"
 
 #include "AudioFileWriter.h"
+#include "BoardAudio.h"
 #include "PulseClient.h"
 #include "base/Log.h"
 
 #include <QAudioSink>
 #include <QAudioSource>
+#include <QCoreApplication>
 #include <QMediaDevices>
 
 namespace zandor {
@@ -54,7 +56,34 @@ bool AudioInput::open(const QAudioDevice& device) {
     return true;
 }
 
+void AudioInput::openBoard(std::shared_ptr<CaptureDevice> device) {
+    m_format.setSampleRate(AudioFileWriter::SampleRate);
+    m_format.setChannelCount(BoardSound::Channels);
+    m_format.setSampleFormat(QAudioFormat::Int16);
+    m_device = {};
+    m_board = std::move(device);
+}
+
 void AudioInput::start() {
+    if (m_board && !m_started) {
+        m_started = true;
+        m_boardAudio = std::make_unique<BoardAudio>(m_board, m_format.sampleRate());
+        const bool taking = m_boardAudio->start([this](const BoardSound::Piece& piece) {
+            // Taken on this input's thread, as every buffer of an input is.
+            QByteArray samples(reinterpret_cast<const char*>(piece.samples.data()),
+                               static_cast<qsizetype>(piece.samples.size_bytes()));
+            QMetaObject::invokeMethod(
+                this,
+                [this, samples = std::move(samples), frames = piece.frames(), captured = piece.captured] {
+                    deliver(samples.constData(), frames, captured);
+                },
+                Qt::QueuedConnection);
+        });
+        if (taking && m_playThroughHolds > 0) {
+            startSink();
+        }
+        return;
+    }
     if (m_device.isNull() || m_started) {
         return;
     }
@@ -90,6 +119,17 @@ void AudioInput::stop() {
         return;
     }
     m_started = false;
+    if (m_boardAudio) {
+        m_boardAudio->stop();
+        m_boardAudio.reset();
+        takeBoardPieces();
+        m_output = nullptr;
+        if (m_sink) {
+            m_sink->stop();
+            m_sink.reset();
+        }
+        return;
+    }
     if (m_input) {
         readAvailable(); // what was captured up to now
         disconnect(m_input, nullptr, this, nullptr);
@@ -115,8 +155,10 @@ int AudioInput::addTap(Tap tap) {
 }
 
 void AudioInput::removeTap(int id) {
-    if (m_input && m_taps.count(id)) {
-        readAvailable(); // the leaving tap gets what was captured up to now
+    if (m_taps.count(id)) {
+        // The leaving tap gets what was captured up to now.
+        readAvailable();
+        takeBoardPieces();
     }
     m_taps.erase(id);
 }
@@ -177,15 +219,25 @@ void AudioInput::readAvailable() {
         return;
     }
     m_heardAt = std::chrono::steady_clock::now();
-    const auto captured = m_clock.place(frames, std::chrono::system_clock::now());
+    deliver(data.constData(), frames, m_clock.place(frames, std::chrono::system_clock::now()));
+}
+
+void AudioInput::takeBoardPieces() {
+    if (m_board) {
+        QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
+    }
+}
+
+void AudioInput::deliver(const char* samples, int frames, std::chrono::system_clock::time_point captured) {
     for (const auto& [id, tap] : m_taps) {
-        tap(data.constData(), frames, captured);
+        tap(samples, frames, captured);
     }
     if (m_output) {
         // Play-through never waits, and never queues more than the output's buffer: what it cannot
         // take now is skipped, so the sound heard stays within that buffer of the input (the sound
         // server would take everything and play it ever later).
-        m_output->write(data.constData(), std::min<qint64>(m_sink->bytesFree(), data.size()));
+        const qint64 bytes = qint64{frames} * m_format.bytesPerFrame();
+        m_output->write(samples, std::min<qint64>(m_sink->bytesFree(), bytes));
     }
 }
 

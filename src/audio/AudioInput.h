@@ -21,6 +21,9 @@ class QMediaDevices;
 
 namespace zandor {
 
+class BoardAudio;
+class CaptureDevice;
+
 // One open audio input: captures it, hands every buffer to its taps (the files of a recording, the
 // replay buffer) and, while anyone holds play-through, plays it to the default output, once however
 // many hold it. Each buffer is placed on the wall clock by counting samples (see SampleClock), so
@@ -34,6 +37,9 @@ public:
     using Tap =
         std::function<void(const char* samples, int frames, std::chrono::system_clock::time_point captured)>;
 
+    // The identifier the capture board's own sound goes by among the inputs.
+    static inline const QString BoardId = QStringLiteral("board");
+
     // `name` says what the input is for: "Game", "Narrator".
     explicit AudioInput(const QString& name);
     ~AudioInput() override;
@@ -44,6 +50,13 @@ public:
     // Chooses the format (16-bit stereo at 44.1 kHz where the input has it). False, logged, when
     // the input cannot be used.
     bool open(const QAudioDevice& device);
+    // The sound the capture board sends with its frames, as 16-bit stereo at the tracks' rate,
+    // timed by the frames (see BoardAudio). Such an input is never lost: while the board is away its
+    // frames bring silence.
+    void openBoard(std::shared_ptr<CaptureDevice> device);
+    bool isBoard() const { return m_board != nullptr; }
+    // The identifier the input was chosen by: the device's, or BoardId.
+    QString id() const { return m_board ? BoardId : QString::fromUtf8(m_device.id()); }
     // Opens the input's stream at the sound server and starts capturing.
     void start();
     // Hands the taps what was captured up to now, then closes the stream and the play-through.
@@ -70,6 +83,10 @@ signals:
 
 private:
     void readAvailable();
+    // Hands captured samples to the taps and the play-through.
+    void deliver(const char* samples, int frames, std::chrono::system_clock::time_point captured);
+    // Delivers the board's pieces already handed over but not yet taken.
+    void takeBoardPieces();
     void checkInput();
     void startSink();
 
@@ -80,6 +97,8 @@ private:
     std::unique_ptr<QAudioSource> m_source;
     std::unique_ptr<QAudioSink> m_sink;
     std::unique_ptr<QMediaDevices> m_devices;
+    std::shared_ptr<CaptureDevice> m_board;
+    std::unique_ptr<BoardAudio> m_boardAudio;
     // Owned by the source and the sink, which may replace or delete them on an error of the sound
     // server: guarded pointers, null once gone.
     QPointer<QIODevice> m_input;

@@ -15,6 +15,11 @@ GameAudio::~GameAudio() {
     stop();
 }
 
+void GameAudio::setBoard(std::shared_ptr<CaptureDevice> device) {
+    std::scoped_lock lock(m_lock);
+    m_board = std::move(device);
+}
+
 bool GameAudio::start(const QString& deviceId) {
     std::scoped_lock lock(m_lock);
     const QString id = deviceId == QLatin1String("None") ? QString() : deviceId;
@@ -30,8 +35,9 @@ bool GameAudio::start(const QString& deviceId) {
     if (id.isEmpty()) {
         return true;
     }
-    const QAudioDevice device = AudioInput::inputWithId(id);
-    if (device.isNull()) {
+    const bool board = id == AudioInput::BoardId;
+    const QAudioDevice device = board ? QAudioDevice() : AudioInput::inputWithId(id);
+    if (board ? !m_board : device.isNull()) {
         logs::recording.error("Could not open the game sound: no audio input \"%s\"", qUtf8Printable(id));
         return false;
     }
@@ -39,27 +45,30 @@ bool GameAudio::start(const QString& deviceId) {
     input->moveToThread(AudioThread::instance());
     const bool listening = m_listening;
     const double volume = m_volume;
-    const bool started = runAndWait(input.get(), [this, input, device, listening, volume] {
-        if (!input->open(device)) {
-            return false;
-        }
-        QObject::connect(input.get(), &AudioInput::lost, input.get(), [this, input = input.get()] {
-            logs::recording.error("Stopped listening to the game sound: the audio input \"%s\" went away",
-                                  qUtf8Printable(input->device().description()));
-            std::function<void()> handler;
-            {
-                std::scoped_lock lock(m_handlerLock);
-                handler = m_lostHandler;
+    const bool started = runAndWait(
+        input.get(), [this, input, device, boardDevice = board ? m_board : nullptr, listening, volume] {
+            if (boardDevice) {
+                input->openBoard(boardDevice);
+            } else if (!input->open(device)) {
+                return false;
             }
-            if (handler) {
-                handler();
-            }
+            QObject::connect(input.get(), &AudioInput::lost, input.get(), [this, input = input.get()] {
+                logs::recording.error("Stopped listening to the game sound: the audio input \"%s\" went away",
+                                      qUtf8Printable(input->device().description()));
+                std::function<void()> handler;
+                {
+                    std::scoped_lock lock(m_handlerLock);
+                    handler = m_lostHandler;
+                }
+                if (handler) {
+                    handler();
+                }
+            });
+            input->setVolume(volume);
+            input->start();
+            m_holding = listening && input->holdPlayThrough();
+            return true;
         });
-        input->setVolume(volume);
-        input->start();
-        m_holding = listening && input->holdPlayThrough();
-        return true;
-    });
     if (!started) {
         // Destroyed on its thread, like every audio object.
         runAndWait(input.get(), [&input] { input.reset(); });

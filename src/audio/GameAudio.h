@@ -9,6 +9,7 @@
 namespace zandor {
 
 class AudioInput;
+class CaptureDevice;
 
 // The "Game" input kept open while the picture plays, on the audio thread: listened to through
 // the default output when the user wants, and shared by the recordings' game track and the replay
@@ -21,6 +22,8 @@ public:
     GameAudio(const GameAudio&) = delete;
     GameAudio& operator=(const GameAudio&) = delete;
 
+    // The capture board whose own sound the input AudioInput::BoardId is.
+    void setBoard(std::shared_ptr<CaptureDevice> device);
     // Opens and starts the input with that identifier ("None" or empty: none); the same input
     // again changes nothing. False, logged, when the input cannot be used.
     bool start(const QString& deviceId);
@@ -39,6 +42,7 @@ private:
     std::mutex m_lock;
     std::shared_ptr<AudioInput> m_input;
     QString m_deviceId;
+    std::shared_ptr<CaptureDevice> m_board;
     bool m_listening = false;
     bool m_holding = false; // m_input holds play-through for the listening
     double m_volume = 1.0;

@@ -63,8 +63,7 @@ bool AudioRecord::createSession(const QString& bundlePath, const AudioSettings&)
     const bool preview = m_preview;
     // The sound listened to comes from the input already open: the track starts with it at once,
     // and its play-through is the one already heard.
-    if (m_shared && QString::fromUtf8(runAndWait(
-                        m_shared.get(), [input = m_shared] { return input->device().id(); })) == m_deviceId) {
+    if (m_shared && runAndWait(m_shared.get(), [input = m_shared] { return input->id(); }) == m_deviceId) {
         session->moveToThread(m_shared->thread());
         if (!runAndWait(session, [session, input = m_shared, preview, path] {
                 return session->open(input, preview, path);

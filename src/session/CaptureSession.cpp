@@ -1,5 +1,6 @@
 #include "CaptureSession.h"
 
+#include "audio/AudioInput.h"
 #include "audio/GameAudio.h"
 #include "base/Log.h"
 #include "base/RunOn.h"
@@ -70,6 +71,7 @@ CaptureSession::CaptureSession(std::unique_ptr<UsbBoard> board, CaptureSettings 
     : m_device(CaptureDevice::create(std::move(board))), m_settings(std::move(settings)),
       m_gameAudio(std::make_unique<GameAudio>()) {
     LayoutController::instance().setDevice(m_device);
+    m_gameAudio->setBoard(m_device);
     m_device->setConnectionObserver(
         [this](bool connected) { emitEvent(session::BoardConnection{connected}); });
     m_camera->setFailureHandler([this](const std::string& reason) {
@@ -207,7 +209,10 @@ bool CaptureSession::updateGameSound() {
     const auto before = m_gameAudio->input();
     m_gameAudio->setVolume(m_settings.gameAudioVolume);
     m_gameAudio->setListening(m_settings.listenToGameAudio);
-    if (isPlaying() && (m_settings.listenToGameAudio || m_settings.replayBuffer)) {
+    // The board's own sound runs whenever the picture does: it costs little, and a recording that
+    // starts takes it up from its first frame.
+    const bool board = m_settings.gameAudioInput == AudioInput::BoardId;
+    if (isPlaying() && (m_settings.listenToGameAudio || m_settings.replayBuffer || board)) {
         // A failure is logged; the picture goes on.
         if (!m_gameAudio->start(m_settings.gameAudioInput)) {
             emitEvent(session::GameSoundLost{m_settings.gameAudioInput});

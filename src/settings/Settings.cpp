@@ -4,9 +4,7 @@
 #include "VideoQuality.h"
 #include "base/AppPaths.h"
 
-#include <QAudioDevice>
 #include <QDir>
-#include <QMediaDevices>
 
 namespace zandor {
 
@@ -56,13 +54,6 @@ QStringList videoQualityNames() {
         names << preset->name();
     }
     return names;
-}
-
-// QMediaDevices needs no QCoreApplication for this, and without a sound server it answers at once
-// with no device.
-std::optional<QString> defaultAudioInput() {
-    const QAudioDevice device = QMediaDevices::defaultAudioInput();
-    return device.isNull() ? std::nullopt : std::optional(QString::fromUtf8(device.id()));
 }
 
 } // namespace settings

@@ -32,11 +32,10 @@ QStringList videoQualityNames();
 inline const Setting<QString> videoQuality{QStringLiteral("PreferenceCaptureVideoQuality"),
                                            QStringLiteral("Medium"),
                                            {.choices = videoQualityNames}};
-// Audio input identifiers, or "None". A new store holds the default input for the game, when
-// there is one.
-std::optional<QString> defaultAudioInput();
-inline const Setting<QString> gameAudioInput{
-    QStringLiteral("PreferenceCaptureGameAudioInput"), QStringLiteral("None"), {.seed = defaultAudioInput}};
+// Audio input identifiers, or "None". The game's is the capture board's own sound, "board",
+// until the user chooses another.
+inline const Setting<QString> gameAudioInput{QStringLiteral("PreferenceCaptureGameAudioInput"),
+                                             QStringLiteral("board")};
 inline const Setting<QString> narratorAudioInput{QStringLiteral("PreferenceCaptureNarratorAudioInput"),
                                                  QStringLiteral("None")};
 // "PNG" or "JPEG".

@@ -1,6 +1,7 @@
 #include "CapturePreferencesView.h"
 
 #include "Icons.h"
+#include "audio/AudioInput.h"
 #include "settings/Settings.h"
 #include "settings/CaptureSettings.h"
 #include "settings/PreferencesController.h"
@@ -135,11 +136,14 @@ void CapturePreferencesView::fillQualities() {
 void CapturePreferencesView::fillAudioInputs() {
     const QString game = settings::gameAudioInput.read(PreferencesController::instance());
     const QString narrator = settings::narratorAudioInput.read(PreferencesController::instance());
+    // The board's own sound comes first for the game: it needs no cable and is in step by itself.
+    m_ui->audioGamePopup->addItem(tr("Capture board"), AudioInput::BoardId);
     for (QComboBox* popup : {m_ui->audioGamePopup, m_ui->audioNarratorPopup}) {
         popup->addItem(tr("None"), NoAudioInput);
         popup->insertSeparator(popup->count());
-        popup->setCurrentIndex(0);
     }
+    m_ui->audioGamePopup->setCurrentIndex(game == AudioInput::BoardId ? 0 : 1);
+    m_ui->audioNarratorPopup->setCurrentIndex(0);
     // The devices present now; one plugged in later shows at the next start.
     for (const QAudioDevice& device : QMediaDevices::audioInputs()) {
         const QString id = QString::fromUtf8(device.id());

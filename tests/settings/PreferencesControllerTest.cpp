@@ -42,7 +42,7 @@ protected:
 
 TEST_F(PreferencesStore, FirstStartGivesTheDefaultsAndTheFirstChangeWritesThemAll) {
     PreferencesController store(path());
-    EXPECT_FALSE(store.preference(settings::gameAudioInput.key).isValid()) << "no sound server, no default";
+    EXPECT_EQ(store.preference(settings::gameAudioInput.key), QVariant(QString("board")));
     EXPECT_TRUE(store.load());
     EXPECT_TRUE(filesInFolder().isEmpty());
     EXPECT_EQ(PreferencesController::preferencesFile(), home + "/data/Zandor/preferences.plist");
@@ -59,6 +59,7 @@ TEST_F(PreferencesStore, FirstStartGivesTheDefaultsAndTheFirstChangeWritesThemAl
         QJsonArray{settings::captureLayout.key, "Active Layout"},
         QJsonArray{settings::videoFramesPerSecond.key, "Original"},
         QJsonArray{settings::videoQuality.key, "Medium"},
+        QJsonArray{settings::gameAudioInput.key, "board"},
         QJsonArray{settings::narratorAudioInput.key, "None"},
         QJsonArray{settings::imageFormat.key, "PNG"},
     };
@@ -93,10 +94,10 @@ TEST_F(PreferencesStore, FileEntriesOverlayTheDefaultsAndSurviveRewritesAndResta
     store.setPreference(settings::fullscreenMaxScale.key, 3); // an int, as a spin box gives it
     store.setPreference(settings::fullscreenScreen.key, QString("HDMI-1 \"Büro\" <&>"));
     QJsonArray written = entries();
-    ASSERT_EQ(written.size(), 13) << "the ten known keys, then the three unknown";
+    ASSERT_EQ(written.size(), 14) << "the eleven known keys, then the three unknown";
     EXPECT_EQ(entry(settings::imageFormat.key), "JPEG");
     EXPECT_EQ(entry(settings::fullscreenMaxScale.key), (QJsonObject{{"integer", 3}}));
-    for (int known = 0; known < 10; ++known) {
+    for (int known = 0; known < 11; ++known) {
         written.removeFirst();
     }
     EXPECT_EQ(written, unknown);
@@ -162,7 +163,7 @@ TEST_P(UnusableFileTest, KeepsTheDefaultsSaysWhyAndIsKeptAsideWhenTheFirstChange
 
     store.setPreference(settings::captureLayout.key, QString("Side by Side"));
     EXPECT_EQ(entry(settings::captureLayout.key), "Side by Side");
-    EXPECT_EQ(entries().size(), 10) << "the defaults and nothing of the unusable file";
+    EXPECT_EQ(entries().size(), 11) << "the defaults and nothing of the unusable file";
     const QFileInfo aside(path() + ".bad");
     EXPECT_TRUE(aside.exists() || aside.isSymLink());
     EXPECT_TRUE(file.special || test::readFile(aside.filePath()) == before)
