@@ -25,6 +25,8 @@ int InstallPluginCommand::run(const CommandLine& options) {
     QString reason;
     if (!PluginController::isPluginFile(path)) {
         reason = QStringLiteral("it is not a plugin bundle (a folder named *.zdplugin holding plugin.xml)");
+    } else if (const QString special = PluginController::firstSpecialEntry(path); !special.isEmpty()) {
+        reason = QStringLiteral("%1 is not a regular file or a folder").arg(special);
     } else if (QFileInfo::exists(destination)) {
         reason = QStringLiteral("%1 is already installed").arg(QDir::cleanPath(destination));
     } else if (PluginController::typePluginFile(path) != Plugin::LayoutType) {

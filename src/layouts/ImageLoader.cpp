@@ -42,7 +42,18 @@ std::optional<BlendImage> ImageLoader::load(const QString& path, const Positions
     }
     QByteArray data = QByteArray::fromRawData(bytes.data(), static_cast<qsizetype>(bytes.size()));
     QBuffer buffer(&data);
-    QImageReader reader(&buffer);
+    buffer.open(QIODevice::ReadOnly);
+    // The format is told by the content, then the reader decodes that format only. Of the formats
+    // Qt can read, those that can reach out of the file or take unbounded time to draw (SVG) are
+    // not among them.
+    const QByteArray format = QImageReader::imageFormat(&buffer);
+    if (!AllowedFormats.contains(format)) {
+        logs::layouts.warning("Could not parse plugin: image %s: it is not a PNG, JPEG, GIF or BMP image",
+                              qUtf8Printable(path));
+        return std::nullopt;
+    }
+    QImageReader reader(&buffer, format);
+    reader.setAutoDetectImageFormat(false);
     // The header tells the size: an image over the limits is refused before it is decoded, and of
     // the rest only the part that can reach the canvas is decoded (all of it by formats that cannot
     // decode a part, which the limits bound).

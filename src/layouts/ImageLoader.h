@@ -2,6 +2,8 @@
 
 #include "BlendImage.h"
 
+#include <QByteArray>
+#include <QList>
 #include <QRect>
 #include <QString>
 
@@ -21,6 +23,8 @@ public:
     static constexpr int MaximumSide = 16384;
     // Decoded at 4 bytes a pixel.
     static constexpr qint64 MaximumDecodedBytes = 256 * 1024 * 1024;
+    // The image formats read, by the names Qt gives them.
+    static inline const QList<QByteArray> AllowedFormats{"png", "jpeg", "jpg", "gif", "bmp"};
 
     // Canvas columns and rows of an image's top-left pixel, one for each place it is drawn at.
     using Positions = std::vector<std::pair<uint64_t, uint64_t>>;

@@ -50,6 +50,13 @@ bool Plugin::parse(const QByteArray& descriptor) {
     reader.setNamespaceProcessing(false);
     while (!reader.atEnd()) {
         switch (reader.readNext()) {
+        case QXmlStreamReader::DTD:
+            // An entity may stand for thousands of characters and be used thousands of times: a
+            // small file that expands to gigabytes. Descriptors have no use for them.
+            if (!reader.entityDeclarations().isEmpty()) {
+                reader.raiseError(QStringLiteral("a plugin.xml may not declare entities"));
+            }
+            break;
         case QXmlStreamReader::StartElement:
             didStartElement(reader.qualifiedName().toString(), reader.attributes());
             if (const QString why = refusal(); !why.isEmpty()) {

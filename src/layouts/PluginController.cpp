@@ -15,6 +15,8 @@
 #include <cstdio>
 #include <functional>
 
+#include <sys/stat.h>
+
 namespace zandor {
 
 namespace {
@@ -92,6 +94,28 @@ void PluginController::initialize() {
         }
     }
     addPlugins(parsed);
+}
+
+// Looked at without following links and without opening anything: such a file could hang
+// whoever opens it, or never end when copied.
+QString PluginController::firstSpecialEntry(const QString& folder) {
+    const auto entries =
+        QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    for (const QString& entry : entries) {
+        const QString path = folder + u'/' + entry;
+        struct stat status {};
+        if (::lstat(QFile::encodeName(path).constData(), &status) != 0) {
+            return path;
+        }
+        if (S_ISDIR(status.st_mode)) {
+            if (QString inner = firstSpecialEntry(path); !inner.isEmpty()) {
+                return inner;
+            }
+        } else if (!S_ISREG(status.st_mode)) {
+            return path;
+        }
+    }
+    return {};
 }
 
 bool PluginController::isPluginFile(const QString& path) {
@@ -181,6 +205,11 @@ PluginPtr PluginController::pluginNamed(const QString& name, int type) const {
 
 bool PluginController::installPlugin(const QString& path) {
     if (!isPluginFile(path)) {
+        return false;
+    }
+    if (const QString special = firstSpecialEntry(path); !special.isEmpty()) {
+        logs::layouts.warning("Could not parse plugin: %s: it is not a regular file or a folder",
+                              qUtf8Printable(special));
         return false;
     }
     QString destination = m_userFolder + u'/' + QFileInfo(QDir::cleanPath(path)).fileName();

@@ -40,7 +40,12 @@ public:
 
     // Moves the bundle into the user folder, parses it there (moving it back when that fails),
     // adds it and posts "PluginInstalledNotification" with it. False when anything fails.
+    // Moves a plug-in folder into the user's folder and loads it. Refused, with a log line naming the
+    // file, when the folder holds anything but folders and regular files.
     bool installPlugin(const QString& path);
+    // The first entry under `folder` that is neither a folder nor a regular file (a named pipe, a
+    // device, a socket, a link); empty when there is none.
+    static QString firstSpecialEntry(const QString& folder);
 
     const QString& userFolder() const { return m_userFolder; }
 

@@ -8,7 +8,13 @@
 
 #include <gtest/gtest.h>
 
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QTemporaryDir>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace zandor {
 namespace {
@@ -60,6 +66,33 @@ TEST_F(PluginControllerTest, LoadsBothFoldersByImportanceKeepingTheOrderTheyCame
               QStringList({"High", "Even", "High"}) + installed + QStringList{"Low"});
     EXPECT_EQ(registry.pluginNamed("High", Plugin::LayoutType)->importance(), 9)
         << "the higher of two of a name";
+}
+
+// A folder that holds anything but folders and regular files (a named pipe, as the descriptor or
+// as an image, or a link) is refused by the name of that file, at once: copying or opening such a
+// file could block for ever or never end. The folder stays where it was.
+TEST_F(PluginControllerTest, AFolderHoldingAPipeOrALinkIsRefusedByNameWithoutOpeningIt) {
+    test::writeBundle(app(), "a.zdplugin", layout("Low", 1));
+    PluginController registry(app(), user());
+    const QString image = test::writeBundle(elsewhere(), "image.zdplugin", layout("Image", 1));
+    const QString pipe = elsewhere() + "/pipe";
+    ASSERT_EQ(mkfifo(qPrintable(pipe), 0600), 0);
+    ASSERT_EQ(mkfifo(qPrintable(image + "/Resources/pipe.png"), 0600), 0);
+    const QString linked = test::writeBundle(elsewhere(), "linked.zdplugin", layout("Linked", 1));
+    ASSERT_TRUE(QFile::remove(linked + "/plugin.xml"));
+    ASSERT_EQ(symlink(qPrintable(pipe), qPrintable(linked + "/plugin.xml")), 0);
+
+    LogCapture log;
+    for (const QString& special : {image + "/Resources/pipe.png", linked + "/plugin.xml"}) {
+        const QString bundle = special.section(u'/', 0, special.contains("Resources") ? -3 : -2);
+        EXPECT_FALSE(registry.installPlugin(bundle));
+        EXPECT_EQ(log.count("Could not parse plugin: " + special.toStdString() +
+                            ": it is not a regular file or a folder"),
+                  1u);
+        EXPECT_TRUE(QFileInfo::exists(bundle + "/Resources")) << "left where it was";
+    }
+    EXPECT_EQ(names(registry.plugins()), QStringList{"Low"});
+    EXPECT_TRUE(QDir(user()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries).isEmpty());
 }
 
 // The menu lists the application's layouts in the registry's order, then the user's after a

@@ -55,6 +55,10 @@ TEST_F(PluginFilesTest, DescriptorsThatAreNoSmallTextFilesOrHaveTooManyObjectsAr
         objects += R"(<object type="image" x="0" y="0" resource="a.png"/>)";
     }
     bundle("TooMany", test::layoutDescriptor("TooMany", 1, 400, 240, objects));
+    // A small file whose entity, used 300,000 times, would be over a gigabyte of text.
+    bundle("Entities", "<?xml version=\"1.0\"?>\n<!DOCTYPE z [<!ENTITY a \"" + QByteArray(4000, 'a') +
+                           "\">]>\n<ZandorLayout><name>" + QByteArray("&a;").repeated(300000) +
+                           "</name></ZandorLayout>");
     const QString oneObject = R"(<object type="image" x="0" y="0" resource="a.png"/>)";
     bundle("AsManyAsAllowed", test::layoutDescriptor("AsManyAsAllowed", 2, 400, 240,
                                                      objects.left(objects.size() - oneObject.size())));
@@ -75,6 +79,7 @@ TEST_F(PluginFilesTest, DescriptorsThatAreNoSmallTextFilesOrHaveTooManyObjectsAr
         EXPECT_EQ(log.count(line), 1u) << line;
     }
     EXPECT_EQ(log.countPrefix("Could not parse plugin: more than 4096 objects in one layout (line "), 1u);
+    EXPECT_EQ(log.countPrefix("Could not parse plugin: a plugin.xml may not declare entities (line 2, "), 1u);
 }
 
 // The PNG file of a 1 by 1 picture whose header claims `width` by `height` pixels: what a decoder
@@ -104,7 +109,8 @@ TEST_F(PluginFilesTest, ImagesThatWouldHangOrExceedAnyCanvasAreRefusedAndTheRest
                                <object type="image" x="10" y="0" resource="pipe.png"/>
                                <object type="image" x="20" y="0" resource="wide.png"/>
                                <object type="image" x="30" y="0" resource="limit.png"/>
-                               <object type="image" x="40" y="0" resource="over.png"/>)";
+                               <object type="image" x="40" y="0" resource="over.png"/>
+                               <object type="image" x="50" y="0" resource="shape.png"/>)";
     QImage red(4, 4, QImage::Format_RGB32);
     red.fill(Qt::red);
     // Small on disk, but wider than any canvas may be.
@@ -118,6 +124,11 @@ TEST_F(PluginFilesTest, ImagesThatWouldHangOrExceedAnyCanvasAreRefusedAndTheRest
     // 256 MB decoded at 4 bytes a pixel, then one row more.
     ASSERT_TRUE(test::writeFile(path + "/Resources/limit.png", pngClaiming(16384, 4096)));
     ASSERT_TRUE(test::writeFile(path + "/Resources/over.png", pngClaiming(16384, 4097)));
+    // An SVG under another name, which would read a named pipe of the folder (and hang) if drawn.
+    ASSERT_TRUE(test::writeFile(path + "/Resources/shape.png",
+                                R"(<svg xmlns="http://www.w3.org/2000/svg" width="4" height="4">)"
+                                R"(<image href="pipe.png" width="4" height="4"/>)"
+                                R"(<rect width="4" height="4" fill="red"/></svg>)"));
     auto plugin = std::make_shared<LayoutPlugin>(path, false);
     ASSERT_TRUE(plugin->parse());
 
@@ -147,6 +158,11 @@ TEST_F(PluginFilesTest, ImagesThatWouldHangOrExceedAnyCanvasAreRefusedAndTheRest
                         "/Resources/over.png is 16384 by 4097 pixels, larger than 16384 on a side or 256 MB "
                         "decoded"),
               1u);
+    EXPECT_EQ(log.count("Could not parse plugin: image " + path.toStdString() +
+                        "/Resources/shape.png: it is not a PNG, JPEG, GIF or BMP image"),
+              1u);
+    EXPECT_EQ(std::vector<uint8_t>(canvas + 150, canvas + 153), (std::vector<uint8_t>{0, 0, 255}))
+        << "the SVG image is not drawn";
 }
 
 // Attributes are read by their own rules: numbers by their leading integer, a background only when
