@@ -191,8 +191,8 @@ double toneAmplitude(const std::vector<int16_t>& samples, double frequencyHz) {
 // with the same tracks) and converted to a fixed rate, which copies every track.
 TEST_F(RecordingSystemTest, ANarratedMovieHasTheMixThenTheGameThenTheNarratorEachAsLongAsThePicture) {
     constexpr double Game = 440, Narrator = 1000;
-    const PulseServer::Playback game("game_sink", Game, 0, 60);
-    const PulseServer::Playback narrator("narrator_sink", Narrator, 0, 60);
+    const PulseServer::Playback game("game_sink", Game, 0);
+    const PulseServer::Playback narrator("narrator_sink", Narrator, 0);
     const QStringList titles{"Game and narrator", "Game", "Narrator"};
     for (const auto& [layout, fps, movies] : {std::tuple{"None", "Original", 2}, {"Top", "30", 1}}) {
         SCOPED_TRACE(fps);
@@ -232,7 +232,7 @@ TEST_F(RecordingSystemTest, ANarratedMovieHasTheMixThenTheGameThenTheNarratorEac
 
 // A narrator without a game input: the narrator is the movie's one sound track.
 TEST_F(RecordingSystemTest, ANarratorWithoutAGameInputIsTheOneSoundTrack) {
-    const PulseServer::Playback narrator("narrator_sink", 1000, 0, 20);
+    const PulseServer::Playback narrator("narrator_sink", 1000, 0);
     const ProcessResult run = record(
         {"--seconds", "2", "--layout", "Top", "--game-audio", "None", "--narrator-audio", "NarratorIn"});
     ASSERT_EQ(run.exitCode, 0) << run.err;
@@ -250,7 +250,7 @@ TEST_F(RecordingSystemTest, ANarratorWithoutAGameInputIsTheOneSoundTrack) {
 // server's thread), and each replay carries the game's sound from its first picture to its last,
 // and nothing else is left in the folder.
 TEST_F(RecordingSystemTest, FiftyReplaysWithGameSoundUnderLoadAllEndCleanlyWithTheirSound) {
-    const PulseServer::Playback game("game_sink", 440, 0, 600);
+    const PulseServer::Playback game("game_sink", 440, 0);
     const test::BusyCores load;
     for (int run = 1; run <= 50; ++run) {
         const ProcessResult replay = test::runProcess(
@@ -284,7 +284,7 @@ TEST_F(RecordingSystemTest, FiftyReplaysWithGameSoundUnderLoadAllEndCleanlyWithT
 }
 
 TEST_F(RecordingSystemTest, FixedFrameRateIsMadeByTheConvertingToolAfterTheSoundJoined) {
-    const PulseServer::Playback game("game_sink", 440, 0, 7);
+    const PulseServer::Playback game("game_sink", 440, 0);
     const ProcessResult run =
         record({"--seconds", "2", "--layout", "Top", "--fps", "30", "--game-audio", "GameIn"}, installWith());
     ASSERT_EQ(run.exitCode, 0) << run.err;
@@ -365,7 +365,7 @@ TEST_F(RecordingSystemTest, AnAudioInputThatIsGoneStopsTheStart) {
 }
 
 TEST_F(RecordingSystemTest, AGameInputUnpluggedMidwayIsSaidWithItsTime) {
-    const PulseServer::Playback game("game_sink", 440, 0, 8);
+    const PulseServer::Playback game("game_sink", 440, 0);
     // The input goes once the game track holds a second or so of sound (16 kB at 128 kbit/s).
     std::thread unplugger([this] {
         const auto soundBytes = [this] {
@@ -410,7 +410,7 @@ class FinalisingFailureTest : public RecordingSystemTest,
 
 TEST_P(FinalisingFailureTest, KeepsTheRecordingWhereTheMessageSays) {
     const FinalisingFault& fault = GetParam();
-    const PulseServer::Playback game("game_sink", 440, 0, 8);
+    const PulseServer::Playback game("game_sink", 440, 0);
     // A memory file system goes with its namespace: what the storage folder held is copied out.
     QString kept = out();
     std::vector<std::string> wrapper;
@@ -574,7 +574,7 @@ void expectBeepsOnTheirSeconds(const std::string& movie, double offsetSeconds, s
 // While other processes keep every core busy.
 TEST_F(RecordingSystemTest, EveryBeepMeetsItsWhiteFrameAndItsSecondUnderLoad) {
     setenv("ZANDOR_DEMO_FLASH", "1", 1);
-    auto beeps = std::make_unique<PulseServer::Playback>("game_sink", 1000, 30, 16);
+    auto beeps = std::make_unique<PulseServer::Playback>("game_sink", 1000, 30);
     ProcessResult run;
     {
         const test::BusyCores load;
@@ -596,7 +596,7 @@ TEST_F(RecordingSystemTest, TheGameSoundOffsetMovesTheSoundInRecordingsAndReplay
 <plist version="1.0"><dict><key>PreferenceGameAudioOffsetMs</key><integer>-150</integer></dict></plist>
 )"));
     setenv("ZANDOR_DEMO_FLASH", "1", 1);
-    const PulseServer::Playback beeps("game_sink", 1000, 30, 30);
+    const PulseServer::Playback beeps("game_sink", 1000, 30);
     const ProcessResult recorded = record({"--seconds", "6", "--layout", "Top", "--game-audio", "GameIn"});
     const ProcessResult replayed =
         test::runProcess({ZANDOR_CLI, "replay", "--board", "demo", "--layout", "Top", "--buffer-seconds", "5",
