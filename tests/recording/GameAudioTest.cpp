@@ -61,7 +61,7 @@ TEST(GameAudio, ListeningIsHeardOnceAndARecordingKeepsItsFirstInstantOrSaysItCan
     test::isolateUserFolders();
     const test::PulseServer& pulse = test::PulseServer::forThisProgram();
     ASSERT_TRUE(pulse.isRunning()) << pulse.error();
-    const test::PulseServer::Playback tone("game_sink", 440, 0, 60);
+    const test::PulseServer::Playback tone("game_sink", 440, 0);
 
     GameAudio game;
     ASSERT_TRUE(game.start("GameIn"));

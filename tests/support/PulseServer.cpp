@@ -132,10 +132,10 @@ std::string PulseServer::start() {
     return {};
 }
 
-PulseServer::Playback::Playback(const std::string& sink, double frequencyHz, int beepMs, double seconds)
+PulseServer::Playback::Playback(const std::string& sink, double frequencyHz, int beepMs)
     : m_loop(pa_threaded_mainloop_new()) {
     pa_threaded_mainloop_start(static_cast<pa_threaded_mainloop*>(m_loop));
-    m_thread = std::thread([=, this] { play(sink, frequencyHz, beepMs, seconds); });
+    m_thread = std::thread([=, this] { play(sink, frequencyHz, beepMs); });
 }
 
 PulseServer::Playback::~Playback() {
@@ -150,7 +150,7 @@ PulseServer::Playback::~Playback() {
     pa_threaded_mainloop_free(loop);
 }
 
-void PulseServer::Playback::play(const std::string& sink, double frequencyHz, int beepMs, double seconds) {
+void PulseServer::Playback::play(const std::string& sink, double frequencyHz, int beepMs) {
     const pa_sample_spec sampleFormat{PA_SAMPLE_S16LE, SampleRate, 2};
     const size_t frameBytes = pa_frame_size(&sampleFormat);
     constexpr size_t ChunkFrames = SampleRate * 5 / 1000;
@@ -163,7 +163,6 @@ void PulseServer::Playback::play(const std::string& sink, double frequencyHz, in
     const auto wallSeconds = [] {
         return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
     };
-    const double end = wallSeconds() + seconds;
     bool ready = pa_context_connect(context, nullptr, PA_CONTEXT_NOFLAGS, nullptr) >= 0;
     while (ready && pa_context_get_state(context) != PA_CONTEXT_READY) {
         ready = PA_CONTEXT_IS_GOOD(pa_context_get_state(context));
@@ -197,7 +196,7 @@ void PulseServer::Playback::play(const std::string& sink, double frequencyHz, in
     EXPECT_TRUE(ready) << "cannot play into " << sink << ": " << pa_strerror(pa_context_errno(context));
     std::vector<int16_t> chunk(2 * ChunkFrames);
     double phase = 0;
-    while (ready && !m_stop && wallSeconds() < end) {
+    while (ready && !m_stop) {
         if (pa_stream_writable_size(stream) < chunk.size() * sizeof(int16_t)) {
             pa_threaded_mainloop_wait(loop);
             continue;

@@ -18,20 +18,20 @@ class PulseServer {
 public:
     static constexpr int SampleRate = 44100;
 
-    // A sine of `frequencyHz` at half of full scale played into a sink for `seconds` or until the
-    // handle goes: all along, or with `beepMs` as a beep heard at every whole second of the wall
-    // clock. The samples are made as they are written, 5 ms at a time, each placed by when the sound
-    // server says it will play it: a player that starts late or falls behind on a busy machine
-    // leaves a gap, never a beep off its second.
+    // A sine of `frequencyHz` at half of full scale played into a sink until the handle goes (never
+    // for a fixed time: a loaded machine can stretch a test well past any length chosen for it): all
+    // along, or with `beepMs` as a beep heard at every whole second of the wall clock. The samples are made
+    // as they are written, 5 ms at a time, each placed by when the sound server says it will play it: a
+    // player that starts late or falls behind on a busy machine leaves a gap, never a beep off its second.
     class Playback {
     public:
-        Playback(const std::string& sink, double frequencyHz, int beepMs, double seconds);
+        Playback(const std::string& sink, double frequencyHz, int beepMs);
         ~Playback();
         Playback(const Playback&) = delete;
         Playback& operator=(const Playback&) = delete;
 
     private:
-        void play(const std::string& sink, double frequencyHz, int beepMs, double seconds);
+        void play(const std::string& sink, double frequencyHz, int beepMs);
 
         std::atomic<bool> m_stop{false};
         void* m_loop; // the player's pa_threaded_mainloop, running from construction to destruction

@@ -27,8 +27,8 @@ TEST(Recovery, AKilledRecordingIsFinishedWithItsSoundAndALiveOrUnreadableOneIsLe
     test::isolateUserFolders();
     test::PulseServer pulse;
     ASSERT_TRUE(pulse.isRunning()) << pulse.error();
-    const test::PulseServer::Playback game("game_sink", 440, 0, 30);
-    const test::PulseServer::Playback narrator("narrator_sink", 1000, 0, 30);
+    const test::PulseServer::Playback game("game_sink", 440, 0);
+    const test::PulseServer::Playback narrator("narrator_sink", 1000, 0);
     QTemporaryDir work;
     const std::string out = work.path().toStdString();
     const auto record = [&out](const char* seconds) {
