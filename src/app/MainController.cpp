@@ -11,6 +11,7 @@
 #include "base/RunOn.h"
 #include "capture/CaptureDevice.h"
 #include "capture/UsbBoard.h"
+#include "layouts/CanvasBudget.h"
 #include "layouts/LayoutController.h"
 #include "layouts/PluginController.h"
 #include "recording/VideoRecorder.h"
@@ -344,6 +345,15 @@ void MainController::recordVideoAction() {
     }
     if (const Error failed = m_session->record()) {
         logs::app.error("Could not start recording video: %s", failed.logLine().c_str());
+        if (failed.systemCode() == ENOMEM) {
+            displayMessage(QStringLiteral("Could not start recording video."),
+                           QStringLiteral("The layouts to record would take their pictures beyond the %1 MB "
+                                          "that the pictures of all layouts may take together. Record "
+                                          "fewer or smaller layouts.")
+                               .arg(CanvasBudget::instance().limit() >> 20),
+                           2, QStringLiteral("toolbar_record"));
+            return;
+        }
         displayMessage(
             QStringLiteral("Could not start recording video."),
             QStringLiteral("It was somehow not possible to start recording video. You may want to try "

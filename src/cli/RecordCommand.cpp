@@ -1,5 +1,7 @@
 #include "RecordCommand.h"
 
+#include "layouts/CanvasBudget.h"
+
 #include "CliSession.h"
 #include "base/CommandLine.h"
 #include "base/Log.h"
@@ -28,7 +30,15 @@ int RecordCommand::run(const CommandLine& options) {
         return 1; // the device has logged why
     }
     if (const Error failed = session->record()) {
-        std::fprintf(stderr, "zandor-cli record: Could not start recording video.\n");
+        if (failed.systemCode() == ENOMEM) {
+            std::fprintf(stderr,
+                         "zandor-cli record: Could not start recording video: the layouts to record would "
+                         "take their pictures beyond the %llu MB that the pictures of all layouts may take "
+                         "together.\n",
+                         static_cast<unsigned long long>(CanvasBudget::instance().limit() >> 20));
+        } else {
+            std::fprintf(stderr, "zandor-cli record: Could not start recording video.\n");
+        }
         logs::recording.error("Could not start recording video: %s", failed.logLine().c_str());
         return 1;
     }

@@ -62,16 +62,60 @@ std::shared_ptr<CaptureLayout> CaptureLayout::createWithScreen(const std::shared
 }
 
 void CaptureLayout::initialize() {
-    std::scoped_lock draw(m_drawMutex);
-    if (m_type != PluginLayout) {
+    if (m_type != PluginLayout || size() == 0) {
         return; // a screen layout publishes its screen's frames and never draws
     }
-    m_canvas.reset(new uint8_t[size()]);
-    drawBackground();
-    loadImages();
-    findStaticSpans();
-    // Not listening yet: this paints the images only.
-    drawCanvas(false);
+    if (!makeCanvas(false)) {
+        logs::layouts.warning(
+            "Layout '%s' stays empty until it is shown: its canvas of %llu MB would take the "
+            "layouts beyond the %llu MB their canvases may take together",
+            qUtf8Printable(m_name), static_cast<unsigned long long>(size() >> 20),
+            static_cast<unsigned long long>(CanvasBudget::instance().limit() >> 20));
+    }
+}
+
+bool CaptureLayout::hasCanvas() {
+    std::scoped_lock draw(m_drawMutex);
+    return m_canvas != nullptr;
+}
+
+bool CaptureLayout::makeCanvas(bool mayDrop) {
+    if (hasCanvas()) {
+        return true;
+    }
+    if (!CanvasBudget::instance().reserve(self<CaptureLayout>(), size(), mayDrop)) {
+        return false;
+    }
+    std::scoped_lock draw(m_drawMutex);
+    if (!m_canvas) {
+        m_canvas.reset(new uint8_t[size()]);
+        drawBackground();
+        loadImages();
+        findStaticSpans();
+        // Not listening yet: this paints the images only.
+        drawCanvas(false);
+    }
+    return true;
+}
+
+uint64_t CaptureLayout::dropCanvasIfIdle() {
+    std::scoped_lock lock(m_lock);
+    if (m_listening || hasObservers()) {
+        return 0;
+    }
+    std::scoped_lock draw(m_drawMutex);
+    if (!m_canvas) {
+        return 0;
+    }
+    m_canvas.reset();
+    m_drawings.clear();
+    m_images.clear();
+    m_staticSpans.clear();
+    m_direct = false;
+    m_pool.reset(); // the frames of the last run: as large as the canvas
+    m_topData.reset();
+    m_bottomData.reset();
+    return size();
 }
 
 void CaptureLayout::loadImages() {
@@ -120,9 +164,28 @@ bool CaptureLayout::startListening() {
     // The thread of a run that ended (stopped, or left by its last consumer) may be finishing; it
     // takes our lock.
     m_worker.join();
+    // The canvas is made first, holding no lock of ours: the budget may let other layouts'
+    // canvases go, and another start may let ours go before we hold our lock, so it is looked for
+    // again under it.
+    for (int attempt = 0; m_type == PluginLayout && size() > 0; ++attempt) {
+        if (attempt == 3 || !makeCanvas(true)) {
+            logs::layouts.warning("Layout '%s' cannot run: its canvas of %llu MB and those of the layouts "
+                                  "running would take more than the %llu MB their canvases may take together",
+                                  qUtf8Printable(m_name), static_cast<unsigned long long>(size() >> 20),
+                                  static_cast<unsigned long long>(CanvasBudget::instance().limit() >> 20));
+            return false;
+        }
+        std::scoped_lock lock(m_lock);
+        if (m_listening || hasCanvas()) {
+            break;
+        }
+    }
     std::scoped_lock lock(m_lock);
     if (m_listening) {
         return true;
+    }
+    if (m_type == PluginLayout && size() > 0 && !hasCanvas()) {
+        return false; // let go again at once: another start wants the room
     }
     Subscriptions subscriptions{m_top->addObserver(m_worker.wakeup()), nullptr};
     if (m_type == PluginLayout) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "BlendImage.h"
+#include "CanvasBudget.h"
 #include "LayoutPlugin.h"
 #include "base/Worker.h"
 #include "capture/FramePool.h"
@@ -24,7 +25,7 @@ class CaptureScreen;
 // and both screens onto a canvas of the plugin's size and publishes a copy per pair of screen
 // frames cut from the same board frame (of the same number); a screen layout republishes one
 // screen's frames as they are. Frames are rows of red, green and blue bytes, top row first.
-class CaptureLayout final : public Observable {
+class CaptureLayout final : public Observable, public CanvasHolder {
 public:
     enum Type { PluginLayout = 0, ScreenLayout = 1 };
     static constexpr uint64_t QueueLength = 200;
@@ -75,8 +76,10 @@ public:
     void drawCanvasPixelColor(const uint8_t* color, double alpha, uint64_t x, uint64_t y);
     void setCanvasObjectStart(uint64_t index);
 
-    // The canvas as it stands; only for tests, while the layout does not run.
+    // The canvas as it stands; only for tests, while the layout does not run. Null while the layout
+    // waits for room in the canvas budget (see CanvasBudget).
     const uint8_t* canvas() const { return m_canvas.get(); }
+    uint64_t dropCanvasIfIdle() override;
     uint64_t objectStart() const { return m_objectStart; }
 
 private:
@@ -93,6 +96,10 @@ private:
 
     CaptureLayout(int type, QString name);
     void initialize();
+    // Makes and paints the canvas, when the budget has room (after letting idle layouts' canvases
+    // go, with `mayDrop`); true when the canvas is there.
+    bool makeCanvas(bool mayDrop);
+    bool hasCanvas();
     // Loads each image the plug-in names once, for all the places it is drawn at.
     void loadImages();
     void drawCanvas(bool drawScreens);

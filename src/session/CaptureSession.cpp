@@ -6,6 +6,7 @@
 #include "base/RunOn.h"
 #include "capture/CaptureDevice.h"
 #include "capture/UsbBoard.h"
+#include "layouts/CanvasBudget.h"
 #include "layouts/LayoutController.h"
 #include "recording/ImageRecorder.h"
 #include "recording/ReplayBuffer.h"
@@ -274,6 +275,22 @@ std::shared_ptr<ImageRecorder> CaptureSession::screenshot() {
     return m_screenshot;
 }
 
+bool CaptureSession::canvasesFit(const std::vector<LayoutPtr>& layouts) const {
+    // The canvases of layouts that run stay; those of the layouts to record come on top.
+    uint64_t bytes = 0;
+    for (const LayoutPtr& layout : LayoutController::instance().layouts()) {
+        if (layout->type() == CaptureLayout::PluginLayout && layout->isListening()) {
+            bytes += layout->size();
+        }
+    }
+    for (const LayoutPtr& layout : layouts) {
+        if (layout->type() == CaptureLayout::PluginLayout && !layout->isListening()) {
+            bytes += layout->size();
+        }
+    }
+    return bytes <= CanvasBudget::instance().limit();
+}
+
 Error CaptureSession::record() {
     const std::string folder = QFile::encodeName(m_settings.storageFolder).toStdString();
     if (isRecording()) {
@@ -287,11 +304,15 @@ Error CaptureSession::record() {
     if (::access(folder.c_str(), W_OK | X_OK) != 0) {
         return Error::system("cannot write to the folder", folder);
     }
+    const std::vector<LayoutPtr> layouts = captureLayouts();
+    if (!canvasesFit(layouts)) {
+        return Error::system("find room for the canvases of the layouts to record", {}, ENOMEM);
+    }
     if (m_recorder && !m_recorder->isDone()) {
         m_finalising.push_back(m_recorder);
     }
     std::erase_if(m_finalising, [](const auto& recorder) { return recorder->isDone(); });
-    m_recorder = std::make_shared<VideoRecorder>(captureLayouts(), m_settings);
+    m_recorder = std::make_shared<VideoRecorder>(layouts, m_settings);
     m_recorder->setDelegate(
         std::make_shared<RecorderEvents>([this](const session::Event& event) { emitEvent(event); }));
     m_recorder->shareGameInput(m_gameAudio->input());

@@ -107,6 +107,8 @@ public:
     const LayoutPtr& layout() const { return m_layout; }
     // The layouts a screenshot or a recording captures, by the settings' capture layout.
     std::vector<LayoutPtr> captureLayouts() const;
+    // Whether the canvases of `layouts`, with those of the layouts running, fit their budget.
+    bool canvasesFit(const std::vector<LayoutPtr>& layouts) const;
 
     // Takes new settings: the game sound, the replay buffer, its offset and the camera follow at
     // once; recordings and screenshots take them when they start.
@@ -117,6 +119,8 @@ public:
     std::shared_ptr<ImageRecorder> screenshot();
     const std::shared_ptr<ImageRecorder>& lastScreenshot() const { return m_screenshot; }
     // Starts a recording of the capture layouts into the storage folder.
+    // ENOMEM when the layouts to record would take the canvases beyond their budget (see
+    // CanvasBudget): refused before anything starts.
     Error record();
     // Stops the current recording; it finalises on its own thread and says when it is done.
     void stopRecording();

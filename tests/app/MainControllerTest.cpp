@@ -14,6 +14,7 @@
 #include "base/Worker.h"
 #include "capture/CaptureDevice.h"
 #include "capture/DemoBoard.h"
+#include "layouts/CanvasBudget.h"
 #include "layouts/LayoutController.h"
 #include "recording/ImageRecorder.h"
 #include "recording/ReplayBuffer.h"
@@ -451,6 +452,20 @@ TEST_F(MainControllerTest, ARecordingThatCannotWriteIsRefusedAndSaidSo) {
     EXPECT_TRUE(ui.playPauseItem->isEnabled());
     ASSERT_EQ(alerts().size(), 1);
     EXPECT_TRUE(alerts()[0].startsWith("Could not start recording video. | ")) << alerts()[0].toStdString();
+
+    // Into a folder that can be written, but of a layout whose canvas, with the one on show, would
+    // take more than all canvases may take together: refused before it starts, naming the budget.
+    PreferencesController::instance().setPreference(settings::storageFolder.key, m_storage.path());
+    PreferencesController::instance().setPreference(settings::captureLayout.key, "Stream 720p");
+    const uint64_t limit = CanvasBudget::instance().limit();
+    CanvasBudget::instance().setLimit(uint64_t{2} << 20);
+    ui.recordItem->trigger();
+    CanvasBudget::instance().setLimit(limit);
+    EXPECT_EQ(m_controller->session().recorder(), nullptr);
+    ASSERT_EQ(alerts().size(), 2);
+    EXPECT_TRUE(alerts()[1].startsWith("Could not start recording video. | The layouts to record would take "
+                                       "their pictures beyond the 2 MB "))
+        << alerts()[1].toStdString();
 }
 
 // With the "Finalizing video..." sheet dismissed, a second recording started and stopped: quitting
