@@ -86,7 +86,7 @@ bool ReplayBuffer::start() {
     // length.
     settings.keyInterval = static_cast<int>(std::min<uint64_t>(preset->maxKeyInterval(), KeyIntervalFrames));
     settings.speed = VideoRecord::encoderSpeed(*preset);
-    if (!m_received || m_encoder.open(settings) != VideoEncoder::Failure::None) {
+    if (!m_received || m_encoder.open(settings)) {
         logs::recording.error("Could not start the replay buffer of %s", qUtf8Printable(layout->name()));
         return false;
     }

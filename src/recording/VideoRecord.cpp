@@ -72,17 +72,15 @@ bool VideoRecord::createWriter(const VideoQuality& preset) {
     settings.speed = encoderSpeed(preset);
     settings.globalHeader = (m_output->oformat->flags & AVFMT_GLOBALHEADER) != 0;
     settings.timeBase = FrameSlots;
-    switch (m_stream ? m_encoder.open(settings) : VideoEncoder::Failure::Codec) {
-    case VideoEncoder::Failure::None:
-        break;
-    case VideoEncoder::Failure::Codec:
-        logs::recording.error("Error adding writers for video");
-        return false;
-    case VideoEncoder::Failure::Scaler:
-        logs::recording.error("Error creating pixel buffer adaptor");
-        return false;
-    case VideoEncoder::Failure::Picture:
-        logs::recording.error("Error creating pixel buffer");
+    const Error error =
+        m_stream ? m_encoder.open(settings)
+                 : Error::library(Error::Domain::FFmpeg, "avformat_new_stream", m_recordPath.toStdString(),
+                                  AVERROR(ENOMEM), ff::errorText(AVERROR(ENOMEM)));
+    if (error) {
+        logs::recording.error("%s",
+                              error.step() == VideoEncoder::ScalerStep ? "Error creating pixel buffer adaptor"
+                              : error.step() == VideoEncoder::PictureStep ? "Error creating pixel buffer"
+                                                                          : "Error adding writers for video");
         return false;
     }
     if (!ff::check(avcodec_parameters_from_context(m_stream->codecpar, m_encoder.context()),
