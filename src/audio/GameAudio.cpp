@@ -40,7 +40,7 @@ bool GameAudio::start(const QString& deviceId) {
     const bool listening = m_listening;
     const double volume = m_volume;
     const bool started = runAndWait(input.get(), [this, input, device, listening, volume] {
-        if (!input->open(device)) {
+        if (input->open(device)) {
             return false;
         }
         QObject::connect(input.get(), &AudioInput::lost, input.get(), [this, input = input.get()] {

@@ -31,8 +31,14 @@ VideoRecorder::VideoRecorder(std::vector<LayoutPtr> layouts, CaptureSettings set
 VideoRecorder::~VideoRecorder() {
     m_bundle.unlock();
     // Finalising stops both inputs; these end a recording that never got that far.
-    m_audioNarratorRecord->stop();
-    m_audioGameRecord->stop();
+    for (AudioRecord* audio : {m_audioNarratorRecord.get(), m_audioGameRecord.get()}) {
+        if (audio->isRecording()) {
+            if (const Error error = audio->stop()) {
+                logs::recording.error("The %s sound was left unfinished: %s", qUtf8Printable(audio->name()),
+                                      error.logLine().c_str());
+            }
+        }
+    }
 }
 
 void VideoRecorder::shareGameInput(std::shared_ptr<AudioInput> input) {
@@ -104,9 +110,9 @@ bool VideoRecorder::start() {
     }
     if (success) {
         m_audioGameRecord->share(m_sharedGameInput, std::chrono::milliseconds(m_settings.gameAudioOffsetMs));
-        success = m_audioGameRecord->start(m_settings.gameAudioInput, m_bundle.path(), true);
+        success = !m_audioGameRecord->start(m_settings.gameAudioInput, m_bundle.path(), true);
         if (success) {
-            success = m_audioNarratorRecord->start(m_settings.narratorAudioInput, m_bundle.path(), false);
+            success = !m_audioNarratorRecord->start(m_settings.narratorAudioInput, m_bundle.path(), false);
         }
     }
     if (success) {
@@ -155,7 +161,7 @@ void VideoRecorder::capturedLayouts() {
     // The sound tracks end with the picture, neither short of it nor running on, and both inputs
     // are let go (a microphone left open would go on showing as in use).
     for (AudioRecord* audio : {m_audioGameRecord.get(), m_audioNarratorRecord.get()}) {
-        if (audio->isRecording() && !audio->stop(pictureEnd)) {
+        if (audio->isRecording() && audio->stop(pictureEnd)) {
             keepError(QStringLiteral("The recording of the audio could not be finalized."));
             success = false;
         }
