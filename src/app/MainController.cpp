@@ -62,7 +62,7 @@ void MainController::sessionEvent(const session::Event& event) {
                            QStringLiteral("toolbar_replay"));
         }
     } else if (const auto* camera = std::get_if<session::CameraFailed>(&event)) {
-        cameraFailed(camera->reason);
+        cameraFailed(camera->reason());
     } else if (std::holds_alternative<session::GameSoundLost>(event)) {
         updateSaveReplay(); // the session renewed its replay buffer without the sound
     } else if (const auto* done = std::get_if<session::RecoveryDone>(&event)) {

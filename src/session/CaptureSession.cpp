@@ -3,6 +3,7 @@
 #include "audio/GameAudio.h"
 #include "base/Log.h"
 #include "base/RunOn.h"
+#include "camera/CameraSteps.h"
 #include "capture/CaptureDevice.h"
 #include "capture/UsbBoard.h"
 #include "layouts/LayoutController.h"
@@ -18,6 +19,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace zandor {
 
@@ -66,15 +68,39 @@ QString session::ReplaySaved::message() const {
     return QStringLiteral("The movie could not be written to \"%1\".").arg(folder);
 }
 
+QString session::CameraFailed::reason() const {
+    const std::string& step = error.step();
+    const char* why = std::strerror(error.systemCode());
+    if (step == camera::StartStep) {
+        return QStringLiteral("PipeWire could not start: %1").arg(why);
+    }
+    if (step == camera::ConnectStep) {
+        return QStringLiteral("PipeWire is not running (%1)").arg(why);
+    }
+    if (step == camera::StreamStep) {
+        return QStringLiteral("PipeWire refused the camera stream: %1")
+            .arg(QString::fromStdString(error.cause()));
+    }
+    if (step == camera::AnswerStep) {
+        return QStringLiteral("PipeWire did not answer");
+    }
+    if (step == camera::ConnectionStep) {
+        return QStringLiteral("PipeWire ended the connection: %1 (%2)")
+            .arg(QString::fromStdString(error.detail()), QString::fromUtf8(std::strerror(-error.code())));
+    }
+    if (step == camera::RunStep && !error.detail().empty()) {
+        return QString::fromStdString(error.detail());
+    }
+    return QStringLiteral("the camera stream failed");
+}
+
 CaptureSession::CaptureSession(std::unique_ptr<UsbBoard> board, CaptureSettings settings)
     : m_device(CaptureDevice::create(std::move(board))), m_settings(std::move(settings)),
       m_gameAudio(std::make_unique<GameAudio>()) {
     LayoutController::instance().setDevice(m_device);
     m_device->setConnectionObserver(
         [this](bool connected) { emitEvent(session::BoardConnection{connected}); });
-    m_camera->setFailureHandler([this](const std::string& reason) {
-        emitEvent(session::CameraFailed{QString::fromStdString(reason)});
-    });
+    m_camera->setFailureHandler([this](const Error& failure) { cameraFailed(failure); });
     // The input went away: said in the log; the picture goes on without the sound.
     m_gameAudio->setLostHandler(
         [self = QPointer<CaptureSession>(this)] { runLater(self, [self] { self->gameSoundLost(); }); });
@@ -254,10 +280,16 @@ void CaptureSession::updateCamera() {
         m_camera->stop();
     } else if (m_camera->isSharing()) {
         m_camera->setLayout(m_layout);
-    } else if (std::string reason; !m_camera->start(m_layout, &reason)) {
+    } else if (Error error = m_camera->start(m_layout)) {
         m_settings.shareAsCamera = false;
-        emitEvent(session::CameraFailed{QString::fromStdString(reason)});
+        cameraFailed(error);
     }
+}
+
+void CaptureSession::cameraFailed(const Error& error) {
+    session::CameraFailed failed{error};
+    logs::camera.error("%s%s", session::CameraFailed::LogPrefix, qUtf8Printable(failed.reason()));
+    emitEvent(failed);
 }
 
 std::shared_ptr<ImageRecorder> CaptureSession::screenshot() {

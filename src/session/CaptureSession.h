@@ -59,9 +59,15 @@ struct ReplaySaved {
     // Why nothing was written, in one sentence for the user.
     QString message() const;
 };
-// Sharing as a camera ended or could not begin; the session stopped asking for it.
+// Sharing as a camera ended or could not begin; the session stopped asking for it. The session
+// has logged it.
 struct CameraFailed {
-    QString reason;
+    Error error;
+
+    // The start of the line logged; the reason follows.
+    static constexpr const char* LogPrefix = "Could not share the picture as a camera: ";
+    // Why, in a few words for the user: "PipeWire is not running (Connection refused)".
+    QString reason() const;
 };
 // The game sound input could not be opened, or went away while open.
 struct GameSoundLost {
@@ -153,6 +159,8 @@ private:
     void updateReplayBuffer();
     void stopReplayBuffer();
     void updateCamera();
+    // Logs the camera's failure and sends it; on any thread.
+    void cameraFailed(const Error& error);
     void gameSoundLost();
     // Runs `job` on the session's background thread, after the jobs before it.
     void runInBackground(std::function<void()> job);
