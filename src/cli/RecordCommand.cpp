@@ -17,12 +17,12 @@ int RecordCommand::run(const CommandLine& options) {
         std::fprintf(stderr, "zandor-cli record: --seconds needs a whole number of at least 1\n");
         return 2;
     }
-    std::string error;
-    auto session = openSession(options, error);
-    if (!session) {
-        std::fprintf(stderr, "zandor-cli record: %s\n", error.c_str());
+    auto opened = openSession(options);
+    if (!opened) {
+        std::fprintf(stderr, "zandor-cli record: %s\n", openFailure(opened.error()).c_str());
         return 2;
     }
+    std::unique_ptr<CaptureSession> session = std::move(*opened);
     SessionEvents events(*session);
     if (!session->start()) {
         return 1; // the device has logged why
