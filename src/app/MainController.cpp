@@ -52,9 +52,9 @@ void MainController::sessionEvent(const session::Event& event) {
     } else if (std::holds_alternative<session::RecordingDone>(event)) {
         hideStatus();
     } else if (const auto* error = std::get_if<session::RecordingError>(&event)) {
-        recordError(error->message);
+        recordError(error->message());
     } else if (const auto* notice = std::get_if<session::RecordingNotice>(&event)) {
-        displayMessage(QStringLiteral("The video was recorded."), notice->message, 1,
+        displayMessage(QStringLiteral("The video was recorded."), notice->message(), 1,
                        QStringLiteral("toolbar_record"));
     } else if (const auto* saved = std::get_if<session::ReplaySaved>(&event)) {
         if (saved->path.isEmpty()) {

@@ -50,12 +50,12 @@ int RecordCommand::run(const CommandLine& options) {
     bool failed = false;
     for (const session::Event& event : events.all()) {
         if (const auto* notice = std::get_if<session::RecordingNotice>(&event)) {
-            std::fprintf(stderr, "zandor-cli record: %s\n", qUtf8Printable(notice->message));
+            std::fprintf(stderr, "zandor-cli record: %s\n", qUtf8Printable(notice->message()));
         }
     }
     for (const session::Event& event : events.all()) {
         if (const auto* problem = std::get_if<session::RecordingError>(&event)) {
-            std::fprintf(stderr, "zandor-cli record: %s\n", qUtf8Printable(problem->message));
+            std::fprintf(stderr, "zandor-cli record: %s\n", qUtf8Printable(problem->message()));
             failed = true;
         }
     }

@@ -39,7 +39,12 @@ void VideoRecord::setPaths(const QString& bundlePath, const CaptureSettings& set
 }
 
 VideoRecord::~VideoRecord() {
-    stop();
+    std::scoped_lock lock(m_lock);
+    if (m_recording) {
+        if (const Error error = stop()) {
+            logs::recording.error("The movie was left unfinished: %s", error.logLine().c_str());
+        }
+    }
 }
 
 bool VideoRecord::start(const QString& bundlePath, const CaptureSettings& settings) {
@@ -96,14 +101,15 @@ bool VideoRecord::createWriter(const VideoQuality& preset) {
     return true;
 }
 
-bool VideoRecord::writeHeader(std::chrono::system_clock::time_point firstFrame) {
+Error VideoRecord::writeHeader(std::chrono::system_clock::time_point firstFrame) {
     // The wall-clock time of the first frame, from which the merging tool lines up the sound.
     double captureStart = -1;
     if (firstFrame.time_since_epoch().count() != 0) {
         captureStart = std::chrono::duration<double>(firstFrame.time_since_epoch()).count();
     }
-    m_headerWritten = !ff::writeFragmentedHeader(m_output.get(), captureStart);
-    return m_headerWritten;
+    Error error = ff::writeFragmentedHeader(m_output.get(), captureStart);
+    m_headerWritten = !error;
+    return error;
 }
 
 bool VideoRecord::append(const CaptureData& frame) {
@@ -116,7 +122,7 @@ bool VideoRecord::append(const CaptureData& frame) {
         m_firstNumber = frame.number();
         m_sessionStarted = true;
         m_sessionStartWallClock = frame.wallClock();
-        if (!writeHeader(frame.wallClock())) {
+        if (writeHeader(frame.wallClock())) {
             return false;
         }
     }
@@ -178,33 +184,40 @@ bool VideoRecord::writeFailed() {
     return m_writeError != 0;
 }
 
-bool VideoRecord::diskFull() {
-    std::scoped_lock lock(m_lock);
-    return m_writeError == AVERROR(ENOSPC);
-}
-
-bool VideoRecord::stop() {
+Error VideoRecord::stop() {
     std::scoped_lock lock(m_lock);
     if (!m_recording) {
-        return false;
+        return Error::other("finish the movie", m_recordPath.toStdString(), "it was not recording");
     }
     m_recording = false;
-    bool finished = stopWriter();
-    if (!finished) {
+    Error error = stopWriter();
+    if (error) {
         logs::recording.error("Could not finish the movie %s", qUtf8Printable(m_recordPath));
     }
-    return finished;
+    return error;
 }
 
-bool VideoRecord::stopWriter() {
+Error VideoRecord::stopWriter() {
     // A recording stopped before its first frame still leaves a well-formed, empty movie. After a
     // failed write nothing more is tried: the fragments written so far play as they are.
-    bool finished = m_writeError == 0 && (m_headerWritten || writeHeader({}));
-    finished = finished && encode(nullptr);
-    finished = finished && ff::check(av_write_trailer(m_output.get()), "av_write_trailer");
+    const std::string path = m_recordPath.toStdString();
+    Error error = m_writeError != 0 ? Error::library(Error::Domain::FFmpeg, "cannot write", path,
+                                                     m_writeError, ff::errorText(m_writeError))
+                                    : Error();
+    if (!error && !m_headerWritten) {
+        error = writeHeader({});
+    }
+    if (!error && !encode(nullptr)) {
+        keepWriteError();
+        error = Error::library(Error::Domain::FFmpeg, "cannot write", path, m_writeError,
+                               ff::errorText(m_writeError));
+    }
+    if (!error) {
+        error = ff::failure(av_write_trailer(m_output.get()), "av_write_trailer", path);
+    }
     m_output.close();
     m_encoder.close();
-    return finished;
+    return error;
 }
 
 } // namespace zandor

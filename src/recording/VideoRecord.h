@@ -46,13 +46,12 @@ public:
     // when the frame's number does not come after the previous frame's (the frame is dropped), or
     // when encoding failed.
     bool append(const CaptureData& frame);
-    // Flushes the encoder and finishes the file. False when not recording or finishing failed.
-    bool stop();
+    // Flushes the encoder and finishes the file. The Error when not recording, or the one that
+    // kept the movie from being finished, FFmpeg's code kept (a full disk is known by it).
+    Error stop();
     // Whether writing the movie has failed (the disk full, the file gone): from then on frames are
     // not encoded, and the recording should end, keeping what was written.
     bool writeFailed();
-    // Whether that failure was a full disk.
-    bool diskFull();
     // The wall-clock time at which the last appended frame stops showing; unset before the first.
     std::optional<std::chrono::system_clock::time_point> pictureEnd();
 
@@ -68,12 +67,12 @@ public:
 private:
     bool createWriter(const VideoQuality& preset);
     // The header names the wall-clock time of the first frame, when it is known.
-    bool writeHeader(std::chrono::system_clock::time_point firstFrame);
+    Error writeHeader(std::chrono::system_clock::time_point firstFrame);
     // Sends a frame (null to flush) and writes every packet the encoder gives back.
     bool encode(const AVFrame* frame);
     // Notes why writing failed; returns false.
     bool keepWriteError();
-    bool stopWriter();
+    Error stopWriter();
     void setPaths(const QString& bundlePath, const CaptureSettings& settings);
 
     const LayoutPtr m_layout;

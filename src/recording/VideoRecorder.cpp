@@ -150,19 +150,19 @@ void VideoRecorder::capturedLayouts() {
         if (const auto end = record->pictureEnd(); end && (!pictureEnd || *end > *pictureEnd)) {
             pictureEnd = end;
         }
-        if (!record->stop()) {
-            keepError(
-                record->diskFull()
-                    ? QStringLiteral("The recording of the video could not be finalized. The disk is full.")
-                    : QStringLiteral("The recording of the video could not be finalized."));
+        if (Error error = record->stop()) {
+            keepError(RecordingProblem::Step::FinishVideo, std::move(error));
             success = false;
         }
     }
     // The sound tracks end with the picture, neither short of it nor running on, and both inputs
     // are let go (a microphone left open would go on showing as in use).
     for (AudioRecord* audio : {m_audioGameRecord.get(), m_audioNarratorRecord.get()}) {
-        if (audio->isRecording() && audio->stop(pictureEnd)) {
-            keepError(QStringLiteral("The recording of the audio could not be finalized."));
+        if (!audio->isRecording()) {
+            continue;
+        }
+        if (Error error = audio->stop(pictureEnd)) {
+            keepError(RecordingProblem::Step::FinishAudio, std::move(error));
             success = false;
         }
     }
@@ -227,7 +227,7 @@ Result<std::shared_ptr<VideoRecorder>> VideoRecorder::forBundle(const QString& b
 
 bool VideoRecorder::recover() {
     if (!m_bundle.lock()) {
-        tryError(QStringLiteral("The recording is being recorded or finalised by another Zandor."));
+        tryError(RecordingProblem::Step::HeldElsewhere);
         return false;
     }
     // What an earlier, failed finalising left half made is made again from the recorded tracks:
@@ -300,7 +300,7 @@ void VideoRecorder::actualize() {
     bool allMovedOut = true;
     const auto sounds = soundTracks();
     if (!sounds) {
-        keepError(QStringLiteral("It was not possible to merge audio."));
+        keepError(RecordingProblem::Step::MergeAudio);
         success = allMovedOut = false;
     }
     QStringList soundTitles;
@@ -310,7 +310,7 @@ void VideoRecorder::actualize() {
     for (auto it = m_videoRecords.begin(); it != m_videoRecords.end() && success; ++it) {
         VideoRecord& record = **it;
         if (!SublerWrapper::instance().appendSource(record.recordPath(), record.mergePath(), m_toolLimits)) {
-            keepError(QStringLiteral("It was not possible to merge video."));
+            keepError(RecordingProblem::Step::MergeVideo);
             allMovedOut = false;
             continue;
         }
@@ -323,7 +323,7 @@ void VideoRecorder::actualize() {
                                                             m_toolLimits);
         }
         if (!merged) {
-            keepError(QStringLiteral("It was not possible to merge audio."));
+            keepError(RecordingProblem::Step::MergeAudio);
             success = false;
         }
         if (!success || !convert(record, soundTitles)) {
@@ -331,17 +331,13 @@ void VideoRecorder::actualize() {
         }
     }
     if (allMovedOut && !QDir(m_bundle.path()).removeRecursively()) {
-        tryError(QStringLiteral("It was not possible to remove recording bundle."));
+        tryError(RecordingProblem::Step::RemoveBundle);
         success = false;
     }
     m_done = true;
     if (success && m_delegate) {
         if (const auto lost = m_audioGameRecord->lostAt()) {
-            const long long seconds = lost->count() / 1000;
-            m_delegate->recordNotice(QString::asprintf(
-                "The game sound stopped at %02lld:%02lld: its input went away, and the rest "
-                "of the movie is silent.",
-                seconds / 60, seconds % 60));
+            m_delegate->recordGameSoundLost(*lost);
         }
         m_delegate->recordDone();
     }
@@ -352,11 +348,12 @@ bool VideoRecorder::convert(VideoRecord& record, const QStringList& soundTitles)
         const QString bitRate = QString::asprintf("%ld", static_cast<long>(record.quality()->bitRate()));
         if (!HandBrakeWrapper::instance().convert(record.mergePath(), record.convertPath(), bitRate,
                                                   record.framesPerSecond(), soundTitles, m_toolLimits)) {
-            keepError(QStringLiteral("It was not possible to convert the merged video."));
+            keepError(RecordingProblem::Step::Convert);
             return false;
         }
     } else if (!QFile::rename(record.mergePath(), record.convertPath())) {
-        keepError(QStringLiteral("It was not possible to move the merged video to the convertion path."));
+        keepError(RecordingProblem::Step::MoveForConversion,
+                  Error::system("cannot rename", record.mergePath().toStdString()));
         return false;
     }
     return finish(record);
@@ -368,20 +365,23 @@ bool VideoRecorder::finish(VideoRecord& record) {
     const QString planned = plannedPath(m_bundle.basePath(), record);
     const QString result = NumberedName::file(planned.chopped(4), QStringLiteral("mp4"));
     if (!QFile::rename(record.convertPath(), result)) {
-        keepError(QStringLiteral("Could not move file outside recording bundle."));
+        keepError(RecordingProblem::Step::MoveOut,
+                  Error::system("cannot rename", record.convertPath().toStdString()));
         return false;
     }
     m_results.insert(record.name(), result);
     return true;
 }
 
-void VideoRecorder::keepError(const QString& message) {
-    tryError(QStringLiteral("%1 The recording is kept in \"%2\".").arg(message, m_bundle.path()));
+void VideoRecorder::keepError(RecordingProblem::Step step, Error error) {
+    if (m_delegate) {
+        m_delegate->recordError({step, std::move(error), m_bundle.path()});
+    }
 }
 
-void VideoRecorder::tryError(const QString& message) {
+void VideoRecorder::tryError(RecordingProblem::Step step, Error error) {
     if (m_delegate) {
-        m_delegate->recordError(message);
+        m_delegate->recordError({step, std::move(error), {}});
     }
 }
 

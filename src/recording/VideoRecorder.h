@@ -88,9 +88,9 @@ private:
     // `soundTitles` name the movie's sound tracks, when they have names of their own.
     bool convert(VideoRecord& record, const QStringList& soundTitles);
     bool finish(VideoRecord& record);
-    void tryError(const QString& message);
+    void tryError(RecordingProblem::Step step, Error error = {});
     // tryError for a failure that leaves the recording in the bundle, saying where it is kept.
-    void keepError(const QString& message);
+    void keepError(RecordingProblem::Step step, Error error = {});
 
     // The least time a tool is given, however short the recording.
     static constexpr std::chrono::milliseconds ShortestToolLimit = std::chrono::seconds(10);

@@ -30,8 +30,8 @@ class RecorderEvents final : public RecorderDelegate {
 public:
     explicit RecorderEvents(std::function<void(const session::Event&)> send) : m_send(std::move(send)) {}
     void recordDone() override { m_send(session::RecordingDone{}); }
-    void recordError(const QString& message) override { m_send(session::RecordingError{message}); }
-    void recordNotice(const QString& message) override { m_send(session::RecordingNotice{message}); }
+    void recordError(const RecordingProblem& problem) override { m_send(session::RecordingError{problem}); }
+    void recordGameSoundLost(std::chrono::milliseconds at) override { m_send(session::RecordingNotice{at}); }
 
 private:
     const std::function<void(const session::Event&)> m_send;
@@ -41,11 +41,64 @@ private:
 class RecoveryErrors final : public RecorderDelegate {
 public:
     void recordDone() override {}
-    void recordError(const QString& message) override { messages << message; }
+    void recordError(const RecordingProblem& problem) override {
+        messages << session::recordingMessage(problem);
+    }
     QStringList messages;
 };
 
 } // namespace
+
+QString session::recordingMessage(const RecordingProblem& problem) {
+    using Step = RecordingProblem::Step;
+    QString text;
+    switch (problem.step) {
+    case Step::FinishVideo:
+        text = problem.error.isDiskFull()
+                   ? QStringLiteral("The recording of the video could not be finalized. The disk is full.")
+                   : QStringLiteral("The recording of the video could not be finalized.");
+        break;
+    case Step::FinishAudio:
+        text = QStringLiteral("The recording of the audio could not be finalized.");
+        break;
+    case Step::MergeAudio:
+        text = QStringLiteral("It was not possible to merge audio.");
+        break;
+    case Step::MergeVideo:
+        text = QStringLiteral("It was not possible to merge video.");
+        break;
+    case Step::Convert:
+        text = QStringLiteral("It was not possible to convert the merged video.");
+        break;
+    case Step::MoveForConversion:
+        text = QStringLiteral("It was not possible to move the merged video to the convertion path.");
+        break;
+    case Step::MoveOut:
+        text = QStringLiteral("Could not move file outside recording bundle.");
+        break;
+    case Step::RemoveBundle:
+        text = QStringLiteral("It was not possible to remove recording bundle.");
+        break;
+    case Step::HeldElsewhere:
+        text = QStringLiteral("The recording is being recorded or finalised by another Zandor.");
+        break;
+    }
+    if (!problem.keptIn.isEmpty()) {
+        text = QStringLiteral("%1 The recording is kept in \"%2\".").arg(text, problem.keptIn);
+    }
+    return text;
+}
+
+QString session::RecordingError::message() const {
+    return recordingMessage(problem);
+}
+
+QString session::RecordingNotice::message() const {
+    const long long seconds = gameSoundLostAt.count() / 1000;
+    return QString::asprintf("The game sound stopped at %02lld:%02lld: its input went away, and the rest "
+                             "of the movie is silent.",
+                             seconds / 60, seconds % 60);
+}
 
 QString session::ReplaySaved::message() const {
     using Failure = ReplayBuffer::SaveFailure;

@@ -5,11 +5,13 @@
 #include "base/Worker.h"
 #include "camera/CameraOutput.h"
 #include "layouts/CaptureLayout.h"
+#include "recording/RecorderDelegate.h"
 #include "settings/CaptureSettings.h"
 
 #include <QObject>
 #include <QStringList>
 
+#include <chrono>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -45,11 +47,19 @@ struct BoardConnection {
 // The current or a finalising recording ended: its files are made (or not, with errors sent first).
 struct RecordingDone {};
 struct RecordingError {
-    QString message;
+    RecordingProblem problem;
+
+    // What failed, and where the recording is kept when it is, in sentences for the user.
+    QString message() const;
 };
+// The game sound's input went away `gameSoundLostAt` into a recording that was made.
 struct RecordingNotice {
-    QString message;
+    std::chrono::milliseconds gameSoundLostAt;
+
+    QString message() const;
 };
+// A recording's problem in sentences for the user, as RecordingError says it.
+QString recordingMessage(const RecordingProblem& problem);
 // A replay save ended: the movie's path, or empty with why nothing was written to `folder`.
 struct ReplaySaved {
     QString path;

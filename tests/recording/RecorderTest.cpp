@@ -11,6 +11,7 @@
 #include "settings/Settings.h"
 #include "recording/ShellCommand.h"
 #include "recording/VideoRecorder.h"
+#include "session/CaptureSession.h"
 
 #include <gtest/gtest.h>
 
@@ -54,9 +55,9 @@ private:
 class Delegate final : public RecorderDelegate {
 public:
     void recordDone() override {}
-    void recordError(const QString& message) override {
+    void recordError(const RecordingProblem& problem) override {
         std::scoped_lock lock(m_mutex);
-        errors.append(message);
+        errors.append(session::recordingMessage(problem));
     }
     std::mutex m_mutex;
     QStringList errors;

@@ -115,7 +115,8 @@ TEST_F(VideoRecordTest, TimesFramesByTheirNumbersAndFillsTheMissingOnesWithTheFr
         EXPECT_EQ(record.pictureEnd(),
                   start + std::chrono::duration_cast<std::chrono::system_clock::duration>(
                               150 * CaptureDevice::DefaultFramePeriod));
-        ASSERT_TRUE(record.stop());
+        const Error stopped = record.stop();
+        ASSERT_FALSE(stopped) << stopped.logLine();
         EXPECT_FALSE(record.append(*frame(*side, 2000, 99.0)));
 
         const Probed probed = probe(record.recordPath());
