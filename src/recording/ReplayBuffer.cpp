@@ -414,11 +414,6 @@ Error writeMovie(const std::string& path, Track& video, Track& sound, int64_t or
     return {};
 }
 
-Error saveFailure(ReplayBuffer::SaveFailure failure, std::string step, std::string path, std::string detail) {
-    return Error::library(Error::Domain::Other, std::move(step), std::move(path), static_cast<int>(failure),
-                          std::move(detail));
-}
-
 } // namespace
 
 Result<QString> ReplayBuffer::save(const QString& folder) {
@@ -476,16 +471,14 @@ Result<QString> ReplayBuffer::save(const QString& folder) {
         }
     }
     if (video.packets.empty() || !video.parameters) {
-        return saveFailure(SaveFailure::Empty, "cannot save the replay", {},
-                           "no picture has been shown since the buffer was turned on");
+        return Error::other(EmptyStep, {}, "no picture has been shown since the buffer was turned on");
     }
     if (!copied) {
         return Error::system("cannot copy the replay", {}, ENOMEM);
     }
 
     if (!QDir().mkpath(folder)) {
-        return saveFailure(SaveFailure::FolderNotWritable, "cannot make the folder", folder.toStdString(),
-                           {});
+        return Error::other(FolderStep, folder.toStdString(), "it cannot be made");
     }
     // A second save within the same second keeps the first: this one is numbered.
     const QString path = NumberedName::file(
@@ -493,10 +486,12 @@ Result<QString> ReplayBuffer::save(const QString& folder) {
     AtomicFile file(QFile::encodeName(path).toStdString());
     if (const Error created = file.create()) {
         logs::recording.error("Could not save the replay: %s", created.logLine().c_str());
-        // A full disk is said as such wherever it is met.
-        return created.isDiskFull() ? created
-                                    : saveFailure(SaveFailure::FolderNotWritable, created.step(),
-                                                  created.path(), created.cause());
+        // A full disk is said as such wherever it is met; any other cause is the folder's.
+        if (created.isDiskFull()) {
+            return created;
+        }
+        return created.systemCode() != 0 ? Error::system(FolderStep, created.path(), created.systemCode())
+                                         : Error::other(FolderStep, created.path(), created.cause());
     }
     Error failure = writeMovie(file.path(), video, sound, origin);
     if (!failure) {

@@ -75,20 +75,20 @@ bool VideoRecorder::start() {
     m_writeFailed = false;
     m_results.clear();
     // Another recording of the same second (or its movie) keeps its name: this one is numbered.
-    const bool created =
+    const Error created =
         m_bundle.create(m_settings.storageFolder, stringWithCurrentDate(), [this](const QString& base) {
             return std::any_of(m_videoRecords.begin(), m_videoRecords.end(), [&](const auto& record) {
                 return QFileInfo::exists(plannedPath(base, *record));
             });
         });
-    if (!created) {
+    if (created) {
         // Reported as a success on purpose: the caller shows the recording state although
         // nothing records.
         return true;
     }
     // Held from here until finalising ends, so that nobody takes the recording for an abandoned
     // one; the choices make the bundle recoverable on its own.
-    if (!m_bundle.lock()) {
+    if (m_bundle.lock()) {
         QDir().rmdir(m_bundle.path());
         m_done = true;
         return false;
@@ -97,9 +97,10 @@ bool VideoRecorder::start() {
     for (const auto& record : m_videoRecords) {
         choices.layouts.append(record->name());
     }
-    if (!m_bundle.writeChoices(choices)) {
+    if (const Error error = m_bundle.writeChoices(choices)) {
         logs::recording.warning("Could not write the choices of the recording into %s",
                                 qUtf8Printable(m_bundle.path()));
+        logs::recording.warning("%s", error.logLine().c_str());
     }
     bool success = true;
     for (const auto& record : m_videoRecords) {
@@ -187,7 +188,9 @@ Result<std::shared_ptr<VideoRecorder>> VideoRecorder::forBundle(const QString& b
     CaptureSettings settings;
     settings.storageFolder = QFileInfo(bundle).path();
     RecordingBundle reading;
-    reading.open(bundle);
+    if (Error error = reading.open(bundle)) {
+        return error;
+    }
     QStringList names;
     if (const auto choices = reading.readChoices()) {
         names = choices->layouts;
@@ -203,7 +206,9 @@ Result<std::shared_ptr<VideoRecorder>> VideoRecorder::forBundle(const QString& b
         names = reading.movieLayouts();
     }
     auto recorder = std::make_shared<VideoRecorder>(std::vector<LayoutPtr>{}, settings);
-    recorder->m_bundle.open(bundle);
+    if (Error error = recorder->m_bundle.open(bundle)) {
+        return error;
+    }
     recorder->m_audioGameRecord->adopt(bundle);
     recorder->m_audioNarratorRecord->adopt(bundle);
     for (const QString& name : names) {
@@ -226,8 +231,8 @@ Result<std::shared_ptr<VideoRecorder>> VideoRecorder::forBundle(const QString& b
 }
 
 bool VideoRecorder::recover() {
-    if (!m_bundle.lock()) {
-        tryError(RecordingProblem::Step::HeldElsewhere);
+    if (Error error = m_bundle.lock()) {
+        tryError(RecordingProblem::Step::HeldElsewhere, std::move(error));
         return false;
     }
     // What an earlier, failed finalising left half made is made again from the recorded tracks:

@@ -101,18 +101,14 @@ QString session::RecordingNotice::message() const {
 }
 
 QString session::ReplaySaved::message() const {
-    using Failure = ReplayBuffer::SaveFailure;
-    const auto is = [this](Failure failure) {
-        return error.domain() == Error::Domain::Other && error.code() == static_cast<int>(failure);
-    };
-    if (is(Failure::Empty)) {
+    if (error.step() == ReplayBuffer::EmptyStep) {
         return QStringLiteral(
             "The replay buffer is empty: no picture has been shown since it was turned on.");
     }
     if (error.domain() == Error::Domain::System && error.code() == ENOMEM) {
         return QStringLiteral("There is not enough memory to save the replay.");
     }
-    if (is(Failure::FolderNotWritable)) {
+    if (error.step() == ReplayBuffer::FolderStep) {
         return QStringLiteral("The folder \"%1\" cannot be written to.").arg(folder);
     }
     if (error.isDiskFull()) {
