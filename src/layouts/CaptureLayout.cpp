@@ -118,8 +118,12 @@ bool CaptureLayout::startListening() {
         return true;
     }
     // The thread of a run that ended (stopped, or left by its last consumer) may be finishing; it
-    // takes our lock.
-    m_worker.join();
+    // takes our lock. One that does not end in time acts no more for the layout: the new run starts
+    // beside it, and it is joined later.
+    if (!m_worker.join()) {
+        logs::layouts.warning("Layout '%s' starts again while its last run is still ending",
+                              qUtf8Printable(m_name));
+    }
     std::scoped_lock lock(m_lock);
     if (m_listening) {
         return true;
@@ -153,7 +157,9 @@ void CaptureLayout::stopListening() {
         }
     }
     // Also the thread of a run its last consumer ended.
-    m_worker.join();
+    if (!m_worker.join()) {
+        logs::layouts.warning("Layout '%s' stopped, but its thread is still ending", qUtf8Printable(m_name));
+    }
 }
 
 void CaptureLayout::endRun() {
