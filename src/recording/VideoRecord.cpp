@@ -47,26 +47,28 @@ VideoRecord::~VideoRecord() {
     }
 }
 
-bool VideoRecord::start(const QString& bundlePath, const CaptureSettings& settings) {
+Error VideoRecord::start(const QString& bundlePath, const CaptureSettings& settings) {
     std::scoped_lock lock(m_lock);
     if (m_recording) {
-        return false;
+        return Error::other("start the movie", m_recordPath.toStdString(), "it is recording already");
     }
     setPaths(bundlePath, settings);
     // A movie that is re-encoded at a fixed rate later is written near lossless first.
     VideoQualityPtr preset =
         m_framesPerSecond == QLatin1String("Original") ? m_quality : VideoQuality::recordingQuality();
 
-    if (createWriter(*preset)) {
+    Error error = createWriter(*preset);
+    if (!error) {
         m_recording = true;
         m_sessionStarted = false;
     }
-    return m_recording;
+    return error;
 }
 
-bool VideoRecord::createWriter(const VideoQuality& preset) {
-    if (m_output.open(m_recordPath.toStdString(), "mov")) {
-        return false;
+Error VideoRecord::createWriter(const VideoQuality& preset) {
+    const std::string path = m_recordPath.toStdString();
+    if (Error error = m_output.open(path, "mov")) {
+        return error;
     }
     m_stream = avformat_new_stream(m_output.get(), nullptr);
     VideoEncoder::Settings settings;
@@ -77,28 +79,28 @@ bool VideoRecord::createWriter(const VideoQuality& preset) {
     settings.speed = encoderSpeed(preset);
     settings.globalHeader = (m_output->oformat->flags & AVFMT_GLOBALHEADER) != 0;
     settings.timeBase = FrameSlots;
-    const Error error =
-        m_stream ? m_encoder.open(settings)
-                 : Error::library(Error::Domain::FFmpeg, "avformat_new_stream", m_recordPath.toStdString(),
-                                  AVERROR(ENOMEM), ff::errorText(AVERROR(ENOMEM)));
+    const Error error = m_stream ? m_encoder.open(settings)
+                                 : Error::library(Error::Domain::FFmpeg, "avformat_new_stream", path,
+                                                  AVERROR(ENOMEM), ff::errorText(AVERROR(ENOMEM)));
     if (error) {
         logs::recording.error("%s",
                               error.step() == VideoEncoder::ScalerStep ? "Error creating pixel buffer adaptor"
                               : error.step() == VideoEncoder::PictureStep ? "Error creating pixel buffer"
                                                                           : "Error adding writers for video");
-        return false;
+        return error;
     }
-    if (!ff::check(avcodec_parameters_from_context(m_stream->codecpar, m_encoder.context()),
-                   "avcodec_parameters_from_context")) {
-        return false;
+    if (Error error = ff::failure(avcodec_parameters_from_context(m_stream->codecpar, m_encoder.context()),
+                                  "avcodec_parameters_from_context", path)) {
+        return error;
     }
     m_stream->time_base = FrameSlots;
     m_packet.reset(av_packet_alloc());
     if (!m_packet) {
         logs::recording.error("Error creating pixel buffer");
-        return false;
+        return Error::library(Error::Domain::FFmpeg, "av_packet_alloc", path, AVERROR(ENOMEM),
+                              ff::errorText(AVERROR(ENOMEM)));
     }
-    return true;
+    return {};
 }
 
 Error VideoRecord::writeHeader(std::chrono::system_clock::time_point firstFrame) {

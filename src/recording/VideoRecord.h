@@ -40,8 +40,8 @@ public:
     VideoRecord& operator=(const VideoRecord&) = delete;
 
     // Opens "<bundle>/Video<layout name>.mov" for writing with the settings' quality preset and
-    // frame rate. True when the writer runs.
-    bool start(const QString& bundlePath, const CaptureSettings& settings);
+    // frame rate. The Error, logged, when the writer cannot run.
+    Error start(const QString& bundlePath, const CaptureSettings& settings);
     // Encodes one frame of the layout (rows of red, green, blue bytes). False when not recording,
     // when the frame's number does not come after the previous frame's (the frame is dropped), or
     // when encoding failed.
@@ -65,7 +65,7 @@ public:
     const VideoQualityPtr& quality() const { return m_quality; }
 
 private:
-    bool createWriter(const VideoQuality& preset);
+    Error createWriter(const VideoQuality& preset);
     // The header names the wall-clock time of the first frame, when it is known.
     Error writeHeader(std::chrono::system_clock::time_point firstFrame);
     // Sends a frame (null to flush) and writes every packet the encoder gives back.

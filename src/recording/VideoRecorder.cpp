@@ -70,7 +70,7 @@ QStringList VideoRecorder::madeFiles() const {
     return made;
 }
 
-bool VideoRecorder::start() {
+Error VideoRecorder::begin() {
     m_done = false;
     m_writeFailed = false;
     m_results.clear();
@@ -84,14 +84,14 @@ bool VideoRecorder::start() {
     if (created) {
         // Reported as a success on purpose: the caller shows the recording state although
         // nothing records.
-        return true;
+        return {};
     }
     // Held from here until finalising ends, so that nobody takes the recording for an abandoned
     // one; the choices make the bundle recoverable on its own.
-    if (m_bundle.lock()) {
+    if (Error error = m_bundle.lock()) {
         QDir().rmdir(m_bundle.path());
         m_done = true;
-        return false;
+        return error;
     }
     RecordingBundle::Choices choices{{}, m_settings.framesPerSecond, m_settings.videoQuality};
     for (const auto& record : m_videoRecords) {
@@ -102,27 +102,26 @@ bool VideoRecorder::start() {
                                 qUtf8Printable(m_bundle.path()));
         logs::recording.warning("%s", error.logLine().c_str());
     }
-    bool success = true;
+    Error error;
     for (const auto& record : m_videoRecords) {
-        if (!record->start(m_bundle.path(), m_settings)) {
-            success = false;
+        if ((error = record->start(m_bundle.path(), m_settings))) {
             break;
         }
     }
-    if (success) {
+    if (!error) {
         m_audioGameRecord->share(m_sharedGameInput, std::chrono::milliseconds(m_settings.gameAudioOffsetMs));
-        success = !m_audioGameRecord->start(m_settings.gameAudioInput, m_bundle.path(), true);
-        if (success) {
-            success = !m_audioNarratorRecord->start(m_settings.narratorAudioInput, m_bundle.path(), false);
-        }
+        error = m_audioGameRecord->start(m_settings.gameAudioInput, m_bundle.path(), true);
     }
-    if (success) {
+    if (!error) {
+        error = m_audioNarratorRecord->start(m_settings.narratorAudioInput, m_bundle.path(), false);
+    }
+    if (!error) {
         m_started = std::chrono::steady_clock::now();
         Recorder::start();
     } else {
         stop();
     }
-    return success;
+    return error;
 }
 
 bool VideoRecorder::capture(const LayoutPtr& layout, const ObserverPtr& observer) {

@@ -41,7 +41,12 @@ public:
     // sound from it when it is the chosen one.
     void shareGameInput(std::shared_ptr<AudioInput> input);
 
-    bool start() override;
+    // Starts recording; false when it cannot, as begin() says why.
+    bool start() override { return !begin(); }
+    // Makes the bundle, holds it and starts every movie and sound track: the Error that kept the
+    // recording from starting. A bundle that cannot be made is no Error: the recording then shows
+    // as running although nothing records.
+    Error begin();
     bool isDone() override { return Recorder::isDone() && m_done; }
 
     const QString& basePath() const { return m_bundle.basePath(); }

@@ -371,9 +371,7 @@ Error CaptureSession::record() {
     m_recorder->setDelegate(
         std::make_shared<RecorderEvents>([this](const session::Event& event) { emitEvent(event); }));
     m_recorder->shareGameInput(m_gameAudio->input());
-    return m_recorder->start()
-               ? Error()
-               : Error::other("cannot start the recording in", folder, "see the lines before");
+    return m_recorder->begin();
 }
 
 void CaptureSession::stopRecording() {

@@ -89,7 +89,8 @@ TEST_F(VideoRecordTest, TimesFramesByTheirNumbersAndFillsTheMissingOnesWithTheFr
         m_settings.videoQuality = quality;
         auto side = layout(width, height);
         VideoRecord record(side);
-        ASSERT_TRUE(record.start(m_folder.path(), m_settings));
+        const Error started = record.start(m_folder.path(), m_settings);
+        ASSERT_FALSE(started) << started.logLine();
         EXPECT_FALSE(record.pictureEnd());
 
         // Numbers from 1000 to 1149 with 1040 to 1042 and 1100 missing, read at uneven times; one
