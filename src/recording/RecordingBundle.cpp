@@ -117,13 +117,13 @@ Error RecordingBundle::writeChoices(const Choices& choices) const {
 }
 
 std::optional<RecordingBundle::Choices> RecordingBundle::readChoices() const {
-    std::string xml;
-    if (RegularFile::read(QFile::encodeName(m_path + u'/' + ChoicesFile).toStdString(), MaximumChoicesBytes,
-                          xml) != RegularFile::Status::Read) {
+    const Result<std::string> xml =
+        RegularFile::read(QFile::encodeName(m_path + u'/' + ChoicesFile).toStdString(), MaximumChoicesBytes);
+    if (!xml) {
         return std::nullopt;
     }
     Choices choices;
-    for (const auto& [key, value] : PropertyList::fromXml(QByteArray::fromStdString(xml)).entries()) {
+    for (const auto& [key, value] : PropertyList::fromXml(QByteArray::fromStdString(*xml)).entries()) {
         if (key == ChoiceLayouts) {
             choices.layouts = value.toStringList();
         } else if (key == ChoiceFramesPerSecond) {
