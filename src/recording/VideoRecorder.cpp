@@ -313,12 +313,13 @@ void VideoRecorder::actualize() {
     }
     for (auto it = m_videoRecords.begin(); it != m_videoRecords.end() && success; ++it) {
         VideoRecord& record = **it;
-        if (!SublerWrapper::instance().appendSource(record.recordPath(), record.mergePath(), m_toolLimits)) {
-            keepError(RecordingProblem::Step::MergeVideo);
+        if (Error error = SublerWrapper::instance().appendSource(record.recordPath(), record.mergePath(),
+                                                                 m_toolLimits)) {
+            keepError(RecordingProblem::Step::MergeVideo, std::move(error));
             allMovedOut = false;
             continue;
         }
-        bool merged = true;
+        Error merged;
         if (!sounds->empty()) {
             merged = SublerWrapper::instance().appendSources(*sounds, record.mergePath(), m_toolLimits);
         } else if (QFileInfo::exists(m_audioGameRecord->path())) {
@@ -326,8 +327,8 @@ void VideoRecorder::actualize() {
             merged = SublerWrapper::instance().appendSource(m_audioGameRecord->path(), record.mergePath(),
                                                             m_toolLimits);
         }
-        if (!merged) {
-            keepError(RecordingProblem::Step::MergeAudio);
+        if (merged) {
+            keepError(RecordingProblem::Step::MergeAudio, std::move(merged));
             success = false;
         }
         if (!success || !convert(record, soundTitles)) {
@@ -350,14 +351,16 @@ void VideoRecorder::actualize() {
 bool VideoRecorder::convert(VideoRecord& record, const QStringList& soundTitles) {
     if (record.framesPerSecond() != QLatin1String("Original")) {
         const QString bitRate = QString::asprintf("%ld", static_cast<long>(record.quality()->bitRate()));
-        if (!HandBrakeWrapper::instance().convert(record.mergePath(), record.convertPath(), bitRate,
-                                                  record.framesPerSecond(), soundTitles, m_toolLimits)) {
-            keepError(RecordingProblem::Step::Convert);
+        if (Error error =
+                HandBrakeWrapper::instance().convert(record.mergePath(), record.convertPath(), bitRate,
+                                                     record.framesPerSecond(), soundTitles, m_toolLimits)) {
+            keepError(RecordingProblem::Step::Convert, std::move(error));
             return false;
         }
     } else if (!QFile::rename(record.mergePath(), record.convertPath())) {
+        // QFile gives no code for a failed rename.
         keepError(RecordingProblem::Step::MoveForConversion,
-                  Error::system("cannot rename", record.mergePath().toStdString()));
+                  Error::other("cannot rename", record.mergePath().toStdString(), "it could not be renamed"));
         return false;
     }
     return finish(record);
@@ -370,7 +373,8 @@ bool VideoRecorder::finish(VideoRecord& record) {
     const QString result = NumberedName::file(planned.chopped(4), QStringLiteral("mp4"));
     if (!QFile::rename(record.convertPath(), result)) {
         keepError(RecordingProblem::Step::MoveOut,
-                  Error::system("cannot rename", record.convertPath().toStdString()));
+                  Error::other("cannot rename", record.convertPath().toStdString(),
+                               "it could not be moved to " + result.toStdString()));
         return false;
     }
     m_results.insert(record.name(), result);
