@@ -210,9 +210,13 @@ void ReplayBuffer::trimSound() {
 
 bool ReplayBuffer::stop() {
     const bool stopped = Recorder::stop();
-    // The thread may still be finishing its last frame; the encoder is its until it has ended.
-    waitUntilFinished(std::chrono::seconds(5));
-    if (m_encoder.isOpen()) {
+    // The thread may still be finishing its last frame; the encoder is its until it has ended, and
+    // is left to it when it does not end in time (the next start or the destructor closes it).
+    const bool finished = waitUntilFinished(std::chrono::seconds(5));
+    if (!finished) {
+        logs::recording.error(
+            "The replay buffer's thread has not ended: its last pictures stay out of the ring");
+    } else if (m_encoder.isOpen()) {
         // The pictures the encoder still holds go into the ring: a save after the stop ends with the
         // last picture shown.
         if (ff::check(avcodec_send_frame(m_encoder.context(), nullptr), "avcodec_send_frame")) {
@@ -220,7 +224,9 @@ bool ReplayBuffer::stop() {
         }
     }
     stopSound();
-    m_encoder.close();
+    if (finished) {
+        m_encoder.close();
+    }
     releaseFreeMemory();
     return stopped;
 }
