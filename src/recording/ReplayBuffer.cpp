@@ -427,6 +427,7 @@ Result<QString> ReplayBuffer::save(const QString& folder) {
     Track video, sound;
     int64_t origin = 0;
     bool copied = true;
+    bool soundShort = false;
     {
         std::unique_lock lock(m_ringLock);
         // The sound ends with the picture: the picture's encoder may lag behind the sound's, and the
@@ -438,7 +439,7 @@ Result<QString> ReplayBuffer::save(const QString& folder) {
         }
         const int64_t offset = m_offsetMicroseconds;
         if (m_audioParameters && !m_ring.empty()) {
-            m_soundArrived.wait_for(lock, SoundWait, [&] {
+            soundShort = !m_soundArrived.wait_for(lock, SoundWait, [&] {
                 return !m_soundRunning ||
                        (!m_audio.empty() &&
                         m_audio.back().wallMicroseconds + SoundPacketUs + offset >= pictureEnd);
@@ -475,6 +476,11 @@ Result<QString> ReplayBuffer::save(const QString& folder) {
             sound.packets.emplace_back(ff::Packet(av_packet_clone(packet.packet.get())), placed);
             copied = copied && sound.packets.back().first;
         }
+    }
+    if (soundShort) {
+        logs::recording.warning(
+            "The sound of the last picture did not arrive in time: the replay's sound ends "
+            "before its picture");
     }
     if (video.packets.empty() || !video.parameters) {
         return Error::other(EmptyStep, {}, "no picture has been shown since the buffer was turned on");
