@@ -10,8 +10,6 @@
 
 namespace zandor {
 
-AudioSession::AudioSession() = default;
-
 namespace {
 
 Error noPreview() {
@@ -19,6 +17,8 @@ Error noPreview() {
 }
 
 } // namespace
+
+AudioSession::AudioSession() = default;
 
 AudioSession::~AudioSession() {
     if (m_started) {
