@@ -1,5 +1,7 @@
 #include "LayoutViewFeeder.h"
 
+#include "base/Log.h"
+
 namespace zandor {
 
 LayoutViewFeeder::LayoutViewFeeder(std::function<void()> redraw) : m_redraw(std::move(redraw)) {}
@@ -19,7 +21,9 @@ bool LayoutViewFeeder::startListening() {
     if (isListening()) {
         return true;
     }
-    m_worker.join();
+    if (!m_worker.join()) {
+        logs::app.warning("The picture starts again while its last run is still ending");
+    }
     auto shown = m_shown.lock();
     if (shown->listening || !shown->layout) {
         return shown->listening;
@@ -43,7 +47,9 @@ void LayoutViewFeeder::stopListening() {
         shown->listening = false;
         m_worker.stop();
     }
-    m_worker.join();
+    if (!m_worker.join()) {
+        logs::app.warning("The picture stopped, but its thread is still ending");
+    }
 }
 
 bool LayoutViewFeeder::isListening() {

@@ -53,9 +53,9 @@ void MainController::sessionEvent(const session::Event& event) {
     } else if (std::holds_alternative<session::RecordingDone>(event)) {
         hideStatus();
     } else if (const auto* error = std::get_if<session::RecordingError>(&event)) {
-        recordError(error->message);
+        recordError(error->message());
     } else if (const auto* notice = std::get_if<session::RecordingNotice>(&event)) {
-        displayMessage(QStringLiteral("The video was recorded."), notice->message, 1,
+        displayMessage(QStringLiteral("The video was recorded."), notice->message(), 1,
                        QStringLiteral("toolbar_record"));
     } else if (const auto* saved = std::get_if<session::ReplaySaved>(&event)) {
         if (saved->path.isEmpty()) {
@@ -63,7 +63,7 @@ void MainController::sessionEvent(const session::Event& event) {
                            QStringLiteral("toolbar_replay"));
         }
     } else if (const auto* camera = std::get_if<session::CameraFailed>(&event)) {
-        cameraFailed(camera->reason);
+        cameraFailed(camera->reason());
     } else if (std::holds_alternative<session::GameSoundLost>(event)) {
         updateSaveReplay(); // the session renewed its replay buffer without the sound
     } else if (const auto* done = std::get_if<session::RecoveryDone>(&event)) {

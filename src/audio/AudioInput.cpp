@@ -42,18 +42,25 @@ QAudioDevice AudioInput::inputWithId(const QString& id) {
     return {};
 }
 
-bool AudioInput::open(const QAudioDevice& device) {
+Error AudioInput::open(const QAudioDevice& device) {
     QAudioFormat wanted;
     wanted.setSampleRate(AudioFileWriter::SampleRate);
     wanted.setChannelCount(2);
     wanted.setSampleFormat(QAudioFormat::Int16);
     m_format = device.isFormatSupported(wanted) ? wanted : device.preferredFormat();
-    if (device.isNull() || AudioFileWriter::sampleFormat(m_format.sampleFormat()) == AV_SAMPLE_FMT_NONE) {
+    Error error;
+    if (device.isNull()) {
+        error = Error::system("open the audio input", m_streamName.toStdString(), ENODEV);
+    } else if (AudioFileWriter::sampleFormat(m_format.sampleFormat()) == AV_SAMPLE_FMT_NONE) {
+        error = Error::other("open the audio input", device.description().toStdString(),
+                             "its samples are of no format that can be recorded");
+    }
+    if (error) {
         logs::recording.error("Could not construct connection of audio recording session");
-        return false;
+        return error;
     }
     m_device = device;
-    return true;
+    return {};
 }
 
 void AudioInput::openBoard(std::shared_ptr<CaptureDevice> device) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "SampleClock.h"
+#include "base/Error.h"
 
 #include <QAudioDevice>
 #include <QAudioFormat>
@@ -47,9 +48,9 @@ public:
     // The audio input present now with that unique identifier; a null device when there is none.
     static QAudioDevice inputWithId(const QString& id);
 
-    // Chooses the format (16-bit stereo at 44.1 kHz where the input has it). False, logged, when
-    // the input cannot be used.
-    bool open(const QAudioDevice& device);
+    // Chooses the format (16-bit stereo at 44.1 kHz where the input has it). The Error, logged,
+    // when the input cannot be used: there is none, or its samples are of no format we record.
+    Error open(const QAudioDevice& device);
     // The sound the capture board sends with its frames, as 16-bit stereo at the tracks' rate,
     // timed by the frames (see BoardAudio). Such an input is never lost: while the board is away its
     // frames bring silence.

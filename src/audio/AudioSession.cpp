@@ -6,45 +6,59 @@
 #include <QAudioDevice>
 #include <QMediaDevices>
 
+#include <utility>
+
 namespace zandor {
+
+namespace {
+
+Error noPreview() {
+    return Error::other("play the sound through", {}, "there is no audio output");
+}
+
+} // namespace
 
 AudioSession::AudioSession() = default;
 
 AudioSession::~AudioSession() {
-    stop();
+    if (m_started) {
+        if (const Error error = stop()) {
+            logs::recording.error("The sound file was not finished: %s", error.logLine().c_str());
+        }
+    }
 }
 
-bool AudioSession::open(const QAudioDevice& input, const QString& name, bool preview, const QString& path) {
+Error AudioSession::open(const QAudioDevice& input, const QString& name, bool preview, const QString& path) {
     if (preview && QMediaDevices::defaultAudioOutput().isNull()) {
         logs::recording.error("Could not add preview for audio.");
-        return false;
+        return noPreview();
     }
     auto own = std::make_shared<AudioInput>(name);
-    if (!own->open(input)) {
-        return false;
+    if (Error error = own->open(input)) {
+        return error;
     }
     m_ownsInput = true;
     return open(std::move(own), preview, path);
 }
 
-bool AudioSession::open(std::shared_ptr<AudioInput> input, bool preview, const QString& path) {
+Error AudioSession::open(std::shared_ptr<AudioInput> input, bool preview, const QString& path) {
     m_input = std::move(input);
     m_preview = preview;
     if (preview && !m_ownsInput && !m_input->holdPlayThrough()) {
-        return false;
+        return noPreview();
     }
     m_previewHeld = preview && !m_ownsInput;
     return openWriter(path);
 }
 
-bool AudioSession::openWriter(const QString& path) {
+Error AudioSession::openWriter(const QString& path) {
     const QAudioFormat& format = m_input->format();
-    if (m_writer.open(path.toStdString(), AudioFileWriter::sampleFormat(format.sampleFormat()),
-                      format.sampleRate(), format.channelCount())) {
+    if (Error error = m_writer.open(path.toStdString(), AudioFileWriter::sampleFormat(format.sampleFormat()),
+                                    format.sampleRate(), format.channelCount())) {
         logs::recording.error("Could not construct connection of audio recording session");
-        return false;
+        return error;
     }
-    return true;
+    return {};
 }
 
 void AudioSession::start() {
@@ -53,16 +67,15 @@ void AudioSession::start() {
     }
     m_started = true;
     m_startedAt = std::chrono::steady_clock::now();
-    m_writeFailed = static_cast<bool>(m_writer.begin(std::chrono::system_clock::now()));
+    m_writeError = m_writer.begin(std::chrono::system_clock::now());
     m_tap = m_input->addTap(
         [this](const char* samples, int frames, std::chrono::system_clock::time_point captured) {
             const auto placed = captured + m_offset;
             frames = framesBeforeEnd(frames, placed);
             // After a failed write (a full disk, a file gone) the file cannot be finished as a whole
             // movie: the rest is not written, and stop() reports the failure.
-            if (frames > 0 && !m_writeFailed &&
-                m_writer.write(reinterpret_cast<const uint8_t*>(samples), frames, placed)) {
-                m_writeFailed = true;
+            if (frames > 0 && !m_writeError) {
+                m_writeError = m_writer.write(reinterpret_cast<const uint8_t*>(samples), frames, placed);
             }
         });
     connect(m_input.get(), &AudioInput::lost, this, &AudioSession::inputLost);
@@ -113,9 +126,9 @@ std::optional<std::chrono::milliseconds> AudioSession::lostAt() const {
                     std::chrono::duration_cast<std::chrono::milliseconds>(*lost - m_startedAt));
 }
 
-bool AudioSession::stop() {
+Error AudioSession::stop() {
     if (!m_started) {
-        return false;
+        return Error::other("finish sound", {}, "it was not recording");
     }
     m_started = false;
     disconnect(m_input.get(), nullptr, this, nullptr);
@@ -131,8 +144,11 @@ bool AudioSession::stop() {
         std::scoped_lock lock(m_endLock);
         end = m_end;
     }
-    const bool finished = !m_writer.finish(end) && !m_writeFailed;
-    if (finished) {
+    Error finished = m_writer.finish(end);
+    if (m_writeError) {
+        return std::exchange(m_writeError, {});
+    }
+    if (!finished) {
         logs::recording.info("Done");
     }
     return finished;

@@ -28,11 +28,11 @@ public:
     ~AudioSession() override;
 
     // Prepares capture from `input` into `path`, with play-through when `preview`; `name` says what
-    // the input is for ("Game"). False, logged with the reason, when the input or the preview output
+    // the input is for ("Game"). The Error, logged, when the input, the preview output or the file
     // cannot be used.
-    bool open(const QAudioDevice& input, const QString& name, bool preview, const QString& path);
+    Error open(const QAudioDevice& input, const QString& name, bool preview, const QString& path);
     // The same from an input that is open and runs already; it goes on when the session ends.
-    bool open(std::shared_ptr<AudioInput> input, bool preview, const QString& path);
+    Error open(std::shared_ptr<AudioInput> input, bool preview, const QString& path);
     // `offset` moves the track's sound later (or earlier, when negative) against the picture.
     void setOffset(std::chrono::milliseconds offset) { m_offset = offset; }
     // Starts the track now: until the input's first sound arrives it is silent, so that it is there
@@ -44,13 +44,14 @@ public:
     // thread; call it before stop(). False when the input delivered nothing that late in time.
     bool endAt(std::chrono::system_clock::time_point end, std::chrono::milliseconds timeout);
     // Ends capture and play-through and finishes the file, silent up to the end given to endAt()
-    // where the input fell short of it; false when a write or finishing failed.
-    bool stop();
+    // where the input fell short of it. The Error of the first write that failed, or of finishing
+    // the file; an Error too when the session never started.
+    Error stop();
     // How far into the capture the input went away (unplugged, or its server gone), if it did.
     std::optional<std::chrono::milliseconds> lostAt() const;
 
 private:
-    bool openWriter(const QString& path);
+    Error openWriter(const QString& path);
     void inputLost();
     // How many of `frames` placed from `placed` on come before the track's end; notes when the
     // end is reached.
@@ -63,7 +64,7 @@ private:
     int m_tap = -1;
     AudioFileWriter m_writer;
     bool m_started = false;
-    bool m_writeFailed = false;
+    Error m_writeError; // the first write that failed; nothing is written after it
     std::chrono::milliseconds m_offset{0};
     std::chrono::steady_clock::time_point m_startedAt;
 

@@ -49,7 +49,7 @@ bool GameAudio::start(const QString& deviceId) {
         input.get(), [this, input, device, boardDevice = board ? m_board : nullptr, listening, volume] {
             if (boardDevice) {
                 input->openBoard(boardDevice);
-            } else if (!input->open(device)) {
+            } else if (input->open(device)) {
                 return false;
             }
             QObject::connect(input.get(), &AudioInput::lost, input.get(), [this, input = input.get()] {

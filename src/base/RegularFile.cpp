@@ -8,37 +8,58 @@
 
 namespace zandor {
 
-int RegularFile::open(const std::string& path, Status& status) {
+namespace {
+
+// A descriptor of `path` when it is a regular file, or why not.
+Result<int> openRegular(const std::string& path) {
     const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
-        status = errno == ENOENT ? Status::Missing : Status::Unreadable;
-        return -1;
+        return Error::system("cannot open", path);
     }
     struct stat info {};
-    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-        status = S_ISREG(info.st_mode) ? Status::Unreadable : Status::NotRegular;
+    if (fstat(fd, &info) != 0) {
+        Error error = Error::system("cannot read", path);
         ::close(fd);
-        return -1;
+        return error;
+    }
+    if (!S_ISREG(info.st_mode)) {
+        ::close(fd);
+        return Error::other("cannot read", path, RegularFile::describe(RegularFile::Status::NotRegular));
     }
     // Reads of a regular file never block anyway; the flag only guarded the open.
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
-    status = Status::Read;
     return fd;
 }
 
-RegularFile::Status RegularFile::read(const std::string& path, uint64_t maxBytes, std::string& contents) {
-    Status status = Status::Read;
-    const int fd = open(path, status);
-    if (fd < 0) {
-        return status;
+} // namespace
+
+int RegularFile::open(const std::string& path, Status& status) {
+    const Result<int> fd = openRegular(path);
+    if (!fd) {
+        const Error error = fd.error();
+        status = error.domain() == Error::Domain::Other ? Status::NotRegular
+                 : error.systemCode() == ENOENT         ? Status::Missing
+                                                        : Status::Unreadable;
+        return -1;
     }
+    status = Status::Read;
+    return *fd;
+}
+
+Result<std::string> RegularFile::read(const std::string& path, uint64_t maxBytes) {
+    const Result<int> opened = openRegular(path);
+    if (!opened) {
+        return opened.error();
+    }
+    const int fd = *opened;
     struct stat info {};
     fstat(fd, &info);
     if (static_cast<uint64_t>(info.st_size) > maxBytes) {
         ::close(fd);
-        return Status::TooLarge;
+        return Error::other("cannot read", path, describe(Status::TooLarge, maxBytes));
     }
     // One byte more than allowed tells a file that grew meanwhile.
+    std::string contents;
     contents.resize(static_cast<size_t>(info.st_size) + 1);
     size_t filled = 0;
     while (filled < contents.size()) {
@@ -50,8 +71,9 @@ RegularFile::Status RegularFile::read(const std::string& path, uint64_t maxBytes
             if (errno == EINTR) {
                 continue;
             }
-            status = Status::Unreadable;
-            break;
+            Error error = Error::system("cannot read", path);
+            ::close(fd);
+            return error;
         }
         filled += static_cast<size_t>(n);
         if (filled == contents.size() && filled <= maxBytes) {
@@ -59,11 +81,11 @@ RegularFile::Status RegularFile::read(const std::string& path, uint64_t maxBytes
         }
     }
     ::close(fd);
-    contents.resize(filled);
-    if (status == Status::Read && filled > maxBytes) {
-        status = Status::TooLarge;
+    if (filled > maxBytes) {
+        return Error::other("cannot read", path, describe(Status::TooLarge, maxBytes));
     }
-    return status;
+    contents.resize(filled);
+    return contents;
 }
 
 std::string RegularFile::describe(Status status, uint64_t maxBytes) {
@@ -82,6 +104,13 @@ std::string RegularFile::describe(Status status, uint64_t maxBytes) {
                                            : std::to_string(maxBytes) + " bytes");
     }
     return {};
+}
+
+std::string RegularFile::describe(const Error& error) {
+    if (error.domain() == Error::Domain::Other) {
+        return error.detail();
+    }
+    return describe(error.systemCode() == ENOENT ? Status::Missing : Status::Unreadable);
 }
 
 } // namespace zandor

@@ -24,25 +24,23 @@ std::string CameraOutput::description(const CaptureLayout& layout) {
     return "Zandor: " + layout.name().toStdString();
 }
 
-void CameraOutput::setFailureHandler(std::function<void(const std::string& reason)> handler) {
+void CameraOutput::setFailureHandler(std::function<void(const Error& failure)> handler) {
     m_sharing.lock()->failureHandler = std::move(handler);
 }
 
-bool CameraOutput::start(const LayoutPtr& layout, std::string* reason) {
+Error CameraOutput::start(const LayoutPtr& layout) {
     if (isSharing()) {
-        return true;
+        return {};
     }
     // A run that failed on its own leaves its thread ending; it is joined before the next begins.
-    m_worker.join(StopTimeout);
+    if (!m_worker.join(StopTimeout)) {
+        logs::camera.warning("The camera's last run has not ended: the new one starts beside it");
+    }
     // Connecting waits for the daemon: done before taking the lock, so nobody waits on us meanwhile.
     auto camera = std::make_shared<PipeWireCamera>();
-    std::string error;
-    if (!camera->open(uint32_t(layout->width()), uint32_t(layout->height()), description(*layout), error)) {
-        logs::camera.error("%s%s", FailurePrefix, error.c_str());
-        if (reason) {
-            *reason = error;
-        }
-        return false;
+    if (Error error =
+            camera->open(uint32_t(layout->width()), uint32_t(layout->height()), description(*layout))) {
+        return error;
     }
     {
         auto sharing = m_sharing.lock();
@@ -56,7 +54,7 @@ bool CameraOutput::start(const LayoutPtr& layout, std::string* reason) {
     }
     logs::camera.info("Sharing the layout %s as a camera (node %u)", qUtf8Printable(layout->name()),
                       camera->nodeId());
-    return true;
+    return {};
 }
 
 void CameraOutput::setLayout(const LayoutPtr& layout) {
@@ -100,7 +98,9 @@ void CameraOutput::stop() {
         layout->stopListening();
     }
     // Also the thread of a run the daemon ended.
-    m_worker.join(StopTimeout);
+    if (!m_worker.join(StopTimeout)) {
+        logs::camera.warning("The camera's thread has not ended: it is joined later");
+    }
     if (layout) {
         logs::camera.info("Stopped sharing the picture as a camera (%llu frames sent, %llu dropped)",
                           static_cast<unsigned long long>(m_sent),
@@ -124,7 +124,7 @@ uint32_t CameraOutput::nodeId() {
 void CameraOutput::listener(const Worker::Run& run, const std::shared_ptr<PipeWireCamera>& camera) {
     while (run.active()) {
         if (!update(camera)) {
-            if (std::string failure = camera->failure(); !failure.empty()) {
+            if (const Error failure = camera->failure()) {
                 fail(camera, failure);
                 break;
             }
@@ -170,8 +170,8 @@ bool CameraOutput::update(const std::shared_ptr<PipeWireCamera>& camera) {
     return true;
 }
 
-void CameraOutput::fail(const std::shared_ptr<PipeWireCamera>& camera, const std::string& reason) {
-    std::function<void(const std::string&)> handler;
+void CameraOutput::fail(const std::shared_ptr<PipeWireCamera>& camera, const Error& failure) {
+    std::function<void(const Error&)> handler;
     LayoutPtr layout;
     {
         auto sharing = m_sharing.lock();
@@ -183,9 +183,10 @@ void CameraOutput::fail(const std::shared_ptr<PipeWireCamera>& camera, const std
         handler = sharing->failureHandler;
     }
     layout->stopListening();
-    logs::camera.error("%s%s", FailurePrefix, reason.c_str());
     if (handler) {
-        handler(reason);
+        handler(failure);
+    } else {
+        logs::camera.error("The camera stopped sharing: %s", failure.logLine().c_str());
     }
 }
 

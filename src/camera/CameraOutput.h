@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/Error.h"
 #include "base/Guarded.h"
 #include "base/Worker.h"
 #include "capture/Observer.h"
@@ -21,22 +22,20 @@ class PipeWireCamera;
 // std::shared_ptr (see create), which its thread holds too.
 class CameraOutput : public std::enable_shared_from_this<CameraOutput> {
 public:
-    // The start of the line logged whenever sharing fails; the reason follows.
-    static constexpr const char* FailurePrefix = "Could not share the picture as a camera: ";
-
     static std::shared_ptr<CameraOutput> create();
     ~CameraOutput();
     CameraOutput(const CameraOutput&) = delete;
     CameraOutput& operator=(const CameraOutput&) = delete;
 
-    // Called once, on the camera's thread, when the daemon ends a camera that was sharing; sharing
-    // has stopped and the line is logged by then. Set it before start.
-    void setFailureHandler(std::function<void(const std::string& reason)> handler);
+    // Called once, on the camera's thread, with the Error of PipeWireCamera::failure() when the
+    // daemon ends a camera that was sharing; sharing has stopped by then. Set it before start.
+    void setFailureHandler(std::function<void(const Error& failure)> handler);
 
-    // Makes the camera node and shares `layout` on it. False when PipeWire cannot be reached or
-    // refuses the node: the line is logged and `reason`, when given, says why. The camera's lock
-    // comes before the layout's (see capture/Observable.h): call holding none of a producer's.
-    bool start(const LayoutPtr& layout, std::string* reason = nullptr);
+    // Makes the camera node and shares `layout` on it. The Error of PipeWireCamera::open() when
+    // PipeWire cannot be reached or refuses the node; the handler of the failure says it. The
+    // camera's lock comes before the layout's (see capture/Observable.h): call holding none of a
+    // producer's.
+    Error start(const LayoutPtr& layout);
     // Shares another layout on the same node: its size is offered to the consumers again and the
     // node's description names it.
     void setLayout(const LayoutPtr& layout);
@@ -58,7 +57,7 @@ private:
     CameraOutput();
     // What the camera's thread and its callers share.
     struct Sharing {
-        std::function<void(const std::string&)> failureHandler;
+        std::function<void(const Error&)> failureHandler;
         std::shared_ptr<PipeWireCamera> camera; // the current run's node, null while not sharing
         LayoutPtr layout;
         ObserverPtr observer;
@@ -70,7 +69,7 @@ private:
     // Sends one waiting frame; false when none waited.
     bool update(const std::shared_ptr<PipeWireCamera>& camera);
     // Stops sharing after the daemon ended the camera, and reports it.
-    void fail(const std::shared_ptr<PipeWireCamera>& camera, const std::string& reason);
+    void fail(const std::shared_ptr<PipeWireCamera>& camera, const Error& failure);
     // Unsubscribes from the layout and ends the run.
     void endRun(const Locked& sharing);
 

@@ -91,20 +91,18 @@ PipeWireCamera::~PipeWireCamera() {
     }
 }
 
-bool PipeWireCamera::open(uint32_t width, uint32_t height, const std::string& description,
-                          std::string& error) {
+Error PipeWireCamera::open(uint32_t width, uint32_t height, const std::string& description) {
     m_loop = pw_thread_loop_new("zandor-pipewire", nullptr);
     m_context = m_loop ? pw_context_new(pw_thread_loop_get_loop(m_loop), nullptr, 0) : nullptr;
     if (!m_context || pw_thread_loop_start(m_loop) < 0) {
-        error = std::string("PipeWire could not start: ") + std::strerror(errno);
-        return false;
+        return Error::system(camera::StartStep);
     }
     pw_thread_loop_lock(m_loop);
     m_core = pw_context_connect(m_context, nullptr, 0);
     if (!m_core) {
-        error = std::string("PipeWire is not running (") + std::strerror(errno) + ")";
+        Error error = Error::system(camera::ConnectStep);
         pw_thread_loop_unlock(m_loop);
-        return false;
+        return error;
     }
     pw_core_add_listener(m_core, &m_coreListener, &CoreEvents, this);
     m_width = width;
@@ -115,9 +113,9 @@ bool PipeWireCamera::open(uint32_t width, uint32_t height, const std::string& de
                                                "Camera", PW_KEY_NODE_NAME, NodeName, PW_KEY_NODE_DESCRIPTION,
                                                description.c_str(), nullptr));
     if (!m_stream) {
-        error = std::string("PipeWire refused the camera stream: ") + std::strerror(errno);
+        Error error = Error::system(camera::StreamStep);
         pw_thread_loop_unlock(m_loop);
-        return false;
+        return error;
     }
     pw_stream_add_listener(m_stream, &m_streamListener, &StreamEvents, this);
 
@@ -130,21 +128,20 @@ bool PipeWireCamera::open(uint32_t width, uint32_t height, const std::string& de
         m_stream, PW_DIRECTION_OUTPUT, PW_ID_ANY,
         static_cast<pw_stream_flags>(PW_STREAM_FLAG_DRIVER | PW_STREAM_FLAG_MAP_BUFFERS), params, 1);
     if (connected < 0) {
-        error = std::string("PipeWire refused the camera stream: ") + spa_strerror(connected);
         pw_thread_loop_unlock(m_loop);
-        return false;
+        return Error::library(Error::Domain::PipeWire, camera::StreamStep, {}, connected,
+                              spa_strerror(connected));
     }
     const auto deadline = std::chrono::steady_clock::now() + ConnectTimeout;
-    while (m_failure.empty() && m_state < PW_STREAM_STATE_PAUSED &&
-           std::chrono::steady_clock::now() < deadline) {
+    while (!m_failure && m_state < PW_STREAM_STATE_PAUSED && std::chrono::steady_clock::now() < deadline) {
         pw_thread_loop_timed_wait(m_loop, 1);
     }
-    if (m_failure.empty() && m_state < PW_STREAM_STATE_PAUSED) {
-        m_failure = "PipeWire did not answer";
+    if (!m_failure && m_state < PW_STREAM_STATE_PAUSED) {
+        m_failure = Error::system(camera::AnswerStep, {}, ETIMEDOUT);
     }
-    error = m_failure;
+    Error error = m_failure;
     pw_thread_loop_unlock(m_loop);
-    return error.empty();
+    return error;
 }
 
 void PipeWireCamera::resize(uint32_t width, uint32_t height, const std::string& description) {
@@ -170,7 +167,7 @@ PipeWireCamera::Sent PipeWireCamera::send(const uint8_t* rgb, uint32_t width, ui
                                           double timestampSeconds) {
     pw_thread_loop_lock(m_loop);
     const uint32_t stride = m_stride, format = m_format;
-    if (!m_failure.empty() || m_state != PW_STREAM_STATE_STREAMING || format == 0 || m_formatWidth != width ||
+    if (m_failure || m_state != PW_STREAM_STATE_STREAMING || format == 0 || m_formatWidth != width ||
         m_formatHeight != height) {
         pw_thread_loop_unlock(m_loop);
         return Sent::NoConsumer;
@@ -225,9 +222,9 @@ PipeWireCamera::Sent PipeWireCamera::send(const uint8_t* rgb, uint32_t width, ui
     return Sent::Queued;
 }
 
-std::string PipeWireCamera::failure() {
+Error PipeWireCamera::failure() {
     pw_thread_loop_lock(m_loop);
-    std::string failure = m_failure;
+    Error failure = m_failure;
     pw_thread_loop_unlock(m_loop);
     return failure;
 }
@@ -241,8 +238,8 @@ uint32_t PipeWireCamera::nodeId() {
 
 void PipeWireCamera::onStateChanged(int state, const char* error) {
     m_state = state;
-    if (state == PW_STREAM_STATE_ERROR && m_failure.empty()) {
-        m_failure = error && *error ? error : "the camera stream failed";
+    if (state == PW_STREAM_STATE_ERROR && !m_failure) {
+        m_failure = Error::library(Error::Domain::PipeWire, camera::RunStep, {}, 0, error ? error : "");
     }
     pw_thread_loop_signal(m_loop, false);
 }
@@ -286,9 +283,11 @@ void PipeWireCamera::onParamChanged(uint32_t id, const spa_pod* param) {
 }
 
 void PipeWireCamera::onCoreError(uint32_t id, int result, const char* message) {
-    if (id == PW_ID_CORE && m_failure.empty()) {
-        m_failure = std::string("PipeWire ended the connection: ") + (message && *message ? message : "") +
-                    " (" + spa_strerror(result) + ")";
+    if (id == PW_ID_CORE && !m_failure) {
+        // An asynchronous sequence number is not an errno: PipeWire calls it "in progress".
+        const int code = SPA_RESULT_IS_ASYNC(result) ? -EINPROGRESS : result;
+        m_failure =
+            Error::library(Error::Domain::PipeWire, camera::ConnectionStep, {}, code, message ? message : "");
     }
     pw_thread_loop_signal(m_loop, false);
 }

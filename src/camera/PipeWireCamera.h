@@ -1,5 +1,8 @@
 #pragma once
 
+#include "CameraSteps.h"
+#include "base/Error.h"
+
 #include <spa/utils/hook.h>
 
 #include <cstdint>
@@ -35,17 +38,18 @@ public:
     PipeWireCamera(const PipeWireCamera&) = delete;
     PipeWireCamera& operator=(const PipeWireCamera&) = delete;
 
-    // Connects and waits (bounded) until the daemon has made the node. False with the reason in
-    // `error`; the object may then only be destroyed.
-    bool open(uint32_t width, uint32_t height, const std::string& description, std::string& error);
+    // Connects and waits (bounded) until the daemon has made the node. The Error, with errno or
+    // PipeWire's code, naming one of the steps in CameraSteps.h, on failure; the object may then
+    // only be destroyed.
+    Error open(uint32_t width, uint32_t height, const std::string& description);
     // Offers frames of another size and renames the node; linked consumers negotiate again.
     void resize(uint32_t width, uint32_t height, const std::string& description);
     // Copies one frame of rows of RGB bytes, `width` by `height`, into a free buffer stamped with
     // `timestampSeconds`, and hands it over. A frame of another size than the one the consumers
     // agreed on is not sent. Never waits for a consumer.
     Sent send(const uint8_t* rgb, uint32_t width, uint32_t height, double timestampSeconds);
-    // Why the daemon ended the node after open, or empty while it is fine.
-    std::string failure();
+    // Why the daemon ended the node after open; no Error while it is fine.
+    Error failure();
     // The node's id in the daemon's registry.
     uint32_t nodeId();
 
@@ -73,7 +77,7 @@ private:
     uint32_t m_formatHeight = 0;
     uint32_t m_stride = 0; // bytes per row in the buffers
     int m_state = 0;
-    std::string m_failure;
+    Error m_failure;
     uint64_t m_sequence = 0;
 };
 

@@ -16,12 +16,12 @@ int CameraCommand::run(const CommandLine& options) {
         std::fprintf(stderr, "zandor-cli camera: --seconds needs a whole number of at least 1\n");
         return 2;
     }
-    std::string error;
-    auto session = openSession(options, error);
-    if (!session) {
-        std::fprintf(stderr, "zandor-cli camera: %s\n", error.c_str());
+    auto opened = openSession(options);
+    if (!opened) {
+        std::fprintf(stderr, "zandor-cli camera: %s\n", openFailure(opened.error()).c_str());
         return 2;
     }
+    std::unique_ptr<CaptureSession> session = std::move(*opened);
     // With --layout None both screens are on show; the camera shares the first.
     if (!session->layout()) {
         session->setLayout(LayoutController::instance().screenLayouts()[0]);

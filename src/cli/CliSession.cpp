@@ -21,9 +21,23 @@ std::string choiceList(const QStringList& choices) {
     return (list.isEmpty() ? choices.value(0) : list + QStringLiteral(" or ") + choices.last()).toStdString();
 }
 
+// The step of a folder given with --out that cannot be written to; the code says why.
+constexpr const char* OutStep = "write to the folder";
+
 } // namespace
 
-std::unique_ptr<CaptureSession> openSession(const CommandLine& options, std::string& error) {
+std::string openFailure(const Error& error) {
+    if (error.step() != OutStep) {
+        return error.detail();
+    }
+    const int code = error.systemCode();
+    return "Cannot write to the folder '" + error.path() + "'" +
+           (code == ENOTDIR  ? ": it is not a folder"
+            : code == ENOENT ? ": it does not exist"
+                             : ": permission denied");
+}
+
+Result<std::unique_ptr<CaptureSession>> openSession(const CommandLine& options) {
     // The stored settings, overridden by the command line for this run; the store is only read.
     PreferencesController& preferences = PreferencesController::instance();
     preferences.setReadOnly(true);
@@ -38,31 +52,33 @@ std::unique_ptr<CaptureSession> openSession(const CommandLine& options, std::str
     if (auto out = options.value("out")) {
         QFileInfo folder(QString::fromStdString(*out));
         if (!folder.isDir() || !folder.isWritable()) {
-            error = "Cannot write to the folder '" + *out + "'" +
-                    (folder.exists() ? (folder.isDir() ? ": permission denied" : ": it is not a folder")
-                                     : ": it does not exist");
-            return nullptr;
+            return Error::system(OutStep, *out,
+                                 folder.exists() ? (folder.isDir() ? EACCES : ENOTDIR) : ENOENT);
         }
         captured.storageFolder = folder.absoluteFilePath();
     }
     const auto choose = [&](const char* option, const Setting<QString>& setting, const char* what,
-                            QString& value) {
+                            QString& value) -> Error {
         const auto given = options.value(option);
         if (!given) {
-            return true;
+            return {};
         }
         if (!setting.acceptsValue(QString::fromStdString(*given))) {
-            error =
-                "Unknown " + std::string(what) + " '" + *given + "': use " + choiceList(setting.choices());
-            return false;
+            return Error::other("read the options", {},
+                                "Unknown " + std::string(what) + " '" + *given + "': use " +
+                                    choiceList(setting.choices()));
         }
         value = QString::fromStdString(*given);
-        return true;
+        return {};
     };
-    if (!choose("format", settings::imageFormat, "image format", captured.imageFormat) ||
-        !choose("fps", settings::videoFramesPerSecond, "frame rate", captured.framesPerSecond) ||
-        !choose("quality", settings::videoQuality, "quality", captured.videoQuality)) {
-        return nullptr;
+    if (Error error = choose("format", settings::imageFormat, "image format", captured.imageFormat)) {
+        return error;
+    }
+    if (Error error = choose("fps", settings::videoFramesPerSecond, "frame rate", captured.framesPerSecond)) {
+        return error;
+    }
+    if (Error error = choose("quality", settings::videoQuality, "quality", captured.videoQuality)) {
+        return error;
     }
     if (auto input = options.value("game-audio")) {
         captured.gameAudioInput = QString::fromStdString(*input);
@@ -71,9 +87,10 @@ std::unique_ptr<CaptureSession> openSession(const CommandLine& options, std::str
         captured.narratorAudioInput = QString::fromStdString(*input);
     }
 
-    auto board = createBoard(options.value("board").value_or("usb"), error);
+    std::string boardError;
+    auto board = createBoard(options.value("board").value_or("usb"), boardError);
     if (!board) {
-        return nullptr;
+        return Error::other("open the board", {}, boardError);
     }
     auto session = std::make_unique<CaptureSession>(std::move(board), std::move(captured));
     LayoutController& catalogue = LayoutController::instance();
@@ -86,8 +103,8 @@ std::unique_ptr<CaptureSession> openSession(const CommandLine& options, std::str
     } else if (name == QLatin1String("Top") || name == QLatin1String("Bottom")) {
         session->setLayout(catalogue.screenLayouts()[name == QLatin1String("Top") ? 0 : 1]);
     } else if (name != QLatin1String("None")) {
-        error = "Unknown layout '" + name.toStdString() + "': see zandor-cli layouts";
-        return nullptr;
+        return Error::other("read the options", {},
+                            "Unknown layout '" + name.toStdString() + "': see zandor-cli layouts");
     }
     return session;
 }

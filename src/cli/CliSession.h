@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/Error.h"
 #include "session/CaptureSession.h"
 
 #include <chrono>
@@ -16,9 +17,11 @@ class CommandLine;
 
 // The capture session of a capturing command: the board given with --board, the layout chosen with
 // --layout on show (none with "None": both screens alone), and the stored settings overridden by
-// the command line for this run only (the preferences file is never written). Null with a one-line
-// reason for a bad board, layout or folder.
-std::unique_ptr<CaptureSession> openSession(const CommandLine& options, std::string& error);
+// the command line for this run only (the preferences file is never written). The Error for a bad
+// board, layout, choice or folder; openFailure() says it.
+Result<std::unique_ptr<CaptureSession>> openSession(const CommandLine& options);
+// Why openSession() failed, in one line for the user.
+std::string openFailure(const Error& error);
 
 // The session's events as they come, from any thread, for a command that waits on them.
 class SessionEvents {

@@ -19,12 +19,12 @@ int RecordCommand::run(const CommandLine& options) {
         std::fprintf(stderr, "zandor-cli record: --seconds needs a whole number of at least 1\n");
         return 2;
     }
-    std::string error;
-    auto session = openSession(options, error);
-    if (!session) {
-        std::fprintf(stderr, "zandor-cli record: %s\n", error.c_str());
+    auto opened = openSession(options);
+    if (!opened) {
+        std::fprintf(stderr, "zandor-cli record: %s\n", openFailure(opened.error()).c_str());
         return 2;
     }
+    std::unique_ptr<CaptureSession> session = std::move(*opened);
     SessionEvents events(*session);
     if (!session->start()) {
         return 1; // the device has logged why
@@ -60,12 +60,12 @@ int RecordCommand::run(const CommandLine& options) {
     bool failed = false;
     for (const session::Event& event : events.all()) {
         if (const auto* notice = std::get_if<session::RecordingNotice>(&event)) {
-            std::fprintf(stderr, "zandor-cli record: %s\n", qUtf8Printable(notice->message));
+            std::fprintf(stderr, "zandor-cli record: %s\n", qUtf8Printable(notice->message()));
         }
     }
     for (const session::Event& event : events.all()) {
         if (const auto* problem = std::get_if<session::RecordingError>(&event)) {
-            std::fprintf(stderr, "zandor-cli record: %s\n", qUtf8Printable(problem->message));
+            std::fprintf(stderr, "zandor-cli record: %s\n", qUtf8Printable(problem->message()));
             failed = true;
         }
     }

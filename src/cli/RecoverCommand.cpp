@@ -2,6 +2,7 @@
 
 #include "base/CommandLine.h"
 #include "recording/VideoRecorder.h"
+#include "session/CaptureSession.h"
 #include "settings/CaptureSettings.h"
 #include "settings/PreferencesController.h"
 
@@ -19,9 +20,9 @@ class Report final : public RecorderDelegate {
 public:
     explicit Report(QString bundle) : m_bundle(std::move(bundle)) {}
     void recordDone() override {}
-    void recordError(const QString& message) override {
+    void recordError(const RecordingProblem& problem) override {
         std::fprintf(stderr, "zandor-cli recover: %s: %s\n", qUtf8Printable(m_bundle),
-                     qUtf8Printable(message));
+                     qUtf8Printable(session::recordingMessage(problem)));
     }
 
 private:

@@ -11,12 +11,12 @@
 namespace zandor {
 
 int ReplayCommand::run(const CommandLine& options) {
-    std::string error;
-    auto session = openSession(options, error);
-    if (!session) {
-        std::fprintf(stderr, "zandor-cli replay: %s\n", error.c_str());
+    auto opened = openSession(options);
+    if (!opened) {
+        std::fprintf(stderr, "zandor-cli replay: %s\n", openFailure(opened.error()).c_str());
         return 2;
     }
+    std::unique_ptr<CaptureSession> session = std::move(*opened);
     CaptureSettings settings = session->settings();
     if (auto text = options.value("buffer-seconds")) {
         const auto [minimum, maximum] = *settings::replaySeconds.range();

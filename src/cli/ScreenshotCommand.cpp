@@ -17,12 +17,12 @@ constexpr std::chrono::minutes SaveTimeout{10};
 } // namespace
 
 int ScreenshotCommand::run(const CommandLine& options) {
-    std::string error;
-    auto session = openSession(options, error);
-    if (!session) {
-        std::fprintf(stderr, "zandor-cli screenshot: %s\n", error.c_str());
+    auto opened = openSession(options);
+    if (!opened) {
+        std::fprintf(stderr, "zandor-cli screenshot: %s\n", openFailure(opened.error()).c_str());
         return 2;
     }
+    std::unique_ptr<CaptureSession> session = std::move(*opened);
     if (!session->start()) {
         return 1; // the device has logged why
     }

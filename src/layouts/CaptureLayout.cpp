@@ -162,8 +162,12 @@ bool CaptureLayout::startListening() {
         return true;
     }
     // The thread of a run that ended (stopped, or left by its last consumer) may be finishing; it
-    // takes our lock.
-    m_worker.join();
+    // takes our lock. One that does not end in time acts no more for the layout: the new run starts
+    // beside it, and it is joined later.
+    if (!m_worker.join()) {
+        logs::layouts.warning("Layout '%s' starts again while its last run is still ending",
+                              qUtf8Printable(m_name));
+    }
     // The canvas is made first, holding no lock of ours: the budget may let other layouts'
     // canvases go, and another start may let ours go before we hold our lock, so it is looked for
     // again under it.
@@ -216,7 +220,9 @@ void CaptureLayout::stopListening() {
         }
     }
     // Also the thread of a run its last consumer ended.
-    m_worker.join();
+    if (!m_worker.join()) {
+        logs::layouts.warning("Layout '%s' stopped, but its thread is still ending", qUtf8Printable(m_name));
+    }
 }
 
 void CaptureLayout::endRun() {

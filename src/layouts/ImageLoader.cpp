@@ -7,6 +7,8 @@
 #include <QFile>
 #include <QImageReader>
 
+#include <cerrno>
+
 namespace zandor {
 
 bool ImageLoader::tooLarge(QSize size) {
@@ -29,17 +31,17 @@ QRect ImageLoader::visiblePart(QSize size, const Positions& positions) const {
 }
 
 std::optional<BlendImage> ImageLoader::load(const QString& path, const Positions& positions) const {
-    std::string bytes;
-    const RegularFile::Status status =
-        RegularFile::read(QFile::encodeName(path).toStdString(), MaximumFileBytes, bytes);
-    if (status != RegularFile::Status::Read) {
+    const Result<std::string> read =
+        RegularFile::read(QFile::encodeName(path).toStdString(), MaximumFileBytes);
+    if (!read) {
         // A missing image is no fault of the plug-in's descriptor: it just draws nothing.
-        if (status != RegularFile::Status::Missing) {
+        if (const Error error = read.error(); error.systemCode() != ENOENT) {
             logs::layouts.warning("Could not parse plugin: image %s: %s", qUtf8Printable(path),
-                                  RegularFile::describe(status, MaximumFileBytes).c_str());
+                                  RegularFile::describe(error).c_str());
         }
         return std::nullopt;
     }
+    const std::string& bytes = *read;
     QByteArray data = QByteArray::fromRawData(bytes.data(), static_cast<qsizetype>(bytes.size()));
     QBuffer buffer(&data);
     buffer.open(QIODevice::ReadOnly);

@@ -21,13 +21,12 @@ QString Plugin::resourcePath(const QString& name) const {
 }
 
 Result<QByteArray> Plugin::readDescriptor(const QString& path) {
-    std::string contents;
     const std::string file = QFile::encodeName(path).toStdString();
-    const RegularFile::Status status = RegularFile::read(file, MaximumDescriptorBytes, contents);
-    if (status != RegularFile::Status::Read) {
-        return Error::other("cannot read", file, RegularFile::describe(status, MaximumDescriptorBytes));
+    const Result<std::string> contents = RegularFile::read(file, MaximumDescriptorBytes);
+    if (!contents) {
+        return Error::other("cannot read", file, RegularFile::describe(contents.error()));
     }
-    return QByteArray::fromStdString(contents);
+    return QByteArray::fromStdString(*contents);
 }
 
 QString Plugin::refusal(const Error& error) {

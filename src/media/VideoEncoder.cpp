@@ -1,15 +1,25 @@
 #include "VideoEncoder.h"
 
 namespace zandor {
+namespace {
 
-VideoEncoder::Failure VideoEncoder::open(const Settings& settings) {
+Error failed(std::string_view step, int code) {
+    return Error::library(Error::Domain::FFmpeg, std::string(step), {}, code, ff::errorText(code));
+}
+
+} // namespace
+
+Error VideoEncoder::open(const Settings& settings) {
     close();
     ff::routeLogging();
     const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
     if (!codec) {
-        return Failure::Codec;
+        return failed(CodecStep, AVERROR_ENCODER_NOT_FOUND);
     }
     m_encoder.reset(avcodec_alloc_context3(codec));
+    if (!m_encoder) {
+        return failed(CodecStep, AVERROR(ENOMEM));
+    }
     AVCodecContext* encoder = m_encoder.get();
     encoder->width = settings.width;
     encoder->height = settings.height;
@@ -33,30 +43,31 @@ VideoEncoder::Failure VideoEncoder::open(const Settings& settings) {
     options.set("preset", settings.speed);
     // A picture asked to be a key frame starts a new closed group, so that it can start a movie.
     options.set("forced-idr", "1");
-    if (!ff::check(avcodec_open2(encoder, codec, options.get()), "avcodec_open2")) {
+    if (const Error error = ff::failure(avcodec_open2(encoder, codec, options.get()), "avcodec_open2")) {
         m_encoder.reset();
-        return Failure::Codec;
+        return failed(CodecStep, error.code());
     }
     m_scaler.reset(sws_getContext(settings.width, settings.height, AV_PIX_FMT_RGB24, settings.width,
                                   settings.height, encoder->pix_fmt, SWS_BILINEAR | SWS_ACCURATE_RND, nullptr,
                                   nullptr, nullptr));
     if (!m_scaler) {
         close();
-        return Failure::Scaler;
+        // libswscale gives no code; it converts these formats always, so only memory can be short.
+        return failed(ScalerStep, AVERROR(ENOMEM));
     }
     m_frame.reset(av_frame_alloc());
     if (!m_frame) {
         close();
-        return Failure::Picture;
+        return failed(PictureStep, AVERROR(ENOMEM));
     }
     m_frame->format = encoder->pix_fmt;
     m_frame->width = settings.width;
     m_frame->height = settings.height;
-    if (!ff::check(av_frame_get_buffer(m_frame.get(), 0), "av_frame_get_buffer")) {
+    if (const Error error = ff::failure(av_frame_get_buffer(m_frame.get(), 0), "av_frame_get_buffer")) {
         close();
-        return Failure::Picture;
+        return failed(PictureStep, error.code());
     }
-    return Failure::None;
+    return {};
 }
 
 void VideoEncoder::close() {

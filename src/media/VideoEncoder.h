@@ -3,6 +3,7 @@
 #include "FFmpeg.h"
 
 #include <cstdint>
+#include <string_view>
 
 namespace zandor {
 
@@ -10,8 +11,10 @@ namespace zandor {
 // the settings' time base. The movie writer and the replay buffer encode alike through it.
 class VideoEncoder {
 public:
-    // The step of open() that failed, so that each user can say it in its own words.
-    enum class Failure { None, Codec, Scaler, Picture };
+    // The steps of open() its Error names, so that each user can say a failure in its own words.
+    static constexpr std::string_view CodecStep = "open the H.264 encoder";
+    static constexpr std::string_view ScalerStep = "make the picture converter";
+    static constexpr std::string_view PictureStep = "make the picture";
 
     struct Settings {
         int width = 0;
@@ -27,7 +30,8 @@ public:
         AVRational timeBase{1, 1000};
     };
 
-    Failure open(const Settings& settings);
+    // The Error names the step that failed (one of the steps above) and FFmpeg's code.
+    Error open(const Settings& settings);
     void close();
     bool isOpen() const { return m_encoder != nullptr; }
     AVCodecContext* context() const { return m_encoder.get(); }

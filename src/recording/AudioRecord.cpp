@@ -24,24 +24,24 @@ AudioRecord::~AudioRecord() {
     }
 }
 
-bool AudioRecord::start(const QString& deviceId, const QString& bundlePath, bool preview) {
+Error AudioRecord::start(const QString& deviceId, const QString& bundlePath, bool preview) {
     std::scoped_lock lock(m_lock);
     if (m_recording) {
-        return false;
+        return Error::other("start the sound", m_name.toStdString(), "it is recording already");
     }
     m_deviceId = deviceId == QLatin1String("None") ? QString() : deviceId;
     m_lostAt.reset();
     m_preview = preview;
     if (m_deviceId.isEmpty()) {
         logs::recording.warning("No audio device selected for '%s'", qUtf8Printable(m_name));
-        return true;
+        return {};
     }
-    if (!createSession(bundlePath, AudioSettings{})) {
-        return false;
+    if (Error error = createSession(bundlePath, AudioSettings{})) {
+        return error;
     }
     startSession();
     m_recording = true;
-    return true;
+    return {};
 }
 
 void AudioRecord::share(std::shared_ptr<AudioInput> input, std::chrono::milliseconds offset) {
@@ -55,7 +55,7 @@ void AudioRecord::adopt(const QString& bundlePath) {
     m_path = QStringLiteral("%1/Audio%2.%3").arg(bundlePath, m_name, QStringLiteral("mov"));
 }
 
-bool AudioRecord::createSession(const QString& bundlePath, const AudioSettings&) {
+Error AudioRecord::createSession(const QString& bundlePath, const AudioSettings&) {
     adopt(bundlePath);
     auto* session = new AudioSession;
     session->setOffset(m_offset);
@@ -65,30 +65,30 @@ bool AudioRecord::createSession(const QString& bundlePath, const AudioSettings&)
     // and its play-through is the one already heard.
     if (m_shared && runAndWait(m_shared.get(), [input = m_shared] { return input->id(); }) == m_deviceId) {
         session->moveToThread(m_shared->thread());
-        if (!runAndWait(session, [session, input = m_shared, preview, path] {
+        if (Error error = runAndWait(session, [session, input = m_shared, preview, path] {
                 return session->open(input, preview, path);
             })) {
             runAndWait(session, [session] { delete session; });
-            return false;
+            return error;
         }
         m_session = session;
-        return true;
+        return {};
     }
     const QAudioDevice input = AudioInput::inputWithId(m_deviceId);
     if (input.isNull()) {
         logs::recording.error("Could not construct connection of audio recording session");
         delete session;
-        return false;
+        return Error::system("open the audio input", m_deviceId.toStdString(), ENODEV);
     }
     session->moveToThread(m_thread);
-    if (!runAndWait(session, [session, input, name = m_name, preview, path] {
+    if (Error error = runAndWait(session, [session, input, name = m_name, preview, path] {
             return session->open(input, name, preview, path);
         })) {
         runAndWait(session, [session] { delete session; });
-        return false;
+        return error;
     }
     m_session = session;
-    return true;
+    return {};
 }
 
 void AudioRecord::startSession() {
@@ -96,10 +96,10 @@ void AudioRecord::startSession() {
     runAndWait(session, [session] { session->start(); });
 }
 
-bool AudioRecord::stop(std::optional<std::chrono::system_clock::time_point> pictureEnd) {
+Error AudioRecord::stop(std::optional<std::chrono::system_clock::time_point> pictureEnd) {
     std::scoped_lock lock(m_lock);
     if (!m_recording) {
-        return false;
+        return Error::other("finish sound", m_name.toStdString(), "it was not recording");
     }
     m_recording = false;
     AudioSession* session = m_session;
@@ -109,14 +109,14 @@ bool AudioRecord::stop(std::optional<std::chrono::system_clock::time_point> pict
                              qUtf8Printable(m_name));
     }
     std::optional<std::chrono::milliseconds> lostAt;
-    const bool finished = runAndWait(session, [session, &lostAt] {
-        bool done = session->stop();
+    Error finished = runAndWait(session, [session, &lostAt] {
+        Error done = session->stop();
         lostAt = session->lostAt();
         delete session;
         return done;
     });
     m_lostAt = lostAt;
-    if (!finished) {
+    if (finished) {
         logs::recording.error("Could not finish audio recording session");
     }
     return finished;

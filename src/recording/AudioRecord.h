@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Error.h"
+
 #include <QString>
 
 #include <chrono>
@@ -34,13 +36,15 @@ public:
     AudioRecord& operator=(const AudioRecord&) = delete;
 
     // Starts recording the input with unique identifier `deviceId`. "None", empty or unset means
-    // no input: logged, and a success that records nothing. False when the input cannot be used.
-    bool start(const QString& deviceId, const QString& bundlePath, bool preview);
-    // True when it was recording and has finished its file; false when idle or when the file
-    // could not be finished (the recorder then reports the audio as not finalised). With
+    // no input: logged, and a success that records nothing. The Error when it records already, or
+    // the input, its play-through or the file cannot be used.
+    Error start(const QString& deviceId, const QString& bundlePath, bool preview);
+    // No Error when it was recording and has finished its file; an Error when idle, or the one
+    // that kept the file from being written whole (the recorder then reports the audio as not
+    // finalised). With
     // `pictureEnd`, the wall-clock time the picture ends at, the track ends there too: the sound
     // captured up to then is waited for, up to a second, and nothing after it is kept.
-    bool stop(std::optional<std::chrono::system_clock::time_point> pictureEnd = std::nullopt);
+    Error stop(std::optional<std::chrono::system_clock::time_point> pictureEnd = std::nullopt);
     bool isRecording();
     // How far into the last recording its input went away, if it did; known once stopped.
     std::optional<std::chrono::milliseconds> lostAt();
@@ -55,7 +59,7 @@ public:
     void adopt(const QString& bundlePath);
 
 private:
-    bool createSession(const QString& bundlePath, const AudioSettings& settings);
+    Error createSession(const QString& bundlePath, const AudioSettings& settings);
     void startSession();
 
     const QString m_name;

@@ -9,9 +9,9 @@ HandBrakeWrapper& HandBrakeWrapper::instance() {
     return wrapper;
 }
 
-bool HandBrakeWrapper::convert(const QString& source, const QString& destination, const QString& bitRate,
-                               const QString& framesPerSecond, const QStringList& soundTitles,
-                               const ToolLimits& limits) {
+Error HandBrakeWrapper::convert(const QString& source, const QString& destination, const QString& bitRate,
+                                const QString& framesPerSecond, const QStringList& soundTitles,
+                                const ToolLimits& limits) {
     QStringList arguments{QStringLiteral("--input"),   source,
                           QStringLiteral("--output"),  destination,
                           QStringLiteral("--encoder"), QStringLiteral("x264"),

@@ -15,11 +15,11 @@ public:
 
     // Converts `source` into `destination`. `bitRate` is in kilobits per second and
     // `framesPerSecond` in frames per second, both decimal text. Without `soundTitles` the first
-    // sound track is kept as it is; with them, that many sound tracks, each under its title. True
-    // when the tool exited with status 0 within `limits`.
-    bool convert(const QString& source, const QString& destination, const QString& bitRate,
-                 const QString& framesPerSecond, const QStringList& soundTitles = {},
-                 const ToolLimits& limits = {});
+    // sound track is kept as it is; with them, that many sound tracks, each under its title. The
+    // tool's Error (see ShellCommand::runSucceeded) unless it exited with status 0 within `limits`.
+    Error convert(const QString& source, const QString& destination, const QString& bitRate,
+                  const QString& framesPerSecond, const QStringList& soundTitles = {},
+                  const ToolLimits& limits = {});
 
 private:
     HandBrakeWrapper() = default;

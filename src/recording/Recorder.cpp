@@ -1,5 +1,7 @@
 #include "Recorder.h"
 
+#include "base/Log.h"
+
 #include <algorithm>
 
 namespace zandor {
@@ -53,7 +55,9 @@ bool Recorder::startListening() {
         return true;
     }
     // The previous run's thread may still be finishing; it takes our lock when it stops us.
-    m_worker.join();
+    if (!m_worker.join()) {
+        logs::recording.warning("A recorder starts again while its last run is still ending");
+    }
     auto listening = m_listening.lock();
     if (listening->listening) {
         return true;

@@ -47,7 +47,7 @@ public:
     virtual bool stop();
 
     // Joins the thread of the last run, after capturedLayouts; false, logged, on timeout.
-    bool waitUntilFinished(std::chrono::milliseconds timeout);
+    [[nodiscard]] bool waitUntilFinished(std::chrono::milliseconds timeout);
 
 protected:
     // Called on the recorder's thread when the observer holds a frame. Returns whether the

@@ -1,6 +1,7 @@
 #include "RecordingBundle.h"
 
 #include "NumberedName.h"
+#include "base/AtomicFile.h"
 #include "base/Log.h"
 #include "base/RegularFile.h"
 #include "settings/PropertyList.h"
@@ -8,12 +9,12 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QSaveFile>
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace zandor {
@@ -36,53 +37,58 @@ RecordingBundle::~RecordingBundle() {
     unlock();
 }
 
-bool RecordingBundle::create(const QString& folder, const QString& stamp,
-                             const std::function<bool(const QString& basePath)>& taken) {
+Error RecordingBundle::create(const QString& folder, const QString& stamp,
+                              const std::function<bool(const QString& basePath)>& taken) {
     unlock();
     if (!QDir().mkpath(folder)) {
         logs::recording.error("Could not create bundle for recording");
-        return false;
+        return Error::other("cannot make the folder", QFile::encodeName(folder).toStdString(),
+                            "it cannot be made");
     }
     const auto bundleOf = [](const QString& base) { return QStringLiteral("%1.%2").arg(base, Extension); };
     const QString stem = QStringLiteral("%1/Capture %2").arg(folder, stamp);
     // Another process may make the chosen bundle between the look and mkdir: then the next number.
+    Error error = Error::system("cannot make the bundle", QFile::encodeName(stem).toStdString(), EEXIST);
     for (int attempt = 0; attempt < NumberedName::Last; ++attempt) {
         m_basePath = NumberedName::first(
             stem, [&](const QString& base) { return QFileInfo::exists(bundleOf(base)) || taken(base); });
         m_path = bundleOf(m_basePath);
-        if (QDir().mkdir(m_path)) {
-            return true;
+        const QByteArray path = QFile::encodeName(m_path);
+        if (::mkdir(path.constData(), 0777) == 0) {
+            return {};
         }
-        if (!QFileInfo::exists(m_path)) {
+        error = Error::system("cannot make the bundle", path.toStdString());
+        if (error.code() != EEXIST) {
             break;
         }
     }
     logs::recording.error("Could not create bundle for recording");
-    return false;
+    return error;
 }
 
-bool RecordingBundle::open(const QString& path) {
+Error RecordingBundle::open(const QString& path) {
     unlock();
     if (!isBundle(path)) {
-        return false;
+        return Error::other("cannot open", QFile::encodeName(path).toStdString(),
+                            "it is not a recording bundle (a folder named *.zdrecord)");
     }
     m_path = path;
     m_basePath = path.chopped(Extension.size() + 1);
-    return true;
+    return {};
 }
 
-bool RecordingBundle::lock() {
+Error RecordingBundle::lock() {
     if (m_lock < 0) {
         m_lock = openFolder(m_path);
     }
     if (m_lock >= 0 && ::flock(m_lock, LOCK_EX | LOCK_NB) == 0) {
-        return true;
+        return {};
     }
-    const int error = errno;
+    Error error = Error::system("cannot hold", QFile::encodeName(m_path).toStdString());
     logs::recording.error("Could not hold the recording bundle %s: %s", qUtf8Printable(m_path),
-                          error == EWOULDBLOCK ? "another process holds it" : std::strerror(error));
+                          error.code() == EWOULDBLOCK ? "another process holds it" : error.cause().c_str());
     unlock();
-    return false;
+    return error;
 }
 
 void RecordingBundle::unlock() {
@@ -92,7 +98,7 @@ void RecordingBundle::unlock() {
     }
 }
 
-bool RecordingBundle::writeChoices(const Choices& choices) const {
+Error RecordingBundle::writeChoices(const Choices& choices) const {
     QVariantList layouts;
     for (const QString& name : choices.layouts) {
         layouts.append(name);
@@ -101,18 +107,23 @@ bool RecordingBundle::writeChoices(const Choices& choices) const {
                                                      {ChoiceFramesPerSecond, choices.framesPerSecond},
                                                      {ChoiceVideoQuality, choices.videoQuality}})
                                .toXml();
-    QSaveFile file(m_path + u'/' + ChoicesFile);
-    return file.open(QIODevice::WriteOnly) && file.write(xml) == xml.size() && file.commit();
+    AtomicFile file(QFile::encodeName(m_path + u'/' + ChoicesFile).toStdString());
+    Error error = file.create();
+    if (!error) {
+        error =
+            file.write(reinterpret_cast<const uint8_t*>(xml.constData()), static_cast<uint64_t>(xml.size()));
+    }
+    return error ? error : file.commit();
 }
 
 std::optional<RecordingBundle::Choices> RecordingBundle::readChoices() const {
-    std::string xml;
-    if (RegularFile::read(QFile::encodeName(m_path + u'/' + ChoicesFile).toStdString(), MaximumChoicesBytes,
-                          xml) != RegularFile::Status::Read) {
+    const Result<std::string> xml =
+        RegularFile::read(QFile::encodeName(m_path + u'/' + ChoicesFile).toStdString(), MaximumChoicesBytes);
+    if (!xml) {
         return std::nullopt;
     }
     Choices choices;
-    for (const auto& [key, value] : PropertyList::fromXml(QByteArray::fromStdString(xml)).entries()) {
+    for (const auto& [key, value] : PropertyList::fromXml(QByteArray::fromStdString(*xml)).entries()) {
         if (key == ChoiceLayouts) {
             choices.layouts = value.toStringList();
         } else if (key == ChoiceFramesPerSecond) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Error.h"
+
 #include <QString>
 #include <QStringList>
 
@@ -31,23 +33,24 @@ public:
     // Makes a new bundle "<folder>/Capture <stamp>.zdrecord", numbered ("Capture <stamp> 2") when
     // that bundle exists or `taken` says a file made from the base path would meet one already
     // there. Creating the folder claims the name, so two recordings of one second never share it.
-    // False, logged, when no folder could be made.
-    bool create(const QString& folder, const QString& stamp,
-                const std::function<bool(const QString& basePath)>& taken);
+    // The Error, logged, when no folder could be made.
+    Error create(const QString& folder, const QString& stamp,
+                 const std::function<bool(const QString& basePath)>& taken);
 
-    // Takes an existing bundle, not held yet; false when `path` names no bundle.
-    bool open(const QString& path);
+    // Takes an existing bundle, not held yet; an Error when `path` names no bundle.
+    Error open(const QString& path);
 
     // The path without the extension: finished movies are named after it.
     const QString& basePath() const { return m_basePath; }
     const QString& path() const { return m_path; }
 
-    // Holds the bundle for this process until unlock (or the process ends); false, logged, when
-    // another holds it or it cannot be opened.
-    bool lock();
+    // Holds the bundle for this process until unlock (or the process ends). The Error, logged,
+    // when another holds it (EWOULDBLOCK) or it cannot be opened.
+    Error lock();
     void unlock();
 
-    bool writeChoices(const Choices& choices) const;
+    // Writes the choices into the bundle, whole or not at all.
+    Error writeChoices(const Choices& choices) const;
     // Unset when the bundle has no readable choices (one from before they were written).
     std::optional<Choices> readChoices() const;
     // The layouts whose movies the bundle holds, by their names in file names, in name order.

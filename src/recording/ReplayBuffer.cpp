@@ -86,7 +86,7 @@ bool ReplayBuffer::start() {
     // length.
     settings.keyInterval = static_cast<int>(std::min<uint64_t>(preset->maxKeyInterval(), KeyIntervalFrames));
     settings.speed = VideoRecord::encoderSpeed(*preset);
-    if (!m_received || m_encoder.open(settings) != VideoEncoder::Failure::None) {
+    if (!m_received || m_encoder.open(settings)) {
         logs::recording.error("Could not start the replay buffer of %s", qUtf8Printable(layout->name()));
         return false;
     }
@@ -210,9 +210,13 @@ void ReplayBuffer::trimSound() {
 
 bool ReplayBuffer::stop() {
     const bool stopped = Recorder::stop();
-    // The thread may still be finishing its last frame; the encoder is its until it has ended.
-    waitUntilFinished(std::chrono::seconds(5));
-    if (m_encoder.isOpen()) {
+    // The thread may still be finishing its last frame; the encoder is its until it has ended, and
+    // is left to it when it does not end in time (the next start or the destructor closes it).
+    const bool finished = waitUntilFinished(std::chrono::seconds(5));
+    if (!finished) {
+        logs::recording.error(
+            "The replay buffer's thread has not ended: its last pictures stay out of the ring");
+    } else if (m_encoder.isOpen()) {
         // The pictures the encoder still holds go into the ring: a save after the stop ends with the
         // last picture shown.
         if (ff::check(avcodec_send_frame(m_encoder.context(), nullptr), "avcodec_send_frame")) {
@@ -220,7 +224,9 @@ bool ReplayBuffer::stop() {
         }
     }
     stopSound();
-    m_encoder.close();
+    if (finished) {
+        m_encoder.close();
+    }
     releaseFreeMemory();
     return stopped;
 }
@@ -414,11 +420,6 @@ Error writeMovie(const std::string& path, Track& video, Track& sound, int64_t or
     return {};
 }
 
-Error saveFailure(ReplayBuffer::SaveFailure failure, std::string step, std::string path, std::string detail) {
-    return Error::library(Error::Domain::Other, std::move(step), std::move(path), static_cast<int>(failure),
-                          std::move(detail));
-}
-
 } // namespace
 
 Result<QString> ReplayBuffer::save(const QString& folder) {
@@ -426,6 +427,7 @@ Result<QString> ReplayBuffer::save(const QString& folder) {
     Track video, sound;
     int64_t origin = 0;
     bool copied = true;
+    bool soundShort = false;
     {
         std::unique_lock lock(m_ringLock);
         // The sound ends with the picture: the picture's encoder may lag behind the sound's, and the
@@ -437,7 +439,7 @@ Result<QString> ReplayBuffer::save(const QString& folder) {
         }
         const int64_t offset = m_offsetMicroseconds;
         if (m_audioParameters && !m_ring.empty()) {
-            m_soundArrived.wait_for(lock, SoundWait, [&] {
+            soundShort = !m_soundArrived.wait_for(lock, SoundWait, [&] {
                 return !m_soundRunning ||
                        (!m_audio.empty() &&
                         m_audio.back().wallMicroseconds + SoundPacketUs + offset >= pictureEnd);
@@ -475,17 +477,20 @@ Result<QString> ReplayBuffer::save(const QString& folder) {
             copied = copied && sound.packets.back().first;
         }
     }
+    if (soundShort) {
+        logs::recording.warning(
+            "The sound of the last picture did not arrive in time: the replay's sound ends "
+            "before its picture");
+    }
     if (video.packets.empty() || !video.parameters) {
-        return saveFailure(SaveFailure::Empty, "cannot save the replay", {},
-                           "no picture has been shown since the buffer was turned on");
+        return Error::other(EmptyStep, {}, "no picture has been shown since the buffer was turned on");
     }
     if (!copied) {
         return Error::system("cannot copy the replay", {}, ENOMEM);
     }
 
     if (!QDir().mkpath(folder)) {
-        return saveFailure(SaveFailure::FolderNotWritable, "cannot make the folder", folder.toStdString(),
-                           {});
+        return Error::other(FolderStep, folder.toStdString(), "it cannot be made");
     }
     // A second save within the same second keeps the first: this one is numbered.
     const QString path = NumberedName::file(
@@ -493,10 +498,12 @@ Result<QString> ReplayBuffer::save(const QString& folder) {
     AtomicFile file(QFile::encodeName(path).toStdString());
     if (const Error created = file.create()) {
         logs::recording.error("Could not save the replay: %s", created.logLine().c_str());
-        // A full disk is said as such wherever it is met.
-        return created.isDiskFull() ? created
-                                    : saveFailure(SaveFailure::FolderNotWritable, created.step(),
-                                                  created.path(), created.cause());
+        // A full disk is said as such wherever it is met; any other cause is the folder's.
+        if (created.isDiskFull()) {
+            return created;
+        }
+        return created.systemCode() != 0 ? Error::system(FolderStep, created.path(), created.systemCode())
+                                         : Error::other(FolderStep, created.path(), created.cause());
     }
     Error failure = writeMovie(file.path(), video, sound, origin);
     if (!failure) {

@@ -49,10 +49,11 @@ public:
     // included.
     static uint64_t memoryFor(const QString& quality, int seconds);
 
-    // Why a save wrote nothing where no code of the system's or FFmpeg's says it: the code of its
-    // Error, whose domain is Other. Out of memory is the system's ENOMEM; a full disk, and any other
-    // failure to write, keep the code they met.
-    enum class SaveFailure { Empty = 1, FolderNotWritable };
+    // The steps of a save's Error that its caller tells apart: the ring held no picture; the folder
+    // could not be made or written to (with the system's code where it gave one). Out of memory is
+    // the system's ENOMEM; a full disk, and any other failure to write, keep the code they met.
+    static constexpr const char* EmptyStep = "cannot save the replay";
+    static constexpr const char* FolderStep = "cannot write to the folder";
     // Writes what the ring holds now, from its oldest key frame, to a movie in `folder`, written
     // beside its final name and renamed into place when complete, so that a failure leaves no file.
     // The movie's path, or why nothing was written. Blocks for the writing (and up to a second for

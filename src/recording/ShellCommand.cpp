@@ -201,11 +201,12 @@ QVariantMap ShellCommand::runCommand(const QString& tool, const QStringList& arg
     return result(QString::fromUtf8(output), status);
 }
 
-bool ShellCommand::runSucceeded(const QString& tool, const QStringList& arguments, const ToolLimits& limits) {
+Error ShellCommand::runSucceeded(const QString& tool, const QStringList& arguments,
+                                 const ToolLimits& limits) {
     const QVariantMap outcome = runCommand(tool, arguments, limits);
     const int status = outcome.value(ShellCommandStatus).toInt();
     if (status == 0) {
-        return true;
+        return {};
     }
     const QString tail = outputTail(outcome.value(ShellCommandOutput).toString());
     if (tail.isEmpty()) {
@@ -214,7 +215,7 @@ bool ShellCommand::runSucceeded(const QString& tool, const QStringList& argument
         logs::recording.error("%s failed with status %d: %s", qUtf8Printable(tool), status,
                               qUtf8Printable(tail));
     }
-    return false;
+    return Error::library(Error::Domain::Other, "run " + tool.toStdString(), {}, status, tail.toStdString());
 }
 
 QString ShellCommand::toolFolder() {

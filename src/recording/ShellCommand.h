@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Error.h"
+
 #include <QString>
 #include <QStringList>
 #include <QVariantMap>
@@ -31,10 +33,11 @@ public:
     static QVariantMap runCommand(const QString& tool, const QStringList& arguments,
                                   const ToolLimits& limits = {});
 
-    // Runs the tool like runCommand() and tells whether it exited with status 0. A failure is
-    // logged as one line with the tool, its status and the end of its output.
-    static bool runSucceeded(const QString& tool, const QStringList& arguments,
-                             const ToolLimits& limits = {});
+    // Runs the tool like runCommand(). No Error when it exited with status 0; otherwise one whose
+    // code is the status (-1 as above) and whose detail is the end of its output, logged as one line
+    // with the tool, its status and that end.
+    static Error runSucceeded(const QString& tool, const QStringList& arguments,
+                              const ToolLimits& limits = {});
 
     // AppPaths::toolFolder() unless overridden.
     static QString toolFolder();

@@ -9,15 +9,15 @@ SublerWrapper& SublerWrapper::instance() {
     return wrapper;
 }
 
-bool SublerWrapper::appendSource(const QString& source, const QString& destination,
-                                 const ToolLimits& limits) {
+Error SublerWrapper::appendSource(const QString& source, const QString& destination,
+                                  const ToolLimits& limits) {
     return ShellCommand::runSucceeded(
         QStringLiteral("SublerCLI"),
         {QStringLiteral("-source"), source, QStringLiteral("-dest"), destination}, limits);
 }
 
-bool SublerWrapper::appendSources(const std::vector<NamedSource>& sources, const QString& destination,
-                                  const ToolLimits& limits) {
+Error SublerWrapper::appendSources(const std::vector<NamedSource>& sources, const QString& destination,
+                                   const ToolLimits& limits) {
     QStringList arguments;
     for (const NamedSource& source : sources) {
         arguments << QStringLiteral("-source") << source.path << QStringLiteral("-title") << source.title

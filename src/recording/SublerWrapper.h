@@ -22,12 +22,13 @@ public:
     static SublerWrapper& instance();
 
     // Adds the tracks of `source` to `destination`, which is created when missing and otherwise
-    // changed in place. True when the tool exited with status 0 within `limits`.
-    bool appendSource(const QString& source, const QString& destination, const ToolLimits& limits = {});
+    // changed in place. The tool's Error (see ShellCommand::runSucceeded) unless it exited with
+    // status 0 within `limits`.
+    Error appendSource(const QString& source, const QString& destination, const ToolLimits& limits = {});
     // The same for several sources in one run, their tracks added in order and named as given (a
     // track's title is lost when its movie is merged into again, so all are added at once).
-    bool appendSources(const std::vector<NamedSource>& sources, const QString& destination,
-                       const ToolLimits& limits = {});
+    Error appendSources(const std::vector<NamedSource>& sources, const QString& destination,
+                        const ToolLimits& limits = {});
 
 private:
     SublerWrapper() = default;

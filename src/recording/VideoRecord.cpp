@@ -39,29 +39,36 @@ void VideoRecord::setPaths(const QString& bundlePath, const CaptureSettings& set
 }
 
 VideoRecord::~VideoRecord() {
-    stop();
-}
-
-bool VideoRecord::start(const QString& bundlePath, const CaptureSettings& settings) {
     std::scoped_lock lock(m_lock);
     if (m_recording) {
-        return false;
+        if (const Error error = stop()) {
+            logs::recording.error("The movie was left unfinished: %s", error.logLine().c_str());
+        }
+    }
+}
+
+Error VideoRecord::start(const QString& bundlePath, const CaptureSettings& settings) {
+    std::scoped_lock lock(m_lock);
+    if (m_recording) {
+        return Error::other("start the movie", m_recordPath.toStdString(), "it is recording already");
     }
     setPaths(bundlePath, settings);
     // A movie that is re-encoded at a fixed rate later is written near lossless first.
     VideoQualityPtr preset =
         m_framesPerSecond == QLatin1String("Original") ? m_quality : VideoQuality::recordingQuality();
 
-    if (createWriter(*preset)) {
+    Error error = createWriter(*preset);
+    if (!error) {
         m_recording = true;
         m_sessionStarted = false;
     }
-    return m_recording;
+    return error;
 }
 
-bool VideoRecord::createWriter(const VideoQuality& preset) {
-    if (m_output.open(m_recordPath.toStdString(), "mov")) {
-        return false;
+Error VideoRecord::createWriter(const VideoQuality& preset) {
+    const std::string path = m_recordPath.toStdString();
+    if (Error error = m_output.open(path, "mov")) {
+        return error;
     }
     m_stream = avformat_new_stream(m_output.get(), nullptr);
     VideoEncoder::Settings settings;
@@ -72,40 +79,39 @@ bool VideoRecord::createWriter(const VideoQuality& preset) {
     settings.speed = encoderSpeed(preset);
     settings.globalHeader = (m_output->oformat->flags & AVFMT_GLOBALHEADER) != 0;
     settings.timeBase = FrameSlots;
-    switch (m_stream ? m_encoder.open(settings) : VideoEncoder::Failure::Codec) {
-    case VideoEncoder::Failure::None:
-        break;
-    case VideoEncoder::Failure::Codec:
-        logs::recording.error("Error adding writers for video");
-        return false;
-    case VideoEncoder::Failure::Scaler:
-        logs::recording.error("Error creating pixel buffer adaptor");
-        return false;
-    case VideoEncoder::Failure::Picture:
-        logs::recording.error("Error creating pixel buffer");
-        return false;
+    const Error error = m_stream ? m_encoder.open(settings)
+                                 : Error::library(Error::Domain::FFmpeg, "avformat_new_stream", path,
+                                                  AVERROR(ENOMEM), ff::errorText(AVERROR(ENOMEM)));
+    if (error) {
+        logs::recording.error("%s",
+                              error.step() == VideoEncoder::ScalerStep ? "Error creating pixel buffer adaptor"
+                              : error.step() == VideoEncoder::PictureStep ? "Error creating pixel buffer"
+                                                                          : "Error adding writers for video");
+        return error;
     }
-    if (!ff::check(avcodec_parameters_from_context(m_stream->codecpar, m_encoder.context()),
-                   "avcodec_parameters_from_context")) {
-        return false;
+    if (Error error = ff::failure(avcodec_parameters_from_context(m_stream->codecpar, m_encoder.context()),
+                                  "avcodec_parameters_from_context", path)) {
+        return error;
     }
     m_stream->time_base = FrameSlots;
     m_packet.reset(av_packet_alloc());
     if (!m_packet) {
         logs::recording.error("Error creating pixel buffer");
-        return false;
+        return Error::library(Error::Domain::FFmpeg, "av_packet_alloc", path, AVERROR(ENOMEM),
+                              ff::errorText(AVERROR(ENOMEM)));
     }
-    return true;
+    return {};
 }
 
-bool VideoRecord::writeHeader(std::chrono::system_clock::time_point firstFrame) {
+Error VideoRecord::writeHeader(std::chrono::system_clock::time_point firstFrame) {
     // The wall-clock time of the first frame, from which the merging tool lines up the sound.
     double captureStart = -1;
     if (firstFrame.time_since_epoch().count() != 0) {
         captureStart = std::chrono::duration<double>(firstFrame.time_since_epoch()).count();
     }
-    m_headerWritten = !ff::writeFragmentedHeader(m_output.get(), captureStart);
-    return m_headerWritten;
+    Error error = ff::writeFragmentedHeader(m_output.get(), captureStart);
+    m_headerWritten = !error;
+    return error;
 }
 
 bool VideoRecord::append(const CaptureData& frame) {
@@ -118,7 +124,7 @@ bool VideoRecord::append(const CaptureData& frame) {
         m_firstNumber = frame.number();
         m_sessionStarted = true;
         m_sessionStartWallClock = frame.wallClock();
-        if (!writeHeader(frame.wallClock())) {
+        if (writeHeader(frame.wallClock())) {
             return false;
         }
     }
@@ -180,33 +186,40 @@ bool VideoRecord::writeFailed() {
     return m_writeError != 0;
 }
 
-bool VideoRecord::diskFull() {
-    std::scoped_lock lock(m_lock);
-    return m_writeError == AVERROR(ENOSPC);
-}
-
-bool VideoRecord::stop() {
+Error VideoRecord::stop() {
     std::scoped_lock lock(m_lock);
     if (!m_recording) {
-        return false;
+        return Error::other("finish the movie", m_recordPath.toStdString(), "it was not recording");
     }
     m_recording = false;
-    bool finished = stopWriter();
-    if (!finished) {
+    Error error = stopWriter();
+    if (error) {
         logs::recording.error("Could not finish the movie %s", qUtf8Printable(m_recordPath));
     }
-    return finished;
+    return error;
 }
 
-bool VideoRecord::stopWriter() {
+Error VideoRecord::stopWriter() {
     // A recording stopped before its first frame still leaves a well-formed, empty movie. After a
     // failed write nothing more is tried: the fragments written so far play as they are.
-    bool finished = m_writeError == 0 && (m_headerWritten || writeHeader({}));
-    finished = finished && encode(nullptr);
-    finished = finished && ff::check(av_write_trailer(m_output.get()), "av_write_trailer");
+    const std::string path = m_recordPath.toStdString();
+    Error error = m_writeError != 0 ? Error::library(Error::Domain::FFmpeg, "cannot write", path,
+                                                     m_writeError, ff::errorText(m_writeError))
+                                    : Error();
+    if (!error && !m_headerWritten) {
+        error = writeHeader({});
+    }
+    if (!error && !encode(nullptr)) {
+        keepWriteError();
+        error = Error::library(Error::Domain::FFmpeg, "cannot write", path, m_writeError,
+                               ff::errorText(m_writeError));
+    }
+    if (!error) {
+        error = ff::failure(av_write_trailer(m_output.get()), "av_write_trailer", path);
+    }
     m_output.close();
     m_encoder.close();
-    return finished;
+    return error;
 }
 
 } // namespace zandor

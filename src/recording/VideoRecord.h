@@ -40,19 +40,18 @@ public:
     VideoRecord& operator=(const VideoRecord&) = delete;
 
     // Opens "<bundle>/Video<layout name>.mov" for writing with the settings' quality preset and
-    // frame rate. True when the writer runs.
-    bool start(const QString& bundlePath, const CaptureSettings& settings);
+    // frame rate. The Error, logged, when the writer cannot run.
+    Error start(const QString& bundlePath, const CaptureSettings& settings);
     // Encodes one frame of the layout (rows of red, green, blue bytes). False when not recording,
     // when the frame's number does not come after the previous frame's (the frame is dropped), or
     // when encoding failed.
     bool append(const CaptureData& frame);
-    // Flushes the encoder and finishes the file. False when not recording or finishing failed.
-    bool stop();
+    // Flushes the encoder and finishes the file. The Error when not recording, or the one that
+    // kept the movie from being finished, FFmpeg's code kept (a full disk is known by it).
+    Error stop();
     // Whether writing the movie has failed (the disk full, the file gone): from then on frames are
     // not encoded, and the recording should end, keeping what was written.
     bool writeFailed();
-    // Whether that failure was a full disk.
-    bool diskFull();
     // The wall-clock time at which the last appended frame stops showing; unset before the first.
     std::optional<std::chrono::system_clock::time_point> pictureEnd();
 
@@ -66,14 +65,14 @@ public:
     const VideoQualityPtr& quality() const { return m_quality; }
 
 private:
-    bool createWriter(const VideoQuality& preset);
+    Error createWriter(const VideoQuality& preset);
     // The header names the wall-clock time of the first frame, when it is known.
-    bool writeHeader(std::chrono::system_clock::time_point firstFrame);
+    Error writeHeader(std::chrono::system_clock::time_point firstFrame);
     // Sends a frame (null to flush) and writes every packet the encoder gives back.
     bool encode(const AVFrame* frame);
     // Notes why writing failed; returns false.
     bool keepWriteError();
-    bool stopWriter();
+    Error stopWriter();
     void setPaths(const QString& bundlePath, const CaptureSettings& settings);
 
     const LayoutPtr m_layout;

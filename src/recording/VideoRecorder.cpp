@@ -31,8 +31,14 @@ VideoRecorder::VideoRecorder(std::vector<LayoutPtr> layouts, CaptureSettings set
 VideoRecorder::~VideoRecorder() {
     m_bundle.unlock();
     // Finalising stops both inputs; these end a recording that never got that far.
-    m_audioNarratorRecord->stop();
-    m_audioGameRecord->stop();
+    for (AudioRecord* audio : {m_audioNarratorRecord.get(), m_audioGameRecord.get()}) {
+        if (audio->isRecording()) {
+            if (const Error error = audio->stop()) {
+                logs::recording.error("The %s sound was left unfinished: %s", qUtf8Printable(audio->name()),
+                                      error.logLine().c_str());
+            }
+        }
+    }
 }
 
 void VideoRecorder::shareGameInput(std::shared_ptr<AudioInput> input) {
@@ -64,58 +70,58 @@ QStringList VideoRecorder::madeFiles() const {
     return made;
 }
 
-bool VideoRecorder::start() {
+Error VideoRecorder::begin() {
     m_done = false;
     m_writeFailed = false;
     m_results.clear();
     // Another recording of the same second (or its movie) keeps its name: this one is numbered.
-    const bool created =
+    const Error created =
         m_bundle.create(m_settings.storageFolder, stringWithCurrentDate(), [this](const QString& base) {
             return std::any_of(m_videoRecords.begin(), m_videoRecords.end(), [&](const auto& record) {
                 return QFileInfo::exists(plannedPath(base, *record));
             });
         });
-    if (!created) {
+    if (created) {
         // Reported as a success on purpose: the caller shows the recording state although
         // nothing records.
-        return true;
+        return {};
     }
     // Held from here until finalising ends, so that nobody takes the recording for an abandoned
     // one; the choices make the bundle recoverable on its own.
-    if (!m_bundle.lock()) {
+    if (Error error = m_bundle.lock()) {
         QDir().rmdir(m_bundle.path());
         m_done = true;
-        return false;
+        return error;
     }
     RecordingBundle::Choices choices{{}, m_settings.framesPerSecond, m_settings.videoQuality};
     for (const auto& record : m_videoRecords) {
         choices.layouts.append(record->name());
     }
-    if (!m_bundle.writeChoices(choices)) {
+    if (const Error error = m_bundle.writeChoices(choices)) {
         logs::recording.warning("Could not write the choices of the recording into %s",
                                 qUtf8Printable(m_bundle.path()));
+        logs::recording.warning("%s", error.logLine().c_str());
     }
-    bool success = true;
+    Error error;
     for (const auto& record : m_videoRecords) {
-        if (!record->start(m_bundle.path(), m_settings)) {
-            success = false;
+        if ((error = record->start(m_bundle.path(), m_settings))) {
             break;
         }
     }
-    if (success) {
+    if (!error) {
         m_audioGameRecord->share(m_sharedGameInput, std::chrono::milliseconds(m_settings.gameAudioOffsetMs));
-        success = m_audioGameRecord->start(m_settings.gameAudioInput, m_bundle.path(), true);
-        if (success) {
-            success = m_audioNarratorRecord->start(m_settings.narratorAudioInput, m_bundle.path(), false);
-        }
+        error = m_audioGameRecord->start(m_settings.gameAudioInput, m_bundle.path(), true);
     }
-    if (success) {
+    if (!error) {
+        error = m_audioNarratorRecord->start(m_settings.narratorAudioInput, m_bundle.path(), false);
+    }
+    if (!error) {
         m_started = std::chrono::steady_clock::now();
         Recorder::start();
     } else {
         stop();
     }
-    return success;
+    return error;
 }
 
 bool VideoRecorder::capture(const LayoutPtr& layout, const ObserverPtr& observer) {
@@ -144,19 +150,19 @@ void VideoRecorder::capturedLayouts() {
         if (const auto end = record->pictureEnd(); end && (!pictureEnd || *end > *pictureEnd)) {
             pictureEnd = end;
         }
-        if (!record->stop()) {
-            keepError(
-                record->diskFull()
-                    ? QStringLiteral("The recording of the video could not be finalized. The disk is full.")
-                    : QStringLiteral("The recording of the video could not be finalized."));
+        if (Error error = record->stop()) {
+            keepError(RecordingProblem::Step::FinishVideo, std::move(error));
             success = false;
         }
     }
     // The sound tracks end with the picture, neither short of it nor running on, and both inputs
     // are let go (a microphone left open would go on showing as in use).
     for (AudioRecord* audio : {m_audioGameRecord.get(), m_audioNarratorRecord.get()}) {
-        if (audio->isRecording() && !audio->stop(pictureEnd)) {
-            keepError(QStringLiteral("The recording of the audio could not be finalized."));
+        if (!audio->isRecording()) {
+            continue;
+        }
+        if (Error error = audio->stop(pictureEnd)) {
+            keepError(RecordingProblem::Step::FinishAudio, std::move(error));
             success = false;
         }
     }
@@ -181,7 +187,9 @@ Result<std::shared_ptr<VideoRecorder>> VideoRecorder::forBundle(const QString& b
     CaptureSettings settings;
     settings.storageFolder = QFileInfo(bundle).path();
     RecordingBundle reading;
-    reading.open(bundle);
+    if (Error error = reading.open(bundle)) {
+        return error;
+    }
     QStringList names;
     if (const auto choices = reading.readChoices()) {
         names = choices->layouts;
@@ -197,7 +205,9 @@ Result<std::shared_ptr<VideoRecorder>> VideoRecorder::forBundle(const QString& b
         names = reading.movieLayouts();
     }
     auto recorder = std::make_shared<VideoRecorder>(std::vector<LayoutPtr>{}, settings);
-    recorder->m_bundle.open(bundle);
+    if (Error error = recorder->m_bundle.open(bundle)) {
+        return error;
+    }
     recorder->m_audioGameRecord->adopt(bundle);
     recorder->m_audioNarratorRecord->adopt(bundle);
     for (const QString& name : names) {
@@ -220,8 +230,8 @@ Result<std::shared_ptr<VideoRecorder>> VideoRecorder::forBundle(const QString& b
 }
 
 bool VideoRecorder::recover() {
-    if (!m_bundle.lock()) {
-        tryError(QStringLiteral("The recording is being recorded or finalised by another Zandor."));
+    if (Error error = m_bundle.lock()) {
+        tryError(RecordingProblem::Step::HeldElsewhere, std::move(error));
         return false;
     }
     // What an earlier, failed finalising left half made is made again from the recorded tracks:
@@ -294,7 +304,7 @@ void VideoRecorder::actualize() {
     bool allMovedOut = true;
     const auto sounds = soundTracks();
     if (!sounds) {
-        keepError(QStringLiteral("It was not possible to merge audio."));
+        keepError(RecordingProblem::Step::MergeAudio);
         success = allMovedOut = false;
     }
     QStringList soundTitles;
@@ -303,12 +313,13 @@ void VideoRecorder::actualize() {
     }
     for (auto it = m_videoRecords.begin(); it != m_videoRecords.end() && success; ++it) {
         VideoRecord& record = **it;
-        if (!SublerWrapper::instance().appendSource(record.recordPath(), record.mergePath(), m_toolLimits)) {
-            keepError(QStringLiteral("It was not possible to merge video."));
+        if (Error error = SublerWrapper::instance().appendSource(record.recordPath(), record.mergePath(),
+                                                                 m_toolLimits)) {
+            keepError(RecordingProblem::Step::MergeVideo, std::move(error));
             allMovedOut = false;
             continue;
         }
-        bool merged = true;
+        Error merged;
         if (!sounds->empty()) {
             merged = SublerWrapper::instance().appendSources(*sounds, record.mergePath(), m_toolLimits);
         } else if (QFileInfo::exists(m_audioGameRecord->path())) {
@@ -316,8 +327,8 @@ void VideoRecorder::actualize() {
             merged = SublerWrapper::instance().appendSource(m_audioGameRecord->path(), record.mergePath(),
                                                             m_toolLimits);
         }
-        if (!merged) {
-            keepError(QStringLiteral("It was not possible to merge audio."));
+        if (merged) {
+            keepError(RecordingProblem::Step::MergeAudio, std::move(merged));
             success = false;
         }
         if (!success || !convert(record, soundTitles)) {
@@ -325,17 +336,13 @@ void VideoRecorder::actualize() {
         }
     }
     if (allMovedOut && !QDir(m_bundle.path()).removeRecursively()) {
-        tryError(QStringLiteral("It was not possible to remove recording bundle."));
+        tryError(RecordingProblem::Step::RemoveBundle);
         success = false;
     }
     m_done = true;
     if (success && m_delegate) {
         if (const auto lost = m_audioGameRecord->lostAt()) {
-            const long long seconds = lost->count() / 1000;
-            m_delegate->recordNotice(QString::asprintf(
-                "The game sound stopped at %02lld:%02lld: its input went away, and the rest "
-                "of the movie is silent.",
-                seconds / 60, seconds % 60));
+            m_delegate->recordGameSoundLost(*lost);
         }
         m_delegate->recordDone();
     }
@@ -344,13 +351,16 @@ void VideoRecorder::actualize() {
 bool VideoRecorder::convert(VideoRecord& record, const QStringList& soundTitles) {
     if (record.framesPerSecond() != QLatin1String("Original")) {
         const QString bitRate = QString::asprintf("%ld", static_cast<long>(record.quality()->bitRate()));
-        if (!HandBrakeWrapper::instance().convert(record.mergePath(), record.convertPath(), bitRate,
-                                                  record.framesPerSecond(), soundTitles, m_toolLimits)) {
-            keepError(QStringLiteral("It was not possible to convert the merged video."));
+        if (Error error =
+                HandBrakeWrapper::instance().convert(record.mergePath(), record.convertPath(), bitRate,
+                                                     record.framesPerSecond(), soundTitles, m_toolLimits)) {
+            keepError(RecordingProblem::Step::Convert, std::move(error));
             return false;
         }
     } else if (!QFile::rename(record.mergePath(), record.convertPath())) {
-        keepError(QStringLiteral("It was not possible to move the merged video to the convertion path."));
+        // QFile gives no code for a failed rename.
+        keepError(RecordingProblem::Step::MoveForConversion,
+                  Error::other("cannot rename", record.mergePath().toStdString(), "it could not be renamed"));
         return false;
     }
     return finish(record);
@@ -362,20 +372,24 @@ bool VideoRecorder::finish(VideoRecord& record) {
     const QString planned = plannedPath(m_bundle.basePath(), record);
     const QString result = NumberedName::file(planned.chopped(4), QStringLiteral("mp4"));
     if (!QFile::rename(record.convertPath(), result)) {
-        keepError(QStringLiteral("Could not move file outside recording bundle."));
+        keepError(RecordingProblem::Step::MoveOut,
+                  Error::other("cannot rename", record.convertPath().toStdString(),
+                               "it could not be moved to " + result.toStdString()));
         return false;
     }
     m_results.insert(record.name(), result);
     return true;
 }
 
-void VideoRecorder::keepError(const QString& message) {
-    tryError(QStringLiteral("%1 The recording is kept in \"%2\".").arg(message, m_bundle.path()));
+void VideoRecorder::keepError(RecordingProblem::Step step, Error error) {
+    if (m_delegate) {
+        m_delegate->recordError({step, std::move(error), m_bundle.path()});
+    }
 }
 
-void VideoRecorder::tryError(const QString& message) {
+void VideoRecorder::tryError(RecordingProblem::Step step, Error error) {
     if (m_delegate) {
-        m_delegate->recordError(message);
+        m_delegate->recordError({step, std::move(error), {}});
     }
 }
 

@@ -41,7 +41,12 @@ public:
     // sound from it when it is the chosen one.
     void shareGameInput(std::shared_ptr<AudioInput> input);
 
-    bool start() override;
+    // Starts recording; false when it cannot, as begin() says why.
+    bool start() override { return !begin(); }
+    // Makes the bundle, holds it and starts every movie and sound track: the Error that kept the
+    // recording from starting. A bundle that cannot be made is no Error: the recording then shows
+    // as running although nothing records.
+    Error begin();
     bool isDone() override { return Recorder::isDone() && m_done; }
 
     const QString& basePath() const { return m_bundle.basePath(); }
@@ -88,9 +93,9 @@ private:
     // `soundTitles` name the movie's sound tracks, when they have names of their own.
     bool convert(VideoRecord& record, const QStringList& soundTitles);
     bool finish(VideoRecord& record);
-    void tryError(const QString& message);
+    void tryError(RecordingProblem::Step step, Error error = {});
     // tryError for a failure that leaves the recording in the bundle, saying where it is kept.
-    void keepError(const QString& message);
+    void keepError(RecordingProblem::Step step, Error error = {});
 
     // The least time a tool is given, however short the recording.
     static constexpr std::chrono::milliseconds ShortestToolLimit = std::chrono::seconds(10);

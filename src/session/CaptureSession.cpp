@@ -4,6 +4,7 @@
 #include "audio/GameAudio.h"
 #include "base/Log.h"
 #include "base/RunOn.h"
+#include "camera/CameraSteps.h"
 #include "capture/CaptureDevice.h"
 #include "capture/UsbBoard.h"
 #include "layouts/CanvasBudget.h"
@@ -20,6 +21,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace zandor {
 
@@ -30,8 +32,8 @@ class RecorderEvents final : public RecorderDelegate {
 public:
     explicit RecorderEvents(std::function<void(const session::Event&)> send) : m_send(std::move(send)) {}
     void recordDone() override { m_send(session::RecordingDone{}); }
-    void recordError(const QString& message) override { m_send(session::RecordingError{message}); }
-    void recordNotice(const QString& message) override { m_send(session::RecordingNotice{message}); }
+    void recordError(const RecordingProblem& problem) override { m_send(session::RecordingError{problem}); }
+    void recordGameSoundLost(std::chrono::milliseconds at) override { m_send(session::RecordingNotice{at}); }
 
 private:
     const std::function<void(const session::Event&)> m_send;
@@ -41,31 +43,106 @@ private:
 class RecoveryErrors final : public RecorderDelegate {
 public:
     void recordDone() override {}
-    void recordError(const QString& message) override { messages << message; }
+    void recordError(const RecordingProblem& problem) override {
+        messages << session::recordingMessage(problem);
+    }
     QStringList messages;
 };
 
 } // namespace
 
+QString session::recordingMessage(const RecordingProblem& problem) {
+    using Step = RecordingProblem::Step;
+    QString text;
+    switch (problem.step) {
+    case Step::FinishVideo:
+        text = problem.error.isDiskFull()
+                   ? QStringLiteral("The recording of the video could not be finalized. The disk is full.")
+                   : QStringLiteral("The recording of the video could not be finalized.");
+        break;
+    case Step::FinishAudio:
+        text = QStringLiteral("The recording of the audio could not be finalized.");
+        break;
+    case Step::MergeAudio:
+        text = QStringLiteral("It was not possible to merge audio.");
+        break;
+    case Step::MergeVideo:
+        text = QStringLiteral("It was not possible to merge video.");
+        break;
+    case Step::Convert:
+        text = QStringLiteral("It was not possible to convert the merged video.");
+        break;
+    case Step::MoveForConversion:
+        text = QStringLiteral("It was not possible to move the merged video to the convertion path.");
+        break;
+    case Step::MoveOut:
+        text = QStringLiteral("Could not move file outside recording bundle.");
+        break;
+    case Step::RemoveBundle:
+        text = QStringLiteral("It was not possible to remove recording bundle.");
+        break;
+    case Step::HeldElsewhere:
+        text = QStringLiteral("The recording is being recorded or finalised by another Zandor.");
+        break;
+    }
+    if (!problem.keptIn.isEmpty()) {
+        text = QStringLiteral("%1 The recording is kept in \"%2\".").arg(text, problem.keptIn);
+    }
+    return text;
+}
+
+QString session::RecordingError::message() const {
+    return recordingMessage(problem);
+}
+
+QString session::RecordingNotice::message() const {
+    const long long seconds = gameSoundLostAt.count() / 1000;
+    return QString::asprintf("The game sound stopped at %02lld:%02lld: its input went away, and the rest "
+                             "of the movie is silent.",
+                             seconds / 60, seconds % 60);
+}
+
 QString session::ReplaySaved::message() const {
-    using Failure = ReplayBuffer::SaveFailure;
-    const auto is = [this](Failure failure) {
-        return error.domain() == Error::Domain::Other && error.code() == static_cast<int>(failure);
-    };
-    if (is(Failure::Empty)) {
+    if (error.step() == ReplayBuffer::EmptyStep) {
         return QStringLiteral(
             "The replay buffer is empty: no picture has been shown since it was turned on.");
     }
     if (error.domain() == Error::Domain::System && error.code() == ENOMEM) {
         return QStringLiteral("There is not enough memory to save the replay.");
     }
-    if (is(Failure::FolderNotWritable)) {
+    if (error.step() == ReplayBuffer::FolderStep) {
         return QStringLiteral("The folder \"%1\" cannot be written to.").arg(folder);
     }
     if (error.isDiskFull()) {
         return QStringLiteral("The disk is full.");
     }
     return QStringLiteral("The movie could not be written to \"%1\".").arg(folder);
+}
+
+QString session::CameraFailed::reason() const {
+    const std::string& step = error.step();
+    const char* why = std::strerror(error.systemCode());
+    if (step == camera::StartStep) {
+        return QStringLiteral("PipeWire could not start: %1").arg(why);
+    }
+    if (step == camera::ConnectStep) {
+        return QStringLiteral("PipeWire is not running (%1)").arg(why);
+    }
+    if (step == camera::StreamStep) {
+        return QStringLiteral("PipeWire refused the camera stream: %1")
+            .arg(QString::fromStdString(error.cause()));
+    }
+    if (step == camera::AnswerStep) {
+        return QStringLiteral("PipeWire did not answer");
+    }
+    if (step == camera::ConnectionStep) {
+        return QStringLiteral("PipeWire ended the connection: %1 (%2)")
+            .arg(QString::fromStdString(error.detail()), QString::fromUtf8(std::strerror(-error.code())));
+    }
+    if (step == camera::RunStep && !error.detail().empty()) {
+        return QString::fromStdString(error.detail());
+    }
+    return QStringLiteral("the camera stream failed");
 }
 
 CaptureSession::CaptureSession(std::unique_ptr<UsbBoard> board, CaptureSettings settings)
@@ -75,9 +152,7 @@ CaptureSession::CaptureSession(std::unique_ptr<UsbBoard> board, CaptureSettings 
     m_gameAudio->setBoard(m_device);
     m_device->setConnectionObserver(
         [this](bool connected) { emitEvent(session::BoardConnection{connected}); });
-    m_camera->setFailureHandler([this](const std::string& reason) {
-        emitEvent(session::CameraFailed{QString::fromStdString(reason)});
-    });
+    m_camera->setFailureHandler([this](const Error& failure) { cameraFailed(failure); });
     // The input went away: said in the log; the picture goes on without the sound.
     m_gameAudio->setLostHandler(
         [self = QPointer<CaptureSession>(this)] { runLater(self, [self] { self->gameSoundLost(); }); });
@@ -260,10 +335,16 @@ void CaptureSession::updateCamera() {
         m_camera->stop();
     } else if (m_camera->isSharing()) {
         m_camera->setLayout(m_layout);
-    } else if (std::string reason; !m_camera->start(m_layout, &reason)) {
+    } else if (Error error = m_camera->start(m_layout)) {
         m_settings.shareAsCamera = false;
-        emitEvent(session::CameraFailed{QString::fromStdString(reason)});
+        cameraFailed(error);
     }
+}
+
+void CaptureSession::cameraFailed(const Error& error) {
+    session::CameraFailed failed{error};
+    logs::camera.error("%s%s", session::CameraFailed::LogPrefix, qUtf8Printable(failed.reason()));
+    emitEvent(failed);
 }
 
 std::shared_ptr<ImageRecorder> CaptureSession::screenshot() {
@@ -316,9 +397,7 @@ Error CaptureSession::record() {
     m_recorder->setDelegate(
         std::make_shared<RecorderEvents>([this](const session::Event& event) { emitEvent(event); }));
     m_recorder->shareGameInput(m_gameAudio->input());
-    return m_recorder->start()
-               ? Error()
-               : Error::other("cannot start the recording in", folder, "see the lines before");
+    return m_recorder->begin();
 }
 
 void CaptureSession::stopRecording() {

@@ -5,11 +5,13 @@
 #include "base/Worker.h"
 #include "camera/CameraOutput.h"
 #include "layouts/CaptureLayout.h"
+#include "recording/RecorderDelegate.h"
 #include "settings/CaptureSettings.h"
 
 #include <QObject>
 #include <QStringList>
 
+#include <chrono>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -45,11 +47,19 @@ struct BoardConnection {
 // The current or a finalising recording ended: its files are made (or not, with errors sent first).
 struct RecordingDone {};
 struct RecordingError {
-    QString message;
+    RecordingProblem problem;
+
+    // What failed, and where the recording is kept when it is, in sentences for the user.
+    QString message() const;
 };
+// The game sound's input went away `gameSoundLostAt` into a recording that was made.
 struct RecordingNotice {
-    QString message;
+    std::chrono::milliseconds gameSoundLostAt;
+
+    QString message() const;
 };
+// A recording's problem in sentences for the user, as RecordingError says it.
+QString recordingMessage(const RecordingProblem& problem);
 // A replay save ended: the movie's path, or empty with why nothing was written to `folder`.
 struct ReplaySaved {
     QString path;
@@ -59,9 +69,15 @@ struct ReplaySaved {
     // Why nothing was written, in one sentence for the user.
     QString message() const;
 };
-// Sharing as a camera ended or could not begin; the session stopped asking for it.
+// Sharing as a camera ended or could not begin; the session stopped asking for it. The session
+// has logged it.
 struct CameraFailed {
-    QString reason;
+    Error error;
+
+    // The start of the line logged; the reason follows.
+    static constexpr const char* LogPrefix = "Could not share the picture as a camera: ";
+    // Why, in a few words for the user: "PipeWire is not running (Connection refused)".
+    QString reason() const;
 };
 // The game sound input could not be opened, or went away while open.
 struct GameSoundLost {
@@ -157,6 +173,8 @@ private:
     void updateReplayBuffer();
     void stopReplayBuffer();
     void updateCamera();
+    // Logs the camera's failure and sends it; on any thread.
+    void cameraFailed(const Error& error);
     void gameSoundLost();
     // Runs `job` on the session's background thread, after the jobs before it.
     void runInBackground(std::function<void()> job);

@@ -59,30 +59,6 @@ QVariant normalized(const QVariant& value) {
 constexpr qint64 MaximumFileBytes = 1024 * 1024;
 constexpr int MaximumNesting = 64;
 
-enum class FileRead { Missing, Unreadable, Malformed, Read };
-
-// Reads the preferences file if it is a regular file of at most MaximumFileBytes; a named pipe or a
-// device in its place cannot hold the start up.
-FileRead readPreferencesFile(const QString& path, QByteArray& contents, QString& why) {
-    std::string bytes;
-    const RegularFile::Status status =
-        RegularFile::read(QFile::encodeName(path).toStdString(), MaximumFileBytes, bytes);
-    switch (status) {
-    case RegularFile::Status::Read:
-        contents = QByteArray::fromStdString(bytes);
-        return FileRead::Read;
-    case RegularFile::Status::Missing:
-        return FileRead::Missing;
-    case RegularFile::Status::Unreadable:
-        return FileRead::Unreadable;
-    case RegularFile::Status::NotRegular:
-    case RegularFile::Status::TooLarge:
-        break;
-    }
-    why = QString::fromStdString(RegularFile::describe(status, MaximumFileBytes));
-    return FileRead::Malformed;
-}
-
 // How deep arrays and dictionaries nest in an XML property list, counted in one pass without
 // recursion, so that the file cannot choose how deep we go; counting stops past `limit`.
 int nestingDepth(std::string_view xml, int limit) {
@@ -215,31 +191,32 @@ void PreferencesController::setReadOnly(bool readOnly) {
 }
 
 bool PreferencesController::load() {
-    QByteArray xml;
+    // Only a regular file of at most MaximumFileBytes is read: a named pipe or a device in its place
+    // cannot hold the start up.
+    const Result<std::string> read =
+        RegularFile::read(QFile::encodeName(m_file).toStdString(), MaximumFileBytes);
     QString why;
-    switch (readPreferencesFile(m_file, xml, why)) {
-    case FileRead::Missing:
-        return true;
-    case FileRead::Unreadable:
-        return false; // left in place; the next store replaces it
-    case FileRead::Malformed:
-        break;
-    case FileRead::Read:
-        if (nestingDepth(std::string_view(xml.constData(), static_cast<size_t>(xml.size())), MaximumNesting) >
-            MaximumNesting) {
-            why = QStringLiteral("arrays or dictionaries nest deeper than 64");
-            break;
-        }
-        if (const PropertyList list = PropertyList::fromXml(xml); list.isDictionary()) {
-            auto entries = list.entries();
-            std::scoped_lock lock(m_mutex);
-            for (auto& [key, value] : entries) {
-                assign(m_preferences, key, std::move(value));
-            }
+    if (!read) {
+        const Error error = read.error();
+        if (error.systemCode() == ENOENT) {
             return true;
         }
+        if (error.domain() == Error::Domain::System) {
+            return false; // left in place; the next store replaces it
+        }
+        why = QString::fromStdString(error.detail());
+    } else if (nestingDepth(*read, MaximumNesting) > MaximumNesting) {
+        why = QStringLiteral("arrays or dictionaries nest deeper than 64");
+    } else if (const PropertyList list = PropertyList::fromXml(QByteArray::fromStdString(*read));
+               list.isDictionary()) {
+        auto entries = list.entries();
+        std::scoped_lock lock(m_mutex);
+        for (auto& [key, value] : entries) {
+            assign(m_preferences, key, std::move(value));
+        }
+        return true;
+    } else {
         why = QStringLiteral("it is not a property list holding a dictionary");
-        break;
     }
     logs::settings.warning(
         "The preferences file %s cannot be used (%s): the defaults hold, and the file is kept as "

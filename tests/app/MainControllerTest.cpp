@@ -11,6 +11,7 @@
 #include "app/MainWindow.h"
 #include "app/WindowGeometry.h"
 #include "app/ZDAppDelegate.h"
+#include "base/Log.h"
 #include "base/Worker.h"
 #include "capture/CaptureDevice.h"
 #include "capture/DemoBoard.h"
@@ -355,6 +356,7 @@ TEST_F(MainControllerTest, ShareAsCameraSharesWhileThePicturePlaysOrSaysOnceWhyI
     ui.playPauseItem->trigger();
     EXPECT_TRUE(test::PipeWireServer::waitForNode("zandor", {}));
 
+    LogCapture log;
     setenv("XDG_RUNTIME_DIR", qPrintable(m_storage.path()), 1); // no daemon there
     ui.playPauseItem->trigger();
     const auto turnedOff = [&] {
@@ -366,6 +368,9 @@ TEST_F(MainControllerTest, ShareAsCameraSharesWhileThePicturePlaysOrSaysOnceWhyI
     EXPECT_TRUE(m_controller->session().device()->isListening()) << "the picture plays on";
     EXPECT_EQ(PreferencesController::instance().preference(settings::shareAsCamera.key), QVariant(false));
     EXPECT_EQ(alerts().filter("Could not share the picture as a camera.").size(), 1);
+    EXPECT_EQ(log.countPrefix(std::string(session::CameraFailed::LogPrefix) + "PipeWire is not running ("),
+              2u)
+        << "one line each time sharing is asked for";
 }
 
 TEST_F(MainControllerTest, CaptureFollowsTheChosenLayoutOrBothScreens) {

@@ -9,11 +9,13 @@
 #include "base/Log.h"
 #include "base/Wakeup.h"
 #include "camera/CameraOutput.h"
+#include "camera/CameraSteps.h"
 #include "capture/Boards.h"
 #include "capture/CaptureDevice.h"
 #include "capture/DemoBoard.h"
 #include "capture/RawFrame.h"
 #include "layouts/CaptureLayout.h"
+#include "session/CaptureSession.h"
 
 #include <gtest/gtest.h>
 
@@ -118,7 +120,8 @@ protected:
     }
 
     void share(const LayoutPtr& layout) {
-        ASSERT_TRUE(m_camera->start(layout));
+        const Error error = m_camera->start(layout);
+        ASSERT_FALSE(error) << error.logLine();
         ASSERT_TRUE(m_device->startListening());
     }
 
@@ -259,33 +262,36 @@ TEST_F(CameraTest, AConsumerThatStopsReadingCostsDroppedCameraFramesAndNothingEl
     EXPECT_EQ(m_tall->droppedFrames(), 0u) << "a subscriber of the layout fell behind";
 }
 
-TEST_F(CameraTest, NoDaemonOrOneThatGoesAwayGivesOneLineAndStopsSharing) {
+TEST_F(CameraTest, NoDaemonOrOneThatGoesAwayIsToldByItsStepAndStopsSharing) {
     LogCapture log;
     setenv("XDG_RUNTIME_DIR", qPrintable(at("nowhere")), 1);
-    std::string reason;
-    EXPECT_FALSE(m_camera->start(m_tall, &reason));
+    const Error error = m_camera->start(m_tall);
+    EXPECT_EQ(error.step(), camera::ConnectStep) << error.logLine();
+    EXPECT_NE(error.systemCode(), 0) << error.logLine();
     EXPECT_FALSE(m_camera->isSharing());
     EXPECT_FALSE(m_tall->hasObservers());
-    EXPECT_EQ(log.lines(), std::vector<std::string>{CameraOutput::FailurePrefix + reason}) << reason;
-    EXPECT_NE(reason.find("PipeWire is not running"), std::string::npos) << reason;
+    EXPECT_TRUE(log.lines().empty()) << "the session says it, once";
+    const QString reason = session::CameraFailed{error}.reason();
+    EXPECT_TRUE(reason.startsWith(QStringLiteral("PipeWire is not running (")) && reason.endsWith(u')'))
+        << reason.toStdString();
 
     setenv("XDG_RUNTIME_DIR", m_server.folder().c_str(), 1);
     std::mutex mutex;
     std::condition_variable failed;
-    std::string failure;
-    m_camera->setFailureHandler([&](const std::string& why) {
+    Error failure;
+    m_camera->setFailureHandler([&](const Error& why) {
         std::scoped_lock lock(mutex);
         failure = why;
         failed.notify_all();
     });
     share(m_tall);
-    log.clear();
     m_server.killDaemon();
     std::unique_lock lock(mutex);
-    ASSERT_TRUE(failed.wait_for(lock, 20s, [&] { return !failure.empty(); }));
+    ASSERT_TRUE(failed.wait_for(lock, 20s, [&] { return static_cast<bool>(failure); }));
     EXPECT_FALSE(m_camera->isSharing());
     EXPECT_FALSE(m_tall->hasObservers());
-    EXPECT_EQ(log.countPrefix(CameraOutput::FailurePrefix), 1u);
+    EXPECT_TRUE(failure.step() == camera::ConnectionStep || failure.step() == camera::RunStep)
+        << failure.logLine();
 }
 
 TEST_F(CameraTest, ZandorCliSharesForTheGivenSeconds) {

@@ -41,10 +41,10 @@ TEST_F(ShellCommandTest, WrappersPassTheirExactArgumentListsWithoutAShell) {
     writeTool("SublerCLI", noteArguments);
     writeTool("HandBrakeCLI", noteArguments);
 
-    ASSERT_TRUE(SublerWrapper::instance().appendSource(source, tricky));
+    ASSERT_FALSE(SublerWrapper::instance().appendSource(source, tricky));
     EXPECT_EQ(test::readLines(m_tools.filePath("arguments")),
               (QStringList{"-source", source, "-dest", tricky}));
-    ASSERT_TRUE(SublerWrapper::instance().appendSources(
+    ASSERT_FALSE(SublerWrapper::instance().appendSources(
         {{tricky, "Game and narrator", "und", true}, {source, "Game", "und", false}}, source));
     EXPECT_EQ(test::readLines(m_tools.filePath("arguments")),
               (QStringList{"-source", tricky, "-title", "Game and narrator", "-language", "und", "-default",
@@ -55,11 +55,11 @@ TEST_F(ShellCommandTest, WrappersPassTheirExactArgumentListsWithoutAShell) {
     const QStringList picture{"--input",  source, "--output", tricky, "--encoder", "x264",
                               "--format", "mp4",  "--rate",   "30",   "--vb",      "2500"};
     const QStringList fixed{"--optimize", "--crop", "0:0:0:0", "--cfr"};
-    ASSERT_TRUE(HandBrakeWrapper::instance().convert(source, tricky, "2500", "30"));
+    ASSERT_FALSE(HandBrakeWrapper::instance().convert(source, tricky, "2500", "30"));
     EXPECT_EQ(test::readLines(m_tools.filePath("arguments")),
               (picture + QStringList{"--aencoder", "copy:aac"} + fixed));
     // Named sound tracks: every one of them kept, by copy, under its name.
-    ASSERT_TRUE(
+    ASSERT_FALSE(
         HandBrakeWrapper::instance().convert(source, tricky, "2500", "30", {"Game and narrator", "Game"}));
     EXPECT_EQ(test::readLines(m_tools.filePath("arguments")),
               (picture +
@@ -73,6 +73,16 @@ TEST_F(ShellCommandTest, AToolIsReadWhileItRuns) {
     writeTool("talker", "head -c 6000000 /dev/zero | tr '\\0' x\nexit 3\n");
     EXPECT_TRUE(ShellCommand::runCommand("talker", {}) ==
                 (QVariantMap{{ShellCommandOutput, QString(6000000, 'x')}, {ShellCommandStatus, 3}}));
+}
+
+// A tool that fails gives its status and the end of its output, carriage-return progress counted
+// as lines, for the log and the recorder's report.
+TEST_F(ShellCommandTest, AFailedToolGivesItsStatusAndTheEndOfItsOutput) {
+    writeTool("failing", "echo first\nprintf '10%%\\r50%%\\r'\necho\necho '  last  '\nexit 2\n");
+    const Error error = ShellCommand::runSucceeded("failing", {});
+    EXPECT_EQ(error.step(), "run failing");
+    EXPECT_EQ(error.code(), 2);
+    EXPECT_EQ(error.detail(), "10% / 50% / last");
 }
 
 // A second of `source` (an ffmpeg lavfi source) in a QuickTime movie made by the ffmpeg

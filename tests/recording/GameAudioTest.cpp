@@ -97,13 +97,15 @@ TEST(GameAudio, ListeningIsHeardOnceAndARecordingKeepsItsFirstInstantOrSaysItCan
     {
         AudioRecord record(QStringLiteral("Game"), &audioThread);
         record.share(game.input(), std::chrono::milliseconds(0));
-        ASSERT_TRUE(record.start("GameIn", bundle.path(), true));
+        const Error started = record.start("GameIn", bundle.path(), true);
+        ASSERT_FALSE(started) << started.logLine();
         EXPECT_GT(outputLevel(), listened * 0.7) << "heard while recording";
         EXPECT_EQ(streamsPlayed(), 1) << "the recording's play-through is the listening's";
         // The track ends with the picture, here a little after the stop: the sound up to then is
         // waited for, and none after it is kept.
         const auto pictureEnd = std::chrono::system_clock::now() + std::chrono::milliseconds(300);
-        ASSERT_TRUE(record.stop(pictureEnd));
+        const Error stopped = record.stop(pictureEnd);
+        ASSERT_FALSE(stopped) << stopped.logLine();
         const QJsonObject probed = test::probe((bundle.path() + "/AudioGame.mov").toStdString(),
                                                {"-show_entries", "format=duration:format_tags"});
         EXPECT_NEAR(probed["format"]["tags"]["zandor_capture_start"].toString().toDouble() +
@@ -116,17 +118,17 @@ TEST(GameAudio, ListeningIsHeardOnceAndARecordingKeepsItsFirstInstantOrSaysItCan
     // of an input still opening.
     EXPECT_GT(level(recorded, 1100, test::PulseServer::SampleRate / 10), 3000);
 
-    // A file that cannot be finished (it cannot grow, as on a full disk) makes stop() say so,
-    // which the video recorder turns into its message.
+    // A file that cannot be finished (it cannot grow, as on a full disk) makes stop() say so with
+    // the system's code, which the video recorder turns into its message.
     QTemporaryDir full;
     test::FileSizeLimit limit(0);
     ASSERT_TRUE(limit.isSet());
     AudioRecord failing(QStringLiteral("Game"), &audioThread);
-    const bool started = failing.start("GameIn", full.path(), false);
-    const bool stopped = failing.stop();
+    const Error started = failing.start("GameIn", full.path(), false);
+    const Error stopped = failing.stop();
     ASSERT_TRUE(limit.lift());
-    EXPECT_TRUE(started);
-    EXPECT_FALSE(stopped);
+    EXPECT_FALSE(started) << started.logLine();
+    EXPECT_EQ(stopped.systemCode(), EFBIG) << stopped.logLine();
 }
 
 } // namespace

@@ -11,6 +11,7 @@
 #include "settings/Settings.h"
 #include "recording/ShellCommand.h"
 #include "recording/VideoRecorder.h"
+#include "session/CaptureSession.h"
 
 #include <gtest/gtest.h>
 
@@ -54,9 +55,9 @@ private:
 class Delegate final : public RecorderDelegate {
 public:
     void recordDone() override {}
-    void recordError(const QString& message) override {
+    void recordError(const RecordingProblem& problem) override {
         std::scoped_lock lock(m_mutex);
-        errors.append(message);
+        errors.append(session::recordingMessage(problem));
     }
     std::mutex m_mutex;
     QStringList errors;
@@ -370,11 +371,10 @@ TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverla
 TEST_F(RecorderTest, ASaveThatWritesNothingSaysWhyByItsCause) {
     const auto cause = [](const Result<QString>& saved) {
         EXPECT_FALSE(saved);
-        EXPECT_EQ(saved.error().domain(), Error::Domain::Other) << saved.error().logLine();
-        return static_cast<ReplayBuffer::SaveFailure>(saved.error().code());
+        return saved.error().step();
     };
     auto buffer = std::make_shared<ReplayBuffer>(m_top, m_settings, 2);
-    EXPECT_EQ(cause(buffer->save(m_folder.path())), ReplayBuffer::SaveFailure::Empty);
+    EXPECT_EQ(cause(buffer->save(m_folder.path())), ReplayBuffer::EmptyStep);
 
     auto watch = m_top->addObserver(m_wakeup);
     ASSERT_TRUE(buffer->start());
@@ -387,7 +387,7 @@ TEST_F(RecorderTest, ASaveThatWritesNothingSaysWhyByItsCause) {
     // A folder inside a regular file cannot be made, whoever runs the test.
     ASSERT_TRUE(test::writeFile(m_folder.path() + "/file", "not a folder"));
     const Result<QString> saved = buffer->save(m_folder.path() + "/file/replays");
-    EXPECT_EQ(cause(saved), ReplayBuffer::SaveFailure::FolderNotWritable);
+    EXPECT_EQ(cause(saved), ReplayBuffer::FolderStep);
     EXPECT_EQ(saved.error().path(), (m_folder.path() + "/file/replays").toStdString());
     m_top->removeObserver(watch);
     buffer->stop();

@@ -10,6 +10,8 @@
 #include <QFileInfo>
 #include <QTemporaryDir>
 
+#include <cerrno>
+
 namespace zandor {
 namespace {
 
@@ -20,13 +22,14 @@ TEST(RecordingBundleTest, ASecondTakenByABundleOrAMovieIsNumbered) {
     const QString stem = folder.path() + "/Capture " + Stamp;
     const auto nothingTaken = [](const QString&) { return false; };
     RecordingBundle first, second, third;
-    ASSERT_TRUE(first.create(folder.path(), Stamp, nothingTaken));
+    ASSERT_FALSE(first.create(folder.path(), Stamp, nothingTaken));
     EXPECT_EQ(first.path(), stem + ".zdrecord");
     EXPECT_EQ(first.basePath(), stem);
-    ASSERT_TRUE(second.create(folder.path(), Stamp, nothingTaken));
+    ASSERT_FALSE(second.create(folder.path(), Stamp, nothingTaken));
     EXPECT_EQ(second.path(), stem + " 2.zdrecord");
     // A finished movie of the third number is there: its bundle takes the fourth.
-    ASSERT_TRUE(third.create(folder.path(), Stamp, [&](const QString& base) { return base == stem + " 3"; }));
+    ASSERT_FALSE(
+        third.create(folder.path(), Stamp, [&](const QString& base) { return base == stem + " 3"; }));
     EXPECT_EQ(third.path(), stem + " 4.zdrecord");
 
     ASSERT_TRUE(test::writeFile(folder.path() + "/Replay.mp4"));
@@ -40,22 +43,22 @@ TEST(RecordingBundleTest, ASecondTakenByABundleOrAMovieIsNumbered) {
 TEST(RecordingBundleTest, AHeldBundleIsNeitherAbandonedNorHeldTwice) {
     QTemporaryDir folder;
     RecordingBundle recording;
-    ASSERT_TRUE(recording.create(folder.path(), Stamp, [](const QString&) { return false; }));
-    ASSERT_TRUE(recording.lock());
+    ASSERT_FALSE(recording.create(folder.path(), Stamp, [](const QString&) { return false; }));
+    ASSERT_FALSE(recording.lock());
     EXPECT_TRUE(RecordingBundle::abandoned(folder.path()).isEmpty());
     RecordingBundle other;
-    ASSERT_TRUE(other.open(recording.path()));
-    EXPECT_FALSE(other.lock()) << "held by the recording";
+    ASSERT_FALSE(other.open(recording.path()));
+    EXPECT_EQ(other.lock().systemCode(), EWOULDBLOCK) << "held by the recording";
     recording.unlock();
     EXPECT_EQ(RecordingBundle::abandoned(folder.path()), QStringList{recording.path()});
-    EXPECT_TRUE(other.lock());
-    EXPECT_FALSE(RecordingBundle().open(folder.path())) << "not named *.zdrecord";
+    EXPECT_FALSE(other.lock());
+    EXPECT_TRUE(RecordingBundle().open(folder.path())) << "not named *.zdrecord";
 }
 
 TEST(RecordingBundleTest, TheChoicesAreReadBackAndMoviesNameTheirLayoutsWithoutThem) {
     QTemporaryDir folder;
     RecordingBundle bundle;
-    ASSERT_TRUE(bundle.create(folder.path(), Stamp, [](const QString&) { return false; }));
+    ASSERT_FALSE(bundle.create(folder.path(), Stamp, [](const QString&) { return false; }));
     EXPECT_FALSE(bundle.readChoices()) << "none written yet";
     for (const char* movie : {"VideoTop.mov", "VideoSide by Side.mov", "AudioGame.mov", "Videox.mp4"}) {
         ASSERT_TRUE(test::writeFile(bundle.path() + "/" + movie));
@@ -63,7 +66,7 @@ TEST(RecordingBundleTest, TheChoicesAreReadBackAndMoviesNameTheirLayoutsWithoutT
     EXPECT_EQ(bundle.movieLayouts(), (QStringList{"Side by Side", "Top"}));
 
     const RecordingBundle::Choices choices{{"Top", "Dou/ble"}, "30", "High"};
-    ASSERT_TRUE(bundle.writeChoices(choices));
+    ASSERT_FALSE(bundle.writeChoices(choices));
     const auto read = bundle.readChoices();
     ASSERT_TRUE(read);
     EXPECT_EQ(read->layouts, choices.layouts);

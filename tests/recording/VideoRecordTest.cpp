@@ -89,7 +89,8 @@ TEST_F(VideoRecordTest, TimesFramesByTheirNumbersAndFillsTheMissingOnesWithTheFr
         m_settings.videoQuality = quality;
         auto side = layout(width, height);
         VideoRecord record(side);
-        ASSERT_TRUE(record.start(m_folder.path(), m_settings));
+        const Error started = record.start(m_folder.path(), m_settings);
+        ASSERT_FALSE(started) << started.logLine();
         EXPECT_FALSE(record.pictureEnd());
 
         // Numbers from 1000 to 1149 with 1040 to 1042 and 1100 missing, read at uneven times; one
@@ -115,7 +116,8 @@ TEST_F(VideoRecordTest, TimesFramesByTheirNumbersAndFillsTheMissingOnesWithTheFr
         EXPECT_EQ(record.pictureEnd(),
                   start + std::chrono::duration_cast<std::chrono::system_clock::duration>(
                               150 * CaptureDevice::DefaultFramePeriod));
-        ASSERT_TRUE(record.stop());
+        const Error stopped = record.stop();
+        ASSERT_FALSE(stopped) << stopped.logLine();
         EXPECT_FALSE(record.append(*frame(*side, 2000, 99.0)));
 
         const Probed probed = probe(record.recordPath());

@@ -17,7 +17,9 @@
 #include <QTemporaryDir>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -357,6 +359,8 @@ TEST_F(RecordingSystemTest, AnAudioInputThatIsGoneStopsTheStart) {
         EXPECT_TRUE(contains(run.err, "Could not construct connection of audio recording session\n"))
             << run.err;
         EXPECT_TRUE(contains(run.err, "zandor-cli record: Could not start recording video.")) << run.err;
+        EXPECT_TRUE(contains(run.err, "open the audio input 'GoneIn': " + std::string(std::strerror(ENODEV))))
+            << "the log keeps the cause: " << run.err;
     }
 }
 
