@@ -474,9 +474,13 @@ TEST_F(MainControllerTest, ARecordingThatCannotWriteIsRefusedAndSaidSo) {
 }
 
 // With the "Finalizing video..." sheet dismissed, a second recording started and stopped: quitting
-// waits for the first too, whose conversion takes longer than the pipeline's threads are given.
+// waits for the first too, whose conversion takes longer than the pipeline's threads are given. The
+// first conversion goes on only once the test lets it, so that a slow second one cannot outlast it.
 TEST_F(MainControllerTest, QuittingWaitsForEveryRecordingStillFinalising) {
-    auto& ui = startRecordingWith("mkdir \"$(dirname \"$0\")/first\" 2>/dev/null && sleep 5");
+    auto& ui =
+        startRecordingWith("here=\"$(dirname \"$0\")\"\nif mkdir \"$here/first\" 2>/dev/null; then\n"
+                           "for i in $(seq 1200); do [ -e \"$here/release\" ] && break; sleep 0.05; done\n"
+                           "sleep 6\nfi");
     std::vector<std::shared_ptr<VideoRecorder>> recorders;
     for (int recording = 0; recording < 2; ++recording) {
         recorders.push_back(recordTenFrames(ui));
@@ -484,6 +488,7 @@ TEST_F(MainControllerTest, QuittingWaitsForEveryRecordingStillFinalising) {
     }
     ASSERT_TRUE(recorders[1]->waitUntilFinished(60s));
     EXPECT_FALSE(recorders[0]->isDone()) << "the first still converts";
+    ASSERT_TRUE(test::writeFile(m_tools.path() + "/release"));
     stop();
     EXPECT_TRUE(recorders[0]->isDone());
     EXPECT_EQ(QDir(m_storage.path()).entryList({"*.mp4"}, QDir::Files).size(), 2);
