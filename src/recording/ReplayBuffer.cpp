@@ -319,13 +319,68 @@ uint64_t ReplayBuffer::heldBytes() {
     return m_bytes;
 }
 
-namespace {
-
 // What a save writes of one track: its codec, and its packets with their system-clock microseconds.
-struct Track {
+struct ReplayBuffer::Track {
     ff::CodecParameters parameters;
     std::vector<std::pair<ff::Packet, int64_t>> packets;
 };
+
+// What the ring held when a save began: copies of its packets, sharing their data.
+struct ReplayBuffer::Snapshot {
+    Track video;
+    Track sound;
+    int64_t origin = 0; // the first picture's system-clock microseconds
+    bool copied = true;
+    bool soundShort = false; // the last picture's sound did not arrive in time
+};
+
+namespace {
+
+using Track = ReplayBuffer::Track;
+
+struct Written {
+    Track* track;
+    AVStream* stream;
+    AVRational timeBase;
+};
+
+// Dates a track's packets from `origin`, in its stream's time base. A picture shows until the next
+// one; the last for the board's frame period.
+void stampTrack(const Written& written, bool pictures, int64_t origin) {
+    auto& packets = written.track->packets;
+    const auto at = [&](int64_t wall) { return av_rescale(wall - origin, written.timeBase.den, 1000000); };
+    for (size_t i = 0; i < packets.size(); ++i) {
+        AVPacket* packet = packets[i].first.get();
+        packet->pts = packet->dts = at(packets[i].second);
+        if (pictures) {
+            packet->duration = i + 1 < packets.size()
+                                   ? at(packets[i + 1].second) - packet->pts
+                                   : av_rescale(FramePeriodUs, written.timeBase.den, 1000000);
+        }
+        av_packet_rescale_ts(packet, written.timeBase, written.stream->time_base);
+        packet->stream_index = written.stream->index;
+        packet->pos = -1;
+    }
+}
+
+// Both tracks' packets in time order, as the muxer interleaves them.
+std::vector<AVPacket*> inTimeOrder(const std::vector<Written>& tracks) {
+    std::vector<std::pair<double, AVPacket*>> order;
+    for (const Written& written : tracks) {
+        for (const auto& packet : written.track->packets) {
+            order.emplace_back(static_cast<double>(packet.first->dts) * av_q2d(written.stream->time_base),
+                               packet.first.get());
+        }
+    }
+    std::stable_sort(order.begin(), order.end(),
+                     [](const auto& one, const auto& other) { return one.first < other.first; });
+    std::vector<AVPacket*> packets;
+    packets.reserve(order.size());
+    for (const auto& entry : order) {
+        packets.push_back(entry.second);
+    }
+    return packets;
+}
 
 // Writes the tracks as an MP4 movie whose time zero is the first picture's time, `origin`.
 Error writeMovie(const std::string& path, Track& video, Track& sound, int64_t origin) {
@@ -340,11 +395,6 @@ Error writeMovie(const std::string& path, Track& video, Track& sound, int64_t or
     if (const Error opened = output.open(path, "mp4")) {
         return failed(opened.code());
     }
-    struct Written {
-        Track* track;
-        AVStream* stream;
-        AVRational timeBase;
-    };
     std::vector<Written> tracks;
     for (auto [track, timeBase] : {std::pair{&video, AVRational{1, 1000}},
                                    std::pair{&sound, AVRational{1, AudioEncoder::SampleRate}}}) {
@@ -376,35 +426,9 @@ Error writeMovie(const std::string& path, Track& video, Track& sound, int64_t or
         return failed(header.code());
     }
     for (const Written& written : tracks) {
-        auto& packets = written.track->packets;
-        for (size_t i = 0; i < packets.size(); ++i) {
-            AVPacket* packet = packets[i].first.get();
-            const auto at = [&](int64_t wall) {
-                return av_rescale(wall - origin, written.timeBase.den, 1000000);
-            };
-            packet->pts = packet->dts = at(packets[i].second);
-            if (written.track == &video) {
-                // A picture shows until the next one; the last for the board's frame period.
-                packet->duration = i + 1 < packets.size()
-                                       ? at(packets[i + 1].second) - packet->pts
-                                       : av_rescale(FramePeriodUs, written.timeBase.den, 1000000);
-            }
-            av_packet_rescale_ts(packet, written.timeBase, written.stream->time_base);
-            packet->stream_index = written.stream->index;
-            packet->pos = -1;
-        }
+        stampTrack(written, written.track == &video, origin);
     }
-    // Both tracks in time order, as the muxer interleaves them.
-    std::vector<std::pair<double, AVPacket*>> order;
-    for (const Written& written : tracks) {
-        for (const auto& packet : written.track->packets) {
-            order.emplace_back(static_cast<double>(packet.first->dts) * av_q2d(written.stream->time_base),
-                               packet.first.get());
-        }
-    }
-    std::stable_sort(order.begin(), order.end(),
-                     [](const auto& one, const auto& other) { return one.first < other.first; });
-    for (const auto& [time, packet] : order) {
+    for (AVPacket* packet : inTimeOrder(tracks)) {
         if (const Error written =
                 ff::failure(av_interleaved_write_frame(output.get(), packet), "av_interleaved_write_frame")) {
             return failed(written.code());
@@ -422,62 +446,64 @@ Error writeMovie(const std::string& path, Track& video, Track& sound, int64_t or
 
 } // namespace
 
-Result<QString> ReplayBuffer::save(const QString& folder) {
-    // What the ring holds now, by reference: the ring goes on while the copy is written.
-    Track video, sound;
-    int64_t origin = 0;
-    bool copied = true;
-    bool soundShort = false;
-    {
-        std::unique_lock lock(m_ringLock);
-        // The sound ends with the picture: the picture's encoder may lag behind the sound's, and the
-        // sound of the last picture may still be on its way from the input. The replay ends with the
-        // pictures held now; the ring may move on while the sound is waited for.
-        int64_t pictureEnd = 0;
-        for (const Packet& packet : m_ring) {
-            pictureEnd = std::max(pictureEnd, packet.wallMicroseconds + FramePeriodUs);
-        }
-        const int64_t offset = m_offsetMicroseconds;
-        if (m_audioParameters && !m_ring.empty()) {
-            soundShort = !m_soundArrived.wait_for(lock, SoundWait, [&] {
-                return !m_soundRunning ||
-                       (!m_audio.empty() &&
-                        m_audio.back().wallMicroseconds + SoundPacketUs + offset >= pictureEnd);
-            });
-        }
-        origin = m_ring.empty() ? 0 : m_ring.front().wallMicroseconds;
-        for (auto [track, from] :
-             {std::pair{&video, m_parameters.get()}, std::pair{&sound, m_audioParameters.get()}}) {
-            if (from) {
-                track->parameters.reset(avcodec_parameters_alloc());
-                copied = copied && track->parameters &&
-                         avcodec_parameters_copy(track->parameters.get(), from) >= 0;
-            }
-        }
-        video.packets.reserve(m_ring.size());
-        for (const Packet& packet : m_ring) {
-            if (packet.wallMicroseconds >= pictureEnd) {
-                break;
-            }
-            video.packets.emplace_back(ff::Packet(av_packet_clone(packet.packet.get())),
-                                       packet.wallMicroseconds);
-            copied = copied && video.packets.back().first;
-        }
-        // The sound from the first picture to the last, placed by the offset of now. A packet that
-        // starts before the first picture is left out: the sound may start up to one packet late.
-        for (const Packet& packet : m_audio) {
-            const int64_t placed = packet.wallMicroseconds + offset;
-            if (placed < origin) {
-                continue;
-            }
-            if (placed >= pictureEnd) {
-                break;
-            }
-            sound.packets.emplace_back(ff::Packet(av_packet_clone(packet.packet.get())), placed);
-            copied = copied && sound.packets.back().first;
+ReplayBuffer::Snapshot ReplayBuffer::snapshot() {
+    Snapshot held;
+    std::unique_lock lock(m_ringLock);
+    // The sound ends with the picture: the picture's encoder may lag behind the sound's, and the
+    // sound of the last picture may still be on its way from the input. The replay ends with the
+    // pictures held now; the ring may move on while the sound is waited for.
+    int64_t pictureEnd = 0;
+    for (const Packet& packet : m_ring) {
+        pictureEnd = std::max(pictureEnd, packet.wallMicroseconds + FramePeriodUs);
+    }
+    const int64_t offset = m_offsetMicroseconds;
+    if (m_audioParameters && !m_ring.empty()) {
+        held.soundShort = !m_soundArrived.wait_for(lock, SoundWait, [&] {
+            return !m_soundRunning ||
+                   (!m_audio.empty() &&
+                    m_audio.back().wallMicroseconds + SoundPacketUs + offset >= pictureEnd);
+        });
+    }
+    held.origin = m_ring.empty() ? 0 : m_ring.front().wallMicroseconds;
+    for (auto [track, from] :
+         {std::pair{&held.video, m_parameters.get()}, std::pair{&held.sound, m_audioParameters.get()}}) {
+        if (from) {
+            track->parameters.reset(avcodec_parameters_alloc());
+            held.copied = held.copied && track->parameters &&
+                          avcodec_parameters_copy(track->parameters.get(), from) >= 0;
         }
     }
-    if (soundShort) {
+    held.video.packets.reserve(m_ring.size());
+    for (const Packet& packet : m_ring) {
+        if (packet.wallMicroseconds >= pictureEnd) {
+            break;
+        }
+        held.video.packets.emplace_back(ff::Packet(av_packet_clone(packet.packet.get())),
+                                        packet.wallMicroseconds);
+        held.copied = held.copied && held.video.packets.back().first;
+    }
+    // The sound from the first picture to the last, placed by the offset of now. A packet that
+    // starts before the first picture is left out: the sound may start up to one packet late.
+    for (const Packet& packet : m_audio) {
+        const int64_t placed = packet.wallMicroseconds + offset;
+        if (placed < held.origin) {
+            continue;
+        }
+        if (placed >= pictureEnd) {
+            break;
+        }
+        held.sound.packets.emplace_back(ff::Packet(av_packet_clone(packet.packet.get())), placed);
+        held.copied = held.copied && held.sound.packets.back().first;
+    }
+    return held;
+}
+
+Result<QString> ReplayBuffer::save(const QString& folder) {
+    // What the ring holds now, by reference: the ring goes on while the copy is written.
+    Snapshot held = snapshot();
+    Track& video = held.video;
+    Track& sound = held.sound;
+    if (held.soundShort) {
         logs::recording.warning(
             "The sound of the last picture did not arrive in time: the replay's sound ends "
             "before its picture");
@@ -485,7 +511,7 @@ Result<QString> ReplayBuffer::save(const QString& folder) {
     if (video.packets.empty() || !video.parameters) {
         return Error::other(EmptyStep, {}, "no picture has been shown since the buffer was turned on");
     }
-    if (!copied) {
+    if (!held.copied) {
         return Error::system("cannot copy the replay", {}, ENOMEM);
     }
 
@@ -505,7 +531,7 @@ Result<QString> ReplayBuffer::save(const QString& folder) {
         return created.systemCode() != 0 ? Error::system(FolderStep, created.path(), created.systemCode())
                                          : Error::other(FolderStep, created.path(), created.cause());
     }
-    Error failure = writeMovie(file.path(), video, sound, origin);
+    Error failure = writeMovie(file.path(), video, sound, held.origin);
     if (!failure) {
         failure = file.commit();
     }

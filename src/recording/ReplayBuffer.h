@@ -69,6 +69,8 @@ public:
     double heldSeconds();
     uint64_t heldBytes();
 
+    struct Track;
+
 protected:
     bool capture(const LayoutPtr& layout, const ObserverPtr& observer) override;
 
@@ -79,6 +81,9 @@ private:
         bool key;
     };
 
+    struct Snapshot;
+    // Copies what a save writes, waiting, bounded, for the sound of the last picture.
+    Snapshot snapshot();
     // Moves the encoder's finished packets into the ring, then drops what has fallen out of it.
     void collect();
     // On the game input's thread: encodes its sound into the ring.
