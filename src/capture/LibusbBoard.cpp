@@ -49,7 +49,25 @@ int diagnoseOpenFailure(uint16_t vendorId, uint16_t productId, std::string& deni
     return LIBUSB_ERROR_NOT_FOUND;
 }
 
+// The iSerialNumber string of an open device; empty when it has none or it cannot be read.
+std::string serialOf(libusb_device_handle* handle) {
+    libusb_device_descriptor descriptor{};
+    if (libusb_get_device_descriptor(libusb_get_device(handle), &descriptor) != LIBUSB_SUCCESS ||
+        descriptor.iSerialNumber == 0) {
+        return {};
+    }
+    unsigned char text[32]; // at most 31 characters
+    const int length =
+        libusb_get_string_descriptor_ascii(handle, descriptor.iSerialNumber, text, sizeof text);
+    return length > 0 ? std::string(reinterpret_cast<const char*>(text), static_cast<size_t>(length))
+                      : std::string();
+}
+
 } // namespace
+
+const char* usb::errorName(int code) {
+    return libusb_error_name(code);
+}
 
 LibusbBoard::~LibusbBoard() {
     {
@@ -97,6 +115,69 @@ bool LibusbBoard::openDeviceWithVidPid(uint16_t vendorId, uint16_t productId) {
     m_deniedNode.clear();
     m_openError = m_handle ? LIBUSB_SUCCESS : diagnoseOpenFailure(vendorId, productId, m_deniedNode);
     return m_handle != nullptr;
+}
+
+template <class Visit>
+libusb_device_handle* LibusbBoard::findBoard(uint16_t vendorId, uint16_t productId, Visit visit) {
+    libusb_device** devices = nullptr;
+    const ssize_t count = libusb_get_device_list(nullptr, &devices);
+    libusb_device_handle* kept = nullptr;
+    for (ssize_t i = 0; i < count && !kept; ++i) {
+        libusb_device_descriptor descriptor{};
+        if (libusb_get_device_descriptor(devices[i], &descriptor) != LIBUSB_SUCCESS ||
+            descriptor.idVendor != vendorId || descriptor.idProduct != productId) {
+            continue;
+        }
+        libusb_device_handle* handle = nullptr;
+        if (const int result = libusb_open(devices[i], &handle); result != LIBUSB_SUCCESS) {
+            m_openError = result == LIBUSB_ERROR_ACCESS ? LIBUSB_ERROR_ACCESS : m_openError;
+            continue;
+        }
+        if (visit(handle)) {
+            kept = handle;
+        } else {
+            libusb_close(handle);
+        }
+    }
+    if (count >= 0) {
+        libusb_free_device_list(devices, 1);
+    }
+    return kept;
+}
+
+bool LibusbBoard::openDeviceWithSerial(uint16_t vendorId, uint16_t productId, const std::string& serial) {
+    std::unique_lock lock(m_handleMutex);
+    closeLocked();
+    m_vendorId = vendorId;
+    m_productId = productId;
+    m_openError = LIBUSB_ERROR_NOT_FOUND;
+    m_deniedNode.clear();
+    // Boards we may not open cannot tell their serial; one of them may be the one wanted.
+    m_handle = findBoard(vendorId, productId,
+                         [&serial](libusb_device_handle* handle) { return serialOf(handle) == serial; });
+    if (m_handle) {
+        m_openError = LIBUSB_SUCCESS;
+    } else if (m_openError == LIBUSB_ERROR_ACCESS) {
+        m_openError = diagnoseOpenFailure(vendorId, productId, m_deniedNode);
+    }
+    return m_handle != nullptr;
+}
+
+std::string LibusbBoard::serialNumber() {
+    std::shared_lock lock(m_handleMutex);
+    return m_handle ? serialOf(m_handle) : std::string();
+}
+
+std::vector<std::string> LibusbBoard::serialNumbers(uint16_t vendorId, uint16_t productId) {
+    std::vector<std::string> serials;
+    std::unique_lock lock(m_handleMutex); // m_openError
+    const int openError = m_openError;
+    findBoard(vendorId, productId, [&serials](libusb_device_handle* handle) {
+        serials.push_back(serialOf(handle));
+        return false;
+    });
+    m_openError = openError;
+    return serials;
 }
 
 int LibusbBoard::setConfiguration(int configuration) {

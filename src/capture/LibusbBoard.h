@@ -29,6 +29,9 @@ public:
     int bulkTransfer(uint8_t endpoint, uint8_t* data, int length, int* transferred,
                      unsigned timeoutMs) override;
     int clearHalt(uint8_t endpoint) override;
+    bool openDeviceWithSerial(uint16_t vendorId, uint16_t productId, const std::string& serial) override;
+    std::string serialNumber() override;
+    std::vector<std::string> serialNumbers(uint16_t vendorId, uint16_t productId) override;
 
     int openError(std::string& node) override;
     void close() override;
@@ -39,6 +42,10 @@ public:
 private:
     static int hotplugArrived(libusb_context* context, libusb_device* device, int event, void* self);
     void closeLocked();
+    // Calls `visit` with each plugged-in board with these ids, opened, until it returns true (then
+    // the handle is kept and returned); null when none was kept.
+    template <class Visit>
+    libusb_device_handle* findBoard(uint16_t vendorId, uint16_t productId, Visit visit);
 
     // Transfers hold it shared, replacing or closing the handle holds it exclusively, so a handle
     // is never closed under a transfer still running on another thread.

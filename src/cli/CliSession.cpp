@@ -2,7 +2,7 @@
 
 #include "base/CommandLine.h"
 #include "capture/Boards.h"
-#include "capture/UsbBoard.h"
+#include "capture/Board.h"
 #include "layouts/LayoutController.h"
 #include "settings/Settings.h"
 #include "settings/VideoQuality.h"
@@ -71,11 +71,12 @@ std::unique_ptr<CaptureSession> openSession(const CommandLine& options, std::str
         captured.narratorAudioInput = QString::fromStdString(*input);
     }
 
-    auto board = createBoard(options.value("board").value_or("usb"), error);
+    auto board = createBoard(options.value("board").value_or("usb"));
     if (!board) {
+        error = session::boardChoiceMessage(board.error());
         return nullptr;
     }
-    auto session = std::make_unique<CaptureSession>(std::move(board), std::move(captured));
+    auto session = std::make_unique<CaptureSession>(std::move(*board), std::move(captured));
     LayoutController& catalogue = LayoutController::instance();
     const QString name = QString::fromStdString(options.value("layout").value_or(""));
     if (name.isEmpty()) {

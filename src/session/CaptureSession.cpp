@@ -4,6 +4,9 @@
 #include "base/Log.h"
 #include "base/RunOn.h"
 #include "capture/CaptureDevice.h"
+#include "capture/Board.h"
+#include "capture/Boards.h"
+#include "capture/ReplayBoard.h"
 #include "capture/UsbBoard.h"
 #include "layouts/LayoutController.h"
 #include "recording/ImageRecorder.h"
@@ -66,7 +69,32 @@ QString session::ReplaySaved::message() const {
     return QStringLiteral("The movie could not be written to \"%1\".").arg(folder);
 }
 
-CaptureSession::CaptureSession(std::unique_ptr<UsbBoard> board, CaptureSettings settings)
+std::string session::boardChoiceMessage(const Error& error) {
+    if (error.step() == StepChoose) {
+        return error.code() == static_cast<int>(BoardNameProblem::ReplayWithoutFile)
+                   ? "The replay board needs a file: replay:FILE"
+                   : "Unknown board '" + error.path() + "': use usb, demo or replay:FILE";
+    }
+    if (error.step() == ReplayBoard::StepOpen) {
+        switch (error.code()) {
+        case ReplayBoard::Unreadable:
+            return "Could not open replay file '" + error.path() + "': " + error.detail();
+        case ReplayBoard::NotRegular:
+        case ReplayBoard::NotFrames:
+            return "Replay file '" + error.path() + "' " + error.detail();
+        default:
+            break;
+        }
+    }
+    return error.logLine();
+}
+
+bool session::boardNeedsPermission(const Error& error) {
+    return error.domain() == Error::Domain::Usb && error.step() == Board::StepOpen &&
+           error.code() == usb::ErrorAccess;
+}
+
+CaptureSession::CaptureSession(std::unique_ptr<Board> board, CaptureSettings settings)
     : m_device(CaptureDevice::create(std::move(board))), m_settings(std::move(settings)),
       m_gameAudio(std::make_unique<GameAudio>()) {
     LayoutController::instance().setDevice(m_device);

@@ -13,6 +13,7 @@
 #include "app/ZDAppDelegate.h"
 #include "base/Worker.h"
 #include "capture/CaptureDevice.h"
+#include "capture/ClassicBoard.h"
 #include "capture/DemoBoard.h"
 #include "layouts/LayoutController.h"
 #include "recording/ImageRecorder.h"
@@ -88,7 +89,7 @@ protected:
     }
 
     ::Ui::MainWindow& start(std::unique_ptr<UsbBoard> board = std::make_unique<DemoBoard>()) {
-        m_controller = std::make_unique<MainController>(std::move(board));
+        m_controller = std::make_unique<MainController>(std::make_unique<ClassicBoard>(std::move(board)));
         m_controller->awakeFromNib();
         m_controller->mainWindow()->show();
         return m_controller->mainWindow()->ui;

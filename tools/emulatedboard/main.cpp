@@ -83,11 +83,12 @@ int main(int argc, char** argv) {
     if (replay.empty()) {
         model = std::make_unique<zandor::DemoBoard>();
     } else {
-        model = zandor::ReplayBoard::open(replay, error);
-        if (!model) {
-            std::fprintf(stderr, "with-emulated-board: %s\n", error.c_str());
+        auto file = zandor::ReplayBoard::open(replay);
+        if (!file) {
+            std::fprintf(stderr, "with-emulated-board: %s\n", file.error().logLine().c_str());
             return 2;
         }
+        model = std::move(*file);
     }
     auto board = zandor::EmulatedBoard::create(std::move(model), error);
     if (!board) {
