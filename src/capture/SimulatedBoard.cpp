@@ -222,6 +222,11 @@ void SimulatedBoard::setSerial(std::string serial) {
     m_serial = std::move(serial);
 }
 
+std::string SimulatedBoard::serial() const {
+    std::scoped_lock lock(m_mutex);
+    return m_serial;
+}
+
 void SimulatedBoard::setFirmwareVersion(int version) {
     std::scoped_lock lock(m_mutex);
     m_firmwareVersion = version;

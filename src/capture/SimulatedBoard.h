@@ -53,6 +53,7 @@ public:
     // The serial number (at most 31 ASCII characters; empty for none) and the firmware version
     // (0: the board does not answer the version request).
     void setSerial(std::string serial);
+    std::string serial() const;
     void setFirmwareVersion(int version);
     // A board whose firmware sends no sound lets every read after the picture time out.
     void setSendsSound(bool sends);
