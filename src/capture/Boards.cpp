@@ -16,9 +16,13 @@ Error badName(const std::string& name, BoardNameProblem problem) {
 } // namespace
 
 Result<std::unique_ptr<Board>> createBoard(const std::string& name) {
-    const std::string replay = "replay:";
+    const std::string replay = "replay:", usbSerial = "usb:";
     if (name == "usb") {
         return std::unique_ptr<Board>(std::make_unique<ClassicBoard>(std::make_unique<LibusbBoard>()));
+    }
+    if (name.compare(0, usbSerial.size(), usbSerial) == 0 && name.size() > usbSerial.size()) {
+        return std::unique_ptr<Board>(std::make_unique<ClassicBoard>(
+            std::make_unique<LibusbBoard>(), "Capture board", name.substr(usbSerial.size())));
     }
     if (name == "demo") {
         return std::unique_ptr<Board>(

@@ -37,8 +37,8 @@ std::string BoardInfo::describe() const {
     return line;
 }
 
-ClassicBoard::ClassicBoard(std::unique_ptr<UsbBoard> usb, std::string name)
-    : m_usb(std::move(usb)), m_name(std::move(name)) {}
+ClassicBoard::ClassicBoard(std::unique_ptr<UsbBoard> usb, std::string name, std::string onlySerial)
+    : m_usb(std::move(usb)), m_name(std::move(name)), m_onlySerial(std::move(onlySerial)) {}
 
 ClassicBoard::~ClassicBoard() = default;
 
@@ -56,7 +56,8 @@ int ClassicBoard::readFirmwareVersion() {
     return value;
 }
 
-Error ClassicBoard::open(const std::string& serial) {
+Error ClassicBoard::open(const std::string& asked) {
+    const std::string& serial = m_onlySerial.empty() ? asked : m_onlySerial;
     if (const int code = m_usb->init(); code < 0) {
         return usbError(StepInit, {}, code);
     }
@@ -165,9 +166,6 @@ BoardInfo ClassicBoard::info() const {
 }
 
 std::vector<std::string> ClassicBoard::serials() {
-    if (m_usb->init() < 0) {
-        return {};
-    }
     return m_usb->serialNumbers(raw::VendorId, raw::ProductId);
 }
 

@@ -16,7 +16,9 @@ class UsbBoard;
 // request. The conversation goes through a UsbBoard: libusb for the real board, or a simulated one.
 class ClassicBoard final : public Board {
 public:
-    explicit ClassicBoard(std::unique_ptr<UsbBoard> usb, std::string name = "Capture board");
+    // With `onlySerial`, the driver opens that board alone, whatever serial open() is asked for.
+    explicit ClassicBoard(std::unique_ptr<UsbBoard> usb, std::string name = "Capture board",
+                          std::string onlySerial = {});
     ~ClassicBoard() override;
 
     Error open(const std::string& serial) override;
@@ -41,6 +43,7 @@ private:
 
     const std::unique_ptr<UsbBoard> m_usb;
     const std::string m_name;
+    const std::string m_onlySerial;
     // What the board told at its last opening and its first frames; guarded by m_lock, as the log
     // and the command line may ask while the device thread reads.
     mutable std::mutex m_lock;

@@ -117,10 +117,16 @@ bool LibusbBoard::openDeviceWithVidPid(uint16_t vendorId, uint16_t productId) {
     return m_handle != nullptr;
 }
 
+namespace {
+
+// Calls `visit` with each plugged-in board with these ids of `context`, opened, until it returns
+// true: that handle is returned, the others closed. `denied` tells whether one could not be opened
+// for want of permission.
 template <class Visit>
-libusb_device_handle* LibusbBoard::findBoard(uint16_t vendorId, uint16_t productId, Visit visit) {
+libusb_device_handle* findBoard(libusb_context* context, uint16_t vendorId, uint16_t productId, bool& denied,
+                                Visit visit) {
     libusb_device** devices = nullptr;
-    const ssize_t count = libusb_get_device_list(nullptr, &devices);
+    const ssize_t count = libusb_get_device_list(context, &devices);
     libusb_device_handle* kept = nullptr;
     for (ssize_t i = 0; i < count && !kept; ++i) {
         libusb_device_descriptor descriptor{};
@@ -130,7 +136,7 @@ libusb_device_handle* LibusbBoard::findBoard(uint16_t vendorId, uint16_t product
         }
         libusb_device_handle* handle = nullptr;
         if (const int result = libusb_open(devices[i], &handle); result != LIBUSB_SUCCESS) {
-            m_openError = result == LIBUSB_ERROR_ACCESS ? LIBUSB_ERROR_ACCESS : m_openError;
+            denied = denied || result == LIBUSB_ERROR_ACCESS;
             continue;
         }
         if (visit(handle)) {
@@ -145,6 +151,8 @@ libusb_device_handle* LibusbBoard::findBoard(uint16_t vendorId, uint16_t product
     return kept;
 }
 
+} // namespace
+
 bool LibusbBoard::openDeviceWithSerial(uint16_t vendorId, uint16_t productId, const std::string& serial) {
     std::unique_lock lock(m_handleMutex);
     closeLocked();
@@ -152,12 +160,13 @@ bool LibusbBoard::openDeviceWithSerial(uint16_t vendorId, uint16_t productId, co
     m_productId = productId;
     m_openError = LIBUSB_ERROR_NOT_FOUND;
     m_deniedNode.clear();
-    // Boards we may not open cannot tell their serial; one of them may be the one wanted.
-    m_handle = findBoard(vendorId, productId,
+    bool denied = false;
+    m_handle = findBoard(nullptr, vendorId, productId, denied,
                          [&serial](libusb_device_handle* handle) { return serialOf(handle) == serial; });
     if (m_handle) {
         m_openError = LIBUSB_SUCCESS;
-    } else if (m_openError == LIBUSB_ERROR_ACCESS) {
+    } else if (denied) {
+        // A board we may not open cannot tell its serial; it may be the one wanted.
         m_openError = diagnoseOpenFailure(vendorId, productId, m_deniedNode);
     }
     return m_handle != nullptr;
@@ -169,14 +178,19 @@ std::string LibusbBoard::serialNumber() {
 }
 
 std::vector<std::string> LibusbBoard::serialNumbers(uint16_t vendorId, uint16_t productId) {
+    // On a context of its own: any thread may ask while the device thread reads, and the board's
+    // handle and state are not touched.
+    libusb_context* context = nullptr;
+    if (libusb_init(&context) != LIBUSB_SUCCESS) {
+        return {};
+    }
     std::vector<std::string> serials;
-    std::unique_lock lock(m_handleMutex); // m_openError
-    const int openError = m_openError;
-    findBoard(vendorId, productId, [&serials](libusb_device_handle* handle) {
+    bool denied = false;
+    findBoard(context, vendorId, productId, denied, [&serials](libusb_device_handle* handle) {
         serials.push_back(serialOf(handle));
         return false;
     });
-    m_openError = openError;
+    libusb_exit(context);
     return serials;
 }
 

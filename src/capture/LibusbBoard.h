@@ -42,10 +42,6 @@ public:
 private:
     static int hotplugArrived(libusb_context* context, libusb_device* device, int event, void* self);
     void closeLocked();
-    // Calls `visit` with each plugged-in board with these ids, opened, until it returns true (then
-    // the handle is kept and returned); null when none was kept.
-    template <class Visit>
-    libusb_device_handle* findBoard(uint16_t vendorId, uint16_t productId, Visit visit);
 
     // Transfers hold it shared, replacing or closing the handle holds it exclusively, so a handle
     // is never closed under a transfer still running on another thread.

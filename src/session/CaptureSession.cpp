@@ -98,6 +98,7 @@ CaptureSession::CaptureSession(std::unique_ptr<Board> board, CaptureSettings set
     : m_device(CaptureDevice::create(std::move(board))), m_settings(std::move(settings)),
       m_gameAudio(std::make_unique<GameAudio>()) {
     LayoutController::instance().setDevice(m_device);
+    m_device->setSerial(m_settings.captureBoard.toStdString());
     m_device->setConnectionObserver(
         [this](bool connected) { emitEvent(session::BoardConnection{connected}); });
     m_camera->setFailureHandler([this](const std::string& reason) {
@@ -215,6 +216,8 @@ std::vector<LayoutPtr> CaptureSession::captureLayouts() const {
 
 void CaptureSession::apply(const CaptureSettings& settings) {
     const CaptureSettings before = std::exchange(m_settings, settings);
+    // Another board is opened at the next Play: the running picture, and any recording of it, go on.
+    m_device->setSerial(settings.captureBoard.toStdString());
     const bool renewBuffer = before.replayBuffer != settings.replayBuffer ||
                              before.replaySeconds != settings.replaySeconds ||
                              before.videoQuality != settings.videoQuality;

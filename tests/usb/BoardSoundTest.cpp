@@ -6,6 +6,7 @@
 #include "GatedBoard.h"
 #include "base/Log.h"
 #include "base/Worker.h"
+#include "capture/Boards.h"
 #include "capture/CaptureData.h"
 #include "capture/CaptureDevice.h"
 #include "capture/ClassicBoard.h"
@@ -175,6 +176,12 @@ TEST_F(BoardSoundTest, ABoardChosenBySerialIsOpenedFoundAgainAndTheOtherLeftAlon
     ASSERT_FALSE(m_board->open("BBB"));
     EXPECT_EQ(m_board->info().serial, "BBB");
     m_board->close();
+    // A board named with its serial on the command line is that board whatever it is asked for.
+    auto named = createBoard("usb:BBB");
+    ASSERT_TRUE(named);
+    ASSERT_FALSE((*named)->open({}));
+    EXPECT_EQ((*named)->info().serial, "BBB");
+    named = createBoard("demo");
     const uint64_t requestsToA = m_emulated->frameRequests();
 
     ASSERT_EQ(Worker::running(), 0);
