@@ -104,6 +104,17 @@ TEST_F(CliTest, DumpWritesTheDemoBoardsFramesWithTheirSoundAndReplaysThemInALoop
         << "the two frames with their sound, then from the first again";
 }
 
+TEST_F(CliTest, BoardInfoTellsWhatTheBoardIs) {
+    const auto result = cli({"board-info", "--board", "demo"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.out, "Name: Demo board\nVendor:product: 16d0:06a3\nSerial: ZD0000000001\nFirmware "
+                          "version: 6\nSound: yes\n");
+    EXPECT_NE(
+        result.err.find("Capture board: Demo board 16d0:06a3, serial ZD0000000001, firmware version 6\n"),
+        std::string::npos)
+        << "the log at connect: " << result.err;
+}
+
 TEST_F(CliTest, ADumpOfPicturesAloneStillReplaysWithoutSound) {
     QByteArray old(2 * raw::FrameBytes, '\0');
     for (uint64_t n = 0; n < 2; ++n) {
