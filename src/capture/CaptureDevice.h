@@ -20,10 +20,10 @@ class Board;
 class CaptureScreen;
 class UsbBoard;
 
-// The capture board: reads one raw frame at a time from the board's driver on a thread of its own, at most 60
-// a second, stamps it with the seconds since listening began (at the moment it was asked for) and publishes
-// it. Owns the two screens that cut
-// each raw frame.
+// The capture board: reads one raw frame at a time from the board's driver (see Board) on a thread
+// of its own, at most 60 a second, stamps it with the seconds since listening began (at the moment
+// it was asked for) and publishes it, with the sound that came with it. Owns the two screens that
+// cut each raw frame.
 //
 // Every published frame is numbered by its slot on the board's frame grid: the nominal frame
 // periods since the run's first request up to its own, rounded, and always above the previous

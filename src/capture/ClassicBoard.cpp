@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <thread>
 
 namespace zandor {
@@ -21,21 +20,6 @@ Error usbError(const char* step, std::string path, int code) {
 }
 
 } // namespace
-
-std::string BoardInfo::vendorProduct() const {
-    char text[16];
-    std::snprintf(text, sizeof text, "%04x:%04x", vendorId, productId);
-    return text;
-}
-
-std::string BoardInfo::describe() const {
-    std::string line = name + " " + vendorProduct() + ", serial " + (serial.empty() ? "(none)" : serial) +
-                       ", firmware version " + std::to_string(firmwareVersion);
-    if (sendsSound) {
-        line += *sendsSound ? ", sends sound" : ", sends no sound";
-    }
-    return line;
-}
 
 ClassicBoard::ClassicBoard(std::unique_ptr<UsbBoard> usb, std::string name, std::string onlySerial)
     : m_usb(std::move(usb)), m_name(std::move(name)), m_onlySerial(std::move(onlySerial)) {}
