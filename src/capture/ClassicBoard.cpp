@@ -67,6 +67,7 @@ Error ClassicBoard::open(const std::string& asked) {
         m_sendsSound.reset();
     }
     m_readsSound = true;
+    m_silentFrames = 0;
     // The board needs a first frame start request and a moment before it answers bulk reads.
     m_usb->controlTransfer(raw::FrameRequestType, raw::FrameRequest, 0, 0, nullptr, 0, raw::ControlTimeoutMs);
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -118,12 +119,18 @@ Board::FrameStatus ClassicBoard::readFrame(CaptureData& frame) {
         std::min<uint64_t>(static_cast<uint64_t>(received - picture) / 2, raw::MaxSoundValues) & ~uint64_t{1};
     frame.setSound(raw::FrameBytes, values);
 
+    // A board whose frames come without sound for a while sends none, or one whose firmware sends
+    // nothing after the picture at all; the first frame with sound settles it the other way.
+    m_silentFrames = values > 0 ? 0 : m_silentFrames + 1;
+    const bool silent = !m_readsSound || m_silentFrames >= SilentFramesForNoSound;
     bool learned = false;
     {
         std::scoped_lock lock(m_lock);
-        if (!m_sendsSound || (!*m_sendsSound && values > 0)) {
-            learned = !m_sendsSound && values == 0;
-            m_sendsSound = values > 0;
+        if (values > 0) {
+            m_sendsSound = true;
+        } else if (silent && !m_sendsSound) {
+            m_sendsSound = false;
+            learned = true;
         }
     }
     if (learned) {

@@ -37,6 +37,9 @@ public:
     static constexpr uint8_t VersionRequest = 0x21;
     static constexpr uint16_t VersionChipAddress = 0x14;
     static constexpr uint8_t VersionRegister = 0x01;
+    // After this many complete frames in a row without sound (half a second) the board is taken
+    // for one that sends none.
+    static constexpr int SilentFramesForNoSound = 30;
 
 private:
     int readFirmwareVersion();
@@ -53,6 +56,7 @@ private:
     // The device thread's own: whether reads go on after the picture for the sound. A board that
     // lets a read after the picture time out sends none, and is not asked again until reopened.
     bool m_readsSound = true;
+    int m_silentFrames = 0; // complete frames in a row without sound
 };
 
 } // namespace zandor

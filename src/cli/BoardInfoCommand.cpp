@@ -14,7 +14,7 @@ namespace zandor {
 
 namespace {
 
-// A board that sends no frame for this long is described without its sound.
+// How long frames are read to tell whether the board sends sound; without frames it stays unknown.
 constexpr std::chrono::seconds FrameTimeout{5};
 
 } // namespace

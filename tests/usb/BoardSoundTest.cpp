@@ -111,26 +111,35 @@ TEST_F(BoardSoundTest, TheBytesAfterThePictureBecomeTheFramesSoundValuesInPlace)
 }
 
 TEST_F(BoardSoundTest, ABoardWithoutSoundGivesWholeFramesWithNoValues) {
-    // A board that ends each frame right after the picture.
+    // A board that ends each frame right after the picture is taken for one without sound after
+    // half a second of frames; one frame with sound says otherwise.
     m_model->bytesAfterPicture = 0;
     ASSERT_FALSE(m_board->open({}));
-    for (uint64_t n = 0; n < 3; ++n) {
+    uint64_t n = 0;
+    for (; n < ClassicBoard::SilentFramesForNoSound; ++n) {
+        EXPECT_FALSE(m_board->info().sendsSound) << "frame " << n;
         ASSERT_EQ(read(n), Status::Complete);
         EXPECT_TRUE(m_frame->sound().empty());
     }
     EXPECT_EQ(m_board->info().sendsSound, std::optional<bool>(false));
     EXPECT_EQ(m_log.count("The capture board sends no sound"), 1u);
+    m_model->bytesAfterPicture = 4;
+    ASSERT_EQ(read(n++), Status::Complete);
+    EXPECT_EQ(m_frame->sound().size(), 2u);
+    EXPECT_EQ(m_board->info().sendsSound, std::optional<bool>(true));
 
-    // Older firmware sends nothing after the picture, not even a zero-length packet: after the
-    // first frame's read past the picture times out, frames are read up to the picture alone.
+    // Older firmware sends nothing after the picture, not even a zero-length packet: the first
+    // frame's read past the picture times out, which settles it, and later frames are read up to
+    // the picture alone.
     m_board->close();
     m_model->setSendsSound(false);
     ASSERT_FALSE(m_board->open({}));
-    for (uint64_t n = 3; n < 6; ++n) {
+    for (const uint64_t first = n; n < first + 3; ++n) {
         ASSERT_EQ(read(n), Status::Complete) << "frame " << n;
         EXPECT_TRUE(m_frame->sound().empty());
+        EXPECT_EQ(m_board->info().sendsSound, std::optional<bool>(false));
     }
-    EXPECT_EQ(m_model->readLengths(5), std::vector<int>{518656});
+    EXPECT_EQ(m_model->readLengths(n - 1), std::vector<int>{518656});
     EXPECT_EQ(m_log.count("The capture board sends no sound"), 2u) << "once for each opening";
 }
 
