@@ -121,7 +121,7 @@ Board::FrameStatus ClassicBoard::readFrame(CaptureData& frame) {
 
     // A board whose frames come without sound for a while sends none, or one whose firmware sends
     // nothing after the picture at all; the first frame with sound settles it the other way.
-    m_silentFrames = values > 0 ? 0 : m_silentFrames + 1;
+    m_silentFrames = values > 0 ? 0 : std::min(m_silentFrames + 1, SilentFramesForNoSound);
     const bool silent = !m_readsSound || m_silentFrames >= SilentFramesForNoSound;
     bool learned = false;
     {
