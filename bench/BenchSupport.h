@@ -146,12 +146,11 @@ inline double cpuSeconds(clockid_t clock) {
 class Pipeline {
 public:
     static std::unique_ptr<UsbBoard> replayBoard() {
-        std::string error;
-        auto board = ReplayBoard::open(ReplayFile::path(), error);
+        auto board = ReplayBoard::open(ReplayFile::path());
         if (!board) {
-            fail(error);
+            fail(board.error().logLine());
         }
-        return board;
+        return std::move(*board);
     }
 
     explicit Pipeline(std::chrono::nanoseconds framePeriod, std::unique_ptr<UsbBoard> board = replayBoard()) {

@@ -10,7 +10,7 @@
 #include "base/Notifier.h"
 #include "base/RunOn.h"
 #include "capture/CaptureDevice.h"
-#include "capture/UsbBoard.h"
+#include "capture/Board.h"
 #include "layouts/CanvasBudget.h"
 #include "layouts/LayoutController.h"
 #include "layouts/PluginController.h"
@@ -36,7 +36,7 @@ MainController* g_instance = nullptr;
 
 } // namespace
 
-MainController::MainController(std::unique_ptr<UsbBoard> board)
+MainController::MainController(std::unique_ptr<Board> board)
     : m_preferences(PreferencesController::instance()), m_layouts(LayoutController::instance()),
       m_session(std::make_unique<CaptureSession>(std::move(board),
                                                  CaptureSettings::fromPreferences(m_preferences))) {
@@ -286,7 +286,7 @@ void MainController::playPauseAction() {
     if (!m_session->start()) {
         // A board that is there but not ours to open needs the udev rule, not a cable.
         const QString details =
-            m_session->device()->failure() == CaptureDevice::Failure::NoPermission
+            session::boardNeedsPermission(m_session->device()->failure())
                 ? QStringLiteral("Zandor may not open the capture board's USB device. Install the udev rule "
                                  "70-zandor-capture.rules, then plug the board in again:\n"
                                  "sudo cp resources/udev/70-zandor-capture.rules /etc/udev/rules.d/\n"

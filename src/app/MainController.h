@@ -30,7 +30,7 @@ class CapturePreferencesView;
 class MainWindow;
 class MainWindowContentView;
 class PreferencesWindow;
-class UsbBoard;
+class Board;
 class ViewPreferencesView;
 
 // Joins the capture session, the layout catalogue and the preferences to the main window, its
@@ -40,7 +40,7 @@ class ViewPreferencesView;
 class MainController : public QObject {
     Q_OBJECT
 public:
-    explicit MainController(std::unique_ptr<UsbBoard> board);
+    explicit MainController(std::unique_ptr<Board> board);
     ~MainController() override;
 
     static MainController* instance();

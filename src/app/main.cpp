@@ -4,7 +4,8 @@
 #include "base/CommandLine.h"
 #include "base/QtMessages.h"
 #include "capture/Boards.h"
-#include "capture/UsbBoard.h"
+#include "capture/Board.h"
+#include "session/CaptureSession.h"
 #include "ui/Icons.h"
 
 #include <QApplication>
@@ -42,14 +43,13 @@ int main(int argc, char** argv) {
     if (ZDAppDelegate::sendToRunning(plugins)) {
         return 0;
     }
-    std::string error;
-    auto board = createBoard(options.value("board").value_or("usb"), error);
+    auto board = createBoard(options.value("board").value_or("usb"));
     if (!board) {
-        std::fprintf(stderr, "zandor: %s\n", error.c_str());
+        std::fprintf(stderr, "zandor: %s\n", session::boardChoiceMessage(board.error()).c_str());
         return 2;
     }
 
-    MainController controller(std::move(board));
+    MainController controller(std::move(*board));
     controller.awakeFromNib();
     ZDAppDelegate delegate(controller);
     delegate.listen();

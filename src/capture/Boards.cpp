@@ -1,29 +1,45 @@
 #include "Boards.h"
 
+#include "ClassicBoard.h"
 #include "DemoBoard.h"
 #include "LibusbBoard.h"
 #include "ReplayBoard.h"
 
 namespace zandor {
 
-std::unique_ptr<UsbBoard> createBoard(const std::string& name, std::string& error) {
-    const std::string replay = "replay:";
+namespace {
+
+Error badName(const std::string& name, BoardNameProblem problem) {
+    return Error::library(Error::Domain::Other, StepChoose, name, static_cast<int>(problem), {});
+}
+
+} // namespace
+
+Result<std::unique_ptr<Board>> createBoard(const std::string& name) {
+    const std::string replay = "replay:", usbSerial = "usb:";
     if (name == "usb") {
-        return std::make_unique<LibusbBoard>();
+        return std::unique_ptr<Board>(std::make_unique<ClassicBoard>(std::make_unique<LibusbBoard>()));
+    }
+    if (name.compare(0, usbSerial.size(), usbSerial) == 0 && name.size() > usbSerial.size()) {
+        return std::unique_ptr<Board>(std::make_unique<ClassicBoard>(
+            std::make_unique<LibusbBoard>(), "Capture board", name.substr(usbSerial.size())));
     }
     if (name == "demo") {
-        return std::make_unique<DemoBoard>();
+        return std::unique_ptr<Board>(
+            std::make_unique<ClassicBoard>(std::make_unique<DemoBoard>(), "Demo board"));
     }
     if (name.compare(0, replay.size(), replay) == 0) {
-        std::string path = name.substr(replay.size());
+        const std::string path = name.substr(replay.size());
         if (path.empty()) {
-            error = "The replay board needs a file: replay:FILE";
-            return nullptr;
+            return badName(name, BoardNameProblem::ReplayWithoutFile);
         }
-        return ReplayBoard::open(path, error);
+        auto file = ReplayBoard::open(path);
+        if (!file) {
+            return file.error();
+        }
+        return std::unique_ptr<Board>(std::make_unique<ClassicBoard>(std::move(*file), "Replay board"));
     }
-    error = "Unknown board '" + name + "': use usb, demo or replay:FILE";
-    return nullptr;
+    return badName(name, BoardNameProblem::Unknown);
 }
 
 } // namespace zandor

@@ -1,14 +1,20 @@
 #pragma once
 
+#include "Board.h"
+#include "base/Error.h"
+
 #include <memory>
 #include <string>
 
 namespace zandor {
 
-class UsbBoard;
+// Why a board name was refused, as the Error's code (domain Other, step StepChoose, the name as path).
+enum class BoardNameProblem { Unknown = 1, ReplayWithoutFile };
+constexpr const char* StepChoose = "choose the board";
 
-// Makes the board named on a command line: "usb" (the real board), "demo" or "replay:FILE".
-// Null with a one-line reason in `error` for an unknown name or an unusable replay file.
-std::unique_ptr<UsbBoard> createBoard(const std::string& name, std::string& error);
+// Makes the board named on a command line: "usb" (the real board; the first found, or the one the
+// device is told to open), "usb:SERIAL" (that board alone), "demo" or "replay:FILE". An
+// unknown name or a replay file that cannot be used gives the Error (see ReplayBoard::open).
+Result<std::unique_ptr<Board>> createBoard(const std::string& name);
 
 } // namespace zandor

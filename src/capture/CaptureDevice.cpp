@@ -1,6 +1,8 @@
 #include "CaptureDevice.h"
 
+#include "Board.h"
 #include "CaptureScreen.h"
+#include "ClassicBoard.h"
 #include "RawFrame.h"
 #include "UsbBoard.h"
 #include "base/Log.h"
@@ -13,6 +15,10 @@
 namespace zandor {
 
 std::shared_ptr<CaptureDevice> CaptureDevice::create(std::unique_ptr<UsbBoard> board) {
+    return create(std::make_unique<ClassicBoard>(std::move(board)));
+}
+
+std::shared_ptr<CaptureDevice> CaptureDevice::create(std::unique_ptr<Board> board) {
     std::shared_ptr<CaptureDevice> device(new CaptureDevice(std::move(board)));
     device->m_screens[0] = std::make_shared<CaptureScreen>(raw::TopWidth, raw::TopHeight, raw::TopOffset);
     device->m_screens[1] =
@@ -20,7 +26,7 @@ std::shared_ptr<CaptureDevice> CaptureDevice::create(std::unique_ptr<UsbBoard> b
     return device;
 }
 
-CaptureDevice::CaptureDevice(std::unique_ptr<UsbBoard> board)
+CaptureDevice::CaptureDevice(std::unique_ptr<Board> board)
     : Observable(QueueLength), m_board(std::move(board)) {}
 
 CaptureDevice::~CaptureDevice() {
@@ -51,44 +57,37 @@ void logNoPermission(const std::string& node) {
         node.c_str());
 }
 
+bool isNoPermission(const Error& error) {
+    return error.domain() == Error::Domain::Usb && error.step() == Board::StepOpen &&
+           error.code() == usb::ErrorAccess;
+}
+
 } // namespace
 
-CaptureDevice::Failure CaptureDevice::openBoard(bool quiet) {
-    const auto say = [quiet](const char* line) {
-        if (!quiet) {
-            logs::capture.error("%s", line);
+Error CaptureDevice::openBoard(const std::string& serial, bool quiet) {
+    Error error = m_board->open(serial);
+    if (!error || quiet) {
+        return error;
+    }
+    const std::string& step = error.step();
+    if (step == Board::StepInit) {
+        logs::capture.error("Could not initialize USB library");
+    } else if (step == Board::StepOpen) {
+        logs::capture.error("Could not connect to capture device");
+        if (isNoPermission(error)) {
+            logNoPermission(error.path());
         }
-    };
-    if (m_board->init() < 0) {
-        say("Could not initialize USB library");
-        return Failure::Library;
-    }
-    if (!m_board->openDeviceWithVidPid(raw::VendorId, raw::ProductId)) {
-        say("Could not connect to capture device");
-        std::string node;
-        if (m_board->openError(node) == usb::ErrorAccess) {
-            if (!quiet) {
-                logNoPermission(node);
-            }
-            return Failure::NoPermission;
+    } else if (step == Board::StepConfigure) {
+        logs::capture.error("Could not configure capture device");
+    } else if (step == Board::StepClaim) {
+        logs::capture.error("Could not claim capture interface");
+        if (error.code() == usb::ErrorBusy) {
+            logs::capture.error("Another program is using the capture board: close it, then try again");
         }
-        return Failure::NoBoard;
+    } else {
+        logs::capture.error("%s", error.logLine().c_str());
     }
-    if (m_board->setConfiguration(raw::Configuration) < 0) {
-        say("Could not configure capture device");
-        return Failure::Configuration;
-    }
-    if (int claim = m_board->claimInterface(raw::Interface); claim < 0) {
-        say("Could not claim capture interface");
-        if (claim == usb::ErrorBusy) {
-            say("Another program is using the capture board: close it, then try again");
-        }
-        return Failure::Claim;
-    }
-    // The board needs a first frame start request and a moment before it answers bulk reads.
-    vendorRequest(raw::FrameRequest, 0, 0, nullptr);
-    std::this_thread::sleep_for(std::chrono::microseconds(50000));
-    return Failure::None;
+    return error;
 }
 
 bool CaptureDevice::startListening() {
@@ -100,8 +99,9 @@ bool CaptureDevice::startListening() {
     if (m_listening) {
         return true;
     }
-    m_failure = openBoard(false);
-    if (m_failure == Failure::None) {
+    m_failure = openBoard(m_serial, false);
+    if (!m_failure) {
+        logs::capture.info("Capture board: %s", m_board->info().describe().c_str());
         m_count = 0;
         m_first = std::chrono::system_clock::now();
         m_runBase = m_lastNumber + 1;
@@ -145,9 +145,14 @@ uint64_t CaptureDevice::count() {
     return m_count;
 }
 
-CaptureDevice::Failure CaptureDevice::failure() {
+Error CaptureDevice::failure() {
     std::scoped_lock lock(m_lock);
     return m_failure;
+}
+
+void CaptureDevice::setSerial(std::string serial) {
+    std::scoped_lock lock(m_lock);
+    m_serial = std::move(serial);
 }
 
 bool CaptureDevice::isDisconnected() {
@@ -182,53 +187,6 @@ void CaptureDevice::setFramePeriod(std::chrono::nanoseconds period) {
     m_framePeriod = period;
 }
 
-int CaptureDevice::vendorRequest(uint8_t request, uint16_t value, uint16_t length, uint8_t* buffer) {
-    return m_board->controlTransfer(raw::FrameRequestType, request, value, 0, buffer, length,
-                                    raw::ControlTimeoutMs);
-}
-
-int CaptureDevice::readBulk(uint8_t* buffer, int32_t length, int32_t* transferred) {
-    return m_board->bulkTransfer(raw::BulkEndpoint, buffer, length, transferred, raw::BulkTimeoutMs);
-}
-
-CaptureDevice::Status CaptureDevice::receiveFrame(CaptureData& frame) {
-    Status status = Complete;
-    int request = vendorRequest(raw::FrameRequest, 0, 0, frame.data());
-    if (request < 0) {
-        // Provisional only: the bulk reads below decide the status.
-        status = request == usb::ErrorTimeout ? Incomplete : Error;
-    }
-
-    const int32_t wanted = static_cast<int32_t>(raw::FrameBytes);
-    int32_t received = 0;
-    uint8_t* position = frame.data();
-    int result = usb::Success;
-    int32_t transferred = 0;
-    do {
-        // Whole 512-byte blocks: the last read may run up to 511 bytes into the frame's slack.
-        int32_t length = (wanted - received + raw::BulkBlockBytes - 1) & ~(raw::BulkBlockBytes - 1);
-        transferred = 0;
-        result = readBulk(position, length, &transferred);
-        if (result == usb::Success) {
-            received += transferred;
-            position += transferred;
-        }
-    } while (received < wanted && result == usb::Success && transferred > 0);
-
-    m_lastRead = result;
-    if (result == usb::ErrorPipe) {
-        m_board->clearHalt(raw::BulkEndpoint);
-        status = Error;
-    } else if (result == usb::ErrorTimeout || received < wanted) {
-        status = Incomplete;
-    } else if (result < 0) {
-        status = Error;
-    } else {
-        status = Complete;
-    }
-    return status;
-}
-
 void CaptureDevice::frameRequest(std::chrono::steady_clock::time_point due) {
     // The frame shows the moment it is asked for. A pass that starts on time takes its slot on the
     // grid, whatever the wake-up's small lateness; one that starts later by half a period or more
@@ -245,9 +203,10 @@ void CaptureDevice::frameRequest(std::chrono::steady_clock::time_point due) {
         frame = std::make_shared<CaptureData>(m_black, raw::BlockBytes);
     } else {
         frame = m_pool->take();
-        if (receiveFrame(*frame) != Complete) {
+        if (const Board::FrameStatus status = m_board->readFrame(*frame);
+            status != Board::FrameStatus::Complete) {
             std::memset(frame->data(), 0, frame->size());
-            vanished = m_lastRead == usb::ErrorNoDevice;
+            vanished = status == Board::FrameStatus::Gone;
         }
     }
 
@@ -286,6 +245,14 @@ void CaptureDevice::frameRequest(std::chrono::steady_clock::time_point due) {
 // On the device thread, after the black frame of the read that found the board gone.
 void CaptureDevice::disconnected() {
     logs::capture.warning("Capture device disconnected");
+    // The same board is waited for; with no serial to tell boards apart, any board will do.
+    {
+        std::scoped_lock lock(m_lock);
+        m_awaitedSerial = m_serial;
+    }
+    if (m_awaitedSerial.empty()) {
+        m_awaitedSerial = m_board->info().serial;
+    }
     m_board->close();
     if (!m_black) {
         m_black = std::make_shared<uint8_t[]>(raw::BlockBytes); // value-initialised: all zero
@@ -322,13 +289,11 @@ void CaptureDevice::tryReconnect() {
         return;
     }
     m_nextAttempt = now + ReconnectInterval;
-    if (const Failure failure = openBoard(true); failure != Failure::None) {
+    if (const Error failure = openBoard(m_awaitedSerial, true)) {
         m_board->close();
         // The one failure worth a line while waiting: the board is back but we may not open it.
-        if (failure == Failure::NoPermission && !m_saidNoPermission) {
-            std::string node;
-            m_board->openError(node);
-            logNoPermission(node);
+        if (isNoPermission(failure) && !m_saidNoPermission) {
+            logNoPermission(failure.path());
             m_saidNoPermission = true;
         }
         return;
@@ -340,6 +305,7 @@ void CaptureDevice::tryReconnect() {
         m_disconnected = false;
     }
     logs::capture.info("Capture device reconnected");
+    logs::capture.info("Capture board: %s", m_board->info().describe().c_str());
     notifyConnection(true);
 }
 

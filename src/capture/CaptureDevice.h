@@ -3,6 +3,7 @@
 #include "FramePool.h"
 #include "Observable.h"
 #include "RawFrame.h"
+#include "base/Error.h"
 #include "base/Worker.h"
 
 #include <array>
@@ -11,16 +12,18 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 
 namespace zandor {
 
+class Board;
 class CaptureScreen;
 class UsbBoard;
 
-// The capture board: requests one raw frame at a time on a thread of its own, at most 60 a second,
-// stamps it with the seconds since listening began (at the moment it was asked for) and publishes
-// it. Owns the two screens that cut
-// each raw frame.
+// The capture board: reads one raw frame at a time from the board's driver (see Board) on a thread
+// of its own, at most 60 a second, stamps it with the seconds since listening began (at the moment
+// it was asked for) and publishes it, with the sound that came with it. Owns the two screens that
+// cut each raw frame.
 //
 // Every published frame is numbered by its slot on the board's frame grid: the nominal frame
 // periods since the run's first request up to its own, rounded, and always above the previous
@@ -31,13 +34,10 @@ class UsbBoard;
 // When the board vanishes while listening (the cable is pulled), the device logs it once, lets the
 // handle go and goes on publishing a black, stamped frame every period, so that everything
 // downstream keeps time; it watches for the board to come back, opens it again and goes on with
-// real frames.
+// real frames. A board chosen by its serial number, or the one that was open when it vanished,
+// is waited for by its serial: another board plugged in meanwhile is left alone.
 class CaptureDevice final : public Observable {
 public:
-    enum Status { Complete = 0, Incomplete = 1, Error = 2 };
-    // Why the last startListening failed.
-    enum class Failure { None, Library, NoBoard, NoPermission, Configuration, Claim };
-
     static constexpr uint64_t QueueLength = 20;
     static constexpr std::chrono::nanoseconds DefaultFramePeriod{16'666'667};
     // The board's nominal rate, of which DefaultFramePeriod is the rounded period; frame numbers
@@ -49,6 +49,8 @@ public:
     static constexpr std::chrono::milliseconds ReconnectInterval{500};
     static constexpr std::chrono::seconds ArrivalRetryTime{5};
 
+    static std::shared_ptr<CaptureDevice> create(std::unique_ptr<Board> board);
+    // A board on the bus that speaks as the 16d0:06a3 board does (libusb's, or a simulated one).
     static std::shared_ptr<CaptureDevice> create(std::unique_ptr<UsbBoard> board);
     ~CaptureDevice() override;
 
@@ -62,7 +64,11 @@ public:
     // claim it.
     void stopListening();
     bool isListening();
-    Failure failure();
+    // Why the last startListening failed (see Board::open); no error when it did not.
+    Error failure();
+    // The serial number of the board to open; empty (the default) for the first one found. Taken
+    // at the next startListening.
+    void setSerial(std::string serial);
     // Whether the board vanished while listening and has not come back yet.
     bool isDisconnected();
     // Called on the device thread, with false when the board vanishes and true when it is back.
@@ -71,9 +77,6 @@ public:
     // 0 the top screen, 1 the bottom one.
     std::shared_ptr<CaptureScreen> screen(unsigned index) const { return m_screens.at(index); }
 
-    int vendorRequest(uint8_t request, uint16_t value, uint16_t length, uint8_t* buffer);
-    int readBulk(uint8_t* buffer, int32_t length, int32_t* transferred);
-    Status receiveFrame(CaptureData& frame);
     // Fetches, stamps, numbers and publishes one frame; `due` is when the pass was due on the
     // device thread's pacing grid.
     void frameRequest(std::chrono::steady_clock::time_point due);
@@ -86,22 +89,22 @@ public:
     // unpaced with zero).
     void setFramePeriod(std::chrono::nanoseconds period);
 
-    // The board behind the device; tests drive simulated boards through it.
-    UsbBoard& board() { return *m_board; }
+    // The board behind the device.
+    Board& board() { return *m_board; }
 
 private:
-    explicit CaptureDevice(std::unique_ptr<UsbBoard> board);
+    explicit CaptureDevice(std::unique_ptr<Board> board);
     void listener(const Worker::Run& run);
     // Waits for the threads of the previous run. Holding no lock.
     void joinThreads();
     // The opening sequence up to the frame start request and its pause; `quiet` for the attempts
     // while waiting for a vanished board, which must not fill the log.
-    Failure openBoard(bool quiet);
+    Error openBoard(const std::string& serial, bool quiet);
     void disconnected();
     void tryReconnect();
     void notifyConnection(bool connected);
 
-    std::unique_ptr<UsbBoard> m_board;
+    std::unique_ptr<Board> m_board;
     // A full queue, the frame a consumer has in hand and the one being read.
     const FramePoolPtr m_pool = FramePool::create(raw::BlockBytes, QueueLength + 2);
     std::array<std::shared_ptr<CaptureScreen>, 2> m_screens;
@@ -117,13 +120,14 @@ private:
     std::optional<std::chrono::steady_clock::time_point> m_runOrigin;
     uint64_t m_lastNumber = 0;
     std::chrono::nanoseconds m_framePeriod = DefaultFramePeriod;
-    Failure m_failure = Failure::None;
+    Error m_failure;
+    std::string m_serial;
     bool m_disconnected = false;
     std::function<void(bool)> m_connectionObserver;
 
-    // The device thread's own: the result of the last bulk read, and how it waits for a vanished
-    // board (announced arrivals, or attempts at intervals).
-    int m_lastRead = 0;
+    // The device thread's own: how it waits for a vanished board (announced arrivals, or attempts
+    // at intervals), and the serial number it waits for.
+    std::string m_awaitedSerial;
     std::shared_ptr<uint8_t[]> m_black; // the one block every black frame of a disconnect shares
     bool m_announced = false;
     bool m_saidNoPermission = false;

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cmath>
+#include <numbers>
 #include <cstdlib>
 #include <cstdio>
 #include <cstring>
@@ -204,6 +206,9 @@ void DemoBoard::fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint
                 .count();
         const bool flash = m_flashes && m_flashSecond >= 0 && second != m_flashSecond;
         m_flashSecond = second;
+        if (flash || (!m_flashes && frame % CaptureDevice::NominalFramesPerSecond == 0)) {
+            m_beepStart = static_cast<int64_t>(frame);
+        }
         if (flash) {
             std::memset(m_frame.get(), 255, raw::FrameBytes);
         } else {
@@ -212,6 +217,36 @@ void DemoBoard::fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint
         m_rendered = static_cast<int64_t>(frame);
     }
     std::memcpy(destination, m_frame.get() + offset, length);
+}
+
+uint64_t DemoBoard::firstSample(uint64_t frame) {
+    // The sound clock's ticks (67027964 a second) over 2048 a sample and 60 frames a second.
+    return frame * 67027964 / (2048 * CaptureDevice::NominalFramesPerSecond);
+}
+
+uint64_t DemoBoard::soundBytes(uint64_t frame) {
+    return samples(frame) * raw::SoundChannels * sizeof(int16_t);
+}
+
+void DemoBoard::fillSound(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) {
+    const bool beeping = m_toneHertz > 0 || (m_beepStart >= 0 && frame - static_cast<uint64_t>(m_beepStart) <
+                                                                     static_cast<uint64_t>(BeepFrames));
+    const double hertz = m_toneHertz > 0 ? m_toneHertz : BeepHertz;
+    const uint64_t first = firstSample(frame);
+    // Value by value, each written byte by byte: a read may start or end inside one.
+    for (uint64_t byte = offset; byte < offset + length;) {
+        const uint64_t value = byte / 2;
+        int16_t sample = 0;
+        if (beeping) {
+            const double phase = 2 * std::numbers::pi * hertz *
+                                 static_cast<double>(first + value / raw::SoundChannels) / raw::SoundRate;
+            sample = static_cast<int16_t>(std::lround(Amplitude * std::sin(phase)));
+        }
+        const auto bits = static_cast<uint16_t>(sample);
+        for (; byte < offset + length && byte / 2 == value; ++byte) {
+            destination[byte - offset] = static_cast<uint8_t>(byte % 2 ? bits >> 8 : bits & 0xFF);
+        }
+    }
 }
 
 } // namespace zandor

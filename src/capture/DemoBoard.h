@@ -12,11 +12,25 @@ namespace zandor {
 // number alone, unless flashes are on: then the frame read nearest each whole second of the wall
 // clock (the clock of the frames' time stamps), within half a frame period, is all white, for
 // measuring how sound and picture line up. Flashes are on when ZANDOR_DEMO_FLASH is set to 1.
+//
+// Its sound is silence with a short 1 kHz beep starting with each flash (without flashes, with
+// every 60th frame), or a continuous tone when one is set. Each frame carries the samples of one
+// sixtieth of a second at raw::SoundRate, about 545.5 stereo samples: the frames' sample counts
+// follow a running fraction, so that the rate is exact over any stretch of frames.
 class DemoBoard final : public SimulatedBoard {
 public:
     DemoBoard();
     void setFlashes(bool flashes) { m_flashes = flashes; }
+    // A continuous tone of `hertz` instead of the beeps; 0 for the beeps.
+    void setTone(double hertz) { m_toneHertz = hertz; }
     ~DemoBoard() override;
+
+    // The first stereo sample of frame `frame` counted from frame 0's, and how many it has.
+    static uint64_t firstSample(uint64_t frame);
+    static uint64_t samples(uint64_t frame) { return firstSample(frame + 1) - firstSample(frame); }
+    static constexpr int BeepFrames = 3;
+    static constexpr double BeepHertz = 1000;
+    static constexpr double Amplitude = 16384;
 
     // Renders frame `frame` in the board's raw format into `raw` (raw::FrameBytes bytes).
     static void render(uint64_t frame, uint8_t* raw);
@@ -32,12 +46,16 @@ public:
 
 protected:
     void fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) override;
+    uint64_t soundBytes(uint64_t frame) override;
+    void fillSound(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) override;
 
 private:
     std::unique_ptr<uint8_t[]> m_frame;
     int64_t m_rendered = -1;    // only touched by the reading thread, in fill()
     int64_t m_flashSecond = -1; // the second of the wall clock of the last frame read; likewise
+    int64_t m_beepStart = -1;   // the frame the last beep began with; likewise
     bool m_flashes = false;
+    double m_toneHertz = 0;
 };
 
 } // namespace zandor

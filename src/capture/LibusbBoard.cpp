@@ -49,7 +49,25 @@ int diagnoseOpenFailure(uint16_t vendorId, uint16_t productId, std::string& deni
     return LIBUSB_ERROR_NOT_FOUND;
 }
 
+// The iSerialNumber string of an open device; empty when it has none or it cannot be read.
+std::string serialOf(libusb_device_handle* handle) {
+    libusb_device_descriptor descriptor{};
+    if (libusb_get_device_descriptor(libusb_get_device(handle), &descriptor) != LIBUSB_SUCCESS ||
+        descriptor.iSerialNumber == 0) {
+        return {};
+    }
+    unsigned char text[32]; // at most 31 characters
+    const int length =
+        libusb_get_string_descriptor_ascii(handle, descriptor.iSerialNumber, text, sizeof text);
+    return length > 0 ? std::string(reinterpret_cast<const char*>(text), static_cast<size_t>(length))
+                      : std::string();
+}
+
 } // namespace
+
+const char* usb::errorName(int code) {
+    return libusb_error_name(code);
+}
 
 LibusbBoard::~LibusbBoard() {
     {
@@ -97,6 +115,83 @@ bool LibusbBoard::openDeviceWithVidPid(uint16_t vendorId, uint16_t productId) {
     m_deniedNode.clear();
     m_openError = m_handle ? LIBUSB_SUCCESS : diagnoseOpenFailure(vendorId, productId, m_deniedNode);
     return m_handle != nullptr;
+}
+
+namespace {
+
+// Calls `visit` with each plugged-in board with these ids of `context`, opened, until it returns
+// true: that handle is returned, the others closed. `denied` tells whether one could not be opened
+// for want of permission.
+template <class Visit>
+libusb_device_handle* findBoard(libusb_context* context, uint16_t vendorId, uint16_t productId, bool& denied,
+                                Visit visit) {
+    libusb_device** devices = nullptr;
+    const ssize_t count = libusb_get_device_list(context, &devices);
+    libusb_device_handle* kept = nullptr;
+    for (ssize_t i = 0; i < count && !kept; ++i) {
+        libusb_device_descriptor descriptor{};
+        if (libusb_get_device_descriptor(devices[i], &descriptor) != LIBUSB_SUCCESS ||
+            descriptor.idVendor != vendorId || descriptor.idProduct != productId) {
+            continue;
+        }
+        libusb_device_handle* handle = nullptr;
+        if (const int result = libusb_open(devices[i], &handle); result != LIBUSB_SUCCESS) {
+            denied = denied || result == LIBUSB_ERROR_ACCESS;
+            continue;
+        }
+        if (visit(handle)) {
+            kept = handle;
+        } else {
+            libusb_close(handle);
+        }
+    }
+    if (count >= 0) {
+        libusb_free_device_list(devices, 1);
+    }
+    return kept;
+}
+
+} // namespace
+
+bool LibusbBoard::openDeviceWithSerial(uint16_t vendorId, uint16_t productId, const std::string& serial) {
+    std::unique_lock lock(m_handleMutex);
+    closeLocked();
+    m_vendorId = vendorId;
+    m_productId = productId;
+    m_openError = LIBUSB_ERROR_NOT_FOUND;
+    m_deniedNode.clear();
+    bool denied = false;
+    m_handle = findBoard(nullptr, vendorId, productId, denied,
+                         [&serial](libusb_device_handle* handle) { return serialOf(handle) == serial; });
+    if (m_handle) {
+        m_openError = LIBUSB_SUCCESS;
+    } else if (denied) {
+        // A board we may not open cannot tell its serial; it may be the one wanted.
+        m_openError = diagnoseOpenFailure(vendorId, productId, m_deniedNode);
+    }
+    return m_handle != nullptr;
+}
+
+std::string LibusbBoard::serialNumber() {
+    std::shared_lock lock(m_handleMutex);
+    return m_handle ? serialOf(m_handle) : std::string();
+}
+
+std::vector<std::string> LibusbBoard::serialNumbers(uint16_t vendorId, uint16_t productId) {
+    // On a context of its own: any thread may ask while the device thread reads, and the board's
+    // handle and state are not touched.
+    libusb_context* context = nullptr;
+    if (libusb_init(&context) != LIBUSB_SUCCESS) {
+        return {};
+    }
+    std::vector<std::string> serials;
+    bool denied = false;
+    findBoard(context, vendorId, productId, denied, [&serials](libusb_device_handle* handle) {
+        serials.push_back(serialOf(handle));
+        return false;
+    });
+    libusb_exit(context);
+    return serials;
 }
 
 int LibusbBoard::setConfiguration(int configuration) {

@@ -29,6 +29,9 @@ public:
     int bulkTransfer(uint8_t endpoint, uint8_t* data, int length, int* transferred,
                      unsigned timeoutMs) override;
     int clearHalt(uint8_t endpoint) override;
+    bool openDeviceWithSerial(uint16_t vendorId, uint16_t productId, const std::string& serial) override;
+    std::string serialNumber() override;
+    std::vector<std::string> serialNumbers(uint16_t vendorId, uint16_t productId) override;
 
     int openError(std::string& node) override;
     void close() override;

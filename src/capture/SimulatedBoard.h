@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <string>
 #include <vector>
 
 namespace zandor {
@@ -19,8 +20,10 @@ enum class BoardFault {
 };
 
 // A board that answers like the real one: a frame start request begins a frame, bulk reads from
-// endpoint 0x82 return its bytes in the board's raw format, and a read asking for more than what
-// is left ends short, as the board's last short packet does. Subclasses provide the frames' bytes.
+// endpoint 0x82 return its picture in the board's raw format and then its sound, a read asking for
+// more than what is left ends short, as the board's last short packet does, and every read after
+// that gets a zero-length packet until the next frame start request. It tells its firmware version
+// and its serial number by the requests a real board answers. Subclasses provide the frames' bytes.
 // Frames are numbered from 0 in the order the board sends them; faults are set by that number.
 class SimulatedBoard : public UsbBoard {
 public:
@@ -33,6 +36,8 @@ public:
     int bulkTransfer(uint8_t endpoint, uint8_t* data, int length, int* transferred,
                      unsigned timeoutMs) override;
     int clearHalt(uint8_t endpoint) override;
+    std::string serialNumber() override;
+    std::vector<std::string> serialNumbers(uint16_t vendorId, uint16_t productId) override;
     void close() override;
     // Arrivals are announced, as libusb's hotplug does.
     bool watchArrivals() override;
@@ -44,6 +49,14 @@ public:
     void replug();
     void unplug();
     void setAnnouncesArrivals(bool announces);
+
+    // The serial number (at most 31 ASCII characters; empty for none) and the firmware version
+    // (0: the board does not answer the version request).
+    void setSerial(std::string serial);
+    std::string serial() const;
+    void setFirmwareVersion(int version);
+    // A board whose firmware sends no sound lets every read after the picture time out.
+    void setSendsSound(bool sends);
 
     void injectFault(uint64_t frame, BoardFault fault);
     // The most bytes one bulk read returns; the real board fills a whole read, so 0 means no limit.
@@ -59,6 +72,18 @@ public:
 protected:
     // Writes `length` bytes of frame `frame` starting at byte `offset` of the raw frame.
     virtual void fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) = 0;
+    // How many bytes frame `frame` sends after its picture (any number, for tests of boards that
+    // send too much), asked once a frame after its picture is sent; and those bytes, from `offset`.
+    virtual uint64_t soundBytes(uint64_t frame) {
+        (void)frame;
+        return 0;
+    }
+    virtual void fillSound(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) {
+        (void)frame;
+        (void)offset;
+        (void)destination;
+        (void)length;
+    }
 
 private:
     mutable std::mutex m_mutex;
@@ -74,6 +99,11 @@ private:
     bool m_frameRead = false; // the current frame has seen its first read
     int64_t m_frame = -1;     // frame being sent, -1 before the first request
     uint64_t m_position = 0;  // bytes of it already sent
+    uint64_t m_frameEnd = 0;  // its picture and sound, once the picture is sent; else 0
+    std::string m_serial = "ZD0000000001";
+    int m_firmwareVersion = 6;
+    bool m_sendsSound = true;
+    uint8_t m_register = 0; // chosen by the version request's first half
     // The last eight frames' read lengths, by frame number modulo eight.
     std::array<std::pair<uint64_t, std::vector<int>>, 8> m_readLengths{};
     int m_clearHalts = 0;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace zandor {
 
@@ -15,6 +16,10 @@ constexpr int ErrorNotFound = -5;
 constexpr int ErrorBusy = -6;
 constexpr int ErrorTimeout = -7;
 constexpr int ErrorPipe = -9;
+constexpr int ErrorOverflow = -8;
+
+// libusb's name of a code ("LIBUSB_ERROR_TIMEOUT"), for the log.
+const char* errorName(int code);
 } // namespace usb
 
 // The conversation with the capture board, one method per libusb call the device makes. Results
@@ -42,6 +47,27 @@ public:
     virtual int openError(std::string& node) {
         node.clear();
         return usb::ErrorNotFound;
+    }
+
+    // Opens the board with serial number `serial` among those with these ids; false when none
+    // is plugged in (openError says why, as for openDeviceWithVidPid).
+    virtual bool openDeviceWithSerial(uint16_t vendorId, uint16_t productId, const std::string& serial) {
+        if (!openDeviceWithVidPid(vendorId, productId)) {
+            return false;
+        }
+        if (serialNumber() == serial) {
+            return true;
+        }
+        close();
+        return false;
+    }
+    // The open board's serial number (its iSerialNumber string descriptor); empty when it has none.
+    virtual std::string serialNumber() { return {}; }
+    // The serial numbers of the boards with these ids plugged in now.
+    virtual std::vector<std::string> serialNumbers(uint16_t vendorId, uint16_t productId) {
+        (void)vendorId;
+        (void)productId;
+        return {};
     }
 
     // For a board that vanished or a run that ended (libusb_release_interface and libusb_close):

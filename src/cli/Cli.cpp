@@ -2,6 +2,7 @@
 
 #include "AudioInputsCommand.h"
 #include "CameraCommand.h"
+#include "BoardInfoCommand.h"
 #include "DumpCommand.h"
 #include "InstallPluginCommand.h"
 #include "LayoutsCommand.h"
@@ -43,10 +44,12 @@ const char* const Usage =
     "                               finish recordings a crash left unfinished (every\n"
     "                               abandoned *.zdrecord of the folder when none is named)\n"
     "  audio-inputs                 list the audio inputs: identifier and name\n"
-    "  dump --frames N --out FILE   write N raw frames of the board to FILE\n"
+    "  dump --frames N --out FILE   write N raw frames of the board, with their sound, to FILE\n"
+    "  board-info                   what the board is: name, vendor:product, serial,\n"
+    "                               firmware version, whether it sends sound\n"
     "\n"
     "options of every command:\n"
-    "  --board usb|demo|replay:FILE  the capture board (default usb)\n";
+    "  --board usb|usb:SERIAL|demo|replay:FILE  the capture board (default usb: the first found)\n";
 
 struct Command {
     std::set<std::string> valueOptions;
@@ -64,6 +67,7 @@ int Cli::run(const std::vector<std::string>& arguments) {
     }
     const std::map<std::string, Command> commands = {
         {"dump", {{"board", "frames", "out"}, {}, false, DumpCommand::run}},
+        {"board-info", {{"board"}, {}, false, BoardInfoCommand::run}},
         {"layouts", {{"board"}, {"json"}, false, LayoutsCommand::run}},
         {"install-plugin", {{"board"}, {}, true, InstallPluginCommand::run}},
         {"screenshot", {{"board", "layout", "format", "out"}, {}, false, ScreenshotCommand::run}},

@@ -2,7 +2,8 @@
 
 #include "base/CommandLine.h"
 #include "capture/Boards.h"
-#include "capture/UsbBoard.h"
+#include "capture/ReplayBoard.h"
+#include "capture/Board.h"
 #include "layouts/LayoutController.h"
 #include "settings/Settings.h"
 #include "settings/VideoQuality.h"
@@ -27,6 +28,9 @@ constexpr const char* OutStep = "write to the folder";
 } // namespace
 
 std::string openFailure(const Error& error) {
+    if (error.step() == StepChoose || error.step() == ReplayBoard::StepOpen) {
+        return session::boardChoiceMessage(error);
+    }
     if (error.step() != OutStep) {
         return error.detail();
     }
@@ -87,12 +91,11 @@ Result<std::unique_ptr<CaptureSession>> openSession(const CommandLine& options) 
         captured.narratorAudioInput = QString::fromStdString(*input);
     }
 
-    std::string boardError;
-    auto board = createBoard(options.value("board").value_or("usb"), boardError);
+    auto board = createBoard(options.value("board").value_or("usb"));
     if (!board) {
-        return Error::other("open the board", {}, boardError);
+        return board.error();
     }
-    auto session = std::make_unique<CaptureSession>(std::move(board), std::move(captured));
+    auto session = std::make_unique<CaptureSession>(std::move(*board), std::move(captured));
     LayoutController& catalogue = LayoutController::instance();
     const QString name = QString::fromStdString(options.value("layout").value_or(""));
     if (name.isEmpty()) {

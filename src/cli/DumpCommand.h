@@ -7,8 +7,8 @@ namespace zandor {
 
 class CommandLine;
 
-// `zandor-cli dump`: writes N raw frames of the chosen board to a file, in the board's own format,
-// so that the replay board can play them back.
+// `zandor-cli dump`: writes N raw frames of the chosen board, each with the sound that came with it,
+// to a file that the replay board plays back (the format is described in ReplayBoard.h).
 class DumpCommand {
 public:
     // Returns the process exit status; failures print one line on standard error.

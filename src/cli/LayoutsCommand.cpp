@@ -3,9 +3,10 @@
 #include "base/CommandLine.h"
 #include "capture/Boards.h"
 #include "capture/CaptureDevice.h"
-#include "capture/UsbBoard.h"
+#include "capture/Board.h"
 #include "layouts/LayoutController.h"
 #include "layouts/PluginController.h"
+#include "session/CaptureSession.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -66,14 +67,13 @@ QString line(const QJsonObject& entry) {
 } // namespace
 
 int LayoutsCommand::run(const CommandLine& options) {
-    std::string error;
-    auto board = createBoard(options.value("board").value_or("usb"), error);
+    auto board = createBoard(options.value("board").value_or("usb"));
     if (!board) {
-        std::fprintf(stderr, "zandor-cli layouts: %s\n", error.c_str());
+        std::fprintf(stderr, "zandor-cli layouts: %s\n", session::boardChoiceMessage(board.error()).c_str());
         return 2;
     }
     LayoutController& catalogue = LayoutController::instance();
-    catalogue.setDevice(CaptureDevice::create(std::move(board)));
+    catalogue.setDevice(CaptureDevice::create(std::move(*board)));
 
     QJsonArray entries;
     for (const auto& layout : catalogue.layouts()) {

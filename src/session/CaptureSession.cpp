@@ -6,7 +6,9 @@
 #include "base/RunOn.h"
 #include "camera/CameraSteps.h"
 #include "capture/CaptureDevice.h"
-#include "capture/UsbBoard.h"
+#include "capture/Board.h"
+#include "capture/Boards.h"
+#include "capture/ReplayBoard.h"
 #include "layouts/CanvasBudget.h"
 #include "layouts/LayoutController.h"
 #include "recording/ImageRecorder.h"
@@ -145,11 +147,37 @@ QString session::CameraFailed::reason() const {
     return QStringLiteral("the camera stream failed");
 }
 
-CaptureSession::CaptureSession(std::unique_ptr<UsbBoard> board, CaptureSettings settings)
+std::string session::boardChoiceMessage(const Error& error) {
+    if (error.step() == StepChoose) {
+        return error.code() == static_cast<int>(BoardNameProblem::ReplayWithoutFile)
+                   ? "The replay board needs a file: replay:FILE"
+                   : "Unknown board '" + error.path() + "': use usb, demo or replay:FILE";
+    }
+    if (error.step() == ReplayBoard::StepOpen) {
+        switch (error.code()) {
+        case ReplayBoard::Unreadable:
+            return "Could not open replay file '" + error.path() + "': " + error.detail();
+        case ReplayBoard::NotRegular:
+        case ReplayBoard::NotFrames:
+            return "Replay file '" + error.path() + "' " + error.detail();
+        default:
+            break;
+        }
+    }
+    return error.logLine();
+}
+
+bool session::boardNeedsPermission(const Error& error) {
+    return error.domain() == Error::Domain::Usb && error.step() == Board::StepOpen &&
+           error.code() == usb::ErrorAccess;
+}
+
+CaptureSession::CaptureSession(std::unique_ptr<Board> board, CaptureSettings settings)
     : m_device(CaptureDevice::create(std::move(board))), m_settings(std::move(settings)),
       m_gameAudio(std::make_unique<GameAudio>()) {
     LayoutController::instance().setDevice(m_device);
     m_gameAudio->setBoard(m_device);
+    m_device->setSerial(m_settings.captureBoard.toStdString());
     m_device->setConnectionObserver(
         [this](bool connected) { emitEvent(session::BoardConnection{connected}); });
     m_camera->setFailureHandler([this](const Error& failure) { cameraFailed(failure); });
@@ -265,6 +293,8 @@ std::vector<LayoutPtr> CaptureSession::captureLayouts() const {
 
 void CaptureSession::apply(const CaptureSettings& settings) {
     const CaptureSettings before = std::exchange(m_settings, settings);
+    // Another board is opened at the next Play: the running picture, and any recording of it, go on.
+    m_device->setSerial(settings.captureBoard.toStdString());
     const bool renewBuffer = before.replayBuffer != settings.replayBuffer ||
                              before.replaySeconds != settings.replaySeconds ||
                              before.videoQuality != settings.videoQuality;

@@ -16,6 +16,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <variant>
 #include <vector>
 
@@ -25,7 +26,7 @@ class CaptureDevice;
 class GameAudio;
 class ImageRecorder;
 class ReplayBuffer;
-class UsbBoard;
+class Board;
 class VideoRecorder;
 
 // A consumer of the active layout that subscribes before the layout starts and follows every change
@@ -90,6 +91,11 @@ struct RecoveryDone {
     QStringList failed;
     double seconds = 0;
 };
+// Why the board named on a command line cannot be used (see createBoard), in one sentence.
+std::string boardChoiceMessage(const Error& error);
+// Whether the board could not be opened as its device node is not ours: the udev rule is missing.
+bool boardNeedsPermission(const Error& error);
+
 using Event = std::variant<BoardConnection, RecordingDone, RecordingError, RecordingNotice, ReplaySaved,
                            CameraFailed, GameSoundLost, RecoveryDone>;
 } // namespace session
@@ -100,7 +106,7 @@ using Event = std::variant<BoardConnection, RecordingDone, RecordingError, Recor
 // Called on one thread (its owner's); the events come from any thread.
 class CaptureSession : public QObject {
 public:
-    CaptureSession(std::unique_ptr<UsbBoard> board, CaptureSettings settings);
+    CaptureSession(std::unique_ptr<Board> board, CaptureSettings settings);
     ~CaptureSession() override;
     CaptureSession(const CaptureSession&) = delete;
     CaptureSession& operator=(const CaptureSession&) = delete;

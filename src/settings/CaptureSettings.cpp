@@ -20,6 +20,7 @@ CaptureSettings CaptureSettings::fromPreferences(const PreferencesController& pr
     captured.gameAudioOffsetMs = settings::gameAudioOffsetMs.read(preferences);
     captured.captureLayout = settings::captureLayout.read(preferences);
     captured.shareAsCamera = settings::shareAsCamera.read(preferences);
+    captured.captureBoard = settings::captureBoard.read(preferences);
     return captured;
 }
 

@@ -35,6 +35,8 @@ struct CaptureSettings {
     int gameAudioOffsetMs = 0;
     // The layout screenshots and recordings capture: "Active Layout" (the one on show) or a name.
     QString captureLayout = QStringLiteral("Active Layout");
+    // The serial number of the capture board to open; empty for the first one found.
+    QString captureBoard;
     // Whether the picture on show is shared as a camera while it plays.
     bool shareAsCamera = false;
 

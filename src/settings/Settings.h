@@ -2,6 +2,8 @@
 
 #include "Setting.h"
 
+#include <algorithm>
+
 namespace zandor::settings {
 
 // Every user setting of the application, each declared once: key, default and what counts. The
@@ -23,6 +25,17 @@ inline const Setting<QString> storageFolder{
 // The layout screenshots and recordings capture: "Active Layout", "None" (both screens) or a name.
 inline const Setting<QString> captureLayout{QStringLiteral("PreferenceCaptureLayout"),
                                             QStringLiteral("Active Layout")};
+// The capture board to open, by its serial number; empty for the first one found.
+inline const Setting<QString> captureBoard{
+    QStringLiteral("PreferenceCaptureBoard"),
+    QString(""),
+    {.check =
+         [](const QString& serial) {
+             return serial.size() <= 31 && std::all_of(serial.begin(), serial.end(), [](QChar c) {
+                        return c.unicode() > 0x20 && c.unicode() < 0x7F;
+                    });
+         },
+     .absentFromDefaults = true}};
 // "Original" keeps the board's own timing; a number has recordings converted to that rate.
 QStringList frameRates();
 inline const Setting<QString> videoFramesPerSecond{

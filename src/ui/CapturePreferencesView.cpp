@@ -5,6 +5,8 @@
 #include "settings/Settings.h"
 #include "settings/CaptureSettings.h"
 #include "settings/PreferencesController.h"
+#include "capture/Board.h"
+#include "capture/CaptureDevice.h"
 #include "layouts/LayoutController.h"
 #include "settings/VideoQuality.h"
 #include "recording/ReplayBuffer.h"
@@ -49,6 +51,7 @@ CapturePreferencesView::CapturePreferencesView(QWidget* parent)
     m_ui->fpsPopup->addItems(settings::frameRates());
     m_ui->fpsPopup->setCurrentIndex(std::max(0, lastItemTitled(m_ui->fpsPopup, stored.framesPerSecond)));
     fillAudioInputs();
+    fillBoards();
     m_ui->replayBufferCheckBox->setChecked(stored.replayBuffer);
     m_ui->replaySecondsField->setRange(settings::replaySeconds.range()->first,
                                        settings::replaySeconds.range()->second);
@@ -77,6 +80,7 @@ CapturePreferencesView::CapturePreferencesView(QWidget* parent)
             [this](int index) { selectAudioInput(m_ui->audioGamePopup, index); });
     connect(m_ui->audioNarratorPopup, &QComboBox::activated, this,
             [this](int index) { selectAudioInput(m_ui->audioNarratorPopup, index); });
+    connect(m_ui->boardPopup, &QComboBox::activated, this, &CapturePreferencesView::selectBoard);
     connect(m_ui->imageFormatPopup, &QComboBox::activated, this,
             &CapturePreferencesView::selectImageFormatAction);
     // The volume counts once the slider is let go, not at every step of a drag.
@@ -157,6 +161,35 @@ void CapturePreferencesView::fillAudioInputs() {
             m_ui->audioNarratorPopup->setCurrentIndex(m_ui->audioNarratorPopup->count() - 1);
         }
     }
+}
+
+void CapturePreferencesView::fillBoards() {
+    QComboBox* popup = m_ui->boardPopup;
+    const QString stored = settings::captureBoard.read(PreferencesController::instance());
+    popup->addItem(tr("First found"), QString());
+    popup->insertSeparator(popup->count());
+    // The boards plugged in now, and the one chosen before even when it is not.
+    QStringList serials;
+    if (const auto& device = LayoutController::instance().device()) {
+        for (const std::string& serial : device->board().serials()) {
+            serials << QString::fromStdString(serial);
+        }
+    }
+    if (!stored.isEmpty()) {
+        serials << stored;
+    }
+    serials.removeAll(QString());
+    serials.removeDuplicates();
+    serials.sort();
+    for (const QString& serial : serials) {
+        popup->addItem(serial, serial);
+    }
+    popup->setCurrentIndex(std::max(0, popup->findData(stored)));
+}
+
+void CapturePreferencesView::selectBoard(int index) {
+    settings::captureBoard.write(PreferencesController::instance(),
+                                 m_ui->boardPopup->itemData(index).toString());
 }
 
 void CapturePreferencesView::selectStorageFolderAction(const QString& folder) {

@@ -13,7 +13,8 @@ class CapturePreferencesView;
 }
 
 // Where screenshots and recordings go and what they hold: the storage folder, the image format, the
-// layout to capture, the video quality and frame rate, the replay buffer, and the two audio inputs.
+// layout to capture, the video quality and frame rate, the replay buffer, the two audio inputs, and
+// which capture board to use.
 class CapturePreferencesView : public PreferencePane {
     Q_OBJECT
 public:
@@ -28,6 +29,7 @@ private:
     void fillLayouts();
     void fillQualities();
     void fillAudioInputs();
+    void fillBoards();
 
     void selectStorageFolderAction(const QString& folder);
     void chooseStorageFolder();
@@ -36,6 +38,7 @@ private:
     void selectQualityAction(int index);
     void selectAudioInput(QComboBox* popup, int index);
     void selectImageFormatAction(int index);
+    void selectBoard(int index);
     void selectReplayBuffer();
     void selectGameVolume(int percent);
     void selectGameOffset();

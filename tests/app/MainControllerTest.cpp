@@ -14,6 +14,7 @@
 #include "base/Log.h"
 #include "base/Worker.h"
 #include "capture/CaptureDevice.h"
+#include "capture/ClassicBoard.h"
 #include "capture/DemoBoard.h"
 #include "layouts/CanvasBudget.h"
 #include "layouts/LayoutController.h"
@@ -90,7 +91,7 @@ protected:
     }
 
     ::Ui::MainWindow& start(std::unique_ptr<UsbBoard> board = std::make_unique<DemoBoard>()) {
-        m_controller = std::make_unique<MainController>(std::move(board));
+        m_controller = std::make_unique<MainController>(std::make_unique<ClassicBoard>(std::move(board)));
         m_controller->awakeFromNib();
         m_controller->mainWindow()->show();
         return m_controller->mainWindow()->ui;

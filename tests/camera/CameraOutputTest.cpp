@@ -88,8 +88,9 @@ protected:
         // A replay of one frame shows the same picture over and over: any frame a consumer gets
         // must equal it.
         ASSERT_TRUE(test::writeFile(at("frame.raw"), m_raw));
-        std::string error;
-        m_device = CaptureDevice::create(createBoard("replay:" + at("frame.raw").toStdString(), error));
+        auto board = createBoard("replay:" + at("frame.raw").toStdString());
+        ASSERT_TRUE(board) << board.error().logLine();
+        m_device = CaptureDevice::create(std::move(*board));
         m_tall = layout("Stacked", 400, 480,
                         R"(<object type="screen_top" x="0" y="0"/>)"
                         R"(<object type="screen_bottom" x="40" y="240"/>)");

@@ -2,6 +2,7 @@
 #include "GatedBoard.h"
 #include "base/Worker.h"
 #include "base/Log.h"
+#include "capture/Board.h"
 #include "capture/CaptureDevice.h"
 #include "capture/CaptureScreen.h"
 #include "capture/DemoBoard.h"
@@ -40,9 +41,9 @@ using CaptureDeviceTest = test::GatedDeviceTest;
 
 struct OpeningFailure {
     const char* name;
-    int failingStep; // 0 init, 1 open, 2 configure, 3 claim
-    int code;        // what the failing step (or, for the open, openError) returns
-    CaptureDevice::Failure failure;
+    int failingStep;  // 0 init, 1 open, 2 configure, 3 claim
+    int code;         // what the failing step (or, for the open, openError) returns
+    const char* step; // the failure's step
     std::vector<std::string> lines;
 };
 
@@ -79,7 +80,10 @@ TEST_P(OpeningFailureTest, OpensInOrderStopsAtTheFailingStepSaysWhyAndStartsNoth
     bool notified = false;
     device->setConnectionObserver([&](bool) { notified = true; });
     EXPECT_FALSE(device->startListening());
-    EXPECT_EQ(device->failure(), c.failure);
+    const Error failure = device->failure();
+    EXPECT_EQ(failure.domain(), Error::Domain::Usb);
+    EXPECT_EQ(failure.step(), c.step);
+    EXPECT_EQ(failure.code(), c.code);
     EXPECT_EQ(log.lines(), c.lines);
     EXPECT_FALSE(device->isListening() || device->screen(0)->isListening() ||
                  device->screen(1)->isListening());
@@ -87,7 +91,6 @@ TEST_P(OpeningFailureTest, OpensInOrderStopsAtTheFailingStepSaysWhyAndStartsNoth
     EXPECT_EQ(Worker::running(), 0);
 }
 
-using F = CaptureDevice::Failure;
 const std::string Connect = "Could not connect to capture device",
                   Claim = "Could not claim capture interface";
 const char* const NoPermissionLine =
@@ -97,16 +100,16 @@ const char* const NoPermissionLine =
 INSTANTIATE_TEST_SUITE_P(
     EachStep, OpeningFailureTest,
     ::testing::Values(
-        OpeningFailure{"Library", 0, usb::ErrorIo, F::Library, {"Could not initialize USB library"}},
-        OpeningFailure{"NoBoard", 1, usb::ErrorNotFound, F::NoBoard, {Connect}},
-        OpeningFailure{"NoPermission", 1, usb::ErrorAccess, F::NoPermission, {Connect, NoPermissionLine}},
+        OpeningFailure{"Library", 0, usb::ErrorIo, Board::StepInit, {"Could not initialize USB library"}},
+        OpeningFailure{"NoBoard", 1, usb::ErrorNotFound, Board::StepOpen, {Connect}},
+        OpeningFailure{"NoPermission", 1, usb::ErrorAccess, Board::StepOpen, {Connect, NoPermissionLine}},
         OpeningFailure{
-            "Configuration", 2, usb::ErrorIo, F::Configuration, {"Could not configure capture device"}},
-        OpeningFailure{"Claim", 3, usb::ErrorAccess, F::Claim, {Claim}},
+            "Configuration", 2, usb::ErrorIo, Board::StepConfigure, {"Could not configure capture device"}},
+        OpeningFailure{"Claim", 3, usb::ErrorAccess, Board::StepClaim, {Claim}},
         OpeningFailure{"ClaimBusy",
                        3,
                        usb::ErrorBusy,
-                       F::Claim,
+                       Board::StepClaim,
                        {Claim, "Another program is using the capture board: close it, then try again"}}),
     [](const auto& info) { return std::string(info.param.name); });
 

@@ -14,7 +14,9 @@
 #include <QJsonObject>
 #include <QTemporaryDir>
 
+#include <cmath>
 #include <cstdlib>
+#include <cstring>
 
 namespace zandor {
 namespace {
@@ -40,22 +42,94 @@ protected:
     QTemporaryDir m_home;
 };
 
-TEST_F(CliTest, DumpWritesTheDemoBoardsFramesAndReplaysThemInALoop) {
+// A dump read as its format is written down: a 16-byte header, then one record a frame of the
+// picture, the number of sound values and room for the most a frame may have.
+struct Dump {
+    QByteArray header;
+    std::vector<QByteArray> pictures;
+    std::vector<std::vector<int16_t>> sounds;
+};
+
+Dump readDump(const QByteArray& bytes) {
+    constexpr qsizetype Header = 16, Record = raw::FrameBytes + 4 + 2 * raw::MaxSoundValues;
+    Dump dump;
+    dump.header = bytes.left(Header);
+    for (qsizetype at = Header; at + Record <= bytes.size(); at += Record) {
+        dump.pictures.push_back(bytes.mid(at, raw::FrameBytes));
+        const auto* count = reinterpret_cast<const uint8_t*>(bytes.constData() + at + raw::FrameBytes);
+        const uint32_t values =
+            count[0] | count[1] << 8 | count[2] << 16 | static_cast<uint32_t>(count[3]) << 24;
+        std::vector<int16_t> sound;
+        for (uint32_t i = 0; i < values && i < raw::MaxSoundValues; ++i) {
+            const auto* value = count + 4 + 2 * i;
+            sound.push_back(static_cast<int16_t>(value[0] | value[1] << 8));
+        }
+        dump.sounds.push_back(std::move(sound));
+    }
+    return dump;
+}
+
+TEST_F(CliTest, DumpWritesTheDemoBoardsFramesWithTheirSoundAndReplaysThemInALoop) {
     auto result = cli({"dump", "--board", "demo", "--frames", "2", "--out", at("demo frames.raw")});
     ASSERT_EQ(result.exitCode, 0) << result.err;
     const QByteArray bytes = test::readFile(QString::fromStdString(at("demo frames.raw")));
-    QByteArray expected(2 * raw::FrameBytes, '\0');
+    const Dump dump = readDump(bytes);
+    EXPECT_TRUE(dump.header == QByteArray("ZDFRAMES\x04\x72\x08\x00\x00\x00\x00\x00", 16));
+    ASSERT_EQ(dump.pictures.size(), 2u);
+    EXPECT_EQ(bytes.size(), 16 + 2 * (raw::FrameBytes + 4 + 2 * raw::MaxSoundValues)) << "a part record";
+    std::vector<uint8_t> expected(raw::FrameBytes);
+    uint64_t sample = 0;
     for (uint64_t n = 0; n < 2; ++n) {
-        DemoBoard::render(n, reinterpret_cast<uint8_t*>(expected.data()) + n * raw::FrameBytes);
+        DemoBoard::render(n, expected.data());
+        EXPECT_EQ(std::memcmp(dump.pictures[n].constData(), expected.data(), raw::FrameBytes), 0)
+            << "not the demo board's frame " << n;
+        // The first frames of a second beep at 1 kHz, the same on both channels.
+        const auto& sound = dump.sounds[n];
+        ASSERT_EQ(sound.size(), 2 * DemoBoard::samples(n)) << "frame " << n;
+        for (size_t i = 0; i < sound.size(); i += 2, ++sample) {
+            const double expectedValue =
+                DemoBoard::Amplitude *
+                std::sin(2 * M_PI * 1000 * static_cast<double>(sample) / raw::SoundRate);
+            ASSERT_NEAR(sound[i], expectedValue, 1.0) << "frame " << n << " sample " << i / 2;
+            ASSERT_EQ(sound[i + 1], sound[i]);
+        }
     }
-    EXPECT_TRUE(bytes == expected) << "not the demo board's first two frames";
 
     result = cli(
         {"dump", "--board", "replay:" + at("demo frames.raw"), "--frames", "3", "--out", at("again.raw")});
     ASSERT_EQ(result.exitCode, 0) << result.err;
+    const QByteArray records = bytes.mid(16);
     EXPECT_TRUE(test::readFile(QString::fromStdString(at("again.raw"))) ==
-                bytes + bytes.left(raw::FrameBytes))
-        << "the two frames, then from the first again";
+                bytes + records.left(records.size() / 2))
+        << "the two frames with their sound, then from the first again";
+}
+
+TEST_F(CliTest, BoardInfoTellsWhatTheBoardIs) {
+    const auto result = cli({"board-info", "--board", "demo"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.out, "Name: Demo board\nVendor:product: 16d0:06a3\nSerial: ZD0000000001\nFirmware "
+                          "version: 6\nSound: yes\n");
+    EXPECT_NE(
+        result.err.find("Capture board: Demo board 16d0:06a3, serial ZD0000000001, firmware version 6\n"),
+        std::string::npos)
+        << "the log at connect: " << result.err;
+}
+
+TEST_F(CliTest, ADumpOfPicturesAloneStillReplaysWithoutSound) {
+    QByteArray old(2 * raw::FrameBytes, '\0');
+    for (uint64_t n = 0; n < 2; ++n) {
+        DemoBoard::render(n + 100, reinterpret_cast<uint8_t*>(old.data()) + n * raw::FrameBytes);
+    }
+    ASSERT_TRUE(test::writeFile(QString::fromStdString(at("old.raw")), old));
+    auto result =
+        cli({"dump", "--board", "replay:" + at("old.raw"), "--frames", "3", "--out", at("new.raw")});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const Dump dump = readDump(test::readFile(QString::fromStdString(at("new.raw"))));
+    ASSERT_EQ(dump.pictures.size(), 3u);
+    for (uint64_t n = 0; n < 3; ++n) {
+        EXPECT_TRUE(dump.pictures[n] == old.mid((n % 2) * raw::FrameBytes, raw::FrameBytes)) << "frame " << n;
+        EXPECT_TRUE(dump.sounds[n].empty()) << "frame " << n;
+    }
 }
 
 TEST_F(CliTest, ScreenshotSavesTheChosenLayoutAndPrintsTheFile) {

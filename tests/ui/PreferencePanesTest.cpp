@@ -108,6 +108,7 @@ TEST_F(PreferencePanesTest, CapturePaneShowsTheStoredChoicesAndWritesEveryChoice
     store(settings::videoQuality.key, "Low");
     store(settings::videoFramesPerSecond.key, "50");
     store(settings::imageFormat.key, "JPEG");
+    store(settings::captureBoard.key, "ZD-UNPLUGGED");
     QFile::remove(PreferencesController::preferencesFile());
     CapturePreferencesView pane;
     pane.resize(900, 500);
@@ -119,6 +120,11 @@ TEST_F(PreferencePanesTest, CapturePaneShowsTheStoredChoicesAndWritesEveryChoice
     EXPECT_EQ(layouts->currentIndex(), layouts->count() - 1) << "the last item of that title";
     EXPECT_EQ(control<QComboBox>(pane, "qualityPopup")->currentText(), "Low");
     EXPECT_EQ(control<QComboBox>(pane, "fpsPopup")->currentText(), "50");
+    // The boards: first found, then by serial those plugged in and the one chosen before.
+    auto* boards = control<QComboBox>(pane, "boardPopup");
+    EXPECT_EQ(boards->itemText(0), "First found");
+    EXPECT_EQ(boards->currentText(), "ZD-UNPLUGGED");
+    EXPECT_GE(boards->findText("ZD0000000001"), 0) << "the board plugged in";
 
     for (const auto& [popup, title, key] :
          {std::tuple{"layoutPopup", "None", "PreferenceCaptureLayout"},
@@ -127,10 +133,13 @@ TEST_F(PreferencePanesTest, CapturePaneShowsTheStoredChoicesAndWritesEveryChoice
           {"fpsPopup", "30", "PreferenceCaptureVideoFPS"},
           {"imageFormatPopup", "JPEG", "PreferenceCaptureImageFormat"},
           {"audioNarratorPopup", "None", "PreferenceCaptureNarratorAudioInput"},
-          {"audioGamePopup", "None", "PreferenceCaptureGameAudioInput"}}) {
+          {"audioGamePopup", "None", "PreferenceCaptureGameAudioInput"},
+          {"boardPopup", "ZD0000000001", "PreferenceCaptureBoard"}}) {
         choose(control<QComboBox>(pane, popup), control<QComboBox>(pane, popup)->findText(title));
         EXPECT_EQ(stored(key), '"' + std::string(title) + '"') << popup;
     }
+    choose(boards, 0);
+    EXPECT_EQ(stored("PreferenceCaptureBoard"), R"("")") << "first found";
     // Clicking a component higher up the path chooses that folder.
     auto* path = control<PathControl>(pane, "capturePathControl");
     EXPECT_EQ(path->path(), home + "/Videos/Handheld");

@@ -64,5 +64,33 @@ TEST(EmulatedBoardProgramsTest, ARecordingGoesOnThroughAnUnplugWithBlackFramesIn
     EXPECT_GT(gapEnd - gapStart, 0) << "the time unplugged is black";
 }
 
+// What the board is, as zandor-cli tells it, and the board chosen by its serial among two: an older
+// board without sound and with another firmware, and one with a serial of its own beside it.
+TEST(EmulatedBoardProgramsTest, BoardInfoTellsWhatTheChosenBoardIs) {
+    test::isolateUserFolders();
+    setenv("ZANDOR_BUILD", ZANDOR_BUILD_DIR, 1);
+    const std::vector<std::string> twoBoards{"--no-sound", "--firmware", "4",        "--serial",
+                                             "ZD-FIRST",   "--serial",   "ZD-SECOND"};
+    for (const auto& [board, serial] :
+         {std::pair{"usb:ZD-SECOND", "ZD-SECOND"}, {"usb:ZD-FIRST", "ZD-FIRST"}}) {
+        const test::ProcessResult run =
+            test::runProcess(withEmulatedBoard(twoBoards, {ZANDOR_CLI, "board-info", "--board", board}), 60s);
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        EXPECT_EQ(run.out, "Name: Capture board\nVendor:product: 16d0:06a3\nSerial: " + std::string(serial) +
+                               "\nFirmware version: 4\nSound: no\n");
+        EXPECT_NE(run.err.find("The capture board sends no sound\n"), std::string::npos) << run.err;
+    }
+    const test::ProcessResult missing = test::runProcess(
+        withEmulatedBoard(twoBoards, {ZANDOR_CLI, "board-info", "--board", "usb:ZD-THIRD"}), 60s);
+    EXPECT_NE(missing.exitCode, 0);
+    EXPECT_NE(missing.err.find("Could not connect to capture device\n"), std::string::npos) << missing.err;
+
+    const test::ProcessResult sound = test::runProcess(
+        withEmulatedBoard({"--tone", "440"}, {ZANDOR_CLI, "board-info", "--board", "usb"}), 60s);
+    ASSERT_EQ(sound.exitCode, 0) << sound.err;
+    EXPECT_EQ(sound.out, "Name: Capture board\nVendor:product: 16d0:06a3\nSerial: ZD0000000001\n"
+                         "Firmware version: 6\nSound: yes\n");
+}
+
 } // namespace
 } // namespace zandor

@@ -26,13 +26,18 @@ namespace zandor {
 namespace {
 
 constexpr int BusNumber = 1;
+// The ports of the first board and of one plugged in beside it.
 constexpr const char* SysPath = "/sys/devices/pci0000:00/0000:00:14.0/usb1/1-2";
+constexpr const char* SysPathBeside = "/sys/devices/pci0000:00/0000:00:14.0/usb1/1-3";
+// The device numbers of a board beside the first start here, far from the first's.
+constexpr int DeviceNumbersBeside = 100;
 
 // Device, configuration, interface and endpoint descriptors as the kernel shows them in sysfs:
-// one configuration, interface 0 of the vendor class, bulk IN endpoint 0x82 with 512-byte packets.
+// one configuration, interface 0 of the vendor class, bulk IN endpoint 0x82 with 512-byte packets;
+// the serial number is string 3.
 constexpr const char* Descriptors = "12010002000000"
                                     "40d016a3060001"
-                                    "000000"
+                                    "000003"
                                     "01" // USB 2.0, 64-byte control packets
                                     "09021900010100"
                                     "8032" // configuration 1: 25 bytes
@@ -47,7 +52,7 @@ constexpr uint32_t Capabilities = USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_BULK_C
                                   USBDEVFS_CAP_REAP_AFTER_DISCONNECT;
 
 // The device as umockdev-record would describe it: sysfs attributes, udev properties, descriptors.
-std::string deviceDescription(int deviceNumber) {
+std::string deviceDescription(const char* sysPath, int deviceNumber, const std::string& serial) {
     char text[1024];
     std::snprintf(text, sizeof text,
                   "P: %s\n"
@@ -55,10 +60,10 @@ std::string deviceDescription(int deviceNumber) {
                   "E: BUSNUM=%03d\nE: DEVNUM=%03d\nE: DEVNAME=/dev/bus/usb/%03d/%03d\n"
                   "A: idVendor=16d0\\n\nA: idProduct=06a3\\n\nA: busnum=%d\\n\nA: devnum=%d\\n\n"
                   "A: bConfigurationValue=1\\n\nA: bNumConfigurations=1\\n\nA: speed=480\\n\n"
-                  "A: manufacturer=Zandor\\n\nA: product=Capture board (emulated)\\n\n"
+                  "A: manufacturer=Zandor\\n\nA: product=Capture board (emulated)\\n\nA: serial=%s\\n\n"
                   "H: descriptors=%s\n",
-                  SysPath + 4, BusNumber, deviceNumber, BusNumber, deviceNumber, BusNumber, deviceNumber,
-                  Descriptors);
+                  sysPath + 4, BusNumber, deviceNumber, BusNumber, deviceNumber, BusNumber, deviceNumber,
+                  serial.c_str(), Descriptors);
     return text;
 }
 
@@ -140,9 +145,6 @@ std::string EmulatedBoard::runUnderPreload(char** argv) {
 std::unique_ptr<EmulatedBoard> EmulatedBoard::create(std::unique_ptr<SimulatedBoard> model,
                                                      std::string& error) {
     std::unique_ptr<EmulatedBoard> board(new EmulatedBoard);
-    board->m_model = std::move(model);
-    board->m_model->openDeviceWithVidPid(raw::VendorId, raw::ProductId);
-    board->m_trace = std::getenv("ZANDOR_EMULATOR_TRACE") != nullptr;
     board->m_testbed = umockdev_testbed_new();
     if (!board->m_testbed) {
         error = "Could not start a umockdev testbed";
@@ -155,15 +157,33 @@ std::unique_ptr<EmulatedBoard> EmulatedBoard::create(std::unique_ptr<SimulatedBo
     // what a user without permission sees) must still find the device in it, and place the socket
     // that stands in for its uevent listener there.
     chmod(board->m_rootDir.c_str(), 01777);
+    board->start(std::move(model));
+    return board;
+}
 
+std::unique_ptr<EmulatedBoard> EmulatedBoard::createBeside(EmulatedBoard& first,
+                                                           std::unique_ptr<SimulatedBoard> model) {
+    std::unique_ptr<EmulatedBoard> board(new EmulatedBoard);
+    board->m_testbed = static_cast<UMockdevTestbed*>(g_object_ref(first.m_testbed));
+    board->m_rootDir = first.m_rootDir;
+    board->m_sysPath = SysPathBeside;
+    board->m_deviceNumber = DeviceNumbersBeside;
+    board->start(std::move(model));
+    return board;
+}
+
+void EmulatedBoard::start(std::unique_ptr<SimulatedBoard> model) {
+    EmulatedBoard* board = this;
+    board->m_model = std::move(model);
+    board->m_model->openDeviceWithVidPid(raw::VendorId, raw::ProductId);
+    board->m_trace = std::getenv("ZANDOR_EMULATOR_TRACE") != nullptr;
     board->m_handler = umockdev_ioctl_base_new();
-    g_signal_connect(board->m_handler, "handle-ioctl", G_CALLBACK(&EmulatedBoard::handleIoctl), board.get());
+    g_signal_connect(board->m_handler, "handle-ioctl", G_CALLBACK(&EmulatedBoard::handleIoctl), board);
     {
         std::scoped_lock lock(board->m_mutex);
         board->plugLocked();
     }
-    board->m_timer = std::thread([raw = board.get()] { raw->replugTimer(); });
-    return board;
+    board->m_timer = std::thread([board] { board->replugTimer(); });
 }
 
 EmulatedBoard::~EmulatedBoard() {
@@ -175,7 +195,15 @@ EmulatedBoard::~EmulatedBoard() {
     if (m_timer.joinable()) {
         m_timer.join();
     }
-    // The testbed ends its worker thread, which runs our handler, before it is gone.
+    // No request reaches this board any more, even when the testbed lives on for another board
+    // (which then ends its worker thread, which runs our handler, before it is gone).
+    g_signal_handlers_disconnect_by_data(m_handler, this);
+    {
+        std::scoped_lock lock(m_mutex);
+        if (m_plugged) {
+            unplugLocked();
+        }
+    }
     g_clear_object(&m_testbed);
     g_clear_object(&m_handler);
     std::scoped_lock lock(m_mutex);
@@ -282,7 +310,7 @@ void EmulatedBoard::plugLocked() {
     }
     chmod(file.c_str(), m_nodeMode);
 
-    const std::string description = deviceDescription(m_deviceNumber);
+    const std::string description = deviceDescription(m_sysPath, m_deviceNumber, m_model->serial());
     if (!umockdev_testbed_add_from_string(m_testbed, description.c_str(), &error)) {
         std::fprintf(stderr, "emulated board: could not add the device: %s\n", error ? error->message : "?");
         g_clear_error(&error);
@@ -307,8 +335,8 @@ void EmulatedBoard::unplugLocked() {
         state->inFlight.clear();
         state->claimed = false;
     }
-    umockdev_testbed_uevent(m_testbed, SysPath, "remove");
-    umockdev_testbed_remove_device(m_testbed, SysPath);
+    umockdev_testbed_uevent(m_testbed, m_sysPath, "remove");
+    umockdev_testbed_remove_device(m_testbed, m_sysPath);
     if (m_replugAfter.count() >= 0) {
         m_replugAt = std::chrono::steady_clock::now() + m_replugAfter;
     }

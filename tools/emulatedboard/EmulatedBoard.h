@@ -20,9 +20,9 @@ namespace zandor {
 class SimulatedBoard;
 
 // The capture board emulated where the kernel would present it: a umockdev testbed shows a USB
-// device 16d0:06a3 in sysfs and at /dev/bus/usb/001/DDD, and answers the usbfs ioctls that libusb
-// issues on that node. A simulated board (the demo picture or a replay file) decides what the
-// board answers; this class only speaks usbfs. A program reaches the board when it runs with
+// device 16d0:06a3 (with the model's serial number) in sysfs and at /dev/bus/usb/001/DDD, and answers the
+// usbfs ioctls that libusb issues on that node. A simulated board (the demo picture or a replay file) decides
+// what the board answers; this class only speaks usbfs. A program reaches the board when it runs with
 // libumockdev-preload loaded and $UMOCKDEV_DIR naming rootDir() (this process, when it was
 // started under the preload, or any child started with childEnvironment()).
 //
@@ -49,6 +49,10 @@ public:
     // Starts the testbed with the board plugged in. Null with a one-line reason when umockdev
     // cannot start.
     static std::unique_ptr<EmulatedBoard> create(std::unique_ptr<SimulatedBoard> model, std::string& error);
+    // A second board plugged in beside `first`, on the same bus and testbed, at its own port and
+    // device numbers; `first` must outlive it.
+    static std::unique_ptr<EmulatedBoard> createBeside(EmulatedBoard& first,
+                                                       std::unique_ptr<SimulatedBoard> model);
     ~EmulatedBoard();
     EmulatedBoard(const EmulatedBoard&) = delete;
     EmulatedBoard& operator=(const EmulatedBoard&) = delete;
@@ -86,6 +90,7 @@ private:
     struct Client;
 
     EmulatedBoard() = default;
+    void start(std::unique_ptr<SimulatedBoard> model);
     static int handleIoctl(UMockdevIoctlBase* handler, UMockdevIoctlClient* client, void* self);
     bool handle(UMockdevIoctlClient* client);
     void submit(UMockdevIoctlClient* client, Client& state, UMockdevIoctlData* arg);
@@ -100,6 +105,7 @@ private:
     UMockdevTestbed* m_testbed = nullptr;
     UMockdevIoctlBase* m_handler = nullptr;
     std::string m_rootDir;
+    const char* m_sysPath = "/sys/devices/pci0000:00/0000:00:14.0/usb1/1-2";
     bool m_trace = false;
 
     std::mutex m_mutex;

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,8 +27,9 @@ void forward(int signal) {
 }
 
 int usage() {
-    std::fprintf(stderr, "usage: with-emulated-board [--replay FILE] [--unplug-at-frame N] "
-                         "[--replug-after-ms M] -- COMMAND...\n");
+    std::fprintf(stderr,
+                 "usage: with-emulated-board [--replay FILE] [--tone HZ] [--no-sound] [--firmware N] "
+                 "[--serial S [--serial S2]] [--unplug-at-frame N] [--replug-after-ms M] -- COMMAND...\n");
     return 2;
 }
 
@@ -48,6 +50,10 @@ int main(int argc, char** argv) {
         return 2;
     }
     std::string replay;
+    std::vector<std::string> serials;
+    long long firmware = 6;
+    long long toneHertz = 0;
+    bool sound = true;
     long long unplugAt = -1;
     long long replugAfterMs = -1;
     int i = 1;
@@ -57,10 +63,27 @@ int main(int argc, char** argv) {
             ++i;
             break;
         }
+        if (option == "--no-sound") {
+            sound = false;
+            continue;
+        }
         if (i + 1 >= argc) {
             return usage();
         }
-        if (option == "--replay") {
+        if (option == "--serial") {
+            serials.emplace_back(argv[++i]);
+            if (serials.size() > 2 || serials.back().size() > 31) {
+                return usage();
+            }
+        } else if (option == "--firmware") {
+            if (!number(argv[++i], firmware) || firmware > 255) {
+                return usage();
+            }
+        } else if (option == "--tone") {
+            if (!number(argv[++i], toneHertz) || toneHertz < 1 || toneHertz > 16000) {
+                return usage();
+            }
+        } else if (option == "--replay") {
             replay = argv[++i];
         } else if (option == "--unplug-at-frame") {
             if (!number(argv[++i], unplugAt)) {
@@ -78,21 +101,46 @@ int main(int argc, char** argv) {
         return usage(); // no command, or a replug without an unplug
     }
 
-    std::string error;
-    std::unique_ptr<zandor::SimulatedBoard> model;
-    if (replay.empty()) {
-        model = std::make_unique<zandor::DemoBoard>();
-    } else {
-        model = zandor::ReplayBoard::open(replay, error);
-        if (!model) {
-            std::fprintf(stderr, "with-emulated-board: %s\n", error.c_str());
-            return 2;
-        }
+    if (serials.empty()) {
+        serials.emplace_back("ZD0000000001");
     }
+    // Each board shows the demo picture or plays the file, with the sound and identity asked for.
+    const auto makeModel = [&](const std::string& serial) -> std::unique_ptr<zandor::SimulatedBoard> {
+        std::unique_ptr<zandor::SimulatedBoard> model;
+        if (replay.empty()) {
+            auto demo = std::make_unique<zandor::DemoBoard>();
+            demo->setTone(static_cast<double>(toneHertz));
+            model = std::move(demo);
+        } else {
+            auto file = zandor::ReplayBoard::open(replay);
+            if (!file) {
+                std::fprintf(stderr, "with-emulated-board: %s\n", file.error().logLine().c_str());
+                return nullptr;
+            }
+            model = std::move(*file);
+        }
+        model->setSerial(serial);
+        model->setFirmwareVersion(static_cast<int>(firmware));
+        model->setSendsSound(sound);
+        return model;
+    };
+    auto model = makeModel(serials.front());
+    if (!model) {
+        return 2;
+    }
+    std::string error;
     auto board = zandor::EmulatedBoard::create(std::move(model), error);
     if (!board) {
         std::fprintf(stderr, "with-emulated-board: %s\n", error.c_str());
         return 2;
+    }
+    std::unique_ptr<zandor::EmulatedBoard> beside;
+    if (serials.size() > 1) {
+        auto second = makeModel(serials.back());
+        if (!second) {
+            return 2;
+        }
+        beside = zandor::EmulatedBoard::createBeside(*board, std::move(second));
     }
     if (unplugAt >= 0) {
         board->unplugAtRequest(static_cast<uint64_t>(unplugAt), std::chrono::milliseconds(replugAfterMs));
@@ -117,6 +165,7 @@ int main(int argc, char** argv) {
     int status = 0;
     while (waitpid(g_child, &status, 0) < 0 && errno == EINTR) {
     }
+    beside.reset();
     board.reset();
     if (WIFEXITED(status)) {
         return WEXITSTATUS(status);
