@@ -44,10 +44,9 @@ Error AudioSession::open(const QAudioDevice& input, const QString& name, bool pr
 Error AudioSession::open(std::shared_ptr<AudioInput> input, bool preview, const QString& path) {
     m_input = std::move(input);
     m_preview = preview;
-    if (preview && !m_ownsInput && !m_input->holdPlayThrough()) {
-        return noPreview();
-    }
-    m_previewHeld = preview && !m_ownsInput;
+    // Without an output to play it through, the sound is recorded all the same, unheard (said in
+    // the log), as with an input of the session's own.
+    m_previewHeld = preview && !m_ownsInput && m_input->holdPlayThrough();
     return openWriter(path);
 }
 

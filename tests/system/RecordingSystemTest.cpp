@@ -608,5 +608,25 @@ TEST_F(RecordingSystemTest, TheGameSoundOffsetMovesTheSoundInRecordingsAndReplay
     }
 }
 
+// The board's own sound is the game sound, with no cable and no sound server: the demo board beeps
+// with every white frame, and in a recording and a replay every beep meets its white frame and its
+// second, from the first one on, and the sound lasts as long as the picture, to a frame.
+TEST_F(RecordingSystemTest, TheBoardsOwnSoundIsInStepWithItsPictureInRecordingsAndReplays) {
+    setenv("ZANDOR_DEMO_FLASH", "1", 1);
+    const ProcessResult recorded = record({"--seconds", "6", "--layout", "Top", "--game-audio", "board"});
+    const ProcessResult replayed =
+        test::runProcess({ZANDOR_CLI, "replay", "--board", "demo", "--layout", "Top", "--buffer-seconds", "5",
+                          "--play-seconds", "6", "--game-audio", "board", "--out", out().toStdString()});
+    ASSERT_EQ(recorded.exitCode, 0) << recorded.err;
+    ASSERT_EQ(replayed.exitCode, 0) << replayed.err;
+    for (const auto& [name, run, beeps] :
+         {std::tuple{"recording", &recorded, size_t{5}}, std::tuple{"replay", &replayed, size_t{3}}}) {
+        SCOPED_TRACE(name);
+        const std::string movie = splitLines(run->out).at(0);
+        expectBeepsOnTheirSeconds(movie, 0, beeps);
+        EXPECT_NEAR(streamSeconds(movie, "a:0"), streamSeconds(movie, "v:0"), 1 / 60.0 + 0.001);
+    }
+}
+
 } // namespace
 } // namespace zandor

@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <numeric>
+#include <optional>
 
 namespace zandor {
 namespace {
@@ -26,17 +27,21 @@ std::vector<std::string> withEmulatedBoard(std::vector<std::string> options,
     return options;
 }
 
-TEST(EmulatedBoardProgramsTest, ARecordingGoesOnThroughAnUnplugWithBlackFramesInTheGap) {
+// The cable is pulled about two seconds in and plugged in again two seconds later, while the board's
+// own sound is the game sound: the movie goes on with black frames and silence in the gap, and
+// before and after it every beep of the board starts with its white frame.
+TEST(EmulatedBoardProgramsTest, ARecordingGoesOnThroughAnUnplugWithBlackFramesAndSilenceInTheGap) {
     test::isolateUserFolders();
     setenv("ZANDOR_BUILD", ZANDOR_BUILD_DIR, 1);
+    setenv("ZANDOR_DEMO_FLASH", "1", 1);
     QTemporaryDir folder;
-    // The cable is pulled about two seconds in and plugged in again two seconds later.
     const test::ProcessResult run =
         test::runProcess(withEmulatedBoard({"--unplug-at-frame", "120", "--replug-after-ms", "2000"},
                                            {ZANDOR_CLI, "record", "--board", "usb", "--seconds", "8",
-                                            "--layout", "Top", "--game-audio", "None", "--narrator-audio",
+                                            "--layout", "Top", "--game-audio", "board", "--narrator-audio",
                                             "None", "--out", folder.path().toStdString()}),
                          120s);
+    unsetenv("ZANDOR_DEMO_FLASH");
     ASSERT_EQ(run.exitCode, 0) << run.err;
     const auto made = test::splitLines(run.out);
     ASSERT_EQ(made.size(), 1u) << run.out;
@@ -44,24 +49,63 @@ TEST(EmulatedBoardProgramsTest, ARecordingGoesOnThroughAnUnplugWithBlackFramesIn
     EXPECT_NE(run.err.find("Capture device disconnected\n"), std::string::npos) << run.err;
     EXPECT_NE(run.err.find("Capture device reconnected\n"), std::string::npos) << run.err;
 
-    // Each frame's mean brightness, as ffmpeg decodes the movie.
+    // Each frame's mean brightness, as ffmpeg decodes the movie (at a constant 60 frames a second).
     const std::string grey = test::runProcess({"ffmpeg", "-v", "error", "-i", made.front(), "-vf",
                                                "scale=8:8", "-pix_fmt", "gray", "-f", "rawvideo", "-"})
                                  .out;
-    std::vector<bool> black;
+    std::vector<int> brightness;
     for (size_t frame = 0; frame + 64 <= grey.size(); frame += 64) {
         const auto pixels = reinterpret_cast<const uint8_t*>(grey.data()) + frame;
-        const int sum = std::accumulate(pixels, pixels + 64, 0);
-        black.push_back(sum < 64 * 12); // black decodes a little above 0 (video range)
+        brightness.push_back(std::accumulate(pixels, pixels + 64, 0) / 64);
     }
+    const auto black = [&](size_t frame) { return brightness[frame] < 12; }; // video range: a little above 0
     // Real frames, then the gap, then real frames again.
-    ASSERT_FALSE(black.empty());
-    EXPECT_FALSE(black.front());
-    EXPECT_FALSE(black.back());
-    const auto gapStart = std::find(black.begin(), black.end(), true);
-    const auto gapEnd = std::find(gapStart, black.end(), false);
-    EXPECT_EQ(std::find(gapEnd, black.end(), true), black.end()) << "one gap only";
-    EXPECT_GT(gapEnd - gapStart, 0) << "the time unplugged is black";
+    ASSERT_FALSE(brightness.empty());
+    EXPECT_FALSE(black(0));
+    EXPECT_FALSE(black(brightness.size() - 1));
+    size_t gapStart = 0;
+    while (gapStart < brightness.size() && !black(gapStart)) {
+        ++gapStart;
+    }
+    size_t gapEnd = gapStart;
+    while (gapEnd < brightness.size() && black(gapEnd)) {
+        ++gapEnd;
+    }
+    EXPECT_GT(gapEnd, gapStart) << "the time unplugged is black";
+    for (size_t frame = gapEnd; frame < brightness.size(); ++frame) {
+        EXPECT_FALSE(black(frame)) << "one gap only: frame " << frame;
+    }
+
+    // The game track, as 44.1 kHz mono samples: as long as the picture, to a frame, silent in the
+    // gap, and each white frame's beep starting with it (the picture shows the frame nearest its
+    // second, and the sound is placed by the frames: within 20 ms).
+    constexpr int Rate = 44100;
+    const std::string pcm = test::runProcess({"ffmpeg", "-v", "error", "-i", made.front(), "-map", "0:a:0",
+                                              "-ac", "1", "-ar", "44100", "-f", "s16le", "-"})
+                                .out;
+    const auto* samples = reinterpret_cast<const int16_t*>(pcm.data());
+    const size_t count = pcm.size() / 2;
+    EXPECT_NEAR(double(count) / Rate, brightness.size() / 60.0, 1 / 60.0 + 0.01);
+    const auto loudBetween = [&](double from, double to) -> std::optional<double> {
+        for (auto i = size_t(std::max(0.0, from * Rate)); i < std::min(count, size_t(to * Rate)); ++i) {
+            if (std::abs(samples[i]) > 3000) {
+                return double(i) / Rate;
+            }
+        }
+        return std::nullopt;
+    };
+    EXPECT_FALSE(loudBetween(gapStart / 60.0 + 0.05, gapEnd / 60.0 - 0.05)) << "sound in the gap";
+    int beeps = 0;
+    for (size_t frame = 0; frame < brightness.size(); ++frame) {
+        if (brightness[frame] < 200 || frame / 60.0 + 0.1 > double(count) / Rate) {
+            continue;
+        }
+        ++beeps;
+        const auto onset = loudBetween(frame / 60.0 - 0.1, frame / 60.0 + 0.1);
+        ASSERT_TRUE(onset) << "no beep with the white frame " << frame;
+        EXPECT_NEAR(*onset, frame / 60.0, 0.02) << "the beep of the white frame " << frame;
+    }
+    EXPECT_GE(beeps, 4) << "white frames before and after the gap";
 }
 
 // What the board is, as zandor-cli tells it, and the board chosen by its serial among two: an older
