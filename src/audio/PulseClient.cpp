@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <array>
+#include <cstring>
 #include <mutex>
 
 // libpulse's types, used only through pointers here; its headers are not needed.
@@ -14,6 +15,7 @@ struct pa_mainloop_api;
 struct pa_sample_spec;
 struct pa_channel_map;
 struct pa_threaded_mainloop;
+struct pa_operation;
 }
 
 namespace zandor {
@@ -115,6 +117,13 @@ template <class Call> void underLoopLock(pa_context* context, Call call) {
     unlock(loop);
 }
 
+// Whether a return address lies in Qt Multimedia's own code.
+bool calledFromQtMultimedia(const void* returnAddress) {
+    Dl_info library;
+    return dladdr(returnAddress, &library) != 0 && library.dli_fname != nullptr &&
+           std::strstr(library.dli_fname, "libQt6Multimedia") != nullptr;
+}
+
 } // namespace
 
 PulseClient::StreamName::StreamName(const char* name) : m_previous(t_streamName) {
@@ -127,6 +136,7 @@ PulseClient::StreamName::~StreamName() {
 
 } // namespace zandor
 
+using zandor::calledFromQtMultimedia;
 using zandor::loops;
 using zandor::next;
 using zandor::t_streamName;
@@ -176,6 +186,21 @@ pa_stream* pa_stream_new_with_proplist(pa_context* context, const char* name,
         next<pa_stream* (*)(pa_context*, const char*, const pa_sample_spec*, const pa_channel_map*,
                             pa_proplist*)>("pa_stream_new_with_proplist");
     return real(context, t_streamName ? t_streamName : name, sampleFormat, map, properties);
+}
+
+// Qt's play-through sink asks for a drain each time its stream runs dry, and names itself as the one
+// to tell when the drain is done. The answer can arrive after the sink is deleted: libpulse cancels
+// a stream's pending operations only once the server has confirmed that the stream is gone, which
+// comes after the sink's own close() and deletion. Telling the deleted sink then ends the program
+// with a fault on libpulse's thread ("threaded-ml"). The answer only moves the sink's state to idle,
+// which nothing here reads, so Qt's drains go out without anyone to tell.
+pa_operation* pa_stream_drain(pa_stream* stream, void (*done)(pa_stream*, int, void*), void* userdata) {
+    static const auto real =
+        next<pa_operation* (*)(pa_stream*, void (*)(pa_stream*, int, void*), void*)>("pa_stream_drain");
+    if (userdata && calledFromQtMultimedia(__builtin_return_address(0))) {
+        userdata = nullptr;
+    }
+    return real(stream, done, userdata);
 }
 
 } // extern "C"

@@ -13,7 +13,8 @@ namespace zandor {
 // It also serialises a context's disconnect with the sound server's thread when the caller holds
 // no lock: Qt 6.4 disconnects its context at the program's exit without the mainloop's lock, which
 // races the thread that still reads from the server (an assertion in libpulse's dispatcher ends the
-// program then).
+// program then). And it keeps Qt's play-through sink from being told of a drain after it is
+// deleted (see pa_stream_drain there).
 class PulseClient {
 public:
     static constexpr const char* ApplicationName = "Zandor";

@@ -14,7 +14,8 @@
 #include <fcntl.h>
 #include <mutex>
 #include <poll.h>
-#include <spawn.h>
+#include <pthread.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <string>
 #include <sys/wait.h>
@@ -43,23 +44,84 @@ QVariantMap notStarted(const QString& path, int error) {
         QStringLiteral("cannot start %1: %2").arg(path, QString::fromLocal8Bit(std::strerror(error))), -1);
 }
 
-// posix_spawn's file actions and attributes, destroyed in one place.
-class SpawnSetup {
-public:
-    SpawnSetup() {
-        posix_spawn_file_actions_init(&actions);
-        posix_spawnattr_init(&attributes);
-    }
-    ~SpawnSetup() {
-        posix_spawnattr_destroy(&attributes);
-        posix_spawn_file_actions_destroy(&actions);
-    }
-    SpawnSetup(const SpawnSetup&) = delete;
-    SpawnSetup& operator=(const SpawnSetup&) = delete;
+// Every tool runs under this guard, a /bin/sh script that starts the tool with its arguments
+// untouched and waits for it. The guard leads a process group of its own, which the tool and
+// whatever the tool starts belong to, and the kernel sends it SIGTERM when the thread that started
+// it ends, as it does when this program is killed or exits mid-run: the guard then ends the whole
+// group, so that no tool goes on working on files nobody will finish.
+constexpr char Guard[] = "trap 'kill -s KILL 0' HUP INT TERM\n\"$@\" &\nwait $!\n";
 
-    posix_spawn_file_actions_t actions;
-    posix_spawnattr_t attributes;
+// What the child between fork() and exec needs, prepared before fork(): the child may only make
+// async-signal-safe calls, since other threads may have held locks (malloc's) at the fork.
+struct GuardStart {
+    const char* shell;
+    char* const* argv;
+    char* const* envp;
+    pid_t parent;
+    int input;  // becomes standard input
+    int output; // becomes standard output and standard error
+    int report; // close-on-exec: gets errno when exec fails
 };
+
+[[noreturn]] void startGuard(const GuardStart& start) noexcept {
+    // Handlers of this program must not run here, and signals it ignores would stay ignored in the
+    // guard, which could then not trap them: every signal back to its default, then unblocked.
+    struct sigaction defaults = {};
+    defaults.sa_handler = SIG_DFL;
+    for (int signal = 1; signal < NSIG; ++signal) {
+        sigaction(signal, &defaults, nullptr);
+    }
+    setpgid(0, 0);
+    // Asked for after the fork, so this program may already have ended: then nobody waits for the
+    // tool.
+    if (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || getppid() != start.parent) {
+        _exit(127);
+    }
+    if (dup2(start.input, STDIN_FILENO) < 0 || dup2(start.output, STDOUT_FILENO) < 0 ||
+        dup2(start.output, STDERR_FILENO) < 0) {
+        const int error = errno;
+        [[maybe_unused]] const ssize_t written = write(start.report, &error, sizeof error);
+        _exit(127);
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    execve(start.shell, start.argv, start.envp);
+    const int error = errno;
+    [[maybe_unused]] const ssize_t written = write(start.report, &error, sizeof error);
+    _exit(127);
+}
+
+// A file descriptor closed when it goes out of scope.
+class Descriptor {
+public:
+    explicit Descriptor(int fd = -1) : m_fd(fd) {}
+    ~Descriptor() { reset(); }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    int get() const { return m_fd; }
+    void reset(int fd = -1) {
+        if (m_fd >= 0) {
+            ::close(m_fd);
+        }
+        m_fd = fd;
+    }
+
+private:
+    int m_fd;
+};
+
+// Moves a new descriptor above standard input, output and error (which a program started without
+// them hands out first), so that the child's dup2() onto them always makes a copy.
+bool aboveStandardStreams(Descriptor& descriptor) {
+    if (descriptor.get() > STDERR_FILENO) {
+        return true;
+    }
+    const int moved = fcntl(descriptor.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    descriptor.reset(moved);
+    return moved >= 0;
+}
 
 // The last non-empty lines of a tool's output, joined into one line. Progress output that
 // rewrites its line with carriage returns counts as separate lines.
@@ -134,62 +196,80 @@ QVariantMap ShellCommand::runCommand(const QString& tool, const QStringList& arg
                                      const ToolLimits& limits) {
     const QString path = toolFolder() + QLatin1Char('/') + tool;
     const QByteArray program = QFile::encodeName(path);
+    // The guard would only say "not found"; this says why.
+    if (::access(program.constData(), X_OK) != 0) {
+        return notStarted(path, errno);
+    }
     std::vector<QByteArray> encoded;
     encoded.reserve(static_cast<size_t>(arguments.size()));
     for (const QString& argument : arguments) {
         encoded.push_back(QFile::encodeName(argument));
     }
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(program.constData()));
+    static const char* const Shell = "/bin/sh";
+    QByteArray name = QFile::encodeName(tool);
+    std::vector<char*> argv{const_cast<char*>(Shell), const_cast<char*>("-c"), const_cast<char*>(Guard),
+                            name.data(), const_cast<char*>(program.constData())};
     for (QByteArray& argument : encoded) {
         argv.push_back(argument.data());
     }
     argv.push_back(nullptr);
 
-    // Close-on-exec, so that a tool started at the same time from another thread does not inherit
-    // our write end and keep the pipe open after this tool has ended.
-    int pipeEnds[2];
-    if (pipe2(pipeEnds, O_CLOEXEC) != 0) {
+    // All close-on-exec, so that a tool started at the same time from another thread does not
+    // inherit our write end and keep the pipe open after this tool has ended. The tool's standard
+    // output and standard error share the one pipe; its standard input is empty, so that a tool
+    // that reads keys from a terminal can neither block nor steal ours.
+    int outputEnds[2];
+    int reportEnds[2];
+    if (pipe2(outputEnds, O_CLOEXEC) != 0) {
         return notStarted(path, errno);
     }
-    const int readEnd = pipeEnds[0];
-    const int writeEnd = pipeEnds[1];
-
-    pid_t pid = -1;
-    int spawned = 0;
-    {
-        SpawnSetup setup;
-        // The tool's standard output and standard error share the one pipe; its standard input is
-        // empty, so a tool that reads keys from a terminal can neither block nor steal ours.
-        posix_spawn_file_actions_addopen(&setup.actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_adddup2(&setup.actions, writeEnd, STDOUT_FILENO);
-        posix_spawn_file_actions_adddup2(&setup.actions, writeEnd, STDERR_FILENO);
-        // The calling thread may block signals or the process ignore some (SIGPIPE); the tool
-        // starts with the defaults.
-        sigset_t none;
-        sigemptyset(&none);
-        sigset_t all;
-        sigfillset(&all);
-        posix_spawnattr_setsigmask(&setup.attributes, &none);
-        posix_spawnattr_setsigdefault(&setup.attributes, &all);
-        // A group of its own, so that a hung tool is ended together with whatever it started.
-        posix_spawnattr_setpgroup(&setup.attributes, 0);
-        posix_spawnattr_setflags(&setup.attributes,
-                                 POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
-        spawned =
-            posix_spawn(&pid, program.constData(), &setup.actions, &setup.attributes, argv.data(), environ);
+    Descriptor readEnd(outputEnds[0]), writeEnd(outputEnds[1]);
+    if (pipe2(reportEnds, O_CLOEXEC) != 0) {
+        return notStarted(path, errno);
     }
-    ::close(writeEnd);
-    if (spawned != 0) {
-        ::close(readEnd);
-        return notStarted(path, spawned);
+    Descriptor reportRead(reportEnds[0]), reportWrite(reportEnds[1]);
+    Descriptor input(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    if (input.get() < 0 || !aboveStandardStreams(input) || !aboveStandardStreams(writeEnd)) {
+        return notStarted(path, errno);
+    }
+    const GuardStart start{Shell,       argv.data(),    environ,          ::getpid(),
+                           input.get(), writeEnd.get(), reportWrite.get()};
+
+    // No handler of this program may run in the child before it has reset them.
+    sigset_t all;
+    sigfillset(&all);
+    sigset_t previous;
+    pthread_sigmask(SIG_SETMASK, &all, &previous);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        startGuard(start);
+    }
+    const int forkError = errno;
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    if (pid < 0) {
+        return notStarted(path, forkError);
+    }
+    // The guard may not have made its group yet when a limit ends it.
+    ::setpgid(pid, pid);
+    writeEnd.reset();
+    reportWrite.reset();
+    input.reset();
+
+    int execError = 0;
+    ssize_t reported;
+    while ((reported = ::read(reportRead.get(), &execError, sizeof execError)) < 0 && errno == EINTR) {
+    }
+    if (reported == static_cast<ssize_t>(sizeof execError)) {
+        while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+        return notStarted(QString::fromLocal8Bit(Shell), execError);
     }
 
     // Read while the tool runs: a tool that writes more than the pipe holds would otherwise wait
     // for us forever. The pipe ends when the tool (and anything it started) has closed it.
     QByteArray output;
-    collectOutput(readEnd, pid, limits, output);
-    ::close(readEnd);
+    collectOutput(readEnd.get(), pid, limits, output);
+    readEnd.reset();
 
     int waitStatus = 0;
     while (waitpid(pid, &waitStatus, 0) < 0) {

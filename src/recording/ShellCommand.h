@@ -23,13 +23,14 @@ inline const QString ShellCommandOutput = QStringLiteral("ShellCommandOutput");
 inline const QString ShellCommandStatus = QStringLiteral("ShellCommandStatus");
 
 // Runs the application's own command-line tools. A tool is looked up by name in the tool folder
-// only, never on the search path, and gets its arguments as they are: no shell is involved.
+// only, never on the search path, and gets its arguments as they are: no shell reads them. A tool
+// and everything it starts end with the thread that runs it, also when this program is killed.
 class ShellCommand {
 public:
     // Runs `tool` with `arguments` and blocks until it ends. ShellCommandOutput holds its standard
-    // output and standard error together, decoded as UTF-8; ShellCommandStatus its exit status, or
-    // -1 when it could not be started, did not exit normally or was ended for overstaying `limits`
-    // (the output then says why).
+    // output and standard error together, decoded as UTF-8; ShellCommandStatus its exit status
+    // (128 and the signal's number when a signal ended it), or -1 when it could not be started or
+    // was ended for overstaying `limits` (the output then says why).
     static QVariantMap runCommand(const QString& tool, const QStringList& arguments,
                                   const ToolLimits& limits = {});
 

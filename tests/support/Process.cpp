@@ -11,6 +11,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 
 extern char** environ;
 
@@ -119,6 +122,62 @@ pid_t startProcess(const std::vector<std::string>& arguments, int input, const s
 
 bool reapWithin(pid_t pid, std::chrono::milliseconds timeout) {
     return waitWithin(pid, timeout, nullptr);
+}
+
+bool endsWithin(pid_t pid, std::chrono::milliseconds timeout) {
+    pollfd fd{static_cast<int>(syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0};
+    if (fd.fd < 0) {
+        return errno == ESRCH;
+    }
+    int ready;
+    while ((ready = poll(&fd, 1, static_cast<int>(timeout.count()))) < 0 && errno == EINTR) {
+    }
+    close(fd.fd);
+    return ready > 0;
+}
+
+namespace {
+
+// The state letter and the process group from /proc/PID/stat; the name in it may hold spaces
+// and parentheses, so the fields are read after its last parenthesis.
+bool readStat(pid_t pid, char& state, pid_t& group) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    if (!std::getline(stat, line)) {
+        return false;
+    }
+    const size_t nameEnd = line.rfind(')');
+    if (nameEnd == std::string::npos) {
+        return false;
+    }
+    std::istringstream fields(line.substr(nameEnd + 1));
+    pid_t parent;
+    return static_cast<bool>(fields >> state >> parent >> group);
+}
+
+} // namespace
+
+pid_t processGroupOf(pid_t pid) {
+    char state;
+    pid_t group;
+    return readStat(pid, state, group) ? group : -1;
+}
+
+std::vector<pid_t> runningInGroup(pid_t group) {
+    std::vector<pid_t> members;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename().string();
+        if (name.find_first_not_of("0123456789") != std::string::npos) {
+            continue;
+        }
+        const pid_t pid = static_cast<pid_t>(std::stol(name));
+        char state;
+        pid_t its;
+        if (readStat(pid, state, its) && its == group && state != 'Z' && state != 'X') {
+            members.push_back(pid);
+        }
+    }
+    return members;
 }
 
 void endProcess(pid_t pid) {

@@ -27,6 +27,12 @@ pid_t startProcess(const std::vector<std::string>& arguments, int input = -1,
                    const std::string& log = "/dev/null");
 // Waits up to `timeout` for a started process to end, and reaps it; false when it still runs.
 bool reapWithin(pid_t pid, std::chrono::milliseconds timeout);
+// Waits up to `timeout` for any process (not only a child) to end; true when it has, or was gone.
+bool endsWithin(pid_t pid, std::chrono::milliseconds timeout);
+// The process group of a running process, or -1.
+pid_t processGroupOf(pid_t pid);
+// The processes of a group that still run (zombies waiting for their parent left out).
+std::vector<pid_t> runningInGroup(pid_t group);
 // Ends a started process by its id: SIGTERM, SIGKILL when it is still there 5 s later.
 void endProcess(pid_t pid);
 

@@ -466,6 +466,52 @@ INSTANTIATE_TEST_SUITE_P(
                                       "No space left on device"}),
     [](const ::testing::TestParamInfo<FinalisingFault>& info) { return std::string(info.param.name); });
 
+// zandor-cli killed while its merging tool runs takes the tool with it, and what the tool itself
+// started: nothing goes on working on the files of a recording that nobody will finish, also with
+// every core busy. The next recovery then finishes the recording.
+TEST_F(RecordingSystemTest, AKilledRecordingLeavesNoToolRunningAndIsRecoveredLater) {
+    const PulseServer::Playback game("game_sink", 440, 0);
+    // The first merge notes its own process and a child of its own, then waits for that child.
+    const QString noted = m_work.path() + "/merging";
+    const QByteArray firstMergeWaits = "[ -e '" + noted.toUtf8() + "' ] || { sleep 600 & echo $$ $! > '" +
+                                       noted.toUtf8() + ".new'; mv '" + noted.toUtf8() + ".new' '" +
+                                       noted.toUtf8() + "'; wait; }";
+    const std::string program = installWith({"SublerCLI", firstMergeWaits.constData()});
+    const test::BusyCores load;
+    const pid_t recording =
+        test::startProcess({program, "record", "--board", "demo", "--out", out().toStdString(), "--seconds",
+                            "2", "--layout", "Top", "--fps", "Original", "--game-audio", "GameIn"});
+    ASSERT_GT(recording, 0);
+    for (int wait = 0; wait < 600 && !QFileInfo::exists(noted); ++wait) {
+        ASSERT_FALSE(test::reapWithin(recording, std::chrono::milliseconds(200)))
+            << "zandor-cli ended before its merge";
+    }
+    const QStringList pids = test::readLines(noted).value(0).split(u' ');
+    ASSERT_EQ(pids.size(), 2) << "the merging tool and its child";
+    const pid_t tool = pids[0].toInt(), child = pids[1].toInt();
+    const pid_t group = test::processGroupOf(tool);
+    ASSERT_GT(group, 0);
+    EXPECT_EQ(test::processGroupOf(child), group);
+
+    kill(recording, SIGKILL);
+    ASSERT_TRUE(test::reapWithin(recording, std::chrono::seconds(10)));
+    EXPECT_TRUE(test::endsWithin(tool, std::chrono::seconds(30))) << "the merging tool runs on";
+    EXPECT_TRUE(test::endsWithin(child, std::chrono::seconds(30))) << "the merging tool's child runs on";
+    const std::vector<pid_t> left = test::runningInGroup(group);
+    EXPECT_EQ(left, std::vector<pid_t>{});
+    for (const pid_t process : left) {
+        kill(process, SIGKILL);
+    }
+
+    const QStringList bundles = stored(QDir::Dirs);
+    ASSERT_EQ(bundles.size(), 1);
+    const ProcessResult recovered = test::runProcess({program, "recover", "--out", out().toStdString()});
+    EXPECT_EQ(recovered.exitCode, 0) << recovered.err;
+    const std::string movie = (out() + "/" + bundles[0].chopped(9) + ".mp4").toStdString();
+    EXPECT_EQ(recovered.out, movie + "\n") << recovered.err;
+    EXPECT_EQ(streams(movie), (QStringList{"aac,44100,2", "h264,400,240"}));
+}
+
 // The demo board's count of every frame of a movie of "Top over Bottom" (400 x 480, the bottom
 // screen at (40, 240)), read from the top and the bottom screen.
 std::vector<std::pair<uint64_t, uint64_t>> demoCounts(const std::string& movie) {
