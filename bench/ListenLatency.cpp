@@ -4,12 +4,22 @@
 // default output). Both ends are read by parec at 5 ms latency and dated on arrival. Prints the
 // median and the 95th percentile over the beeps, and the CPU the listening costs.
 //
-//   build/bench/listen_latency [seconds]
+// With --board the game sound is the capture board's own (the demo board, beeping with its white
+// frame every second): the delay runs from the moment the beep's frame was taken to the beep at
+// the output.
+//
+//   build/bench/listen_latency [seconds] [--board]
 
 #include "PulseServer.h"
 #include "UserFolders.h"
 #include "base/Log.h"
+#include "audio/AudioInput.h"
 #include "audio/GameAudio.h"
+#include "base/Wakeup.h"
+#include "capture/CaptureDevice.h"
+#include "capture/ClassicBoard.h"
+#include "capture/DemoBoard.h"
+#include "capture/RawFrame.h"
 
 #include <QCoreApplication>
 
@@ -18,7 +28,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <atomic>
+#include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -113,10 +126,65 @@ private:
     std::vector<Clock::time_point> m_onsets;
 };
 
+// Notes when each beep of the board's own sound starts, by the frames that bring it: the frame's
+// time plus the beep's place among its samples, on the steady clock.
+class BoardEar {
+public:
+    explicit BoardEar(const std::shared_ptr<CaptureDevice>& device)
+        : m_device(device), m_observer(device->addObserver(m_wakeup)), m_thread([this] { listen(); }) {}
+    ~BoardEar() {
+        m_stop = true;
+        m_wakeup->signal();
+        m_thread.join();
+        m_device->removeObserver(m_observer);
+    }
+    std::vector<Clock::time_point> onsets() {
+        std::scoped_lock lock(m_mutex);
+        return m_onsets;
+    }
+
+private:
+    void listen() {
+        int64_t quiet = 0;
+        while (!m_stop) {
+            const CaptureDataPtr frame = m_device->observe(m_observer);
+            if (!frame) {
+                m_wakeup->wait(std::chrono::milliseconds(50));
+                continue;
+            }
+            const auto values = frame->sound();
+            for (size_t i = 0; i + 1 < values.size(); i += 2) {
+                if (std::abs(int(values[i])) > 8000) {
+                    if (quiet > int64_t(raw::SoundRate / 10)) {
+                        const auto taken = frame->wallClock() +
+                                           std::chrono::duration_cast<std::chrono::system_clock::duration>(
+                                               std::chrono::duration<double>(double(i / 2) / raw::SoundRate));
+                        const auto steady = Clock::now() - (std::chrono::system_clock::now() - taken);
+                        std::scoped_lock lock(m_mutex);
+                        m_onsets.push_back(std::chrono::time_point_cast<Clock::duration>(steady));
+                    }
+                    quiet = 0;
+                } else {
+                    ++quiet;
+                }
+            }
+        }
+    }
+
+    std::shared_ptr<CaptureDevice> m_device;
+    std::shared_ptr<Wakeup> m_wakeup = std::make_shared<Wakeup>();
+    ObserverPtr m_observer;
+    std::atomic<bool> m_stop{false};
+    std::mutex m_mutex;
+    std::vector<Clock::time_point> m_onsets;
+    std::thread m_thread;
+};
+
 } // namespace
 
 int main(int argc, char** argv) {
     const int seconds = argc > 1 ? std::atoi(argv[1]) : 20;
+    const bool fromBoard = argc > 2 && std::string(argv[2]) == "--board";
     QCoreApplication application(argc, argv);
     test::isolateUserFolders();
     test::PulseServer pulse;
@@ -125,27 +193,52 @@ int main(int argc, char** argv) {
         return 1;
     }
     LogCapture quiet;
+    std::shared_ptr<CaptureDevice> device;
     GameAudio game;
-    if (!game.start("GameIn")) {
-        std::fprintf(stderr, "cannot open GameIn\n");
+    if (fromBoard) {
+        setenv("ZANDOR_DEMO_FLASH", "1", 1);
+        device = CaptureDevice::create(
+            std::make_unique<ClassicBoard>(std::make_unique<DemoBoard>(), "Demo board"));
+        if (!device->startListening()) {
+            std::fprintf(stderr, "cannot start the demo board\n");
+            return 1;
+        }
+        game.setBoard(device);
+    }
+    if (!game.start(fromBoard ? AudioInput::BoardId : QStringLiteral("GameIn"))) {
+        std::fprintf(stderr, "cannot open the game input\n");
         return 1;
     }
     game.setListening(true);
     double cpu = 0;
     std::vector<Clock::time_point> in, out;
-    {
+    if (fromBoard) {
+        BoardEar input(device);
+        Ear output("out_sink.monitor");
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        const double cpuStart = processSeconds();
+        std::this_thread::sleep_for(std::chrono::seconds(seconds));
+        cpu = processSeconds() - cpuStart;
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        in = input.onsets();
+        out = output.onsets();
+    } else {
         Ear input("GameIn"), output("out_sink.monitor");
         std::this_thread::sleep_for(std::chrono::seconds(1));
         const double cpuStart = processSeconds();
         {
             // A 30 ms beep of 1 kHz at every whole second.
-            const test::PulseServer::Playback beeps("game_sink", 1000, 30, seconds + 1);
+            const test::PulseServer::Playback beeps("game_sink", 1000, 30);
             std::this_thread::sleep_for(std::chrono::seconds(seconds));
         }
         cpu = processSeconds() - cpuStart;
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
         in = input.onsets();
         out = output.onsets();
+    }
+    game.stop();
+    if (device) {
+        device->stopListening();
     }
     std::vector<double> delays;
     for (const auto& heard : in) {
@@ -162,8 +255,9 @@ int main(int argc, char** argv) {
                      in.size(), out.size());
         return 1;
     }
-    std::printf("listening delay, input to output, %zu beeps: median %.1f ms, 95th percentile %.1f ms\n",
-                delays.size(), delays[delays.size() / 2], delays[delays.size() * 95 / 100]);
+    std::printf("listening delay, %s to output, %zu beeps: median %.1f ms, 95th percentile %.1f ms\n",
+                fromBoard ? "board frame" : "input", delays.size(), delays[delays.size() / 2],
+                delays[delays.size() * 95 / 100]);
     std::printf("CPU of the listening process: %.2f%% of one core (parec and the server apart)\n",
                 cpu / seconds * 100);
     return 0;

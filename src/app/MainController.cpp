@@ -142,6 +142,8 @@ void MainController::awakeFromNib() {
     connect(ui.fullScreenItem, &QAction::triggered, this, &MainController::toggleFullScreen);
     connect(ui.preferencesItem, &QAction::triggered, this, &MainController::showPreferences);
     connect(ui.aboutItem, &QAction::triggered, m_mainWindow.get(), &MainWindow::showAbout);
+    connect(ui.aboutBoardItem, &QAction::triggered, this,
+            [this] { m_mainWindow->showBoard(m_session->device()->board().info()); });
     connect(ui.shareAsCameraItem, &QAction::triggered, this, &MainController::shareAsCameraAction);
     ui.shareAsCameraItem->setChecked(m_session->settings().shareAsCamera);
     connect(ui.quitItem, &QAction::triggered, m_mainWindow.get(), &QWidget::close);
@@ -441,6 +443,7 @@ void MainController::recoveryDone(const session::RecoveryDone& done) {
 }
 
 void MainController::showPreferences() {
+    m_capturePreferences->setBoardSendsNoSound(m_session->device()->board().info().sendsSound == false);
     m_preferencesWindow->showWindow();
 }
 

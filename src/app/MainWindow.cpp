@@ -98,6 +98,28 @@ void MainWindow::showAbout() {
     about->show();
 }
 
+void MainWindow::showBoard(const BoardInfo& info) {
+    auto* panel =
+        new QMessageBox(QMessageBox::NoIcon, QStringLiteral("About this board"),
+                        QStringLiteral("<b>%1</b>").arg(QString::fromStdString(info.name).toHtmlEscaped()),
+                        QMessageBox::Ok, this);
+    panel->setObjectName(QStringLiteral("aboutBoardWindow"));
+    const QString sound = !info.sendsSound   ? QStringLiteral("not known until the picture plays")
+                          : *info.sendsSound ? QStringLiteral("yes")
+                                             : QStringLiteral("no: the capture board sends no sound");
+    panel->setInformativeText(
+        QStringLiteral("Vendor and product: %1\nSerial number: %2\nFirmware version: %3\nSound: %4")
+            .arg(QString::fromStdString(info.vendorProduct()),
+                 info.serial.empty() ? QStringLiteral("none") : QString::fromStdString(info.serial),
+                 info.firmwareVersion > 0 ? QString::number(info.firmwareVersion)
+                                          : QStringLiteral("not known"),
+                 sound));
+    panel->setIconPixmap(icon(QStringLiteral("zandor")).pixmap(64, 64));
+    panel->setAttribute(Qt::WA_DeleteOnClose);
+    panel->setWindowModality(Qt::NonModal);
+    panel->show();
+}
+
 std::unique_ptr<QWidget> MainWindow::takeContentFullScreen(QScreen* screen) {
     auto surface = std::make_unique<QWidget>(nullptr, Qt::Window | Qt::FramelessWindowHint);
     surface->setObjectName(QStringLiteral("fullScreenWindow"));

@@ -2,6 +2,8 @@
 
 #include "ui_MainWindow.h"
 
+#include "capture/Board.h"
+
 #include <QMainWindow>
 
 #include <functional>
@@ -45,6 +47,9 @@ public:
     void hideStatus();
     // The About panel, which does not hold up the window.
     void showAbout();
+    // A small panel of what the capture board told of itself: name, vendor and product, serial,
+    // firmware version and whether it sends sound.
+    void showBoard(const BoardInfo& info);
     // Moves the content to a frameless surface taking the whole of `screen` (or the first one);
     // the returned surface gives it back in returnContent.
     std::unique_ptr<QWidget> takeContentFullScreen(QScreen* screen);

@@ -20,7 +20,6 @@ bool BoardAudio::start(Sink sink) {
                               sound->error().logLine().c_str());
         return false;
     }
-    m_framesWithoutSound = 0;
     m_observer = m_device->addObserver(m_worker.wakeup());
     m_worker.start([this, sound, sink = std::move(sink), observer = m_observer](const Worker::Run& run) {
         while (run.active()) {
@@ -45,14 +44,7 @@ void BoardAudio::stop() {
 }
 
 void BoardAudio::take(const CaptureData& frame, BoardSound& sound, const Sink& sink) {
-    const auto values = frame.sound();
-    if (!values.empty()) {
-        m_framesWithoutSound = 0;
-    } else if (!m_saidNoSound && !m_device->isDisconnected() && ++m_framesWithoutSound >= SilentFrames) {
-        logs::recording.warning("The capture board sends no sound");
-        m_saidNoSound = true;
-    }
-    const BoardSound::Piece piece = sound.add(values, frame.wallClock(), frame.number());
+    const BoardSound::Piece piece = sound.add(frame.sound(), frame.wallClock(), frame.number());
     if (piece.frames() > 0) {
         sink(piece);
     }

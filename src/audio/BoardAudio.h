@@ -14,15 +14,11 @@ class CaptureDevice;
 // The capture board's own sound as a stream: a thread of its own takes every frame the device
 // publishes, turns the sound that came with it into the tracks' rate on the frame's time (see
 // BoardSound) and hands each piece on. Frames it falls behind on are dropped by its queue and
-// become silence of their length. A board that sends no sound at all gives silence throughout,
-// said once in the log.
+// become silence of their length, and so does a board that sends no sound at all (which the board
+// says in the log).
 class BoardAudio {
 public:
     using Sink = std::function<void(const BoardSound::Piece& piece)>;
-
-    // Frames that come while the board is there, all without sound, before the board is taken for
-    // one that sends none: two seconds.
-    static constexpr int SilentFrames = 120;
 
     BoardAudio(std::shared_ptr<CaptureDevice> device, int outputRate);
     ~BoardAudio();
@@ -36,13 +32,11 @@ public:
     void stop();
 
 private:
-    void take(const CaptureData& frame, BoardSound& sound, const Sink& sink);
+    static void take(const CaptureData& frame, BoardSound& sound, const Sink& sink);
 
     const std::shared_ptr<CaptureDevice> m_device;
     const int m_outputRate;
     ObserverPtr m_observer;
-    int m_framesWithoutSound = 0; // the thread's own
-    bool m_saidNoSound = false;   // the thread's own
     Worker m_worker{"zandor-boardsnd"};
 };
 

@@ -63,7 +63,9 @@ Worker::~Worker() {
 }
 
 void Worker::start(std::function<void(const Run&)> body) {
-    join(m_joinTimeout);
+    // A thread of an earlier run that does not end in time is logged by join() and no longer acts
+    // for the worker (its generation is over): the new run starts beside it, and it is joined later.
+    static_cast<void>(join(m_joinTimeout));
     uint64_t generation;
     {
         std::scoped_lock lock(m_state->mutex);

@@ -55,9 +55,9 @@ public:
     // Waits, at most `timeout`, for the threads started here to end. False, logged, when one did
     // not. On the worker's own thread it returns true at once: the thread is ending. Call holding
     // no lock that a running body takes.
-    bool join(std::chrono::milliseconds timeout = JoinTimeout);
+    [[nodiscard]] bool join(std::chrono::milliseconds timeout = JoinTimeout);
     // Stop, then join.
-    bool stopAndJoin(std::chrono::milliseconds timeout = JoinTimeout);
+    [[nodiscard]] bool stopAndJoin(std::chrono::milliseconds timeout = JoinTimeout);
 
     // A run was started and not stopped.
     bool isActive() const;

@@ -34,17 +34,22 @@ CaptureDevice::~CaptureDevice() {
     for (auto& screen : m_screens) {
         if (screen) {
             screen->stopListening();
-            screen->join();
+            if (!screen->join()) {
+                logs::capture.warning("A screen's thread did not end in time as the device went");
+            }
         }
     }
 }
 
 void CaptureDevice::joinThreads() {
     // A thread ends within one frame request (bulk reads time out after 50 ms).
+    bool ended = true;
     for (auto& screen : m_screens) {
-        screen->join();
+        ended = screen->join() && ended;
     }
-    m_worker.join();
+    if (!(m_worker.join() && ended)) {
+        logs::capture.warning("The capture threads of the last run did not end in time");
+    }
 }
 
 namespace {

@@ -14,7 +14,10 @@ CaptureScreen::CaptureScreen(uint64_t width, uint64_t height, uint64_t offset)
       m_worker(offset == 0 ? "zandor-top" : "zandor-bottom") {}
 
 CaptureScreen::~CaptureScreen() {
-    m_worker.stopAndJoin();
+    if (!m_worker.stopAndJoin()) {
+        logs::capture.warning("The thread of the screen with offset '%ld' did not end in time",
+                              static_cast<long>(m_offset));
+    }
 }
 
 bool CaptureScreen::startListening(Observable& source) {

@@ -31,7 +31,7 @@ public:
     // holding the source's lock.
     void stopListening();
     // Waits, bounded, for the thread of the last run to end. Call holding no producer's lock.
-    bool join();
+    [[nodiscard]] bool join();
     bool isListening();
 
     // Cuts one screen out of the board's storage: `area` holds `width` columns, left first, each

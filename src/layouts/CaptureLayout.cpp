@@ -347,7 +347,7 @@ CaptureDataPtr CaptureLayout::composite(CaptureDataPtr top, CaptureDataPtr botto
     m_topData = std::move(top);
     m_bottomData = std::move(bottom);
     if (!m_pool) {
-        m_pool = FramePool::create(size(), QueueLength + 2);
+        m_pool = FramePool::create(size(), PoolBlocks);
     }
     auto result = m_pool->take();
     result->takeTimesOf(*m_topData);

@@ -29,6 +29,11 @@ class CaptureLayout final : public Observable, public CanvasHolder {
 public:
     enum Type { PluginLayout = 0, ScreenLayout = 1 };
     static constexpr uint64_t QueueLength = 200;
+    // Published frames kept for reuse: what the consumers hold in the steady state (the window, a
+    // recording, the replay buffer, the camera, a frame each) and the one being drawn. A consumer
+    // that falls behind gets fresh frames, freed once it has caught up: the pool does not keep its
+    // peak, which at up to a queue of canvas-sized frames per consumer would stay for the run.
+    static constexpr uint64_t PoolBlocks = 8;
     static constexpr uint64_t TopWidth = 400, BottomWidth = 320, ScreenHeight = 240;
     // The longest canvas side a plugin may ask for.
     static constexpr qint64 MaxSide = 16384;

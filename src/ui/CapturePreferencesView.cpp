@@ -13,6 +13,8 @@
 #include "ui_CapturePreferencesView.h"
 
 #include <QAudioDevice>
+#include <QFormLayout>
+#include <QLabel>
 #include <QFileDialog>
 #include <QMediaDevices>
 
@@ -51,6 +53,13 @@ CapturePreferencesView::CapturePreferencesView(QWidget* parent)
     m_ui->fpsPopup->addItems(settings::frameRates());
     m_ui->fpsPopup->setCurrentIndex(std::max(0, lastItemTitled(m_ui->fpsPopup, stored.framesPerSecond)));
     fillAudioInputs();
+    m_boardSoundNote = new QLabel(tr("The capture board sends no sound."), this);
+    m_boardSoundNote->setObjectName(QStringLiteral("boardSoundNote"));
+    int row = 0;
+    QFormLayout::ItemRole role{};
+    m_ui->form->getWidgetPosition(m_ui->audioGamePopup, &row, &role);
+    m_ui->form->insertRow(row + 1, QString(), m_boardSoundNote);
+    showBoardSoundNote();
     fillBoards();
     m_ui->replayBufferCheckBox->setChecked(stored.replayBuffer);
     m_ui->replaySecondsField->setRange(settings::replaySeconds.range()->first,
@@ -248,10 +257,21 @@ void CapturePreferencesView::showReplayMemory() {
     m_ui->replayMemoryLabel->setText(tr("about %1 MB").arg((bytes + (1 << 19)) >> 20));
 }
 
+void CapturePreferencesView::setBoardSendsNoSound(bool noSound) {
+    m_boardSendsNoSound = noSound;
+    showBoardSoundNote();
+}
+
+void CapturePreferencesView::showBoardSoundNote() {
+    m_ui->form->setRowVisible(m_boardSoundNote, m_boardSendsNoSound && m_ui->audioGamePopup->currentData() ==
+                                                                           QVariant(AudioInput::BoardId));
+}
+
 void CapturePreferencesView::selectAudioInput(QComboBox* popup, int index) {
     const QVariant input = popup->itemData(index);
     if (popup == m_ui->audioGamePopup) {
         settings::gameAudioInput.write(PreferencesController::instance(), input.toString());
+        showBoardSoundNote();
     } else if (popup == m_ui->audioNarratorPopup) {
         settings::narratorAudioInput.write(PreferencesController::instance(), input.toString());
     }

@@ -6,6 +6,8 @@
 
 class QComboBox;
 
+class QLabel;
+
 namespace zandor {
 
 namespace Ui {
@@ -21,11 +23,16 @@ public:
     explicit CapturePreferencesView(QWidget* parent = nullptr);
     ~CapturePreferencesView() override;
 
+    // Says beside the game input, while the capture board is chosen for it, that the board sends no
+    // sound (older firmware): its track would be silent.
+    void setBoardSendsNoSound(bool noSound);
+
     QString identifier() const override;
     QString toolbarItemLabel() const override;
     QIcon toolbarItemImage() const override;
 
 private:
+    void showBoardSoundNote();
     void fillLayouts();
     void fillQualities();
     void fillAudioInputs();
@@ -46,6 +53,8 @@ private:
     void showReplayMemory();
 
     std::unique_ptr<Ui::CapturePreferencesView> m_ui;
+    QLabel* m_boardSoundNote = nullptr; // a row of the form's own, under the game input
+    bool m_boardSendsNoSound = false;
 };
 
 } // namespace zandor

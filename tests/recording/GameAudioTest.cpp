@@ -7,6 +7,9 @@
 #include "PulseServer.h"
 #include "UserFolders.h"
 #include "audio/AudioInput.h"
+#include "capture/CaptureDevice.h"
+#include "capture/ClassicBoard.h"
+#include "capture/DemoBoard.h"
 #include "recording/AudioRecord.h"
 #include "audio/GameAudio.h"
 
@@ -129,6 +132,37 @@ TEST(GameAudio, ListeningIsHeardOnceAndARecordingKeepsItsFirstInstantOrSaysItCan
     ASSERT_TRUE(limit.lift());
     EXPECT_FALSE(started) << started.logLine();
     EXPECT_EQ(stopped.systemCode(), EFBIG) << stopped.logLine();
+}
+
+// The capture board's own sound, listened to: heard through the default output with no cable and
+// nothing at the sound server but the output, and only while listened to.
+TEST(GameAudio, TheBoardsOwnSoundIsHeardWhileListenedTo) {
+    test::isolateUserFolders();
+    const test::PulseServer& pulse = test::PulseServer::forThisProgram();
+    ASSERT_TRUE(pulse.isRunning()) << pulse.error();
+    auto demo = std::make_unique<DemoBoard>();
+    demo->setTone(440);
+    const auto device = CaptureDevice::create(std::make_unique<ClassicBoard>(std::move(demo), "Demo board"));
+    ASSERT_TRUE(device->startListening());
+
+    GameAudio game;
+    game.setBoard(device);
+    ASSERT_TRUE(game.start(AudioInput::BoardId));
+    EXPECT_LT(outputLevel(), 300) << "not played through while nobody listens";
+    game.setListening(true);
+    double listened = 0;
+    for (int attempt = 0; attempt < 20 && listened < 3000; ++attempt) {
+        listened = outputLevel();
+    }
+    EXPECT_GT(listened, 3000) << "heard while listening";
+    game.setListening(false);
+    double after = listened;
+    for (int attempt = 0; attempt < 20 && after > 300; ++attempt) {
+        after = outputLevel();
+    }
+    EXPECT_LT(after, 300) << "silent again";
+    game.stop();
+    device->stopListening();
 }
 
 } // namespace

@@ -15,6 +15,7 @@
 #include <QAction>
 #include <QCheckBox>
 #include <QComboBox>
+#include <QLabel>
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
@@ -125,6 +126,15 @@ TEST_F(PreferencePanesTest, CapturePaneShowsTheStoredChoicesAndWritesEveryChoice
     EXPECT_EQ(boards->itemText(0), "First found");
     EXPECT_EQ(boards->currentText(), "ZD-UNPLUGGED");
     EXPECT_GE(boards->findText("ZD0000000001"), 0) << "the board plugged in";
+    // The game sound is the board's own unless chosen otherwise, first in its list; a board that
+    // sends none is said beside it, for as long as the board is the game input.
+    auto* game = control<QComboBox>(pane, "audioGamePopup");
+    EXPECT_EQ(game->itemText(0), "Capture board");
+    EXPECT_EQ(game->currentIndex(), 0);
+    auto* note = control<QLabel>(pane, "boardSoundNote");
+    EXPECT_FALSE(note->isVisible());
+    pane.setBoardSendsNoSound(true);
+    EXPECT_TRUE(note->isVisible());
 
     for (const auto& [popup, title, key] :
          {std::tuple{"layoutPopup", "None", "PreferenceCaptureLayout"},
@@ -138,6 +148,10 @@ TEST_F(PreferencePanesTest, CapturePaneShowsTheStoredChoicesAndWritesEveryChoice
         choose(control<QComboBox>(pane, popup), control<QComboBox>(pane, popup)->findText(title));
         EXPECT_EQ(stored(key), '"' + std::string(title) + '"') << popup;
     }
+    EXPECT_FALSE(note->isVisible()) << "another game input";
+    choose(game, 0);
+    EXPECT_EQ(stored("PreferenceCaptureGameAudioInput"), R"("board")");
+    EXPECT_TRUE(note->isVisible());
     choose(boards, 0);
     EXPECT_EQ(stored("PreferenceCaptureBoard"), R"("")") << "first found";
     // Clicking a component higher up the path chooses that folder.
