@@ -4,10 +4,10 @@
 #include "BoardAudio.h"
 #include "PulseClient.h"
 #include "base/Log.h"
+#include "base/RunOn.h"
 
 #include <QAudioSink>
 #include <QAudioSource>
-#include <QCoreApplication>
 #include <QMediaDevices>
 
 namespace zandor {
@@ -76,15 +76,22 @@ void AudioInput::start() {
         m_started = true;
         m_boardAudio = std::make_unique<BoardAudio>(m_board, m_format.sampleRate());
         const bool taking = m_boardAudio->start([this](const BoardSound::Piece& piece) {
-            // Taken on this input's thread, as every buffer of an input is.
-            QByteArray samples(reinterpret_cast<const char*>(piece.samples.data()),
-                               static_cast<qsizetype>(piece.samples.size_bytes()));
-            QMetaObject::invokeMethod(
-                this,
-                [this, samples = std::move(samples), frames = piece.frames(), captured = piece.captured] {
-                    deliver(samples.constData(), frames, captured);
-                },
-                Qt::QueuedConnection);
+            // Taken on this input's thread, as every buffer of an input is: queued here, and one
+            // hand-over for as many pieces as came before this thread got to them.
+            bool first = false;
+            {
+                auto pieces = m_boardPieces.lock();
+                if (pieces->size() >= MaxBoardPieces) {
+                    pieces->pop_front(); // the thread is stuck: the oldest sound goes, not memory
+                }
+                first = pieces->empty();
+                pieces->push_back({QByteArray(reinterpret_cast<const char*>(piece.samples.data()),
+                                              static_cast<qsizetype>(piece.samples.size_bytes())),
+                                   piece.frames(), piece.captured});
+            }
+            if (first) {
+                runLater(this, [this] { takeBoardPieces(); });
+            }
         });
         if (taking && m_playThroughHolds > 0) {
             startSink();
@@ -230,8 +237,10 @@ void AudioInput::readAvailable() {
 }
 
 void AudioInput::takeBoardPieces() {
-    if (m_board) {
-        QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
+    std::deque<BoardPiece> pieces;
+    std::swap(pieces, *m_boardPieces.lock());
+    for (const BoardPiece& piece : pieces) {
+        deliver(piece.samples.constData(), piece.frames, piece.captured);
     }
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "SampleClock.h"
+#include "base/Guarded.h"
 #include "base/Error.h"
 
 #include <QAudioDevice>
@@ -11,6 +12,7 @@
 #include <QTimer>
 
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -100,6 +102,14 @@ private:
     std::unique_ptr<QMediaDevices> m_devices;
     std::shared_ptr<CaptureDevice> m_board;
     std::unique_ptr<BoardAudio> m_boardAudio;
+    // The board's sound on its way from the board's thread to this one.
+    struct BoardPiece {
+        QByteArray samples;
+        int frames;
+        std::chrono::system_clock::time_point captured;
+    };
+    static constexpr size_t MaxBoardPieces = 240; // four seconds of frames
+    Guarded<std::deque<BoardPiece>> m_boardPieces;
     // Owned by the source and the sink, which may replace or delete them on an error of the sound
     // server: guarded pointers, null once gone.
     QPointer<QIODevice> m_input;
