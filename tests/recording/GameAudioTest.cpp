@@ -134,8 +134,7 @@ TEST(GameAudio, ListeningIsHeardOnceAndARecordingKeepsItsFirstInstantOrSaysItCan
     EXPECT_EQ(stopped.systemCode(), EFBIG) << stopped.logLine();
 }
 
-// The capture board's own sound, listened to: heard through the default output with no cable and
-// nothing at the sound server but the output, and only while listened to.
+// With no cable and nothing at the sound server but the output.
 TEST(GameAudio, TheBoardsOwnSoundIsHeardWhileListenedTo) {
     test::isolateUserFolders();
     const test::PulseServer& pulse = test::PulseServer::forThisProgram();

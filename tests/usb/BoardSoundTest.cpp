@@ -168,8 +168,6 @@ TEST_F(BoardSoundTest, TheBoardTellsItsSerialAndFirmwareVersionOrNothingWhenItCa
     EXPECT_EQ(read(1), Status::Complete) << "the board works all the same";
 }
 
-// Two boards plugged in: each is opened by its serial; the device reading one finds it again by its
-// serial after it was unplugged and plugged in again, and never touches the other.
 TEST_F(BoardSoundTest, ABoardChosenBySerialIsOpenedFoundAgainAndTheOtherLeftAlone) {
     m_model->setSerial("AAA");
     auto second = std::make_unique<PatternSoundBoard>();

@@ -89,8 +89,6 @@ TEST_F(LibusbBoardTest, AnUnpluggedBoardGivesBlackFramesUntilItIsPluggedInAgain)
     EXPECT_EQ(m_log.count("Capture device reconnected"), 1u);
 }
 
-// Pause lets the board go: while paused another program may claim it, and Play opens it again and
-// finds it free.
 TEST_F(LibusbBoardTest, PauseLetsTheBoardGoAndPlayFindsItFree) {
     for (int run = 0; run < 2; ++run) {
         const auto frames = test::playFrames(*m_device, m_wakeup, 3);
