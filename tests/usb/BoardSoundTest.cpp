@@ -41,9 +41,7 @@ protected:
     }
     uint64_t soundBytes(uint64_t) override { return bytesAfterPicture; }
     void fillSound(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) override {
-        for (uint64_t i = 0; i < length; ++i) {
-            destination[i] = test::patternByte(frame + SoundStream, offset + i);
-        }
+        fill(frame + SoundStream, offset, destination, length);
     }
 };
 
