@@ -1,7 +1,5 @@
-// Plug-ins are files users download and share: a descriptor or an image that would hang the start
-// (a named pipe, or a link to one), take the memory ( a huge file, an image larger than any
-// canvas), take every frame's time (more objects than a layout may have) or cannot be read as text
-// is refused with the parser's line, and everything else loads.
+// Plug-ins are files users download and share: one that would hang the start, take the memory or
+// every frame's time, or cannot be read as text, is refused; everything else loads.
 
 #include "GatedBoard.h"
 #include "PluginBundles.h"

@@ -1,6 +1,4 @@
-// The game input kept open while the picture plays: heard through the default output only while
-// listened to and at the chosen volume, heard once when a recording also plays it through, and recorded from
-// the instant the recording starts; and a recording's sound file that cannot be finished.
+// The game input kept open while the picture plays, listened to through the default output.
 
 #include "Files.h"
 #include "Media.h"
