@@ -128,11 +128,21 @@ protected:
 
     // A consumer that asks for `format` and writes what it receives as RGB rows into `file`.
     static std::vector<std::string> consumer(const QString& file, int buffers, const std::string& format) {
-        return {"gst-launch-1.0", "-q",
-                "pipewiresrc target-object=zandor num-buffers=" + std::to_string(buffers) +
-                    " ! video/x-raw,format=" + format +
-                    " ! videoconvert ! video/x-raw,format=RGB ! filesink buffer-mode=unbuffered location=\"" +
-                    file.toStdString() + "\""};
+        return {"gst-launch-1.0",
+                "-q",
+                "pipewiresrc",
+                "target-object=zandor",
+                "num-buffers=" + std::to_string(buffers),
+                "!",
+                "video/x-raw,format=" + format,
+                "!",
+                "videoconvert",
+                "!",
+                "video/x-raw,format=RGB",
+                "!",
+                "filesink",
+                "buffer-mode=unbuffered",
+                "location=" + file.toStdString()};
     }
     pid_t consume(const QString& file) {
         return test::startProcess(consumer(file, 100000, "RGB"), -1, at("consumer.log").toStdString());
