@@ -92,7 +92,8 @@ TEST_P(OpeningFailureTest, OpensInOrderStopsAtTheFailingStepSaysWhyAndStartsNoth
 }
 
 const std::string Connect = "Could not connect to capture device",
-                  Claim = "Could not claim capture interface";
+                  Claim = "Could not claim capture interface",
+                  BusyLine = "Another program is using the capture board: close it, then try again";
 const char* const NoPermissionLine =
     "No permission to open the capture board at /dev/bus/usb/001/009: install "
     "the udev rule 70-zandor-capture.rules (see README) and plug the board in again";
@@ -106,11 +107,7 @@ INSTANTIATE_TEST_SUITE_P(
         OpeningFailure{
             "Configuration", 2, usb::ErrorIo, Board::StepConfigure, {"Could not configure capture device"}},
         OpeningFailure{"Claim", 3, usb::ErrorAccess, Board::StepClaim, {Claim}},
-        OpeningFailure{"ClaimBusy",
-                       3,
-                       usb::ErrorBusy,
-                       Board::StepClaim,
-                       {Claim, "Another program is using the capture board: close it, then try again"}}),
+        OpeningFailure{"ClaimBusy", 3, usb::ErrorBusy, Board::StepClaim, {Claim, BusyLine}}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(CaptureDeviceTest, FailedReadsPublishBlackStampedFramesAndTheStallIsCleared) {
