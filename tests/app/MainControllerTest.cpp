@@ -220,8 +220,6 @@ TEST_F(MainControllerTest, PlayingShowsTheMovingPictureAndAScreenshotCanBeTakenU
     EXPECT_FALSE(ui.screenshotItem->isEnabled() || ui.recordItem->isEnabled());
 }
 
-// The buffer runs only while the picture plays and the user wants it, and starts again empty with
-// each layout; Save Replay writes a movie off the GUI thread.
 TEST_F(MainControllerTest, TheReplayBufferFollowsThePictureAndTheSettingAndSavesOnRequest) {
     PreferencesController::instance().setPreference(settings::replayBuffer.key, true);
     auto& ui = start();
@@ -289,9 +287,7 @@ QStringList streamsOpen() {
     return names;
 }
 
-// An input is open only while something records, buffers or listens from it: before, during and
-// after a recording with both inputs, a replay buffer and listening, each under its own name. (A
-// desktop's "microphone in use" light follows the open inputs.)
+// A desktop's "microphone in use" light follows the open inputs.
 class MainControllerSoundTest : public MainControllerTest {
 protected:
     // The sound server comes first: Qt connects to one once, when the preferences first look for
@@ -341,9 +337,6 @@ TEST_F(MainControllerSoundTest, TheInputsAreOpenOnlyWhileSomethingRecordsBuffers
     EXPECT_TRUE(closeAll()) << "after the replay buffer: " << streamsOpen().join(", ").toStdString();
 }
 
-// The camera node exists while the item is on and the picture plays, and follows the layout.
-// Without PipeWire the item goes off with one alert, however often it is chosen, and the picture
-// plays on.
 TEST_F(MainControllerTest, ShareAsCameraSharesWhileThePicturePlaysOrSaysOnceWhyItCannot) {
     test::PipeWireServer server;
     ASSERT_TRUE(server.isRunning()) << server.error();
@@ -385,8 +378,6 @@ TEST_F(MainControllerTest, CaptureFollowsTheChosenLayoutOrBothScreens) {
     EXPECT_EQ(layouts[0]->name() + layouts[1]->name(), "TopBottom");
 }
 
-// A layout change resizes the window keeping its lower left corner; one made in full screen, with
-// a size step, sizes the window it returns to.
 TEST_F(MainControllerTest, ALayoutChangeOrASizeStepResizesTheWindowAlsoFromFullScreen) {
     auto& ui = start();
     auto* window = m_controller->mainWindow();
@@ -412,8 +403,6 @@ TEST_F(MainControllerTest, ALayoutChangeOrASizeStepResizesTheWindowAlsoFromFullS
     EXPECT_TRUE(ui.sizeDoubleItem->isChecked() && !ui.sizeOriginalItem->isChecked());
 }
 
-// While recording there is no pausing and no quitting; the button blinks for the recording that
-// runs, not for one that was started before and is still being finalised.
 TEST_F(MainControllerTest, TheRecordButtonFollowsTheRecordingStartedWhileAnotherFinalises) {
     // A conversion that waits until the test lets it go.
     const QString gate = m_tools.path() + "/gate";
@@ -474,9 +463,8 @@ TEST_F(MainControllerTest, ARecordingThatCannotWriteIsRefusedAndSaidSo) {
         << alerts()[1].toStdString();
 }
 
-// With the "Finalizing video..." sheet dismissed, a second recording started and stopped: quitting
-// waits for the first too, whose conversion takes longer than the pipeline's threads are given. The
-// first conversion goes on only once the test lets it, so that a slow second one cannot outlast it.
+// The first conversion takes longer than the pipeline's threads are given, and goes on only once the
+// test lets it, so that a slow second one cannot outlast it.
 TEST_F(MainControllerTest, QuittingWaitsForEveryRecordingStillFinalising) {
     auto& ui =
         startRecordingWith("here=\"$(dirname \"$0\")\"\nif mkdir \"$here/first\" 2>/dev/null; then\n"
@@ -508,8 +496,6 @@ TEST_F(MainControllerTest, TheFirstRunShowsTheAboutWindowOnce) {
     EXPECT_EQ(m_controller->mainWindow()->findChild<QMessageBox*>("aboutWindow"), nullptr);
 }
 
-// A second start of the application hands the plugins it was given to this one, which installs them
-// and shows the layout.
 TEST_F(MainControllerTest, APluginHandedOverByASecondStartBecomesTheActiveLayoutAndARefusalIsShown) {
     auto& ui = start();
     ZDAppDelegate delegate(*m_controller);
@@ -530,8 +516,6 @@ TEST_F(MainControllerTest, APluginHandedOverByASecondStartBecomesTheActiveLayout
         QTest::qWaitFor([&] { return m_controller->activeLayout()->name() == "Handed Over"; }, 20000));
 }
 
-// At start the application offers the recordings a killed run left unfinished, with their length:
-// "Recover" finishes them and says what was saved, "Delete" removes them.
 TEST_F(MainControllerTest, RecordingsAKilledRunLeftAreOfferedToBeRecoveredOrDeleted) {
     ASSERT_TRUE(test::writeStandInTools(m_tools.path()));
     ShellCommand::setToolFolder(m_tools.path());

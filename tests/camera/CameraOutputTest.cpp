@@ -239,9 +239,7 @@ TEST_F(CameraTest, ALayoutChangeGivesTheWatchingConsumerFramesOfTheNewSizeAndNam
     EXPECT_FALSE(m_tall->hasObservers());
 }
 
-// A consumer that stops reading keeps its buffers: the camera drops frames instead of waiting and
-// keeps up with the layout, whose other subscribers (the picture on screen, a recording) get every
-// frame.
+// The layout's other subscribers are the picture on screen and a recording.
 TEST_F(CameraTest, AConsumerThatStopsReadingCostsDroppedCameraFramesAndNothingElse) {
     share(m_tall);
     m_consumer = consume(at("frames.rgb"));

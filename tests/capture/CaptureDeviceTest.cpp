@@ -92,7 +92,8 @@ TEST_P(OpeningFailureTest, OpensInOrderStopsAtTheFailingStepSaysWhyAndStartsNoth
 }
 
 const std::string Connect = "Could not connect to capture device",
-                  Claim = "Could not claim capture interface";
+                  Claim = "Could not claim capture interface",
+                  BusyLine = "Another program is using the capture board: close it, then try again";
 const char* const NoPermissionLine =
     "No permission to open the capture board at /dev/bus/usb/001/009: install "
     "the udev rule 70-zandor-capture.rules (see README) and plug the board in again";
@@ -106,11 +107,7 @@ INSTANTIATE_TEST_SUITE_P(
         OpeningFailure{
             "Configuration", 2, usb::ErrorIo, Board::StepConfigure, {"Could not configure capture device"}},
         OpeningFailure{"Claim", 3, usb::ErrorAccess, Board::StepClaim, {Claim}},
-        OpeningFailure{"ClaimBusy",
-                       3,
-                       usb::ErrorBusy,
-                       Board::StepClaim,
-                       {Claim, "Another program is using the capture board: close it, then try again"}}),
+        OpeningFailure{"ClaimBusy", 3, usb::ErrorBusy, Board::StepClaim, {Claim, BusyLine}}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(CaptureDeviceTest, FailedReadsPublishBlackStampedFramesAndTheStallIsCleared) {
@@ -130,8 +127,7 @@ TEST_F(CaptureDeviceTest, FailedReadsPublishBlackStampedFramesAndTheStallIsClear
 }
 
 // With hotplug notices the board is opened when it is announced; without, it is looked for twice a
-// second. Either way the device publishes black frames meanwhile, never asks the board in a loop,
-// and says once (not at every attempt) when the board is back with a node we may not open.
+// second, never in a loop.
 class ReconnectTest : public CaptureDeviceTest, public ::testing::WithParamInterface<bool> {};
 
 TEST_P(ReconnectTest, AVanishedBoardGivesBlackFramesUntilItIsBackAndMayBeOpened) {
@@ -178,9 +174,7 @@ TEST_P(ReconnectTest, AVanishedBoardGivesBlackFramesUntilItIsBackAndMayBeOpened)
 INSTANTIATE_TEST_SUITE_P(Arrivals, ReconnectTest, ::testing::Bool(),
                          [](const auto& info) { return info.param ? "Announced" : "LookedFor"; });
 
-// The rate line comes with every 300th frame of a run, and counts that run's frames: after a
-// restart it comes with the new run's 300th frame, whose time stamp it gives, and not earlier because
-// of the frames of the run before.
+// After a restart the line gives the time stamp of the new run's 300th frame, not earlier.
 TEST_F(CaptureDeviceTest, TheRateLineComesWithEvery300thFrameOfItsOwnRun) {
     m_device->setFramePeriod(0ns);
     LogCapture log;
@@ -223,9 +217,6 @@ TEST_F(CaptureDeviceTest, TheRateLineComesWithEvery300thFrameOfItsOwnRun) {
     }
 }
 
-// A frame's number is its slot on the board's frame grid: a read that runs late skips the numbers of
-// the slots it missed, and a new run goes on above the last number, so that no two frames of the
-// device's life share one.
 TEST_F(CaptureDeviceTest, NumbersFramesByTheirSlotsAndNeverRepeatsANumber) {
     std::vector<CaptureDataPtr> frames;
     for (uint64_t first : {0u, 7u}) {
@@ -311,9 +302,8 @@ TEST_F(CaptureDeviceTest, AfterAStopEveryThreadEndsAndEveryFrameIsReleased) {
     }
 }
 
-// Each screen cuts its own area of every raw frame (the cut itself: ScreenCutTest) and keeps the raw
-// frame's time and number. The board sends six frames only, so that no queue can overflow however
-// late the test gets to them.
+// The cut itself: ScreenCutTest. Six frames only, so that no queue can overflow however late the test
+// gets to them.
 TEST_F(CaptureDeviceTest, ScreensPublishTheCutOfEachRawFrameWithItsTimeStampAndNumber) {
     m_board->holdAt(6);
     auto rawObserver = m_device->addObserver(m_wakeup);

@@ -94,8 +94,6 @@ struct Composition {
 
 class CompositionTest : public CaptureLayoutTest, public ::testing::WithParamInterface<Composition> {};
 
-// Five pairs of random screen frames through composite(), each compared with the obvious
-// compositor. The top and bottom frames carry different times: the result shows the top's.
 TEST_P(CompositionTest, CompositesLikeTheObviousCompositorAndKeepsTheTopScreensTime) {
     std::mt19937 random(99);
     QMap<QString, QImage> images{{"under.png", randomImage(random, 60, 50)},
@@ -176,8 +174,7 @@ INSTANTIATE_TEST_SUITE_P(
                        <object type="image" x="0" y="0" resource="frame.png"/>)"}),
     [](const auto& info) { return std::string(info.param.name); });
 
-// Positions at the ends of the 64-bit range (and past it, read as the largest) lie wholly outside the
-// canvas: nothing is drawn, and the arithmetic placing them neither overflows nor wraps them back in.
+// Positions at and past the ends of the 64-bit range: the arithmetic must not wrap them back in.
 TEST_F(CaptureLayoutTest, ObjectsFarOutsideTheCanvasDrawNothing) {
     std::mt19937 random(7);
     auto layout = CaptureLayout::createWithPlugin(
@@ -205,8 +202,7 @@ TEST_F(CaptureLayoutTest, ObjectsFarOutsideTheCanvasDrawNothing) {
     layout->stopListening();
 }
 
-// A canvas is at most 16384 on a side; a layout asking for more (or for a negative size) stays empty
-// and says so, instead of taking the memory.
+// A canvas is at most 16384 on a side.
 TEST_F(CaptureLayoutTest, ACanvasBeyondTheLimitsStaysEmpty) {
     LogCapture log;
     for (const auto& [width, height] : {std::pair{16385, 1}, {1, 16385}, {-400, 240}}) {
@@ -224,8 +220,6 @@ TEST_F(CaptureLayoutTest, ACanvasBeyondTheLimitsStaysEmpty) {
               16384u * 2 * 3);
 }
 
-// A screen layout hands on the screen's very frames, and goes on while any consumer is subscribed:
-// the view stopping leaves a recording its frames.
 TEST_F(CaptureLayoutTest, AScreenLayoutRepublishesTheVeryFramesAndRunsWhileAConsumerIsSubscribed) {
     auto layout = CaptureLayout::createWithScreen(m_device->screen(1), "Bottom");
     auto view = layout->addObserver(m_wakeup);
@@ -440,20 +434,8 @@ TEST_F(PairingTest, EveryCompositeShowsBothScreensOfOneBoardFrame) {
     for (bool deviceStopsFirst : {true, false}) {
         for (bool deviceStartsFirst : {true, false}) {
             letThrough(10);
-            if (deviceStopsFirst) {
-                stopDevice();
-                stopLayout();
-            } else {
-                stopLayout();
-                stopDevice();
-            }
-            if (deviceStartsFirst) {
-                startDevice();
-                startLayout();
-            } else {
-                startLayout();
-                startDevice();
-            }
+            deviceStopsFirst ? (stopDevice(), stopLayout()) : (stopLayout(), stopDevice());
+            deviceStartsFirst ? (startDevice(), startLayout()) : (startLayout(), startDevice());
             stall(2, 10);
         }
     }
@@ -470,8 +452,6 @@ TEST_F(PairingTest, EveryCompositeShowsBothScreensOfOneBoardFrame) {
     EXPECT_GT(m_checked, 100);
 }
 
-// Every producer in the pipeline: a consumer that falls behind loses the oldest frame, and the
-// observer's line comes before the producer's own; the producer counts the run's drops at its stop.
 struct DropLines {
     const char* producer;
     uint64_t overflowingFrame; // the first frame its queue has no room for

@@ -95,8 +95,6 @@ TEST_F(PluginControllerTest, AFolderHoldingAPipeOrALinkIsRefusedByNameWithoutOpe
     EXPECT_TRUE(QDir(user()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries).isEmpty());
 }
 
-// The menu lists the application's layouts in the registry's order, then the user's after a
-// separator.
 TEST_F(PluginControllerTest, TheLayoutMenuFollowsTheRegistryAndAReusedNameFindsTheEarlierLayout) {
     test::writeBundle(app(), "low.zdplugin", layout("Low", 1));
     test::writeBundle(app(), "high.zdplugin", layout("High", 9));

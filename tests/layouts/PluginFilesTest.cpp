@@ -1,7 +1,5 @@
-// Plug-ins are files users download and share: a descriptor or an image that would hang the start
-// (a named pipe, or a link to one), take the memory ( a huge file, an image larger than any
-// canvas), take every frame's time (more objects than a layout may have) or cannot be read as text
-// is refused with the parser's line, and everything else loads.
+// Plug-ins are files users download and share: one that would hang the start, take the memory or
+// every frame's time, or cannot be read as text, is refused; everything else loads.
 
 #include "GatedBoard.h"
 #include "PluginBundles.h"
@@ -135,34 +133,25 @@ TEST_F(PluginFilesTest, ImagesThatWouldHangOrExceedAnyCanvasAreRefusedAndTheRest
     LogCapture log;
     auto layout = CaptureLayout::createWithPlugin(plugin, m_device);
     const uint8_t* canvas = layout->canvas();
-    EXPECT_EQ(std::vector<uint8_t>(canvas, canvas + 3), (std::vector<uint8_t>{255, 0, 0})) << "drawn";
-    EXPECT_EQ(std::vector<uint8_t>(canvas + 30, canvas + 33), (std::vector<uint8_t>{0, 0, 255}))
-        << "the pipe is not drawn";
-    EXPECT_EQ(std::vector<uint8_t>(canvas + 60, canvas + 63), (std::vector<uint8_t>{0, 0, 255}))
-        << "the wide image is not drawn";
-    EXPECT_EQ(log.count("Could not parse plugin: image " + path.toStdString() +
-                        "/Resources/pipe.png: it is not a regular file"),
-              1u);
-    EXPECT_EQ(log.count("Could not parse plugin: image " + path.toStdString() +
-                        "/Resources/wide.png is 16385 by 2 pixels, larger than 16384 on a side or 256 MB "
-                        "decoded"),
-              1u);
+    const auto pixel = [canvas](int x) { return std::vector<uint8_t>(canvas + 3 * x, canvas + 3 * x + 3); };
+    EXPECT_EQ(pixel(0), (std::vector<uint8_t>{255, 0, 0})) << "drawn";
+    for (const auto& [x, image] :
+         {std::pair{10, "the pipe"}, {20, "the wide image"}, {50, "the SVG image"}}) {
+        EXPECT_EQ(pixel(x), (std::vector<uint8_t>{0, 0, 255})) << image << " is not drawn";
+    }
+    const auto said = [&path](const char* rest) {
+        return "Could not parse plugin: image " + path.toStdString() + "/Resources/" + rest;
+    };
+    for (const char* line :
+         {"pipe.png: it is not a regular file",
+          "wide.png is 16385 by 2 pixels, larger than 16384 on a side or 256 MB decoded",
+          "over.png is 16384 by 4097 pixels, larger than 16384 on a side or 256 MB decoded",
+          "shape.png: it is not a PNG, JPEG, GIF or BMP image"}) {
+        EXPECT_EQ(log.count(said(line)), 1u) << line;
+    }
     // The image at the limit is let through to decoding, which finds no pixels in the file.
-    EXPECT_EQ(
-        log.countPrefix("Could not parse plugin: image " + path.toStdString() + "/Resources/limit.png: "),
-        1u);
-    EXPECT_EQ(
-        log.countPrefix("Could not parse plugin: image " + path.toStdString() + "/Resources/limit.png is"),
-        0u);
-    EXPECT_EQ(log.count("Could not parse plugin: image " + path.toStdString() +
-                        "/Resources/over.png is 16384 by 4097 pixels, larger than 16384 on a side or 256 MB "
-                        "decoded"),
-              1u);
-    EXPECT_EQ(log.count("Could not parse plugin: image " + path.toStdString() +
-                        "/Resources/shape.png: it is not a PNG, JPEG, GIF or BMP image"),
-              1u);
-    EXPECT_EQ(std::vector<uint8_t>(canvas + 150, canvas + 153), (std::vector<uint8_t>{0, 0, 255}))
-        << "the SVG image is not drawn";
+    EXPECT_EQ(log.countPrefix(said("limit.png: ")), 1u);
+    EXPECT_EQ(log.countPrefix(said("limit.png is")), 0u);
 }
 
 // Attributes are read by their own rules: numbers by their leading integer, a background only when

@@ -119,8 +119,7 @@ TEST(AudioMixerTest, TracksArePlacedByTheirCaptureTimesWithinTheSpan) {
     EXPECT_NEAR(zero + 1024.0 / Rate, 0.2, 0.001);
 }
 
-// Game and narrator are added at full level: two loud sounds together are cut off at full scale,
-// neither scaled down nor let past it.
+// Neither scaled down nor let past full scale.
 TEST(AudioMixerTest, LoudTracksAddUpAndAreClippedAtFullScale) {
     QTemporaryDir folder;
     const Clock::time_point start = Clock::now();

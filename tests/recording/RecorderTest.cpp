@@ -88,16 +88,24 @@ protected:
         return recorder;
     }
 
-    // Records with stand-in tools until the first layout has given `frames` frames, with `meanwhile`
-    // run halfway, then stops and waits for finalising.
-    std::shared_ptr<VideoRecorder> recordVideo(
-        const std::vector<LayoutPtr>& layouts, const std::shared_ptr<Delegate>& delegate,
-        const QByteArray& converterFirst = {}, size_t frames = 10,
-        const std::function<void()>& meanwhile = [] {}) {
+    // A video recorder whose stand-in tools run `converterFirst` before the conversion.
+    std::shared_ptr<VideoRecorder> videoRecorder(const std::vector<LayoutPtr>& layouts,
+                                                 const std::shared_ptr<Delegate>& delegate,
+                                                 const QByteArray& converterFirst = {}) {
         EXPECT_TRUE(test::writeStandInTools(m_tools.path(), converterFirst));
         ShellCommand::setToolFolder(m_tools.path());
         auto recorder = std::make_shared<VideoRecorder>(layouts, m_settings);
         recorder->setDelegate(delegate);
+        return recorder;
+    }
+
+    // Records until the first layout has given `frames` frames, with `meanwhile` run halfway, then
+    // stops and waits for finalising.
+    std::shared_ptr<VideoRecorder> recordVideo(
+        const std::vector<LayoutPtr>& layouts, const std::shared_ptr<Delegate>& delegate,
+        const QByteArray& converterFirst = {}, size_t frames = 10,
+        const std::function<void()>& meanwhile = [] {}) {
+        auto recorder = videoRecorder(layouts, delegate, converterFirst);
         auto watch = layouts.front()->addObserver(m_wakeup);
         EXPECT_TRUE(recorder->start());
         EXPECT_TRUE(m_device->startListening());
@@ -123,7 +131,6 @@ TEST_F(RecorderTest, HandsOneFramePerLayoutAndFinishesOnceWhenStopped) {
     auto watch = m_top->addObserver(m_wakeup);
     ASSERT_TRUE(recorder->start());
     ASSERT_TRUE(m_device->startListening());
-    // Many more frames pass than the recorder takes.
     ASSERT_EQ(test::takeFrames(*m_top, watch, *m_wakeup, 12).size(), 12u);
     EXPECT_EQ(recorder->captured, 1);
     m_top->removeObserver(watch);
@@ -134,8 +141,7 @@ TEST_F(RecorderTest, HandsOneFramePerLayoutAndFinishesOnceWhenStopped) {
     EXPECT_FALSE(m_top->isListening()) << "the layout stops once its last consumer left";
 }
 
-// Each layout's frame, byte for byte as ffmpeg decodes the file, in a file told apart by the layout's
-// name after the stamp (the two may fall in different seconds).
+// The layout's name after the stamp tells the files apart (the two may fall in different seconds).
 TEST_F(RecorderTest, AScreenshotIsEachLayoutsFrameByteForByte) {
     std::vector<std::pair<LayoutPtr, ObserverPtr>> watched;
     for (const LayoutPtr& layout : {m_top, m_bottom}) {
@@ -159,8 +165,7 @@ TEST_F(RecorderTest, AScreenshotIsEachLayoutsFrameByteForByte) {
     }
 }
 
-// A storage folder that is not there yet (a fresh desktop has no ~/Desktop) is made; a format other
-// than PNG gives JPEG.
+// A fresh desktop has no ~/Desktop; a format other than PNG gives JPEG.
 TEST_F(RecorderTest, AScreenshotMakesAMissingFolderAndAnUnwritableOneStillFinishes) {
     m_settings.storageFolder = m_folder.path() + "/Desktop/shots";
     m_settings.imageFormat = "JPEG2000";
@@ -179,9 +184,8 @@ TEST_F(RecorderTest, AScreenshotMakesAMissingFolderAndAnUnwritableOneStillFinish
     EXPECT_FALSE(recorder->isRecording());
 }
 
-// Each layout's movie is merged, converted at the chosen rate with the quality's bit rate and moved
-// out under its layout's name made safe for a file name. A converter that never ends is ended after
-// twenty times the recording's length (ten seconds at least), and that layout's recording is kept.
+// A converter that never ends is ended after twenty times the recording's length (ten seconds at
+// least).
 TEST_F(RecorderTest, EachLayoutIsConvertedUnderItsNameAndAHungConverterIsEndedKeepingTheRecording) {
     m_settings.storageFolder = m_folder.path() + "/new/folder";
     m_settings.framesPerSecond = "30";
@@ -203,10 +207,8 @@ TEST_F(RecorderTest, EachLayoutIsConvertedUnderItsNameAndAHungConverterIsEndedKe
         << "the chosen rate and the quality's bit rate";
 }
 
-// A recording whose finalising failed is recovered into movies named as the recording's would have
-// been: after each layout (shortened and made safe for a file name), from the choices the bundle
-// keeps or, without them, from its movies; a movie of that name already there is kept, and the
-// recovered one numbered.
+// Named from the choices the bundle keeps or, without them, from its movies; a movie of that name
+// already there is kept, and the recovered one numbered.
 TEST_F(RecorderTest, ARecoveredRecordingsMoviesCarryTheLayoutNames) {
     const QString longName = "A/B\tC" + QString(120, 'z');
     const QString inFileName = "A_B_C" + QString(95, 'z');
@@ -239,15 +241,11 @@ TEST_F(RecorderTest, ARecoveredRecordingsMoviesCarryTheLayoutNames) {
     EXPECT_EQ(test::readFile(base + " Top.mp4"), "kept");
 }
 
-// A movie that cannot be written further (here a file-size limit, as a full disk would) ends the
-// recording by itself: nobody stops it, and what was written is kept in the bundle.
+// Here a file-size limit, as a full disk would.
 TEST_F(RecorderTest, AFailedWriteEndsTheRecordingWithoutAStop) {
-    ASSERT_TRUE(test::writeStandInTools(m_tools.path()));
-    ShellCommand::setToolFolder(m_tools.path());
     m_settings.videoQuality = "Highest";
     auto delegate = std::make_shared<Delegate>();
-    auto recorder = std::make_shared<VideoRecorder>(std::vector<LayoutPtr>{m_top}, m_settings);
-    recorder->setDelegate(delegate);
+    auto recorder = videoRecorder({m_top}, delegate);
     test::FileSizeLimit limit(512 * 1024);
     ASSERT_TRUE(limit.isSet());
     LogCapture log;
@@ -297,9 +295,7 @@ double seconds(std::chrono::system_clock::time_point time) {
 }
 
 // The replay starts on a key frame no more than its seconds and one key interval back, and ends on
-// one of the last pictures shown before the save (the encoder holds back a few); a later save
-// overlaps the earlier one and goes to the folder named then; a stop keeps what the buffer holds, up
-// to the last picture shown, until the next start empties it.
+// one of the last pictures shown before the save (the encoder holds back a few).
 TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverlapAlsoAfterAStop) {
     constexpr int Seconds = 5;
     const QString folder = m_folder.path() + "/replays", chosenLater = m_folder.path() + "/chosen later";
@@ -366,8 +362,7 @@ TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverla
     buffer->stop();
 }
 
-// A save that writes nothing says which cause stopped it by its code, not by a text: an empty
-// buffer, and a folder that cannot be made, are told apart (a full disk: tests/system/FullDiskTest).
+// By its code, not by a text (a full disk: tests/system/FullDiskTest).
 TEST_F(RecorderTest, ASaveThatWritesNothingSaysWhyByItsCause) {
     const auto cause = [](const Result<QString>& saved) {
         EXPECT_FALSE(saved);
@@ -393,8 +388,6 @@ TEST_F(RecorderTest, ASaveThatWritesNothingSaysWhyByItsCause) {
     buffer->stop();
 }
 
-// A save while a recording runs of the same layout: both movies come out whole, and the recording
-// goes on through the save.
 TEST_F(RecorderTest, ASaveDuringARecordingLeavesBothWhole) {
     auto buffer = std::make_shared<ReplayBuffer>(m_top, m_settings, settings::replaySeconds.range()->first);
     ASSERT_TRUE(buffer->start());

@@ -132,12 +132,11 @@ TEST_F(PreferencesStore, AReadOnlyStoreKeepsChangesInMemoryAndNeverWrites) {
     }
 }
 
-// What the preferences file holds: `text`, or what `make` gives, or a `special` file: "fifo", or the
-// file the preferences are a link to.
+// What the preferences file holds: `text`, or a `special` file: "fifo", or the file the preferences
+// are a link to.
 struct UnusableFile {
     const char* name;
-    const char* text = nullptr;
-    QByteArray (*make)() = nullptr;
+    QByteArray text;
     const char* special = nullptr;
 };
 
@@ -145,7 +144,7 @@ class UnusableFileTest : public PreferencesStore, public testing::WithParamInter
 
 TEST_P(UnusableFileTest, KeepsTheDefaultsSaysWhyAndIsKeptAsideWhenTheFirstChangeReplacesIt) {
     const UnusableFile& file = GetParam();
-    const QByteArray before = file.text ? QByteArray(file.text) : file.make ? file.make() : QByteArray();
+    const QByteArray& before = file.text;
     if (file.special && file.special == std::string_view("fifo")) {
         mkfifo(qPrintable(path()), 0600);
     } else if (file.special && file.special == std::string_view("link to a fifo")) {
@@ -174,21 +173,15 @@ INSTANTIATE_TEST_SUITE_P(
     Files, UnusableFileTest,
     testing::Values(UnusableFile{"Empty", ""}, UnusableFile{"NotXml", "not a property list"},
                     // Nested too deep for the parser's stack.
-                    UnusableFile{"Nested100000Deep", nullptr,
-                                 [] {
-                                     return "<plist><dict><key>A</key>" +
-                                            QByteArray("<array>").repeated(100000) +
-                                            QByteArray("</array>").repeated(100000) + "</dict></plist>";
-                                 }},
+                    UnusableFile{"Nested100000Deep",
+                                 "<plist><dict><key>A</key>" + QByteArray("<array>").repeated(100000) +
+                                     QByteArray("</array>").repeated(100000) + "</dict></plist>"},
                     // libplist keeps a NUL byte in a string and aborts when it is read out.
-                    UnusableFile{"NulInAString", nullptr,
-                                 [] {
-                                     return QByteArray(
-                                                R"(<plist version="1.0"><dict><key>A</key><string>x)") +
-                                            '\0' + "y</string></dict></plist>";
-                                 }},
-                    UnusableFile{"NamedPipe", nullptr, nullptr, "fifo"},
-                    UnusableFile{"LinkToANamedPipe", nullptr, nullptr, "link to a fifo"}),
+                    UnusableFile{"NulInAString",
+                                 QByteArray(R"(<plist version="1.0"><dict><key>A</key><string>x)") + '\0' +
+                                     "y</string></dict></plist>"},
+                    UnusableFile{"NamedPipe", {}, "fifo"},
+                    UnusableFile{"LinkToANamedPipe", {}, "link to a fifo"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // A file that cannot be written (its folder missing, a link to nowhere): the change holds in

@@ -58,4 +58,21 @@ inline bool allZero(const CaptureData& frame) {
     return std::all_of(frame.data(), frame.data() + frame.size(), [](uint8_t byte) { return byte == 0; });
 }
 
+// Takes frames one at a time until one with a picture follows black ones, or twenty seconds' worth
+// have come: the frames of a board that went away and came back.
+inline std::vector<CaptureDataPtr> framesThroughAGap(Observable& producer, const ObserverPtr& observer,
+                                                     Wakeup& wakeup) {
+    std::vector<CaptureDataPtr> frames;
+    for (bool gap = false; frames.size() < 60 * 20 && !(gap && !allZero(*frames.back()));) {
+        auto more = takeFrames(producer, observer, wakeup, 1);
+        if (more.empty()) {
+            ADD_FAILURE() << "no frame came after " << frames.size();
+            break;
+        }
+        frames.push_back(more.front());
+        gap = gap || allZero(*frames.back());
+    }
+    return frames;
+}
+
 } // namespace zandor::test

@@ -34,24 +34,33 @@ pid_t spawn(const std::vector<std::string>& arguments, posix_spawn_file_actions_
     return spawned == 0 ? pid : -1;
 }
 
-// Waits up to `timeout` for a started process to end and reaps it, keeping its status.
-bool waitWithin(pid_t pid, std::chrono::milliseconds timeout, int* status) {
-    // A pidfd becomes readable when the process ends: a real wait, not a polling loop.
+// Waits up to `timeout` for any process to end on a pidfd, readable when it ends (a real wait, not a
+// polling loop): 1 when it has ended, 0 when it still runs, -1 (errno set) without a pidfd.
+int pidfdWait(pid_t pid, std::chrono::milliseconds timeout) {
     using namespace std::chrono;
     const auto deadline = steady_clock::now() + timeout;
     const auto left = [&] {
-        return static_cast<int>(ceil<milliseconds>(deadline - steady_clock::now()).count());
+        return std::max(0, int(ceil<milliseconds>(deadline - steady_clock::now()).count()));
     };
     pollfd fd{static_cast<int>(syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0};
     if (fd.fd < 0) {
+        return -1;
+    }
+    int ready;
+    while ((ready = poll(&fd, 1, left())) < 0 && errno == EINTR) {
+    }
+    close(fd.fd);
+    return ready > 0 ? 1 : 0;
+}
+
+// Waits up to `timeout` for a started process to end and reaps it, keeping its status.
+bool waitWithin(pid_t pid, std::chrono::milliseconds timeout, int* status) {
+    if (pidfdWait(pid, timeout) < 0) {
         // A kernel without process file descriptors: wait without the time limit.
         while (waitpid(pid, status, 0) < 0 && errno == EINTR) {
         }
         return true;
     }
-    while (poll(&fd, 1, std::max(left(), 0)) < 0 && errno == EINTR) {
-    }
-    close(fd.fd);
     const pid_t result = waitpid(pid, status, WNOHANG);
     return result == pid || (result < 0 && errno == ECHILD);
 }
@@ -125,15 +134,8 @@ bool reapWithin(pid_t pid, std::chrono::milliseconds timeout) {
 }
 
 bool endsWithin(pid_t pid, std::chrono::milliseconds timeout) {
-    pollfd fd{static_cast<int>(syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0};
-    if (fd.fd < 0) {
-        return errno == ESRCH;
-    }
-    int ready;
-    while ((ready = poll(&fd, 1, static_cast<int>(timeout.count()))) < 0 && errno == EINTR) {
-    }
-    close(fd.fd);
-    return ready > 0;
+    const int ended = pidfdWait(pid, timeout);
+    return ended < 0 ? errno == ESRCH : ended == 1;
 }
 
 namespace {
@@ -193,14 +195,9 @@ bool haveMountNamespaces() {
 
 std::vector<std::string> inMountNamespace(const std::string& setup, const std::string& out,
                                           const std::string& kept) {
-    return {"unshare",
-            "-m",
-            "sh",
-            "-c",
-            setup + "out=$1 keep=$2; shift 2; \"$@\"; status=$?; cp -a \"$out/.\" \"$keep\"; exit $status",
-            "sh",
-            out,
-            kept};
+    const std::string script =
+        setup + "out=$1 keep=$2; shift 2; \"$@\"; status=$?; cp -a \"$out/.\" \"$keep\"; exit $status";
+    return {"unshare", "-m", "sh", "-c", script, "sh", out, kept};
 }
 
 std::vector<std::string> splitLines(const std::string& text) {

@@ -1,6 +1,5 @@
-// Storage that cannot take a movie: a disk that fills up in the middle of a recording (the first
-// failed write ends the recording, said once, and what was written is kept and plays), and a replay
-// saved to a full disk (said, and no file left behind).
+// Storage that cannot take a movie: the first failed write ends a recording, said once, and what
+// was written plays.
 
 #include "Media.h"
 #include "UserFolders.h"

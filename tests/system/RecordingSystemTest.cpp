@@ -137,6 +137,13 @@ protected:
         return run;
     }
 
+    // A replay of the demo board's Top layout from a five-second buffer into out().
+    ProcessResult replay(const char* playSeconds, const char* gameAudio) {
+        return test::runProcess({ZANDOR_CLI, "replay", "--board", "demo", "--layout", "Top",
+                                 "--buffer-seconds", "5", "--play-seconds", playSeconds, "--game-audio",
+                                 gameAudio, "--out", out().toStdString()});
+    }
+
     QStringList stored(QDir::Filters filters = QDir::Files | QDir::Dirs) const {
         return QDir(out()).entryList(filters | QDir::NoDotAndDotDot, QDir::Name);
     }
@@ -187,10 +194,7 @@ double toneAmplitude(const std::vector<int16_t>& samples, double frequencyHz) {
     return amplitudes[5];
 }
 
-// With a narrator, every movie holds three sound tracks: the game and the narrator mixed at full
-// level, chosen by default, then each alone, for an editor to balance; each named in the movie and
-// lasting as long as the picture. Alike at the board's own rate (both screens, one movie each
-// with the same tracks) and converted to a fixed rate, which copies every track.
+// At the board's own rate (both screens, a movie each) and converted to a fixed rate alike.
 TEST_F(RecordingSystemTest, ANarratedMovieHasTheMixThenTheGameThenTheNarratorEachAsLongAsThePicture) {
     constexpr double Game = 440, Narrator = 1000;
     const PulseServer::Playback game("game_sink", Game, 0);
@@ -232,7 +236,6 @@ TEST_F(RecordingSystemTest, ANarratedMovieHasTheMixThenTheGameThenTheNarratorEac
     }
 }
 
-// A narrator without a game input: the narrator is the movie's one sound track.
 TEST_F(RecordingSystemTest, ANarratorWithoutAGameInputIsTheOneSoundTrack) {
     const PulseServer::Playback narrator("narrator_sink", 1000, 0);
     const ProcessResult run = record(
@@ -247,30 +250,22 @@ TEST_F(RecordingSystemTest, ANarratorWithoutAGameInputIsTheOneSoundTrack) {
     EXPECT_NEAR(pitchOfTheStart(movie), 1000.0, 10.0);
 }
 
-// Fifty replays in a row with the game sound, while other processes keep every core busy: every run
-// ends by itself with status 0 (the sound streams taken down in order, never under the sound
-// server's thread), and each replay carries the game's sound from its first picture to its last,
-// and nothing else is left in the folder.
+// Each run must take its sound streams down in order, never under the sound server's thread.
 TEST_F(RecordingSystemTest, FiftyReplaysWithGameSoundUnderLoadAllEndCleanlyWithTheirSound) {
     const PulseServer::Playback game("game_sink", 440, 0);
     const test::BusyCores load;
     for (int run = 1; run <= 50; ++run) {
-        const ProcessResult replay = test::runProcess(
-            {ZANDOR_CLI, "replay", "--board", "demo", "--layout", "Top", "--buffer-seconds", "5",
-             "--play-seconds", "1", "--game-audio", "GameIn", "--out", out().toStdString()});
-        ASSERT_EQ(replay.signal, 0) << "run " << run << " crashed\n" << replay.err;
-        ASSERT_EQ(replay.exitCode, 0) << "run " << run << "\n" << replay.err;
+        const ProcessResult replayed = replay("1", "GameIn");
+        ASSERT_EQ(replayed.signal, 0) << "run " << run << " crashed\n" << replayed.err;
+        ASSERT_EQ(replayed.exitCode, 0) << "run " << run << "\n" << replayed.err;
         const QStringList left = stored(QDir::Files | QDir::Hidden);
         ASSERT_EQ(left.size(), 1) << "run " << run;
         const std::string movie = (out() + "/" + left[0]).toStdString();
-        EXPECT_EQ(replay.out, movie + "\n");
+        EXPECT_EQ(replayed.out, movie + "\n");
         if (run % 10 == 0) {
             EXPECT_EQ(streams(movie), (QStringList{"aac,44100,2", "h264,400,240"}));
             // From the first picture, up to one sound packet (23 ms) late, to the last.
-            EXPECT_NEAR(probed({"-select_streams", "a:0", "-show_entries", "stream=start_time", movie})
-                            .value(0)
-                            .toDouble(),
-                        0.0, 0.025);
+            EXPECT_NEAR(streamEnd(movie, "a:0") - streamSeconds(movie, "a:0"), 0.0, 0.025);
             // The sound is cut at the end of the last picture: the last AAC packet kept (1024 samples,
             // 23.2 ms) is the one playing then, so the sound ends at most one packet after the
             // picture, and a millisecond more for the rounding of the picture's time base. It may
@@ -466,9 +461,7 @@ INSTANTIATE_TEST_SUITE_P(
                                       "No space left on device"}),
     [](const ::testing::TestParamInfo<FinalisingFault>& info) { return std::string(info.param.name); });
 
-// zandor-cli killed while its merging tool runs takes the tool with it, and what the tool itself
-// started: nothing goes on working on the files of a recording that nobody will finish, also with
-// every core busy. The next recovery then finishes the recording.
+// The tool and what it started go with zandor-cli, also with every core busy.
 TEST_F(RecordingSystemTest, AKilledRecordingLeavesNoToolRunningAndIsRecoveredLater) {
     const PulseServer::Playback game("game_sink", 440, 0);
     // The first merge notes its own process and a child of its own, then waits for that child.
@@ -517,30 +510,23 @@ TEST_F(RecordingSystemTest, AKilledRecordingLeavesNoToolRunningAndIsRecoveredLat
 std::vector<std::pair<uint64_t, uint64_t>> demoCounts(const std::string& movie) {
     constexpr int Width = DemoBoard::CountX + DemoBoard::CountBits * DemoBoard::CountBlock;
     constexpr int Height = DemoBoard::CountBlock;
-    std::vector<std::string> strips;
+    std::vector<std::vector<std::string>> strips;
     for (const auto& [x, y] : {std::pair{0, 0}, {40, 240}}) {
-        strips.push_back(
-            test::runProcess({"ffmpeg", "-v", "error", "-i", movie, "-vf",
-                              "crop=" + std::to_string(Width) + ":" + std::to_string(Height) + ":" +
-                                  std::to_string(x) + ":" + std::to_string(y + DemoBoard::CountY),
-                              "-f", "rawvideo", "-pix_fmt", "rgb24", "-"})
-                .out);
+        const std::string crop = "crop=" + std::to_string(Width) + ":" + std::to_string(Height) + ":" +
+                                 std::to_string(x) + ":" + std::to_string(y + DemoBoard::CountY);
+        strips.push_back(test::decodePictures(movie, uint64_t{Width} * Height * 3, {}, {"-vf", crop}));
     }
-    constexpr size_t StripBytes = size_t{Width} * Height * 3;
+    const auto count = [](const std::string& strip) {
+        return test::demoCount(reinterpret_cast<const uint8_t*>(strip.data()), Width, DemoBoard::CountX, 0);
+    };
     std::vector<std::pair<uint64_t, uint64_t>> counts;
-    for (size_t at = 0; at + StripBytes <= std::min(strips[0].size(), strips[1].size()); at += StripBytes) {
-        const auto count = [at](const std::string& strip) {
-            return test::demoCount(reinterpret_cast<const uint8_t*>(strip.data() + at), Width,
-                                   DemoBoard::CountX, 0);
-        };
-        counts.emplace_back(count(strips[0]), count(strips[1]));
+    for (size_t n = 0; n < std::min(strips[0].size(), strips[1].size()); ++n) {
+        counts.emplace_back(count(strips[0][n]), count(strips[1][n]));
     }
     return counts;
 }
 
-// With both cores busy, a movie at the original rate still shows in every frame the top and the
-// bottom screen of one board frame, and runs at a constant 60 frames a second: a board frame that
-// came late or was lost shows the one before it for its slot.
+// With both cores busy; a board frame that came late or was lost shows the one before it for its slot.
 TEST_F(RecordingSystemTest, AnOriginalMovieShowsBothScreensOfOneBoardFrameAtAConstantRate) {
     ProcessResult run;
     {
@@ -619,9 +605,7 @@ void expectBeepsOnTheirSeconds(const std::string& movie, double offsetSeconds, s
     }
 }
 
-// The game sound's offset (Preferences > Capture) moves the sound by that much against the picture,
-// in a recording and in a replay alike: here 150 ms earlier. The recording is made while other
-// processes keep every core busy: every beep still meets its white frame and its second.
+// Here 150 ms earlier; every beep still meets its white frame and its second.
 TEST_F(RecordingSystemTest, TheGameSoundOffsetMovesTheSoundInRecordingsAndReplaysAlsoUnderLoad) {
     const QString preferences =
         QString::fromLocal8Bit(qgetenv("XDG_DATA_HOME")) + "/Zandor/preferences.plist";
@@ -637,9 +621,7 @@ TEST_F(RecordingSystemTest, TheGameSoundOffsetMovesTheSoundInRecordingsAndReplay
         const test::BusyCores load;
         recorded = record({"--seconds", "10", "--layout", "Top", "--game-audio", "GameIn"});
     }
-    const ProcessResult replayed =
-        test::runProcess({ZANDOR_CLI, "replay", "--board", "demo", "--layout", "Top", "--buffer-seconds", "5",
-                          "--play-seconds", "6", "--game-audio", "GameIn", "--out", out().toStdString()});
+    const ProcessResult replayed = replay("6", "GameIn");
     QFile::remove(preferences);
     ASSERT_EQ(recorded.exitCode, 0) << recorded.err;
     ASSERT_EQ(replayed.exitCode, 0) << replayed.err;
@@ -654,15 +636,12 @@ TEST_F(RecordingSystemTest, TheGameSoundOffsetMovesTheSoundInRecordingsAndReplay
     }
 }
 
-// The board's own sound is the game sound, with no cable and no sound server: the demo board beeps
-// with every white frame, and in a recording and a replay every beep meets its white frame and its
-// second, from the first one on, and the sound lasts as long as the picture, to a frame.
+// With no cable and no sound server: every beep meets its white frame and its second from the first
+// one on, and the sound lasts as long as the picture, to a frame.
 TEST_F(RecordingSystemTest, TheBoardsOwnSoundIsInStepWithItsPictureInRecordingsAndReplays) {
     setenv("ZANDOR_DEMO_FLASH", "1", 1);
     const ProcessResult recorded = record({"--seconds", "6", "--layout", "Top", "--game-audio", "board"});
-    const ProcessResult replayed =
-        test::runProcess({ZANDOR_CLI, "replay", "--board", "demo", "--layout", "Top", "--buffer-seconds", "5",
-                          "--play-seconds", "6", "--game-audio", "board", "--out", out().toStdString()});
+    const ProcessResult replayed = replay("6", "board");
     ASSERT_EQ(recorded.exitCode, 0) << recorded.err;
     ASSERT_EQ(replayed.exitCode, 0) << replayed.err;
     for (const auto& [name, run, beeps] :

@@ -1,7 +1,7 @@
 // A whole program on the real board path: zandor-cli with `--board usb`, started through
 // scripts/with-emulated-board as a developer or a bug reporter would.
 
-#include "Process.h"
+#include "Media.h"
 #include "UserFolders.h"
 
 #include <gtest/gtest.h>
@@ -80,11 +80,8 @@ TEST(EmulatedBoardProgramsTest, ARecordingGoesOnThroughAnUnplugWithBlackFramesAn
     // gap, and each white frame's beep starting with it (the picture shows the frame nearest its
     // second, and the sound is placed by the frames: within 20 ms).
     constexpr int Rate = 44100;
-    const std::string pcm = test::runProcess({"ffmpeg", "-v", "error", "-i", made.front(), "-map", "0:a:0",
-                                              "-ac", "1", "-ar", "44100", "-f", "s16le", "-"})
-                                .out;
-    const auto* samples = reinterpret_cast<const int16_t*>(pcm.data());
-    const size_t count = pcm.size() / 2;
+    const std::vector<int16_t> samples = test::decodeSound(made.front(), {"-map", "0:a:0", "-ar", "44100"});
+    const size_t count = samples.size();
     EXPECT_NEAR(double(count) / Rate, brightness.size() / 60.0, 1 / 60.0 + 0.01);
     const auto loudBetween = [&](double from, double to) -> std::optional<double> {
         for (auto i = size_t(std::max(0.0, from * Rate)); i < std::min(count, size_t(to * Rate)); ++i) {

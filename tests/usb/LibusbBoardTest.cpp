@@ -75,22 +75,13 @@ TEST_F(LibusbBoardTest, AnUnpluggedBoardGivesBlackFramesUntilItIsPluggedInAgain)
     m_board->unplugAtRequest(5, 500ms);
     auto observer = m_device->addObserver(m_wakeup);
     ASSERT_TRUE(m_device->startListening());
-    // Frames until a real one follows the black ones of the gap.
-    std::vector<CaptureDataPtr> frames;
-    for (bool gap = false; frames.size() < 60 * 20 && !(gap && !allZero(*frames.back()));) {
-        auto more = test::takeFrames(*m_device, observer, *m_wakeup, 1);
-        ASSERT_EQ(more.size(), 1u);
-        frames.push_back(more.front());
-        gap = gap || allZero(*frames.back());
-    }
-    ASSERT_FALSE(allZero(*frames.back())) << "the board never came back";
+    const auto frames = test::framesThroughAGap(*m_device, observer, *m_wakeup);
+    ASSERT_TRUE(frames.size() > 3 && !allZero(*frames.back())) << "the board never came back";
     EXPECT_TRUE(isDemoFrame(*frames[3], 3));
     EXPECT_EQ(m_log.count("Capture device disconnected"), 1u);
     EXPECT_EQ(m_log.count("Capture device reconnected"), 1u);
 }
 
-// Pause lets the board go: while paused another program may claim it, and Play opens it again and
-// finds it free.
 TEST_F(LibusbBoardTest, PauseLetsTheBoardGoAndPlayFindsItFree) {
     for (int run = 0; run < 2; ++run) {
         const auto frames = test::playFrames(*m_device, m_wakeup, 3);
