@@ -351,7 +351,13 @@ CaptureDataPtr CaptureLayout::composite(CaptureDataPtr top, CaptureDataPtr botto
     }
     auto result = m_pool->take();
     result->takeTimesOf(*m_topData);
-    if (m_direct && !m_firstDraw) {
+    if (!m_canvas) {
+        // Nothing to draw on: a layout of no size, or one the canvas budget had no room for (which
+        // never runs; benchmarks and the fuzzer call this directly).
+        if (size() > 0) {
+            std::memset(result->data(), 0, size());
+        }
+    } else if (m_direct && !m_firstDraw) {
         for (const auto& [offset, length] : m_staticSpans) {
             std::memcpy(result->data() + offset, m_canvas.get() + offset, length);
         }
