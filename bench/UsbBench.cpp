@@ -10,6 +10,7 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <string>
 
 namespace zandor {
 namespace {
@@ -144,6 +145,14 @@ struct PipelineCpu {
     double fps = 0;
 };
 
+// The run's counters under `prefix`: our threads' and the device thread's share of a core, and the
+// frames a second.
+void report(benchmark::State& state, const std::string& prefix, const PipelineCpu& cpu) {
+    state.counters[prefix + "_ours_cpu_percent"] = cpu.ours;
+    state.counters[prefix + "_device_cpu_percent"] = cpu.device;
+    state.counters[prefix + "_fps"] = cpu.fps;
+}
+
 // Processor time over five seconds of a paced pipeline, by thread: the pipeline's and libusb's are
 // ours; the emulator's (umockdev's worker and GLib's) are all the others but the consumer's.
 PipelineCpu measure(Pipeline& pipeline) {
@@ -188,13 +197,9 @@ void BM_PipelineCpuEmulatedAndReplay(benchmark::State& state) {
             Pipeline replay(CaptureDevice::DefaultFramePeriod);
             replayCpu = measure(replay);
         }
-        state.counters["emulated_ours_cpu_percent"] = emulatedCpu.ours;
-        state.counters["emulated_device_cpu_percent"] = emulatedCpu.device;
+        report(state, "emulated", emulatedCpu);
         state.counters["emulator_cpu_percent"] = emulatedCpu.emulator;
-        state.counters["emulated_fps"] = emulatedCpu.fps;
-        state.counters["replay_ours_cpu_percent"] = replayCpu.ours;
-        state.counters["replay_device_cpu_percent"] = replayCpu.device;
-        state.counters["replay_fps"] = replayCpu.fps;
+        report(state, "replay", replayCpu);
         state.counters["emulated_over_replay"] = emulatedCpu.ours / replayCpu.ours;
     }
 }
@@ -216,12 +221,8 @@ void BM_PipelineCpuWithAndWithoutSound(benchmark::State& state) {
             EmulatedPipeline emulated(false);
             withoutSound = measure(emulated.pipeline());
         }
-        state.counters["sound_ours_cpu_percent"] = withSound.ours;
-        state.counters["sound_device_cpu_percent"] = withSound.device;
-        state.counters["sound_fps"] = withSound.fps;
-        state.counters["nosound_ours_cpu_percent"] = withoutSound.ours;
-        state.counters["nosound_device_cpu_percent"] = withoutSound.device;
-        state.counters["nosound_fps"] = withoutSound.fps;
+        report(state, "sound", withSound);
+        report(state, "nosound", withoutSound);
         state.counters["sound_over_nosound"] = withSound.ours / withoutSound.ours;
     }
 }

@@ -57,7 +57,6 @@ public:
     // timed by the frames (see BoardAudio). Such an input is never lost: while the board is away its
     // frames bring silence.
     void openBoard(std::shared_ptr<CaptureDevice> device);
-    bool isBoard() const { return m_board != nullptr; }
     // The identifier the input was chosen by: the device's, or BoardId.
     QString id() const { return m_board ? BoardId : QString::fromUtf8(m_device.id()); }
     // Opens the input's stream at the sound server and starts capturing.

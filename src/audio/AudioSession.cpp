@@ -10,14 +10,6 @@
 
 namespace zandor {
 
-namespace {
-
-Error noPreview() {
-    return Error::other("play the sound through", {}, "there is no audio output");
-}
-
-} // namespace
-
 AudioSession::AudioSession() = default;
 
 AudioSession::~AudioSession() {
@@ -31,7 +23,7 @@ AudioSession::~AudioSession() {
 Error AudioSession::open(const QAudioDevice& input, const QString& name, bool preview, const QString& path) {
     if (preview && QMediaDevices::defaultAudioOutput().isNull()) {
         logs::recording.error("Could not add preview for audio.");
-        return noPreview();
+        return Error::other("play the sound through", {}, "there is no audio output");
     }
     auto own = std::make_shared<AudioInput>(name);
     if (Error error = own->open(input)) {

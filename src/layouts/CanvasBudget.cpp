@@ -36,12 +36,6 @@ uint64_t CanvasBudget::used() {
     return usedLocked();
 }
 
-bool CanvasBudget::fits(uint64_t bytes) {
-    std::scoped_lock lock(m_mutex);
-    prune();
-    return usedLocked() + bytes <= m_limit;
-}
-
 void CanvasBudget::prune() {
     std::erase_if(m_entries, [](const Entry& entry) { return entry.holder.expired(); });
 }
@@ -79,11 +73,6 @@ bool CanvasBudget::reserve(const std::shared_ptr<CanvasHolder>& holder, uint64_t
     }
     m_entries.push_back({holder, holder.get(), bytes});
     return true;
-}
-
-void CanvasBudget::release(const CanvasHolder* holder) {
-    std::scoped_lock lock(m_mutex);
-    std::erase_if(m_entries, [&](const Entry& entry) { return entry.key == holder; });
 }
 
 } // namespace zandor

@@ -37,15 +37,11 @@ public:
     void setLimit(uint64_t limit);
     // Bytes held now by holders still alive.
     uint64_t used();
-    // Whether `bytes` more would fit now, without letting any canvas go.
-    bool fits(uint64_t bytes);
 
     // Counts `bytes` for `holder` (once per holder: a second reservation replaces the first), when
     // they fit; with `mayDrop`, after letting idle holders' canvases go as needed. False when they
     // do not fit: nothing is counted.
     bool reserve(const std::shared_ptr<CanvasHolder>& holder, uint64_t bytes, bool mayDrop);
-    // The holder let its canvas go by itself.
-    void release(const CanvasHolder* holder);
 
 private:
     struct Entry {
