@@ -13,6 +13,12 @@ std::string BoardInfo::vendorProduct() const {
 std::string BoardInfo::describe() const {
     std::string line = name + " " + vendorProduct() + ", serial " + (serial.empty() ? "(none)" : serial) +
                        ", firmware version " + std::to_string(firmwareVersion);
+    if (!usbSpeed.empty()) {
+        line += ", " + usbSpeed;
+    }
+    if (can3D) {
+        line += ", can capture 3D";
+    }
     if (sendsSound) {
         line += *sendsSound ? ", sends sound" : ", sends no sound";
     }

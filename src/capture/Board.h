@@ -30,6 +30,8 @@ struct BoardInfo {
     // Unknown until a frame came in: only then does the board show whether it sends sound.
     std::optional<bool> sendsSound;
     FrameFormat format;
+    std::string usbSpeed; // "USB 2", "USB 3"; empty when not known
+    bool can3D = false;   // whether it can capture the console's 3D picture
 
     // "16d0:06a3"
     std::string vendorProduct() const;
@@ -66,6 +68,15 @@ public:
     // Lets the board go (for a vanished board, a paused run or the end).
     virtual void close() = 0;
     virtual BoardInfo info() const = 0;
+    // Whether the open board can capture the console's 3D picture (both eyes).
+    virtual bool can3D() const { return false; }
+    // Whether its frames now carry both eyes (ColumnOrder::Ft601ThreeD).
+    virtual bool is3D() const { return false; }
+    // Asks for both eyes or the flat picture: remembered for the next open and, on an open board,
+    // switched at once on the reading thread between two frames. A board that cannot refuses on.
+    virtual Error set3D(bool on) {
+        return on ? Error::other("switch the capture board to 3D", {}, "the board cannot capture 3D") : Error();
+    }
     // The serial numbers of the boards of this kind plugged in now.
     virtual std::vector<std::string> serials() { return {}; }
 

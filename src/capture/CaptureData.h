@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ColumnOrder.h"
+
 #include <bit>
 #include <chrono>
 #include <cstdint>
@@ -55,6 +57,10 @@ public:
         m_soundValues = values;
     }
 
+    // How the screens' columns lie in the picture (a raw frame's; the board sets it).
+    ColumnOrder columnOrder() const { return m_columnOrder; }
+    void setColumnOrder(ColumnOrder order) { m_columnOrder = order; }
+
     // A frame made from another shows the same moment of the same board frame.
     void takeTimesOf(const CaptureData& other) {
         m_timestamp = other.m_timestamp;
@@ -75,6 +81,7 @@ private:
     uint64_t m_number = 0;
     uint64_t m_soundOffset = 0;
     uint64_t m_soundValues = 0;
+    ColumnOrder m_columnOrder = ColumnOrder::Classic;
 };
 
 using CaptureDataPtr = std::shared_ptr<CaptureData>;

@@ -20,9 +20,9 @@ std::shared_ptr<CaptureDevice> CaptureDevice::create(std::unique_ptr<UsbBoard> b
 
 std::shared_ptr<CaptureDevice> CaptureDevice::create(std::unique_ptr<Board> board) {
     std::shared_ptr<CaptureDevice> device(new CaptureDevice(std::move(board)));
-    device->m_screens[0] = std::make_shared<CaptureScreen>(raw::TopWidth, raw::TopHeight, raw::TopOffset);
-    device->m_screens[1] =
-        std::make_shared<CaptureScreen>(raw::BottomWidth, raw::BottomHeight, raw::BottomOffset);
+    for (unsigned i = 0; i < ScreenCount; ++i) {
+        device->m_screens[i] = std::make_shared<CaptureScreen>(static_cast<ScreenId>(i));
+    }
     return device;
 }
 
@@ -70,6 +70,11 @@ bool isNoPermission(const Error& error) {
 } // namespace
 
 Error CaptureDevice::openBoard(const std::string& serial, bool quiet) {
+    m_asked3D.reset();
+    if (wants3D()) {
+        // Taken by the opening; refused by a board that cannot (said after it opened).
+        (void)m_board->set3D(true);
+    }
     Error error = m_board->open(serial);
     if (!error || quiet) {
         return error;
@@ -165,6 +170,32 @@ bool CaptureDevice::isDisconnected() {
     return m_disconnected;
 }
 
+void CaptureDevice::set3D(bool on) {
+    std::scoped_lock lock(m_lock);
+    m_wants3D = on;
+}
+
+bool CaptureDevice::wants3D() {
+    std::scoped_lock lock(m_lock);
+    return m_wants3D;
+}
+
+void CaptureDevice::apply3D() {
+    const bool wanted = wants3D();
+    if (m_asked3D == wanted) {
+        return;
+    }
+    m_asked3D = wanted;
+    if (m_board->is3D() == wanted) {
+        return;
+    }
+    if (const Error error = m_board->set3D(wanted)) {
+        logs::capture.warning("The capture board stays without 3D: %s", error.logLine().c_str());
+    } else {
+        logs::capture.info("The capture board switched 3D %s", wanted ? "on" : "off");
+    }
+}
+
 void CaptureDevice::setConnectionObserver(std::function<void(bool connected)> observer) {
     std::scoped_lock lock(m_lock);
     m_connectionObserver = std::move(observer);
@@ -205,8 +236,9 @@ void CaptureDevice::frameRequest(std::chrono::steady_clock::time_point due) {
     std::shared_ptr<CaptureData> frame;
     if (wasDisconnected) {
         // While the board is away every frame is the same black picture: one block serves them all.
-        frame = std::make_shared<CaptureData>(m_black, raw::BlockBytes);
+        frame = std::make_shared<CaptureData>(m_black, raw::MaxBlockBytes);
     } else {
+        apply3D();
         frame = m_pool->take();
         if (const Board::FrameStatus status = m_board->readFrame(*frame);
             status != Board::FrameStatus::Complete) {
@@ -260,7 +292,7 @@ void CaptureDevice::disconnected() {
     }
     m_board->close();
     if (!m_black) {
-        m_black = std::make_shared<uint8_t[]>(raw::BlockBytes); // value-initialised: all zero
+        m_black = std::make_shared<uint8_t[]>(raw::MaxBlockBytes); // value-initialised: all zero
     }
     m_announced = m_board->watchArrivals();
     m_saidNoPermission = false;

@@ -4,6 +4,7 @@
 #include "Observable.h"
 #include "RawFrame.h"
 #include "base/Error.h"
+#include "ColumnOrder.h"
 #include "base/Worker.h"
 
 #include <array>
@@ -74,8 +75,14 @@ public:
     // Called on the device thread, with false when the board vanishes and true when it is back.
     void setConnectionObserver(std::function<void(bool connected)> observer);
 
-    // 0 the top screen, 1 the bottom one.
+    // 0 the top screen (the left eye in 3D), 1 the bottom one, 2 the right eye (see ScreenId).
     std::shared_ptr<CaptureScreen> screen(unsigned index) const { return m_screens.at(index); }
+
+    // Asks for the console's 3D picture or the flat one; the device thread switches the board
+    // between two frames (and at every opening), so a run goes on across the switch. A board
+    // that cannot capture 3D stays flat, with one log line.
+    void set3D(bool on);
+    bool wants3D();
 
     // Fetches, stamps, numbers and publishes one frame; `due` is when the pass was due on the
     // device thread's pacing grid.
@@ -103,11 +110,13 @@ private:
     void disconnected();
     void tryReconnect();
     void notifyConnection(bool connected);
+    // On the device thread: gives the board the 3D choice when it changed.
+    void apply3D();
 
     std::unique_ptr<Board> m_board;
     // A full queue, the frame a consumer has in hand and the one being read.
-    const FramePoolPtr m_pool = FramePool::create(raw::BlockBytes, QueueLength + 2);
-    std::array<std::shared_ptr<CaptureScreen>, 2> m_screens;
+    const FramePoolPtr m_pool = FramePool::create(raw::MaxBlockBytes, QueueLength + 2);
+    std::array<std::shared_ptr<CaptureScreen>, ScreenCount> m_screens;
 
     // Guarded by the Observable lock.
     bool m_listening = false;
@@ -123,11 +132,14 @@ private:
     Error m_failure;
     std::string m_serial;
     bool m_disconnected = false;
+    bool m_wants3D = false;
     std::function<void(bool)> m_connectionObserver;
 
     // The device thread's own: how it waits for a vanished board (announced arrivals, or attempts
     // at intervals), and the serial number it waits for.
     std::string m_awaitedSerial;
+    // The 3D choice last given to the board, so that a refusal is said once.
+    std::optional<bool> m_asked3D;
     std::shared_ptr<uint8_t[]> m_black; // the one block every black frame of a disconnect shares
     bool m_announced = false;
     bool m_saidNoPermission = false;

@@ -8,15 +8,28 @@
 
 namespace zandor {
 
-CaptureScreen::CaptureScreen(uint64_t width, uint64_t height, uint64_t offset)
-    : Observable(QueueLength), m_width(width), m_height(height), m_offset(offset),
-      m_pool(FramePool::create(width * height * 3, QueueLength + 2)),
-      m_worker(offset == 0 ? "zandor-top" : "zandor-bottom") {}
+namespace {
+const char* screenName(ScreenId id) {
+    switch (id) {
+    case ScreenId::Top:
+        return "top";
+    case ScreenId::Bottom:
+        return "bottom";
+    case ScreenId::TopRight:
+        return "top right";
+    }
+    return "";
+}
+} // namespace
+
+CaptureScreen::CaptureScreen(ScreenId id)
+    : Observable(QueueLength), m_width(screenColumns(id)), m_height(ColumnPixels), m_id(id),
+      m_pool(FramePool::create(m_width * m_height * 3, QueueLength + 2)),
+      m_worker(id == ScreenId::Top ? "zandor-top" : id == ScreenId::Bottom ? "zandor-bottom" : "zandor-right") {}
 
 CaptureScreen::~CaptureScreen() {
     if (!m_worker.stopAndJoin()) {
-        logs::capture.warning("The thread of the screen with offset '%ld' did not end in time",
-                              static_cast<long>(m_offset));
+        logs::capture.warning("The thread of the %s screen did not end in time", screenName(m_id));
     }
 }
 
@@ -50,9 +63,8 @@ void CaptureScreen::stopListening() {
     endDropRun();
     if (const uint64_t dropped = m_drops.endRun()) {
         logs::capture.warning(
-            "%llu frames were skipped in this run as the buffer for screen with offset '%ld' "
-            "became too large",
-            static_cast<unsigned long long>(dropped), static_cast<long>(m_offset));
+            "%llu frames were skipped in this run as the buffer for the %s screen became too large",
+            static_cast<unsigned long long>(dropped), screenName(m_id));
     }
 }
 
@@ -71,16 +83,35 @@ bool CaptureScreen::update(Observable& source, const ObserverPtr& observer) {
     if (!raw) {
         return false;
     }
+    if (!hasObservers()) {
+        // Nobody looks at this screen (the right eye of a flat layout, say): no cut.
+        return true;
+    }
     auto frame = m_pool->take();
     frame->takeTimesOf(*raw);
-    cut(raw->data() + m_offset, frame->data(), m_width, m_height);
+    cut(raw->data(), raw->columnOrder(), m_id, frame->data());
 
     std::scoped_lock lock(m_lock);
     if (m_listening && add(frame) && m_drops.dropped()) {
-        logs::capture.warning("Frame was skipped as the buffer for screen with offset '%ld' became too large",
-                              static_cast<long>(m_offset));
+        logs::capture.warning("Frame was skipped as the buffer for the %s screen became too large",
+                              screenName(m_id));
     }
     return true;
+}
+
+void CaptureScreen::cut(const uint8_t* picture, ColumnOrder order, ScreenId id, uint8_t* rows) {
+    const uint64_t width = screenColumns(id);
+    if (order == ColumnOrder::Classic) {
+        // The screen's columns follow each other.
+        cut(picture + rawColumn(order, id, 0) * ColumnBytes, rows, width, ColumnPixels);
+        return;
+    }
+    for (uint64_t x = 0; x < width; ++x) {
+        const uint8_t* column = picture + rawColumn(order, id, x) * ColumnBytes;
+        for (uint64_t j = 0; j < ColumnPixels; ++j) {
+            std::memcpy(rows + 3 * ((ColumnPixels - 1 - j) * width + x), column + 3 * j, 3);
+        }
+    }
 }
 
 void CaptureScreen::cut(const uint8_t* area, uint8_t* rows, uint64_t width, uint64_t height) {

@@ -17,6 +17,10 @@ constexpr double SoundRate = 67027964.0 / 2048.0;
 // The frame block has 512 spare bytes that only the rounding of the last bulk read may fill.
 constexpr int BulkBlockBytes = 512;
 constexpr uint64_t BlockBytes = ReadBytes + BulkBlockBytes;
+// The largest read of any board (the FT601 board's in 3D: both eyes and the sound); the device's
+// frame blocks hold it.
+constexpr uint64_t MaxReadBytes = 842752;
+constexpr uint64_t MaxBlockBytes = MaxReadBytes + BulkBlockBytes;
 
 constexpr uint64_t TopWidth = 400;
 constexpr uint64_t TopHeight = 240;

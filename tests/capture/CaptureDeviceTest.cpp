@@ -120,7 +120,7 @@ TEST_F(CaptureDeviceTest, FailedReadsPublishBlackStampedFramesAndTheStallIsClear
         const bool failed = n == 2 || n == 4 || n == 6;
         EXPECT_TRUE(failed ? allZero(*frames[n]) : test::isPatternFrame(frames[n]->data(), n))
             << "frame " << n;
-        EXPECT_EQ(frames[n]->size(), raw::BlockBytes);
+        EXPECT_EQ(frames[n]->size(), raw::MaxBlockBytes);
         EXPECT_TRUE(n == 0 || frames[n]->timestamp() > frames[n - 1]->timestamp()) << "frame " << n;
     }
     EXPECT_EQ(m_board->clearHaltCount(), 1);
@@ -283,7 +283,7 @@ TEST_F(CaptureDeviceTest, AfterAStopEveryThreadEndsAndEveryFrameIsReleased) {
         ASSERT_TRUE(device->startListening());
         device->screen(0)->startListening(*device);
         device->screen(1)->startListening(*device);
-        EXPECT_EQ(Worker::running(), 3); // device, top, bottom
+        EXPECT_EQ(Worker::running(), 4); // device, top, bottom, right eye
         device->stopListening();
         raw = device->addObserver(m_wakeup);
         ASSERT_TRUE(device->startListening());

@@ -504,7 +504,7 @@ INSTANTIATE_TEST_SUITE_P(
     Producers, ProducerDropLinesTest,
     ::testing::Values(DropLines{"device", CaptureDevice::QueueLength, "the device buffer"},
                       DropLines{"screen", CaptureScreen::QueueLength,
-                                "the buffer for screen with offset '288000'"},
+                                "the buffer for the bottom screen"},
                       DropLines{"layout", CaptureLayout::QueueLength, "the buffer for layout 'Top'"}),
     [](const auto& info) { return std::string(info.param.producer); });
 
