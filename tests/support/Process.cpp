@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -211,6 +212,12 @@ std::vector<std::string> splitLines(const std::string& text) {
 }
 
 BusyCores::BusyCores() {
+    // Released with its descriptor, also when the test program is killed.
+    m_lock = ::open("/tmp/zandor-tests-busy-cores.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (m_lock >= 0) {
+        while (::flock(m_lock, LOCK_EX) != 0 && errno == EINTR) {
+        }
+    }
     for (long core = 0, cores = std::max(1L, sysconf(_SC_NPROCESSORS_ONLN)); core < cores; ++core) {
         // Ends with the test program even when that is killed.
         m_spinners.push_back(
@@ -221,6 +228,9 @@ BusyCores::BusyCores() {
 BusyCores::~BusyCores() {
     for (pid_t spinner : m_spinners) {
         endProcess(spinner);
+    }
+    if (m_lock >= 0) {
+        ::close(m_lock);
     }
 }
 

@@ -37,7 +37,8 @@ std::vector<pid_t> runningInGroup(pid_t group);
 void endProcess(pid_t pid);
 
 // Keeps every core busy while it lives, with one spinning process a core: what a test must pass
-// under.
+// under. One at a time on the machine (test programs running side by side wait for each other's
+// to end): a test must pass with every core busy, not with twice as many spinners as cores.
 class BusyCores {
 public:
     BusyCores();
@@ -46,6 +47,7 @@ public:
     BusyCores& operator=(const BusyCores&) = delete;
 
 private:
+    int m_lock = -1;
     std::vector<pid_t> m_spinners;
 };
 
