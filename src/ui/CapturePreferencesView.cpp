@@ -69,6 +69,7 @@ CapturePreferencesView::CapturePreferencesView(QWidget* parent)
     m_ui->gameVolumeSlider->setRange(settings::gameAudioVolume.range()->first,
                                      settings::gameAudioVolume.range()->second);
     m_ui->gameVolumeSlider->setValue(stored.gameAudioVolume);
+    showGameVolume(stored.gameAudioVolume);
     m_ui->gameOffsetField->setRange(settings::gameAudioOffsetMs.range()->first,
                                     settings::gameAudioOffsetMs.range()->second);
     m_ui->gameOffsetField->setValue(stored.gameAudioOffsetMs);
@@ -92,18 +93,29 @@ CapturePreferencesView::CapturePreferencesView(QWidget* parent)
     connect(m_ui->boardPopup, &QComboBox::activated, this, &CapturePreferencesView::selectBoard);
     connect(m_ui->imageFormatPopup, &QComboBox::activated, this,
             &CapturePreferencesView::selectImageFormatAction);
-    // The volume counts once the slider is let go, not at every step of a drag.
+    // The volume counts once the slider is let go, not at every step of a drag; its percentage
+    // shows all along.
     m_ui->gameVolumeSlider->setTracking(false);
     connect(m_ui->gameVolumeSlider, &QSlider::valueChanged, this, &CapturePreferencesView::selectGameVolume);
-    connect(m_ui->gameOffsetField, &QSpinBox::editingFinished, this,
-            &CapturePreferencesView::selectGameOffset);
+    connect(m_ui->gameVolumeSlider, &QSlider::valueChanged, this, &CapturePreferencesView::showGameVolume);
+    connect(m_ui->gameVolumeSlider, &QSlider::sliderMoved, this, &CapturePreferencesView::showGameVolume);
+    // A number counts at every step of the arrows and on Return (or when the field is left), not
+    // at every digit typed: "120" is not stored as 1 and 12 on the way.
+    for (QSpinBox* field : {m_ui->gameOffsetField, m_ui->replaySecondsField}) {
+        field->setKeyboardTracking(false);
+    }
+    connect(m_ui->gameOffsetField, &QSpinBox::valueChanged, this, &CapturePreferencesView::selectGameOffset);
     connect(m_ui->replayBufferCheckBox, &QCheckBox::clicked, this,
             &CapturePreferencesView::selectReplayBuffer);
-    // Every step of the arrows would restart the buffer: the length counts once editing ends.
     connect(m_ui->replaySecondsField, &QSpinBox::valueChanged, this,
-            &CapturePreferencesView::showReplayMemory);
-    connect(m_ui->replaySecondsField, &QSpinBox::editingFinished, this,
             &CapturePreferencesView::selectReplayBuffer);
+    connect(m_ui->replaySecondsField, &QSpinBox::textChanged, this,
+            &CapturePreferencesView::showReplayMemory);
+    // Inputs plugged in or out while the pane is open join or leave the lists at once.
+    connect(new QMediaDevices(this), &QMediaDevices::audioInputsChanged, this, [this] {
+        fillAudioInputs();
+        showBoardSoundNote();
+    });
 }
 
 CapturePreferencesView::~CapturePreferencesView() = default;
@@ -147,6 +159,8 @@ void CapturePreferencesView::fillQualities() {
 }
 
 void CapturePreferencesView::fillAudioInputs() {
+    m_ui->audioGamePopup->clear();
+    m_ui->audioNarratorPopup->clear();
     const QString game = settings::gameAudioInput.read(PreferencesController::instance());
     const QString narrator = settings::narratorAudioInput.read(PreferencesController::instance());
     // The board's own sound comes first for the game: it needs no cable and is in step by itself.
@@ -157,7 +171,6 @@ void CapturePreferencesView::fillAudioInputs() {
     }
     m_ui->audioGamePopup->setCurrentIndex(game == AudioInput::BoardId ? 0 : 1);
     m_ui->audioNarratorPopup->setCurrentIndex(0);
-    // The devices present now; one plugged in later shows at the next start.
     for (const QAudioDevice& device : QMediaDevices::audioInputs()) {
         const QString id = QString::fromUtf8(device.id());
         for (QComboBox* popup : {m_ui->audioGamePopup, m_ui->audioNarratorPopup}) {
@@ -251,9 +264,18 @@ void CapturePreferencesView::selectGameOffset() {
     }
 }
 
+void CapturePreferencesView::showGameVolume(int percent) {
+    m_ui->gameVolumeValue->setText(tr("%1 %").arg(percent));
+}
+
 void CapturePreferencesView::showReplayMemory() {
-    const uint64_t bytes =
-        ReplayBuffer::memoryFor(m_ui->qualityPopup->currentText(), m_ui->replaySecondsField->value());
+    // The number being typed, before it counts.
+    bool typed = false;
+    const int seconds = m_ui->replaySecondsField->cleanText().toInt(&typed);
+    const uint64_t bytes = ReplayBuffer::memoryFor(
+        m_ui->qualityPopup->currentText(),
+        typed ? std::clamp(seconds, m_ui->replaySecondsField->minimum(), m_ui->replaySecondsField->maximum())
+              : m_ui->replaySecondsField->value());
     m_ui->replayMemoryLabel->setText(tr("about %1 MB").arg((bytes + (1 << 19)) >> 20));
 }
 

@@ -51,6 +51,7 @@ private:
     void selectGameOffset();
     // "about 4 MB": what the buffer takes at most at the quality and length shown.
     void showReplayMemory();
+    void showGameVolume(int percent);
 
     std::unique_ptr<Ui::CapturePreferencesView> m_ui;
     QLabel* m_boardSoundNote = nullptr; // a row of the form's own, under the game input

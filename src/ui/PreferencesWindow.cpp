@@ -5,6 +5,7 @@
 #include <QAction>
 #include <QActionGroup>
 #include <QFrame>
+#include <QKeyEvent>
 #include <QSettings>
 #include <QShortcut>
 #include <QToolBar>
@@ -73,7 +74,6 @@ PreferencesWindow::PreferencesWindow(const QList<PreferencePane*>& panes, const 
     }
 
     new QShortcut(QKeySequence::Close, this, this, &QWidget::close);
-    new QShortcut(QKeySequence::Cancel, this, this, &QWidget::close);
 
     const QSettings state = storedWindowState();
     if (const QByteArray geometry = state.value(GeometryKey).toByteArray(); !geometry.isEmpty()) {
@@ -83,6 +83,16 @@ PreferencesWindow::PreferencesWindow(const QList<PreferencePane*>& panes, const 
     if (!m_current && !m_panes.isEmpty()) {
         selectPane(m_panes.first()->identifier());
     }
+}
+
+void PreferencesWindow::keyPressEvent(QKeyEvent* event) {
+    // Escape closes the window only when no control took it first: an open drop-down list closes
+    // itself and no more (a shortcut would fire before the list saw the key).
+    if (event->matches(QKeySequence::Cancel)) {
+        close();
+        return;
+    }
+    QWidget::keyPressEvent(event);
 }
 
 PreferencesWindow::~PreferencesWindow() {

@@ -20,6 +20,9 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QSlider>
+#include <QSpinBox>
+#include <QTest>
 #include <QToolButton>
 
 #include <gtest/gtest.h>
@@ -183,6 +186,41 @@ TEST_F(PreferencePanesTest, TheWindowShowsThePaneChosenInItsToolbar) {
     ASSERT_NE(toolbarCapture, nullptr);
     toolbarCapture->trigger();
     EXPECT_TRUE(capture->isVisible() && !view->isVisible());
+}
+
+// What a user does with the keyboard: a drop-down closed with Escape leaves the window open, the
+// next Escape closes it; numbers count at each step of the arrows and on Return, not at each digit.
+TEST_F(PreferencePanesTest, KeysDoWhatTheyDoInAnyWellMadeWindow) {
+    auto* capture = new CapturePreferencesView;
+    PreferencesWindow window({capture}, "Preferences");
+    window.showWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&window));
+    auto* quality = control<QComboBox>(*capture, "qualityPopup");
+    quality->showPopup();
+    QWidget* list = QApplication::activePopupWidget();
+    ASSERT_NE(list, nullptr);
+    QTest::keyClick(list, Qt::Key_Escape);
+    EXPECT_EQ(QApplication::activePopupWidget(), nullptr);
+    EXPECT_TRUE(window.isVisible()) << "Escape in the drop-down closed the window";
+
+    auto* offset = control<QSpinBox>(*capture, "gameOffsetField");
+    offset->setFocus();
+    QTest::keyClick(offset, Qt::Key_Up);
+    EXPECT_EQ(stored("PreferenceGameAudioOffsetMs"), R"({"integer":10})") << "a step of the arrows";
+    offset->selectAll();
+    QTest::keyClicks(offset, "120");
+    EXPECT_EQ(stored("PreferenceGameAudioOffsetMs"), R"({"integer":10})") << "a digit typed";
+    QTest::keyClick(offset, Qt::Key_Return);
+    EXPECT_EQ(stored("PreferenceGameAudioOffsetMs"), R"({"integer":120})") << "Return";
+    EXPECT_TRUE(window.isVisible());
+
+    auto* volume = control<QSlider>(*capture, "gameVolumeSlider");
+    volume->setValue(35);
+    EXPECT_EQ(control<QLabel>(*capture, "gameVolumeValue")->text(), "35 %");
+    EXPECT_EQ(stored("PreferenceGameAudioVolume"), R"({"integer":35})");
+
+    QTest::keyClick(offset, Qt::Key_Escape);
+    EXPECT_FALSE(window.isVisible());
 }
 
 } // namespace
