@@ -75,7 +75,8 @@ public:
     // Asks for both eyes or the flat picture: remembered for the next open and, on an open board,
     // switched at once on the reading thread between two frames. A board that cannot refuses on.
     virtual Error set3D(bool on) {
-        return on ? Error::other("switch the capture board to 3D", {}, "the board cannot capture 3D") : Error();
+        return on ? Error::other("switch the capture board to 3D", {}, "the board cannot capture 3D")
+                  : Error();
     }
     // The serial numbers of the boards of this kind plugged in now.
     virtual std::vector<std::string> serials() { return {}; }

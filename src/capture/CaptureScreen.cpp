@@ -25,7 +25,9 @@ const char* screenName(ScreenId id) {
 CaptureScreen::CaptureScreen(ScreenId id)
     : Observable(QueueLength), m_width(screenColumns(id)), m_height(ColumnPixels), m_id(id),
       m_pool(FramePool::create(m_width * m_height * 3, QueueLength + 2)),
-      m_worker(id == ScreenId::Top ? "zandor-top" : id == ScreenId::Bottom ? "zandor-bottom" : "zandor-right") {}
+      m_worker(id == ScreenId::Top      ? "zandor-top"
+               : id == ScreenId::Bottom ? "zandor-bottom"
+                                        : "zandor-right") {}
 
 CaptureScreen::~CaptureScreen() {
     if (!m_worker.stopAndJoin()) {

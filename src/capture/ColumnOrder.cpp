@@ -14,8 +14,8 @@ uint64_t screenColumns(ScreenId screen) {
 }
 
 uint64_t pictureBytes(ColumnOrder order) {
-    const uint64_t columns = order == ColumnOrder::Ft601ThreeD ? 2 * TopColumns + BottomColumns
-                                                               : TopColumns + BottomColumns;
+    const uint64_t columns =
+        order == ColumnOrder::Ft601ThreeD ? 2 * TopColumns + BottomColumns : TopColumns + BottomColumns;
     return columns * ColumnBytes;
 }
 

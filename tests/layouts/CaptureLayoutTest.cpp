@@ -503,8 +503,7 @@ TEST_P(ProducerDropLinesTest, AFullQueueLogsTheObserverThenTheProducerAndTheRuns
 INSTANTIATE_TEST_SUITE_P(
     Producers, ProducerDropLinesTest,
     ::testing::Values(DropLines{"device", CaptureDevice::QueueLength, "the device buffer"},
-                      DropLines{"screen", CaptureScreen::QueueLength,
-                                "the buffer for the bottom screen"},
+                      DropLines{"screen", CaptureScreen::QueueLength, "the buffer for the bottom screen"},
                       DropLines{"layout", CaptureLayout::QueueLength, "the buffer for layout 'Top'"}),
     [](const auto& info) { return std::string(info.param.producer); });
 
