@@ -22,7 +22,9 @@
 #include "ui/PreferencesWindow.h"
 #include "ui/ViewPreferencesView.h"
 
+#include <QAudioDevice>
 #include <QGuiApplication>
+#include <QMediaDevices>
 #include <QLayout>
 #include <QScreen>
 
@@ -65,10 +67,43 @@ void MainController::sessionEvent(const session::Event& event) {
     } else if (const auto* camera = std::get_if<session::CameraFailed>(&event)) {
         cameraFailed(camera->reason());
     } else if (std::holds_alternative<session::GameSoundLost>(event)) {
-        updateSaveReplay(); // the session renewed its replay buffer without the sound
+        gameSoundLost();
     } else if (const auto* done = std::get_if<session::RecoveryDone>(&event)) {
         recoveryDone(*done);
     }
+}
+
+void MainController::gameSoundLost() {
+    updateSaveReplay(); // the session renewed its replay buffer without the sound
+    m_gameSoundAway = true;
+    m_inputWatch.start();
+    QAction* listen = m_mainWindow ? m_mainWindow->ui.listenItem : nullptr;
+    if (listen && listen->isChecked()) {
+        // Not the user's choice: the preference keeps listening for when the input is back.
+        const QSignalBlocker quiet(listen);
+        listen->setChecked(false);
+        m_listeningAway = true;
+    }
+}
+
+void MainController::audioInputsChanged() {
+    if (!m_gameSoundAway) {
+        return;
+    }
+    const QByteArray input = m_session->settings().gameAudioInput.toUtf8();
+    const QList<QAudioDevice> inputs = QMediaDevices::audioInputs();
+    if (std::none_of(inputs.begin(), inputs.end(),
+                     [&](const QAudioDevice& device) { return device.id() == input; })) {
+        return;
+    }
+    m_gameSoundAway = false;
+    m_inputWatch.stop();
+    if (std::exchange(m_listeningAway, false) && m_mainWindow) {
+        const QSignalBlocker quiet(m_mainWindow->ui.listenItem);
+        m_mainWindow->ui.listenItem->setChecked(true);
+    }
+    // The session opens the input again as the settings say.
+    applySettings();
 }
 
 void MainController::applySettings() {
@@ -133,8 +168,16 @@ void MainController::awakeFromNib() {
     // Every change of a setting reaches the session at once; what it changes is the session's to decide.
     m_preferencesObserver = m_preferences.observeChanges([this](const QString&) { applySettings(); });
     ui.listenItem->setChecked(m_session->settings().listenToGameAudio);
-    connect(ui.listenItem, &QAction::toggled, this,
-            [this](bool listening) { settings::listenToGameAudio.write(m_preferences, listening); });
+    connect(ui.listenItem, &QAction::toggled, this, [this](bool listening) {
+        m_listeningAway = false;
+        settings::listenToGameAudio.write(m_preferences, listening);
+    });
+    m_audioDevices = new QMediaDevices(this);
+    connect(m_audioDevices, &QMediaDevices::audioInputsChanged, this, &MainController::audioInputsChanged);
+    // Qt 6.4 does not announce inputs coming and going on PulseAudio: while the game input is away
+    // the list is also looked at once a second.
+    m_inputWatch.setInterval(1000);
+    connect(&m_inputWatch, &QTimer::timeout, this, &MainController::audioInputsChanged);
     connect(ui.sizeOriginalItem, &QAction::triggered, this,
             [this] { selectSizeAction(m_mainWindow->ui.sizeOriginalItem); });
     connect(ui.sizeDoubleItem, &QAction::triggered, this,

@@ -16,6 +16,7 @@
 class QAction;
 class QDialog;
 class QKeyEvent;
+class QMediaDevices;
 class QWidget;
 namespace Ui {
 class StatusSheet;
@@ -114,6 +115,10 @@ private:
     void recoverBundles(const QStringList& bundles);
     // Save Replay is there while the session has a replay to save.
     void updateSaveReplay();
+    // The game input went away: "Listen to Game Sound" unticks until it comes back.
+    void gameSoundLost();
+    // Inputs came or went: a game input that is back is taken up again, listening as before.
+    void audioInputsChanged();
     // The camera could not share: the item goes off, and the first time the user is told why.
     void cameraFailed(const QString& reason);
     QSize decoration() const;
@@ -131,6 +136,11 @@ private:
     CapturePreferencesView* m_capturePreferences = nullptr; // owned by the preferences window
     std::unique_ptr<QWidget> m_fullScreenWindow;
     bool m_cameraFailureShown = false;
+    QMediaDevices* m_audioDevices = nullptr;
+    // The game input went away while the user listened to it: the item is unticked meanwhile.
+    bool m_listeningAway = false;
+    bool m_gameSoundAway = false;
+    QTimer m_inputWatch;
     int m_preferencesObserver = 0;
     QTimer m_blinkTimer;
     bool m_blinkPhase = false;

@@ -111,11 +111,35 @@ CapturePreferencesView::CapturePreferencesView(QWidget* parent)
             &CapturePreferencesView::selectReplayBuffer);
     connect(m_ui->replaySecondsField, &QSpinBox::textChanged, this,
             &CapturePreferencesView::showReplayMemory);
-    // Inputs plugged in or out while the pane is open join or leave the lists at once.
-    connect(new QMediaDevices(this), &QMediaDevices::audioInputsChanged, this, [this] {
+    // Inputs plugged in or out while the pane is open join or leave the lists at once. Qt 6.4 does
+    // not announce them on PulseAudio, so while the pane shows the list is also looked at each
+    // second.
+    connect(new QMediaDevices(this), &QMediaDevices::audioInputsChanged, this,
+            &CapturePreferencesView::refreshAudioInputs);
+    m_inputWatch.setInterval(1000);
+    connect(&m_inputWatch, &QTimer::timeout, this, &CapturePreferencesView::refreshAudioInputs);
+}
+
+void CapturePreferencesView::showEvent(QShowEvent* event) {
+    PreferencePane::showEvent(event);
+    refreshAudioInputs();
+    m_inputWatch.start();
+}
+
+void CapturePreferencesView::hideEvent(QHideEvent* event) {
+    m_inputWatch.stop();
+    PreferencePane::hideEvent(event);
+}
+
+void CapturePreferencesView::refreshAudioInputs() {
+    QStringList inputs;
+    for (const QAudioDevice& device : QMediaDevices::audioInputs()) {
+        inputs << QString::fromUtf8(device.id()) + u'\t' + device.description();
+    }
+    if (inputs != m_inputsShown) {
         fillAudioInputs();
         showBoardSoundNote();
-    });
+    }
 }
 
 CapturePreferencesView::~CapturePreferencesView() = default;
@@ -171,8 +195,10 @@ void CapturePreferencesView::fillAudioInputs() {
     }
     m_ui->audioGamePopup->setCurrentIndex(game == AudioInput::BoardId ? 0 : 1);
     m_ui->audioNarratorPopup->setCurrentIndex(0);
+    m_inputsShown.clear();
     for (const QAudioDevice& device : QMediaDevices::audioInputs()) {
         const QString id = QString::fromUtf8(device.id());
+        m_inputsShown << id + u'\t' + device.description();
         for (QComboBox* popup : {m_ui->audioGamePopup, m_ui->audioNarratorPopup}) {
             popup->addItem(device.description(), id);
         }

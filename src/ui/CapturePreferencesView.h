@@ -2,6 +2,9 @@
 
 #include "PreferencePane.h"
 
+#include <QStringList>
+#include <QTimer>
+
 #include <memory>
 
 class QComboBox;
@@ -31,8 +34,14 @@ public:
     QString toolbarItemLabel() const override;
     QIcon toolbarItemImage() const override;
 
+protected:
+    void showEvent(QShowEvent* event) override;
+    void hideEvent(QHideEvent* event) override;
+
 private:
     void showBoardSoundNote();
+    // Fills the input lists again when the inputs differ from those shown.
+    void refreshAudioInputs();
     void fillLayouts();
     void fillQualities();
     void fillAudioInputs();
@@ -56,6 +65,8 @@ private:
     std::unique_ptr<Ui::CapturePreferencesView> m_ui;
     QLabel* m_boardSoundNote = nullptr; // a row of the form's own, under the game input
     bool m_boardSendsNoSound = false;
+    QStringList m_inputsShown; // the inputs in the lists, as id and description
+    QTimer m_inputWatch;
 };
 
 } // namespace zandor

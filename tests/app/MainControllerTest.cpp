@@ -34,6 +34,7 @@
 #include <QMessageBox>
 #include <QPushButton>
 #include <QSignalSpy>
+#include <QComboBox>
 #include <QTest>
 
 #include <sys/stat.h>
@@ -335,6 +336,30 @@ TEST_F(MainControllerSoundTest, TheInputsAreOpenOnlyWhileSomethingRecordsBuffers
     EXPECT_EQ(streamsOpen(), QStringList{"Game"});
     buffer->click();
     EXPECT_TRUE(closeAll()) << "after the replay buffer: " << streamsOpen().join(", ").toStdString();
+
+    // The input unplugged while listened to unticks the item, and plugged in again brings it back;
+    // the preference stays as the user left it. The open Preferences list it as it comes and goes.
+    ui.listenItem->setChecked(true);
+    ASSERT_EQ(streamsOpen(), (QStringList{"Game", "Listening"}));
+    PreferencesWindow& window = *m_controller->preferencesWindow();
+    window.showWindow();
+    window.selectPane("Capture");
+    auto* inputs = window.findChild<QComboBox*>("audioGamePopup");
+    ASSERT_TRUE(inputs && inputs->findText("Game Input") >= 0);
+    ASSERT_TRUE(test::PulseServer::unplug("GameIn"));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !ui.listenItem->isChecked(); }, 10000));
+    EXPECT_TRUE(closeAll()) << "unplugged: " << streamsOpen().join(", ").toStdString();
+    EXPECT_TRUE(settings::listenToGameAudio.read(preferences));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return inputs->findText("Game Input") < 0; }, 10000));
+    ASSERT_TRUE(test::PulseServer::plug("GameIn"));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return ui.listenItem->isChecked(); }, 10000));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return inputs->findText("Game Input") >= 0; }, 10000));
+    EXPECT_TRUE(QTest::qWaitFor(
+        [] {
+            return streamsOpen() == QStringList{"Game", "Listening"};
+        },
+        10000))
+        << "plugged in again: " << streamsOpen().join(", ").toStdString();
 }
 
 TEST_F(MainControllerTest, ShareAsCameraSharesWhileThePicturePlaysOrSaysOnceWhyItCannot) {

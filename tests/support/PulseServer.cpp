@@ -7,6 +7,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
@@ -51,6 +53,15 @@ bool PulseServer::unplug(const std::string& input) {
         }
     }
     return false;
+}
+
+bool PulseServer::plug(const std::string& input) {
+    // "GameIn" hears game_sink, and is described as "Game Input".
+    const std::string name = input.substr(0, input.size() - 2);
+    std::string sink = name + "_sink";
+    std::transform(sink.begin(), sink.end(), sink.begin(), [](unsigned char c) { return std::tolower(c); });
+    return pactl({"load-module", "module-remap-source", "source_name=" + input, "master=" + sink + ".monitor",
+                  "source_properties='device.description=\"" + name + " Input\"'"});
 }
 
 PulseServer& PulseServer::forThisProgram() {
@@ -102,12 +113,9 @@ std::string PulseServer::start() {
             return "pulseaudio does not answer: " + log.str();
         }
     }
-    for (const auto& [input, sink] :
-         {std::pair{"Game", "game_sink"}, std::pair{"Narrator", "narrator_sink"}}) {
-        if (!pactl({"load-module", "module-remap-source", std::string("source_name=") + input + "In",
-                    std::string("master=") + sink + ".monitor",
-                    std::string("source_properties='device.description=\"") + input + " Input\"'"})) {
-            return std::string("cannot make the input ") + input + "In";
+    for (const char* input : {"GameIn", "NarratorIn"}) {
+        if (!plug(input)) {
+            return std::string("cannot make the input ") + input;
         }
     }
     if (!pactl({"set-default-sink", "out_sink"}) || !pactl({"set-default-source", "GameIn"})) {

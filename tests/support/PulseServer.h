@@ -52,6 +52,8 @@ public:
     const std::string& error() const { return m_error; }
     // Takes an input ("GameIn") away, as if its device were unplugged; false when it was not there.
     static bool unplug(const std::string& input);
+    // Makes the input "GameIn" or "NarratorIn" (again), fed by what plays on its sink.
+    static bool plug(const std::string& input);
 
 private:
     std::string start();
