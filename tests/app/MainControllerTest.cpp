@@ -37,7 +37,9 @@
 #include <QComboBox>
 #include <QTest>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace zandor {
 namespace {
@@ -444,9 +446,15 @@ TEST_F(MainControllerTest, TheRecordButtonFollowsTheRecordingStartedWhileAnother
     EXPECT_TRUE(alerts().last().startsWith("Please stop recording first."));
 
     // The first recording ends while the second runs; the button keeps blinking for the second.
+    // The gate is opened for reading and writing, which never waits for a reader: the conversion
+    // may have found "open" before it came to the gate, and then never reads it.
     ASSERT_TRUE(test::writeFile(m_tools.path() + "/open"));
-    ASSERT_TRUE(test::writeFile(gate, "go\n"));
-    ASSERT_TRUE(first->waitUntilFinished(60s));
+    const int letGo = ::open(gate.toLocal8Bit().constData(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(letGo, 0);
+    ASSERT_EQ(::write(letGo, "go\n", 3), 3);
+    const bool finished = first->waitUntilFinished(60s);
+    ::close(letGo);
+    ASSERT_TRUE(finished);
     QSignalSpy blinks(ui.recordItem, &QAction::changed);
     ASSERT_TRUE(QTest::qWaitFor([&] { return blinks.count() >= 2; }, 20000));
     EXPECT_EQ(ui.recordItem->text(), "Stop");
