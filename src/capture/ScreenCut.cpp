@@ -196,31 +196,51 @@ constexpr std::array<Masks<2>, 4> WidePack = {twoLanes(Pack[0], Pack[0]), twoLan
 
 template <bool OneLoad>
 __attribute__((target("avx2"), always_inline)) inline void
-cutTileAvx2(const uint8_t* const* columns, uint64_t j, uint8_t* bottomRow, uint64_t rowBytes, bool exactRight,
+spreadHalf(const uint8_t* const* columns, uint64_t j, const __m256i* spreads, __m256i* rows) {
+    __m256i spread[4];
+#pragma GCC unroll 4
+    for (unsigned c = 0; c < 4; ++c) {
+        const uint8_t* at = columns[c] + 3 * j;
+        const __m256i bytes =
+            OneLoad ? _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at - 4))
+                    : _mm256_inserti128_si256(
+                          _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(at))),
+                          _mm_loadu_si128(reinterpret_cast<const __m128i*>(at + 8)), 1);
+        spread[c] = _mm256_shuffle_epi8(bytes, spreads[c]);
+    }
+    blendRows(spread, rows);
+}
+
+// Writes a row's 24 bytes, with 8 more that spill into the next tile unless `Exact`.
+template <bool Exact>
+__attribute__((target("avx2"), always_inline)) inline void storeRow(uint8_t* at, __m256i row) {
+    if (Exact) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(at), _mm256_castsi256_si128(row));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(at + 16), _mm256_extracti128_si256(row, 1));
+    } else {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(at), row);
+    }
+}
+
+template <bool OneLoad, bool Exact>
+__attribute__((target("avx2"), always_inline)) inline void
+cutTileAvx2(const uint8_t* const* columns, uint64_t j, uint8_t* bottomRow, uint64_t rowBytes,
             const __m256i* spreads, const __m256i* packs) {
-#pragma GCC unroll 2
-    for (unsigned half = 0; half < 2; ++half) {
-        __m256i spread[4], rows[4];
+    // The low lanes hold rows j to j + 3, the high ones j + 4 to j + 7; the left 4 columns in
+    // `left`, the right ones in `right`.
+    __m256i left[4], right[4];
+    spreadHalf<OneLoad>(columns, j, spreads, left);
+    spreadHalf<OneLoad>(columns + 4, j, spreads, right);
+    const __m256i joined = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 7, 7);
+    uint8_t* out = bottomRow - j * rowBytes;
 #pragma GCC unroll 4
-        for (unsigned c = 0; c < 4; ++c) {
-            const uint8_t* at = columns[4 * half + c] + 3 * j;
-            const __m256i bytes =
-                OneLoad ? _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at - 4))
-                        : _mm256_inserti128_si256(
-                              _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(at))),
-                              _mm_loadu_si128(reinterpret_cast<const __m128i*>(at + 8)), 1);
-            spread[c] = _mm256_shuffle_epi8(bytes, spreads[c]);
-        }
-        blendRows(spread, rows);
-        // The low lanes hold rows j to j + 3, the high ones j + 4 to j + 7.
-        uint8_t* out = bottomRow - j * rowBytes + 12 * half;
-#pragma GCC unroll 4
-        for (unsigned r = 0; r < 4; ++r) {
-            const __m256i packed = _mm256_shuffle_epi8(rows[r], packs[r]);
-            const bool exact = half == 1 && exactRight;
-            storePiece(out - r * rowBytes, _mm256_castsi256_si128(packed), exact);
-            storePiece(out - (r + 4) * rowBytes, _mm256_extracti128_si256(packed, 1), exact);
-        }
+    for (unsigned r = 0; r < 4; ++r) {
+        const __m256i packedLeft = _mm256_shuffle_epi8(left[r], packs[r]);
+        const __m256i packedRight = _mm256_shuffle_epi8(right[r], packs[r]);
+        const __m256i low = _mm256_permute2x128_si256(packedLeft, packedRight, 0x20);
+        const __m256i high = _mm256_permute2x128_si256(packedLeft, packedRight, 0x31);
+        storeRow<Exact>(out - r * rowBytes, _mm256_permutevar8x32_epi32(low, joined));
+        storeRow<Exact>(out - (r + 4) * rowBytes, _mm256_permutevar8x32_epi32(high, joined));
     }
 }
 
@@ -228,8 +248,9 @@ __attribute__((target("avx2"))) inline __m256i load(const Masks<2>& masks) {
     return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(masks.bytes.data()));
 }
 
+template <bool Exact>
 __attribute__((target("avx2"))) void cutTileColumnAvx2(const uint8_t* const* columns, uint8_t* bottomRow,
-                                                       uint64_t rowBytes, uint64_t height, bool exactRight) {
+                                                       uint64_t rowBytes, uint64_t height) {
     const __m256i oneLoad[4] = {load(OneLoadSpread[0]), load(OneLoadSpread[1]), load(OneLoadSpread[2]),
                                 load(OneLoadSpread[3])};
     const __m256i twoLoads[4] = {load(TwoLoadSpread[0]), load(TwoLoadSpread[1]), load(TwoLoadSpread[2]),
@@ -239,10 +260,19 @@ __attribute__((target("avx2"))) void cutTileColumnAvx2(const uint8_t* const* col
     for (uint64_t j = 0; j < tiled; j += Tile) {
         // Bytes -4 to 27 of the tile lie inside the column.
         if (j >= Tile && j + 10 <= height) {
-            cutTileAvx2<true>(columns, j, bottomRow, rowBytes, exactRight, oneLoad, packs);
+            cutTileAvx2<true, Exact>(columns, j, bottomRow, rowBytes, oneLoad, packs);
         } else {
-            cutTileAvx2<false>(columns, j, bottomRow, rowBytes, exactRight, twoLoads, packs);
+            cutTileAvx2<false, Exact>(columns, j, bottomRow, rowBytes, twoLoads, packs);
         }
+    }
+}
+
+void cutTileColumnAvx2(const uint8_t* const* columns, uint8_t* bottomRow, uint64_t rowBytes, uint64_t height,
+                       bool exactRight) {
+    if (exactRight) {
+        cutTileColumnAvx2<true>(columns, bottomRow, rowBytes, height);
+    } else {
+        cutTileColumnAvx2<false>(columns, bottomRow, rowBytes, height);
     }
 }
 
