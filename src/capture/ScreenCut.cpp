@@ -182,31 +182,30 @@ __attribute__((target("avx2"))) inline void blendRows(const __m256i* spread, __m
     rows[3] = _mm256_blend_epi32(pairs01[1], pairs23[1], (rowBlend(1) ^ 0xF) * 0x11);
 }
 
-// One load a column: bytes -4 to 27 of the tile, pixels 0 to 3 from byte 4 of the low lane, 4 to 7
-// from byte 0 of the high one. Where that would read outside the column (the first and last tiles),
-// two: bytes 0 to 15 and 8 to 23.
-constexpr std::array<Masks<2>, 4> OneLoadSpread = {
-    twoLanes(spreadLane(0, 4), spreadLane(0, 0)), twoLanes(spreadLane(1, 4), spreadLane(1, 0)),
-    twoLanes(spreadLane(2, 4), spreadLane(2, 0)), twoLanes(spreadLane(3, 4), spreadLane(3, 0))};
-constexpr std::array<Masks<2>, 4> TwoLoadSpread = {
-    twoLanes(spreadLane(0, 0), spreadLane(0, 4)), twoLanes(spreadLane(1, 0), spreadLane(1, 4)),
-    twoLanes(spreadLane(2, 0), spreadLane(2, 4)), twoLanes(spreadLane(3, 0), spreadLane(3, 4))};
+// Both lanes of a register hold the same 4 pixels: of one of the left 4 columns in the low lane,
+// of the column 4 to its right in the high one, each read with a 16-byte load that stays inside the
+// tile's 24 bytes of its column (bytes 0 to 15 for pixels 0 to 3, bytes 8 to 23 for pixels 4 to 7).
+constexpr std::array<Masks<2>, 4> LowPixelsSpread = {
+    twoLanes(spreadLane(0, 0), spreadLane(0, 0)), twoLanes(spreadLane(1, 0), spreadLane(1, 0)),
+    twoLanes(spreadLane(2, 0), spreadLane(2, 0)), twoLanes(spreadLane(3, 0), spreadLane(3, 0))};
+constexpr std::array<Masks<2>, 4> HighPixelsSpread = {
+    twoLanes(spreadLane(0, 4), spreadLane(0, 4)), twoLanes(spreadLane(1, 4), spreadLane(1, 4)),
+    twoLanes(spreadLane(2, 4), spreadLane(2, 4)), twoLanes(spreadLane(3, 4), spreadLane(3, 4))};
 constexpr std::array<Masks<2>, 4> WidePack = {twoLanes(Pack[0], Pack[0]), twoLanes(Pack[1], Pack[1]),
                                               twoLanes(Pack[2], Pack[2]), twoLanes(Pack[3], Pack[3])};
 
-template <bool OneLoad>
+// Rows `first` to `first + 3` of the tile, left 4 columns in the low lanes, right 4 in the high.
 __attribute__((target("avx2"), always_inline)) inline void
-spreadHalf(const uint8_t* const* columns, uint64_t j, const __m256i* spreads, __m256i* rows) {
+spreadRows(const uint8_t* const* columns, uint64_t offset, const __m256i* spreads, __m256i* rows) {
     __m256i spread[4];
 #pragma GCC unroll 4
     for (unsigned c = 0; c < 4; ++c) {
-        const uint8_t* at = columns[c] + 3 * j;
-        const __m256i bytes =
-            OneLoad ? _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at - 4))
-                    : _mm256_inserti128_si256(
-                          _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(at))),
-                          _mm_loadu_si128(reinterpret_cast<const __m128i*>(at + 8)), 1);
-        spread[c] = _mm256_shuffle_epi8(bytes, spreads[c]);
+        // Broadcasts are plain loads; the blend needs no shuffle unit.
+        const __m256i left = _mm256_broadcastsi128_si256(
+            _mm_loadu_si128(reinterpret_cast<const __m128i*>(columns[c] + offset)));
+        const __m256i right = _mm256_broadcastsi128_si256(
+            _mm_loadu_si128(reinterpret_cast<const __m128i*>(columns[c + 4] + offset)));
+        spread[c] = _mm256_shuffle_epi8(_mm256_blend_epi32(left, right, 0xF0), spreads[c]);
     }
     blendRows(spread, rows);
 }
@@ -222,25 +221,20 @@ __attribute__((target("avx2"), always_inline)) inline void storeRow(uint8_t* at,
     }
 }
 
-template <bool OneLoad, bool Exact>
+template <bool Exact>
 __attribute__((target("avx2"), always_inline)) inline void
 cutTileAvx2(const uint8_t* const* columns, uint64_t j, uint8_t* bottomRow, uint64_t rowBytes,
-            const __m256i* spreads, const __m256i* packs) {
-    // The low lanes hold rows j to j + 3, the high ones j + 4 to j + 7; the left 4 columns in
-    // `left`, the right ones in `right`.
-    __m256i left[4], right[4];
-    spreadHalf<OneLoad>(columns, j, spreads, left);
-    spreadHalf<OneLoad>(columns + 4, j, spreads, right);
+            const __m256i* lowSpreads, const __m256i* highSpreads, const __m256i* packs) {
+    __m256i rows[8];
+    spreadRows(columns, 3 * j, lowSpreads, rows);
+    spreadRows(columns, 3 * j + 8, highSpreads, rows + 4);
+    // Packing leaves the left half of a row in bytes 0 to 11, the right half in 16 to 27.
     const __m256i joined = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 7, 7);
     uint8_t* out = bottomRow - j * rowBytes;
-#pragma GCC unroll 4
-    for (unsigned r = 0; r < 4; ++r) {
-        const __m256i packedLeft = _mm256_shuffle_epi8(left[r], packs[r]);
-        const __m256i packedRight = _mm256_shuffle_epi8(right[r], packs[r]);
-        const __m256i low = _mm256_permute2x128_si256(packedLeft, packedRight, 0x20);
-        const __m256i high = _mm256_permute2x128_si256(packedLeft, packedRight, 0x31);
-        storeRow<Exact>(out - r * rowBytes, _mm256_permutevar8x32_epi32(low, joined));
-        storeRow<Exact>(out - (r + 4) * rowBytes, _mm256_permutevar8x32_epi32(high, joined));
+#pragma GCC unroll 8
+    for (unsigned r = 0; r < 8; ++r) {
+        const __m256i packed = _mm256_shuffle_epi8(rows[r], packs[r % 4]);
+        storeRow<Exact>(out - r * rowBytes, _mm256_permutevar8x32_epi32(packed, joined));
     }
 }
 
@@ -251,19 +245,14 @@ __attribute__((target("avx2"))) inline __m256i load(const Masks<2>& masks) {
 template <bool Exact>
 __attribute__((target("avx2"))) void cutTileColumnAvx2(const uint8_t* const* columns, uint8_t* bottomRow,
                                                        uint64_t rowBytes, uint64_t height) {
-    const __m256i oneLoad[4] = {load(OneLoadSpread[0]), load(OneLoadSpread[1]), load(OneLoadSpread[2]),
-                                load(OneLoadSpread[3])};
-    const __m256i twoLoads[4] = {load(TwoLoadSpread[0]), load(TwoLoadSpread[1]), load(TwoLoadSpread[2]),
-                                 load(TwoLoadSpread[3])};
+    const __m256i lowSpreads[4] = {load(LowPixelsSpread[0]), load(LowPixelsSpread[1]),
+                                   load(LowPixelsSpread[2]), load(LowPixelsSpread[3])};
+    const __m256i highSpreads[4] = {load(HighPixelsSpread[0]), load(HighPixelsSpread[1]),
+                                    load(HighPixelsSpread[2]), load(HighPixelsSpread[3])};
     const __m256i packs[4] = {load(WidePack[0]), load(WidePack[1]), load(WidePack[2]), load(WidePack[3])};
     const uint64_t tiled = height & ~(Tile - 1);
     for (uint64_t j = 0; j < tiled; j += Tile) {
-        // Bytes -4 to 27 of the tile lie inside the column.
-        if (j >= Tile && j + 10 <= height) {
-            cutTileAvx2<true, Exact>(columns, j, bottomRow, rowBytes, oneLoad, packs);
-        } else {
-            cutTileAvx2<false, Exact>(columns, j, bottomRow, rowBytes, twoLoads, packs);
-        }
+        cutTileAvx2<Exact>(columns, j, bottomRow, rowBytes, lowSpreads, highSpreads, packs);
     }
 }
 
