@@ -120,7 +120,7 @@ BENCHMARK(BM_CutOverMemcpy)
     ->ArgNames({"order", "level"})
     ->ArgsProduct({{static_cast<int64_t>(ColumnOrder::Classic), static_cast<int64_t>(ColumnOrder::Ft601),
                     static_cast<int64_t>(ColumnOrder::Ft601ThreeD)},
-                   {0, 1, 2}})
+                   {0, 1, 2, 3}})
     ->UseManualTime()
     ->MinTime(0.5);
 

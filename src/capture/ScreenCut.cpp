@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <utility>
 
 #if defined(__x86_64__)
 #include <immintrin.h>
@@ -265,6 +266,131 @@ void cutTileColumnAvx2(const uint8_t* const* columns, uint8_t* bottomRow, uint64
     }
 }
 
+// With AVX-512's byte permutations across a whole 256-bit register (VBMI), a register holds all 8
+// pixels of a column, spread with column c's pixel (p + c) % 8 at position p, and row r takes
+// position p from column (r - p) % 8: three rounds of 8 blends, where round k picks, position by
+// position, between two partial rows by bit k of the column the row needs there. One permutation
+// packs each row back to its 24 bytes.
+using Lanes2 = std::array<uint8_t, 32>;
+
+constexpr Lanes2 spreadColumn(unsigned c) {
+    Lanes2 mask{};
+    for (unsigned p = 0; p < 8; ++p) {
+        for (unsigned k = 0; k < 4; ++k) {
+            mask[4 * p + k] = static_cast<uint8_t>(3 * ((p + c) % 8) + (k < 3 ? k : 0));
+        }
+    }
+    return mask;
+}
+
+constexpr Lanes2 packRow(unsigned r) {
+    Lanes2 mask{};
+    for (unsigned c = 0; c < 8; ++c) {
+        for (unsigned k = 0; k < 3; ++k) {
+            mask[3 * c + k] = static_cast<uint8_t>(4 * ((r + 8 - c) % 8) + k);
+        }
+    }
+    return mask;
+}
+
+constexpr std::array<Lanes2, 8> ColumnSpreads = {spreadColumn(0), spreadColumn(1), spreadColumn(2),
+                                                 spreadColumn(3), spreadColumn(4), spreadColumn(5),
+                                                 spreadColumn(6), spreadColumn(7)};
+constexpr std::array<Lanes2, 8> RowPacks = {packRow(0), packRow(1), packRow(2), packRow(3),
+                                            packRow(4), packRow(5), packRow(6), packRow(7)};
+
+// The positions where rows congruent to `rows` modulo 2 << bit take the second partial row.
+constexpr int roundBlend(unsigned bit, unsigned rows) {
+    int mask = 0;
+    for (unsigned p = 0; p < 8; ++p) {
+        mask |= static_cast<int>(((rows + 8 - p) % 8) >> bit & 1) << p;
+    }
+    return mask;
+}
+
+constexpr __mmask32 TileRowBytes = (__mmask32{1} << 24) - 1;
+// The plain permutation's intrinsic leaves its pass-through operand undefined, which the compiler
+// takes for a read of an uninitialised value; the zero-masked one with every byte kept is the same
+// instruction.
+constexpr __mmask32 AllBytes = ~__mmask32{0};
+
+#define ZANDOR_VBMI "avx2,avx512f,avx512bw,avx512vl,avx512vbmi"
+
+// `in` holds the partial rows of each class of rows modulo 1 << Bit; `out` receives those of class
+// `Class` modulo 2 << Bit.
+template <unsigned Bit, unsigned Class>
+__attribute__((target(ZANDOR_VBMI), always_inline)) inline void blendClass(const __m256i* in, __m256i* out) {
+    constexpr unsigned Partials = 8u >> (Bit + 1);
+    const __m256i* from = in + (Class % (1u << Bit)) * 2 * Partials;
+#pragma GCC unroll 4
+    for (unsigned i = 0; i < Partials; ++i) {
+        out[Class * Partials + i] = _mm256_blend_epi32(from[2 * i], from[2 * i + 1], roundBlend(Bit, Class));
+    }
+}
+
+template <unsigned Bit, unsigned... Classes>
+__attribute__((target(ZANDOR_VBMI), always_inline)) inline void
+blendRound(const __m256i* in, __m256i* out, std::integer_sequence<unsigned, Classes...>) {
+    (blendClass<Bit, Classes>(in, out), ...);
+}
+
+// A 32-byte load reads 8 bytes past the tile, which must lie inside the column, or is masked.
+template <bool Masked, bool Exact>
+__attribute__((target(ZANDOR_VBMI), always_inline)) inline void
+cutTileVbmi(const uint8_t* const* columns, uint64_t j, uint8_t* bottomRow, uint64_t rowBytes,
+            const __m256i* spreads, const __m256i* packs) {
+    __m256i a[8], b[8];
+#pragma GCC unroll 8
+    for (unsigned c = 0; c < 8; ++c) {
+        const uint8_t* at = columns[c] + 3 * j;
+        const __m256i bytes = Masked ? _mm256_maskz_loadu_epi8(TileRowBytes, at)
+                                     : _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at));
+        a[c] = _mm256_maskz_permutexvar_epi8(AllBytes, spreads[c], bytes);
+    }
+    blendRound<0>(a, b, std::make_integer_sequence<unsigned, 2>{});
+    blendRound<1>(b, a, std::make_integer_sequence<unsigned, 4>{});
+    blendRound<2>(a, b, std::make_integer_sequence<unsigned, 8>{});
+    uint8_t* out = bottomRow - j * rowBytes;
+#pragma GCC unroll 8
+    for (unsigned r = 0; r < 8; ++r) {
+        const __m256i row = _mm256_maskz_permutexvar_epi8(AllBytes, packs[r], b[r]);
+        if (Exact) {
+            _mm256_mask_storeu_epi8(out - r * rowBytes, TileRowBytes, row);
+        } else {
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(out - r * rowBytes), row);
+        }
+    }
+}
+
+template <bool Exact>
+__attribute__((target(ZANDOR_VBMI))) void cutTileColumnVbmi(const uint8_t* const* columns, uint8_t* bottomRow,
+                                                            uint64_t rowBytes, uint64_t height) {
+    __m256i spreads[8], packs[8];
+    for (unsigned i = 0; i < 8; ++i) {
+        spreads[i] = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(ColumnSpreads[i].data()));
+        packs[i] = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(RowPacks[i].data()));
+    }
+    const uint64_t tiled = height & ~(Tile - 1);
+    for (uint64_t j = 0; j < tiled; j += Tile) {
+        if (j + 11 <= height) {
+            cutTileVbmi<false, Exact>(columns, j, bottomRow, rowBytes, spreads, packs);
+        } else {
+            cutTileVbmi<true, Exact>(columns, j, bottomRow, rowBytes, spreads, packs);
+        }
+    }
+}
+
+#undef ZANDOR_VBMI
+
+void cutTileColumnVbmi(const uint8_t* const* columns, uint8_t* bottomRow, uint64_t rowBytes, uint64_t height,
+                       bool exactRight) {
+    if (exactRight) {
+        cutTileColumnVbmi<true>(columns, bottomRow, rowBytes, height);
+    } else {
+        cutTileColumnVbmi<false>(columns, bottomRow, rowBytes, height);
+    }
+}
+
 #endif
 
 TileColumn tileColumn(CutLevel level) {
@@ -276,6 +402,8 @@ TileColumn tileColumn(CutLevel level) {
         return cutTileColumnSse41;
     case CutLevel::Avx2:
         return cutTileColumnAvx2;
+    case CutLevel::Avx512Vbmi:
+        return cutTileColumnVbmi;
 #else
     default:
         break;
@@ -333,7 +461,7 @@ const ColumnTable& columnTable(ColumnOrder order, ScreenId id) {
 }
 
 struct Levels {
-    std::array<CutLevel, 3> levels{CutLevel::Scalar};
+    std::array<CutLevel, 4> levels{CutLevel::Scalar};
     size_t count = 1;
 
     Levels() {
@@ -343,6 +471,10 @@ struct Levels {
         }
         if (__builtin_cpu_supports("avx2")) {
             levels[count++] = CutLevel::Avx2;
+        }
+        if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+            __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vbmi")) {
+            levels[count++] = CutLevel::Avx512Vbmi;
         }
 #endif
     }
@@ -372,6 +504,8 @@ const char* ScreenCut::name(CutLevel level) {
         return "sse4.1";
     case CutLevel::Avx2:
         return "avx2";
+    case CutLevel::Avx512Vbmi:
+        return "avx512vbmi";
     }
     return "";
 }
