@@ -29,8 +29,8 @@ void cutPixels(const uint8_t* const* columns, uint64_t count, uint8_t* bottomRow
 }
 
 // Cuts the whole tiles of 8 columns: pixels [0, height rounded down to 8). Each row's 24 bytes are
-// written as two pieces of 12, left first, the right one with 16-byte stores whose last 4 bytes
-// spill into the next tile to the right unless `exactRight`: that tile, cut later, overwrites them.
+// written with stores that may go up to 8 bytes further, into the next tile column's part of the
+// row, unless `exactRight`: that tile column, cut later, overwrites them.
 using TileColumn = void (*)(const uint8_t* const* columns, uint8_t* bottomRow, uint64_t rowBytes,
                             uint64_t height, bool exactRight);
 
@@ -145,12 +145,12 @@ __attribute__((target("ssse3,sse4.1"))) void cutTileColumnSse41(const uint8_t* c
                                     load(HighSpread[2].data()), load(HighSpread[3].data())}};
     const __m128i packs[4] = {load(Pack[0].data()), load(Pack[1].data()), load(Pack[2].data()),
                               load(Pack[3].data())};
+    // Pixels j to j + 3 come from the column's first 12 bytes of the tile, j + 4 to j + 7 from bytes
+    // 12 to 23, read as 8 to 23 so as not to read past the tile.
     const uint64_t tiled = height & ~(Tile - 1);
     for (uint64_t j = 0; j < tiled; j += Tile) {
 #pragma GCC unroll 2
         for (unsigned half = 0; half < 2; ++half) {
-// Pixels j to j + 3 come from the column's first 12 bytes, j + 4 to j + 7 from bytes 12
-// to 23, read as 8 to 23 so as not to read past the tile.
 #pragma GCC unroll 2
             for (unsigned part = 0; part < 2; ++part) {
                 __m128i spread[4], rows[4];
@@ -195,7 +195,8 @@ constexpr std::array<Masks<2>, 4> HighPixelsSpread = {
 constexpr std::array<Masks<2>, 4> WidePack = {twoLanes(Pack[0], Pack[0]), twoLanes(Pack[1], Pack[1]),
                                               twoLanes(Pack[2], Pack[2]), twoLanes(Pack[3], Pack[3])};
 
-// Rows `first` to `first + 3` of the tile, left 4 columns in the low lanes, right 4 in the high.
+// Four rows of the tile, from the 4 pixels at byte `offset` of each column: the left 4 columns in the
+// low lanes, the right 4 in the high ones.
 __attribute__((target("avx2"), always_inline)) inline void
 spreadRows(const uint8_t* const* columns, uint64_t offset, const __m256i* spreads, __m256i* rows) {
     __m256i spread[4];
@@ -271,10 +272,10 @@ void cutTileColumnAvx2(const uint8_t* const* columns, uint8_t* bottomRow, uint64
 // position p from column (r - p) % 8: three rounds of 8 blends, where round k picks, position by
 // position, between two partial rows by bit k of the column the row needs there. One permutation
 // packs each row back to its 24 bytes.
-using Lanes2 = std::array<uint8_t, 32>;
+using WideMask = std::array<uint8_t, 32>;
 
-constexpr Lanes2 spreadColumn(unsigned c) {
-    Lanes2 mask{};
+constexpr WideMask spreadColumn(unsigned c) {
+    WideMask mask{};
     for (unsigned p = 0; p < 8; ++p) {
         for (unsigned k = 0; k < 4; ++k) {
             mask[4 * p + k] = static_cast<uint8_t>(3 * ((p + c) % 8) + (k < 3 ? k : 0));
@@ -283,8 +284,8 @@ constexpr Lanes2 spreadColumn(unsigned c) {
     return mask;
 }
 
-constexpr Lanes2 packRow(unsigned r) {
-    Lanes2 mask{};
+constexpr WideMask packRow(unsigned r) {
+    WideMask mask{};
     for (unsigned c = 0; c < 8; ++c) {
         for (unsigned k = 0; k < 3; ++k) {
             mask[3 * c + k] = static_cast<uint8_t>(4 * ((r + 8 - c) % 8) + k);
@@ -293,11 +294,11 @@ constexpr Lanes2 packRow(unsigned r) {
     return mask;
 }
 
-constexpr std::array<Lanes2, 8> ColumnSpreads = {spreadColumn(0), spreadColumn(1), spreadColumn(2),
-                                                 spreadColumn(3), spreadColumn(4), spreadColumn(5),
-                                                 spreadColumn(6), spreadColumn(7)};
-constexpr std::array<Lanes2, 8> RowPacks = {packRow(0), packRow(1), packRow(2), packRow(3),
-                                            packRow(4), packRow(5), packRow(6), packRow(7)};
+constexpr std::array<WideMask, 8> ColumnSpreads = {spreadColumn(0), spreadColumn(1), spreadColumn(2),
+                                                   spreadColumn(3), spreadColumn(4), spreadColumn(5),
+                                                   spreadColumn(6), spreadColumn(7)};
+constexpr std::array<WideMask, 8> RowPacks = {packRow(0), packRow(1), packRow(2), packRow(3),
+                                              packRow(4), packRow(5), packRow(6), packRow(7)};
 
 // The positions where rows congruent to `rows` modulo 2 << bit take the second partial row.
 constexpr int roundBlend(unsigned bit, unsigned rows) {
@@ -466,6 +467,8 @@ struct Levels {
 
     Levels() {
 #if defined(__x86_64__)
+        // Reads the processor's features, in case this runs before the run-time's own constructors.
+        __builtin_cpu_init();
         if (__builtin_cpu_supports("ssse3") && __builtin_cpu_supports("sse4.1")) {
             levels[count++] = CutLevel::Sse41;
         }
