@@ -1,8 +1,8 @@
-// Cutting both screens out of one raw frame, against a plain copy of the same bytes. That the cut
-// is right, for every shape, is tests/capture's.
+// Cutting every screen out of one raw frame, in each board's column order and at each instruction
+// level this machine has, against a plain copy of the same picture bytes. That the cut is right is
+// tests/capture's.
 
-#include "capture/CaptureScreen.h"
-#include "capture/RawFrame.h"
+#include "capture/ScreenCut.h"
 
 #include <benchmark/benchmark.h>
 
@@ -10,10 +10,9 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <random>
+#include <string>
 #include <vector>
 
 namespace zandor {
@@ -21,61 +20,42 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::vector<uint8_t> randomBytes(std::mt19937_64& random, uint64_t size) {
-    std::vector<uint8_t> bytes(size);
-    for (auto& b : bytes) {
-        b = static_cast<uint8_t>(random());
-    }
-    return bytes;
-}
-
-// One raw frame and the buffers both screens and a plain copy write into.
+// One raw frame and the buffers its screens and a plain copy write into.
 struct Buffers {
-    Buffers() {
+    explicit Buffers(ColumnOrder order) : order(order), bytes(pictureBytes(order)) {
         std::mt19937_64 random(7);
-        frame = randomBytes(random, raw::BlockBytes);
-        top.resize(raw::TopWidth * raw::TopHeight * 3);
-        bottom.resize(raw::BottomWidth * raw::BottomHeight * 3);
-        copy.resize(raw::FrameBytes);
+        picture.resize(bytes);
+        for (auto& b : picture) {
+            b = static_cast<uint8_t>(random());
+        }
+        for (unsigned s = 0; s < screens(); ++s) {
+            rows[s].resize(screenColumns(static_cast<ScreenId>(s)) * ColumnPixels * 3);
+        }
+        copy.resize(bytes);
     }
 
-    void cutBoth() {
-        CaptureScreen::cut(frame.data() + raw::TopOffset, top.data(), raw::TopWidth, raw::TopHeight);
-        CaptureScreen::cut(frame.data() + raw::BottomOffset, bottom.data(), raw::BottomWidth,
-                           raw::BottomHeight);
-        benchmark::DoNotOptimize(top.data());
-        benchmark::DoNotOptimize(bottom.data());
+    // Top and bottom; the right eye too where the frame holds it.
+    unsigned screens() const { return order == ColumnOrder::Ft601ThreeD ? 3 : 2; }
+
+    void cutAll(CutLevel level) {
+        for (unsigned s = 0; s < screens(); ++s) {
+            ScreenCut::cut(picture.data(), order, static_cast<ScreenId>(s), rows[s].data(), level);
+            benchmark::DoNotOptimize(rows[s].data());
+        }
         benchmark::ClobberMemory();
     }
 
-    void copyFrame() {
-        std::memcpy(copy.data(), frame.data(), raw::FrameBytes);
+    void copyPicture() {
+        std::memcpy(copy.data(), picture.data(), bytes);
         benchmark::DoNotOptimize(copy.data());
         benchmark::ClobberMemory();
     }
 
-    std::vector<uint8_t> frame, top, bottom, copy;
+    const ColumnOrder order;
+    const uint64_t bytes;
+    std::vector<uint8_t> picture, copy;
+    std::vector<uint8_t> rows[ScreenCount];
 };
-
-const auto FrameBytes = static_cast<int64_t>(raw::FrameBytes);
-
-void BM_CutBothScreens(benchmark::State& state) {
-    Buffers buffers;
-    for (auto _ : state) {
-        buffers.cutBoth();
-    }
-    state.SetBytesProcessed(state.iterations() * FrameBytes);
-}
-BENCHMARK(BM_CutBothScreens);
-
-void BM_MemcpyFrame(benchmark::State& state) {
-    Buffers buffers;
-    for (auto _ : state) {
-        buffers.copyFrame();
-    }
-    state.SetBytesProcessed(state.iterations() * FrameBytes);
-}
-BENCHMARK(BM_MemcpyFrame);
 
 double median(std::vector<double> values) {
     if (values.empty()) {
@@ -86,18 +66,39 @@ double median(std::vector<double> values) {
     return *middle;
 }
 
-// Both in one loop, alternating, so that they see the same state of the machine; the iteration
-// time is the cut's. The counters are medians over the iterations, which other load on the
-// machine disturbs less than means: cut_over_memcpy is the cut's time in units of the copy's.
-// The frame is in cache here; in the running pipeline it is not (see BM_PipelineCpu).
+const char* orderName(ColumnOrder order) {
+    switch (order) {
+    case ColumnOrder::Classic:
+        return "classic";
+    case ColumnOrder::Ft601:
+        return "ft601";
+    case ColumnOrder::Ft601ThreeD:
+        return "ft601-3d";
+    }
+    return "";
+}
+
+// Arguments: the column order and the level (its place in ScreenCut::levels()). The cut and the
+// copy alternate in one loop, so that they see the same state of the machine; the iteration time
+// is the cut's. The counters are medians over the iterations, which other load on the machine
+// disturbs less than means: cut_over_memcpy is the cut's time in units of the copy's. The frame is
+// in cache here; in the running pipeline it is not (see BM_PipelineCpu).
 void BM_CutOverMemcpy(benchmark::State& state) {
-    Buffers buffers;
+    const auto order = static_cast<ColumnOrder>(state.range(0));
+    const auto levels = ScreenCut::levels();
+    if (static_cast<size_t>(state.range(1)) >= levels.size()) {
+        state.SkipWithError("this processor lacks the level");
+        return;
+    }
+    const CutLevel level = levels[static_cast<size_t>(state.range(1))];
+    state.SetLabel(std::string(orderName(order)) + " " + ScreenCut::name(level));
+    Buffers buffers(order);
     std::vector<double> cutSeconds, copySeconds;
     for (auto _ : state) {
         auto t0 = Clock::now();
-        buffers.copyFrame();
+        buffers.copyPicture();
         auto t1 = Clock::now();
-        buffers.cutBoth();
+        buffers.cutAll(level);
         auto t2 = Clock::now();
         copySeconds.push_back(std::chrono::duration<double>(t1 - t0).count());
         cutSeconds.push_back(std::chrono::duration<double>(t2 - t1).count());
@@ -105,16 +106,23 @@ void BM_CutOverMemcpy(benchmark::State& state) {
     }
     const double cut = median(cutSeconds);
     const double copy = median(copySeconds);
-    state.SetBytesProcessed(state.iterations() * FrameBytes);
+    const auto bytes = static_cast<double>(buffers.bytes);
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(buffers.bytes));
     state.counters["cut_us"] = cut * 1e6;
     state.counters["memcpy_us"] = copy * 1e6;
-    state.counters["cut_bytes_per_second"] = benchmark::Counter(
-        static_cast<double>(FrameBytes) / cut, benchmark::Counter::kDefaults, benchmark::Counter::kIs1024);
-    state.counters["memcpy_bytes_per_second"] = benchmark::Counter(
-        static_cast<double>(FrameBytes) / copy, benchmark::Counter::kDefaults, benchmark::Counter::kIs1024);
+    state.counters["cut_bytes_per_second"] =
+        benchmark::Counter(bytes / cut, benchmark::Counter::kDefaults, benchmark::Counter::kIs1024);
+    state.counters["memcpy_bytes_per_second"] =
+        benchmark::Counter(bytes / copy, benchmark::Counter::kDefaults, benchmark::Counter::kIs1024);
     state.counters["cut_over_memcpy"] = cut / copy;
 }
-BENCHMARK(BM_CutOverMemcpy)->UseManualTime()->MinTime(1.0);
+BENCHMARK(BM_CutOverMemcpy)
+    ->ArgNames({"order", "level"})
+    ->ArgsProduct({{static_cast<int64_t>(ColumnOrder::Classic), static_cast<int64_t>(ColumnOrder::Ft601),
+                    static_cast<int64_t>(ColumnOrder::Ft601ThreeD)},
+                   {0, 1, 2, 3}})
+    ->UseManualTime()
+    ->MinTime(0.5);
 
 } // namespace
 } // namespace zandor
