@@ -489,6 +489,7 @@ TEST_F(MainControllerTest, TheFirstRunShowsTheAboutWindowOnce) {
     const auto* about = m_controller->mainWindow()->findChild<QMessageBox*>("aboutWindow");
     ASSERT_NE(about, nullptr);
     EXPECT_TRUE(about->isVisible());
+    EXPECT_TRUE(about->informativeText().startsWith("Version " ZANDOR_VERSION "\n"));
     EXPECT_EQ(QApplication::activeModalWidget(), nullptr) << "the main window stays usable";
     EXPECT_FALSE(PreferencesController::instance().preference(settings::firstRun.key).toBool());
     stop();
