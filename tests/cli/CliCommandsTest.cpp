@@ -12,11 +12,13 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 
 namespace zandor {
 namespace {
@@ -290,6 +292,30 @@ TEST_F(CliTest, HelpAndVersionAnswerEverywhereWithoutADisplay) {
     const auto appWrong = test::runProcess({ZANDOR_APP, "--bored", "demo"});
     EXPECT_EQ(appWrong.exitCode, 2);
     EXPECT_EQ(appWrong.err, "zandor: Unknown option --bored (see zandor --help)\n");
+}
+
+// Every command zandor-cli --help lists has its paragraph in the manual page, naming the same options.
+TEST_F(CliTest, TheManualPageDescribesEveryCommandWithItsOptions) {
+    const QString page = QString::fromUtf8(test::readFile(ZANDOR_SOURCE_DIR "/packaging/zandor-cli.1"))
+                             .replace(QStringLiteral("\\-"), QStringLiteral("-"));
+    const QRegularExpression option(QStringLiteral("--[a-z-]+"));
+    const auto optionsIn = [&](const QString& text) {
+        std::set<std::string> found;
+        for (const auto& match : option.globalMatch(text)) {
+            found.insert(match.captured().toStdString());
+        }
+        return found;
+    };
+    for (const std::string& command : listedCommands(cli({"--help"}).out)) {
+        const QString heading = QStringLiteral(".TP\n\\fB%1\\fR").arg(QString::fromStdString(command));
+        const qsizetype at = page.indexOf(heading);
+        ASSERT_GE(at, 0) << command << " has no paragraph in the manual page";
+        const QString paragraph = page.mid(at, page.indexOf(QStringLiteral("\n.TP\n"), at + 1) - at);
+        // The usage lines alone: the description may mention options of other commands.
+        const std::string help = cli({command, "--help"}).out;
+        const QString usage = QString::fromStdString(help.substr(0, help.find("\n\n")));
+        EXPECT_EQ(optionsIn(paragraph.section(u'\n', 1, 1)), optionsIn(usage)) << command;
+    }
 }
 
 TEST_F(CliTest, AudioInputsSaysWhenTheMachineHasNone) {
