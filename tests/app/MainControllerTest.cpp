@@ -515,6 +515,13 @@ TEST_F(MainControllerTest, APluginHandedOverByASecondStartBecomesTheActiveLayout
     ASSERT_TRUE(ZDAppDelegate::sendToRunning({bundle}));
     EXPECT_TRUE(
         QTest::qWaitFor([&] { return m_controller->activeLayout()->name() == "Handed Over"; }, 20000));
+
+    // The instance listens for its own display only: a start on another display of the same user
+    // finds none there and becomes that display's own.
+    const QByteArray display = qgetenv("DISPLAY");
+    qputenv("DISPLAY", display + "9");
+    EXPECT_FALSE(ZDAppDelegate::sendToRunning({bundle}));
+    qputenv("DISPLAY", display);
 }
 
 TEST_F(MainControllerTest, RecordingsAKilledRunLeftAreOfferedToBeRecoveredOrDeleted) {
