@@ -49,9 +49,14 @@ int main(int argc, char** argv) {
             return 0;
         }
     }
-    // Qt's own options ("-platform NAME") read as plugins here, which is no error; the plugins are
-    // taken from what Qt leaves.
-    if (const Error error = CommandLine({"board"}, {"play"}).parse({argv + 1, argv + argc})) {
+    // Said before the application object needs a display. Qt's own options are no error: "-platform
+    // NAME" reads as two plugins here, and Qt takes "--platform NAME" as well; the plugins are taken
+    // from what Qt leaves.
+    CommandLine withQtOptions({"board", "platform", "platformpluginpath", "platformtheme", "plugin",
+                               "qwindowgeometry", "qwindowicon", "qwindowtitle", "style", "stylesheet",
+                               "display", "session"},
+                              {"play", "reverse", "widgetcount", "nograb", "dograb", "sync"});
+    if (const Error error = withQtOptions.parse({argv + 1, argv + argc})) {
         return CommandLine::usageError("zandor", error.detail());
     }
     QApplication application(argc, argv);
