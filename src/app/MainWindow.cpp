@@ -1,5 +1,6 @@
 #include "MainWindow.h"
 
+#include "base/Version.h"
 #include "ui/Icons.h"
 #include "ui_StatusSheet.h"
 
@@ -89,8 +90,11 @@ void MainWindow::showAbout() {
     auto* about = new QMessageBox(QMessageBox::NoIcon, QStringLiteral("About Zandor"),
                                   QStringLiteral("<b>Zandor</b>"), QMessageBox::Ok, this);
     about->setObjectName(QStringLiteral("aboutWindow"));
-    about->setInformativeText(QStringLiteral(
-        "Live view, screenshots and video recording for the dual-screen handheld console's capture board."));
+    about->setInformativeText(
+        QStringLiteral(
+            "Version %1\n\nLive view, screenshots and video recording for the dual-screen handheld "
+            "console's capture board.")
+            .arg(QString::fromLatin1(applicationVersion())));
     about->setIconPixmap(icon(QStringLiteral("zandor")).pixmap(64, 64));
     about->setAttribute(Qt::WA_DeleteOnClose);
     // A message box is modal by default; the about window must not hold up the main window.

@@ -2,6 +2,8 @@
 
 #include "MainController.h"
 #include "MainWindow.h"
+#include "base/Log.h"
+#include "base/RuntimeFolder.h"
 #include "layouts/PluginController.h"
 
 #include <QDir>
@@ -10,8 +12,6 @@
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QSessionManager>
-
-#include <unistd.h>
 
 namespace zandor {
 
@@ -46,16 +46,27 @@ bool ZDAppDelegate::openFile(const QString& path) {
 }
 
 QString ZDAppDelegate::serverName() {
-    return QStringLiteral("zandor-%1").arg(getuid());
+    const auto socket = RuntimeFolder::sessionSocket("zandor");
+    if (!socket) {
+        logs::app.warning("Plugins cannot be handed to a running Zandor: %s",
+                          socket.error().logLine().c_str());
+        return {};
+    }
+    return QString::fromStdString(*socket);
 }
 
 bool ZDAppDelegate::listen() {
+    const QString name = serverName();
+    if (name.isEmpty()) {
+        return false;
+    }
     m_server = std::make_unique<QLocalServer>();
     m_server->setSocketOptions(QLocalServer::UserAccessOption);
-    if (!m_server->listen(serverName())) {
-        // A socket left by a crashed instance: nobody answered on it, so it is ours to take.
-        QLocalServer::removeServer(serverName());
-        if (!m_server->listen(serverName())) {
+    if (!m_server->listen(name)) {
+        // A socket left by a crashed instance: nobody answered on it, and in a folder only this
+        // user can enter nobody else could have made it, so it is ours to take.
+        QLocalServer::removeServer(name);
+        if (!m_server->listen(name)) {
             return false;
         }
     }
@@ -79,8 +90,12 @@ bool ZDAppDelegate::listen() {
 }
 
 bool ZDAppDelegate::sendToRunning(const QStringList& paths) {
+    const QString name = serverName();
+    if (name.isEmpty()) {
+        return false;
+    }
     QLocalSocket socket;
-    socket.connectToServer(serverName());
+    socket.connectToServer(name);
     if (!socket.waitForConnected(500)) {
         return false;
     }

@@ -28,6 +28,8 @@ public:
     bool listen();
     // Hands the files to an instance that already runs; false when none answers.
     static bool sendToRunning(const QStringList& paths);
+    // The socket of this user's instance on this display (see RuntimeFolder::sessionSocket); empty,
+    // with a line in the log, when there is no private folder to put it in.
     static QString serverName();
 
 private:

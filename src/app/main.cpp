@@ -3,6 +3,7 @@
 #include "ZDAppDelegate.h"
 #include "base/CommandLine.h"
 #include "base/QtMessages.h"
+#include "base/Version.h"
 #include "capture/Boards.h"
 #include "capture/Board.h"
 #include "session/CaptureSession.h"
@@ -11,11 +12,53 @@
 #include <QApplication>
 
 #include <cstdio>
+#include <cstring>
 
 using namespace zandor;
 
+namespace {
+
+const char* const Help =
+    "usage: zandor [--board BOARD] [--play] [PLUGIN...]\n"
+    "       zandor --help | --version\n"
+    "\n"
+    "Live view, screenshots and recordings from the dual-screen handheld console's\n"
+    "capture board.\n"
+    "\n"
+    "  --board BOARD  where the picture comes from: usb (the first board found, the\n"
+    "                 default), usb:SERIAL, demo (a moving demo picture) or replay:FILE\n"
+    "                 (raw frames written by zandor-cli dump)\n"
+    "  --play         start the live picture at once\n"
+    "  PLUGIN         a layout plugin folder (*.zdplugin) to install; when Zandor runs\n"
+    "                 already, it is handed to the running one\n"
+    "  --help         show this help\n"
+    "  --version      show the version\n";
+
+} // namespace
+
 int main(int argc, char** argv) {
     routeQtMessages();
+    // Answered before the application object exists, which needs a display.
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
+            std::fputs(Help, stdout);
+            return 0;
+        }
+        if (std::strcmp(argv[i], "--version") == 0) {
+            std::printf("zandor %s\n", applicationVersion());
+            return 0;
+        }
+    }
+    // Said before the application object needs a display. Qt's own options are no error: "-platform
+    // NAME" reads as two plugins here, and Qt takes "--platform NAME" as well; the plugins are taken
+    // from what Qt leaves.
+    CommandLine withQtOptions({"board", "platform", "platformpluginpath", "platformtheme", "plugin",
+                               "qwindowgeometry", "qwindowicon", "qwindowtitle", "style", "stylesheet",
+                               "display", "session"},
+                              {"play", "reverse", "widgetcount", "nograb", "dograb", "sync"});
+    if (const Error error = withQtOptions.parse({argv + 1, argv + argc})) {
+        return CommandLine::usageError("zandor", error.detail());
+    }
     QApplication application(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Zandor"));
     QApplication::setOrganizationName(QStringLiteral("Zandor"));
@@ -30,10 +73,7 @@ int main(int argc, char** argv) {
     }
     CommandLine options({"board"}, {"play"});
     if (const Error error = options.parse(words)) {
-        std::fprintf(stderr,
-                     "zandor: %s\nusage: zandor [--board usb|demo|replay:FILE] [--play] [PLUGIN...]\n",
-                     error.detail().c_str());
-        return 2;
+        return CommandLine::usageError("zandor", error.detail());
     }
     QStringList plugins;
     for (const auto& path : options.positionals()) {

@@ -1,6 +1,7 @@
 #include "CommandLine.h"
 
 #include <charconv>
+#include <cstdio>
 
 namespace zandor {
 
@@ -55,6 +56,11 @@ std::optional<uint64_t> CommandLine::parseCount(const std::string& text, uint64_
         return std::nullopt;
     }
     return number;
+}
+
+int CommandLine::usageError(const std::string& program, const std::string& message) {
+    std::fprintf(stderr, "%s: %s (see %s --help)\n", program.c_str(), message.c_str(), program.c_str());
+    return 2;
 }
 
 } // namespace zandor

@@ -28,6 +28,10 @@ public:
     // A whole number of at least `minimum`, written in decimal digits only.
     static std::optional<uint64_t> parseCount(const std::string& text, uint64_t minimum = 0);
 
+    // Says what is wrong with the command line of `program` ("zandor", "zandor-cli record") in one
+    // line on standard error, pointing to its help; returns the exit status for that, 2.
+    static int usageError(const std::string& program, const std::string& message);
+
 private:
     std::set<std::string> m_valueOptions;
     std::set<std::string> m_flags;

@@ -11,97 +11,206 @@
 #include "ReplayCommand.h"
 #include "ScreenshotCommand.h"
 #include "base/CommandLine.h"
+#include "base/Version.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
-#include <functional>
-#include <map>
 #include <set>
 
 namespace zandor {
 
 namespace {
 
-const char* const Usage =
-    "usage: zandor-cli COMMAND [OPTIONS]\n"
-    "\n"
-    "commands:\n"
-    "  layouts [--json]             list the layouts: name, width, height, resizable,\n"
-    "                               background bytes, application or user, importance\n"
-    "  install-plugin PATH          install a layout plugin bundle for this user\n"
-    "  screenshot [--layout NAME] [--format PNG|JPEG] [--out DIR]\n"
-    "                               save one screenshot of the layout (a catalogue\n"
-    "                               layout, Top, Bottom, or None for both screens)\n"
-    "  record --seconds N [--layout NAME] [--fps Original|24|25|30|50|60]\n"
-    "         [--quality NAME] [--game-audio ID|None] [--narrator-audio ID|None] [--out DIR]\n"
-    "                               record a video with sound and wait for the finished file\n"
-    "  replay [--layout NAME] [--buffer-seconds N] [--play-seconds M] [--quality NAME]\n"
-    "         [--game-audio ID|None] [--out DIR]\n"
-    "                               play M seconds (default N + 5) keeping the last N\n"
-    "                               (default 30), then save them as a replay movie\n"
-    "  camera --seconds N [--layout NAME]\n"
-    "                               share the layout as a PipeWire camera for N seconds\n"
-    "  recover [--out DIR] [BUNDLE...]\n"
-    "                               finish recordings a crash left unfinished (every\n"
-    "                               abandoned *.zdrecord of the folder when none is named)\n"
-    "  audio-inputs                 list the audio inputs: identifier and name\n"
-    "  dump --frames N --out FILE   write N raw frames of the board, with their sound, to FILE\n"
-    "  board-info                   what the board is: name, vendor:product, serial,\n"
-    "                               firmware version, whether it sends sound\n"
-    "\n"
-    "options of every command:\n"
-    "  --board usb|usb:SERIAL|demo|replay:FILE  the capture board (default usb: the first found)\n";
-
 struct Command {
-    std::set<std::string> valueOptions;
-    std::set<std::string> flags;
+    const char* name;
+    // What follows the name in its usage line.
+    const char* synopsis;
+    const char* description;
     bool positionals;
-    std::function<int(const CommandLine&)> run;
+    int (*run)(const CommandLine&);
 };
+
+// In the order the help lists them.
+const Command Commands[] = {
+    {"layouts", "[--json] [--board BOARD]",
+     "list the layouts: name, width, height, resizable, background bytes, application or user, importance",
+     false, LayoutsCommand::run},
+    {"install-plugin", "PATH", "install a layout plugin bundle for this user", true,
+     InstallPluginCommand::run},
+    {"screenshot", "[--board BOARD] [--layout NAME] [--format PNG|JPEG] [--out DIR]",
+     "save one screenshot of the layout (a catalogue layout, Top, Bottom, or None for both screens) and "
+     "print its file",
+     false, ScreenshotCommand::run},
+    {"record",
+     "--seconds N [--board BOARD] [--layout NAME] [--fps Original|24|25|30|50|60] [--quality NAME] "
+     "[--game-audio ID|None] [--narrator-audio ID|None] [--out DIR]",
+     "record a video with sound for N seconds, wait for the finished files and print them", false,
+     RecordCommand::run},
+    {"replay",
+     "[--board BOARD] [--layout NAME] [--buffer-seconds N] [--play-seconds M] [--quality NAME] "
+     "[--game-audio ID|None] [--out DIR]",
+     "play M seconds (default N + 5) keeping the last N (default 30), then save them as a replay movie and "
+     "print it",
+     false, ReplayCommand::run},
+    {"camera", "--seconds N [--board BOARD] [--layout NAME]",
+     "share the layout as a PipeWire camera for N seconds, then print the pictures sent and dropped", false,
+     CameraCommand::run},
+    {"recover", "[--out DIR] [BUNDLE...]",
+     "finish recordings a crash left unfinished: the named bundles, or every abandoned *.zdrecord of "
+     "the storage folder (of DIR when given); the movies go into DIR (beside their bundle unless given) "
+     "and are printed",
+     true, RecoverCommand::run},
+    {"audio-inputs", "",
+     "list the audio inputs: identifier, a tab, the name; board (the capture board's own "
+     "sound) first",
+     false, AudioInputsCommand::run},
+    {"dump", "--frames N --out FILE [--board BOARD]",
+     "write N raw frames of the board, with their sound, to FILE (for --board replay:FILE)", false,
+     DumpCommand::run},
+    {"board-info", "[--board BOARD]",
+     "say what the board is: name, vendor:product, serial, firmware version, whether it sends sound", false,
+     BoardInfoCommand::run},
+};
+
+const char* const BoardNote = "BOARD is usb (the first board found, the default), usb:SERIAL, demo or "
+                              "replay:FILE (raw frames written by dump).";
+
+// The options a command takes, read from its synopsis: "--name WORD" takes a value, a lone "--name"
+// is a flag. The help and the parsing cannot disagree.
+CommandLine optionsOf(const Command& command) {
+    std::set<std::string> values{}, flags{"help", "version"};
+    const std::string synopsis = command.synopsis;
+    for (size_t at = synopsis.find("--"); at != std::string::npos; at = synopsis.find("--", at)) {
+        const size_t end = synopsis.find_first_of(" ]", at);
+        const std::string name = synopsis.substr(at + 2, end == std::string::npos ? end : end - at - 2);
+        const bool takesValue = end != std::string::npos && synopsis[end] == ' ' &&
+                                synopsis.compare(end + 1, 1, "[") != 0 &&
+                                synopsis.compare(end + 1, 2, "--") != 0;
+        (takesValue ? values : flags).insert(name);
+        at = end;
+    }
+    return CommandLine(std::move(values), std::move(flags));
+}
+
+// `text` in lines of at most 80 columns, every one indented by `indent`, the first by `first`.
+// Breaks only at spaces outside brackets, so an option stays whole on one line.
+std::string wrapped(const std::string& text, size_t first, size_t indent) {
+    std::vector<std::string> words;
+    int depth = 0;
+    std::string word;
+    for (char c : text) {
+        depth += c == '[' ? 1 : c == ']' ? -1 : 0;
+        if (c == ' ' && depth == 0) {
+            words.push_back(std::move(word));
+            word.clear();
+        } else {
+            word += c;
+        }
+    }
+    words.push_back(std::move(word));
+    std::string result;
+    size_t column = first;
+    bool lineEmpty = true;
+    for (const std::string& next : words) {
+        if (!lineEmpty && column + 1 + next.size() > 80) {
+            result += '\n' + std::string(indent, ' ');
+            column = indent;
+            lineEmpty = true;
+        }
+        if (!lineEmpty) {
+            result += ' ';
+            ++column;
+        }
+        result += next;
+        column += next.size();
+        lineEmpty = false;
+    }
+    return result;
+}
+
+std::string usageLine(const Command& command) {
+    const std::string head = std::string("usage: zandor-cli ") + command.name;
+    return head +
+           (*command.synopsis ? " " + wrapped(command.synopsis, head.size() + 1, head.size() + 1)
+                              : std::string()) +
+           '\n';
+}
+
+std::string help() {
+    std::string text = "usage: zandor-cli COMMAND [OPTIONS]\n"
+                       "       zandor-cli COMMAND --help\n"
+                       "       zandor-cli --version\n"
+                       "\n"
+                       "commands:\n";
+    for (const Command& command : Commands) {
+        const std::string head = std::string("  ") + command.name;
+        text += head +
+                (*command.synopsis ? " " + wrapped(command.synopsis, head.size() + 1, head.size() + 1) : "") +
+                '\n';
+        text += "      " + wrapped(command.description, 6, 6) + '\n';
+    }
+    return text + '\n' + wrapped(BoardNote, 0, 0) + '\n';
+}
+
+std::string help(const Command& command) {
+    std::string sentence = command.description;
+    sentence[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(sentence[0])));
+    std::string text = usageLine(command) + '\n' + wrapped(sentence + '.', 0, 0) + '\n';
+    if (std::string(command.synopsis).find("--board") != std::string::npos) {
+        text += '\n' + wrapped(BoardNote, 0, 0) + '\n';
+    }
+    return text;
+}
 
 } // namespace
 
 int Cli::run(const std::vector<std::string>& arguments) {
-    if (arguments.empty() || arguments[0] == "--help" || arguments[0] == "-h" || arguments[0] == "help") {
-        std::fputs(Usage, arguments.empty() ? stderr : stdout);
-        return arguments.empty() ? 2 : 0;
+    if (arguments.empty()) {
+        std::fputs(help().c_str(), stderr);
+        return 2;
     }
-    const std::map<std::string, Command> commands = {
-        {"dump", {{"board", "frames", "out"}, {}, false, DumpCommand::run}},
-        {"board-info", {{"board"}, {}, false, BoardInfoCommand::run}},
-        {"layouts", {{"board"}, {"json"}, false, LayoutsCommand::run}},
-        {"install-plugin", {{"board"}, {}, true, InstallPluginCommand::run}},
-        {"screenshot", {{"board", "layout", "format", "out"}, {}, false, ScreenshotCommand::run}},
-        {"record",
-         {{"board", "layout", "seconds", "fps", "quality", "game-audio", "narrator-audio", "out"},
-          {},
-          false,
-          RecordCommand::run}},
-        {"replay",
-         {{"board", "layout", "buffer-seconds", "play-seconds", "quality", "game-audio", "out"},
-          {},
-          false,
-          ReplayCommand::run}},
-        {"camera", {{"board", "layout", "seconds"}, {}, false, CameraCommand::run}},
-        {"audio-inputs", {{"board"}, {}, false, AudioInputsCommand::run}},
-        {"recover", {{"out"}, {}, true, RecoverCommand::run}},
+    const auto named = [](const std::string& name) {
+        return std::find_if(std::begin(Commands), std::end(Commands),
+                            [&](const Command& command) { return name == command.name; });
     };
-    auto command = commands.find(arguments[0]);
-    if (command == commands.end()) {
-        std::fprintf(stderr, "zandor-cli: unknown command '%s' (try zandor-cli --help)\n",
-                     arguments[0].c_str());
-        return 2;
+    const std::string& first = arguments[0];
+    if (first == "--version") {
+        std::printf("zandor-cli %s\n", applicationVersion());
+        return 0;
     }
-    CommandLine options(command->second.valueOptions, command->second.flags);
+    if (first == "--help" || first == "-h" || first == "help") {
+        if (arguments.size() > 1 && first == "help" && named(arguments[1]) != std::end(Commands)) {
+            std::fputs(help(*named(arguments[1])).c_str(), stdout);
+        } else {
+            std::fputs(help().c_str(), stdout);
+        }
+        return 0;
+    }
+    const auto command = named(first);
+    if (command == std::end(Commands)) {
+        return CommandLine::usageError(
+            "zandor-cli",
+            (first.rfind("--", 0) == 0 ? "Unknown option '" : "Unknown command '") + first + "'");
+    }
+    const std::string program = "zandor-cli " + first;
+    CommandLine options = optionsOf(*command);
     if (const Error error = options.parse({arguments.begin() + 1, arguments.end()})) {
-        std::fprintf(stderr, "zandor-cli %s: %s\n", arguments[0].c_str(), error.detail().c_str());
-        return 2;
+        return CommandLine::usageError(program, error.detail());
     }
-    if (!command->second.positionals && !options.positionals().empty()) {
-        std::fprintf(stderr, "zandor-cli %s: unexpected argument '%s'\n", arguments[0].c_str(),
-                     options.positionals().front().c_str());
-        return 2;
+    if (options.flag("help")) {
+        std::fputs(help(*command).c_str(), stdout);
+        return 0;
     }
-    return command->second.run(options);
+    if (options.flag("version")) {
+        std::printf("zandor-cli %s\n", applicationVersion());
+        return 0;
+    }
+    if (!command->positionals && !options.positionals().empty()) {
+        return CommandLine::usageError(program,
+                                       "Unexpected argument '" + options.positionals().front() + "'");
+    }
+    return command->run(options);
 }
 
 } // namespace zandor

@@ -48,13 +48,12 @@ int DumpCommand::run(const CommandLine& options) {
     std::string error;
     auto frames = CommandLine::parseCount(options.value("frames").value_or(""), 1);
     if (!frames) {
-        std::fprintf(stderr, "zandor-cli dump: --frames needs a whole number of at least 1\n");
-        return 2;
+        return CommandLine::usageError("zandor-cli dump",
+                                       "Option --frames needs a whole number of at least 1");
     }
     auto outPath = options.value("out");
     if (!outPath || outPath->empty()) {
-        std::fprintf(stderr, "zandor-cli dump: --out FILE is required\n");
-        return 2;
+        return CommandLine::usageError("zandor-cli dump", "Option --out needs the file to write");
     }
     auto board = createBoard(options.value("board").value_or("usb"));
     if (!board) {

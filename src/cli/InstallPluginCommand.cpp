@@ -12,8 +12,7 @@ namespace zandor {
 
 int InstallPluginCommand::run(const CommandLine& options) {
     if (options.positionals().size() != 1) {
-        std::fprintf(stderr, "zandor-cli install-plugin: give the path of one plugin bundle\n");
-        return 2;
+        return CommandLine::usageError("zandor-cli install-plugin", "Give the path of one plugin bundle");
     }
     const QString path = QString::fromStdString(options.positionals().front());
     PluginController& registry = PluginController::instance();

@@ -16,8 +16,8 @@ namespace zandor {
 int RecordCommand::run(const CommandLine& options) {
     auto seconds = CommandLine::parseCount(options.value("seconds").value_or(""), 1);
     if (!seconds) {
-        std::fprintf(stderr, "zandor-cli record: --seconds needs a whole number of at least 1\n");
-        return 2;
+        return CommandLine::usageError("zandor-cli record",
+                                       "Option --seconds needs a whole number of at least 1");
     }
     auto opened = openSession(options);
     if (!opened) {

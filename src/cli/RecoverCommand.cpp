@@ -35,10 +35,11 @@ int RecoverCommand::run(const CommandLine& options) {
     PreferencesController& preferences = PreferencesController::instance();
     preferences.setReadOnly(true);
     QString folder = CaptureSettings::fromPreferences(preferences).storageFolder;
-    if (auto out = options.value("out")) {
+    const auto out = options.value("out");
+    if (out) {
         if (!QFileInfo(QString::fromStdString(*out)).isDir()) {
-            std::fprintf(stderr, "zandor-cli recover: '%s' is not a folder\n", out->c_str());
-            return 2;
+            return CommandLine::usageError("zandor-cli recover",
+                                           "Option --out needs a folder: '" + *out + "' is not one");
         }
         folder = QFileInfo(QString::fromStdString(*out)).absoluteFilePath();
     }
@@ -60,6 +61,9 @@ int RecoverCommand::run(const CommandLine& options) {
         }
         const auto& recorder = *found;
         recorder->setDelegate(std::make_shared<Report>(bundle));
+        if (out) {
+            recorder->setResultFolder(folder);
+        }
         if (!recorder->recover()) {
             status = 1;
         }

@@ -22,22 +22,22 @@ int ReplayCommand::run(const CommandLine& options) {
         const auto [minimum, maximum] = *settings::replaySeconds.range();
         auto count = CommandLine::parseCount(*text, minimum);
         if (!count || *count > static_cast<uint64_t>(maximum)) {
-            std::fprintf(stderr, "zandor-cli replay: --buffer-seconds needs a whole number from %d to %d\n",
-                         minimum, maximum);
-            return 2;
+            return CommandLine::usageError("zandor-cli replay",
+                                           "Option --buffer-seconds needs a whole number from " +
+                                               std::to_string(minimum) + " to " + std::to_string(maximum));
         }
         settings.replaySeconds = static_cast<int>(*count);
     }
     auto play = CommandLine::parseCount(
         options.value("play-seconds").value_or(std::to_string(settings.replaySeconds + 5)), 1);
     if (!play) {
-        std::fprintf(stderr, "zandor-cli replay: --play-seconds needs a whole number of at least 1\n");
-        return 2;
+        return CommandLine::usageError("zandor-cli replay",
+                                       "Option --play-seconds needs a whole number of at least 1");
     }
     if (!session->layout()) {
-        std::fprintf(stderr, "zandor-cli replay: the replay buffer keeps one layout: choose a catalogue "
-                             "layout, Top or Bottom with --layout\n");
-        return 2;
+        return CommandLine::usageError("zandor-cli replay",
+                                       "Option --layout needs one layout: the replay buffer "
+                                       "keeps a catalogue layout, Top or Bottom");
     }
     settings.replayBuffer = true;
     session->apply(settings);

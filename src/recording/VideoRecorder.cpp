@@ -56,8 +56,13 @@ QString VideoRecorder::plannedPath(const QString& basePath, const VideoRecord& r
     return QStringLiteral("%1.%2").arg(basePath, QStringLiteral("mp4"));
 }
 
+QString VideoRecorder::resultBase() const {
+    return m_resultFolder.isEmpty() ? m_bundle.basePath()
+                                    : m_resultFolder + u'/' + QFileInfo(m_bundle.basePath()).fileName();
+}
+
 QString VideoRecorder::resultPath(const VideoRecord& record) const {
-    return m_results.value(record.name(), plannedPath(m_bundle.basePath(), record));
+    return m_results.value(record.name(), plannedPath(resultBase(), record));
 }
 
 QStringList VideoRecorder::madeFiles() const {
@@ -369,7 +374,7 @@ bool VideoRecorder::convert(VideoRecord& record, const QStringList& soundTitles)
 bool VideoRecorder::finish(VideoRecord& record) {
     // A file of the movie's name that appeared meanwhile (or a movie an earlier, failed finalising
     // of a recovered bundle moved out) keeps its place: this one is numbered.
-    const QString planned = plannedPath(m_bundle.basePath(), record);
+    const QString planned = plannedPath(resultBase(), record);
     const QString result = NumberedName::file(planned.chopped(4), QStringLiteral("mp4"));
     if (!QFile::rename(record.convertPath(), result)) {
         keepError(RecordingProblem::Step::MoveOut,

@@ -69,6 +69,8 @@ public:
     // Finalises the bundle as a stopped recording is finalised, on the calling thread, reporting to
     // the delegate. False when another process holds the bundle or a step failed.
     bool recover();
+    // Where the recovered movies go: beside the bundle unless another folder is set.
+    void setResultFolder(const QString& folder) { m_resultFolder = folder; }
     // How long the recovered recording lasts, from its longest movie.
     double recordedSeconds() const { return m_recordedSeconds; }
 
@@ -90,6 +92,8 @@ private:
     QString mixPath() const;
     // The finished file of a layout as the recording's name gives it, before any numbering.
     QString plannedPath(const QString& basePath, const VideoRecord& record) const;
+    // The finished files' path without the layout and extension: the bundle's, in the result folder.
+    QString resultBase() const;
     // `soundTitles` name the movie's sound tracks, when they have names of their own.
     bool convert(VideoRecord& record, const QStringList& soundTitles);
     bool finish(VideoRecord& record);
@@ -111,6 +115,7 @@ private:
     RecordingBundle m_bundle;
     // The finished files moved out of the bundle, by layout name.
     QMap<QString, QString> m_results;
+    QString m_resultFolder;
     std::shared_ptr<RecorderDelegate> m_delegate;
     std::atomic<bool> m_done{true};
     // A movie could not be written; the recording ends at each layout's next frame.

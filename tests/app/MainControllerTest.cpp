@@ -522,6 +522,7 @@ TEST_F(MainControllerTest, TheFirstRunShowsTheAboutWindowOnce) {
     const auto* about = m_controller->mainWindow()->findChild<QMessageBox*>("aboutWindow");
     ASSERT_NE(about, nullptr);
     EXPECT_TRUE(about->isVisible());
+    EXPECT_TRUE(about->informativeText().startsWith("Version " ZANDOR_VERSION "\n"));
     EXPECT_EQ(QApplication::activeModalWidget(), nullptr) << "the main window stays usable";
     EXPECT_FALSE(PreferencesController::instance().preference(settings::firstRun.key).toBool());
     stop();
@@ -547,6 +548,13 @@ TEST_F(MainControllerTest, APluginHandedOverByASecondStartBecomesTheActiveLayout
     ASSERT_TRUE(ZDAppDelegate::sendToRunning({bundle}));
     EXPECT_TRUE(
         QTest::qWaitFor([&] { return m_controller->activeLayout()->name() == "Handed Over"; }, 20000));
+
+    // The instance listens for its own display only: a start on another display of the same user
+    // finds none there and becomes that display's own.
+    const QByteArray display = qgetenv("DISPLAY");
+    qputenv("DISPLAY", display + "9");
+    EXPECT_FALSE(ZDAppDelegate::sendToRunning({bundle}));
+    qputenv("DISPLAY", display);
 }
 
 TEST_F(MainControllerTest, RecordingsAKilledRunLeftAreOfferedToBeRecoveredOrDeleted) {

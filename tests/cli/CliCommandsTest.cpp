@@ -12,11 +12,13 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 
 namespace zandor {
 namespace {
@@ -193,12 +195,26 @@ TEST_F(CliTest, BadInputGetsOneClearLineAndLeavesNoFile) {
     test::writeFile(QString::fromStdString(at("a file")));
     const std::string out = at("out folder"), raw = at("out folder/out.raw");
     for (const auto& [arguments, message] : std::vector<std::pair<std::vector<std::string>, std::string>>{
-             {{"frobnicate"}, "unknown command 'frobnicate'"},
-             {{"dump", "--bored", "demo"}, "Unknown option --bored"},
-             {{"dump", "--board"}, "Option --board needs a value"},
-             {{"layouts", "--json=yes"}, "Option --json takes no value"},
-             {{"dump", "--board", "demo", "--frames", "0", "--out", raw}, "--frames"},
-             {{"dump", "--board", "demo", "--frames", "1"}, "--out"},
+             {{"frobnicate"}, "zandor-cli: Unknown command 'frobnicate' (see zandor-cli --help)"},
+             {{"--frobnicate"}, "zandor-cli: Unknown option '--frobnicate' (see zandor-cli --help)"},
+             {{"dump", "--bored", "demo"},
+              "zandor-cli dump: Unknown option --bored (see zandor-cli dump --help)"},
+             {{"dump", "--board"},
+              "zandor-cli dump: Option --board needs a value (see zandor-cli dump --help)"},
+             {{"layouts", "--json=yes"}, "zandor-cli layouts: Option --json takes no value (see"},
+             {{"audio-inputs", "extra"}, "zandor-cli audio-inputs: Unexpected argument 'extra' (see"},
+             {{"recover", "--board", "demo"}, "zandor-cli recover: Unknown option --board (see"},
+             {{"recover", "--out", at("a file")}, "zandor-cli recover: Option --out needs a folder"},
+             {{"install-plugin"}, "zandor-cli install-plugin: Give the path of one plugin bundle (see"},
+             {{"dump", "--board", "demo", "--frames", "0", "--out", raw},
+              "zandor-cli dump: Option --frames needs a whole number of at least 1 (see zandor-cli dump "
+              "--help)"},
+             {{"dump", "--board", "demo", "--frames", "1"}, "zandor-cli dump: Option --out needs the file"},
+             {{"record", "--board", "demo", "--seconds", "two"}, "zandor-cli record: Option --seconds needs"},
+             {{"replay", "--board", "demo", "--buffer-seconds", "4", "--out", out},
+              "zandor-cli replay: Option --buffer-seconds needs a whole number from 5 to 300 (see"},
+             {{"replay", "--board", "demo", "--layout", "None", "--out", out},
+              "zandor-cli replay: Option --layout needs one layout"},
              {{"dump", "--board", "Demo", "--frames", "1", "--out", raw},
               "Unknown board 'Demo': use usb, demo or replay:FILE"},
              {{"dump", "--board", "replay:", "--frames", "1", "--out", raw},
@@ -214,11 +230,118 @@ TEST_F(CliTest, BadInputGetsOneClearLineAndLeavesNoFile) {
              {{"install-plugin", out + "/nothing"}, "not a plugin bundle"}}) {
         const auto result = cli(arguments);
         EXPECT_NE(result.exitCode, 0) << message;
+        if (message.find("(see") != std::string::npos) {
+            EXPECT_EQ(result.exitCode, 2) << "a wrong command line: " << message;
+        }
         EXPECT_EQ(splitLines(result.err).size(), 1u) << result.err;
         EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
         EXPECT_TRUE(result.out.empty()) << result.out;
     }
     EXPECT_TRUE(QDir(QString::fromStdString(out)).isEmpty()) << "a failed command left a file";
+}
+
+// The commands zandor-cli --help lists, in its order.
+std::vector<std::string> listedCommands(const std::string& help) {
+    std::vector<std::string> commands;
+    bool listing = false;
+    for (const std::string& line : splitLines(help)) {
+        if (listing && line.rfind("  ", 0) == 0 && line[2] != ' ') {
+            commands.push_back(line.substr(2, line.find(' ', 2) - 2));
+        }
+        listing = (listing && !line.empty()) || line == "commands:";
+    }
+    return commands;
+}
+
+TEST_F(CliTest, HelpAndVersionAnswerEverywhereWithoutADisplay) {
+    unsetenv("DISPLAY");
+    unsetenv("WAYLAND_DISPLAY");
+    const auto help = cli({"--help"});
+    ASSERT_EQ(help.exitCode, 0) << help.err;
+    EXPECT_TRUE(help.err.empty()) << help.err;
+    const auto commands = listedCommands(help.out);
+    for (const char* expected : {"layouts", "install-plugin", "screenshot", "record", "replay", "camera",
+                                 "recover", "audio-inputs", "dump", "board-info"}) {
+        EXPECT_NE(std::find(commands.begin(), commands.end(), expected), commands.end())
+            << expected << " is not listed:\n"
+            << help.out;
+    }
+    for (const std::string& command : commands) {
+        const auto own = cli({command, "--help"});
+        EXPECT_EQ(own.exitCode, 0) << command << ": " << own.err;
+        EXPECT_EQ(own.out.rfind("usage: zandor-cli " + command, 0), 0u) << own.out;
+        EXPECT_EQ(cli({command, "--version"}).out, "zandor-cli " ZANDOR_VERSION "\n") << command;
+        for (const std::string& line : splitLines(own.out)) {
+            EXPECT_LE(line.size(), 80u) << line;
+        }
+    }
+    EXPECT_EQ(cli({"help", "record"}).out, cli({"record", "--help"}).out);
+    const auto none = cli({});
+    EXPECT_EQ(none.exitCode, 2);
+    EXPECT_EQ(none.err, help.out) << "without a command the help goes to standard error";
+
+    const auto version = cli({"--version"});
+    EXPECT_EQ(version.exitCode, 0);
+    EXPECT_EQ(version.out, "zandor-cli " ZANDOR_VERSION "\n");
+    const auto appHelp = test::runProcess({ZANDOR_APP, "--help"});
+    EXPECT_EQ(appHelp.exitCode, 0) << appHelp.err;
+    EXPECT_EQ(appHelp.out.rfind("usage: zandor [--board BOARD] [--play] [PLUGIN...]\n", 0), 0u)
+        << appHelp.out;
+    EXPECT_EQ(test::runProcess({ZANDOR_APP, "--board", "demo", "--version"}).out,
+              "zandor " ZANDOR_VERSION "\n");
+    const auto appWrong = test::runProcess({ZANDOR_APP, "--bored", "demo"});
+    EXPECT_EQ(appWrong.exitCode, 2);
+    EXPECT_EQ(appWrong.err, "zandor: Unknown option --bored (see zandor --help)\n");
+}
+
+// Every command zandor-cli --help lists has its paragraph in the manual page, naming the same options.
+TEST_F(CliTest, TheManualPageDescribesEveryCommandWithItsOptions) {
+    const QString page = QString::fromUtf8(test::readFile(ZANDOR_SOURCE_DIR "/packaging/zandor-cli.1"))
+                             .replace(QStringLiteral("\\-"), QStringLiteral("-"));
+    const QRegularExpression option(QStringLiteral("--[a-z-]+"));
+    const auto optionsIn = [&](const QString& text) {
+        std::set<std::string> found;
+        for (const auto& match : option.globalMatch(text)) {
+            found.insert(match.captured().toStdString());
+        }
+        return found;
+    };
+    for (const std::string& command : listedCommands(cli({"--help"}).out)) {
+        const QString heading = QStringLiteral(".TP\n\\fB%1\\fR").arg(QString::fromStdString(command));
+        const qsizetype at = page.indexOf(heading);
+        ASSERT_GE(at, 0) << command << " has no paragraph in the manual page";
+        const QString paragraph = page.mid(at, page.indexOf(QStringLiteral("\n.TP\n"), at + 1) - at);
+        // The usage lines alone: the description may mention options of other commands.
+        const std::string help = cli({command, "--help"}).out;
+        const QString usage = QString::fromStdString(help.substr(0, help.find("\n\n")));
+        EXPECT_EQ(optionsIn(paragraph.section(u'\n', 1, 1)), optionsIn(usage)) << command;
+    }
+}
+
+TEST_F(CliTest, AudioInputsSaysWhenTheMachineHasNone) {
+    const auto result = cli({"audio-inputs"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.out, "board\tCapture board\n") << "the board's own sound is always there";
+    EXPECT_NE(result.err.find("No audio inputs"), std::string::npos) << result.err;
+}
+
+TEST_F(CliTest, RecoverPutsTheMoviesIntoTheFolderGiven) {
+    const QString bundle = m_home.path() + "/bundles/Capture 01_02_2026 10_00_00.zdrecord";
+    ASSERT_TRUE(QDir().mkpath(bundle));
+    ASSERT_EQ(test::runProcess({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "testsrc=size=400x240:rate=60",
+                                "-t", "2", "-c:v", "libx264", "-movflags", "frag_keyframe+empty_moov",
+                                (bundle + "/VideoTop.mov").toStdString()})
+                  .exitCode,
+              0);
+    const auto result = cli({"recover", "--out", at("out folder"), bundle.toStdString()});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const std::string movie = at("out folder/Capture 01_02_2026 10_00_00.mp4");
+    EXPECT_EQ(result.out, movie + "\n");
+    EXPECT_EQ(test::runProcess({"ffprobe", "-v", "error", "-show_entries", "stream=codec_name,width,height",
+                                "-of", "csv=p=0", movie})
+                  .out,
+              "h264,400,240\n");
+    EXPECT_TRUE(QDir(m_home.path() + "/bundles").isEmpty()) << "nothing is left beside the bundle";
 }
 
 } // namespace
