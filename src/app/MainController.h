@@ -114,6 +114,8 @@ private:
     void recoverBundles(const QStringList& bundles);
     // Save Replay is there while the session has a replay to save.
     void updateSaveReplay();
+    // Enables View > 3D as far as the board can capture 3D, with a tooltip saying why not.
+    void update3DItem();
     // The camera could not share: the item goes off, and the first time the user is told why.
     void cameraFailed(const QString& reason);
     QSize decoration() const;
@@ -134,7 +136,8 @@ private:
     int m_preferencesObserver = 0;
     QTimer m_blinkTimer;
     bool m_blinkPhase = false;
-    QSize m_windowDecoration; // measured when the content went to full screen
+    bool m_3DItemShown = false; // whether update3DItem() has set up View > 3D yet
+    QSize m_windowDecoration;   // measured when the content went to full screen
 };
 
 } // namespace zandor

@@ -49,7 +49,11 @@ const char* const Usage =
     "                               firmware version, whether it sends sound\n"
     "\n"
     "options of every command:\n"
-    "  --board usb|usb:SERIAL|demo|replay:FILE  the capture board (default usb: the first found)\n";
+    "  --board usb|usb:SERIAL|demo|replay:FILE  the capture board (default usb: the first found)\n"
+    "options of screenshot, record, replay and camera:\n"
+    "  --3d                         capture the console's 3D picture, when the board can: the\n"
+    "                               top screen is the left eye, layouts such as \"3D Side by\n"
+    "                               Side\" show the right eye too\n";
 
 struct Command {
     std::set<std::string> valueOptions;
@@ -70,18 +74,18 @@ int Cli::run(const std::vector<std::string>& arguments) {
         {"board-info", {{"board"}, {}, false, BoardInfoCommand::run}},
         {"layouts", {{"board"}, {"json"}, false, LayoutsCommand::run}},
         {"install-plugin", {{"board"}, {}, true, InstallPluginCommand::run}},
-        {"screenshot", {{"board", "layout", "format", "out"}, {}, false, ScreenshotCommand::run}},
+        {"screenshot", {{"board", "layout", "format", "out"}, {"3d"}, false, ScreenshotCommand::run}},
         {"record",
          {{"board", "layout", "seconds", "fps", "quality", "game-audio", "narrator-audio", "out"},
-          {},
+          {"3d"},
           false,
           RecordCommand::run}},
         {"replay",
          {{"board", "layout", "buffer-seconds", "play-seconds", "quality", "game-audio", "out"},
-          {},
+          {"3d"},
           false,
           ReplayCommand::run}},
-        {"camera", {{"board", "layout", "seconds"}, {}, false, CameraCommand::run}},
+        {"camera", {{"board", "layout", "seconds"}, {"3d"}, false, CameraCommand::run}},
         {"audio-inputs", {{"board"}, {}, false, AudioInputsCommand::run}},
         {"recover", {{"out"}, {}, true, RecoverCommand::run}},
     };

@@ -1,5 +1,6 @@
 #include "Files.h"
 #include "GatedBoard.h"
+#include "Media.h"
 #include "PipeWireServer.h"
 #include "PluginBundles.h"
 #include "Process.h"
@@ -83,6 +84,7 @@ protected:
         preferences.setPreference(settings::gameAudioInput.key, "None");
         preferences.setPreference(settings::narratorAudioInput.key, "None");
         preferences.setPreference(settings::replayBuffer.key, false);
+        preferences.setPreference(settings::capture3D.key, false);
     }
     void TearDown() override {
         stop();
@@ -365,6 +367,118 @@ TEST_F(MainControllerTest, ShareAsCameraSharesWhileThePicturePlaysOrSaysOnceWhyI
     EXPECT_EQ(log.countPrefix(std::string(session::CameraFailed::LogPrefix) + "PipeWire is not running ("),
               2u)
         << "one line each time sharing is asked for";
+}
+
+TEST_F(MainControllerTest, View3DShowsBothEyesWhileThePicturePlaysOrSaysWhyTheBoardCannot) {
+    auto& ui = start();
+    EXPECT_TRUE(ui.capture3DItem->isEnabled()) << "chosen before the first Play, taken at the opening";
+    EXPECT_FALSE(ui.capture3DItem->isChecked());
+    m_controller->setActiveLayout(LayoutController::instance().layoutNamed("3D Side by Side"));
+    ui.playPauseItem->trigger();
+    QSignalSpy frames(ui.layoutView, &CaptureLayoutView::frameReceived);
+    // How many pixels of the top half differ between the left and the right eye's place.
+    const auto eyesDiffer = [&] {
+        const QImage picture = ui.layoutView->grab().toImage().convertToFormat(QImage::Format_RGB32);
+        const int half = picture.width() / 2;
+        int differ = 0;
+        for (int y = 0; y < picture.height() / 2; y += 2) {
+            for (int x = 0; x < half; x += 2) {
+                differ += qAbs(qGray(picture.pixel(x, y)) - qGray(picture.pixel(x + half, y))) > 40;
+            }
+        }
+        return differ;
+    };
+    const auto showsBothEyes = [&](bool both) {
+        return QTest::qWaitFor(
+            [&] {
+                frames.wait(1000);
+                return both == (eyesDiffer() > 300);
+            },
+            20000);
+    };
+    EXPECT_TRUE(showsBothEyes(false)) << "the top screen twice";
+    ui.capture3DItem->trigger();
+    EXPECT_EQ(PreferencesController::instance().preference(settings::capture3D.key), QVariant(true));
+    EXPECT_TRUE(showsBothEyes(true));
+    ui.capture3DItem->trigger();
+    EXPECT_TRUE(showsBothEyes(false));
+    EXPECT_TRUE(m_controller->session().isPlaying()) << "the picture went on across both switches";
+
+    // A board without 3D: the item is off and says why once the board is open.
+    stop();
+    PreferencesController::instance().setPreference(settings::capture3D.key, true);
+    auto& flat = start(std::make_unique<test::GatedBoard>());
+    flat.playPauseItem->trigger();
+    EXPECT_FALSE(flat.capture3DItem->isEnabled());
+    EXPECT_FALSE(flat.capture3DItem->isChecked());
+    EXPECT_EQ(flat.capture3DItem->toolTip(), "This capture board cannot capture 3D");
+    EXPECT_EQ(PreferencesController::instance().preference(settings::capture3D.key), QVariant(true))
+        << "the choice is kept for a board that can";
+
+    // No board at all.
+    stop();
+    auto missing = std::make_unique<DemoBoard>();
+    missing->unplug();
+    auto& none = start(std::move(missing));
+    none.playPauseItem->trigger();
+    EXPECT_FALSE(none.capture3DItem->isEnabled());
+    EXPECT_EQ(none.capture3DItem->toolTip(), "No capture board is connected");
+}
+
+TEST_F(MainControllerTest, ARecordingGoesOnAcrossBothSwitchesOf3DInOneMovie) {
+    auto& ui = startRecordingWith({});
+    m_controller->setActiveLayout(LayoutController::instance().layoutNamed("3D Side by Side"));
+    const auto framesLater = [&](int count) {
+        for (int seen = m_frames->count(); m_frames->count() < seen + count;) {
+            ASSERT_TRUE(m_frames->wait(20000));
+        }
+    };
+    framesLater(1);
+    ui.recordItem->trigger();
+    framesLater(40);
+    ui.capture3DItem->trigger();
+    framesLater(60);
+    ui.capture3DItem->trigger();
+    framesLater(60);
+    const auto recorder = m_controller->session().recorder();
+    ui.recordItem->trigger();
+    ASSERT_TRUE(recorder->waitUntilFinished(60s));
+    ASSERT_EQ(recorder->madeFiles().size(), 1);
+    const std::string movie = recorder->madeFiles()[0].toStdString();
+
+    // Every frame of the picture's time is there: the switches lost none.
+    const QJsonObject video =
+        test::probe(movie, {"-count_frames", "-select_streams", "v:0", "-show_streams"})["streams"][0]
+            .toObject();
+    EXPECT_EQ(video["width"].toInt(), 800);
+    EXPECT_EQ(video["height"].toInt(), 480);
+    const double frames = video["nb_read_frames"].toString().toDouble();
+    const double seconds = video["duration"].toString().toDouble();
+    EXPECT_GT(seconds, 2.0);
+    EXPECT_NEAR(frames, seconds * 60, seconds * 60 * 0.05);
+
+    // Flat, then both eyes, then flat again: how many pixels of the top half differ between the
+    // eyes' places, frame by frame.
+    std::vector<bool> both;
+    for (const std::string& picture : test::decodePictures(movie, 800 * 480 * 3, {}, {"-vf", "fps=20"})) {
+        int differ = 0;
+        for (size_t y = 0; y < 240; y += 2) {
+            for (size_t x = 0; x < 400; x += 2) {
+                const auto* left = reinterpret_cast<const uint8_t*>(picture.data()) + (y * 800 + x) * 3;
+                differ += std::abs(int(left[0]) - int(left[400 * 3])) +
+                              std::abs(int(left[1]) - int(left[400 * 3 + 1])) >
+                          120;
+            }
+        }
+        both.push_back(differ > 100);
+    }
+    ASSERT_GT(both.size(), 20u);
+    const auto firstBoth = std::find(both.begin(), both.end(), true);
+    const auto lastBoth = std::find(both.rbegin(), both.rend(), true).base();
+    EXPECT_FALSE(both.front());
+    EXPECT_FALSE(both.back());
+    ASSERT_NE(firstBoth, both.end()) << "the right eye never showed";
+    EXPECT_TRUE(std::all_of(firstBoth, lastBoth, [](bool b) { return b; })) << "3D came and went once";
 }
 
 TEST_F(MainControllerTest, CaptureFollowsTheChosenLayoutOrBothScreens) {
