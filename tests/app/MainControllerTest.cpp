@@ -369,6 +369,22 @@ TEST_F(MainControllerTest, ShareAsCameraSharesWhileThePicturePlaysOrSaysOnceWhyI
         << "one line each time sharing is asked for";
 }
 
+// A board that could capture 3D but sits on a USB 2 port: it says so and offers the flat picture only.
+class Usb2Board final : public Board {
+public:
+    Error open(const std::string& serial) override { return m_board.open(serial); }
+    FrameStatus readFrame(CaptureData& frame) override { return m_board.readFrame(frame); }
+    void close() override { m_board.close(); }
+    BoardInfo info() const override {
+        BoardInfo info = m_board.info();
+        info.usbSpeed = "USB 2";
+        return info;
+    }
+
+private:
+    ClassicBoard m_board{std::make_unique<test::GatedBoard>()};
+};
+
 TEST_F(MainControllerTest, View3DIsTheBoardsChoiceOrSaysWhyItCannotBe) {
     auto& ui = start();
     EXPECT_TRUE(ui.capture3DItem->isEnabled()) << "chosen before the first Play, taken at the opening";
@@ -387,6 +403,13 @@ TEST_F(MainControllerTest, View3DIsTheBoardsChoiceOrSaysWhyItCannotBe) {
     EXPECT_EQ(flat.capture3DItem->toolTip(), "This capture board cannot capture 3D");
     EXPECT_EQ(PreferencesController::instance().preference(settings::capture3D.key), QVariant(true))
         << "the choice is kept for a board that can";
+
+    stop();
+    m_controller = std::make_unique<MainController>(std::make_unique<Usb2Board>());
+    m_controller->awakeFromNib();
+    m_controller->mainWindow()->ui.playPauseItem->trigger();
+    EXPECT_FALSE(m_controller->mainWindow()->ui.capture3DItem->isEnabled());
+    EXPECT_TRUE(m_controller->mainWindow()->ui.capture3DItem->toolTip().startsWith("USB 3 needed: "));
 
     // No board at all.
     stop();
