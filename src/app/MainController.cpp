@@ -52,6 +52,7 @@ MainController::MainController(std::unique_ptr<Board> board)
 void MainController::sessionEvent(const session::Event& event) {
     if (std::holds_alternative<session::BoardConnection>(event)) {
         layoutView()->setNoSignal(m_session->isPlaying() && m_session->device()->isDisconnected());
+        update3DItem();
     } else if (std::holds_alternative<session::RecordingDone>(event)) {
         hideStatus();
     } else if (const auto* error = std::get_if<session::RecordingError>(&event)) {
@@ -188,6 +189,10 @@ void MainController::awakeFromNib() {
     connect(ui.aboutBoardItem, &QAction::triggered, this,
             [this] { m_mainWindow->showBoard(m_session->device()->board().info()); });
     connect(ui.shareAsCameraItem, &QAction::triggered, this, &MainController::shareAsCameraAction);
+    // Only the user's choice is stored: the item shows it unchecked while the board cannot take it.
+    connect(ui.capture3DItem, &QAction::triggered, this,
+            [this](bool on) { settings::capture3D.write(m_preferences, on); });
+    update3DItem();
     ui.shareAsCameraItem->setChecked(m_session->settings().shareAsCamera);
     connect(ui.quitItem, &QAction::triggered, m_mainWindow.get(), &QWidget::close);
 
@@ -342,11 +347,38 @@ void MainController::playPauseAction() {
             QStringLiteral("It was not possible to connect to the capture device. Please insert the cable "
                            "or check whether it is inserted correctly."),
             0, {}, details);
+        update3DItem();
         return;
     }
+    update3DItem();
     setPlayPause(false);
     enableRecorders(true);
     updateSaveReplay();
+}
+
+void MainController::update3DItem() {
+    QAction* item = m_mainWindow->ui.capture3DItem;
+    CaptureDevice& device = *m_session->device();
+    const bool playing = m_session->isPlaying();
+    QString why;
+    if (playing ? device.isDisconnected() : static_cast<bool>(device.failure())) {
+        why = QStringLiteral("No capture board is connected");
+    } else if (playing && !device.board().can3D()) {
+        why = device.board().info().usbSpeed == "USB 2"
+                  ? QStringLiteral("USB 3 needed: the capture board is connected by USB 2, too slow for "
+                                   "both eyes of the 3D picture")
+                  : QStringLiteral("This capture board cannot capture 3D");
+    } else if (!playing && m_3DItemShown) {
+        // Paused: the board was known while it played, and is asked again at the next Play.
+        return;
+    }
+    m_3DItemShown = true;
+    item->setEnabled(why.isEmpty());
+    item->setToolTip(why.isEmpty() ? QStringLiteral("Capture the console's 3D picture: the top screen shows "
+                                                    "the left eye, and layouts such as \"3D Side by Side\" "
+                                                    "show both eyes")
+                                   : why);
+    item->setChecked(why.isEmpty() && settings::capture3D.read(m_preferences));
 }
 
 void MainController::shareAsCameraAction(bool checked) {

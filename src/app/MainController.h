@@ -119,6 +119,8 @@ private:
     void gameSoundLost();
     // Inputs came or went: a game input that is back is taken up again, listening as before.
     void audioInputsChanged();
+    // Enables View > 3D as far as the board can capture 3D, with a tooltip saying why not.
+    void update3DItem();
     // The camera could not share: the item goes off, and the first time the user is told why.
     void cameraFailed(const QString& reason);
     QSize decoration() const;
@@ -144,7 +146,8 @@ private:
     int m_preferencesObserver = 0;
     QTimer m_blinkTimer;
     bool m_blinkPhase = false;
-    QSize m_windowDecoration; // measured when the content went to full screen
+    bool m_3DItemShown = false; // whether update3DItem() has set up View > 3D yet
+    QSize m_windowDecoration;   // measured when the content went to full screen
 };
 
 } // namespace zandor

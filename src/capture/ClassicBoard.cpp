@@ -2,6 +2,7 @@
 
 #include "CaptureData.h"
 #include "RawFrame.h"
+#include "ThreeDSender.h"
 #include "UsbBoard.h"
 #include "base/Log.h"
 
@@ -22,7 +23,8 @@ Error usbError(const char* step, std::string path, int code) {
 } // namespace
 
 ClassicBoard::ClassicBoard(std::unique_ptr<UsbBoard> usb, std::string name, std::string onlySerial)
-    : m_usb(std::move(usb)), m_name(std::move(name)), m_onlySerial(std::move(onlySerial)) {}
+    : m_usb(std::move(usb)), m_name(std::move(name)), m_onlySerial(std::move(onlySerial)),
+      m_sender(dynamic_cast<ThreeDSender*>(m_usb.get())) {}
 
 ClassicBoard::~ClassicBoard() = default;
 
@@ -74,19 +76,37 @@ Error ClassicBoard::open(const std::string& asked) {
     return {};
 }
 
+Error ClassicBoard::set3D(bool on) {
+    if (!m_sender) {
+        return Board::set3D(on);
+    }
+    m_sender->send3D(on);
+    m_3D = on;
+    return {};
+}
+
 Board::FrameStatus ClassicBoard::readFrame(CaptureData& frame) {
+    const ColumnOrder order = m_3D ? ColumnOrder::Ft601ThreeD : ColumnOrder::Classic;
+    const auto picture = static_cast<int32_t>(pictureBytes(order));
+    frame.setColumnOrder(order);
     frame.setSound(0, 0);
     // A failed request is not final: the reads below tell whether the board is gone.
     m_usb->controlTransfer(raw::FrameRequestType, raw::FrameRequest, 0, 0, frame.data(), 0,
                            raw::ControlTimeoutMs);
 
-    const auto wanted = static_cast<int32_t>(m_readsSound ? raw::ReadBytes : raw::FrameBytes);
+    // A block too small for the whole read (one sized for flat frames) takes what fits, in whole
+    // 512-byte blocks; a picture that does not fit is a skipped frame.
+    const auto room = static_cast<int32_t>(std::min<uint64_t>(frame.size(), raw::MaxBlockBytes) &
+                                           ~uint64_t{raw::BulkBlockBytes - 1});
+    const int32_t wanted =
+        std::min(m_readsSound ? picture + static_cast<int32_t>(2 * raw::MaxSoundValues) : picture, room);
     int32_t received = 0;
     int result = usb::Success;
     int32_t transferred = 0;
     do {
         // Whole 512-byte blocks: the last read may run up to 511 bytes into the block's slack.
-        const int32_t length = (wanted - received + raw::BulkBlockBytes - 1) & ~(raw::BulkBlockBytes - 1);
+        const int32_t length = std::min(
+            (wanted - received + raw::BulkBlockBytes - 1) & ~(raw::BulkBlockBytes - 1), room - received);
         transferred = 0;
         result = m_usb->bulkTransfer(raw::BulkEndpoint, frame.data() + received, length, &transferred,
                                      raw::BulkTimeoutMs);
@@ -102,7 +122,6 @@ Board::FrameStatus ClassicBoard::readFrame(CaptureData& frame) {
         m_usb->clearHalt(raw::BulkEndpoint);
         return FrameStatus::Failed;
     }
-    const auto picture = static_cast<int32_t>(raw::FrameBytes);
     if (received < picture) {
         return result == usb::Success || result == usb::ErrorTimeout ? FrameStatus::Skipped
                                                                      : FrameStatus::Failed;
@@ -117,7 +136,7 @@ Board::FrameStatus ClassicBoard::readFrame(CaptureData& frame) {
     // Anything past the frame's share is left unread; the next frame start request drops it.
     const uint64_t values =
         std::min<uint64_t>(static_cast<uint64_t>(received - picture) / 2, raw::MaxSoundValues) & ~uint64_t{1};
-    frame.setSound(raw::FrameBytes, values);
+    frame.setSound(static_cast<uint64_t>(picture), values);
 
     // A board whose frames come without sound for a while sends none, or one whose firmware sends
     // nothing after the picture at all; the first frame with sound settles it the other way.
@@ -148,7 +167,9 @@ BoardInfo ClassicBoard::info() const {
     info.name = m_name;
     info.vendorId = raw::VendorId;
     info.productId = raw::ProductId;
-    info.format = {raw::FrameBytes, raw::MaxSoundValues, raw::SoundChannels, raw::SoundRate};
+    info.format = {pictureBytes(m_3D ? ColumnOrder::Ft601ThreeD : ColumnOrder::Classic), raw::MaxSoundValues,
+                   raw::SoundChannels, raw::SoundRate};
+    info.can3D = can3D();
     std::scoped_lock lock(m_lock);
     info.serial = m_serial;
     info.firmwareVersion = m_firmwareVersion;

@@ -2,18 +2,22 @@
 
 #include "Board.h"
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
 
 namespace zandor {
 
+class ThreeDSender;
 class UsbBoard;
 
 // The driver of the 16d0:06a3 board of the console's original models. A frame is a vendor request
 // and bulk reads on endpoint 0x82: the picture, then the sound the board captured during the frame,
 // ending in a short packet, after which the board answers with zero-length packets until the next
 // request. The conversation goes through a UsbBoard: libusb for the real board, or a simulated one.
+// A simulated one that can send the 3D picture (a ThreeDSender, the demo board) makes the driver
+// offer 3D: its frames then hold both eyes in ColumnOrder::Ft601ThreeD, the sound after them.
 class ClassicBoard final : public Board {
 public:
     // With `onlySerial`, the driver opens that board alone, whatever serial open() is asked for.
@@ -25,6 +29,9 @@ public:
     FrameStatus readFrame(CaptureData& frame) override;
     void close() override;
     BoardInfo info() const override;
+    bool can3D() const override { return m_sender != nullptr; }
+    bool is3D() const override { return m_3D; }
+    Error set3D(bool on) override;
     std::vector<std::string> serials() override;
     bool watchArrivals() override;
     bool arrived() override;
@@ -47,6 +54,10 @@ private:
     const std::unique_ptr<UsbBoard> m_usb;
     const std::string m_name;
     const std::string m_onlySerial;
+    ThreeDSender* const m_sender; // the conversation, when it can send both eyes; else null
+    // Whether frames hold both eyes: written on the device thread between frames (or before the
+    // board opens), read by whoever asks.
+    std::atomic<bool> m_3D = false;
     // What the board told at its last opening and its first frames; guarded by m_lock, as the log
     // and the command line may ask while the device thread reads.
     mutable std::mutex m_lock;

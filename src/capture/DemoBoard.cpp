@@ -71,6 +71,10 @@ private:
             {0x0E, 0x11, 0x11, 0x0E, 0x11, 0x11, 0x0E}, {0x0E, 0x11, 0x11, 0x0F, 0x01, 0x02, 0x0C},
         };
         static const std::array<uint8_t, 7> letterB{0x1E, 0x11, 0x11, 0x1E, 0x11, 0x11, 0x1E};
+        static const std::array<uint8_t, 7> letterG{0x0E, 0x11, 0x10, 0x17, 0x11, 0x11, 0x0F};
+        static const std::array<uint8_t, 7> letterH{0x11, 0x11, 0x11, 0x1F, 0x11, 0x11, 0x11};
+        static const std::array<uint8_t, 7> letterI{0x0E, 0x04, 0x04, 0x04, 0x04, 0x04, 0x0E};
+        static const std::array<uint8_t, 7> letterR{0x1E, 0x11, 0x11, 0x1E, 0x14, 0x12, 0x11};
         static const std::array<uint8_t, 7> letterM{0x11, 0x1B, 0x15, 0x15, 0x11, 0x11, 0x11};
         static const std::array<uint8_t, 7> letterO{0x0E, 0x11, 0x11, 0x11, 0x11, 0x11, 0x0E};
         static const std::array<uint8_t, 7> letterP{0x1E, 0x11, 0x11, 0x1E, 0x10, 0x10, 0x10};
@@ -82,6 +86,14 @@ private:
         switch (c) {
         case 'B':
             return letterB;
+        case 'G':
+            return letterG;
+        case 'H':
+            return letterH;
+        case 'I':
+            return letterI;
+        case 'R':
+            return letterR;
         case 'M':
             return letterM;
         case 'O':
@@ -147,7 +159,7 @@ const uint8_t* background() {
 }
 
 void paintScreen(uint8_t* raw, uint64_t frame, uint64_t offset, int width, int height, std::string_view label,
-                 Rgb marker) {
+                 Rgb marker, int markerShift = 0) {
     RawPainter painter(raw, offset, width, height);
     char counter[16];
     std::snprintf(counter, sizeof counter, "%06llu", static_cast<unsigned long long>(frame % 1000000));
@@ -175,14 +187,14 @@ void paintScreen(uint8_t* raw, uint64_t frame, uint64_t offset, int width, int h
 
     // A marker bouncing around the screen's free middle.
     const int size = 20, top = 70, bottom = barTop - 4;
-    int mx = bounce(frame, 3, width - size), my = top + bounce(frame, 2, bottom - top - size);
+    int mx = bounce(frame, 3, width - size) + markerShift, my = top + bounce(frame, 2, bottom - top - size);
     painter.fill(mx - 2, my - 2, size + 4, size + 4, {0, 0, 0});
     painter.fill(mx, my, size, size, marker);
 }
 
 } // namespace
 
-DemoBoard::DemoBoard() : m_frame(new uint8_t[raw::FrameBytes]) {
+DemoBoard::DemoBoard() : m_frame(new uint8_t[zandor::pictureBytes(ColumnOrder::Ft601ThreeD)]) {
     const char* flash = std::getenv("ZANDOR_DEMO_FLASH");
     m_flashes = flash && std::string_view(flash) == "1";
 }
@@ -195,8 +207,40 @@ void DemoBoard::render(uint64_t frame, uint8_t* raw) {
     paintScreen(raw, frame, raw::BottomOffset, raw::BottomWidth, raw::BottomHeight, "BOTTOM", {80, 255, 120});
 }
 
+void DemoBoard::renderRightEye(uint64_t frame, uint8_t* raw) {
+    std::memcpy(raw, background() + raw::TopOffset, raw::BottomOffset - raw::TopOffset);
+    paintScreen(raw, frame, 0, raw::TopWidth, raw::TopHeight, "RIGHT", {255, 80, 80}, -Parallax);
+}
+
+void DemoBoard::render3D(uint64_t frame) {
+    constexpr uint64_t Flat = raw::FrameBytes;
+    if (!m_eyes) {
+        m_eyes.reset(new uint8_t[Flat + raw::BottomOffset]);
+    }
+    render(frame, m_eyes.get());
+    renderRightEye(frame, m_eyes.get() + Flat);
+    // Column by column into the order of the board's 3D firmware.
+    constexpr auto order = ColumnOrder::Ft601ThreeD;
+    uint8_t* out = m_frame.get();
+    for (uint64_t x = 0; x < raw::TopWidth; ++x) {
+        std::memcpy(out + rawColumn(order, ScreenId::Top, x) * ColumnBytes, m_eyes.get() + x * ColumnBytes,
+                    ColumnBytes);
+        std::memcpy(out + rawColumn(order, ScreenId::TopRight, x) * ColumnBytes,
+                    m_eyes.get() + Flat + x * ColumnBytes, ColumnBytes);
+    }
+    for (uint64_t x = 0; x < raw::BottomWidth; ++x) {
+        std::memcpy(out + rawColumn(order, ScreenId::Bottom, x) * ColumnBytes,
+                    m_eyes.get() + raw::BottomOffset + x * ColumnBytes, ColumnBytes);
+    }
+}
+
+uint64_t DemoBoard::pictureBytes() {
+    m_sending3D = m_wants3D;
+    return zandor::pictureBytes(m_sending3D ? ColumnOrder::Ft601ThreeD : ColumnOrder::Classic);
+}
+
 void DemoBoard::fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) {
-    if (m_rendered != static_cast<int64_t>(frame)) {
+    if (m_rendered != static_cast<int64_t>(frame) || m_rendered3D != m_sending3D) {
         // The frame read nearest each whole second flashes: the first one read less than half a
         // frame period before it, or after it. A fixed window would miss seconds now and then: the
         // board's pace is never exactly 60 frames a second.
@@ -210,11 +254,15 @@ void DemoBoard::fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint
             m_beepStart = static_cast<int64_t>(frame);
         }
         if (flash) {
-            std::memset(m_frame.get(), 255, raw::FrameBytes);
+            std::memset(m_frame.get(), 255,
+                        zandor::pictureBytes(m_sending3D ? ColumnOrder::Ft601ThreeD : ColumnOrder::Classic));
+        } else if (m_sending3D) {
+            render3D(frame);
         } else {
             render(frame, m_frame.get());
         }
         m_rendered = static_cast<int64_t>(frame);
+        m_rendered3D = m_sending3D;
     }
     std::memcpy(destination, m_frame.get() + offset, length);
 }

@@ -1,7 +1,9 @@
 #pragma once
 
 #include "SimulatedBoard.h"
+#include "ThreeDSender.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 
@@ -17,7 +19,11 @@ namespace zandor {
 // every 60th frame), or a continuous tone when one is set. Each frame carries the samples of one
 // sixtieth of a second at raw::SoundRate, about 545.5 stereo samples: the frames' sample counts
 // follow a running fraction, so that the rate is exact over any stretch of frames.
-class DemoBoard final : public SimulatedBoard {
+//
+// It can send the console's 3D picture (see ThreeDSender): the left eye is the usual top screen,
+// the right eye the same picture labelled "RIGHT" with its marker Parallax pixels further left, so
+// that the two eyes are told apart at a glance and by their pixels.
+class DemoBoard final : public SimulatedBoard, public ThreeDSender {
 public:
     DemoBoard();
     void setFlashes(bool flashes) { m_flashes = flashes; }
@@ -34,6 +40,12 @@ public:
 
     // Renders frame `frame` in the board's raw format into `raw` (raw::FrameBytes bytes).
     static void render(uint64_t frame, uint8_t* raw);
+    // Renders the right eye's top screen of frame `frame` in the board's raw format (400 columns
+    // from the bottom row up) into `raw` (raw::BottomOffset bytes).
+    static void renderRightEye(uint64_t frame, uint8_t* raw);
+    static constexpr int Parallax = 12;
+
+    void send3D(bool on) override { m_wants3D = on; }
 
     // Below the colour bars each screen shows the frame's number, modulo 2^CountBits, also as a
     // strip of square blocks of CountBlock pixels, the highest bit first, from (CountX, CountY):
@@ -45,12 +57,20 @@ public:
     static constexpr int CountY = 212;
 
 protected:
+    uint64_t pictureBytes() override;
     void fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) override;
     uint64_t soundBytes(uint64_t frame) override;
     void fillSound(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) override;
 
 private:
-    std::unique_ptr<uint8_t[]> m_frame;
+    // Makes the 3D picture of frame `frame` in m_frame from a flat frame and a right eye.
+    void render3D(uint64_t frame);
+
+    std::unique_ptr<uint8_t[]> m_frame; // the frame's picture, flat or with both eyes
+    std::unique_ptr<uint8_t[]> m_eyes;  // a flat frame and a right eye, made once 3D is asked for
+    std::atomic<bool> m_wants3D = false;
+    bool m_sending3D = false;   // whether the frame being sent has both eyes; the reading thread's
+    bool m_rendered3D = false;  // likewise, whether m_frame holds both eyes
     int64_t m_rendered = -1;    // only touched by the reading thread, in fill()
     int64_t m_flashSecond = -1; // the second of the wall clock of the last frame read; likewise
     int64_t m_beepStart = -1;   // the frame the last beep began with; likewise

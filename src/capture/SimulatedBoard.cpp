@@ -116,6 +116,7 @@ int SimulatedBoard::bulkTransfer(uint8_t endpoint, uint8_t* data, int length, in
     uint64_t frame;
     uint64_t offset;
     uint64_t count;
+    uint64_t pictureEnd;
     {
         std::scoped_lock lock(m_mutex);
         if (m_frame >= 0) {
@@ -123,7 +124,8 @@ int SimulatedBoard::bulkTransfer(uint8_t endpoint, uint8_t* data, int length, in
         }
         if (m_open && !m_vanished && m_frame >= 0 && !m_frameRead) {
             m_frameRead = true;
-            m_frameEnd = raw::FrameBytes + (m_sendsSound ? soundBytes(static_cast<uint64_t>(m_frame)) : 0);
+            m_picture = pictureBytes();
+            m_frameEnd = m_picture + (m_sendsSound ? soundBytes(static_cast<uint64_t>(m_frame)) : 0);
             auto fault = m_faults.find(static_cast<uint64_t>(m_frame));
             if (fault != m_faults.end()) {
                 switch (fault->second) {
@@ -135,7 +137,7 @@ int SimulatedBoard::bulkTransfer(uint8_t endpoint, uint8_t* data, int length, in
                     break;
                 case BoardFault::Timeout:
                     // Part of the frame arrives, then the read times out.
-                    count = std::min<uint64_t>(raw::FrameBytes / 2, static_cast<uint64_t>(length));
+                    count = std::min<uint64_t>(m_picture / 2, static_cast<uint64_t>(length));
                     frame = static_cast<uint64_t>(m_frame);
                     m_position = count;
                     *transferred = static_cast<int>(count);
@@ -143,10 +145,10 @@ int SimulatedBoard::bulkTransfer(uint8_t endpoint, uint8_t* data, int length, in
                     return usb::ErrorTimeout;
                 case BoardFault::ShortFrame:
                     // A short transfer, after which the board has nothing more for this frame.
-                    count = std::min<uint64_t>(raw::FrameBytes / 3, static_cast<uint64_t>(length));
+                    count = std::min<uint64_t>(m_picture / 3, static_cast<uint64_t>(length));
                     frame = static_cast<uint64_t>(m_frame);
-                    m_position = raw::FrameBytes;
-                    m_frameEnd = raw::FrameBytes;
+                    m_position = m_picture;
+                    m_frameEnd = m_picture;
                     *transferred = static_cast<int>(count);
                     fill(frame, 0, data, count);
                     return usb::Success;
@@ -177,16 +179,17 @@ int SimulatedBoard::bulkTransfer(uint8_t endpoint, uint8_t* data, int length, in
         }
         frame = static_cast<uint64_t>(m_frame);
         offset = m_position;
+        pictureEnd = m_picture;
         m_position += count;
     }
     // The bytes are produced outside the lock: only the device thread reads, and tests may
     // inspect the board meanwhile.
-    const uint64_t picture = offset < raw::FrameBytes ? std::min(count, raw::FrameBytes - offset) : 0;
+    const uint64_t picture = offset < pictureEnd ? std::min(count, pictureEnd - offset) : 0;
     if (picture > 0) {
         fill(frame, offset, data, picture);
     }
     if (count > picture) {
-        fillSound(frame, offset + picture - raw::FrameBytes, data + picture, count - picture);
+        fillSound(frame, offset + picture - pictureEnd, data + picture, count - picture);
     }
     *transferred = static_cast<int>(count);
     return usb::Success;

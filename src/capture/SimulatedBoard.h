@@ -1,5 +1,6 @@
 #pragma once
 
+#include "RawFrame.h"
 #include "UsbBoard.h"
 
 #include <array>
@@ -72,6 +73,9 @@ public:
 protected:
     // Writes `length` bytes of frame `frame` starting at byte `offset` of the raw frame.
     virtual void fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint64_t length) = 0;
+    // The bytes of the picture of the frame about to be sent, asked at its first read on the reading
+    // thread: raw::FrameBytes, or more for a board that sends both eyes of the 3D picture.
+    virtual uint64_t pictureBytes() { return raw::FrameBytes; }
     // How many bytes frame `frame` sends after its picture (any number, for tests of boards that
     // send too much), asked once a frame after its picture is sent; and those bytes, from `offset`.
     virtual uint64_t soundBytes(uint64_t frame) {
@@ -96,10 +100,11 @@ private:
     int m_opens = 0;
     bool m_arrived = false;
     bool m_halted = false;
-    bool m_frameRead = false; // the current frame has seen its first read
-    int64_t m_frame = -1;     // frame being sent, -1 before the first request
-    uint64_t m_position = 0;  // bytes of it already sent
-    uint64_t m_frameEnd = 0;  // its picture and sound, once the picture is sent; else 0
+    bool m_frameRead = false;             // the current frame has seen its first read
+    int64_t m_frame = -1;                 // frame being sent, -1 before the first request
+    uint64_t m_position = 0;              // bytes of it already sent
+    uint64_t m_frameEnd = 0;              // its picture and sound, once the picture is sent; else 0
+    uint64_t m_picture = raw::FrameBytes; // the bytes of its picture, fixed at its first read
     std::string m_serial = "ZD0000000001";
     int m_firmwareVersion = 6;
     bool m_sendsSound = true;

@@ -38,22 +38,22 @@ const Command Commands[] = {
      false, LayoutsCommand::run},
     {"install-plugin", "PATH", "install a layout plugin bundle for this user", true,
      InstallPluginCommand::run},
-    {"screenshot", "[--board BOARD] [--layout NAME] [--format PNG|JPEG] [--out DIR]",
+    {"screenshot", "[--board BOARD] [--layout NAME] [--format PNG|JPEG] [--3d] [--out DIR]",
      "save one screenshot of the layout (a catalogue layout, Top, Bottom, or None for both screens) and "
      "print its file",
      false, ScreenshotCommand::run},
     {"record",
      "--seconds N [--board BOARD] [--layout NAME] [--fps Original|24|25|30|50|60] [--quality NAME] "
-     "[--game-audio ID|None] [--narrator-audio ID|None] [--out DIR]",
+     "[--game-audio ID|None] [--narrator-audio ID|None] [--3d] [--out DIR]",
      "record a video with sound for N seconds, wait for the finished files and print them", false,
      RecordCommand::run},
     {"replay",
      "[--board BOARD] [--layout NAME] [--buffer-seconds N] [--play-seconds M] [--quality NAME] "
-     "[--game-audio ID|None] [--out DIR]",
+     "[--game-audio ID|None] [--3d] [--out DIR]",
      "play M seconds (default N + 5) keeping the last N (default 30), then save them as a replay movie and "
      "print it",
      false, ReplayCommand::run},
-    {"camera", "--seconds N [--board BOARD] [--layout NAME]",
+    {"camera", "--seconds N [--board BOARD] [--layout NAME] [--3d]",
      "share the layout as a PipeWire camera for N seconds, then print the pictures sent and dropped", false,
      CameraCommand::run},
     {"recover", "[--out DIR] [BUNDLE...]",
@@ -72,6 +72,10 @@ const Command Commands[] = {
      "say what the board is: name, vendor:product, serial, firmware version, whether it sends sound", false,
      BoardInfoCommand::run},
 };
+
+const char* const ThreeDNote = "--3d captures the console's 3D picture when the board can: the top screen "
+                               "is the left eye, and layouts such as \"3D Side by Side\" show the right "
+                               "eye too.";
 
 const char* const BoardNote = "BOARD is usb (the first board found, the default), usb:SERIAL, demo or "
                               "replay:FILE (raw frames written by dump).";
@@ -159,6 +163,9 @@ std::string help(const Command& command) {
     std::string text = usageLine(command) + '\n' + wrapped(sentence + '.', 0, 0) + '\n';
     if (std::string(command.synopsis).find("--board") != std::string::npos) {
         text += '\n' + wrapped(BoardNote, 0, 0) + '\n';
+    }
+    if (std::string(command.synopsis).find("--3d") != std::string::npos) {
+        text += '\n' + wrapped(ThreeDNote, 0, 0) + '\n';
     }
     return text;
 }

@@ -90,6 +90,8 @@ Result<std::unique_ptr<CaptureSession>> openSession(const CommandLine& options) 
     if (auto input = options.value("narrator-audio")) {
         captured.narratorAudioInput = QString::fromStdString(*input);
     }
+    // Like the other choices of the window, 3D is the command line's to ask for.
+    captured.capture3D = options.flag("3d");
 
     auto board = createBoard(options.value("board").value_or("usb"));
     if (!board) {

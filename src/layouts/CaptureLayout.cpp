@@ -19,6 +19,18 @@ uint8_t componentByte(double component) {
     return static_cast<uint8_t>(static_cast<int64_t>(component * 255.0) & 0xFF);
 }
 
+const char* screenName(size_t screen) {
+    switch (static_cast<ScreenId>(screen)) {
+    case ScreenId::Top:
+        return "top";
+    case ScreenId::Bottom:
+        return "bottom";
+    case ScreenId::TopRight:
+        return "right-eye";
+    }
+    return "";
+}
+
 } // namespace
 
 CaptureLayout::CaptureLayout(int type, QString name)
@@ -29,8 +41,16 @@ std::shared_ptr<CaptureLayout> CaptureLayout::createWithPlugin(const std::shared
     std::shared_ptr<CaptureLayout> layout(new CaptureLayout(PluginLayout, plugin->name()));
     layout->m_plugin = plugin;
     layout->m_device = device;
-    layout->m_top = device->screen(0);
-    layout->m_bottom = device->screen(1);
+    layout->m_screens[0] = device->screen(0);
+    layout->m_screens[1] = device->screen(1);
+    // The right eye is waited for only by a layout that draws it.
+    for (const LayoutObject& object : plugin->objects()) {
+        if (const auto* screen = std::get_if<ScreenObject>(&object);
+            screen && screen->screen == ScreenObject::TopRight) {
+            layout->m_screens[2] = device->screen(2);
+            break;
+        }
+    }
     // A negative or absurd size would ask for an impossible canvas; such a layout stays empty
     // instead of taking the application down.
     if (plugin->width() > 0 && plugin->height() > 0 && plugin->width() <= MaxSide &&
@@ -52,7 +72,7 @@ std::shared_ptr<CaptureLayout> CaptureLayout::createWithPlugin(const std::shared
 std::shared_ptr<CaptureLayout> CaptureLayout::createWithScreen(const std::shared_ptr<CaptureScreen>& screen,
                                                                const QString& name) {
     std::shared_ptr<CaptureLayout> layout(new CaptureLayout(ScreenLayout, name));
-    layout->m_top = screen;
+    layout->m_screens[0] = screen;
     layout->m_width = screen->width();
     layout->m_height = screen->height();
     layout->m_resizable = true;
@@ -113,8 +133,7 @@ uint64_t CaptureLayout::dropCanvasIfIdle() {
     m_staticSpans.clear();
     m_direct = false;
     m_pool.reset(); // the frames of the last run: as large as the canvas
-    m_topData.reset();
-    m_bottomData.reset();
+    m_screenData = {};
     return size();
 }
 
@@ -146,7 +165,9 @@ void CaptureLayout::loadImages() {
         const auto [x, y] = objectPosition(object);
         Drawing drawing{Drawing::Nothing, static_cast<uint64_t>(x), static_cast<uint64_t>(y), nullptr};
         if (const auto* screen = std::get_if<ScreenObject>(&object)) {
-            drawing.kind = screen->screen == ScreenObject::Top ? Drawing::TopScreen : Drawing::BottomScreen;
+            drawing.kind = screen->screen == ScreenObject::Top      ? Drawing::TopScreen
+                           : screen->screen == ScreenObject::Bottom ? Drawing::BottomScreen
+                                                                    : Drawing::TopRightScreen;
         } else if (const auto* image = std::get_if<ImageObject>(&object)) {
             if (const auto found = loaded.constFind(image->resource); found != loaded.constEnd()) {
                 drawing.kind = Drawing::Image;
@@ -191,9 +212,11 @@ bool CaptureLayout::startListening() {
     if (m_type == PluginLayout && size() > 0 && !hasCanvas()) {
         return false; // let go again at once: another start wants the room
     }
-    Subscriptions subscriptions{m_top->addObserver(m_worker.wakeup()), nullptr};
-    if (m_type == PluginLayout) {
-        subscriptions[1] = m_bottom->addObserver(m_worker.wakeup());
+    Subscriptions subscriptions{};
+    for (size_t i = 0; i < ScreenCount; ++i) {
+        if (m_screens[i]) {
+            subscriptions[i] = m_screens[i]->addObserver(m_worker.wakeup());
+        }
     }
     m_observer = subscriptions;
     {
@@ -226,9 +249,10 @@ void CaptureLayout::stopListening() {
 }
 
 void CaptureLayout::endRun() {
-    m_top->removeObserver(m_observer[0]);
-    if (m_type == PluginLayout) {
-        m_bottom->removeObserver(m_observer[1]);
+    for (size_t i = 0; i < ScreenCount; ++i) {
+        if (m_screens[i]) {
+            m_screens[i]->removeObserver(m_observer[i]);
+        }
     }
     m_observer = {};
     m_listening = false;
@@ -274,19 +298,20 @@ void CaptureLayout::listener(const Worker::Run& run, const Subscriptions& subscr
 bool CaptureLayout::update(const Subscriptions& subscriptions) {
     CaptureDataPtr result;
     if (m_type == ScreenLayout) {
-        std::scoped_lock screenLock(*m_top);
-        if (m_top->observable(subscriptions[0])) {
-            result = m_top->observe(subscriptions[0]);
+        CaptureScreen& screen = *m_screens[0];
+        std::scoped_lock screenLock(screen);
+        if (screen.observable(subscriptions[0])) {
+            result = screen.observe(subscriptions[0]);
         }
     } else {
-        CaptureDataPtr top, bottom;
-        if (!takePair(subscriptions, top, bottom)) {
+        ScreenFrames frames;
+        if (!takeFrames(subscriptions, frames)) {
             return false;
         }
-        if (!top || !bottom) {
+        if (!frames[0]) {
             return true; // an unmatched frame went
         }
-        result = composite(std::move(top), std::move(bottom));
+        result = composite(std::move(frames[0]), std::move(frames[1]), std::move(frames[2]));
     }
     if (!result) {
         return false;
@@ -299,36 +324,53 @@ bool CaptureLayout::update(const Subscriptions& subscriptions) {
     return true;
 }
 
-bool CaptureLayout::takePair(const Subscriptions& subscriptions, CaptureDataPtr& top,
-                             CaptureDataPtr& bottom) {
+bool CaptureLayout::takeFrames(const Subscriptions& subscriptions, ScreenFrames& frames) {
     // Only this thread takes from these queues; a screen publishing meanwhile may only drop their
     // oldest frame when they are full, which take() notices.
-    CaptureDataPtr oldestTop = m_top->peek(subscriptions[0]);
-    CaptureDataPtr oldestBottom = m_bottom->peek(subscriptions[1]);
-    if (!oldestTop || !oldestBottom) {
-        return false;
+    ScreenFrames oldest;
+    uint64_t newest = 0;
+    for (size_t i = 0; i < ScreenCount; ++i) {
+        if (m_screens[i]) {
+            oldest[i] = m_screens[i]->peek(subscriptions[i]);
+            if (!oldest[i]) {
+                return false;
+            }
+            newest = std::max(newest, oldest[i]->number());
+        }
     }
-    // Numbers only grow in each queue: the older frame's partner either never reached this layout
-    // (it subscribed between the two screens' publishing of it) or was dropped from a full queue,
+    // Numbers only grow in each queue: an older frame's partners either never reached this layout
+    // (it subscribed between the screens' publishing of them) or were dropped from a full queue,
     // and will not come. The older frame goes rather than be shown beside another moment.
-    const char* unmatched = nullptr;
+    size_t unmatched = ScreenCount;
     CaptureDataPtr dropped;
-    if (oldestTop->number() < oldestBottom->number()) {
-        unmatched = "top";
-        dropped = m_top->take(subscriptions[0], oldestTop) ? oldestTop : nullptr;
-    } else if (oldestBottom->number() < oldestTop->number()) {
-        unmatched = "bottom";
-        dropped = m_bottom->take(subscriptions[1], oldestBottom) ? oldestBottom : nullptr;
-    } else if (!m_top->take(subscriptions[0], oldestTop)) {
-        return true; // dropped by its full queue just now: look again
-    } else if (!m_bottom->take(subscriptions[1], oldestBottom)) {
-        // Its partner was dropped by its full queue just now.
-        unmatched = "top";
-        dropped = oldestTop;
-    } else {
-        top = std::move(oldestTop);
-        bottom = std::move(oldestBottom);
-        return true;
+    for (size_t i = 0; i < ScreenCount && unmatched == ScreenCount; ++i) {
+        if (oldest[i] && oldest[i]->number() < newest) {
+            unmatched = i;
+            dropped = m_screens[i]->take(subscriptions[i], oldest[i]) ? oldest[i] : nullptr;
+        }
+    }
+    if (unmatched == ScreenCount) {
+        size_t taken = 0;
+        for (size_t i = 0; i < ScreenCount; ++i) {
+            if (!oldest[i]) {
+                continue;
+            }
+            if (!m_screens[i]->take(subscriptions[i], oldest[i])) {
+                if (taken == 0) {
+                    return true; // dropped by its full queue just now: look again
+                }
+                // Its partner was dropped by its full queue just now: the first one taken goes,
+                // the others' partners are gone with it and follow in the next passes.
+                unmatched = 0;
+                dropped = oldest[0];
+                break;
+            }
+            ++taken;
+        }
+        if (unmatched == ScreenCount) {
+            frames = std::move(oldest);
+            return true;
+        }
     }
     if (dropped) {
         std::scoped_lock lock(m_lock);
@@ -336,21 +378,24 @@ bool CaptureLayout::takePair(const Subscriptions& subscriptions, CaptureDataPtr&
             logs::layouts.warning(
                 "Frame %llu of the %s screen was skipped for layout '%s' as the other screen "
                 "has no frame of the same number",
-                static_cast<unsigned long long>(dropped->number()), unmatched, qUtf8Printable(m_name));
+                static_cast<unsigned long long>(dropped->number()), screenName(unmatched),
+                qUtf8Printable(m_name));
         }
     }
     return true;
 }
 
-CaptureDataPtr CaptureLayout::composite(CaptureDataPtr top, CaptureDataPtr bottom) {
+CaptureDataPtr CaptureLayout::composite(CaptureDataPtr top, CaptureDataPtr bottom, CaptureDataPtr topRight) {
     std::scoped_lock draw(m_drawMutex);
-    m_topData = std::move(top);
-    m_bottomData = std::move(bottom);
+    if (!topRight) {
+        topRight = top;
+    }
+    m_screenData = {std::move(top), std::move(bottom), std::move(topRight)};
     if (!m_pool) {
         m_pool = FramePool::create(size(), PoolBlocks);
     }
     auto result = m_pool->take();
-    result->takeTimesOf(*m_topData);
+    result->takeTimesOf(*m_screenData[0]);
     if (!m_canvas) {
         // Nothing to draw on: a layout of no size, or one the canvas budget had no room for (which
         // never runs; benchmarks and the fuzzer call this directly).
@@ -364,18 +409,17 @@ CaptureDataPtr CaptureLayout::composite(CaptureDataPtr top, CaptureDataPtr botto
         // Every drawing from m_objectStart on is a screen (see findStaticSpans).
         for (auto i = m_objectStart; i < m_drawings.size(); ++i) {
             const Drawing& screen = m_drawings[i];
-            const bool isTop = screen.kind == Drawing::TopScreen;
-            copyScreen(result->data(), (isTop ? m_topData : m_bottomData)->data(),
+            const bool isBottom = screen.kind == Drawing::BottomScreen;
+            copyScreen(result->data(), m_screenData[screen.screen()]->data(),
                        {static_cast<double>(screen.x), static_cast<double>(screen.y),
-                        static_cast<double>(isTop ? TopWidth : BottomWidth), ScreenHeight});
+                        static_cast<double>(isBottom ? BottomWidth : TopWidth), ScreenHeight});
         }
     } else {
         drawCanvas(true);
         std::memcpy(result->data(), m_canvas.get(), size());
     }
     // Drawn into the canvas; holding the screen frames longer would only keep them alive.
-    m_topData.reset();
-    m_bottomData.reset();
+    m_screenData = {};
     return result;
 }
 
@@ -393,13 +437,10 @@ void CaptureLayout::drawCanvas(bool drawScreens) {
         Rect rect{};
         if (drawing.kind == Drawing::Image) {
             drawImage(*drawing.image, drawing.x, drawing.y);
-        } else if (drawing.kind == Drawing::TopScreen && drawScreens) {
-            source = m_topData.get();
-            rect = {static_cast<double>(drawing.x), static_cast<double>(drawing.y), TopWidth, ScreenHeight};
-            setCanvasObjectStart(i);
-        } else if (drawing.kind == Drawing::BottomScreen && drawScreens) {
-            source = m_bottomData.get();
-            rect = {static_cast<double>(drawing.x), static_cast<double>(drawing.y), BottomWidth,
+        } else if (drawing.kind != Drawing::Nothing && drawScreens) {
+            source = m_screenData[drawing.screen()].get();
+            rect = {static_cast<double>(drawing.x), static_cast<double>(drawing.y),
+                    static_cast<double>(drawing.kind == Drawing::BottomScreen ? BottomWidth : TopWidth),
                     ScreenHeight};
             setCanvasObjectStart(i);
         }
@@ -438,7 +479,7 @@ void CaptureLayout::drawImage(const BlendImage& image, uint64_t x, uint64_t y) {
 
 void CaptureLayout::findStaticSpans() {
     auto isScreen = [](const Drawing& drawing) {
-        return drawing.kind == Drawing::TopScreen || drawing.kind == Drawing::BottomScreen;
+        return drawing.kind != Drawing::Nothing && drawing.kind != Drawing::Image;
     };
     auto first = std::find_if(m_drawings.begin(), m_drawings.end(), isScreen);
     if (first == m_drawings.end()) {
@@ -452,7 +493,7 @@ void CaptureLayout::findStaticSpans() {
         }
         // Positions as written, signed.
         const auto x = static_cast<qint64>(drawing->x), y = static_cast<qint64>(drawing->y);
-        const qint64 w = drawing->kind == Drawing::TopScreen ? TopWidth : BottomWidth;
+        const qint64 w = drawing->kind == Drawing::BottomScreen ? BottomWidth : TopWidth;
         // Compared so that positions near the ends of the 64-bit range cannot overflow.
         if (x < 0 || y < 0 || x > static_cast<qint64>(m_width) - w ||
             y > static_cast<qint64>(m_height) - static_cast<qint64>(ScreenHeight)) {

@@ -4,6 +4,7 @@
 #include "CanvasBudget.h"
 #include "LayoutPlugin.h"
 #include "base/Worker.h"
+#include "capture/ColumnOrder.h"
 #include "capture/FramePool.h"
 #include "capture/Observable.h"
 
@@ -22,9 +23,10 @@ class CaptureDevice;
 class CaptureScreen;
 
 // One live picture made from the console's screens. A plugin layout composites background, images
-// and both screens onto a canvas of the plugin's size and publishes a copy per pair of screen
-// frames cut from the same board frame (of the same number); a screen layout republishes one
-// screen's frames as they are. Frames are rows of red, green and blue bytes, top row first.
+// and the screens onto a canvas of the plugin's size and publishes a copy per set of screen frames
+// cut from the same board frame (of the same number): the top and bottom screens, and the right eye
+// of the 3D picture when the plugin places it; a screen layout republishes one screen's frames as
+// they are. Frames are rows of red, green and blue bytes, top row first.
 class CaptureLayout final : public Observable, public CanvasHolder {
 public:
     enum Type { PluginLayout = 0, ScreenLayout = 1 };
@@ -68,10 +70,10 @@ public:
     void stopListening();
     bool isListening();
 
-    // The work of one frame of a plugin layout: draws the pair of screen frames onto the canvas
-    // and returns a copy of it stamped with the top frame's time. Runs on the layout's thread;
-    // benchmarks call it directly.
-    CaptureDataPtr composite(CaptureDataPtr top, CaptureDataPtr bottom);
+    // The work of one frame of a plugin layout: draws the screen frames onto the canvas and returns
+    // a copy of it stamped with the top frame's time. Without a right eye, the top screen shows in
+    // its place. Runs on the layout's thread; benchmarks call it directly.
+    CaptureDataPtr composite(CaptureDataPtr top, CaptureDataPtr bottom, CaptureDataPtr topRight = nullptr);
 
     // Drawing, on the layout's own thread (and once at construction). Screens are drawn only
     // while the layout listens.
@@ -88,15 +90,20 @@ public:
     uint64_t objectStart() const { return m_objectStart; }
 
 private:
-    using Subscriptions = std::array<ObserverPtr, 2>;
+    // By screen (ScreenId's order); null for a screen the layout does not draw.
+    using Subscriptions = std::array<ObserverPtr, ScreenCount>;
+    using ScreenFrames = std::array<CaptureDataPtr, ScreenCount>;
 
     // What drawing does with one of the plug-in's objects, worked out once: one entry per object,
     // in the plug-in's order, so that an entry's index is its object's.
     struct Drawing {
-        enum Kind : uint8_t { Nothing, Image, TopScreen, BottomScreen };
+        enum Kind : uint8_t { Nothing, Image, TopScreen, BottomScreen, TopRightScreen };
         Kind kind = Nothing;
         uint64_t x = 0, y = 0;             // positions wrap as unsigned numbers (see BlendImage)
         const BlendImage* image = nullptr; // an entry of m_images
+
+        // The screen a screen's drawing shows, by ScreenId.
+        size_t screen() const { return kind == BottomScreen ? 1 : kind == TopRightScreen ? 2 : 0; }
     };
 
     CaptureLayout(int type, QString name);
@@ -117,16 +124,16 @@ private:
     void listener(const Worker::Run& run, const Subscriptions& subscriptions);
     // One pass; returns whether a frame was taken.
     bool update(const Subscriptions& subscriptions);
-    // Takes the oldest top and bottom frames when they are of the same board frame; when they are
-    // not, drops the older one (both out params stay null). False when a screen has no frame.
-    bool takePair(const Subscriptions& subscriptions, CaptureDataPtr& top, CaptureDataPtr& bottom);
+    // Takes the oldest frame of each screen drawn when they are all of the same board frame; when
+    // they are not, drops an older one (`frames` stays empty). False when a screen has no frame.
+    bool takeFrames(const Subscriptions& subscriptions, ScreenFrames& frames);
 
     const int m_type;
     const QString m_name;
     std::shared_ptr<LayoutPlugin> m_plugin;
     std::shared_ptr<CaptureDevice> m_device;
-    std::shared_ptr<CaptureScreen> m_top;
-    std::shared_ptr<CaptureScreen> m_bottom;
+    // The screens drawn, by ScreenId (a screen layout's one first); null for one not drawn.
+    std::array<std::shared_ptr<CaptureScreen>, ScreenCount> m_screens;
     uint64_t m_width = 0;
     uint64_t m_height = 0;
     bool m_resizable = false;
@@ -145,8 +152,7 @@ private:
     // calling composite() and drawing directly.
     std::mutex m_drawMutex;
     std::unique_ptr<uint8_t[]> m_canvas;
-    CaptureDataPtr m_topData;
-    CaptureDataPtr m_bottomData;
+    ScreenFrames m_screenData;
     bool m_firstDraw = true;
     uint64_t m_objectStart = 0;
 

@@ -12,9 +12,10 @@ namespace zandor {
 // The objects a layout plug-in places on its canvas, typed once when the plug-in is parsed. Positions
 // are canvas column and row of the object's top-left pixel, as written (negative ones included).
 
-// One of the console's screens, at its fixed size.
+// One of the console's screens, at its fixed size. TopRight is the right eye of the console's 3D
+// picture, the size of the top screen; without 3D it shows the top screen.
 struct ScreenObject {
-    enum Screen { Top, Bottom };
+    enum Screen { Top, Bottom, TopRight };
     Screen screen = Top;
     qint64 x = 0, y = 0;
     bool operator==(const ScreenObject&) const = default;
@@ -36,11 +37,18 @@ struct OtherObject {
 
 using LayoutObject = std::variant<ScreenObject, ImageObject, OtherObject>;
 
-// The type as the descriptor writes it: "screen_top", "screen_bottom", "image" or another.
+// The type as the descriptor writes it: "screen_top", "screen_bottom", "screen_top_right", "image"
+// or another.
 inline QString objectType(const LayoutObject& object) {
     if (const auto* screen = std::get_if<ScreenObject>(&object)) {
-        return screen->screen == ScreenObject::Top ? QStringLiteral("screen_top")
-                                                   : QStringLiteral("screen_bottom");
+        switch (screen->screen) {
+        case ScreenObject::Top:
+            return QStringLiteral("screen_top");
+        case ScreenObject::Bottom:
+            return QStringLiteral("screen_bottom");
+        case ScreenObject::TopRight:
+            return QStringLiteral("screen_top_right");
+        }
     }
     if (std::holds_alternative<ImageObject>(object)) {
         return QStringLiteral("image");

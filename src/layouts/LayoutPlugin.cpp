@@ -23,10 +23,12 @@ void LayoutPlugin::didStartElement(const QString& name, const QXmlStreamAttribut
             return;
         }
         const auto kind = attributes.value(type);
-        if (kind == QLatin1String("screen_top") || kind == QLatin1String("screen_bottom")) {
-            m_objects.push_back(
-                ScreenObject{kind == QLatin1String("screen_top") ? ScreenObject::Top : ScreenObject::Bottom,
-                             integer(x), integer(y)});
+        if (kind == QLatin1String("screen_top")) {
+            m_objects.push_back(ScreenObject{ScreenObject::Top, integer(x), integer(y)});
+        } else if (kind == QLatin1String("screen_bottom")) {
+            m_objects.push_back(ScreenObject{ScreenObject::Bottom, integer(x), integer(y)});
+        } else if (kind == QLatin1String("screen_top_right")) {
+            m_objects.push_back(ScreenObject{ScreenObject::TopRight, integer(x), integer(y)});
         } else if (kind == QLatin1String("image")) {
             if (attributes.hasAttribute(resource)) {
                 m_objects.push_back(

@@ -14,7 +14,8 @@ struct Color {
 };
 
 // A layout plugin: canvas size, resizability, background colour and the placed objects ("screen_top",
-// "screen_bottom", "image", or any other type, kept but not drawn), in drawing order.
+// "screen_bottom", "screen_top_right", "image", or any other type, kept but not drawn), in drawing
+// order.
 class LayoutPlugin final : public Plugin {
 public:
     LayoutPlugin(QString file, bool fromUser) : Plugin(std::move(file), fromUser) {}

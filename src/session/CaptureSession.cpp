@@ -178,6 +178,7 @@ CaptureSession::CaptureSession(std::unique_ptr<Board> board, CaptureSettings set
     LayoutController::instance().setDevice(m_device);
     m_gameAudio->setBoard(m_device);
     m_device->setSerial(m_settings.captureBoard.toStdString());
+    m_device->set3D(m_settings.capture3D);
     m_device->setConnectionObserver(
         [this](bool connected) { emitEvent(session::BoardConnection{connected}); });
     m_camera->setFailureHandler([this](const Error& failure) { cameraFailed(failure); });
@@ -295,6 +296,9 @@ void CaptureSession::apply(const CaptureSettings& settings) {
     const CaptureSettings before = std::exchange(m_settings, settings);
     // Another board is opened at the next Play: the running picture, and any recording of it, go on.
     m_device->setSerial(settings.captureBoard.toStdString());
+    // The device switches between two frames: the picture, a recording and the replay buffer go on,
+    // their layouts now showing the other picture.
+    m_device->set3D(settings.capture3D);
     const bool renewBuffer = before.replayBuffer != settings.replayBuffer ||
                              before.replaySeconds != settings.replaySeconds ||
                              before.videoQuality != settings.videoQuality;

@@ -21,6 +21,7 @@ CaptureSettings CaptureSettings::fromPreferences(const PreferencesController& pr
     captured.captureLayout = settings::captureLayout.read(preferences);
     captured.shareAsCamera = settings::shareAsCamera.read(preferences);
     captured.captureBoard = settings::captureBoard.read(preferences);
+    captured.capture3D = settings::capture3D.read(preferences);
     return captured;
 }
 

@@ -39,6 +39,8 @@ struct CaptureSettings {
     QString captureBoard;
     // Whether the picture on show is shared as a camera while it plays.
     bool shareAsCamera = false;
+    // Whether the board is asked for the console's 3D picture (both eyes).
+    bool capture3D = false;
 
     static CaptureSettings fromPreferences(const PreferencesController& preferences);
 };

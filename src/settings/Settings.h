@@ -76,5 +76,9 @@ inline const Setting<int> gameAudioOffsetMs{QStringLiteral("PreferenceGameAudioO
 // Whether the picture on show is shared as a camera while it plays.
 inline const Setting<bool> shareAsCamera{
     QStringLiteral("PreferenceShareAsCamera"), false, {.absentFromDefaults = true}};
+// Whether the console's 3D picture is captured, on a board that can: the top screen is then the left
+// eye, and a layout's "screen_top_right" the right one.
+inline const Setting<bool> capture3D{
+    QStringLiteral("PreferenceCapture3D"), false, {.absentFromDefaults = true}};
 
 } // namespace zandor::settings

@@ -1,5 +1,6 @@
 #include "Files.h"
 #include "GatedBoard.h"
+#include "Media.h"
 #include "PipeWireServer.h"
 #include "PluginBundles.h"
 #include "Process.h"
@@ -86,6 +87,7 @@ protected:
         preferences.setPreference(settings::gameAudioInput.key, "None");
         preferences.setPreference(settings::narratorAudioInput.key, "None");
         preferences.setPreference(settings::replayBuffer.key, false);
+        preferences.setPreference(settings::capture3D.key, false);
     }
     void TearDown() override {
         stop();
@@ -392,6 +394,104 @@ TEST_F(MainControllerTest, ShareAsCameraSharesWhileThePicturePlaysOrSaysOnceWhyI
     EXPECT_EQ(log.countPrefix(std::string(session::CameraFailed::LogPrefix) + "PipeWire is not running ("),
               2u)
         << "one line each time sharing is asked for";
+}
+
+// A board that could capture 3D but sits on a USB 2 port: it says so and offers the flat picture only.
+class Usb2Board final : public Board {
+public:
+    Error open(const std::string& serial) override { return m_board.open(serial); }
+    FrameStatus readFrame(CaptureData& frame) override { return m_board.readFrame(frame); }
+    void close() override { m_board.close(); }
+    BoardInfo info() const override {
+        BoardInfo info = m_board.info();
+        info.usbSpeed = "USB 2";
+        return info;
+    }
+
+private:
+    ClassicBoard m_board{std::make_unique<test::GatedBoard>()};
+};
+
+TEST_F(MainControllerTest, View3DIsTheBoardsChoiceOrSaysWhyItCannotBe) {
+    auto& ui = start();
+    EXPECT_TRUE(ui.capture3DItem->isEnabled()) << "chosen before the first Play, taken at the opening";
+    ui.capture3DItem->trigger();
+    EXPECT_TRUE(m_controller->session().device()->wants3D());
+    ui.playPauseItem->trigger();
+    EXPECT_TRUE(ui.capture3DItem->isEnabled() && ui.capture3DItem->isChecked());
+
+    // A board without 3D: the item is off and says why once the board is open.
+    stop();
+    PreferencesController::instance().setPreference(settings::capture3D.key, true);
+    auto& flat = start(std::make_unique<test::GatedBoard>());
+    flat.playPauseItem->trigger();
+    EXPECT_FALSE(flat.capture3DItem->isEnabled());
+    EXPECT_FALSE(flat.capture3DItem->isChecked());
+    EXPECT_EQ(flat.capture3DItem->toolTip(), "This capture board cannot capture 3D");
+    EXPECT_EQ(PreferencesController::instance().preference(settings::capture3D.key), QVariant(true))
+        << "the choice is kept for a board that can";
+
+    stop();
+    m_controller = std::make_unique<MainController>(std::make_unique<Usb2Board>());
+    m_controller->awakeFromNib();
+    m_controller->mainWindow()->ui.playPauseItem->trigger();
+    EXPECT_FALSE(m_controller->mainWindow()->ui.capture3DItem->isEnabled());
+    EXPECT_TRUE(m_controller->mainWindow()->ui.capture3DItem->toolTip().startsWith("USB 3 needed: "));
+
+    // No board at all.
+    stop();
+    auto missing = std::make_unique<DemoBoard>();
+    missing->unplug();
+    auto& none = start(std::move(missing));
+    none.playPauseItem->trigger();
+    EXPECT_FALSE(none.capture3DItem->isEnabled());
+    EXPECT_EQ(none.capture3DItem->toolTip(), "No capture board is connected");
+}
+
+TEST_F(MainControllerTest, ARecordingGoesOnAcrossBothSwitchesOf3DInOneMovie) {
+    auto& ui = startRecordingWith({});
+    m_controller->setActiveLayout(LayoutController::instance().layoutNamed("3D Side by Side"));
+    const auto framesLater = [&](int count) {
+        for (int seen = m_frames->count(); m_frames->count() < seen + count;) {
+            ASSERT_TRUE(m_frames->wait(20000));
+        }
+    };
+    framesLater(1);
+    ui.recordItem->trigger();
+    framesLater(40);
+    ui.capture3DItem->trigger();
+    framesLater(60);
+    ui.capture3DItem->trigger();
+    framesLater(60);
+    const auto recorder = m_controller->session().recorder();
+    ui.recordItem->trigger();
+    ASSERT_TRUE(recorder->waitUntilFinished(60s));
+    ASSERT_EQ(recorder->madeFiles().size(), 1);
+    const std::string movie = recorder->madeFiles()[0].toStdString();
+
+    // Every frame of the picture's time is there: the switches lost none.
+    const QJsonObject video =
+        test::probe(movie, {"-count_frames", "-select_streams", "v:0", "-show_streams"})["streams"][0]
+            .toObject();
+    EXPECT_EQ(video["width"].toInt(), 800);
+    EXPECT_EQ(video["height"].toInt(), 480);
+    const double frames = video["nb_read_frames"].toString().toDouble();
+    const double seconds = video["duration"].toString().toDouble();
+    EXPECT_GT(seconds, 2.0);
+    EXPECT_NEAR(frames, seconds * 60, seconds * 60 * 0.05);
+
+    // Flat, then both eyes, then flat again.
+    std::vector<bool> both;
+    for (const std::string& picture : test::decodePictures(movie, 800 * 480 * 3, {}, {"-vf", "fps=20"})) {
+        both.push_back(test::eyesDiffer(picture, 800) > 100);
+    }
+    ASSERT_GT(both.size(), 20u);
+    const auto firstBoth = std::find(both.begin(), both.end(), true);
+    const auto lastBoth = std::find(both.rbegin(), both.rend(), true).base();
+    EXPECT_FALSE(both.front());
+    EXPECT_FALSE(both.back());
+    ASSERT_NE(firstBoth, both.end()) << "the right eye never showed";
+    EXPECT_TRUE(std::all_of(firstBoth, lastBoth, [](bool b) { return b; })) << "3D came and went once";
 }
 
 TEST_F(MainControllerTest, CaptureFollowsTheChosenLayoutOrBothScreens) {

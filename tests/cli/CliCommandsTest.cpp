@@ -112,7 +112,8 @@ TEST_F(CliTest, BoardInfoTellsWhatTheBoardIs) {
     EXPECT_EQ(result.out, "Name: Demo board\nVendor:product: 16d0:06a3\nSerial: ZD0000000001\nFirmware "
                           "version: 6\nSound: yes\n");
     EXPECT_NE(
-        result.err.find("Capture board: Demo board 16d0:06a3, serial ZD0000000001, firmware version 6\n"),
+        result.err.find(
+            "Capture board: Demo board 16d0:06a3, serial ZD0000000001, firmware version 6, can capture 3D\n"),
         std::string::npos)
         << "the log at connect: " << result.err;
 }

@@ -126,11 +126,15 @@ void composite(const std::shared_ptr<LayoutPlugin>& plugin) {
     for (uint64_t i = 0; i < bottom->size(); ++i) {
         bottom->data()[i] = static_cast<uint8_t>(i * 13);
     }
+    auto right = CaptureData::create(top->size());
+    for (uint64_t i = 0; i < right->size(); ++i) {
+        right->data()[i] = static_cast<uint8_t>(i * 11);
+    }
     // Listening resets the drawing state, so the first frame draws the whole canvas and the second
     // takes the path of a running layout. Nothing subscribes; the stop joins the layout's thread.
     layout->startListening();
     for (int frame = 0; frame < 2; ++frame) {
-        if (layout->composite(top, bottom)->size() != layout->size()) {
+        if (layout->composite(top, bottom, right)->size() != layout->size()) {
             fail("a composited frame is not the canvas's size");
         }
     }

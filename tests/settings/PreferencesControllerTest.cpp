@@ -1,4 +1,5 @@
 #include "Files.h"
+#include "settings/CaptureSettings.h"
 #include "settings/Settings.h"
 #include "settings/PreferencesController.h"
 
@@ -49,6 +50,9 @@ TEST_F(PreferencesStore, FirstStartGivesTheDefaultsAndTheFirstChangeWritesThemAl
     EXPECT_FALSE(QFileInfo::exists(home + "/data/Zandor"));
 
     EXPECT_EQ(store.preference(settings::fullscreenScreen.key), QVariant(QString("")));
+    // The 3D picture is off until asked for: a microphone-free, flat default like the others absent here.
+    EXPECT_FALSE(settings::capture3D.read(store));
+    EXPECT_FALSE(CaptureSettings::fromPreferences(store).capture3D);
     store.setPreference(settings::fullscreenScreen.key, QString("HDMI-1"));
     const QJsonArray expected{
         QJsonArray{settings::firstRun.key, true},

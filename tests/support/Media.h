@@ -60,6 +60,20 @@ inline std::vector<std::string> decodePictures(const std::string& file, uint64_t
     return pictures;
 }
 
+// How many pixels of the top 240 rows of a picture `width` pixels wide (every other one, both
+// ways) differ clearly between the left eye's place (x 0 to 399) and the right eye's (from 400).
+inline int eyesDiffer(const std::string& picture, size_t width) {
+    int differ = 0;
+    for (size_t y = 0; y < 240; y += 2) {
+        for (size_t x = 0; x < 400; x += 2) {
+            const auto* left = reinterpret_cast<const uint8_t*>(picture.data()) + (y * width + x) * 3;
+            const uint8_t* right = left + 400 * 3;
+            differ += std::abs(left[0] - right[0]) + std::abs(left[1] - right[1]) > 120;
+        }
+    }
+    return differ;
+}
+
 // How far two pictures of the same size are apart: the mean difference of their bytes.
 inline double meanDifference(const std::string& picture, const std::string& other) {
     double sum = 0;

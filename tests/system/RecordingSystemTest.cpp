@@ -563,6 +563,24 @@ TEST_F(RecordingSystemTest, AnOriginalMovieShowsBothScreensOfOneBoardFrameAtACon
     }
 }
 
+TEST_F(RecordingSystemTest, A3DMovieShowsTheEyesSideBySideWithTheBoardsSound) {
+    const ProcessResult run = record({"--seconds", "2", "--layout", "3D Side by Side", "--3d"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const std::string movie = splitLines(run.out).at(0);
+    EXPECT_EQ(streams(movie), (QStringList{"aac,44100,2", "h264,800,480"}));
+    EXPECT_NEAR(streamSeconds(movie, "v:0"), 2.0, 0.5);
+    const auto pictures = test::decodePictures(movie, 800 * 480 * 3, {"-ss", "1"}, {"-frames:v", "1"});
+    ASSERT_EQ(pictures.size(), 1u);
+    EXPECT_GT(test::eyesDiffer(pictures[0], 800), 100) << "the right eye beside the left";
+    // The demo board's beeps, read after both eyes: a twentieth of the time loud (3 frames a
+    // second), not picture bytes taken for sound.
+    const std::vector<int16_t> sound = test::decodeSound(movie);
+    ASSERT_GT(sound.size(), size_t(Rate));
+    const auto loud = std::count_if(sound.begin(), sound.end(), [](int16_t s) { return std::abs(s) > 3000; });
+    EXPECT_GT(double(loud) / double(sound.size()), 0.01);
+    EXPECT_LT(double(loud) / double(sound.size()), 0.15);
+}
+
 // The demo board shows a white frame at its frame nearest every whole second of the wall clock, the
 // game input hears a beep at every whole second, and a movie names the wall-clock time of its first
 // frame. Every beep must start within 20 ms of its second's place in the movie moved by the game
