@@ -83,6 +83,11 @@ std::vector<std::string> Ft601Model::refused() const {
     return m_refused;
 }
 
+uint64_t Ft601Model::sessionCommands() const {
+    std::scoped_lock lock(m_mutex);
+    return m_sessionCommands;
+}
+
 uint64_t Ft601Model::framesSent() const {
     std::scoped_lock lock(m_mutex);
     return m_frames;
@@ -177,6 +182,7 @@ bool Ft601Model::busy() const {
 }
 
 int Ft601Model::sessionCommand(const uint8_t* command, int length) {
+    ++m_sessionCommands;
     if (length != SessionCommandBytes) {
         return refuse("a session command of " + std::to_string(length) + " bytes");
     }

@@ -53,6 +53,8 @@ public:
     void injectFault(uint64_t frame, Ft601Fault fault);
     // The commands refused since the start, one line each.
     std::vector<std::string> refused() const;
+    // The session commands received since the start, right or wrong.
+    uint64_t sessionCommands() const;
     // Frames streamed since the last plug, and whether the board now sends both eyes.
     uint64_t framesSent() const;
     bool is3D() const;
@@ -94,6 +96,7 @@ private:
     std::chrono::steady_clock::time_point m_readyAt{};
     uint64_t m_leftover = 0; // bytes the board still holds from before it was opened
     uint64_t m_frames = 0;
+    uint64_t m_sessionCommands = 0;
     std::vector<uint8_t> m_classic; // the source's frame in the old board's order, and its sound
 };
 
