@@ -4,6 +4,7 @@
 #include "EmulatedBoard.h"
 #include "Frames.h"
 #include "Ft601Model.h"
+#include "Process.h"
 #include "base/Log.h"
 #include "base/Worker.h"
 #include "capture/Boards.h"
@@ -15,9 +16,13 @@
 
 #include <gtest/gtest.h>
 
+#include <QTemporaryDir>
+
 #include <array>
 #include <cstring>
 #include <optional>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace zandor {
 namespace {
@@ -253,6 +258,36 @@ TEST_F(Ft601BoardTest, AnotherFt601DeviceIsLeftAlone) {
     EXPECT_EQ(m_log.count("Could not connect to capture device"), 1u);
     EXPECT_EQ(m_board->ft601()->sessionCommands(), 0u);
     EXPECT_TRUE(m_device->board().serials().empty());
+}
+
+// The same lines as for the old board: one for a board another program holds, one naming the udev
+// rule for a node we may not open.
+TEST_F(Ft601BoardTest, ABusyBoardOrOneWeMayNotOpenSaysWhy) {
+    plugIn();
+    {
+        Ft601Usb other;
+        std::string denied;
+        ASSERT_EQ(other.init(), 0);
+        ASSERT_EQ(other.open("", denied), 0);
+        ASSERT_EQ(other.claim(1), 0);
+        makeDevice();
+        EXPECT_FALSE(m_device->startListening());
+        EXPECT_EQ(m_log.count("Another program is using the capture board: close it, then try again"), 1u);
+    }
+
+    m_board->setNodeMode(0);
+    QTemporaryDir folder;
+    ASSERT_EQ(chmod(qPrintable(folder.path()), 0777), 0);
+    std::vector<std::string> command{ZANDOR_CLI, "board-info", "--board", "usb"};
+    if (geteuid() == 0) {
+        command.insert(command.begin(),
+                       {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--"});
+    }
+    const auto result = test::runProcess(command);
+    EXPECT_NE(result.exitCode, 0);
+    EXPECT_NE(result.err.find("No permission to open the capture board at " + m_board->deviceNode() + ":"),
+              std::string::npos)
+        << result.err;
 }
 
 TEST_F(Ft601BoardTest, OneUsbBoardFindsEitherKindByItsSerial) {
