@@ -192,8 +192,7 @@ int Ft601Usb::controlIn(uint8_t request, uint16_t value, uint16_t index, uint8_t
     if (!m_handle) {
         return LIBUSB_ERROR_NO_DEVICE;
     }
-    return libusb_control_transfer(m_handle, 0xC0, request, value,
-                                   index, data, length, timeoutMs);
+    return libusb_control_transfer(m_handle, 0xC0, request, value, index, data, length, timeoutMs);
 }
 
 int Ft601Usb::bulk(uint8_t endpoint, uint8_t* data, int length, unsigned timeoutMs) {
