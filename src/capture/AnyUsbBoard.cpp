@@ -43,31 +43,35 @@ Error AnyUsbBoard::open(const std::string& serial) {
 }
 
 Board::FrameStatus AnyUsbBoard::readFrame(CaptureData& frame) {
-    return m_open ? m_open->readFrame(frame) : FrameStatus::Gone;
+    Board* open = m_open;
+    return open ? open->readFrame(frame) : FrameStatus::Gone;
 }
 
 void AnyUsbBoard::close() {
-    if (m_open) {
-        m_open->close();
+    if (Board* open = m_open) {
+        open->close();
     }
 }
 
 BoardInfo AnyUsbBoard::info() const {
-    return m_open ? m_open->info() : m_classic->info();
+    Board* open = m_open;
+    return open ? open->info() : m_classic->info();
 }
 
 bool AnyUsbBoard::can3D() const {
-    return m_open && m_open->can3D();
+    Board* open = m_open;
+    return open && open->can3D();
 }
 
 bool AnyUsbBoard::is3D() const {
-    return m_open && m_open->is3D();
+    Board* open = m_open;
+    return open && open->is3D();
 }
 
 Error AnyUsbBoard::set3D(bool on) {
     // The choice is kept for the FT601 board's next opening, whichever board is open now.
     Error error = m_ft601->set3D(on);
-    if (m_open == m_classic.get()) {
+    if (m_open.load() == m_classic.get()) {
         return m_classic->set3D(on);
     }
     return error;

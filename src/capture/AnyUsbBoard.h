@@ -2,6 +2,7 @@
 
 #include "Board.h"
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -34,7 +35,8 @@ public:
 private:
     const std::unique_ptr<ClassicBoard> m_classic;
     const std::unique_ptr<Ft601Board> m_ft601;
-    Board* m_open = nullptr; // the one that opened last; the device thread's own
+    // The one that opened last: set by the device thread, read by any (info, 3D).
+    std::atomic<Board*> m_open{nullptr};
 };
 
 } // namespace zandor

@@ -305,6 +305,11 @@ Error Ft601Board::set3D(bool on) {
     return result < 0 ? usbError(StepStart, {}, result) : Error();
 }
 
+bool Ft601Board::is3D() const {
+    std::scoped_lock lock(m_lock);
+    return m_threeDNow;
+}
+
 bool Ft601Board::can3D() const {
     std::scoped_lock lock(m_lock);
     return m_can3D;

@@ -30,7 +30,7 @@ public:
     void close() override;
     BoardInfo info() const override;
     bool can3D() const override;
-    bool is3D() const override { return m_3D; }
+    bool is3D() const override;
     Error set3D(bool on) override;
     std::vector<std::string> serials() override;
     bool watchArrivals() override { return m_usb.watchArrivals(); }
