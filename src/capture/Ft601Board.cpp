@@ -175,7 +175,10 @@ int Ft601Board::startStreaming() {
         result = session(DataEndpoint, Stream, bytes);
     }
     if (result >= 0) {
-        result = m_usb.startReads(DataEndpoint, ReadsInFlight, static_cast<int>(bytes), TimeoutMs);
+        // Reads go into blocks the size of the device's frames, so that a frame is handed over by trading
+        // blocks.
+        result = m_usb.startReads(DataEndpoint, ReadsInFlight, static_cast<int>(bytes), TimeoutMs,
+                                  raw::MaxBlockBytes);
     }
     m_streaming = result >= 0;
     return result;
@@ -251,7 +254,9 @@ Board::FrameStatus Ft601Board::readFrame(CaptureData& frame) {
         m_usb.resubmit();
         return FrameStatus::Skipped;
     }
-    std::memcpy(frame.data(), data, received);
+    if (frame.size() != raw::MaxBlockBytes || !frame.exchangeBlock(m_usb.readBuffer())) {
+        std::memcpy(frame.data(), data, received);
+    }
     // A read that cannot go again shows as a failed read at its turn.
     m_usb.resubmit();
     const uint64_t values = std::min<uint64_t>((received - picture) / 2, raw::MaxSoundValues) & ~uint64_t{1};

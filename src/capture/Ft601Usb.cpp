@@ -208,7 +208,7 @@ void Ft601Usb::readEnded(libusb_transfer* transfer) {
     *static_cast<int*>(transfer->user_data) = 1;
 }
 
-int Ft601Usb::startReads(uint8_t endpoint, int count, int length, unsigned timeoutMs) {
+int Ft601Usb::startReads(uint8_t endpoint, int count, int length, unsigned timeoutMs, size_t bufferBytes) {
     if (!m_handle) {
         return LIBUSB_ERROR_NO_DEVICE;
     }
@@ -222,9 +222,10 @@ int Ft601Usb::startReads(uint8_t endpoint, int count, int length, unsigned timeo
                 return LIBUSB_ERROR_NO_MEM;
             }
         }
-        if (read.length != length) {
-            read.buffer.reset(new uint8_t[static_cast<size_t>(length)]);
-            read.length = length;
+        bufferBytes = std::max(bufferBytes, static_cast<size_t>(length));
+        if (read.bufferBytes != bufferBytes) {
+            read.buffer.reset(new uint8_t[bufferBytes]);
+            read.bufferBytes = bufferBytes;
         }
         libusb_fill_bulk_transfer(read.transfer, m_handle, endpoint, read.buffer.get(), length,
                                   &Ft601Usb::readEnded, &read.completed, timeoutMs);
@@ -270,6 +271,7 @@ int Ft601Usb::resubmit() {
         return LIBUSB_ERROR_BUSY;
     }
     read.completed = 0;
+    read.transfer->buffer = read.buffer.get(); // it may have been traded
     const int result = libusb_submit_transfer(read.transfer);
     if (result == LIBUSB_SUCCESS) {
         read.inFlight = true;
@@ -305,7 +307,7 @@ void Ft601Usb::freeReads() {
         libusb_free_transfer(read.transfer);
         read.transfer = nullptr;
         read.buffer.reset();
-        read.length = 0;
+        read.bufferBytes = 0;
     }
 }
 

@@ -55,11 +55,15 @@ public:
     // Returns the bytes transferred or a negative code.
     int bulk(uint8_t endpoint, uint8_t* data, int length, unsigned timeoutMs);
 
-    // Starts `count` reads of `length` bytes each on `endpoint`, each timing out after `timeoutMs`.
-    int startReads(uint8_t endpoint, int count, int length, unsigned timeoutMs);
+    // Starts `count` reads of `length` bytes each on `endpoint`, each timing out after `timeoutMs`,
+    // into buffers of `bufferBytes` (at least `length`) made with new uint8_t[].
+    int startReads(uint8_t endpoint, int count, int length, unsigned timeoutMs, size_t bufferBytes);
     // Waits for the oldest read in flight to end: its result (bytes or a negative code) and its
     // bytes, which stay valid until the next call of resubmit() or stopReads().
     int waitRead(const uint8_t*& data);
+    // The buffer of the read waitRead returned, which may be traded for another of the same size
+    // before resubmit().
+    std::unique_ptr<uint8_t[]>& readBuffer() { return m_reads[static_cast<size_t>(m_oldest)].buffer; }
     // Sends the read waitRead returned off again; a negative code when it could not go.
     int resubmit();
     // Waits for every read in flight to end (none is cancelled) and forgets them.
@@ -79,7 +83,7 @@ private:
     struct Read {
         libusb_transfer* transfer = nullptr;
         std::unique_ptr<uint8_t[]> buffer;
-        int length = 0;
+        size_t bufferBytes = 0;
         int completed = 0; // set by the callback
         bool inFlight = false;
     };
