@@ -212,7 +212,15 @@ Error Ft601Board::open(const std::string& asked) {
     bool capable = false;
     result = chooseFirmware(true, false);
     if (result >= 0) {
-        result = readConfiguration(capable);
+        // A board that does not answer as expected still gives the flat picture.
+        if (const int read = readConfiguration(capable); read < 0 && read != usb::ErrorNoDevice) {
+            logs::capture.warning(
+                "The capture board did not tell its configuration (%s): taken as without 3D",
+                usb::errorName(read));
+            capable = false;
+        } else {
+            result = read;
+        }
     }
     capable = capable && m_usb.superSpeed();
     // The board comes up in 3D; the flat picture is chosen unless 3D is wanted and possible.
