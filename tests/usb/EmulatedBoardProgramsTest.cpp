@@ -137,8 +137,8 @@ TEST(EmulatedBoardProgramsTest, BoardInfoTellsWhatTheChosenBoardIs) {
 TEST(EmulatedBoardProgramsTest, TheNewModelsBoardIsFoundAndTellsWhatItCan) {
     test::isolateUserFolders();
     setenv("ZANDOR_BUILD", ZANDOR_BUILD_DIR, 1);
-    for (const auto& [port, line] : {std::pair<std::string, std::string>{"", "USB 3, can capture 3D"},
-                                     {"--usb2", "USB 2\n"}}) {
+    for (const auto& [port, line] :
+         {std::pair<std::string, std::string>{"", "USB 3, can capture 3D"}, {"--usb2", "USB 2\n"}}) {
         std::vector<std::string> options{"--kind", "n3dsxl", "--serial", "ZD-N3DS"};
         if (!port.empty()) {
             options.push_back(port);
