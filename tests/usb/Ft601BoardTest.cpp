@@ -231,8 +231,8 @@ TEST_F(Ft601BoardTest, BadFramesAreDroppedAStalledReadOrAnUnplugIsADisconnectAnd
 
 TEST_F(Ft601BoardTest, ABoardWithout3DStaysFlat) {
     for (const Ft601Options& options :
-         {Ft601Options{.garbageConfiguration = true}, Ft601Options{.superSpeed = false},
-          Ft601Options{.capable3D = false}}) {
+         {Ft601Options{.garbageConfiguration = true}, Ft601Options{.answersConfiguration = false},
+          Ft601Options{.superSpeed = false}, Ft601Options{.capable3D = false}}) {
         m_log.clear();
         plugIn(options);
         makeDevice();
@@ -243,6 +243,8 @@ TEST_F(Ft601BoardTest, ABoardWithout3DStaysFlat) {
         EXPECT_EQ(info.usbSpeed, options.superSpeed ? "USB 3" : "USB 2");
         expectDemo(shots(5), false, -1, "a board without 3D");
         EXPECT_EQ(m_log.countPrefix("The capture board stays without 3D"), 1u);
+        EXPECT_EQ(m_log.countPrefix("The capture board did not tell its configuration"),
+                  options.answersConfiguration ? 0u : 1u);
         EXPECT_FALSE(m_board->ft601()->is3D());
         m_device->stopListening();
         m_device.reset();

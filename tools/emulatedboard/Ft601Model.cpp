@@ -272,6 +272,9 @@ int Ft601Model::readReply(uint8_t* data, int length, int* transferred) {
     }
     if (m_configurationAsked) {
         m_configurationAsked = false;
+        if (!m_options.answersConfiguration) {
+            return usb::ErrorTimeout;
+        }
         uint8_t configuration[16] = {0x20, 0x19, 0x03, 0x00, 0x5A, 0x44, 0x31, 0x00};
         configuration[3] = m_options.capable3D ? 0xC1 : 0x41;
         if (m_options.garbageConfiguration) {

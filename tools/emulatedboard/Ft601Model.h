@@ -28,6 +28,7 @@ struct Ft601Options {
     bool superSpeed = true;            // false: a USB 2 port, where 3D is not possible
     bool capable3D = true;             // the configuration's byte 3 says 0xC1
     bool garbageConfiguration = false; // the configuration read returns noise
+    bool answersConfiguration = true;  // false: the configuration read times out
 };
 
 // The board of the console's new models as its FT601 chip and its firmware answer: the two vendor

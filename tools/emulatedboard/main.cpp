@@ -31,7 +31,8 @@ int usage() {
     std::fprintf(
         stderr, "usage: with-emulated-board [--kind classic|n3dsxl] [--replay FILE] [--tone HZ] [--no-sound] "
                 "[--firmware N] [--serial S [--serial S2]] [--unplug-at-frame N] [--replug-after-ms M] "
-                "[--usb2] [--no-3d] [--product NAME] [--garbage-configuration] [--short-frame-at N] "
+                "[--usb2] [--no-3d] [--product NAME] [--garbage-configuration] [--no-configuration] "
+                "[--short-frame-at N] "
                 "[--oversized-frame-at N] [--stall-at-frame N] -- COMMAND...\n");
     return 2;
 }
@@ -71,6 +72,10 @@ int main(int argc, char** argv) {
         }
         if (option == "--no-sound") {
             sound = false;
+            continue;
+        }
+        if (option == "--no-configuration") {
+            ft601Options.answersConfiguration = false;
             continue;
         }
         if (option == "--usb2" || option == "--no-3d" || option == "--garbage-configuration") {
