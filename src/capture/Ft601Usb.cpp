@@ -332,7 +332,8 @@ bool Ft601Usb::watchArrivals() {
     if (m_watching) {
         return true;
     }
-    if (!m_context || !libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG)) {
+    // Watching may start before this board was ever opened (the old models' board went away).
+    if (init() != LIBUSB_SUCCESS || !libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG)) {
         return false;
     }
     m_arrived = false;

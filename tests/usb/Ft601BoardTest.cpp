@@ -311,6 +311,10 @@ TEST_F(Ft601BoardTest, OneUsbBoardFindsEitherKindByItsSerial) {
         EXPECT_EQ(m_device->board().info().serial, serial);
     }
     EXPECT_EQ(m_beside->ft601()->refused(), std::vector<std::string>{});
+    // Arrivals of either kind are announced, whichever board went away: without that the device
+    // would look for a board at intervals, and a replugged one would come back later.
+    EXPECT_TRUE(m_device->board().watchArrivals());
+    m_device->board().stopWatching();
 }
 
 TEST_F(Ft601BoardTest, TheEmulatedBoardRefusesAndNamesACommandOutOfTurn) {
