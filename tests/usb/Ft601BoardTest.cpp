@@ -304,17 +304,18 @@ TEST_F(Ft601BoardTest, OneUsbBoardFindsEitherKindByItsSerial) {
                                            std::make_unique<Ft601Model>(std::move(source), Ft601Options{}));
     makeDevice();
     EXPECT_EQ(m_device->board().serials(), (std::vector<std::string>{"ZD-OLD", "ZD-NEW"}));
-    for (const auto& [serial, name] : {std::pair{"ZD-NEW", "N3DSXL"}, {"ZD-OLD", "Capture board"}}) {
+    for (const auto& [serial, name] : {std::pair{"ZD-OLD", "Capture board"}, {"ZD-NEW", "N3DSXL"}}) {
         m_device->setSerial(serial);
         auto frames = test::playFrames(*m_device, m_wakeups[0], 2);
         EXPECT_EQ(m_device->board().info().name, name);
         EXPECT_EQ(m_device->board().info().serial, serial);
+        // Arrivals of either kind are announced, whichever board went away (first the old one,
+        // before the new one was ever opened): else the device would look for a board at
+        // intervals, and a replugged one would come back later.
+        EXPECT_TRUE(m_device->board().watchArrivals()) << serial;
+        m_device->board().stopWatching();
     }
     EXPECT_EQ(m_beside->ft601()->refused(), std::vector<std::string>{});
-    // Arrivals of either kind are announced, whichever board went away: without that the device
-    // would look for a board at intervals, and a replugged one would come back later.
-    EXPECT_TRUE(m_device->board().watchArrivals());
-    m_device->board().stopWatching();
 }
 
 TEST_F(Ft601BoardTest, TheEmulatedBoardRefusesAndNamesACommandOutOfTurn) {
