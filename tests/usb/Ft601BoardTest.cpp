@@ -262,17 +262,25 @@ TEST_F(Ft601BoardTest, AnotherFt601DeviceIsLeftAlone) {
     EXPECT_TRUE(m_device->board().serials().empty());
 }
 
-// The same lines as for the old board: one for a board another program holds, one naming the udev
-// rule for a node we may not open.
+// A paused board is free for others; and the same lines as for the old board: one for a board
+// another program holds, one naming the udev rule for a node we may not open.
 TEST_F(Ft601BoardTest, ABusyBoardOrOneWeMayNotOpenSaysWhy) {
     plugIn();
+    makeDevice();
+    for (int run = 0; run < 2; ++run) {
+        test::playFrames(*m_device, m_wakeups[0], 2);
+        Ft601Usb other;
+        std::string denied;
+        ASSERT_EQ(other.init(), 0);
+        ASSERT_EQ(other.open("", denied), 0);
+        EXPECT_EQ(other.claim(1), 0) << "the paused board is still claimed";
+    }
     {
         Ft601Usb other;
         std::string denied;
         ASSERT_EQ(other.init(), 0);
         ASSERT_EQ(other.open("", denied), 0);
         ASSERT_EQ(other.claim(1), 0);
-        makeDevice();
         EXPECT_FALSE(m_device->startListening());
         EXPECT_EQ(m_log.count("Another program is using the capture board: close it, then try again"), 1u);
     }
