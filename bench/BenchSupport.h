@@ -6,6 +6,7 @@
 
 #include "base/Worker.h"
 #include "base/Wakeup.h"
+#include "capture/Board.h"
 #include "capture/CaptureDevice.h"
 #include "capture/CaptureScreen.h"
 #include "capture/DemoBoard.h"
@@ -153,8 +154,12 @@ public:
         return std::move(*board);
     }
 
-    explicit Pipeline(std::chrono::nanoseconds framePeriod, std::unique_ptr<UsbBoard> board = replayBoard()) {
-        m_device = CaptureDevice::create(std::move(board));
+    explicit Pipeline(std::chrono::nanoseconds framePeriod, std::unique_ptr<UsbBoard> board = replayBoard())
+        : Pipeline(framePeriod, CaptureDevice::create(std::move(board))) {}
+    Pipeline(std::chrono::nanoseconds framePeriod, std::unique_ptr<Board> board)
+        : Pipeline(framePeriod, CaptureDevice::create(std::move(board))) {}
+    Pipeline(std::chrono::nanoseconds framePeriod, std::shared_ptr<CaptureDevice> device)
+        : m_device(std::move(device)) {
         m_device->setFramePeriod(framePeriod);
         for (unsigned i = 0; i < 2; ++i) {
             m_observers[i] = m_device->screen(i)->addObserver(m_wakeup);

@@ -5,7 +5,9 @@
 #include "BenchSupport.h"
 #include "EmulatedBoard.h"
 
+#include "Ft601Model.h"
 #include "base/Log.h"
+#include "capture/Boards.h"
 #include "capture/LibusbBoard.h"
 
 #include <condition_variable>
@@ -37,6 +39,31 @@ public:
             m_changed.notify_all();
         });
     }
+    // The new models' board (in 3D when asked), or the old one, through `--board usb`.
+    enum class Kind { Classic, Ft601, Ft601ThreeD };
+    explicit EmulatedPipeline(Kind kind) {
+        std::string error;
+        m_board =
+            kind == Kind::Classic
+                ? EmulatedBoard::create(std::make_unique<DemoBoard>(), error)
+                : EmulatedBoard::create(
+                      std::make_unique<Ft601Model>(std::make_unique<DemoBoard>(), Ft601Options{}), error);
+        if (!m_board) {
+            fail(error);
+        }
+        auto board = createBoard("usb");
+        if (!board) {
+            fail(board.error().logLine());
+        }
+        auto device = CaptureDevice::create(std::move(*board));
+        device->set3D(kind == Kind::Ft601ThreeD);
+        device->setConnectionObserver([this](bool connected) {
+            std::scoped_lock lock(m_mutex);
+            m_connected = connected;
+            m_changed.notify_all();
+        });
+        m_pipeline = std::make_unique<Pipeline>(CaptureDevice::DefaultFramePeriod, std::move(device));
+    }
     ~EmulatedPipeline() {
         m_pipeline.reset(); // libusb's context ends before the testbed it looks at
         m_board.reset();
@@ -65,42 +92,73 @@ bool isBlack(const CaptureData& frame) {
 }
 
 // Milliseconds from plugging the board in again to the first real frame the device publishes (as
-// the top screen's consumer receives it), over ten replugs.
+// the bottom screen's consumer receives it), over ten replugs: median, worst and best.
+struct ReplugDelays {
+    double median = 0, worst = 0, best = 0;
+};
+
+ReplugDelays replugDelays(EmulatedPipeline& emulated) {
+    std::vector<double> delays;
+    for (int replug = 0; replug < 10; ++replug) {
+        emulated.board().unplug();
+        emulated.waitConnected(false);
+        // Let the black frames run a while, as after a real unplug.
+        emulated.pipeline().drainUntil(SteadyClock::now() + 300ms, [](unsigned, const CaptureData&) {});
+        const auto plugged = SteadyClock::now();
+        emulated.board().plug();
+        bool real = false;
+        SteadyClock::time_point arrived;
+        while (!real && SteadyClock::now() < plugged + 10s) {
+            emulated.pipeline().drainUntil(SteadyClock::now() + 1ms,
+                                           [&](unsigned screen, const CaptureData& frame) {
+                                               if (!real && screen == 1 && !isBlack(frame)) {
+                                                   real = true;
+                                                   arrived = SteadyClock::now();
+                                               }
+                                           });
+        }
+        if (!real) {
+            fail("no real frame 10 s after the replug");
+        }
+        delays.push_back(std::chrono::duration<double, std::milli>(arrived - plugged).count());
+    }
+    std::sort(delays.begin(), delays.end());
+    return {percentile(delays, 0.5), delays.back(), delays.front()};
+}
+
 void BM_ReplugToFirstRealFrame(benchmark::State& state) {
     LogCapture log;
     for (auto _ : state) {
         EmulatedPipeline emulated;
-        std::vector<double> delays;
-        for (int replug = 0; replug < 10; ++replug) {
-            emulated.board().unplug();
-            emulated.waitConnected(false);
-            // Let the black frames run a while, as after a real unplug.
-            emulated.pipeline().drainUntil(SteadyClock::now() + 300ms, [](unsigned, const CaptureData&) {});
-            const auto plugged = SteadyClock::now();
-            emulated.board().plug();
-            bool real = false;
-            SteadyClock::time_point arrived;
-            while (!real && SteadyClock::now() < plugged + 10s) {
-                emulated.pipeline().drainUntil(SteadyClock::now() + 1ms,
-                                               [&](unsigned screen, const CaptureData& frame) {
-                                                   if (!real && screen == 1 && !isBlack(frame)) {
-                                                       real = true;
-                                                       arrived = SteadyClock::now();
-                                                   }
-                                               });
-            }
-            if (!real) {
-                fail("no real frame 10 s after the replug");
-            }
-            delays.push_back(std::chrono::duration<double, std::milli>(arrived - plugged).count());
-        }
-        std::sort(delays.begin(), delays.end());
-        state.counters["median_ms"] = percentile(delays, 0.5);
-        state.counters["worst_ms"] = delays.back();
-        state.counters["best_ms"] = delays.front();
+        const ReplugDelays delays = replugDelays(emulated);
+        state.counters["median_ms"] = delays.median;
+        state.counters["worst_ms"] = delays.worst;
+        state.counters["best_ms"] = delays.best;
     }
 }
 BENCHMARK(BM_ReplugToFirstRealFrame)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The same for the new models' board beside the old one's, both through `--board usb`: its opening
+// drains the board, opens it twice and lets the firmware start twice (200 ms each).
+void BM_Ft601ReplugToFirstRealFrame(benchmark::State& state) {
+    LogCapture log;
+    for (auto _ : state) {
+        ReplugDelays classic, ft601;
+        {
+            EmulatedPipeline emulated(EmulatedPipeline::Kind::Classic);
+            classic = replugDelays(emulated);
+        }
+        {
+            EmulatedPipeline emulated(EmulatedPipeline::Kind::Ft601);
+            ft601 = replugDelays(emulated);
+        }
+        state.counters["classic_median_ms"] = classic.median;
+        state.counters["ft601_median_ms"] = ft601.median;
+        state.counters["ft601_worst_ms"] = ft601.worst;
+        state.counters["ft601_over_classic"] = ft601.median / classic.median;
+    }
+}
+BENCHMARK(BM_Ft601ReplugToFirstRealFrame)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 double threadPercent(const std::map<std::string, double>& start, const std::map<std::string, double>& end,
                      const std::string& name, double wall) {
@@ -227,6 +285,34 @@ void BM_PipelineCpuWithAndWithoutSound(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_PipelineCpuWithAndWithoutSound)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The pipeline at 60 frames a second on the new models' board, flat and in 3D, beside the old
+// one's in the same run, all through `--board usb`, in percent of one core; the device thread's
+// share apart (it waits for the streamed reads and copies each frame out of its read).
+void BM_Ft601PipelineCpu(benchmark::State& state) {
+    LogCapture log;
+    for (auto _ : state) {
+        PipelineCpu classic, flat, threeD;
+        {
+            EmulatedPipeline emulated(EmulatedPipeline::Kind::Classic);
+            classic = measure(emulated.pipeline());
+        }
+        {
+            EmulatedPipeline emulated(EmulatedPipeline::Kind::Ft601);
+            flat = measure(emulated.pipeline());
+        }
+        {
+            EmulatedPipeline emulated(EmulatedPipeline::Kind::Ft601ThreeD);
+            threeD = measure(emulated.pipeline());
+        }
+        report(state, "classic", classic);
+        report(state, "ft601", flat);
+        report(state, "ft601_3d", threeD);
+        state.counters["ft601_device_over_classic"] = flat.device / classic.device;
+        state.counters["ft601_3d_device_over_classic"] = threeD.device / classic.device;
+    }
+}
+BENCHMARK(BM_Ft601PipelineCpu)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 } // namespace
 } // namespace zandor

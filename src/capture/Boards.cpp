@@ -1,8 +1,8 @@
 #include "Boards.h"
 
+#include "AnyUsbBoard.h"
 #include "ClassicBoard.h"
 #include "DemoBoard.h"
-#include "LibusbBoard.h"
 #include "ReplayBoard.h"
 
 namespace zandor {
@@ -18,11 +18,10 @@ Error badName(const std::string& name, BoardNameProblem problem) {
 Result<std::unique_ptr<Board>> createBoard(const std::string& name) {
     const std::string replay = "replay:", usbSerial = "usb:";
     if (name == "usb") {
-        return std::unique_ptr<Board>(std::make_unique<ClassicBoard>(std::make_unique<LibusbBoard>()));
+        return std::unique_ptr<Board>(std::make_unique<AnyUsbBoard>());
     }
     if (name.compare(0, usbSerial.size(), usbSerial) == 0 && name.size() > usbSerial.size()) {
-        return std::unique_ptr<Board>(std::make_unique<ClassicBoard>(
-            std::make_unique<LibusbBoard>(), "Capture board", name.substr(usbSerial.size())));
+        return std::unique_ptr<Board>(std::make_unique<AnyUsbBoard>(name.substr(usbSerial.size())));
     }
     if (name == "demo") {
         return std::unique_ptr<Board>(

@@ -68,6 +68,19 @@ public:
         m_number = other.m_number;
     }
 
+    // Trades a pooled frame's block for `block` (new uint8_t[size()], as a pool makes them), which
+    // gets the frame's: a board that reads into blocks of its own hands a frame over without
+    // copying it. False, and nothing traded, for a frame whose block is not pooled.
+    bool exchangeBlock(std::unique_ptr<uint8_t[]>& block) {
+        if (!m_pool || m_data || !block) {
+            return false;
+        }
+        uint8_t* mine = m_bytes;
+        m_bytes = block.release();
+        block.reset(mine);
+        return true;
+    }
+
     // A new frame with the same bytes; its time stamp and number are left at 0 on purpose.
     std::shared_ptr<CaptureData> copy() const;
 

@@ -133,5 +133,26 @@ TEST(EmulatedBoardProgramsTest, BoardInfoTellsWhatTheChosenBoardIs) {
                          "Firmware version: 6\nSound: yes\n");
 }
 
+// The new models' board through the script, on a USB 3 port and on a USB 2 one.
+TEST(EmulatedBoardProgramsTest, TheNewModelsBoardIsFoundAndTellsWhatItCan) {
+    test::isolateUserFolders();
+    setenv("ZANDOR_BUILD", ZANDOR_BUILD_DIR, 1);
+    for (const auto& [port, line] :
+         {std::pair<std::string, std::string>{"", "USB 3, can capture 3D"}, {"--usb2", "USB 2\n"}}) {
+        std::vector<std::string> options{"--kind", "n3dsxl", "--serial", "ZD-N3DS"};
+        if (!port.empty()) {
+            options.push_back(port);
+        }
+        const test::ProcessResult run = test::runProcess(
+            withEmulatedBoard(options, {ZANDOR_CLI, "board-info", "--board", "usb:ZD-N3DS"}), 60s);
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        EXPECT_NE(
+            run.err.find("Capture board: N3DSXL 0403:601f, serial ZD-N3DS, firmware version 0, " + line),
+            std::string::npos)
+            << run.err;
+        EXPECT_EQ(run.err.find("refused"), std::string::npos) << run.err;
+    }
+}
+
 } // namespace
 } // namespace zandor

@@ -1,5 +1,7 @@
 #include "EmulatedBoard.h"
 
+#include "Ft601Model.h"
+
 #include "capture/RawFrame.h"
 #include "capture/SimulatedBoard.h"
 #include "capture/UsbBoard.h"
@@ -51,19 +53,32 @@ constexpr uint32_t Capabilities = USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_BULK_C
                                   USBDEVFS_CAP_BULK_SCATTER_GATHER | USBDEVFS_CAP_NO_PACKET_SIZE_LIM |
                                   USBDEVFS_CAP_REAP_AFTER_DISCONNECT;
 
+// What the device tells of itself in sysfs.
+struct Identity {
+    uint16_t vendorId;
+    uint16_t productId;
+    const char* manufacturer;
+    std::string product;
+    int megabits; // the link's speed
+    std::string descriptors;
+};
+
 // The device as umockdev-record would describe it: sysfs attributes, udev properties, descriptors.
-std::string deviceDescription(const char* sysPath, int deviceNumber, const std::string& serial) {
-    char text[1024];
+std::string deviceDescription(const char* sysPath, int deviceNumber, const std::string& serial,
+                              const Identity& identity) {
+    char text[2048];
     std::snprintf(text, sizeof text,
                   "P: %s\n"
-                  "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\nE: DRIVER=usb\nE: PRODUCT=16d0/6a3/100\n"
+                  "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\nE: DRIVER=usb\nE: PRODUCT=%x/%x/100\n"
                   "E: BUSNUM=%03d\nE: DEVNUM=%03d\nE: DEVNAME=/dev/bus/usb/%03d/%03d\n"
-                  "A: idVendor=16d0\\n\nA: idProduct=06a3\\n\nA: busnum=%d\\n\nA: devnum=%d\\n\n"
-                  "A: bConfigurationValue=1\\n\nA: bNumConfigurations=1\\n\nA: speed=480\\n\n"
-                  "A: manufacturer=Zandor\\n\nA: product=Capture board (emulated)\\n\nA: serial=%s\\n\n"
+                  "A: idVendor=%04x\\n\nA: idProduct=%04x\\n\nA: busnum=%d\\n\nA: devnum=%d\\n\n"
+                  "A: bConfigurationValue=1\\n\nA: bNumConfigurations=1\\n\nA: speed=%d\\n\n"
+                  "A: manufacturer=%s\\n\nA: product=%s\\n\nA: serial=%s\\n\n"
                   "H: descriptors=%s\n",
-                  sysPath + 4, BusNumber, deviceNumber, BusNumber, deviceNumber, BusNumber, deviceNumber,
-                  serial.c_str(), Descriptors);
+                  sysPath + 4, identity.vendorId, identity.productId, BusNumber, deviceNumber, BusNumber,
+                  deviceNumber, identity.vendorId, identity.productId, BusNumber, deviceNumber,
+                  identity.megabits, identity.manufacturer, identity.product.c_str(), serial.c_str(),
+                  identity.descriptors.c_str());
     return text;
 }
 
@@ -144,6 +159,29 @@ std::string EmulatedBoard::runUnderPreload(char** argv) {
 
 std::unique_ptr<EmulatedBoard> EmulatedBoard::create(std::unique_ptr<SimulatedBoard> model,
                                                      std::string& error) {
+    SimulatedBoard& simulated = *model;
+    return create(std::move(model), simulated, nullptr, error);
+}
+
+std::unique_ptr<EmulatedBoard> EmulatedBoard::create(std::unique_ptr<Ft601Model> model, std::string& error) {
+    Ft601Model* ft601 = model.get();
+    return create(std::move(model), ft601->source(), ft601, error);
+}
+
+std::unique_ptr<EmulatedBoard> EmulatedBoard::createBeside(EmulatedBoard& first,
+                                                           std::unique_ptr<SimulatedBoard> model) {
+    SimulatedBoard& simulated = *model;
+    return createBeside(first, std::move(model), simulated, nullptr);
+}
+
+std::unique_ptr<EmulatedBoard> EmulatedBoard::createBeside(EmulatedBoard& first,
+                                                           std::unique_ptr<Ft601Model> model) {
+    Ft601Model* ft601 = model.get();
+    return createBeside(first, std::move(model), ft601->source(), ft601);
+}
+
+std::unique_ptr<EmulatedBoard> EmulatedBoard::create(std::unique_ptr<UsbBoard> device, SimulatedBoard& model,
+                                                     Ft601Model* ft601, std::string& error) {
     std::unique_ptr<EmulatedBoard> board(new EmulatedBoard);
     board->m_testbed = umockdev_testbed_new();
     if (!board->m_testbed) {
@@ -157,25 +195,28 @@ std::unique_ptr<EmulatedBoard> EmulatedBoard::create(std::unique_ptr<SimulatedBo
     // what a user without permission sees) must still find the device in it, and place the socket
     // that stands in for its uevent listener there.
     chmod(board->m_rootDir.c_str(), 01777);
-    board->start(std::move(model));
+    board->start(std::move(device), model, ft601);
     return board;
 }
 
 std::unique_ptr<EmulatedBoard> EmulatedBoard::createBeside(EmulatedBoard& first,
-                                                           std::unique_ptr<SimulatedBoard> model) {
+                                                           std::unique_ptr<UsbBoard> device,
+                                                           SimulatedBoard& model, Ft601Model* ft601) {
     std::unique_ptr<EmulatedBoard> board(new EmulatedBoard);
     board->m_testbed = static_cast<UMockdevTestbed*>(g_object_ref(first.m_testbed));
     board->m_rootDir = first.m_rootDir;
     board->m_sysPath = SysPathBeside;
     board->m_deviceNumber = DeviceNumbersBeside;
-    board->start(std::move(model));
+    board->start(std::move(device), model, ft601);
     return board;
 }
 
-void EmulatedBoard::start(std::unique_ptr<SimulatedBoard> model) {
+void EmulatedBoard::start(std::unique_ptr<UsbBoard> device, SimulatedBoard& model, Ft601Model* ft601) {
     EmulatedBoard* board = this;
-    board->m_model = std::move(model);
-    board->m_model->openDeviceWithVidPid(raw::VendorId, raw::ProductId);
+    board->m_device = std::move(device);
+    board->m_model = &model;
+    board->m_ft601 = ft601;
+    board->m_device->openDeviceWithVidPid(raw::VendorId, raw::ProductId);
     board->m_trace = std::getenv("ZANDOR_EMULATOR_TRACE") != nullptr;
     board->m_handler = umockdev_ioctl_base_new();
     g_signal_connect(board->m_handler, "handle-ioctl", G_CALLBACK(&EmulatedBoard::handleIoctl), board);
@@ -310,12 +351,21 @@ void EmulatedBoard::plugLocked() {
     }
     chmod(file.c_str(), m_nodeMode);
 
-    const std::string description = deviceDescription(m_sysPath, m_deviceNumber, m_model->serial());
+    const Identity identity =
+        m_ft601
+            ? Identity{Ft601Model::VendorId,
+                       m_ft601->options().productId,
+                       "FTDI",
+                       m_ft601->options().product,
+                       m_ft601->options().superSpeed ? 5000 : 480,
+                       m_ft601->descriptors()}
+            : Identity{raw::VendorId, raw::ProductId, "Zandor", "Capture board (emulated)", 480, Descriptors};
+    const std::string description = deviceDescription(m_sysPath, m_deviceNumber, m_model->serial(), identity);
     if (!umockdev_testbed_add_from_string(m_testbed, description.c_str(), &error)) {
         std::fprintf(stderr, "emulated board: could not add the device: %s\n", error ? error->message : "?");
         g_clear_error(&error);
     }
-    m_model->openDeviceWithVidPid(raw::VendorId, raw::ProductId);
+    m_device->openDeviceWithVidPid(raw::VendorId, raw::ProductId);
     m_plugged = true;
     if (m_trace) {
         std::fprintf(stderr, "emulated board: plugged in at %s\n", node);
@@ -426,7 +476,7 @@ bool EmulatedBoard::handle(UMockdevIoctlClient* client) {
             umockdev_ioctl_client_complete(client, -1, EIO);
             return true;
         }
-        int result = m_model->setConfiguration(static_cast<int>(configuration));
+        int result = m_device->setConfiguration(static_cast<int>(configuration));
         umockdev_ioctl_client_complete(client, result < 0 ? -1 : 0, result < 0 ? EINVAL : 0);
         return true;
     }
@@ -443,7 +493,7 @@ bool EmulatedBoard::handle(UMockdevIoctlClient* client) {
         if (value.data) {
             std::memcpy(&endpoint, value.data->data, sizeof endpoint);
         }
-        m_model->clearHalt(static_cast<uint8_t>(endpoint));
+        m_device->clearHalt(static_cast<uint8_t>(endpoint));
         ++m_clearedHalts;
         umockdev_ioctl_client_complete(client, 0, 0);
         return true;
@@ -475,7 +525,7 @@ bool EmulatedBoard::claim(UMockdevIoctlClient* client, Client& state, UMockdevIo
     if (value.data) {
         std::memcpy(&interfaceNumber, value.data->data, sizeof interfaceNumber);
     }
-    if (m_model->claimInterface(static_cast<int>(interfaceNumber)) < 0) {
+    if (m_device->claimInterface(static_cast<int>(interfaceNumber)) < 0) {
         umockdev_ioctl_client_complete(client, -1, ENOENT);
         return false;
     }
@@ -517,7 +567,7 @@ void EmulatedBoard::submit(UMockdevIoctlClient* client, Client& state, UMockdevI
         Setup setup{buffer[0], buffer[1], static_cast<uint16_t>(buffer[2] | buffer[3] << 8),
                     static_cast<uint16_t>(buffer[4] | buffer[5] << 8),
                     static_cast<uint16_t>(buffer[6] | buffer[7] << 8)};
-        if (setup.requestType == raw::FrameRequestType && setup.request == raw::FrameRequest) {
+        if (!m_ft601 && setup.requestType == raw::FrameRequestType && setup.request == raw::FrameRequest) {
             const uint64_t number = m_frameRequests++;
             m_changed.notify_all();
             if (number == m_unplugAt) {
@@ -528,16 +578,21 @@ void EmulatedBoard::submit(UMockdevIoctlClient* client, Client& state, UMockdevI
                 return;
             }
         }
-        int result = m_model->controlTransfer(setup.requestType, setup.request, setup.value, setup.index,
-                                              buffer + 8, setup.length, raw::ControlTimeoutMs);
+        int result = m_device->controlTransfer(setup.requestType, setup.request, setup.value, setup.index,
+                                               buffer + 8, setup.length, raw::ControlTimeoutMs);
         pending.status = result < 0 ? -errnoOf(result) : 0;
         pending.actualLength = result < 0 ? 0 : result;
     } else if (urb->type == USBDEVFS_URB_TYPE_BULK && buffer) {
         int transferred = 0;
-        int result = m_model->bulkTransfer(urb->endpoint, buffer, urb->buffer_length, &transferred,
-                                           raw::BulkTimeoutMs);
+        const uint64_t framesBefore = m_ft601 ? m_ft601->framesSent() : 0;
+        int result = m_device->bulkTransfer(urb->endpoint, buffer, urb->buffer_length, &transferred,
+                                            raw::BulkTimeoutMs);
         pending.actualLength = transferred;
-        if (result == usb::ErrorTimeout) {
+        if (m_ft601 && m_ft601->framesSent() > framesBefore && !countFt601Frame()) {
+            // Pulled out as the frame went: the read fails as the kernel fails it.
+            pending.status = -ENODEV;
+            pending.actualLength = 0;
+        } else if (result == usb::ErrorTimeout) {
             // The board says no more; the URB stays in flight until libusb gives up on it.
             waits = true;
         } else {
@@ -554,6 +609,18 @@ void EmulatedBoard::submit(UMockdevIoctlClient* client, Client& state, UMockdevI
         state.done.push_back(pending);
     }
     umockdev_ioctl_client_complete(client, 0, 0);
+}
+
+// Called with m_mutex held.
+bool EmulatedBoard::countFt601Frame() {
+    const uint64_t number = m_frameRequests++;
+    m_changed.notify_all();
+    if (number != m_unplugAt) {
+        return true;
+    }
+    m_unplugAt = UINT64_MAX;
+    unplugLocked();
+    return false;
 }
 
 void EmulatedBoard::reap(UMockdevIoctlClient* client, Client& state, UMockdevIoctlData* arg) {

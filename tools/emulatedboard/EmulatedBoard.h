@@ -17,14 +17,17 @@ typedef struct _UMockdevIoctlData UMockdevIoctlData;
 
 namespace zandor {
 
+class Ft601Model;
 class SimulatedBoard;
+class UsbBoard;
 
 // The capture board emulated where the kernel would present it: a umockdev testbed shows a USB
 // device 16d0:06a3 (with the model's serial number) in sysfs and at /dev/bus/usb/001/DDD, and answers the
 // usbfs ioctls that libusb issues on that node. A simulated board (the demo picture or a replay file) decides
-// what the board answers; this class only speaks usbfs. A program reaches the board when it runs with
-// libumockdev-preload loaded and $UMOCKDEV_DIR naming rootDir() (this process, when it was
-// started under the preload, or any child started with childEnvironment()).
+// what the board answers; this class only speaks usbfs. The new models' board (0403:601f, see
+// Ft601Model) is emulated the same way, its frames counted as the old board's frame requests are. A program
+// reaches the board when it runs with libumockdev-preload loaded and $UMOCKDEV_DIR naming rootDir() (this
+// process, when it was started under the preload, or any child started with childEnvironment()).
 //
 // Unplugging fails every URB in flight and every later request with ENODEV, sends a "remove"
 // uevent and takes the device out of sysfs and /dev; plugging it in again gives it the next device
@@ -53,6 +56,10 @@ public:
     // device numbers; `first` must outlive it.
     static std::unique_ptr<EmulatedBoard> createBeside(EmulatedBoard& first,
                                                        std::unique_ptr<SimulatedBoard> model);
+    // The new models' board, alone or beside `first`.
+    static std::unique_ptr<EmulatedBoard> create(std::unique_ptr<Ft601Model> model, std::string& error);
+    static std::unique_ptr<EmulatedBoard> createBeside(EmulatedBoard& first,
+                                                       std::unique_ptr<Ft601Model> model);
     ~EmulatedBoard();
     EmulatedBoard(const EmulatedBoard&) = delete;
     EmulatedBoard& operator=(const EmulatedBoard&) = delete;
@@ -73,7 +80,10 @@ public:
     // The device node's permission bits (0600 by default, as the kernel leaves it without a rule).
     void setNodeMode(unsigned mode);
 
+    // The simulated board whose frames it sends (behind an FT601 board, its source).
     SimulatedBoard& model() { return *m_model; }
+    // The FT601 board; null for the old one.
+    Ft601Model* ft601() { return m_ft601; }
     std::string rootDir() const { return m_rootDir; }
     std::string deviceNode();
     // Environment entries that put a child process in front of this board.
@@ -90,7 +100,13 @@ private:
     struct Client;
 
     EmulatedBoard() = default;
-    void start(std::unique_ptr<SimulatedBoard> model);
+    static std::unique_ptr<EmulatedBoard> create(std::unique_ptr<UsbBoard> device, SimulatedBoard& model,
+                                                 Ft601Model* ft601, std::string& error);
+    static std::unique_ptr<EmulatedBoard> createBeside(EmulatedBoard& first, std::unique_ptr<UsbBoard> device,
+                                                       SimulatedBoard& model, Ft601Model* ft601);
+    void start(std::unique_ptr<UsbBoard> device, SimulatedBoard& model, Ft601Model* ft601);
+    // Counts a frame the FT601 board sent; false when the board is unplugged at it.
+    bool countFt601Frame();
     static int handleIoctl(UMockdevIoctlBase* handler, UMockdevIoctlClient* client, void* self);
     bool handle(UMockdevIoctlClient* client);
     void submit(UMockdevIoctlClient* client, Client& state, UMockdevIoctlData* arg);
@@ -101,7 +117,9 @@ private:
     void plugLocked();
     void replugTimer();
 
-    std::unique_ptr<SimulatedBoard> m_model;
+    std::unique_ptr<UsbBoard> m_device; // what answers: the simulated board itself, or an Ft601Model
+    SimulatedBoard* m_model = nullptr;
+    Ft601Model* m_ft601 = nullptr;
     UMockdevTestbed* m_testbed = nullptr;
     UMockdevIoctlBase* m_handler = nullptr;
     std::string m_rootDir;

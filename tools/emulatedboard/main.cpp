@@ -2,6 +2,7 @@
 // that `--board usb` takes the real path through libusb and usbfs without hardware.
 
 #include "EmulatedBoard.h"
+#include "Ft601Model.h"
 
 #include "capture/DemoBoard.h"
 #include "capture/ReplayBoard.h"
@@ -27,9 +28,12 @@ void forward(int signal) {
 }
 
 int usage() {
-    std::fprintf(stderr,
-                 "usage: with-emulated-board [--replay FILE] [--tone HZ] [--no-sound] [--firmware N] "
-                 "[--serial S [--serial S2]] [--unplug-at-frame N] [--replug-after-ms M] -- COMMAND...\n");
+    std::fprintf(
+        stderr, "usage: with-emulated-board [--kind classic|n3dsxl] [--replay FILE] [--tone HZ] [--no-sound] "
+                "[--firmware N] [--serial S [--serial S2]] [--unplug-at-frame N] [--replug-after-ms M] "
+                "[--usb2] [--no-3d] [--product NAME] [--garbage-configuration] [--no-configuration] "
+                "[--short-frame-at N] "
+                "[--oversized-frame-at N] [--stall-at-frame N] -- COMMAND...\n");
     return 2;
 }
 
@@ -56,6 +60,9 @@ int main(int argc, char** argv) {
     bool sound = true;
     long long unplugAt = -1;
     long long replugAfterMs = -1;
+    bool ft601 = false;
+    zandor::Ft601Options ft601Options;
+    std::vector<std::pair<uint64_t, zandor::Ft601Fault>> ft601Faults;
     int i = 1;
     for (; i < argc; ++i) {
         std::string option = argv[i];
@@ -65,6 +72,17 @@ int main(int argc, char** argv) {
         }
         if (option == "--no-sound") {
             sound = false;
+            continue;
+        }
+        if (option == "--no-configuration") {
+            ft601Options.answersConfiguration = false;
+            continue;
+        }
+        if (option == "--usb2" || option == "--no-3d" || option == "--garbage-configuration") {
+            ft601Options.superSpeed = ft601Options.superSpeed && option != "--usb2";
+            ft601Options.capable3D = ft601Options.capable3D && option != "--no-3d";
+            ft601Options.garbageConfiguration =
+                ft601Options.garbageConfiguration || option == "--garbage-configuration";
             continue;
         }
         if (i + 1 >= argc) {
@@ -83,6 +101,24 @@ int main(int argc, char** argv) {
             if (!number(argv[++i], toneHertz) || toneHertz < 1 || toneHertz > 16000) {
                 return usage();
             }
+        } else if (option == "--kind") {
+            const std::string kind = argv[++i];
+            if (kind != "classic" && kind != "n3dsxl") {
+                return usage();
+            }
+            ft601 = kind == "n3dsxl";
+        } else if (option == "--product") {
+            ft601Options.product = argv[++i];
+        } else if (option == "--short-frame-at" || option == "--oversized-frame-at" ||
+                   option == "--stall-at-frame") {
+            long long frame = 0;
+            if (!number(argv[++i], frame)) {
+                return usage();
+            }
+            ft601Faults.emplace_back(static_cast<uint64_t>(frame),
+                                     option == "--short-frame-at"   ? zandor::Ft601Fault::ShortFrame
+                                     : option == "--stall-at-frame" ? zandor::Ft601Fault::Stall
+                                                                    : zandor::Ft601Fault::OversizedFrame);
         } else if (option == "--replay") {
             replay = argv[++i];
         } else if (option == "--unplug-at-frame") {
@@ -124,12 +160,21 @@ int main(int argc, char** argv) {
         model->setSendsSound(sound);
         return model;
     };
+    // The new models' board sends the same picture and sound in its own order.
+    const auto makeFt601 = [&](std::unique_ptr<zandor::SimulatedBoard> source) {
+        auto board = std::make_unique<zandor::Ft601Model>(std::move(source), ft601Options);
+        for (const auto& [frame, fault] : ft601Faults) {
+            board->injectFault(frame, fault);
+        }
+        return board;
+    };
     auto model = makeModel(serials.front());
     if (!model) {
         return 2;
     }
     std::string error;
-    auto board = zandor::EmulatedBoard::create(std::move(model), error);
+    auto board = ft601 ? zandor::EmulatedBoard::create(makeFt601(std::move(model)), error)
+                       : zandor::EmulatedBoard::create(std::move(model), error);
     if (!board) {
         std::fprintf(stderr, "with-emulated-board: %s\n", error.c_str());
         return 2;
@@ -140,7 +185,8 @@ int main(int argc, char** argv) {
         if (!second) {
             return 2;
         }
-        beside = zandor::EmulatedBoard::createBeside(*board, std::move(second));
+        beside = ft601 ? zandor::EmulatedBoard::createBeside(*board, makeFt601(std::move(second)))
+                       : zandor::EmulatedBoard::createBeside(*board, std::move(second));
     }
     if (unplugAt >= 0) {
         board->unplugAtRequest(static_cast<uint64_t>(unplugAt), std::chrono::milliseconds(replugAfterMs));
