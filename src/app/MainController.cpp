@@ -5,6 +5,7 @@
 #include "MainWindowContentView.h"
 #include "NamedScreen.h"
 #include "RecoveryOffer.h"
+#include "SaveNotifier.h"
 #include "WindowGeometry.h"
 #include "base/Log.h"
 #include "base/Notifier.h"
@@ -14,8 +15,10 @@
 #include "layouts/CanvasBudget.h"
 #include "layouts/LayoutController.h"
 #include "layouts/PluginController.h"
+#include "recording/ImageRecorder.h"
 #include "recording/VideoRecorder.h"
 #include "ui/CapturePreferencesView.h"
+#include "ui/GeneralPreferencesView.h"
 #include "ui/Icons.h"
 #include "settings/Settings.h"
 #include "settings/PreferencesController.h"
@@ -25,6 +28,7 @@
 #include <QGuiApplication>
 #include <QLayout>
 #include <QScreen>
+#include <QStatusBar>
 
 #include <algorithm>
 
@@ -50,8 +54,18 @@ MainController::MainController(std::unique_ptr<Board> board)
 void MainController::sessionEvent(const session::Event& event) {
     if (std::holds_alternative<session::BoardConnection>(event)) {
         layoutView()->setNoSignal(m_session->isPlaying() && m_session->device()->isDisconnected());
-    } else if (std::holds_alternative<session::RecordingDone>(event)) {
+    } else if (const auto* done = std::get_if<session::RecordingDone>(&event)) {
         hideStatus();
+        for (const QString& path : done->made) {
+            m_notifier->fileSaved(QStringLiteral("Recording saved"), path);
+        }
+    } else if (const auto* shot = std::get_if<session::ScreenshotTaken>(&event)) {
+        for (const QString& path : shot->made) {
+            m_notifier->fileSaved(QStringLiteral("Screenshot saved"), path);
+        }
+        if (shot->error) {
+            saveFailed(QStringLiteral("Could not save the screenshot."), shot->message(), {});
+        }
     } else if (const auto* error = std::get_if<session::RecordingError>(&event)) {
         recordError(error->message());
     } else if (const auto* notice = std::get_if<session::RecordingNotice>(&event)) {
@@ -59,8 +73,10 @@ void MainController::sessionEvent(const session::Event& event) {
                        QStringLiteral("toolbar_record"));
     } else if (const auto* saved = std::get_if<session::ReplaySaved>(&event)) {
         if (saved->path.isEmpty()) {
-            displayMessage(QStringLiteral("Could not save the replay."), saved->message(), 0,
-                           QStringLiteral("toolbar_replay"));
+            saveFailed(QStringLiteral("Could not save the replay."), saved->message(),
+                       QStringLiteral("toolbar_replay"));
+        } else {
+            m_notifier->fileSaved(QStringLiteral("Replay saved"), saved->path);
         }
     } else if (const auto* camera = std::get_if<session::CameraFailed>(&event)) {
         cameraFailed(camera->reason());
@@ -71,8 +87,14 @@ void MainController::sessionEvent(const session::Event& event) {
     }
 }
 
+void MainController::saveFailed(const QString& title, const QString& text, const QString& image) {
+    logs::app.error("%s %s", qUtf8Printable(title), qUtf8Printable(text));
+    displayMessage(title, text, 0, image);
+}
+
 void MainController::applySettings() {
     m_session->apply(CaptureSettings::fromPreferences(m_preferences));
+    m_notifier->setEnabled(settings::notifyOnSave.read(m_preferences));
     updateSaveReplay();
 }
 
@@ -118,10 +140,18 @@ void MainController::awakeFromNib() {
     for (const QScreen* screen : QGuiApplication::screens()) {
         screenNames.append(NamedScreen::name(screen));
     }
+    m_generalPreferences = new GeneralPreferencesView;
     m_viewPreferences = new ViewPreferencesView(screenNames);
     m_capturePreferences = new CapturePreferencesView;
     m_preferencesWindow = std::make_unique<PreferencesWindow>(
-        QList<PreferencePane*>{m_viewPreferences, m_capturePreferences}, QStringLiteral("Preferences"));
+        QList<PreferencePane*>{m_generalPreferences, m_viewPreferences, m_capturePreferences},
+        QStringLiteral("Preferences"));
+
+    // Every file made is told to the desktop, or in the status bar where the desktop cannot say it.
+    m_notifier = std::make_unique<SaveNotifier>();
+    m_notifier->setEnabled(settings::notifyOnSave.read(m_preferences));
+    m_notifier->setFallback(
+        [this](const QString& line) { m_mainWindow->statusBar()->showMessage(line, 5000); });
 
     ::Ui::MainWindow& ui = m_mainWindow->ui;
     m_blinkTimer.setSingleShot(true);
@@ -236,10 +266,10 @@ QSize MainController::decoration() const {
     if (QLayout* layout = m_mainWindow->layout()) {
         layout->activate();
     }
-    // Menu bar and toolbar sit above the content, which spans the whole width. Measured from the
-    // content's place, which stays put while a resize of the window is still on its way, unlike
-    // the two sizes.
-    return QSize(0, mainView()->geometry().top());
+    // Menu bar and toolbar sit above the content, which spans the whole width, and the status bar
+    // below it. Measured from the content's place, which stays put while a resize of the window is
+    // still on its way, unlike the two sizes.
+    return QSize(0, mainView()->geometry().top() + m_mainWindow->statusBar()->sizeHint().height());
 }
 
 void MainController::setActiveLayout(const LayoutPtr& layout) {
@@ -347,6 +377,12 @@ void MainController::recordVideoAction() {
     }
     if (const Error failed = m_session->record()) {
         logs::app.error("Could not start recording video: %s", failed.logLine().c_str());
+        if (failed.step() == ImageRecorder::FolderStep || failed.step() == CaptureSession::FolderStep) {
+            saveFailed(QStringLiteral("Could not start recording video."),
+                       session::cannotWrite(m_session->settings().storageFolder, failed),
+                       QStringLiteral("toolbar_record"));
+            return;
+        }
         if (failed.systemCode() == ENOMEM) {
             displayMessage(QStringLiteral("Could not start recording video."),
                            QStringLiteral("The layouts to record would take their pictures beyond the %1 MB "
@@ -438,6 +474,12 @@ void MainController::offerRecovery() {
 
 void MainController::recoveryDone(const session::RecoveryDone& done) {
     hideStatus();
+    for (const QString& path : done.madePaths) {
+        m_notifier->fileSaved(QStringLiteral("Recording recovered"), path);
+    }
+    for (const QString& line : done.failed) {
+        logs::app.error("Could not recover %s", qUtf8Printable(line));
+    }
     const RecoveryOffer::Outcome outcome = RecoveryOffer::outcome(done);
     displayMessage(outcome.title, outcome.text, outcome.failed ? 2 : 1, QStringLiteral("toolbar_record"));
 }

@@ -27,6 +27,8 @@ class CaptureLayoutView;
 class LayoutController;
 class PreferencesController;
 class CapturePreferencesView;
+class GeneralPreferencesView;
+class SaveNotifier;
 class MainWindow;
 class MainWindowContentView;
 class PreferencesWindow;
@@ -70,6 +72,8 @@ public:
     void setVideoRecording(bool recording);
     void enableRecorders(bool enabled);
 
+    SaveNotifier& notifier() const { return *m_notifier; }
+
     // Whether the application may quit now; says why not.
     bool attemptExit();
 
@@ -102,6 +106,8 @@ private:
     // What the session reports, on the GUI thread.
     void sessionEvent(const session::Event& event);
     void recordError(const QString& message);
+    // A file could not be saved: the alert, and the same line in the log.
+    void saveFailed(const QString& title, const QString& text, const QString& image);
     void recoveryDone(const session::RecoveryDone& done);
     // The session takes the preferences as they are now.
     void applySettings();
@@ -127,9 +133,11 @@ private:
     std::unique_ptr<CaptureSession> m_session;
     std::unique_ptr<MainWindow> m_mainWindow;
     std::unique_ptr<PreferencesWindow> m_preferencesWindow;
+    GeneralPreferencesView* m_generalPreferences = nullptr; // owned by the preferences window
     ViewPreferencesView* m_viewPreferences = nullptr;       // owned by the preferences window
     CapturePreferencesView* m_capturePreferences = nullptr; // owned by the preferences window
     std::unique_ptr<QWidget> m_fullScreenWindow;
+    std::unique_ptr<SaveNotifier> m_notifier;
     bool m_cameraFailureShown = false;
     int m_preferencesObserver = 0;
     QTimer m_blinkTimer;

@@ -30,6 +30,7 @@
 #include <QAbstractButton>
 #include <QCheckBox>
 #include <QSpinBox>
+#include <QStatusBar>
 #include <QDir>
 #include <QMessageBox>
 #include <QPushButton>
@@ -212,7 +213,16 @@ TEST_F(MainControllerTest, PlayingShowsTheMovingPictureAndAScreenshotCanBeTakenU
 
     ui.screenshotItem->trigger();
     ASSERT_TRUE(m_controller->session().lastScreenshot()->waitUntilFinished(20s));
-    EXPECT_EQ(QDir(m_storage.path()).entryList({"Screenshot *.png"}, QDir::Files).size(), 1);
+    const QStringList shots = QDir(m_storage.path()).entryList({"Screenshot *.png"}, QDir::Files);
+    ASSERT_EQ(shots.size(), 1);
+    // No notification service on the test's bus: the status bar names the file instead.
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] {
+            return m_controller->mainWindow()->statusBar()->currentMessage() ==
+                   "Screenshot saved: " + shots[0];
+        },
+        20000))
+        << m_controller->mainWindow()->statusBar()->currentMessage().toStdString();
 
     ui.playPauseItem->trigger();
     EXPECT_EQ(ui.playPauseItem->text(), "Play");
@@ -441,12 +451,24 @@ TEST_F(MainControllerTest, ARecordingThatCannotWriteIsRefusedAndSaidSo) {
                                                     m_storage.path() + "/file/recordings");
     auto& ui = start();
     ui.playPauseItem->trigger();
+    LogCapture log;
     ui.recordItem->trigger();
     EXPECT_EQ(m_controller->session().recorder(), nullptr);
     EXPECT_EQ(ui.recordItem->text(), "Record");
     EXPECT_TRUE(ui.playPauseItem->isEnabled());
+    // The same cause in the same words for a recording and a screenshot, in the alert and the log.
+    const QString why = "Zandor cannot write to \"" + m_storage.path() +
+                        "/file/recordings\". A file is in "
+                        "the way of the folder.";
     ASSERT_EQ(alerts().size(), 1);
-    EXPECT_TRUE(alerts()[0].startsWith("Could not start recording video. | ")) << alerts()[0].toStdString();
+    EXPECT_EQ(alerts()[0], "Could not start recording video. | " + why);
+    ui.screenshotItem->trigger();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return alerts().size() == 2; }, 20000));
+    EXPECT_EQ(alerts()[1], "Could not save the screenshot. | " + why);
+    for (const QString& alert : alerts()) {
+        EXPECT_EQ(log.countPrefix(QString(alert).replace(" | ", " ").toStdString()), 1u)
+            << alert.toStdString();
+    }
 
     // Into a folder that can be written, but of a layout whose canvas, with the one on show, would
     // take more than all canvases may take together: refused before it starts, naming the budget.
@@ -457,10 +479,10 @@ TEST_F(MainControllerTest, ARecordingThatCannotWriteIsRefusedAndSaidSo) {
     ui.recordItem->trigger();
     CanvasBudget::instance().setLimit(limit);
     EXPECT_EQ(m_controller->session().recorder(), nullptr);
-    ASSERT_EQ(alerts().size(), 2);
-    EXPECT_TRUE(alerts()[1].startsWith("Could not start recording video. | The layouts to record would take "
+    ASSERT_EQ(alerts().size(), 3);
+    EXPECT_TRUE(alerts()[2].startsWith("Could not start recording video. | The layouts to record would take "
                                        "their pictures beyond the 2 MB "))
-        << alerts()[1].toStdString();
+        << alerts()[2].toStdString();
 }
 
 // The first conversion takes longer than the pipeline's threads are given, and goes on only once the
