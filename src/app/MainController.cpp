@@ -26,6 +26,7 @@
 #include "ui/ViewPreferencesView.h"
 
 #include <QGuiApplication>
+#include <QLabel>
 #include <QLayout>
 #include <QScreen>
 #include <QStatusBar>
@@ -152,6 +153,10 @@ void MainController::awakeFromNib() {
     m_notifier->setEnabled(settings::notifyOnSave.read(m_preferences));
     m_notifier->setFallback(
         [this](const QString& line) { m_mainWindow->statusBar()->showMessage(line, 5000); });
+    m_recordingClock = new QLabel(m_mainWindow.get());
+    m_recordingClock->setObjectName(QStringLiteral("recordingClock"));
+    m_recordingClock->hide();
+    m_mainWindow->statusBar()->addPermanentWidget(m_recordingClock);
 
     ::Ui::MainWindow& ui = m_mainWindow->ui;
     m_blinkTimer.setSingleShot(true);
@@ -373,6 +378,7 @@ void MainController::recordVideoAction() {
     if (m_session->isRecording()) {
         displayStatus(QStringLiteral("Finalizing video..."));
         m_session->stopRecording();
+        updateRecordingClock();
         return;
     }
     if (const Error failed = m_session->record()) {
@@ -418,6 +424,7 @@ void MainController::setVideoRecording(bool recording) {
     }
     m_mainWindow->ui.playPauseItem->setEnabled(false);
     m_mainWindow->ui.recordItem->setText(QStringLiteral("Stop"));
+    m_recordingTime.start();
     m_blinkPhase = false;
     blinkRecording();
 }
@@ -426,6 +433,7 @@ void MainController::blinkRecording() {
     // Follows the current recorder, so a recording started while an earlier one still finalises
     // keeps its items when the earlier one ends.
     QAction* record = m_mainWindow->ui.recordItem;
+    updateRecordingClock();
     if (!m_session->recorder() || m_session->recorder()->isDone()) {
         m_blinkTimer.stop();
         record->setIcon(icon(QStringLiteral("toolbar_record")));
@@ -437,6 +445,20 @@ void MainController::blinkRecording() {
     // The plain image shows 0.7 s, the other 0.5 s.
     m_blinkTimer.start(m_blinkPhase ? 500 : 700);
     m_blinkPhase = !m_blinkPhase;
+}
+
+void MainController::updateRecordingClock() {
+    if (!m_session->isRecording()) {
+        m_recordingClock->hide();
+        m_recordingClock->clear();
+        m_mainWindow->setWindowTitle(QStringLiteral("Zandor"));
+        return;
+    }
+    const qint64 seconds = m_recordingTime.elapsed() / 1000;
+    const QString time = QString::asprintf("%02lld:%02lld", seconds / 60, seconds % 60);
+    m_recordingClock->setText(time);
+    m_recordingClock->show();
+    m_mainWindow->setWindowTitle(QStringLiteral("Zandor - Recording %1").arg(time));
 }
 
 void MainController::recordError(const QString& message) {

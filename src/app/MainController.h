@@ -4,6 +4,7 @@
 #include "layouts/Plugin.h"
 #include "session/CaptureSession.h"
 
+#include <QElapsedTimer>
 #include <QObject>
 #include <QPointer>
 #include <QRect>
@@ -16,6 +17,7 @@
 class QAction;
 class QDialog;
 class QKeyEvent;
+class QLabel;
 class QWidget;
 namespace Ui {
 class StatusSheet;
@@ -117,6 +119,8 @@ private:
     // One step of the record button's blinking while the current video recorder is not done; puts
     // the items back once it is.
     void blinkRecording();
+    // The time recorded, in the status bar and the title, while a recording runs; gone otherwise.
+    void updateRecordingClock();
     void recoverBundles(const QStringList& bundles);
     // Save Replay is there while the session has a replay to save.
     void updateSaveReplay();
@@ -141,6 +145,8 @@ private:
     bool m_cameraFailureShown = false;
     int m_preferencesObserver = 0;
     QTimer m_blinkTimer;
+    QElapsedTimer m_recordingTime;
+    QLabel* m_recordingClock = nullptr; // owned by the status bar
     bool m_blinkPhase = false;
     QSize m_windowDecoration; // measured when the content went to full screen
 };

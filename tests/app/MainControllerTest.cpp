@@ -29,6 +29,8 @@
 
 #include <QAbstractButton>
 #include <QCheckBox>
+#include <QLabel>
+#include <QRegularExpression>
 #include <QSpinBox>
 #include <QStatusBar>
 #include <QDir>
@@ -443,6 +445,33 @@ TEST_F(MainControllerTest, TheRecordButtonFollowsTheRecordingStartedWhileAnother
     EXPECT_TRUE(ui.playPauseItem->isEnabled());
     EXPECT_TRUE(m_controller->attemptExit());
     EXPECT_EQ(QDir(m_storage.path()).entryList({"Capture *.mp4"}, QDir::Files).size(), 2);
+}
+
+TEST_F(MainControllerTest, WhileRecordingTheStatusBarAndTheTitleShowTheTimeRecorded) {
+    auto& ui = startRecordingWith("");
+    auto* window = m_controller->mainWindow();
+    auto* clock = window->findChild<QLabel*>("recordingClock");
+    ASSERT_NE(clock, nullptr);
+    EXPECT_FALSE(clock->isVisible());
+    EXPECT_EQ(window->windowTitle(), "Zandor");
+
+    ui.recordItem->trigger();
+    EXPECT_TRUE(clock->isVisible());
+    EXPECT_EQ(clock->text(), "00:00");
+    EXPECT_EQ(window->windowTitle(), "Zandor - Recording 00:00");
+    // The clock goes on by itself; both say the same time.
+    ASSERT_TRUE(QTest::qWaitFor([&] { return clock->text() != "00:00"; }, 20000));
+    EXPECT_TRUE(QRegularExpression("^00:[0-5][0-9]$").match(clock->text()).hasMatch())
+        << clock->text().toStdString();
+    EXPECT_EQ(window->windowTitle(), "Zandor - Recording " + clock->text());
+
+    const auto recorder = m_controller->session().recorder();
+    ui.recordItem->trigger();
+    EXPECT_FALSE(clock->isVisible()) << "gone when the recording stops, not when it is finalised";
+    EXPECT_EQ(window->windowTitle(), "Zandor");
+    ASSERT_TRUE(recorder->waitUntilFinished(60s));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return ui.recordItem->text() == "Record"; }, 20000));
+    EXPECT_EQ(window->windowTitle(), "Zandor");
 }
 
 TEST_F(MainControllerTest, ARecordingThatCannotWriteIsRefusedAndSaidSo) {
