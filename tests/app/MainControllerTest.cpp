@@ -279,6 +279,14 @@ TEST_F(MainControllerTest, TheReplayBufferFollowsThePictureAndTheSettingAndSaves
         [&] { return QDir(chosenLater.path()).entryList({"Replay *.mp4"}, QDir::Files).size() == 1; },
         20000));
     EXPECT_TRUE(alerts().isEmpty()) << alerts().join("; ").toStdString();
+    // A folder that cannot be made is said as a recording or a screenshot says it.
+    ASSERT_TRUE(test::writeFile(chosenLater.path() + "/file"));
+    PreferencesController::instance().setPreference(settings::storageFolder.key,
+                                                    chosenLater.path() + "/file/in");
+    ui.saveReplayItem->trigger();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !alerts().isEmpty(); }, 20000));
+    EXPECT_EQ(alerts(), QStringList{"Could not save the replay. | Zandor cannot write to \"" +
+                                    chosenLater.path() + "/file/in\". A file is in the way of the folder."});
     ui.playPauseItem->trigger();
     EXPECT_NE(m_controller->session().replayBuffer(), kept) << "Play starts the buffer afresh";
 }
@@ -620,6 +628,20 @@ TEST_F(MainControllerTest, RecordingsAKilledRunLeftAreOfferedToBeRecoveredOrDele
     }
     EXPECT_FALSE(QFileInfo::exists(another));
     EXPECT_TRUE(QFileInfo::exists(m_storage.path() + "/Capture 01_02_2026 10_00_00.mp4"));
+
+    // A bundle whose movie is not one: said in words, the library's own in the log alone.
+    const QString damaged = m_storage.path() + "/Capture 01_02_2026 14_00_00.zdrecord";
+    ASSERT_TRUE(QDir().mkpath(damaged));
+    ASSERT_TRUE(test::writeFile(damaged + "/VideoTop.mov", QByteArray(4096, 'x')));
+    dialog = offered();
+    ASSERT_NE(dialog, nullptr);
+    LogCapture log;
+    dialog->defaultButton()->click();
+    const QString failed = "Could not recover every recording. | Capture 01_02_2026 14_00_00.zdrecord: It "
+                           "holds no recording that can be played.";
+    EXPECT_TRUE(QTest::qWaitFor([&] { return alerts().contains(failed); }, 60000))
+        << alerts().join("\n").toStdString();
+    EXPECT_EQ(log.countPrefix("Could not recover " + damaged.toStdString() + ": "), 1u);
 }
 
 } // namespace
