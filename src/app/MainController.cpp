@@ -5,6 +5,7 @@
 #include "MainWindowContentView.h"
 #include "NamedScreen.h"
 #include "RecoveryOffer.h"
+#include "GlobalShortcuts.h"
 #include "SaveNotifier.h"
 #include "WindowGeometry.h"
 #include "base/Log.h"
@@ -157,6 +158,7 @@ void MainController::awakeFromNib() {
     m_recordingClock->setObjectName(QStringLiteral("recordingClock"));
     m_recordingClock->hide();
     m_mainWindow->statusBar()->addPermanentWidget(m_recordingClock);
+    startGlobalShortcuts();
 
     ::Ui::MainWindow& ui = m_mainWindow->ui;
     m_blinkTimer.setSingleShot(true);
@@ -196,6 +198,27 @@ void MainController::awakeFromNib() {
                     installedPlugin(object.value<PluginPtr>());
                 }
             });
+}
+
+void MainController::startGlobalShortcuts() {
+    m_globalShortcuts = std::make_unique<GlobalShortcuts>(QList<GlobalShortcuts::Shortcut>{
+        {QStringLiteral("save-replay"), QStringLiteral("Save Replay"), QStringLiteral("LOGO+ALT+S")},
+        {QStringLiteral("record"), QStringLiteral("Record"), QStringLiteral("LOGO+ALT+R")},
+        {QStringLiteral("screenshot"), QStringLiteral("Screenshot"), QStringLiteral("LOGO+ALT+F12")}});
+    connect(m_globalShortcuts.get(), &GlobalShortcuts::stateChanged, this,
+            [this] { m_generalPreferences->setGlobalShortcutsNote(m_globalShortcuts->note()); });
+    // Each does what its item does, when its item may.
+    connect(m_globalShortcuts.get(), &GlobalShortcuts::activated, this, [this](const QString& id) {
+        ::Ui::MainWindow& ui = m_mainWindow->ui;
+        QAction* item = id == QLatin1String("save-replay")  ? ui.saveReplayItem
+                        : id == QLatin1String("record")     ? ui.recordItem
+                        : id == QLatin1String("screenshot") ? ui.screenshotItem
+                                                            : nullptr;
+        if (item && item->isEnabled()) {
+            item->trigger();
+        }
+    });
+    m_globalShortcuts->start();
 }
 
 void MainController::setupView() {

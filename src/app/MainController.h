@@ -30,6 +30,7 @@ class LayoutController;
 class PreferencesController;
 class CapturePreferencesView;
 class GeneralPreferencesView;
+class GlobalShortcuts;
 class SaveNotifier;
 class MainWindow;
 class MainWindowContentView;
@@ -75,6 +76,7 @@ public:
     void enableRecorders(bool enabled);
 
     SaveNotifier& notifier() const { return *m_notifier; }
+    GlobalShortcuts& globalShortcuts() const { return *m_globalShortcuts; }
 
     // Whether the application may quit now; says why not.
     bool attemptExit();
@@ -121,6 +123,8 @@ private:
     void blinkRecording();
     // The time recorded, in the status bar and the title, while a recording runs; gone otherwise.
     void updateRecordingClock();
+    // Asks the desktop to bind Save Replay, Record and Screenshot as global shortcuts.
+    void startGlobalShortcuts();
     void recoverBundles(const QStringList& bundles);
     // Save Replay is there while the session has a replay to save.
     void updateSaveReplay();
@@ -142,6 +146,7 @@ private:
     CapturePreferencesView* m_capturePreferences = nullptr; // owned by the preferences window
     std::unique_ptr<QWidget> m_fullScreenWindow;
     std::unique_ptr<SaveNotifier> m_notifier;
+    std::unique_ptr<GlobalShortcuts> m_globalShortcuts;
     bool m_cameraFailureShown = false;
     int m_preferencesObserver = 0;
     QTimer m_blinkTimer;

@@ -1,5 +1,7 @@
 #include "SaveNotifier.h"
 
+#include "DesktopBus.h"
+
 #include "base/Log.h"
 
 #include <QDBusMetaType>
@@ -31,20 +33,13 @@ void callAsync(const QDBusConnection& bus, const QDBusMessage& call, QObject* co
     });
 }
 
-QDBusConnection connectTo(const QString& address, const QString& name) {
-    // Read now, not when the process first met a bus: libdbus keeps the address it read first.
-    const QString session = address.isEmpty() ? qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS") : address;
-    return session.isEmpty() ? QDBusConnection::connectToBus(QDBusConnection::SessionBus, name)
-                             : QDBusConnection::connectToBus(session, name);
-}
-
 int g_connections = 0;
 
 } // namespace
 
 SaveNotifier::SaveNotifier(const QString& busAddress, bool sandboxed, QObject* parent)
     : QObject(parent), m_busName(QStringLiteral("zandor-notifier-%1").arg(++g_connections)),
-      m_bus(connectTo(busAddress, m_busName)), m_sandboxed(sandboxed) {
+      m_bus(desktop_bus::connect(busAddress, m_busName)), m_sandboxed(sandboxed) {
     if (m_sandboxed) {
         qDBusRegisterMetaType<QList<QVariantMap>>();
         m_bus.connect(PortalService, PortalPath, PortalInterface, QStringLiteral("ActionInvoked"), this,

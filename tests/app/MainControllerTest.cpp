@@ -86,6 +86,7 @@ protected:
         preferences.setPreference(settings::gameAudioInput.key, "None");
         preferences.setPreference(settings::narratorAudioInput.key, "None");
         preferences.setPreference(settings::replayBuffer.key, false);
+        preferences.setPreference(settings::notifyOnSave.key, true);
     }
     void TearDown() override {
         stop();
@@ -540,6 +541,23 @@ TEST_F(MainControllerTest, QuittingWaitsForEveryRecordingStillFinalising) {
     stop();
     EXPECT_TRUE(recorders[0]->isDone());
     EXPECT_EQ(QDir(m_storage.path()).entryList({"*.mp4"}, QDir::Files).size(), 2);
+}
+
+TEST_F(MainControllerTest, TheGeneralPaneTurnsNotificationsOffAndSaysWhenTheDesktopBindsNoShortcuts) {
+    start();
+    auto* window = m_controller->preferencesWindow();
+    auto* notify = window->findChild<QCheckBox*>("notifyCheckBox");
+    ASSERT_NE(notify, nullptr);
+    EXPECT_TRUE(notify->isChecked()) << "on by default";
+    notify->click();
+    EXPECT_FALSE(settings::notifyOnSave.read(PreferencesController::instance()));
+    // No portal on the test's bus: the window's own keys are all there is, and the pane says so.
+    auto* note = window->findChild<QLabel*>("globalShortcutsNote");
+    ASSERT_NE(note, nullptr);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !note->text().isEmpty(); }, 20000));
+    EXPECT_TRUE(note->text().startsWith("The desktop offers no global shortcuts"))
+        << note->text().toStdString();
+    notify->click();
 }
 
 TEST_F(MainControllerTest, TheFirstRunShowsTheAboutWindowOnce) {

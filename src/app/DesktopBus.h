@@ -1,0 +1,12 @@
+#pragma once
+
+#include <QDBusConnection>
+#include <QString>
+
+namespace zandor::desktop_bus {
+
+// A connection of its own, named `name`, to the session bus at `address`, by default the one of
+// DBUS_SESSION_BUS_ADDRESS as it is now. Its owner ends it with QDBusConnection::disconnectFromBus.
+QDBusConnection connect(const QString& address, const QString& name);
+
+} // namespace zandor::desktop_bus
