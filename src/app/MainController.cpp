@@ -275,15 +275,28 @@ QRect MainController::keepLowerLeft(QSize size) const {
         return QRect(old.topLeft(), size); // not placed yet: the desktop places it when shown
     }
     QRect frame(old.left(), old.top() + old.height() - size.height(), size.width(), size.height());
-    // Keep the window on its screen as far as it fits, the title bar above all.
-    if (const QScreen* screen = m_mainWindow->screen()) {
-        const QRect available = screen->availableGeometry();
-        if (frame.bottom() > available.bottom()) {
-            frame.moveBottom(available.bottom());
-        }
+    // Keep the window on its screen as far as it fits, the title bar and the left edge above all.
+    if (const QRect available = usableArea(); available.isValid()) {
+        frame.moveBottom(std::min(frame.bottom(), available.bottom()));
         frame.moveTop(std::max(frame.top(), available.top()));
+        frame.moveRight(std::min(frame.right(), available.right()));
+        frame.moveLeft(std::max(frame.left(), available.left()));
     }
     return frame;
+}
+
+QRect MainController::usableArea() const {
+    const QScreen* screen = m_mainWindow->screen();
+    if (!screen) {
+        return {};
+    }
+    // The window manager's frame (title bar, borders) around the window takes its part of the
+    // screen too; it is known once the window is shown.
+    const QRect outer = m_mainWindow->frameGeometry();
+    const QRect inner = m_mainWindow->geometry();
+    return screen->availableGeometry().adjusted(inner.left() - outer.left(), inner.top() - outer.top(),
+                                                inner.right() - outer.right(),
+                                                inner.bottom() - outer.bottom());
 }
 
 QSize MainController::decoration() const {
@@ -306,9 +319,13 @@ void MainController::setActiveLayout(const LayoutPtr& layout) {
     }
     m_session->setLayout(layout);
 
-    // The window's content takes the layout's natural size; its lower-left corner stays put.
+    // The window's content takes the layout's natural size, or the largest of its proportions that
+    // fits the screen; its lower-left corner stays put.
     const QSize natural(static_cast<int>(layout->width()), static_cast<int>(layout->height()));
-    const QSize frameSize = natural + decoration();
+    const QSize content = layout->isResizable() ? WindowGeometry::fitContent(natural, natural, decoration(),
+                                                                             usableArea().size())
+                                                : natural;
+    const QSize frameSize = content + decoration();
     const QRect frame = keepLowerLeft(frameSize);
 
     updateBackground();
@@ -383,6 +400,7 @@ void MainController::cameraFailed(const QString& reason) {
 }
 
 void MainController::setPlayPause(bool showPlay) {
+    layoutView()->setIdle(showPlay);
     QAction* item = m_mainWindow->ui.playPauseItem;
     item->setIcon(icon(showPlay ? QStringLiteral("toolbar_play") : QStringLiteral("toolbar_pause")));
     item->setText(showPlay ? QStringLiteral("Play") : QStringLiteral("Pause"));
@@ -570,7 +588,7 @@ QSize MainController::windowWillResize(QSize proposed) {
     const QSize decor = decoration();
     // Our windows have no side borders: the proposed width is the content's width.
     return WindowGeometry::sizeForResize(QSize(proposed.width() - decor.width(), proposed.height()), decor,
-                                         natural, activeLayout()->isResizable());
+                                         natural, activeLayout()->isResizable(), usableArea().size());
 }
 
 void MainController::updateLayoutViewFrame() {
@@ -598,8 +616,10 @@ void MainController::selectSizeAction(QAction* item) {
         return;
     }
     const int scale = item->data().toInt();
-    const QSize content(static_cast<int>(activeLayout()->width()) * scale,
-                        static_cast<int>(activeLayout()->height()) * scale);
+    const QSize natural(static_cast<int>(activeLayout()->width()),
+                        static_cast<int>(activeLayout()->height()));
+    const QSize content =
+        WindowGeometry::fitContent(natural * scale, natural, decoration(), usableArea().size());
     m_mainWindow->place(keepLowerLeft(content + decoration()));
     updateLayoutViewFrame();
 }

@@ -133,6 +133,8 @@ private:
     QSize decoration() const;
     // A window frame of the given size whose lower-left corner stays where the window's is.
     QRect keepLowerLeft(QSize size) const;
+    // Where the window may go on its screen: the available area less the window manager's frame.
+    QRect usableArea() const;
     MainWindowContentView* mainView() const;
     CaptureLayoutView* layoutView() const;
 

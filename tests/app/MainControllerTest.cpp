@@ -205,7 +205,18 @@ TEST_F(MainControllerTest, WhileTheBoardIsAwayThePictureSaysSoUntilItIsBackOrPau
 
 TEST_F(MainControllerTest, PlayingShowsTheMovingPictureAndAScreenshotCanBeTakenUntilPaused) {
     auto& ui = start();
+    // Before Play the black view says how to start, in its light grey.
+    const QImage idle = ui.layoutView->grab().toImage().convertToFormat(QImage::Format_RGB32);
+    int light = 0;
+    for (int y = 0; y < idle.height(); ++y) {
+        for (int x = 0; x < idle.width(); ++x) {
+            light += (idle.pixel(x, y) & 0xffffff) == 0xe0e0e0;
+        }
+    }
+    EXPECT_TRUE(ui.layoutView->showsIdle());
+    EXPECT_GT(light, 0);
     ui.playPauseItem->trigger();
+    EXPECT_FALSE(ui.layoutView->showsIdle());
     EXPECT_EQ(ui.playPauseItem->text(), "Pause");
     QSignalSpy frames(ui.layoutView, &CaptureLayoutView::frameReceived);
     ASSERT_TRUE(frames.wait(20000));
@@ -229,6 +240,7 @@ TEST_F(MainControllerTest, PlayingShowsTheMovingPictureAndAScreenshotCanBeTakenU
 
     ui.playPauseItem->trigger();
     EXPECT_EQ(ui.playPauseItem->text(), "Play");
+    EXPECT_TRUE(ui.layoutView->showsIdle());
     EXPECT_FALSE(m_controller->session().device()->isListening());
     EXPECT_FALSE(ui.screenshotItem->isEnabled() || ui.recordItem->isEnabled());
 }
@@ -399,10 +411,13 @@ TEST_F(MainControllerTest, CaptureFollowsTheChosenLayoutOrBothScreens) {
     EXPECT_EQ(layouts[0]->name() + layouts[1]->name(), "TopBottom");
 }
 
+// The test's screen is 800 by 800 pixels, all of it available.
 TEST_F(MainControllerTest, ALayoutChangeOrASizeStepResizesTheWindowAlsoFromFullScreen) {
     auto& ui = start();
     auto* window = m_controller->mainWindow();
-    window->move(100, 200);
+    const QRect screen = window->screen()->availableGeometry();
+    ASSERT_EQ(screen.size(), QSize(800, 800));
+    window->move(40, 60);
     const QRect before = window->geometry();
     const QSize decoration = window->size() - ui.mainView->size();
     EXPECT_EQ(ui.mainView->size(), QSize(400, 480));
@@ -416,12 +431,25 @@ TEST_F(MainControllerTest, ALayoutChangeOrASizeStepResizesTheWindowAlsoFromFullS
     EXPECT_NE(ui.mainView->window(), window) << "the picture has a window of its own";
     m_controller->setActiveLayout(LayoutController::instance().layoutNamed("Side by Side"));
     EXPECT_EQ(window->size(), QSize(720, 240) + decoration);
+    // Twice 720 by 240 is wider than the screen: the largest of those proportions that fits.
+    // The window manager's frame takes its part of the screen's width.
+    const int width = 800 - (window->frameGeometry().width() - window->width());
     ui.sizeDoubleItem->trigger();
-    EXPECT_EQ(window->size(), QSize(1440, 480) + decoration);
+    EXPECT_EQ(window->size(), QSize(width, width / 3) + decoration);
     QTest::keyClick(ui.mainView, Qt::Key_Escape);
     EXPECT_FALSE(m_controller->isFullScreen());
-    EXPECT_EQ(ui.mainView->size(), QSize(1440, 480)) << "not the old layout's window, letterboxed";
-    EXPECT_TRUE(ui.sizeDoubleItem->isChecked() && !ui.sizeOriginalItem->isChecked());
+    EXPECT_EQ(ui.mainView->size(), QSize(width, width / 3)) << "not the old layout's window, letterboxed";
+    EXPECT_TRUE(screen.contains(window->frameGeometry()));
+    EXPECT_FALSE(ui.sizeDoubleItem->isChecked() || ui.sizeOriginalItem->isChecked());
+
+    // A layout larger than the screen at its natural size fits it too, in its proportions, and so
+    // does a resize beyond the screen.
+    m_controller->setActiveLayout(LayoutController::instance().layoutNamed("Stream 720p"));
+    const QSize fitted(width, width * 720 / 1280);
+    EXPECT_EQ(ui.mainView->size(), fitted);
+    EXPECT_TRUE(screen.contains(window->frameGeometry())) << window->frameGeometry().x();
+    EXPECT_EQ(m_controller->windowWillResize({1600, 1000}), fitted + decoration);
+    EXPECT_EQ(m_controller->windowWillResize({200, 100}), fitted + decoration) << "no smaller either";
 }
 
 TEST_F(MainControllerTest, TheRecordButtonFollowsTheRecordingStartedWhileAnotherFinalises) {
