@@ -53,19 +53,26 @@ void CaptureLayoutView::setNoSignal(bool noSignal) {
     }
 }
 
-void CaptureLayoutView::drawNoSignal(QPainter& painter) {
+void CaptureLayoutView::setIdle(bool idle) {
+    if (idle != m_idle) {
+        m_idle = idle;
+        update();
+    }
+}
+
+void CaptureLayoutView::drawLine(QPainter& painter, const QString& text) {
     // A size that reads well at the view's height, smaller where the line would not fit across.
     QFont font = painter.font();
     const int size = std::clamp(height() / 24, 10, 48);
     font.setPixelSize(size);
     const int room = width() * 9 / 10;
-    const int advance = QFontMetrics(font).horizontalAdvance(NoSignalText);
+    const int advance = QFontMetrics(font).horizontalAdvance(text);
     if (advance > room) {
         font.setPixelSize(std::max(8, size * room / advance));
     }
     painter.setFont(font);
     painter.setPen(QColor(0xe0, 0xe0, 0xe0));
-    painter.drawText(rect(), Qt::AlignCenter, NoSignalText);
+    painter.drawText(rect(), Qt::AlignCenter, text);
 }
 
 void CaptureLayoutView::paintEvent(QPaintEvent*) {
@@ -78,7 +85,9 @@ void CaptureLayoutView::paintEvent(QPaintEvent*) {
     if (!frame || !layout || frame->size() < layout->size() || pixels.isEmpty()) {
         painter.fillRect(rect(), Qt::black);
         if (m_noSignal) {
-            drawNoSignal(painter);
+            drawLine(painter, NoSignalText);
+        } else if (m_idle) {
+            drawLine(painter, IdleText);
         }
         return;
     }
@@ -97,7 +106,7 @@ void CaptureLayoutView::paintEvent(QPaintEvent*) {
         painter.drawImage(QPoint(0, 0), m_scaled);
     }
     if (m_noSignal) {
-        drawNoSignal(painter);
+        drawLine(painter, NoSignalText);
     }
 }
 

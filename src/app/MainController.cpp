@@ -5,6 +5,8 @@
 #include "MainWindowContentView.h"
 #include "NamedScreen.h"
 #include "RecoveryOffer.h"
+#include "GlobalShortcuts.h"
+#include "SaveNotifier.h"
 #include "WindowGeometry.h"
 #include "base/Log.h"
 #include "base/Notifier.h"
@@ -14,8 +16,10 @@
 #include "layouts/CanvasBudget.h"
 #include "layouts/LayoutController.h"
 #include "layouts/PluginController.h"
+#include "recording/ImageRecorder.h"
 #include "recording/VideoRecorder.h"
 #include "ui/CapturePreferencesView.h"
+#include "ui/GeneralPreferencesView.h"
 #include "ui/Icons.h"
 #include "settings/Settings.h"
 #include "settings/PreferencesController.h"
@@ -24,9 +28,11 @@
 
 #include <QAudioDevice>
 #include <QGuiApplication>
+#include <QLabel>
 #include <QMediaDevices>
 #include <QLayout>
 #include <QScreen>
+#include <QStatusBar>
 
 #include <algorithm>
 
@@ -53,8 +59,18 @@ void MainController::sessionEvent(const session::Event& event) {
     if (std::holds_alternative<session::BoardConnection>(event)) {
         layoutView()->setNoSignal(m_session->isPlaying() && m_session->device()->isDisconnected());
         update3DItem();
-    } else if (std::holds_alternative<session::RecordingDone>(event)) {
+    } else if (const auto* done = std::get_if<session::RecordingDone>(&event)) {
         hideStatus();
+        for (const QString& path : done->made) {
+            m_notifier->fileSaved(QStringLiteral("Recording saved"), path);
+        }
+    } else if (const auto* shot = std::get_if<session::ScreenshotTaken>(&event)) {
+        for (const QString& path : shot->made) {
+            m_notifier->fileSaved(QStringLiteral("Screenshot saved"), path);
+        }
+        if (shot->error) {
+            saveFailed(QStringLiteral("Could not save the screenshot."), shot->message(), {});
+        }
     } else if (const auto* error = std::get_if<session::RecordingError>(&event)) {
         recordError(error->message());
     } else if (const auto* notice = std::get_if<session::RecordingNotice>(&event)) {
@@ -62,8 +78,10 @@ void MainController::sessionEvent(const session::Event& event) {
                        QStringLiteral("toolbar_record"));
     } else if (const auto* saved = std::get_if<session::ReplaySaved>(&event)) {
         if (saved->path.isEmpty()) {
-            displayMessage(QStringLiteral("Could not save the replay."), saved->message(), 0,
-                           QStringLiteral("toolbar_replay"));
+            saveFailed(QStringLiteral("Could not save the replay."), saved->message(),
+                       QStringLiteral("toolbar_replay"));
+        } else {
+            m_notifier->fileSaved(QStringLiteral("Replay saved"), saved->path);
         }
     } else if (const auto* camera = std::get_if<session::CameraFailed>(&event)) {
         cameraFailed(camera->reason());
@@ -107,8 +125,14 @@ void MainController::audioInputsChanged() {
     applySettings();
 }
 
+void MainController::saveFailed(const QString& title, const QString& text, const QString& image) {
+    logs::app.error("%s %s", qUtf8Printable(title), qUtf8Printable(text));
+    displayMessage(title, text, 0, image);
+}
+
 void MainController::applySettings() {
     m_session->apply(CaptureSettings::fromPreferences(m_preferences));
+    m_notifier->setEnabled(settings::notifyOnSave.read(m_preferences));
     updateSaveReplay();
 }
 
@@ -154,10 +178,23 @@ void MainController::awakeFromNib() {
     for (const QScreen* screen : QGuiApplication::screens()) {
         screenNames.append(NamedScreen::name(screen));
     }
+    m_generalPreferences = new GeneralPreferencesView;
     m_viewPreferences = new ViewPreferencesView(screenNames);
     m_capturePreferences = new CapturePreferencesView;
     m_preferencesWindow = std::make_unique<PreferencesWindow>(
-        QList<PreferencePane*>{m_viewPreferences, m_capturePreferences}, QStringLiteral("Preferences"));
+        QList<PreferencePane*>{m_generalPreferences, m_viewPreferences, m_capturePreferences},
+        QStringLiteral("Preferences"));
+
+    // Every file made is told to the desktop, or in the status bar where the desktop cannot say it.
+    m_notifier = std::make_unique<SaveNotifier>();
+    m_notifier->setEnabled(settings::notifyOnSave.read(m_preferences));
+    m_notifier->setFallback(
+        [this](const QString& line) { m_mainWindow->statusBar()->showMessage(line, 5000); });
+    m_recordingClock = new QLabel(m_mainWindow.get());
+    m_recordingClock->setObjectName(QStringLiteral("recordingClock"));
+    m_recordingClock->hide();
+    m_mainWindow->statusBar()->addPermanentWidget(m_recordingClock);
+    startGlobalShortcuts();
 
     ::Ui::MainWindow& ui = m_mainWindow->ui;
     m_blinkTimer.setSingleShot(true);
@@ -209,6 +246,27 @@ void MainController::awakeFromNib() {
                     installedPlugin(object.value<PluginPtr>());
                 }
             });
+}
+
+void MainController::startGlobalShortcuts() {
+    m_globalShortcuts = std::make_unique<GlobalShortcuts>(QList<GlobalShortcuts::Shortcut>{
+        {QStringLiteral("save-replay"), QStringLiteral("Save Replay"), QStringLiteral("LOGO+ALT+S")},
+        {QStringLiteral("record"), QStringLiteral("Record"), QStringLiteral("LOGO+ALT+R")},
+        {QStringLiteral("screenshot"), QStringLiteral("Screenshot"), QStringLiteral("LOGO+ALT+F12")}});
+    connect(m_globalShortcuts.get(), &GlobalShortcuts::stateChanged, this,
+            [this] { m_generalPreferences->setGlobalShortcutsNote(m_globalShortcuts->note()); });
+    // Each does what its item does, when its item may.
+    connect(m_globalShortcuts.get(), &GlobalShortcuts::activated, this, [this](const QString& id) {
+        ::Ui::MainWindow& ui = m_mainWindow->ui;
+        QAction* item = id == QLatin1String("save-replay")  ? ui.saveReplayItem
+                        : id == QLatin1String("record")     ? ui.recordItem
+                        : id == QLatin1String("screenshot") ? ui.screenshotItem
+                                                            : nullptr;
+        if (item && item->isEnabled()) {
+            item->trigger();
+        }
+    });
+    m_globalShortcuts->start();
 }
 
 void MainController::setupView() {
@@ -265,15 +323,28 @@ QRect MainController::keepLowerLeft(QSize size) const {
         return QRect(old.topLeft(), size); // not placed yet: the desktop places it when shown
     }
     QRect frame(old.left(), old.top() + old.height() - size.height(), size.width(), size.height());
-    // Keep the window on its screen as far as it fits, the title bar above all.
-    if (const QScreen* screen = m_mainWindow->screen()) {
-        const QRect available = screen->availableGeometry();
-        if (frame.bottom() > available.bottom()) {
-            frame.moveBottom(available.bottom());
-        }
+    // Keep the window on its screen as far as it fits, the title bar and the left edge above all.
+    if (const QRect available = usableArea(); available.isValid()) {
+        frame.moveBottom(std::min(frame.bottom(), available.bottom()));
         frame.moveTop(std::max(frame.top(), available.top()));
+        frame.moveRight(std::min(frame.right(), available.right()));
+        frame.moveLeft(std::max(frame.left(), available.left()));
     }
     return frame;
+}
+
+QRect MainController::usableArea() const {
+    const QScreen* screen = m_mainWindow->screen();
+    if (!screen) {
+        return {};
+    }
+    // The window manager's frame (title bar, borders) around the window takes its part of the
+    // screen too; it is known once the window is shown.
+    const QRect outer = m_mainWindow->frameGeometry();
+    const QRect inner = m_mainWindow->geometry();
+    return screen->availableGeometry().adjusted(inner.left() - outer.left(), inner.top() - outer.top(),
+                                                inner.right() - outer.right(),
+                                                inner.bottom() - outer.bottom());
 }
 
 QSize MainController::decoration() const {
@@ -284,10 +355,10 @@ QSize MainController::decoration() const {
     if (QLayout* layout = m_mainWindow->layout()) {
         layout->activate();
     }
-    // Menu bar and toolbar sit above the content, which spans the whole width. Measured from the
-    // content's place, which stays put while a resize of the window is still on its way, unlike
-    // the two sizes.
-    return QSize(0, mainView()->geometry().top());
+    // Menu bar and toolbar sit above the content, which spans the whole width, and the status bar
+    // below it. Measured from the content's place, which stays put while a resize of the window is
+    // still on its way, unlike the two sizes.
+    return QSize(0, mainView()->geometry().top() + m_mainWindow->statusBar()->sizeHint().height());
 }
 
 void MainController::setActiveLayout(const LayoutPtr& layout) {
@@ -296,9 +367,13 @@ void MainController::setActiveLayout(const LayoutPtr& layout) {
     }
     m_session->setLayout(layout);
 
-    // The window's content takes the layout's natural size; its lower-left corner stays put.
+    // The window's content takes the layout's natural size, or the largest of its proportions that
+    // fits the screen; its lower-left corner stays put.
     const QSize natural(static_cast<int>(layout->width()), static_cast<int>(layout->height()));
-    const QSize frameSize = natural + decoration();
+    const QSize content = layout->isResizable() ? WindowGeometry::fitContent(natural, natural, decoration(),
+                                                                             usableArea().size())
+                                                : natural;
+    const QSize frameSize = content + decoration();
     const QRect frame = keepLowerLeft(frameSize);
 
     updateBackground();
@@ -400,6 +475,7 @@ void MainController::cameraFailed(const QString& reason) {
 }
 
 void MainController::setPlayPause(bool showPlay) {
+    layoutView()->setIdle(showPlay);
     QAction* item = m_mainWindow->ui.playPauseItem;
     item->setIcon(icon(showPlay ? QStringLiteral("toolbar_play") : QStringLiteral("toolbar_pause")));
     item->setText(showPlay ? QStringLiteral("Play") : QStringLiteral("Pause"));
@@ -418,10 +494,17 @@ void MainController::recordVideoAction() {
     if (m_session->isRecording()) {
         displayStatus(QStringLiteral("Finalizing video..."));
         m_session->stopRecording();
+        updateRecordingClock();
         return;
     }
     if (const Error failed = m_session->record()) {
         logs::app.error("Could not start recording video: %s", failed.logLine().c_str());
+        if (failed.step() == ImageRecorder::FolderStep || failed.step() == CaptureSession::FolderStep) {
+            saveFailed(QStringLiteral("Could not start recording video."),
+                       session::cannotWrite(m_session->settings().storageFolder, failed),
+                       QStringLiteral("toolbar_record"));
+            return;
+        }
         if (failed.systemCode() == ENOMEM) {
             displayMessage(QStringLiteral("Could not start recording video."),
                            QStringLiteral("The layouts to record would take their pictures beyond the %1 MB "
@@ -457,6 +540,7 @@ void MainController::setVideoRecording(bool recording) {
     }
     m_mainWindow->ui.playPauseItem->setEnabled(false);
     m_mainWindow->ui.recordItem->setText(QStringLiteral("Stop"));
+    m_recordingTime.start();
     m_blinkPhase = false;
     blinkRecording();
 }
@@ -465,6 +549,7 @@ void MainController::blinkRecording() {
     // Follows the current recorder, so a recording started while an earlier one still finalises
     // keeps its items when the earlier one ends.
     QAction* record = m_mainWindow->ui.recordItem;
+    updateRecordingClock();
     if (!m_session->recorder() || m_session->recorder()->isDone()) {
         m_blinkTimer.stop();
         record->setIcon(icon(QStringLiteral("toolbar_record")));
@@ -476,6 +561,20 @@ void MainController::blinkRecording() {
     // The plain image shows 0.7 s, the other 0.5 s.
     m_blinkTimer.start(m_blinkPhase ? 500 : 700);
     m_blinkPhase = !m_blinkPhase;
+}
+
+void MainController::updateRecordingClock() {
+    if (!m_session->isRecording()) {
+        m_recordingClock->hide();
+        m_recordingClock->clear();
+        m_mainWindow->setWindowTitle(QStringLiteral("Zandor"));
+        return;
+    }
+    const qint64 seconds = m_recordingTime.elapsed() / 1000;
+    const QString time = QString::asprintf("%02lld:%02lld", seconds / 60, seconds % 60);
+    m_recordingClock->setText(time);
+    m_recordingClock->show();
+    m_mainWindow->setWindowTitle(QStringLiteral("Zandor - Recording %1").arg(time));
 }
 
 void MainController::recordError(const QString& message) {
@@ -513,6 +612,12 @@ void MainController::offerRecovery() {
 
 void MainController::recoveryDone(const session::RecoveryDone& done) {
     hideStatus();
+    for (const QString& path : done.madePaths) {
+        m_notifier->fileSaved(QStringLiteral("Recording recovered"), path);
+    }
+    for (const QString& line : done.failed) {
+        logs::app.error("Could not recover %s", qUtf8Printable(line));
+    }
     const RecoveryOffer::Outcome outcome = RecoveryOffer::outcome(done);
     displayMessage(outcome.title, outcome.text, outcome.failed ? 2 : 1, QStringLiteral("toolbar_record"));
 }
@@ -558,7 +663,7 @@ QSize MainController::windowWillResize(QSize proposed) {
     const QSize decor = decoration();
     // Our windows have no side borders: the proposed width is the content's width.
     return WindowGeometry::sizeForResize(QSize(proposed.width() - decor.width(), proposed.height()), decor,
-                                         natural, activeLayout()->isResizable());
+                                         natural, activeLayout()->isResizable(), usableArea().size());
 }
 
 void MainController::updateLayoutViewFrame() {
@@ -586,8 +691,10 @@ void MainController::selectSizeAction(QAction* item) {
         return;
     }
     const int scale = item->data().toInt();
-    const QSize content(static_cast<int>(activeLayout()->width()) * scale,
-                        static_cast<int>(activeLayout()->height()) * scale);
+    const QSize natural(static_cast<int>(activeLayout()->width()),
+                        static_cast<int>(activeLayout()->height()));
+    const QSize content =
+        WindowGeometry::fitContent(natural * scale, natural, decoration(), usableArea().size());
     m_mainWindow->place(keepLowerLeft(content + decoration()));
     updateLayoutViewFrame();
 }

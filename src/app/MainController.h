@@ -4,6 +4,7 @@
 #include "layouts/Plugin.h"
 #include "session/CaptureSession.h"
 
+#include <QElapsedTimer>
 #include <QObject>
 #include <QPointer>
 #include <QRect>
@@ -16,6 +17,7 @@
 class QAction;
 class QDialog;
 class QKeyEvent;
+class QLabel;
 class QMediaDevices;
 class QWidget;
 namespace Ui {
@@ -28,6 +30,9 @@ class CaptureLayoutView;
 class LayoutController;
 class PreferencesController;
 class CapturePreferencesView;
+class GeneralPreferencesView;
+class GlobalShortcuts;
+class SaveNotifier;
 class MainWindow;
 class MainWindowContentView;
 class PreferencesWindow;
@@ -71,6 +76,9 @@ public:
     void setVideoRecording(bool recording);
     void enableRecorders(bool enabled);
 
+    SaveNotifier& notifier() const { return *m_notifier; }
+    GlobalShortcuts& globalShortcuts() const { return *m_globalShortcuts; }
+
     // Whether the application may quit now; says why not.
     bool attemptExit();
 
@@ -103,6 +111,8 @@ private:
     // What the session reports, on the GUI thread.
     void sessionEvent(const session::Event& event);
     void recordError(const QString& message);
+    // A file could not be saved: the alert, and the same line in the log.
+    void saveFailed(const QString& title, const QString& text, const QString& image);
     void recoveryDone(const session::RecoveryDone& done);
     // The session takes the preferences as they are now.
     void applySettings();
@@ -112,6 +122,10 @@ private:
     // One step of the record button's blinking while the current video recorder is not done; puts
     // the items back once it is.
     void blinkRecording();
+    // The time recorded, in the status bar and the title, while a recording runs; gone otherwise.
+    void updateRecordingClock();
+    // Asks the desktop to bind Save Replay, Record and Screenshot as global shortcuts.
+    void startGlobalShortcuts();
     void recoverBundles(const QStringList& bundles);
     // Save Replay is there while the session has a replay to save.
     void updateSaveReplay();
@@ -126,6 +140,8 @@ private:
     QSize decoration() const;
     // A window frame of the given size whose lower-left corner stays where the window's is.
     QRect keepLowerLeft(QSize size) const;
+    // Where the window may go on its screen: the available area less the window manager's frame.
+    QRect usableArea() const;
     MainWindowContentView* mainView() const;
     CaptureLayoutView* layoutView() const;
 
@@ -134,9 +150,12 @@ private:
     std::unique_ptr<CaptureSession> m_session;
     std::unique_ptr<MainWindow> m_mainWindow;
     std::unique_ptr<PreferencesWindow> m_preferencesWindow;
+    GeneralPreferencesView* m_generalPreferences = nullptr; // owned by the preferences window
     ViewPreferencesView* m_viewPreferences = nullptr;       // owned by the preferences window
     CapturePreferencesView* m_capturePreferences = nullptr; // owned by the preferences window
     std::unique_ptr<QWidget> m_fullScreenWindow;
+    std::unique_ptr<SaveNotifier> m_notifier;
+    std::unique_ptr<GlobalShortcuts> m_globalShortcuts;
     bool m_cameraFailureShown = false;
     QMediaDevices* m_audioDevices = nullptr;
     // The game input went away while the user listened to it: the item is unticked meanwhile.
@@ -145,6 +164,8 @@ private:
     QTimer m_inputWatch;
     int m_preferencesObserver = 0;
     QTimer m_blinkTimer;
+    QElapsedTimer m_recordingTime;
+    QLabel* m_recordingClock = nullptr; // owned by the status bar
     bool m_blinkPhase = false;
     bool m_3DItemShown = false; // whether update3DItem() has set up View > 3D yet
     QSize m_windowDecoration;   // measured when the content went to full screen

@@ -1,5 +1,6 @@
 #include "WindowGeometry.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace zandor {
@@ -13,11 +14,27 @@ int roundPoint(double value) {
 
 } // namespace
 
-QSize WindowGeometry::sizeForResize(QSize proposed, QSize decoration, QSize natural, bool resizable) {
-    const QSize minimum = natural + decoration;
-    if (!resizable) {
-        return minimum;
+QSize WindowGeometry::fitContent(QSize wanted, QSize natural, QSize decoration, QSize room) {
+    if (!room.isValid() || natural.isEmpty()) {
+        return wanted;
     }
+    const double freeWidth = room.width() - decoration.width();
+    const double freeHeight = room.height() - decoration.height();
+    if (wanted.width() <= freeWidth && wanted.height() <= freeHeight) {
+        return wanted;
+    }
+    // Rounded down, so that it fits.
+    const double scale = std::min(freeWidth / natural.width(), freeHeight / natural.height());
+    return {std::max(1, static_cast<int>(std::floor(natural.width() * scale))),
+            std::max(1, static_cast<int>(std::floor(natural.height() * scale)))};
+}
+
+QSize WindowGeometry::sizeForResize(QSize proposed, QSize decoration, QSize natural, bool resizable,
+                                    QSize room) {
+    if (!resizable) {
+        return natural + decoration;
+    }
+    const QSize minimum = fitContent(natural, natural, decoration, room) + decoration;
     const double ratio = static_cast<double>(natural.height()) / natural.width();
     // The width leads and the height follows.
     const double width = proposed.width() + decoration.width();
@@ -25,7 +42,8 @@ QSize WindowGeometry::sizeForResize(QSize proposed, QSize decoration, QSize natu
     if (width < minimum.width() || height < minimum.height()) {
         return minimum;
     }
-    return {roundPoint(width), roundPoint(height)};
+    const QSize wanted(roundPoint(width), roundPoint(height));
+    return fitContent(wanted - decoration, natural, decoration, room) + decoration;
 }
 
 QRect WindowGeometry::layoutViewFrame(QSize content, QSize natural, bool resizable, bool fullScreen,

@@ -1,12 +1,15 @@
 #include "ImageRecorder.h"
 
 #include "ScreenshotSound.h"
+#include "base/AtomicFile.h"
 #include "base/Log.h"
 #include "capture/CaptureData.h"
 
-#include <QDir>
+#include <QBuffer>
+#include <QFile>
 #include <QImageWriter>
-#include <QSaveFile>
+
+#include <filesystem>
 
 namespace zandor {
 
@@ -37,27 +40,40 @@ bool ImageRecorder::saveImage(const QImage& image, const QString& file) {
     const QString path =
         QStringLiteral("%1/%2.%3")
             .arg(m_settings.storageFolder, file, png ? QStringLiteral("png") : QStringLiteral("jpg"));
+    const auto failed = [&](const Error& error) {
+        logs::recording.error("Could not write screenshot %s", error.logLine().c_str());
+        std::scoped_lock lock(m_savedMutex);
+        if (!m_failure) {
+            m_failure = error;
+        }
+        return false;
+    };
 
     // The storage folder may not exist yet (a fresh desktop has no ~/Desktop); it is made as a
     // recording makes it.
-    QDir().mkpath(m_settings.storageFolder);
-    QSaveFile out(path);
-    if (!out.open(QIODevice::WriteOnly)) {
-        logs::recording.error("Could not write screenshot %s: %s", qUtf8Printable(path),
-                              qUtf8Printable(out.errorString()));
-        return false;
+    const std::string folder = QFile::encodeName(m_settings.storageFolder).toStdString();
+    std::error_code made;
+    std::filesystem::create_directories(folder, made);
+    if (made) {
+        return failed(Error::system(FolderStep, folder, made.value()));
     }
-    QImageWriter writer(&out, png ? "png" : "jpeg");
+    QByteArray encoded;
+    QBuffer buffer(&encoded);
+    buffer.open(QIODevice::WriteOnly);
+    QImageWriter writer(&buffer, png ? "png" : "jpeg");
     if (!writer.write(image)) {
-        logs::recording.error("Could not write screenshot %s: %s", qUtf8Printable(path),
-                              qUtf8Printable(writer.errorString()));
-        out.cancelWriting();
-        return false;
+        return failed(Error::other("encode screenshot", {}, writer.errorString().toStdString()));
     }
-    if (!out.commit()) {
-        logs::recording.error("Could not write screenshot %s: %s", qUtf8Printable(path),
-                              qUtf8Printable(out.errorString()));
-        return false;
+    AtomicFile out(QFile::encodeName(path).toStdString());
+    Error error = out.create();
+    if (!error) {
+        error = out.write(reinterpret_cast<const uint8_t*>(encoded.constData()), encoded.size());
+    }
+    if (!error) {
+        error = out.commit();
+    }
+    if (error) {
+        return failed(error);
     }
     std::scoped_lock lock(m_savedMutex);
     m_saved.append(path);
@@ -69,9 +85,17 @@ QStringList ImageRecorder::savedFiles() {
     return m_saved;
 }
 
+Error ImageRecorder::failure() {
+    std::scoped_lock lock(m_savedMutex);
+    return m_failure;
+}
+
 void ImageRecorder::capturedLayouts() {
     ScreenshotSound::play();
     stop();
+    if (m_finished) {
+        m_finished();
+    }
 }
 
 } // namespace zandor

@@ -13,12 +13,12 @@
 #include "capture/CaptureDevice.h"
 #include "settings/VideoQuality.h"
 
-#include <QDir>
 #include <QFile>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <vector>
 
 namespace zandor {
@@ -515,8 +515,10 @@ Result<QString> ReplayBuffer::save(const QString& folder) {
         return Error::system("cannot copy the replay", {}, ENOMEM);
     }
 
-    if (!QDir().mkpath(folder)) {
-        return Error::other(FolderStep, folder.toStdString(), "it cannot be made");
+    std::error_code made;
+    std::filesystem::create_directories(QFile::encodeName(folder).toStdString(), made);
+    if (made) {
+        return Error::system(FolderStep, QFile::encodeName(folder).toStdString(), made.value());
     }
     // A second save within the same second keeps the first: this one is numbered.
     const QString path = NumberedName::file(

@@ -24,6 +24,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 namespace zandor {
 
@@ -33,12 +34,18 @@ namespace {
 class RecorderEvents final : public RecorderDelegate {
 public:
     explicit RecorderEvents(std::function<void(const session::Event&)> send) : m_send(std::move(send)) {}
-    void recordDone() override { m_send(session::RecordingDone{}); }
+    // The recorder whose movies recordDone names; the recorder owns this delegate.
+    void setRecorder(const std::shared_ptr<VideoRecorder>& recorder) { m_recorder = recorder; }
+    void recordDone() override {
+        const auto recorder = m_recorder.lock();
+        m_send(session::RecordingDone{recorder ? recorder->madeFiles() : QStringList()});
+    }
     void recordError(const RecordingProblem& problem) override { m_send(session::RecordingError{problem}); }
     void recordGameSoundLost(std::chrono::milliseconds at) override { m_send(session::RecordingNotice{at}); }
 
 private:
     const std::function<void(const session::Event&)> m_send;
+    std::weak_ptr<VideoRecorder> m_recorder;
 };
 
 // Collects the steps of one recovery that failed, as a recording's finalising reports them.
@@ -46,7 +53,19 @@ class RecoveryErrors final : public RecorderDelegate {
 public:
     void recordDone() override {}
     void recordError(const RecordingProblem& problem) override {
-        messages << session::recordingMessage(problem);
+        // The step, then why in words (a full disk at the video's finish the step says itself),
+        // then where the recording stays.
+        RecordingProblem step = problem;
+        step.keptIn.clear();
+        QString message = session::recordingMessage(step);
+        const bool said = problem.step == RecordingProblem::Step::FinishVideo && problem.error.isDiskFull();
+        if (problem.error.systemCode() != 0 && !said) {
+            message += u' ' + session::reasonInWords(problem.error);
+        }
+        if (!problem.keptIn.isEmpty()) {
+            message += QStringLiteral(" The recording is kept in \"%1\".").arg(problem.keptIn);
+        }
+        messages << message;
     }
     QStringList messages;
 };
@@ -93,6 +112,38 @@ QString session::recordingMessage(const RecordingProblem& problem) {
     return text;
 }
 
+QString session::reasonInWords(const Error& error) {
+    switch (error.systemCode()) {
+    case EACCES:
+    case EPERM:
+        return QStringLiteral("You do not have permission to write there.");
+    case ENOSPC:
+    case EDQUOT:
+        return QStringLiteral("The disk is full.");
+    case EROFS:
+        return QStringLiteral("The disk can only be read, not written.");
+    case ENOENT:
+        return QStringLiteral("The folder does not exist.");
+    case ENOTDIR:
+    case EEXIST:
+        return QStringLiteral("A file is in the way of the folder.");
+    case EISDIR:
+        return QStringLiteral("A folder is in the way of the file.");
+    case EIO:
+        return QStringLiteral("The disk could not be written: it may have gone away or be damaged.");
+    default:
+        return QStringLiteral("The file could not be written.");
+    }
+}
+
+QString session::cannotWrite(const QString& place, const Error& error) {
+    return QStringLiteral("Zandor cannot write to \"%1\". %2").arg(place, reasonInWords(error));
+}
+
+QString session::ScreenshotTaken::message() const {
+    return cannotWrite(folder, error);
+}
+
 QString session::RecordingError::message() const {
     return recordingMessage(problem);
 }
@@ -112,13 +163,7 @@ QString session::ReplaySaved::message() const {
     if (error.domain() == Error::Domain::System && error.code() == ENOMEM) {
         return QStringLiteral("There is not enough memory to save the replay.");
     }
-    if (error.step() == ReplayBuffer::FolderStep) {
-        return QStringLiteral("The folder \"%1\" cannot be written to.").arg(folder);
-    }
-    if (error.isDiskFull()) {
-        return QStringLiteral("The disk is full.");
-    }
-    return QStringLiteral("The movie could not be written to \"%1\".").arg(folder);
+    return cannotWrite(folder, error);
 }
 
 QString session::CameraFailed::reason() const {
@@ -385,7 +430,15 @@ std::shared_ptr<ImageRecorder> CaptureSession::screenshot() {
     if (m_screenshot && m_screenshot->isRecording()) {
         return nullptr;
     }
-    m_screenshot = std::make_shared<ImageRecorder>(captureLayouts(), m_settings);
+    auto screenshot = std::make_shared<ImageRecorder>(captureLayouts(), m_settings);
+    // The recorder owns the handler: it must not own the recorder back.
+    screenshot->setFinishedHandler(
+        [this, weak = std::weak_ptr<ImageRecorder>(screenshot), folder = m_settings.storageFolder] {
+            if (const auto taken = weak.lock()) {
+                emitEvent(session::ScreenshotTaken{taken->savedFiles(), taken->failure(), folder});
+            }
+        });
+    m_screenshot = std::move(screenshot);
     m_screenshot->start();
     return m_screenshot;
 }
@@ -413,11 +466,13 @@ Error CaptureSession::record() {
     }
     // The recorder reports a bundle it cannot make as a start, so the folder is checked first: a
     // recording that cannot write must not look like one that runs.
-    if (!QDir().mkpath(m_settings.storageFolder)) {
-        return Error::other("cannot make the folder", folder, "it cannot be made");
+    std::error_code made;
+    std::filesystem::create_directories(folder, made);
+    if (made) {
+        return Error::system(ImageRecorder::FolderStep, folder, made.value());
     }
     if (::access(folder.c_str(), W_OK | X_OK) != 0) {
-        return Error::system("cannot write to the folder", folder);
+        return Error::system(FolderStep, folder);
     }
     const std::vector<LayoutPtr> layouts = captureLayouts();
     if (!canvasesFit(layouts)) {
@@ -428,8 +483,9 @@ Error CaptureSession::record() {
     }
     std::erase_if(m_finalising, [](const auto& recorder) { return recorder->isDone(); });
     m_recorder = std::make_shared<VideoRecorder>(layouts, m_settings);
-    m_recorder->setDelegate(
-        std::make_shared<RecorderEvents>([this](const session::Event& event) { emitEvent(event); }));
+    auto events = std::make_shared<RecorderEvents>([this](const session::Event& event) { emitEvent(event); });
+    events->setRecorder(m_recorder);
+    m_recorder->setDelegate(std::move(events));
     m_recorder->shareGameInput(m_gameAudio->input());
     return m_recorder->begin();
 }
@@ -469,9 +525,15 @@ void CaptureSession::recover(const QStringList& bundles) {
                 }
                 for (const QString& file : recorder->madeFiles()) {
                     done.made << QFileInfo(file).fileName();
+                    done.madePaths << file;
                 }
             } else {
-                errors->messages << QString::fromStdString(found.error().detail());
+                // The library's own words go to the log; the user reads what it means.
+                logs::session.error("Could not recover %s: %s", qUtf8Printable(bundle),
+                                    found.error().logLine().c_str());
+                errors->messages << (found.error().systemCode() != 0
+                                         ? session::reasonInWords(found.error())
+                                         : QStringLiteral("It holds no recording that can be played."));
             }
             if (!errors->messages.isEmpty()) {
                 done.failed << QStringLiteral("%1: %2").arg(QFileInfo(bundle).fileName(),

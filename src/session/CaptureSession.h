@@ -46,11 +46,22 @@ struct BoardConnection {
     bool connected;
 };
 // The current or a finalising recording ended: its files are made (or not, with errors sent first).
-struct RecordingDone {};
+struct RecordingDone {
+    QStringList made; // the movies made, full paths
+};
 struct RecordingError {
     RecordingProblem problem;
 
     // What failed, and where the recording is kept when it is, in sentences for the user.
+    QString message() const;
+};
+// A screenshot ended: the images written, and why one could not be written into `folder`.
+struct ScreenshotTaken {
+    QStringList made;
+    Error error;
+    QString folder;
+
+    // Why, in words for the user: the folder and the reason.
     QString message() const;
 };
 // The game sound's input went away `gameSoundLostAt` into a recording that was made.
@@ -87,7 +98,8 @@ struct GameSoundLost {
 // Recovering unfinished recordings ended: the files made, one line per bundle that failed, and the
 // seconds saved.
 struct RecoveryDone {
-    QStringList made;
+    QStringList made; // file names
+    QStringList madePaths;
     QStringList failed;
     double seconds = 0;
 };
@@ -96,8 +108,15 @@ std::string boardChoiceMessage(const Error& error);
 // Whether the board could not be opened as its device node is not ours: the udev rule is missing.
 bool boardNeedsPermission(const Error& error);
 
+// Why a file or folder could not be written, in one sentence for the user, by the cause kept in
+// `error`: one wording for one cause, whatever was being saved ("The disk is full.").
+QString reasonInWords(const Error& error);
+// "Zandor cannot write to \"/path\". The disk is full.": what every save that fails says, and the
+// line it logs.
+QString cannotWrite(const QString& place, const Error& error);
+
 using Event = std::variant<BoardConnection, RecordingDone, RecordingError, RecordingNotice, ReplaySaved,
-                           CameraFailed, GameSoundLost, RecoveryDone>;
+                           CameraFailed, GameSoundLost, RecoveryDone, ScreenshotTaken>;
 } // namespace session
 
 // One capture session: the device and its board, the layout on show, the game sound, the replay
@@ -106,6 +125,9 @@ using Event = std::variant<BoardConnection, RecordingDone, RecordingError, Recor
 // Called on one thread (its owner's); the events come from any thread.
 class CaptureSession : public QObject {
 public:
+    // The step of a storage folder that cannot be written to.
+    static constexpr const char* FolderStep = "cannot write to the folder";
+
     CaptureSession(std::unique_ptr<Board> board, CaptureSettings settings);
     ~CaptureSession() override;
     CaptureSession(const CaptureSession&) = delete;

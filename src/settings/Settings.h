@@ -73,6 +73,10 @@ inline const Setting<int> gameAudioVolume{QStringLiteral("PreferenceGameAudioVol
 inline const Setting<int> gameAudioOffsetMs{QStringLiteral("PreferenceGameAudioOffsetMs"),
                                             0,
                                             {.range = std::pair{-500, 500}, .absentFromDefaults = true}};
+// Whether every file made (screenshot, recording, replay, recovered recording) raises a desktop
+// notification; off, the window's status bar alone says it.
+inline const Setting<bool> notifyOnSave{
+    QStringLiteral("PreferenceNotifyOnSave"), true, {.absentFromDefaults = true}};
 // Whether the picture on show is shared as a camera while it plays.
 inline const Setting<bool> shareAsCamera{
     QStringLiteral("PreferenceShareAsCamera"), false, {.absentFromDefaults = true}};

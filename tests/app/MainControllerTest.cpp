@@ -30,7 +30,10 @@
 
 #include <QAbstractButton>
 #include <QCheckBox>
+#include <QLabel>
+#include <QRegularExpression>
 #include <QSpinBox>
+#include <QStatusBar>
 #include <QDir>
 #include <QMessageBox>
 #include <QPushButton>
@@ -88,6 +91,7 @@ protected:
         preferences.setPreference(settings::narratorAudioInput.key, "None");
         preferences.setPreference(settings::replayBuffer.key, false);
         preferences.setPreference(settings::capture3D.key, false);
+        preferences.setPreference(settings::notifyOnSave.key, true);
     }
     void TearDown() override {
         stop();
@@ -206,7 +210,18 @@ TEST_F(MainControllerTest, WhileTheBoardIsAwayThePictureSaysSoUntilItIsBackOrPau
 
 TEST_F(MainControllerTest, PlayingShowsTheMovingPictureAndAScreenshotCanBeTakenUntilPaused) {
     auto& ui = start();
+    // Before Play the black view says how to start, in its light grey.
+    const QImage idle = ui.layoutView->grab().toImage().convertToFormat(QImage::Format_RGB32);
+    int light = 0;
+    for (int y = 0; y < idle.height(); ++y) {
+        for (int x = 0; x < idle.width(); ++x) {
+            light += (idle.pixel(x, y) & 0xffffff) == 0xe0e0e0;
+        }
+    }
+    EXPECT_TRUE(ui.layoutView->showsIdle());
+    EXPECT_GT(light, 0);
     ui.playPauseItem->trigger();
+    EXPECT_FALSE(ui.layoutView->showsIdle());
     EXPECT_EQ(ui.playPauseItem->text(), "Pause");
     QSignalSpy frames(ui.layoutView, &CaptureLayoutView::frameReceived);
     ASSERT_TRUE(frames.wait(20000));
@@ -217,10 +232,20 @@ TEST_F(MainControllerTest, PlayingShowsTheMovingPictureAndAScreenshotCanBeTakenU
 
     ui.screenshotItem->trigger();
     ASSERT_TRUE(m_controller->session().lastScreenshot()->waitUntilFinished(20s));
-    EXPECT_EQ(QDir(m_storage.path()).entryList({"Screenshot *.png"}, QDir::Files).size(), 1);
+    const QStringList shots = QDir(m_storage.path()).entryList({"Screenshot *.png"}, QDir::Files);
+    ASSERT_EQ(shots.size(), 1);
+    // No notification service on the test's bus: the status bar names the file instead.
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] {
+            return m_controller->mainWindow()->statusBar()->currentMessage() ==
+                   "Screenshot saved: " + shots[0];
+        },
+        20000))
+        << m_controller->mainWindow()->statusBar()->currentMessage().toStdString();
 
     ui.playPauseItem->trigger();
     EXPECT_EQ(ui.playPauseItem->text(), "Play");
+    EXPECT_TRUE(ui.layoutView->showsIdle());
     EXPECT_FALSE(m_controller->session().device()->isListening());
     EXPECT_FALSE(ui.screenshotItem->isEnabled() || ui.recordItem->isEnabled());
 }
@@ -272,6 +297,14 @@ TEST_F(MainControllerTest, TheReplayBufferFollowsThePictureAndTheSettingAndSaves
         [&] { return QDir(chosenLater.path()).entryList({"Replay *.mp4"}, QDir::Files).size() == 1; },
         20000));
     EXPECT_TRUE(alerts().isEmpty()) << alerts().join("; ").toStdString();
+    // A folder that cannot be made is said as a recording or a screenshot says it.
+    ASSERT_TRUE(test::writeFile(chosenLater.path() + "/file"));
+    PreferencesController::instance().setPreference(settings::storageFolder.key,
+                                                    chosenLater.path() + "/file/in");
+    ui.saveReplayItem->trigger();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !alerts().isEmpty(); }, 20000));
+    EXPECT_EQ(alerts(), QStringList{"Could not save the replay. | Zandor cannot write to \"" +
+                                    chosenLater.path() + "/file/in\". A file is in the way of the folder."});
     ui.playPauseItem->trigger();
     EXPECT_NE(m_controller->session().replayBuffer(), kept) << "Play starts the buffer afresh";
 }
@@ -505,10 +538,13 @@ TEST_F(MainControllerTest, CaptureFollowsTheChosenLayoutOrBothScreens) {
     EXPECT_EQ(layouts[0]->name() + layouts[1]->name(), "TopBottom");
 }
 
+// The test's screen is 800 by 800 pixels, all of it available.
 TEST_F(MainControllerTest, ALayoutChangeOrASizeStepResizesTheWindowAlsoFromFullScreen) {
     auto& ui = start();
     auto* window = m_controller->mainWindow();
-    window->move(100, 200);
+    const QRect screen = window->screen()->availableGeometry();
+    ASSERT_EQ(screen.size(), QSize(800, 800));
+    window->move(40, 60);
     const QRect before = window->geometry();
     const QSize decoration = window->size() - ui.mainView->size();
     EXPECT_EQ(ui.mainView->size(), QSize(400, 480));
@@ -522,12 +558,25 @@ TEST_F(MainControllerTest, ALayoutChangeOrASizeStepResizesTheWindowAlsoFromFullS
     EXPECT_NE(ui.mainView->window(), window) << "the picture has a window of its own";
     m_controller->setActiveLayout(LayoutController::instance().layoutNamed("Side by Side"));
     EXPECT_EQ(window->size(), QSize(720, 240) + decoration);
+    // Twice 720 by 240 is wider than the screen: the largest of those proportions that fits.
+    // The window manager's frame takes its part of the screen's width.
+    const int width = 800 - (window->frameGeometry().width() - window->width());
     ui.sizeDoubleItem->trigger();
-    EXPECT_EQ(window->size(), QSize(1440, 480) + decoration);
+    EXPECT_EQ(window->size(), QSize(width, width / 3) + decoration);
     QTest::keyClick(ui.mainView, Qt::Key_Escape);
     EXPECT_FALSE(m_controller->isFullScreen());
-    EXPECT_EQ(ui.mainView->size(), QSize(1440, 480)) << "not the old layout's window, letterboxed";
-    EXPECT_TRUE(ui.sizeDoubleItem->isChecked() && !ui.sizeOriginalItem->isChecked());
+    EXPECT_EQ(ui.mainView->size(), QSize(width, width / 3)) << "not the old layout's window, letterboxed";
+    EXPECT_TRUE(screen.contains(window->frameGeometry()));
+    EXPECT_FALSE(ui.sizeDoubleItem->isChecked() || ui.sizeOriginalItem->isChecked());
+
+    // A layout larger than the screen at its natural size fits it too, in its proportions, and so
+    // does a resize beyond the screen.
+    m_controller->setActiveLayout(LayoutController::instance().layoutNamed("Stream 720p"));
+    const QSize fitted(width, width * 720 / 1280);
+    EXPECT_EQ(ui.mainView->size(), fitted);
+    EXPECT_TRUE(screen.contains(window->frameGeometry())) << window->frameGeometry().x();
+    EXPECT_EQ(m_controller->windowWillResize({1600, 1000}), fitted + decoration);
+    EXPECT_EQ(m_controller->windowWillResize({200, 100}), fitted + decoration) << "no smaller either";
 }
 
 TEST_F(MainControllerTest, TheRecordButtonFollowsTheRecordingStartedWhileAnotherFinalises) {
@@ -568,18 +617,57 @@ TEST_F(MainControllerTest, TheRecordButtonFollowsTheRecordingStartedWhileAnother
     EXPECT_EQ(QDir(m_storage.path()).entryList({"Capture *.mp4"}, QDir::Files).size(), 2);
 }
 
+TEST_F(MainControllerTest, WhileRecordingTheStatusBarAndTheTitleShowTheTimeRecorded) {
+    auto& ui = startRecordingWith("");
+    auto* window = m_controller->mainWindow();
+    auto* clock = window->findChild<QLabel*>("recordingClock");
+    ASSERT_NE(clock, nullptr);
+    EXPECT_FALSE(clock->isVisible());
+    EXPECT_EQ(window->windowTitle(), "Zandor");
+
+    ui.recordItem->trigger();
+    EXPECT_TRUE(clock->isVisible());
+    EXPECT_EQ(clock->text(), "00:00");
+    EXPECT_EQ(window->windowTitle(), "Zandor - Recording 00:00");
+    // The clock goes on by itself; both say the same time.
+    ASSERT_TRUE(QTest::qWaitFor([&] { return clock->text() != "00:00"; }, 20000));
+    EXPECT_TRUE(QRegularExpression("^00:[0-5][0-9]$").match(clock->text()).hasMatch())
+        << clock->text().toStdString();
+    EXPECT_EQ(window->windowTitle(), "Zandor - Recording " + clock->text());
+
+    const auto recorder = m_controller->session().recorder();
+    ui.recordItem->trigger();
+    EXPECT_FALSE(clock->isVisible()) << "gone when the recording stops, not when it is finalised";
+    EXPECT_EQ(window->windowTitle(), "Zandor");
+    ASSERT_TRUE(recorder->waitUntilFinished(60s));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return ui.recordItem->text() == "Record"; }, 20000));
+    EXPECT_EQ(window->windowTitle(), "Zandor");
+}
+
 TEST_F(MainControllerTest, ARecordingThatCannotWriteIsRefusedAndSaidSo) {
     ASSERT_TRUE(test::writeFile(m_storage.path() + "/file"));
     PreferencesController::instance().setPreference(settings::storageFolder.key,
                                                     m_storage.path() + "/file/recordings");
     auto& ui = start();
     ui.playPauseItem->trigger();
+    LogCapture log;
     ui.recordItem->trigger();
     EXPECT_EQ(m_controller->session().recorder(), nullptr);
     EXPECT_EQ(ui.recordItem->text(), "Record");
     EXPECT_TRUE(ui.playPauseItem->isEnabled());
+    // The same cause in the same words for a recording and a screenshot, in the alert and the log.
+    const QString why = "Zandor cannot write to \"" + m_storage.path() +
+                        "/file/recordings\". A file is in "
+                        "the way of the folder.";
     ASSERT_EQ(alerts().size(), 1);
-    EXPECT_TRUE(alerts()[0].startsWith("Could not start recording video. | ")) << alerts()[0].toStdString();
+    EXPECT_EQ(alerts()[0], "Could not start recording video. | " + why);
+    ui.screenshotItem->trigger();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return alerts().size() == 2; }, 20000));
+    EXPECT_EQ(alerts()[1], "Could not save the screenshot. | " + why);
+    for (const QString& alert : alerts()) {
+        EXPECT_EQ(log.countPrefix(QString(alert).replace(" | ", " ").toStdString()), 1u)
+            << alert.toStdString();
+    }
 
     // Into a folder that can be written, but of a layout whose canvas, with the one on show, would
     // take more than all canvases may take together: refused before it starts, naming the budget.
@@ -590,10 +678,10 @@ TEST_F(MainControllerTest, ARecordingThatCannotWriteIsRefusedAndSaidSo) {
     ui.recordItem->trigger();
     CanvasBudget::instance().setLimit(limit);
     EXPECT_EQ(m_controller->session().recorder(), nullptr);
-    ASSERT_EQ(alerts().size(), 2);
-    EXPECT_TRUE(alerts()[1].startsWith("Could not start recording video. | The layouts to record would take "
+    ASSERT_EQ(alerts().size(), 3);
+    EXPECT_TRUE(alerts()[2].startsWith("Could not start recording video. | The layouts to record would take "
                                        "their pictures beyond the 2 MB "))
-        << alerts()[1].toStdString();
+        << alerts()[2].toStdString();
 }
 
 // The first conversion takes longer than the pipeline's threads are given, and goes on only once the
@@ -614,6 +702,23 @@ TEST_F(MainControllerTest, QuittingWaitsForEveryRecordingStillFinalising) {
     stop();
     EXPECT_TRUE(recorders[0]->isDone());
     EXPECT_EQ(QDir(m_storage.path()).entryList({"*.mp4"}, QDir::Files).size(), 2);
+}
+
+TEST_F(MainControllerTest, TheGeneralPaneTurnsNotificationsOffAndSaysWhenTheDesktopBindsNoShortcuts) {
+    start();
+    auto* window = m_controller->preferencesWindow();
+    auto* notify = window->findChild<QCheckBox*>("notifyCheckBox");
+    ASSERT_NE(notify, nullptr);
+    EXPECT_TRUE(notify->isChecked()) << "on by default";
+    notify->click();
+    EXPECT_FALSE(settings::notifyOnSave.read(PreferencesController::instance()));
+    // No portal on the test's bus: the window's own keys are all there is, and the pane says so.
+    auto* note = window->findChild<QLabel*>("globalShortcutsNote");
+    ASSERT_NE(note, nullptr);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !note->text().isEmpty(); }, 20000));
+    EXPECT_TRUE(note->text().startsWith("The desktop offers no global shortcuts"))
+        << note->text().toStdString();
+    notify->click();
 }
 
 TEST_F(MainControllerTest, TheFirstRunShowsTheAboutWindowOnce) {
@@ -710,6 +815,20 @@ TEST_F(MainControllerTest, RecordingsAKilledRunLeftAreOfferedToBeRecoveredOrDele
     }
     EXPECT_FALSE(QFileInfo::exists(another));
     EXPECT_TRUE(QFileInfo::exists(m_storage.path() + "/Capture 01_02_2026 10_00_00.mp4"));
+
+    // A bundle whose movie is not one: said in words, the library's own in the log alone.
+    const QString damaged = m_storage.path() + "/Capture 01_02_2026 14_00_00.zdrecord";
+    ASSERT_TRUE(QDir().mkpath(damaged));
+    ASSERT_TRUE(test::writeFile(damaged + "/VideoTop.mov", QByteArray(4096, 'x')));
+    dialog = offered();
+    ASSERT_NE(dialog, nullptr);
+    LogCapture log;
+    dialog->defaultButton()->click();
+    const QString failed = "Could not recover every recording. | Capture 01_02_2026 14_00_00.zdrecord: It "
+                           "holds no recording that can be played.";
+    EXPECT_TRUE(QTest::qWaitFor([&] { return alerts().contains(failed); }, 60000))
+        << alerts().join("\n").toStdString();
+    EXPECT_EQ(log.countPrefix("Could not recover " + damaged.toStdString() + ": "), 1u);
 }
 
 } // namespace

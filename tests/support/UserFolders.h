@@ -16,6 +16,8 @@ inline QString isolateUserFolders() {
         setenv("XDG_CONFIG_HOME", qPrintable(folder.path() + "/config"), 1);
         // No sound server: the screenshot sound and audio lookups stay quiet and quick.
         setenv("PULSE_SERVER", "unix:/nonexistent", 1);
+        // No session bus: nothing a test does reaches the user's desktop (notifications, portals).
+        setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent", 1);
         return true;
     }();
     (void)done;

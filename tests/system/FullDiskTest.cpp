@@ -71,7 +71,8 @@ TEST_F(FullDisk, AReplayThatCannotBeSavedIsSaidAndLeavesNothing) {
     const test::ProcessResult run =
         this->run("size=300k", {"replay", "--buffer-seconds", "5", "--play-seconds", "6"});
     EXPECT_NE(run.exitCode, 0);
-    EXPECT_NE(run.err.find("zandor-cli replay: Could not save the replay. The disk is full.\n"),
+    EXPECT_NE(run.err.find("zandor-cli replay: Could not save the replay. Zandor cannot write to \"" + out +
+                           "\". The disk is full.\n"),
               std::string::npos)
         << run.err;
     EXPECT_EQ(QDir(QString::fromStdString(kept)).entryList(QDir::Files | QDir::Hidden), QStringList())

@@ -1,0 +1,22 @@
+#include "DesktopBus.h"
+
+#include <QFileInfo>
+
+namespace zandor::desktop_bus {
+
+QDBusConnection connect(const QString& address, const QString& name) {
+    // Read now, not when the process first met a bus: libdbus keeps the address it read first.
+    // Without one, the bus of the user's session is in the runtime folder; no other bus is
+    // started for us (libdbus would try to launch one).
+    QString session = address.isEmpty() ? qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS") : address;
+    if (session.isEmpty()) {
+        const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
+        if (!runtime.isEmpty() && QFileInfo::exists(runtime + QStringLiteral("/bus"))) {
+            session = QStringLiteral("unix:path=%1/bus").arg(runtime);
+        }
+    }
+    // An empty address gives a connection that is not connected: nothing is told to the desktop.
+    return QDBusConnection::connectToBus(session, name);
+}
+
+} // namespace zandor::desktop_bus
