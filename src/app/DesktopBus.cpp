@@ -19,4 +19,20 @@ QDBusConnection connect(const QString& address, const QString& name) {
     return QDBusConnection::connectToBus(session, name);
 }
 
+bool Subscriptions::add(const QString& service, const QString& path, const QString& interface,
+                        const QString& name, const char* slot) {
+    if (!m_bus.connect(service, path, interface, name, m_receiver, slot)) {
+        return false;
+    }
+    m_entries.push_back({service, path, interface, name, slot});
+    return true;
+}
+
+void Subscriptions::release() {
+    for (const Entry& entry : m_entries) {
+        m_bus.disconnect(entry.service, entry.path, entry.interface, entry.name, m_receiver, entry.slot);
+    }
+    m_entries.clear();
+}
+
 } // namespace zandor::desktop_bus

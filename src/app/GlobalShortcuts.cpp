@@ -39,6 +39,7 @@ GlobalShortcuts::GlobalShortcuts(QList<Shortcut> shortcuts, const QString& busAd
 }
 
 GlobalShortcuts::~GlobalShortcuts() {
+    m_subscriptions.release();
     QDBusConnection::disconnectFromBus(m_busName);
 }
 
@@ -75,8 +76,8 @@ void GlobalShortcuts::start() {
         return;
     }
     m_state = State::Binding;
-    m_bus.connect(PortalService, PortalPath, ShortcutsInterface, QStringLiteral("Activated"), this,
-                  SLOT(shortcutActivated(QDBusObjectPath, QString, qulonglong, QVariantMap)));
+    m_subscriptions.add(PortalService, PortalPath, ShortcutsInterface, QStringLiteral("Activated"),
+                        SLOT(shortcutActivated(QDBusObjectPath, QString, qulonglong, QVariantMap)));
     const QString token = QStringLiteral("zandor%1").arg(++g_requests);
     request(QStringLiteral("CreateSession"),
             {QVariantMap{{QStringLiteral("handle_token"), token},
@@ -87,7 +88,7 @@ void GlobalShortcuts::start() {
 void GlobalShortcuts::request(const QString& method, QVariantList arguments, const QString& token,
                               const char* slot) {
     const QString path = requestPath(token);
-    m_bus.connect(PortalService, path, RequestInterface, QStringLiteral("Response"), this, slot);
+    m_subscriptions.add(PortalService, path, RequestInterface, QStringLiteral("Response"), slot);
     QDBusMessage call = QDBusMessage::createMethodCall(PortalService, PortalPath, ShortcutsInterface, method);
     call.setArguments(arguments);
     auto* watcher = new QDBusPendingCallWatcher(m_bus.asyncCall(call), this);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "DesktopBus.h"
+
 #include <QDBusConnection>
 #include <QDBusObjectPath>
 #include <QList>
@@ -57,6 +59,7 @@ private:
     const QList<Shortcut> m_shortcuts;
     const QString m_busName;
     QDBusConnection m_bus;
+    desktop_bus::Subscriptions m_subscriptions{m_bus, this};
     State m_state = State::Off;
     QString m_session;
     QString m_why;       // why there are none, for the log

@@ -111,13 +111,18 @@ void MainWindow::showBoard(const BoardInfo& info) {
     const QString sound = !info.sendsSound   ? QStringLiteral("not known until the picture plays")
                           : *info.sendsSound ? QStringLiteral("yes")
                                              : QStringLiteral("no: the capture board sends no sound");
-    panel->setInformativeText(
+    QString text =
         QStringLiteral("Vendor and product: %1\nSerial number: %2\nFirmware version: %3\nSound: %4")
             .arg(QString::fromStdString(info.vendorProduct()),
                  info.serial.empty() ? QStringLiteral("none") : QString::fromStdString(info.serial),
                  info.firmwareVersion > 0 ? QString::number(info.firmwareVersion)
                                           : QStringLiteral("not known"),
-                 sound));
+                 sound);
+    if (!info.usbSpeed.empty()) {
+        text += QStringLiteral("\nConnection: %1").arg(QString::fromStdString(info.usbSpeed));
+    }
+    text += QStringLiteral("\n3D picture: %1").arg(info.can3D ? QStringLiteral("yes") : QStringLiteral("no"));
+    panel->setInformativeText(text);
     panel->setIconPixmap(icon(QStringLiteral("zandor")).pixmap(64, 64));
     panel->setAttribute(Qt::WA_DeleteOnClose);
     panel->setWindowModality(Qt::NonModal);

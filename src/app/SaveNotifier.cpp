@@ -42,17 +42,18 @@ SaveNotifier::SaveNotifier(const QString& busAddress, bool sandboxed, QObject* p
       m_bus(desktop_bus::connect(busAddress, m_busName)), m_sandboxed(sandboxed) {
     if (m_sandboxed) {
         qDBusRegisterMetaType<QList<QVariantMap>>();
-        m_bus.connect(PortalService, PortalPath, PortalInterface, QStringLiteral("ActionInvoked"), this,
-                      SLOT(portalActionInvoked(QString, QString, QVariantList)));
+        m_subscriptions.add(PortalService, PortalPath, PortalInterface, QStringLiteral("ActionInvoked"),
+                            SLOT(portalActionInvoked(QString, QString, QVariantList)));
     } else {
-        m_bus.connect(NotificationsService, NotificationsPath, NotificationsService,
-                      QStringLiteral("ActionInvoked"), this, SLOT(actionInvoked(uint, QString)));
-        m_bus.connect(NotificationsService, NotificationsPath, NotificationsService,
-                      QStringLiteral("NotificationClosed"), this, SLOT(notificationClosed(uint, uint)));
+        m_subscriptions.add(NotificationsService, NotificationsPath, NotificationsService,
+                            QStringLiteral("ActionInvoked"), SLOT(actionInvoked(uint, QString)));
+        m_subscriptions.add(NotificationsService, NotificationsPath, NotificationsService,
+                            QStringLiteral("NotificationClosed"), SLOT(notificationClosed(uint, uint)));
     }
 }
 
 SaveNotifier::~SaveNotifier() {
+    m_subscriptions.release();
     QDBusConnection::disconnectFromBus(m_busName);
 }
 

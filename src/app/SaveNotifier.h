@@ -1,5 +1,7 @@
 #pragma once
 
+#include "DesktopBus.h"
+
 #include <QDBusConnection>
 #include <QHash>
 #include <QObject>
@@ -57,6 +59,7 @@ private:
 
     const QString m_busName;
     QDBusConnection m_bus;
+    desktop_bus::Subscriptions m_subscriptions{m_bus, this};
     const bool m_sandboxed;
     bool m_enabled = true;
     bool m_serviceMissing = false; // said once in the log
