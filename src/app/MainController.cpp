@@ -1,9 +1,11 @@
 #include "MainController.h"
 
 #include "CaptureLayoutView.h"
+#include "GameInputWatch.h"
 #include "MainWindow.h"
 #include "MainWindowContentView.h"
 #include "NamedScreen.h"
+#include "RecordingIndicator.h"
 #include "RecoveryOffer.h"
 #include "GlobalShortcuts.h"
 #include "SaveNotifier.h"
@@ -13,10 +15,8 @@
 #include "base/RunOn.h"
 #include "capture/CaptureDevice.h"
 #include "capture/Board.h"
-#include "layouts/CanvasBudget.h"
 #include "layouts/LayoutController.h"
 #include "layouts/PluginController.h"
-#include "recording/ImageRecorder.h"
 #include "recording/VideoRecorder.h"
 #include "ui/CapturePreferencesView.h"
 #include "ui/GeneralPreferencesView.h"
@@ -26,10 +26,7 @@
 #include "ui/PreferencesWindow.h"
 #include "ui/ViewPreferencesView.h"
 
-#include <QAudioDevice>
 #include <QGuiApplication>
-#include <QLabel>
-#include <QMediaDevices>
 #include <QLayout>
 #include <QScreen>
 #include <QStatusBar>
@@ -86,43 +83,11 @@ void MainController::sessionEvent(const session::Event& event) {
     } else if (const auto* camera = std::get_if<session::CameraFailed>(&event)) {
         cameraFailed(camera->reason());
     } else if (std::holds_alternative<session::GameSoundLost>(event)) {
-        gameSoundLost();
+        updateSaveReplay(); // the session renewed its replay buffer without the sound
+        m_gameInput->lost();
     } else if (const auto* done = std::get_if<session::RecoveryDone>(&event)) {
         recoveryDone(*done);
     }
-}
-
-void MainController::gameSoundLost() {
-    updateSaveReplay(); // the session renewed its replay buffer without the sound
-    m_gameSoundAway = true;
-    m_inputWatch.start();
-    QAction* listen = m_mainWindow ? m_mainWindow->ui.listenItem : nullptr;
-    if (listen && listen->isChecked()) {
-        // Not the user's choice: the preference keeps listening for when the input is back.
-        const QSignalBlocker quiet(listen);
-        listen->setChecked(false);
-        m_listeningAway = true;
-    }
-}
-
-void MainController::audioInputsChanged() {
-    if (!m_gameSoundAway) {
-        return;
-    }
-    const QByteArray input = m_session->settings().gameAudioInput.toUtf8();
-    const QList<QAudioDevice> inputs = QMediaDevices::audioInputs();
-    if (std::none_of(inputs.begin(), inputs.end(),
-                     [&](const QAudioDevice& device) { return device.id() == input; })) {
-        return;
-    }
-    m_gameSoundAway = false;
-    m_inputWatch.stop();
-    if (std::exchange(m_listeningAway, false) && m_mainWindow) {
-        const QSignalBlocker quiet(m_mainWindow->ui.listenItem);
-        m_mainWindow->ui.listenItem->setChecked(true);
-    }
-    // The session opens the input again as the settings say.
-    applySettings();
 }
 
 void MainController::saveFailed(const QString& title, const QString& text, const QString& image) {
@@ -190,15 +155,10 @@ void MainController::awakeFromNib() {
     m_notifier->setEnabled(settings::notifyOnSave.read(m_preferences));
     m_notifier->setFallback(
         [this](const QString& line) { m_mainWindow->statusBar()->showMessage(line, 5000); });
-    m_recordingClock = new QLabel(m_mainWindow.get());
-    m_recordingClock->setObjectName(QStringLiteral("recordingClock"));
-    m_recordingClock->hide();
-    m_mainWindow->statusBar()->addPermanentWidget(m_recordingClock);
+    m_recording = new RecordingIndicator(*m_mainWindow, *m_session);
     startGlobalShortcuts();
 
     ::Ui::MainWindow& ui = m_mainWindow->ui;
-    m_blinkTimer.setSingleShot(true);
-    connect(&m_blinkTimer, &QTimer::timeout, this, &MainController::blinkRecording);
     connect(ui.playPauseItem, &QAction::triggered, this, &MainController::playPauseAction);
     connect(ui.screenshotItem, &QAction::triggered, this, &MainController::recordScreenshotAction);
     connect(ui.recordItem, &QAction::triggered, this, &MainController::recordVideoAction);
@@ -206,16 +166,12 @@ void MainController::awakeFromNib() {
     // Every change of a setting reaches the session at once; what it changes is the session's to decide.
     m_preferencesObserver = m_preferences.observeChanges([this](const QString&) { applySettings(); });
     ui.listenItem->setChecked(m_session->settings().listenToGameAudio);
+    m_gameInput = new GameInputWatch(
+        *ui.listenItem, *m_session, [this] { applySettings(); }, this);
     connect(ui.listenItem, &QAction::toggled, this, [this](bool listening) {
-        m_listeningAway = false;
+        m_gameInput->userChoseListening();
         settings::listenToGameAudio.write(m_preferences, listening);
     });
-    m_audioDevices = new QMediaDevices(this);
-    connect(m_audioDevices, &QMediaDevices::audioInputsChanged, this, &MainController::audioInputsChanged);
-    // Qt 6.4 does not announce inputs coming and going on PulseAudio: while the game input is away
-    // the list is also looked at once a second.
-    m_inputWatch.setInterval(1000);
-    connect(&m_inputWatch, &QTimer::timeout, this, &MainController::audioInputsChanged);
     connect(ui.sizeOriginalItem, &QAction::triggered, this,
             [this] { selectSizeAction(m_mainWindow->ui.sizeOriginalItem); });
     connect(ui.sizeDoubleItem, &QAction::triggered, this,
@@ -249,23 +205,11 @@ void MainController::awakeFromNib() {
 }
 
 void MainController::startGlobalShortcuts() {
-    m_globalShortcuts = std::make_unique<GlobalShortcuts>(QList<GlobalShortcuts::Shortcut>{
-        {QStringLiteral("save-replay"), QStringLiteral("Save Replay"), QStringLiteral("LOGO+ALT+S")},
-        {QStringLiteral("record"), QStringLiteral("Record"), QStringLiteral("LOGO+ALT+R")},
-        {QStringLiteral("screenshot"), QStringLiteral("Screenshot"), QStringLiteral("LOGO+ALT+F12")}});
+    m_globalShortcuts = std::make_unique<GlobalShortcuts>(m_mainWindow->globalShortcuts());
     connect(m_globalShortcuts.get(), &GlobalShortcuts::stateChanged, this,
             [this] { m_generalPreferences->setGlobalShortcutsNote(m_globalShortcuts->note()); });
-    // Each does what its item does, when its item may.
-    connect(m_globalShortcuts.get(), &GlobalShortcuts::activated, this, [this](const QString& id) {
-        ::Ui::MainWindow& ui = m_mainWindow->ui;
-        QAction* item = id == QLatin1String("save-replay")  ? ui.saveReplayItem
-                        : id == QLatin1String("record")     ? ui.recordItem
-                        : id == QLatin1String("screenshot") ? ui.screenshotItem
-                                                            : nullptr;
-        if (item && item->isEnabled()) {
-            item->trigger();
-        }
-    });
+    connect(m_globalShortcuts.get(), &GlobalShortcuts::activated, m_mainWindow.get(),
+            &MainWindow::triggerShortcut);
     m_globalShortcuts->start();
 }
 
@@ -279,7 +223,6 @@ void MainController::setupView() {
     mainView()->setPalette(palette);
     setPlayPause(true);
     enableRecorders(false);
-    setVideoRecording(false);
     setupMainMenu();
     connect(mainView(), &MainWindowContentView::keyPressed, this, &MainController::keyPressed);
     // Once the window shows: the dialog is a sheet on it.
@@ -317,36 +260,6 @@ void MainController::selectActiveLayoutAction(QAction* item) {
     }
 }
 
-QRect MainController::keepLowerLeft(QSize size) const {
-    const QRect old = m_mainWindow->geometry();
-    if (!m_mainWindow->isVisible()) {
-        return QRect(old.topLeft(), size); // not placed yet: the desktop places it when shown
-    }
-    QRect frame(old.left(), old.top() + old.height() - size.height(), size.width(), size.height());
-    // Keep the window on its screen as far as it fits, the title bar and the left edge above all.
-    if (const QRect available = usableArea(); available.isValid()) {
-        frame.moveBottom(std::min(frame.bottom(), available.bottom()));
-        frame.moveTop(std::max(frame.top(), available.top()));
-        frame.moveRight(std::min(frame.right(), available.right()));
-        frame.moveLeft(std::max(frame.left(), available.left()));
-    }
-    return frame;
-}
-
-QRect MainController::usableArea() const {
-    const QScreen* screen = m_mainWindow->screen();
-    if (!screen) {
-        return {};
-    }
-    // The window manager's frame (title bar, borders) around the window takes its part of the
-    // screen too; it is known once the window is shown.
-    const QRect outer = m_mainWindow->frameGeometry();
-    const QRect inner = m_mainWindow->geometry();
-    return screen->availableGeometry().adjusted(inner.left() - outer.left(), inner.top() - outer.top(),
-                                                inner.right() - outer.right(),
-                                                inner.bottom() - outer.bottom());
-}
-
 QSize MainController::decoration() const {
     if (isFullScreen()) {
         return m_windowDecoration; // the content is on the full-screen surface now
@@ -370,11 +283,12 @@ void MainController::setActiveLayout(const LayoutPtr& layout) {
     // The window's content takes the layout's natural size, or the largest of its proportions that
     // fits the screen; its lower-left corner stays put.
     const QSize natural(static_cast<int>(layout->width()), static_cast<int>(layout->height()));
-    const QSize content = layout->isResizable() ? WindowGeometry::fitContent(natural, natural, decoration(),
-                                                                             usableArea().size())
-                                                : natural;
+    const QSize content =
+        layout->isResizable()
+            ? WindowGeometry::fitContent(natural, natural, decoration(), m_mainWindow->usableArea().size())
+            : natural;
     const QSize frameSize = content + decoration();
-    const QRect frame = keepLowerLeft(frameSize);
+    const QRect frame = m_mainWindow->keepLowerLeft(frameSize);
 
     updateBackground();
     for (QAction* item : m_mainWindow->ui.activeLayoutMenu->actions()) {
@@ -432,22 +346,14 @@ void MainController::playPauseAction() {
 }
 
 void MainController::update3DItem() {
-    QAction* item = m_mainWindow->ui.capture3DItem;
-    CaptureDevice& device = *m_session->device();
     const bool playing = m_session->isPlaying();
-    QString why;
-    if (playing ? device.isDisconnected() : static_cast<bool>(device.failure())) {
-        why = QStringLiteral("No capture board is connected");
-    } else if (playing && !device.board().can3D()) {
-        why = device.board().info().usbSpeed == "USB 2"
-                  ? QStringLiteral("USB 3 needed: the capture board is connected by USB 2, too slow for "
-                                   "both eyes of the 3D picture")
-                  : QStringLiteral("This capture board cannot capture 3D");
-    } else if (!playing && m_3DItemShown) {
+    const QString why = session::why3DUnavailable(*m_session->device(), playing);
+    if (why.isEmpty() && !playing && m_3DItemShown) {
         // Paused: the board was known while it played, and is asked again at the next Play.
         return;
     }
     m_3DItemShown = true;
+    QAction* item = m_mainWindow->ui.capture3DItem;
     item->setEnabled(why.isEmpty());
     item->setToolTip(why.isEmpty() ? QStringLiteral("Capture the console's 3D picture: the top screen shows "
                                                     "the left eye, and layouts such as \"3D Side by Side\" "
@@ -494,35 +400,21 @@ void MainController::recordVideoAction() {
     if (m_session->isRecording()) {
         displayStatus(QStringLiteral("Finalizing video..."));
         m_session->stopRecording();
-        updateRecordingClock();
+        m_recording->update();
         return;
     }
     if (const Error failed = m_session->record()) {
         logs::app.error("Could not start recording video: %s", failed.logLine().c_str());
-        if (failed.step() == ImageRecorder::FolderStep || failed.step() == CaptureSession::FolderStep) {
-            saveFailed(QStringLiteral("Could not start recording video."),
-                       session::cannotWrite(m_session->settings().storageFolder, failed),
-                       QStringLiteral("toolbar_record"));
-            return;
+        const QString title = QStringLiteral("Could not start recording video.");
+        const QString text = session::recordingNotStarted(failed, m_session->settings().storageFolder);
+        if (session::isFolderProblem(failed)) {
+            saveFailed(title, text, QStringLiteral("toolbar_record"));
+        } else {
+            displayMessage(title, text, 2, QStringLiteral("toolbar_record"));
         }
-        if (failed.systemCode() == ENOMEM) {
-            displayMessage(QStringLiteral("Could not start recording video."),
-                           QStringLiteral("The layouts to record would take their pictures beyond the %1 MB "
-                                          "that the pictures of all layouts may take together. Record "
-                                          "fewer or smaller layouts.")
-                               .arg(CanvasBudget::instance().limit() >> 20),
-                           2, QStringLiteral("toolbar_record"));
-            return;
-        }
-        displayMessage(
-            QStringLiteral("Could not start recording video."),
-            QStringLiteral("It was somehow not possible to start recording video. You may want to try "
-                           "again or verify whether the application has writing rights in the specified "
-                           "output folder."),
-            2, QStringLiteral("toolbar_record"));
         return;
     }
-    setVideoRecording(true);
+    m_recording->started();
 }
 
 void MainController::updateSaveReplay() {
@@ -532,49 +424,6 @@ void MainController::updateSaveReplay() {
 void MainController::saveReplayAction() {
     // Into the storage folder chosen now, whichever was chosen when the buffer started.
     m_session->saveReplay(m_session->settings().storageFolder);
-}
-
-void MainController::setVideoRecording(bool recording) {
-    if (!recording || !m_session->recorder()) {
-        return; // the blinking puts the items back when the recording ends
-    }
-    m_mainWindow->ui.playPauseItem->setEnabled(false);
-    m_mainWindow->ui.recordItem->setText(QStringLiteral("Stop"));
-    m_recordingTime.start();
-    m_blinkPhase = false;
-    blinkRecording();
-}
-
-void MainController::blinkRecording() {
-    // Follows the current recorder, so a recording started while an earlier one still finalises
-    // keeps its items when the earlier one ends.
-    QAction* record = m_mainWindow->ui.recordItem;
-    updateRecordingClock();
-    if (!m_session->recorder() || m_session->recorder()->isDone()) {
-        m_blinkTimer.stop();
-        record->setIcon(icon(QStringLiteral("toolbar_record")));
-        record->setText(QStringLiteral("Record"));
-        m_mainWindow->ui.playPauseItem->setEnabled(true);
-        return;
-    }
-    record->setIcon(icon(m_blinkPhase ? QStringLiteral("toolbar_stop_alt") : QStringLiteral("toolbar_stop")));
-    // The plain image shows 0.7 s, the other 0.5 s.
-    m_blinkTimer.start(m_blinkPhase ? 500 : 700);
-    m_blinkPhase = !m_blinkPhase;
-}
-
-void MainController::updateRecordingClock() {
-    if (!m_session->isRecording()) {
-        m_recordingClock->hide();
-        m_recordingClock->clear();
-        m_mainWindow->setWindowTitle(QStringLiteral("Zandor"));
-        return;
-    }
-    const qint64 seconds = m_recordingTime.elapsed() / 1000;
-    const QString time = QString::asprintf("%02lld:%02lld", seconds / 60, seconds % 60);
-    m_recordingClock->setText(time);
-    m_recordingClock->show();
-    m_mainWindow->setWindowTitle(QStringLiteral("Zandor - Recording %1").arg(time));
 }
 
 void MainController::recordError(const QString& message) {
@@ -663,7 +512,8 @@ QSize MainController::windowWillResize(QSize proposed) {
     const QSize decor = decoration();
     // Our windows have no side borders: the proposed width is the content's width.
     return WindowGeometry::sizeForResize(QSize(proposed.width() - decor.width(), proposed.height()), decor,
-                                         natural, activeLayout()->isResizable(), usableArea().size());
+                                         natural, activeLayout()->isResizable(),
+                                         m_mainWindow->usableArea().size());
 }
 
 void MainController::updateLayoutViewFrame() {
@@ -694,8 +544,8 @@ void MainController::selectSizeAction(QAction* item) {
     const QSize natural(static_cast<int>(activeLayout()->width()),
                         static_cast<int>(activeLayout()->height()));
     const QSize content =
-        WindowGeometry::fitContent(natural * scale, natural, decoration(), usableArea().size());
-    m_mainWindow->place(keepLowerLeft(content + decoration()));
+        WindowGeometry::fitContent(natural * scale, natural, decoration(), m_mainWindow->usableArea().size());
+    m_mainWindow->place(m_mainWindow->keepLowerLeft(content + decoration()));
     updateLayoutViewFrame();
 }
 

@@ -4,12 +4,10 @@
 #include "layouts/Plugin.h"
 #include "session/CaptureSession.h"
 
-#include <QElapsedTimer>
 #include <QObject>
 #include <QPointer>
 #include <QRect>
 #include <QSize>
-#include <QTimer>
 
 #include <memory>
 #include <vector>
@@ -17,14 +15,15 @@
 class QAction;
 class QDialog;
 class QKeyEvent;
-class QLabel;
-class QMediaDevices;
 class QWidget;
 namespace Ui {
 class StatusSheet;
 }
 
 namespace zandor {
+
+class GameInputWatch;
+class RecordingIndicator;
 
 class CaptureLayoutView;
 class LayoutController;
@@ -73,7 +72,6 @@ public:
 
     void setActiveLayout(const LayoutPtr& layout);
     void setPlayPause(bool showPlay);
-    void setVideoRecording(bool recording);
     void enableRecorders(bool enabled);
 
     SaveNotifier& notifier() const { return *m_notifier; }
@@ -119,29 +117,16 @@ private:
     void setupView();
     void setupMainMenu();
     void updateBackground();
-    // One step of the record button's blinking while the current video recorder is not done; puts
-    // the items back once it is.
-    void blinkRecording();
-    // The time recorded, in the status bar and the title, while a recording runs; gone otherwise.
-    void updateRecordingClock();
     // Asks the desktop to bind Save Replay, Record and Screenshot as global shortcuts.
     void startGlobalShortcuts();
     void recoverBundles(const QStringList& bundles);
     // Save Replay is there while the session has a replay to save.
     void updateSaveReplay();
-    // The game input went away: "Listen to Game Sound" unticks until it comes back.
-    void gameSoundLost();
-    // Inputs came or went: a game input that is back is taken up again, listening as before.
-    void audioInputsChanged();
     // Enables View > 3D as far as the board can capture 3D, with a tooltip saying why not.
     void update3DItem();
     // The camera could not share: the item goes off, and the first time the user is told why.
     void cameraFailed(const QString& reason);
     QSize decoration() const;
-    // A window frame of the given size whose lower-left corner stays where the window's is.
-    QRect keepLowerLeft(QSize size) const;
-    // Where the window may go on its screen: the available area less the window manager's frame.
-    QRect usableArea() const;
     MainWindowContentView* mainView() const;
     CaptureLayoutView* layoutView() const;
 
@@ -156,17 +141,10 @@ private:
     std::unique_ptr<QWidget> m_fullScreenWindow;
     std::unique_ptr<SaveNotifier> m_notifier;
     std::unique_ptr<GlobalShortcuts> m_globalShortcuts;
+    RecordingIndicator* m_recording = nullptr; // a child of the window
+    GameInputWatch* m_gameInput = nullptr;     // a child of this
     bool m_cameraFailureShown = false;
-    QMediaDevices* m_audioDevices = nullptr;
-    // The game input went away while the user listened to it: the item is unticked meanwhile.
-    bool m_listeningAway = false;
-    bool m_gameSoundAway = false;
-    QTimer m_inputWatch;
     int m_preferencesObserver = 0;
-    QTimer m_blinkTimer;
-    QElapsedTimer m_recordingTime;
-    QLabel* m_recordingClock = nullptr; // owned by the status bar
-    bool m_blinkPhase = false;
     bool m_3DItemShown = false; // whether update3DItem() has set up View > 3D yet
     QSize m_windowDecoration;   // measured when the content went to full screen
 };

@@ -194,6 +194,53 @@ void MainWindow::resizeEvent(QResizeEvent* event) {
     }
 }
 
+QRect MainWindow::keepLowerLeft(QSize size) const {
+    const QRect old = geometry();
+    if (!isVisible()) {
+        return QRect(old.topLeft(), size); // not placed yet: the desktop places it when shown
+    }
+    QRect frame(old.left(), old.top() + old.height() - size.height(), size.width(), size.height());
+    // Keep the window on its screen as far as it fits, the title bar and the left edge above all.
+    if (const QRect available = usableArea(); available.isValid()) {
+        frame.moveBottom(std::min(frame.bottom(), available.bottom()));
+        frame.moveTop(std::max(frame.top(), available.top()));
+        frame.moveRight(std::min(frame.right(), available.right()));
+        frame.moveLeft(std::max(frame.left(), available.left()));
+    }
+    return frame;
+}
+
+QRect MainWindow::usableArea() const {
+    const QScreen* screen = screen();
+    if (!screen) {
+        return {};
+    }
+    // The window manager's frame (title bar, borders) around the window takes its part of the
+    // screen too; it is known once the window is shown.
+    const QRect outer = frameGeometry();
+    const QRect inner = geometry();
+    return screen->availableGeometry().adjusted(inner.left() - outer.left(), inner.top() - outer.top(),
+                                                inner.right() - outer.right(),
+                                                inner.bottom() - outer.bottom());
+}
+
+QList<GlobalShortcuts::Shortcut> MainWindow::globalShortcuts() const {
+    return {{QStringLiteral("save-replay"), QStringLiteral("Save Replay"), QStringLiteral("LOGO+ALT+S")},
+            {QStringLiteral("record"), QStringLiteral("Record"), QStringLiteral("LOGO+ALT+R")},
+            {QStringLiteral("screenshot"), QStringLiteral("Screenshot"), QStringLiteral("LOGO+ALT+F12")}};
+}
+
+void MainWindow::triggerShortcut(const QString& id) {
+    QAction* item = id == QLatin1String("save-replay")  ? ui.saveReplayItem
+                    : id == QLatin1String("record")     ? ui.recordItem
+                    : id == QLatin1String("screenshot") ? ui.screenshotItem
+                                                        : nullptr;
+    // Each does what its item does, when its item may.
+    if (item && item->isEnabled()) {
+        item->trigger();
+    }
+}
+
 void MainWindow::place(const QRect& frame) {
     if (frame == geometry()) {
         return;

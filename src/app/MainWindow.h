@@ -1,5 +1,7 @@
 #pragma once
 
+#include "GlobalShortcuts.h"
+
 #include "ui_MainWindow.h"
 
 #include "capture/Board.h"
@@ -58,6 +60,16 @@ public:
     // Sets the window's frame for the application (a layout change, a size step), as opposed to
     // a resize by the user, which is kept in proportion.
     void place(const QRect& frame);
+    // Save Replay, Record and Screenshot, as the desktop may bind them, with the keys suggested.
+    QList<GlobalShortcuts::Shortcut> globalShortcuts() const;
+    // Does what the item of the global shortcut `id` does, when the item may.
+    void triggerShortcut(const QString& id);
+    // A window frame of the given size whose lower-left corner stays where the window's is, kept
+    // on its screen as far as it fits.
+    QRect keepLowerLeft(QSize size) const;
+    // The part of the window's screen its content may take: the available area less the window
+    // manager's frame around the window; invalid without a screen.
+    QRect usableArea() const;
     // Tells an X11 window manager the proportions of the content (`natural`) and the size of the
     // menu bar and toolbar around it (`decoration`), so that dragging the window keeps them.
     void setAspect(QSize natural, QSize decoration);

@@ -217,6 +217,37 @@ bool session::boardNeedsPermission(const Error& error) {
            error.code() == usb::ErrorAccess;
 }
 
+bool session::isFolderProblem(const Error& error) {
+    return error.step() == ImageRecorder::FolderStep || error.step() == CaptureSession::FolderStep;
+}
+
+QString session::recordingNotStarted(const Error& error, const QString& folder) {
+    if (isFolderProblem(error)) {
+        return cannotWrite(folder, error);
+    }
+    if (error.systemCode() == ENOMEM) {
+        return QStringLiteral("The layouts to record would take their pictures beyond the %1 MB that the "
+                              "pictures of all layouts may take together. Record fewer or smaller layouts.")
+            .arg(CanvasBudget::instance().limit() >> 20);
+    }
+    return QStringLiteral("It was somehow not possible to start recording video. You may want to try again "
+                          "or verify whether the application has writing rights in the specified output "
+                          "folder.");
+}
+
+QString session::why3DUnavailable(CaptureDevice& device, bool playing) {
+    if (playing ? device.isDisconnected() : static_cast<bool>(device.failure())) {
+        return QStringLiteral("No capture board is connected");
+    }
+    if (playing && !device.board().can3D()) {
+        return device.board().info().usbSpeed == "USB 2"
+                   ? QStringLiteral("USB 3 needed: the capture board is connected by USB 2, too slow for "
+                                    "both eyes of the 3D picture")
+                   : QStringLiteral("This capture board cannot capture 3D");
+    }
+    return {};
+}
+
 CaptureSession::CaptureSession(std::unique_ptr<Board> board, CaptureSettings settings)
     : m_device(CaptureDevice::create(std::move(board))), m_settings(std::move(settings)),
       m_gameAudio(std::make_unique<GameAudio>()) {

@@ -107,6 +107,9 @@ struct RecoveryDone {
 std::string boardChoiceMessage(const Error& error);
 // Whether the board could not be opened as its device node is not ours: the udev rule is missing.
 bool boardNeedsPermission(const Error& error);
+// Why the console's 3D picture cannot be chosen now, in a few words: no board, a board that cannot
+// capture it, or one on USB 2; empty when it can, or while paused when the board is not known.
+QString why3DUnavailable(CaptureDevice& device, bool playing);
 
 // Why a file or folder could not be written, in one sentence for the user, by the cause kept in
 // `error`: one wording for one cause, whatever was being saved ("The disk is full.").
@@ -114,6 +117,12 @@ QString reasonInWords(const Error& error);
 // "Zandor cannot write to \"/path\". The disk is full.": what every save that fails says, and the
 // line it logs.
 QString cannotWrite(const QString& place, const Error& error);
+// Whether `error` of CaptureSession::record is the storage folder's: then it is said as every save
+// that fails says it (cannotWrite).
+bool isFolderProblem(const Error& error);
+// Why a recording into `folder` could not start, for the alert: the folder, the layouts' memory
+// budget, or the general words.
+QString recordingNotStarted(const Error& error, const QString& folder);
 
 using Event = std::variant<BoardConnection, RecordingDone, RecordingError, RecordingNotice, ReplaySaved,
                            CameraFailed, GameSoundLost, RecoveryDone, ScreenshotTaken>;
