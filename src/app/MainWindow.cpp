@@ -211,17 +211,17 @@ QRect MainWindow::keepLowerLeft(QSize size) const {
 }
 
 QRect MainWindow::usableArea() const {
-    const QScreen* screen = screen();
-    if (!screen) {
+    const QScreen* shownOn = screen();
+    if (!shownOn) {
         return {};
     }
     // The window manager's frame (title bar, borders) around the window takes its part of the
     // screen too; it is known once the window is shown.
     const QRect outer = frameGeometry();
     const QRect inner = geometry();
-    return screen->availableGeometry().adjusted(inner.left() - outer.left(), inner.top() - outer.top(),
-                                                inner.right() - outer.right(),
-                                                inner.bottom() - outer.bottom());
+    return shownOn->availableGeometry().adjusted(inner.left() - outer.left(), inner.top() - outer.top(),
+                                                 inner.right() - outer.right(),
+                                                 inner.bottom() - outer.bottom());
 }
 
 QList<GlobalShortcuts::Shortcut> MainWindow::globalShortcuts() const {

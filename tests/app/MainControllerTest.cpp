@@ -452,6 +452,14 @@ TEST_F(MainControllerTest, View3DIsTheBoardsChoiceOrSaysWhyItCannotBe) {
     EXPECT_TRUE(m_controller->session().device()->wants3D());
     ui.playPauseItem->trigger();
     EXPECT_TRUE(ui.capture3DItem->isEnabled() && ui.capture3DItem->isChecked());
+    // About this board says so too.
+    ui.aboutBoardItem->trigger();
+    auto* about = m_controller->mainWindow()->findChild<QMessageBox*>("aboutBoardWindow");
+    ASSERT_NE(about, nullptr);
+    EXPECT_TRUE(about->informativeText().contains("Serial number: ZD0000000001"));
+    EXPECT_TRUE(about->informativeText().endsWith("3D picture: yes"))
+        << about->informativeText().toStdString();
+    about->close();
 
     // A board without 3D: the item is off and says why once the board is open.
     stop();
