@@ -51,12 +51,18 @@ void keepAndSave(benchmark::State& state, const QString& quality) {
 
         // The same frames into a recording's movie: the encoder's own cost.
         VideoRecord record(bench::demoFootage("Top over Bottom").layout);
-        record.start(bench::benchFolder(), settings);
+        if (const Error failed = record.start(bench::benchFolder(), settings)) {
+            state.SkipWithError(failed.logLine().c_str());
+            return;
+        }
         start = bench::threadSeconds();
         for (int n = 0; n < Frames; ++n) {
             record.append(frameAt(n));
         }
-        record.stop();
+        if (const Error failed = record.stop()) {
+            state.SkipWithError(failed.logLine().c_str());
+            return;
+        }
         recording = bench::threadSeconds() - start;
 
         held = buffer->heldBytes();

@@ -53,12 +53,18 @@ void encode(benchmark::State& state, const QString& layoutName, VideoQualityPtr 
     double ours = 0, theirs = 0;
     for (auto _ : state) {
         VideoRecord record(input.layout);
-        record.start(bench::benchFolder(), settings);
+        if (const Error failed = record.start(bench::benchFolder(), settings)) {
+            state.SkipWithError(failed.logLine().c_str());
+            return;
+        }
         const double start = bench::threadSeconds();
         for (const auto& frame : input.frames) {
             record.append(*frame);
         }
-        record.stop();
+        if (const Error failed = record.stop()) {
+            state.SkipWithError(failed.logLine().c_str());
+            return;
+        }
         ours = bench::threadSeconds() - start;
         state.SetIterationTime(ours);
 
