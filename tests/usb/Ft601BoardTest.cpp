@@ -20,6 +20,7 @@
 
 #include <array>
 #include <cstring>
+#include <map>
 #include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -97,24 +98,24 @@ protected:
         ASSERT_TRUE(m_device->startListening());
     }
 
-    // The next `count` frames of each screen, matched by number (a frame one screen dropped is left out).
+    // The next `count` shots: frames of the three screens with the same number, in order. A queue
+    // may have overflowed on one screen and not on another while the test looked at earlier frames
+    // (slowly, under the sanitizers), so frames are taken until `count` numbers are whole.
     std::vector<Shot> shots(size_t count) {
-        std::array<std::vector<CaptureDataPtr>, ScreenCount> frames;
-        for (unsigned i = 0; i < ScreenCount; ++i) {
-            frames[i] = test::takeFrames(*m_device->screen(i), m_observers[i], *m_wakeups[i], count);
-        }
+        std::array<std::map<uint64_t, CaptureDataPtr>, ScreenCount> byNumber;
         std::vector<Shot> matched;
-        for (const auto& top : frames[0]) {
-            Shot shot{top};
-            for (unsigned i = 1; i < ScreenCount; ++i) {
-                for (const auto& other : frames[i]) {
-                    if (other->number() == top->number()) {
-                        shot[i] = other;
-                    }
+        for (int round = 0; round < 10 && matched.size() < count; ++round) {
+            for (unsigned i = 0; i < ScreenCount; ++i) {
+                for (const auto& frame :
+                     test::takeFrames(*m_device->screen(i), m_observers[i], *m_wakeups[i], count)) {
+                    byNumber[i][frame->number()] = frame;
                 }
             }
-            if (shot[1] && shot[2]) {
-                matched.push_back(shot);
+            matched.clear();
+            for (const auto& [number, top] : byNumber[0]) {
+                if (matched.size() < count && byNumber[1].count(number) && byNumber[2].count(number)) {
+                    matched.push_back(Shot{top, byNumber[1][number], byNumber[2][number]});
+                }
             }
         }
         return matched;
