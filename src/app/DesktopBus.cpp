@@ -1,6 +1,8 @@
 #include "DesktopBus.h"
 
+#include <QCoreApplication>
 #include <QFileInfo>
+#include <QTimer>
 
 namespace zandor::desktop_bus {
 
@@ -17,6 +19,15 @@ QDBusConnection connect(const QString& address, const QString& name) {
     }
     // An empty address gives a connection that is not connected: nothing is told to the desktop.
     return QDBusConnection::connectToBus(session, name);
+}
+
+void endLater(const QString& name) {
+    QCoreApplication* application = QCoreApplication::instance();
+    if (!application) {
+        QDBusConnection::disconnectFromBus(name);
+        return;
+    }
+    QTimer::singleShot(0, application, [name] { QDBusConnection::disconnectFromBus(name); });
 }
 
 bool Subscriptions::add(const QString& service, const QString& path, const QString& interface,

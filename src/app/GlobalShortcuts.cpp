@@ -40,7 +40,7 @@ GlobalShortcuts::GlobalShortcuts(QList<Shortcut> shortcuts, const QString& busAd
 
 GlobalShortcuts::~GlobalShortcuts() {
     m_subscriptions.release();
-    QDBusConnection::disconnectFromBus(m_busName);
+    desktop_bus::endLater(m_busName);
 }
 
 QString GlobalShortcuts::note() const {

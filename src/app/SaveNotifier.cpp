@@ -54,7 +54,7 @@ SaveNotifier::SaveNotifier(const QString& busAddress, bool sandboxed, QObject* p
 
 SaveNotifier::~SaveNotifier() {
     m_subscriptions.release();
-    QDBusConnection::disconnectFromBus(m_busName);
+    desktop_bus::endLater(m_busName);
 }
 
 bool SaveNotifier::isSandboxed() {
