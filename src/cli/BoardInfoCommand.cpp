@@ -49,6 +49,10 @@ int BoardInfoCommand::run(const CommandLine& options) {
                 !info.sendsSound   ? "unknown"
                 : *info.sendsSound ? "yes"
                                    : "no");
+    if (!info.usbSpeed.empty()) {
+        std::printf("Connection: %s\n", info.usbSpeed.c_str());
+    }
+    std::printf("3D picture: %s\n", info.can3D ? "yes" : "no");
     return 0;
 }
 

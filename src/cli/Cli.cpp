@@ -69,8 +69,9 @@ const Command Commands[] = {
      "write N raw frames of the board, with their sound, to FILE (for --board replay:FILE)", false,
      DumpCommand::run},
     {"board-info", "[--board BOARD]",
-     "say what the board is: name, vendor:product, serial, firmware version, whether it sends sound", false,
-     BoardInfoCommand::run},
+     "say what the board is: name, vendor:product, serial, firmware version, whether it sends sound, its "
+     "connection and whether it can capture 3D",
+     false, BoardInfoCommand::run},
 };
 
 const char* const ThreeDNote = "--3d captures the console's 3D picture when the board can: the top screen "

@@ -110,7 +110,7 @@ TEST_F(CliTest, BoardInfoTellsWhatTheBoardIs) {
     const auto result = cli({"board-info", "--board", "demo"});
     ASSERT_EQ(result.exitCode, 0) << result.err;
     EXPECT_EQ(result.out, "Name: Demo board\nVendor:product: 16d0:06a3\nSerial: ZD0000000001\nFirmware "
-                          "version: 6\nSound: yes\n");
+                          "version: 6\nSound: yes\n3D picture: yes\n");
     EXPECT_NE(
         result.err.find(
             "Capture board: Demo board 16d0:06a3, serial ZD0000000001, firmware version 6, can capture 3D\n"),

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <numeric>
 #include <optional>
+#include <tuple>
 
 namespace zandor {
 namespace {
@@ -118,7 +119,7 @@ TEST(EmulatedBoardProgramsTest, BoardInfoTellsWhatTheChosenBoardIs) {
             test::runProcess(withEmulatedBoard(twoBoards, {ZANDOR_CLI, "board-info", "--board", board}), 60s);
         ASSERT_EQ(run.exitCode, 0) << run.err;
         EXPECT_EQ(run.out, "Name: Capture board\nVendor:product: 16d0:06a3\nSerial: " + std::string(serial) +
-                               "\nFirmware version: 4\nSound: no\n");
+                               "\nFirmware version: 4\nSound: no\n3D picture: no\n");
         EXPECT_NE(run.err.find("The capture board sends no sound\n"), std::string::npos) << run.err;
     }
     const test::ProcessResult missing = test::runProcess(
@@ -130,15 +131,17 @@ TEST(EmulatedBoardProgramsTest, BoardInfoTellsWhatTheChosenBoardIs) {
         withEmulatedBoard({"--tone", "440"}, {ZANDOR_CLI, "board-info", "--board", "usb"}), 60s);
     ASSERT_EQ(sound.exitCode, 0) << sound.err;
     EXPECT_EQ(sound.out, "Name: Capture board\nVendor:product: 16d0:06a3\nSerial: ZD0000000001\n"
-                         "Firmware version: 6\nSound: yes\n");
+                         "Firmware version: 6\nSound: yes\n3D picture: no\n");
 }
 
 // The new models' board through the script, on a USB 3 port and on a USB 2 one.
 TEST(EmulatedBoardProgramsTest, TheNewModelsBoardIsFoundAndTellsWhatItCan) {
     test::isolateUserFolders();
     setenv("ZANDOR_BUILD", ZANDOR_BUILD_DIR, 1);
-    for (const auto& [port, line] :
-         {std::pair<std::string, std::string>{"", "USB 3, can capture 3D"}, {"--usb2", "USB 2\n"}}) {
+    for (const auto& [port, line, told] :
+         {std::tuple<std::string, std::string, std::string>{"", "USB 3, can capture 3D",
+                                                            "Connection: USB 3\n3D picture: yes\n"},
+          {"--usb2", "USB 2\n", "Connection: USB 2\n3D picture: no\n"}}) {
         std::vector<std::string> options{"--kind", "n3dsxl", "--serial", "ZD-N3DS"};
         if (!port.empty()) {
             options.push_back(port);
@@ -151,6 +154,7 @@ TEST(EmulatedBoardProgramsTest, TheNewModelsBoardIsFoundAndTellsWhatItCan) {
             std::string::npos)
             << run.err;
         EXPECT_EQ(run.err.find("refused"), std::string::npos) << run.err;
+        EXPECT_TRUE(run.out.starts_with("Name: N3DSXL\n") && run.out.ends_with(told)) << run.out;
     }
 }
 
