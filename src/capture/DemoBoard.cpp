@@ -243,13 +243,15 @@ void DemoBoard::fill(uint64_t frame, uint64_t offset, uint8_t* destination, uint
     if (m_rendered != static_cast<int64_t>(frame) || m_rendered3D != m_sending3D) {
         // The frame read nearest each whole second flashes: the first one read less than half a
         // frame period before it, or after it. A fixed window would miss seconds now and then: the
-        // board's pace is never exactly 60 frames a second.
-        const int64_t second =
-            std::chrono::duration_cast<std::chrono::seconds>(
-                (std::chrono::system_clock::now() + CaptureDevice::DefaultFramePeriod / 2).time_since_epoch())
-                .count();
-        const bool flash = m_flashes && m_flashSecond >= 0 && second != m_flashSecond;
-        m_flashSecond = second;
+        // board's pace is never exactly 60 frames a second. After a pause in the reads (the cable
+        // pulled, a stalled reader) the first frame is in a new second too, but far from its
+        // start: it does not flash, or two flashes would come a fraction of a second apart.
+        const auto sinceEpoch =
+            (std::chrono::system_clock::now() + CaptureDevice::DefaultFramePeriod / 2).time_since_epoch();
+        const auto second = std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch);
+        const bool flash = m_flashes && m_flashSecond >= 0 && second.count() != m_flashSecond &&
+                           sinceEpoch - second < LatestFlash;
+        m_flashSecond = second.count();
         if (flash || (!m_flashes && frame % CaptureDevice::NominalFramesPerSecond == 0)) {
             m_beepStart = static_cast<int64_t>(frame);
         }

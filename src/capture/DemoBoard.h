@@ -4,6 +4,7 @@
 #include "ThreeDSender.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 
@@ -12,8 +13,9 @@ namespace zandor {
 // A simulated board with a moving, recognisable picture on both screens: a labelled frame
 // counter, scrolling colour bars and a bouncing marker on each. Every frame's bytes follow from its
 // number alone, unless flashes are on: then the frame read nearest each whole second of the wall
-// clock (the clock of the frames' time stamps), within half a frame period, is all white, for
-// measuring how sound and picture line up. Flashes are on when ZANDOR_DEMO_FLASH is set to 1.
+// clock (the clock of the frames' time stamps), within half a frame period and at most LatestFlash
+// after it, is all white, for measuring how sound and picture line up. Flashes are on when ZANDOR_DEMO_FLASH
+// is set to 1.
 //
 // Its sound is silence with a short 1 kHz beep starting with each flash (without flashes, with
 // every 60th frame), or a continuous tone when one is set. Each frame carries the samples of one
@@ -44,6 +46,8 @@ public:
     // from the bottom row up) into `raw` (raw::BottomOffset bytes).
     static void renderRightEye(uint64_t frame, uint8_t* raw);
     static constexpr int Parallax = 12;
+    // How long after a whole second its first frame may still flash.
+    static constexpr std::chrono::milliseconds LatestFlash{250};
 
     void send3D(bool on) override { m_wants3D = on; }
 

@@ -93,9 +93,13 @@ TEST(EmulatedBoardProgramsTest, ARecordingGoesOnThroughAnUnplugWithBlackFramesAn
         return std::nullopt;
     };
     EXPECT_FALSE(loudBetween(gapStart / 60.0 + 0.05, gapEnd / 60.0 - 0.05)) << "sound in the gap";
+    // A run of white frames is one flash: slots whose frames were lost on a busy machine show the
+    // picture before them again.
     int beeps = 0;
     for (size_t frame = 0; frame < brightness.size(); ++frame) {
-        if (brightness[frame] < 200 || frame / 60.0 + 0.1 > double(count) / Rate) {
+        const bool white = brightness[frame] >= 200;
+        if (!white || (frame > 0 && brightness[frame - 1] >= 200) ||
+            frame / 60.0 + 0.1 > double(count) / Rate) {
             continue;
         }
         ++beeps;
