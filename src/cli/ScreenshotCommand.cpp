@@ -44,7 +44,9 @@ int ScreenshotCommand::run(const CommandLine& options) {
         return 1;
     }
     if (files.size() < wanted) {
-        std::fprintf(stderr, "zandor-cli screenshot: a screenshot could not be written\n");
+        std::fprintf(
+            stderr, "zandor-cli screenshot: %s\n",
+            qUtf8Printable(session::cannotWrite(session->settings().storageFolder, recorder->failure())));
         return 1;
     }
     return 0;

@@ -196,7 +196,7 @@ std::string session::boardChoiceMessage(const Error& error) {
     if (error.step() == StepChoose) {
         return error.code() == static_cast<int>(BoardNameProblem::ReplayWithoutFile)
                    ? "The replay board needs a file: replay:FILE"
-                   : "Unknown board '" + error.path() + "': use usb, demo or replay:FILE";
+                   : "Unknown board '" + error.path() + "': use usb, usb:SERIAL, demo or replay:FILE";
     }
     if (error.step() == ReplayBoard::StepOpen) {
         switch (error.code()) {

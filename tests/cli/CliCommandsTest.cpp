@@ -217,7 +217,7 @@ TEST_F(CliTest, BadInputGetsOneClearLineAndLeavesNoFile) {
              {{"replay", "--board", "demo", "--layout", "None", "--out", out},
               "zandor-cli replay: Option --layout needs one layout"},
              {{"dump", "--board", "Demo", "--frames", "1", "--out", raw},
-              "Unknown board 'Demo': use usb, demo or replay:FILE"},
+              "Unknown board 'Demo': use usb, usb:SERIAL, demo or replay:FILE"},
              {{"dump", "--board", "replay:", "--frames", "1", "--out", raw},
               "The replay board needs a file: replay:FILE"},
              {{"dump", "--board", "demo", "--frames", "1", "--out", out + "/no/such/dir.raw"},

@@ -32,8 +32,10 @@ protected:
             "mount -t tmpfs -o " + options + " zandor-disk \"$1\" || exit 90; ", out, kept);
         wrapped.push_back(ZANDOR_CLI);
         wrapped.insert(wrapped.end(), command.begin(), command.end());
-        wrapped.insert(wrapped.end(),
-                       {"--board", "demo", "--layout", "Top", "--quality", "Highest", "--out", out});
+        wrapped.insert(wrapped.end(), {"--board", "demo", "--layout", "Top", "--out", out});
+        if (command.front() != "screenshot") {
+            wrapped.insert(wrapped.end(), {"--quality", "Highest"});
+        }
         const test::ProcessResult result = test::runProcess(wrapped);
         EXPECT_FALSE(result.overstayed);
         return result;
@@ -74,6 +76,17 @@ TEST_F(FullDisk, AReplayThatCannotBeSavedIsSaidAndLeavesNothing) {
     EXPECT_NE(run.err.find("zandor-cli replay: Could not save the replay. Zandor cannot write to \"" + out +
                            "\". The disk is full.\n"),
               std::string::npos)
+        << run.err;
+    EXPECT_EQ(QDir(QString::fromStdString(kept)).entryList(QDir::Files | QDir::Hidden), QStringList())
+        << "nothing is left behind";
+}
+
+TEST_F(FullDisk, AScreenshotThatCannotBeSavedSaysWhereAndWhy) {
+    const test::ProcessResult run = this->run("size=8k", {"screenshot", "--format", "JPEG"});
+    EXPECT_EQ(run.exitCode, 1) << run.err;
+    EXPECT_NE(
+        run.err.find("zandor-cli screenshot: Zandor cannot write to \"" + out + "\". The disk is full.\n"),
+        std::string::npos)
         << run.err;
     EXPECT_EQ(QDir(QString::fromStdString(kept)).entryList(QDir::Files | QDir::Hidden), QStringList())
         << "nothing is left behind";
