@@ -95,6 +95,11 @@ void Recorder::listener(const Worker::Run& worker, Run run) {
             worker.wait();
         }
     }
+    // The frames that came before the stop and still wait belong to the recording: on a busy
+    // machine the recorder may be seconds behind the picture. No new one comes: the layouts have
+    // let go of these subscriptions.
+    while (update(run)) {
+    }
     tryDone();
 }
 

@@ -43,7 +43,8 @@ public:
     // capture/Observable.h): call start and stop holding none of a producer's.
     virtual bool start();
     // Ends listening and asks every layout to stop (a layout stops once nobody is subscribed).
-    // The thread may go on finishing (capturedLayouts): waitUntilFinished joins it.
+    // The thread goes on with the frames already queued, then finishes (capturedLayouts):
+    // waitUntilFinished joins it.
     virtual bool stop();
 
     // Joins the thread of the last run, after capturedLayouts; false, logged, on timeout.

@@ -23,6 +23,7 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
+#include <future>
 #include <mutex>
 
 namespace zandor {
@@ -139,6 +140,37 @@ TEST_F(RecorderTest, HandsOneFramePerLayoutAndFinishesOnceWhenStopped) {
     EXPECT_EQ(recorder->captured, 1) << "the thread's final check finds the run finished";
     EXPECT_EQ(recorder->seen(), (std::map<QString, int>{{"Bottom", 1}, {"Top", 1}}));
     EXPECT_FALSE(m_top->isListening()) << "the layout stops once its last consumer left";
+}
+
+// A recorder held up in its first frame, as on a busy machine, and stopped meanwhile: the frames
+// that came before the stop are recorded all the same.
+TEST_F(RecorderTest, AStopStillTakesTheFramesThatCameBeforeIt) {
+    class HeldRecorder final : public Recorder {
+    public:
+        using Recorder::Recorder;
+        std::promise<void> go;
+        int taken = 0; // the recorder's thread only; read after it has finished
+
+    protected:
+        bool capture(const LayoutPtr& layout, const ObserverPtr& observer) override {
+            if (taken++ == 0) {
+                go.get_future().wait();
+            }
+            Recorder::capture(layout, observer);
+            return false;
+        }
+    };
+    auto recorder = std::make_shared<HeldRecorder>(std::vector<LayoutPtr>{m_top});
+    auto watch = m_top->addObserver(m_wakeup);
+    m_board->holdAt(12);
+    ASSERT_TRUE(recorder->start());
+    ASSERT_TRUE(m_device->startListening());
+    ASSERT_EQ(test::takeFrames(*m_top, watch, *m_wakeup, 12).size(), 12u);
+    m_top->removeObserver(watch);
+    recorder->stop();
+    recorder->go.set_value();
+    ASSERT_TRUE(recorder->waitUntilFinished(20s));
+    EXPECT_EQ(recorder->taken, 12);
 }
 
 // The layout's name after the stamp tells the files apart (the two may fall in different seconds).
