@@ -13,6 +13,13 @@
 
 namespace zandor {
 
+namespace {
+
+// A board that gives no frame for this long is given up on.
+constexpr std::chrono::seconds FrameTimeout{10};
+
+} // namespace
+
 int RecordCommand::run(const CommandLine& options) {
     auto seconds = CommandLine::parseCount(options.value("seconds").value_or(""), 1);
     if (!seconds) {
@@ -43,12 +50,24 @@ int RecordCommand::run(const CommandLine& options) {
         return 1;
     }
     // The recording runs on the recorder's and the device's threads; this one only keeps time,
-    // unless the recording ends on its own first (a full disk).
+    // unless the recording ends on its own first (a full disk). The movie is to hold that much
+    // picture, and its first frame comes a moment after the start (later on a busy machine): the
+    // wait goes on by what is still missing, for as long as frames keep coming.
     const auto isDone = [](const session::Event& event) {
         return std::holds_alternative<session::RecordingDone>(event);
     };
-    if (!events.waitFor(isDone, std::chrono::seconds(*seconds))) {
-        session->stopRecording();
+    const std::chrono::nanoseconds wanted = std::chrono::seconds(*seconds);
+    std::chrono::nanoseconds missing = wanted;
+    std::chrono::nanoseconds recorded{0};
+    while (!events.waitFor(isDone, std::chrono::ceil<std::chrono::milliseconds>(missing))) {
+        const std::chrono::nanoseconds now = session->recorder()->pictureLength();
+        if (now >= wanted || (now == recorded && missing >= FrameTimeout)) {
+            session->stopRecording();
+            break;
+        }
+        // No new frame in a while: waited for once more, at most FrameTimeout.
+        missing = now == recorded ? FrameTimeout : wanted - now;
+        recorded = now;
     }
     // Finalising runs the merging and converting tools; a long recording takes a while.
     session->shutdown();

@@ -181,6 +181,12 @@ std::optional<std::chrono::system_clock::time_point> VideoRecord::pictureEnd() {
                                          (m_lastSlot + 1) * CaptureDevice::DefaultFramePeriod);
 }
 
+std::chrono::nanoseconds VideoRecord::pictureLength() {
+    std::scoped_lock lock(m_lock);
+    return m_lastSlot < 0 ? std::chrono::nanoseconds(0)
+                          : (m_lastSlot + 1) * CaptureDevice::DefaultFramePeriod;
+}
+
 bool VideoRecord::writeFailed() {
     std::scoped_lock lock(m_lock);
     return m_writeError != 0;

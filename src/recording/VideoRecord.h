@@ -54,6 +54,8 @@ public:
     bool writeFailed();
     // The wall-clock time at which the last appended frame stops showing; unset before the first.
     std::optional<std::chrono::system_clock::time_point> pictureEnd();
+    // How long the movie's picture lasts so far: from its first frame to pictureEnd(); 0 before it.
+    std::chrono::nanoseconds pictureLength();
 
     const QString& recordPath() const { return m_recordPath; }
     const QString& mergePath() const { return m_mergePath; }

@@ -143,6 +143,15 @@ bool VideoRecorder::capture(const LayoutPtr& layout, const ObserverPtr& observer
     return m_writeFailed;
 }
 
+std::chrono::nanoseconds VideoRecorder::pictureLength() const {
+    std::optional<std::chrono::nanoseconds> shortest;
+    for (const auto& record : m_videoRecords) {
+        const std::chrono::nanoseconds length = record->pictureLength();
+        shortest = shortest ? std::min(*shortest, length) : length;
+    }
+    return shortest.value_or(std::chrono::nanoseconds(0));
+}
+
 void VideoRecorder::capturedLayouts() {
     // A tool that takes twenty times as long as the recording (or ten seconds for a short one) has
     // hung; ToolLimits' default ends one that prints nothing for ten minutes.

@@ -57,6 +57,8 @@ public:
     // The finished files that exist, in layout order.
     QStringList madeFiles() const;
     const QMap<QString, std::shared_ptr<VideoRecord>>& videoRecords() const { return m_videoRecords; }
+    // How long the shortest movie's picture lasts so far (see VideoRecord::pictureLength).
+    std::chrono::nanoseconds pictureLength() const;
 
     // Recovery of recordings that a crash, a kill or a power cut left unfinished (see
     // RecordingBundle).
