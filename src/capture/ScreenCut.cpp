@@ -278,8 +278,9 @@ void cutTileColumnAvx2(const uint8_t* const* columns, uint64_t count, uint8_t* b
 // With AVX-512's byte permutations of two registers (VBMI), a tile is 16 columns by 8 pixels. A
 // register holds two columns' 8 pixels, one in each 32-byte half; three rounds of permutations, each
 // picking bytes from two registers, make 4 rows of 4 columns, then pairs of rows of 8 columns, then
-// rows of all 16 columns (48 bytes), each written with one store. Fewer, whole-row stores cost less
-// than the shuffles they need: the writes, not the shuffles, are what a cut spends most on.
+// rows of all 16 columns (48 bytes), each written with one store. Stores to rows far apart cost more
+// than permutations: one store a row of 16 columns beats two of 8 columns, though it needs a third
+// round of permutations.
 constexpr uint64_t WideTile = 16;
 using Table = std::array<uint8_t, 64>;
 
@@ -348,11 +349,10 @@ __attribute__((target(ZANDOR_VBMI), always_inline)) inline __m512i twoColumns(co
 template <bool Masked>
 __attribute__((target(ZANDOR_VBMI), always_inline)) inline void
 rowPairs(const uint8_t* const* columns, uint64_t offset, const __m512i* tables, __m512i* pairs) {
-    const uint8_t* const* c = columns;
-    const __m512i c01 = twoColumns<Masked>(c[0] + offset, c[1] + offset);
-    const __m512i c23 = twoColumns<Masked>(c[2] + offset, c[3] + offset);
-    const __m512i c45 = twoColumns<Masked>(c[4] + offset, c[5] + offset);
-    const __m512i c67 = twoColumns<Masked>(c[6] + offset, c[7] + offset);
+    const __m512i c01 = twoColumns<Masked>(columns[0] + offset, columns[1] + offset);
+    const __m512i c23 = twoColumns<Masked>(columns[2] + offset, columns[3] + offset);
+    const __m512i c45 = twoColumns<Masked>(columns[4] + offset, columns[5] + offset);
+    const __m512i c67 = twoColumns<Masked>(columns[6] + offset, columns[7] + offset);
     const __m512i left[2] = {_mm512_permutex2var_epi8(c01, tables[0], c23),
                              _mm512_permutex2var_epi8(c01, tables[1], c23)};
     const __m512i right[2] = {_mm512_permutex2var_epi8(c45, tables[0], c67),
