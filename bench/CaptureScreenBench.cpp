@@ -113,9 +113,10 @@ const char* orderName(ColumnOrder order) {
 // The copy of frame i % frames and the work on frame (i + frames / 2) % frames alternate in one loop,
 // so that they see the same state of the machine; the iteration time is the work's. The counters
 // are medians over the iterations, which other load on the machine disturbs less than means:
-// cut_over_memcpy is the work's time in units of the copy's.
+// <work>_over_memcpy is the work's time in units of the copy's.
 template <size_t Frames, class Work>
-void measureOverMemcpy(benchmark::State& state, std::array<Buffers, Frames>& frames, Work work) {
+void measureOverMemcpy(benchmark::State& state, std::array<Buffers, Frames>& frames, const std::string& name,
+                       Work work) {
     std::vector<double> cutSeconds, copySeconds;
     size_t i = 0;
     for (auto _ : state) {
@@ -134,13 +135,13 @@ void measureOverMemcpy(benchmark::State& state, std::array<Buffers, Frames>& fra
     const uint64_t frameBytes = frames[0].bytes;
     const auto bytes = static_cast<double>(frameBytes);
     state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(frameBytes));
-    state.counters["cut_us"] = cut * 1e6;
+    state.counters[name + "_us"] = cut * 1e6;
     state.counters["memcpy_us"] = copy * 1e6;
-    state.counters["cut_bytes_per_second"] =
+    state.counters[name + "_bytes_per_second"] =
         benchmark::Counter(bytes / cut, benchmark::Counter::kDefaults, benchmark::Counter::kIs1024);
     state.counters["memcpy_bytes_per_second"] =
         benchmark::Counter(bytes / copy, benchmark::Counter::kDefaults, benchmark::Counter::kIs1024);
-    state.counters["cut_over_memcpy"] = cut / copy;
+    state.counters[name + "_over_memcpy"] = cut / copy;
 }
 
 // Arguments: the column order and the level (its place in ScreenCut::levels()), for the cut
@@ -165,7 +166,7 @@ void BM_CutOverMemcpy(benchmark::State& state) {
         return;
     }
     std::array<Buffers, 1> frames{Buffers(static_cast<ColumnOrder>(state.range(0)))};
-    measureOverMemcpy(state, frames, [&](Buffers& frame) { frame.cutAll(level); });
+    measureOverMemcpy(state, frames, "cut", [&](Buffers& frame) { frame.cutAll(level); });
 }
 BENCHMARK(BM_CutOverMemcpy)
     ->ArgNames({"order", "level"})
@@ -185,7 +186,7 @@ void BM_CutOverMemcpyRing(benchmark::State& state) {
     }
     const auto order = static_cast<ColumnOrder>(state.range(0));
     std::array<Buffers, 4> frames{Buffers(order), Buffers(order), Buffers(order), Buffers(order)};
-    measureOverMemcpy(state, frames, [&](Buffers& frame) { frame.cutAll(level); });
+    measureOverMemcpy(state, frames, "cut", [&](Buffers& frame) { frame.cutAll(level); });
 }
 BENCHMARK(BM_CutOverMemcpyRing)
     ->ArgNames({"order", "level"})
@@ -205,7 +206,7 @@ void BM_VectorCopyOverMemcpy(benchmark::State& state) {
     const auto order = static_cast<ColumnOrder>(state.range(0));
     state.SetLabel(orderName(order));
     std::array<Buffers, 1> frames{Buffers(order)};
-    measureOverMemcpy(state, frames, [](Buffers& frame) {
+    measureOverMemcpy(state, frames, "vector_copy", [](Buffers& frame) {
         storeCopy(frame.stored.data(), frame.picture.data(), frame.bytes);
         benchmark::DoNotOptimize(frame.stored.data());
         benchmark::ClobberMemory();
