@@ -13,8 +13,9 @@ namespace zandor {
 
 namespace {
 
-// Columns and pixels of a tile.
+// Pixels of a tile, and its columns where the level does not say otherwise.
 constexpr uint64_t Tile = 8;
+constexpr uint64_t MaxTileColumns = 16;
 
 // Pixels [first, last) of `count` columns, one at a time: the edges of an area whose sides are not
 // multiples of a tile, and the whole cut where no vector instructions are at hand. `bottomRow`
@@ -28,15 +29,16 @@ void cutPixels(const uint8_t* const* columns, uint64_t count, uint8_t* bottomRow
     }
 }
 
-// Cuts the whole tiles of 8 columns: pixels [0, height rounded down to 8). Each row's 24 bytes are
-// written with stores that may go up to 8 bytes further, into the next tile column's part of the
-// row, unless `exactRight`: that tile column, cut later, overwrites them.
-using TileColumn = void (*)(const uint8_t* const* columns, uint8_t* bottomRow, uint64_t rowBytes,
-                            uint64_t height, bool exactRight);
+// Cuts the whole tiles of a tile column of `count` columns, at most the level's tile width: pixels
+// [0, height rounded down to 8). Each row's bytes are written with stores that may go further, into
+// the next tile column's part of the row, unless `exactRight`: that tile column, cut later,
+// overwrites them.
+using TileColumn = void (*)(const uint8_t* const* columns, uint64_t count, uint8_t* bottomRow,
+                            uint64_t rowBytes, uint64_t height, bool exactRight);
 
-void cutTileColumnScalar(const uint8_t* const* columns, uint8_t* bottomRow, uint64_t rowBytes,
+void cutTileColumnScalar(const uint8_t* const* columns, uint64_t count, uint8_t* bottomRow, uint64_t rowBytes,
                          uint64_t height, bool) {
-    cutPixels(columns, Tile, bottomRow, rowBytes, 0, height & ~(Tile - 1));
+    cutPixels(columns, count, bottomRow, rowBytes, 0, height & ~(Tile - 1));
 }
 
 #if defined(__x86_64__)
@@ -135,9 +137,13 @@ constexpr std::array<Lane, 4> HighSpread = {spreadLane(0, 4), spreadLane(1, 4), 
                                             spreadLane(3, 4)};
 constexpr std::array<Lane, 4> Pack = {packLane(0), packLane(1), packLane(2), packLane(3)};
 
-__attribute__((target("ssse3,sse4.1"))) void cutTileColumnSse41(const uint8_t* const* columns,
+__attribute__((target("ssse3,sse4.1"))) void cutTileColumnSse41(const uint8_t* const* columns, uint64_t count,
                                                                 uint8_t* bottomRow, uint64_t rowBytes,
                                                                 uint64_t height, bool exactRight) {
+    if (count < Tile) {
+        cutTileColumnScalar(columns, count, bottomRow, rowBytes, height, exactRight);
+        return;
+    }
     auto load = [](const void* at) { return _mm_loadu_si128(static_cast<const __m128i*>(at)); };
     const __m128i spreads[2][4] = {{load(LowSpread[0].data()), load(LowSpread[1].data()),
                                     load(LowSpread[2].data()), load(LowSpread[3].data())},
@@ -258,159 +264,186 @@ __attribute__((target("avx2"))) void cutTileColumnAvx2(const uint8_t* const* col
     }
 }
 
-void cutTileColumnAvx2(const uint8_t* const* columns, uint8_t* bottomRow, uint64_t rowBytes, uint64_t height,
-                       bool exactRight) {
-    if (exactRight) {
+void cutTileColumnAvx2(const uint8_t* const* columns, uint64_t count, uint8_t* bottomRow, uint64_t rowBytes,
+                       uint64_t height, bool exactRight) {
+    if (count < Tile) {
+        cutTileColumnScalar(columns, count, bottomRow, rowBytes, height, exactRight);
+    } else if (exactRight) {
         cutTileColumnAvx2<true>(columns, bottomRow, rowBytes, height);
     } else {
         cutTileColumnAvx2<false>(columns, bottomRow, rowBytes, height);
     }
 }
 
-// With AVX-512's byte permutations across a whole 256-bit register (VBMI), a register holds all 8
-// pixels of a column, spread with column c's pixel (p + c) % 8 at position p, and row r takes
-// position p from column (r - p) % 8: three rounds of 8 blends, where round k picks, position by
-// position, between two partial rows by bit k of the column the row needs there. One permutation
-// packs each row back to its 24 bytes.
-using WideMask = std::array<uint8_t, 32>;
+// With AVX-512's byte permutations of two registers (VBMI), a tile is 16 columns by 8 pixels. A
+// register holds two columns' 8 pixels, one in each 32-byte half; three rounds of permutations, each
+// picking bytes from two registers, make 4 rows of 4 columns, then pairs of rows of 8 columns, then
+// rows of all 16 columns (48 bytes), each written with one store. Stores to rows far apart cost more
+// than permutations: one store a row of 16 columns beats two of 8 columns, though it needs a third
+// round of permutations.
+constexpr uint64_t WideTile = 16;
+using Table = std::array<uint8_t, 64>;
 
-constexpr WideMask spreadColumn(unsigned c) {
-    WideMask mask{};
-    for (unsigned p = 0; p < 8; ++p) {
-        for (unsigned k = 0; k < 4; ++k) {
-            mask[4 * p + k] = static_cast<uint8_t>(3 * ((p + c) % 8) + (k < 3 ? k : 0));
+// Rows 4s to 4s + 3 of columns 0 to 3, from the registers of columns 0 and 1 and of columns 2 and 3:
+// row p at byte 12p, column c at 3c.
+constexpr Table quadRows(unsigned s) {
+    Table table{};
+    for (unsigned p = 0; p < 4; ++p) {
+        for (unsigned c = 0; c < 4; ++c) {
+            for (unsigned k = 0; k < 3; ++k) {
+                table[12 * p + 3 * c + k] =
+                    static_cast<uint8_t>(64 * (c / 2) + 32 * (c % 2) + 3 * (4 * s + p) + k);
+            }
         }
     }
-    return mask;
+    return table;
 }
 
-constexpr WideMask packRow(unsigned r) {
-    WideMask mask{};
-    for (unsigned c = 0; c < 8; ++c) {
-        for (unsigned k = 0; k < 3; ++k) {
-            mask[3 * c + k] = static_cast<uint8_t>(4 * ((r + 8 - c) % 8) + k);
+// Rows 2q and 2q + 1 of columns 0 to 7, from the quads of columns 0 to 3 and 4 to 7: row h at 24h.
+constexpr Table pairRows(unsigned q) {
+    Table table{};
+    for (unsigned h = 0; h < 2; ++h) {
+        for (unsigned c = 0; c < 8; ++c) {
+            for (unsigned k = 0; k < 3; ++k) {
+                table[24 * h + 3 * c + k] =
+                    static_cast<uint8_t>(64 * (c / 4) + 12 * (2 * q + h) + 3 * (c % 4) + k);
+            }
         }
     }
-    return mask;
+    return table;
 }
 
-constexpr std::array<WideMask, 8> ColumnSpreads = {spreadColumn(0), spreadColumn(1), spreadColumn(2),
-                                                   spreadColumn(3), spreadColumn(4), spreadColumn(5),
-                                                   spreadColumn(6), spreadColumn(7)};
-constexpr std::array<WideMask, 8> RowPacks = {packRow(0), packRow(1), packRow(2), packRow(3),
-                                              packRow(4), packRow(5), packRow(6), packRow(7)};
-
-// The positions where rows congruent to `rows` modulo 2 << bit take the second partial row.
-constexpr int roundBlend(unsigned bit, unsigned rows) {
-    int mask = 0;
-    for (unsigned p = 0; p < 8; ++p) {
-        mask |= static_cast<int>(((rows + 8 - p) % 8) >> bit & 1) << p;
+// Row h of a pair, all 16 columns, from the pairs of columns 0 to 7 and 8 to 15.
+constexpr Table wideRow(unsigned h) {
+    Table table{};
+    for (unsigned half = 0; half < 2; ++half) {
+        for (unsigned b = 0; b < 24; ++b) {
+            table[24 * half + b] = static_cast<uint8_t>(64 * half + 24 * h + b);
+        }
     }
-    return mask;
+    return table;
 }
 
-constexpr __mmask32 TileRowBytes = (__mmask32{1} << 24) - 1;
-// The plain permutation's intrinsic leaves its pass-through operand undefined, which the compiler
-// takes for a read of an uninitialised value; the zero-masked one with every byte kept is the same
-// instruction.
-constexpr __mmask32 AllBytes = ~__mmask32{0};
+constexpr std::array<Table, 6> TileTables = {quadRows(0), quadRows(1), pairRows(0),
+                                             pairRows(1), wideRow(0),  wideRow(1)};
+
+constexpr __mmask32 TileColumnBytes = (__mmask32{1} << 24) - 1;
 
 #define ZANDOR_VBMI "avx2,avx512f,avx512bw,avx512vl,avx512vbmi"
 
-// `in` holds the partial rows of each class of rows modulo 1 << Bit; `out` receives those of class
-// `Class` modulo 2 << Bit.
-template <unsigned Bit, unsigned Class>
-__attribute__((target(ZANDOR_VBMI), always_inline)) inline void blendClass(const __m256i* in, __m256i* out) {
-    constexpr unsigned Partials = 8u >> (Bit + 1);
-    const __m256i* from = in + (Class % (1u << Bit)) * 2 * Partials;
+// Columns a and b's 8 pixels: 32-byte loads, whose last 8 bytes lie past the tile. They must lie
+// inside the area, or the load is masked.
+template <bool Masked>
+__attribute__((target(ZANDOR_VBMI), always_inline)) inline __m512i twoColumns(const uint8_t* a,
+                                                                              const uint8_t* b) {
+    const __m256i low = Masked ? _mm256_maskz_loadu_epi8(TileColumnBytes, a)
+                               : _mm256_loadu_si256(reinterpret_cast<const __m256i*>(a));
+    const __m256i high = Masked ? _mm256_maskz_loadu_epi8(TileColumnBytes, b)
+                                : _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b));
+    // The zero-masked insertion keeping every element is the plain one, without its undefined
+    // pass-through operand.
+    return _mm512_maskz_inserti64x4(0xFF, _mm512_castsi256_si512(low), high, 1);
+}
+
+// The 4 pairs of rows of 8 columns, from byte `offset` of each.
+template <bool Masked>
+__attribute__((target(ZANDOR_VBMI), always_inline)) inline void
+rowPairs(const uint8_t* const* columns, uint64_t offset, const __m512i* tables, __m512i* pairs) {
+    const __m512i c01 = twoColumns<Masked>(columns[0] + offset, columns[1] + offset);
+    const __m512i c23 = twoColumns<Masked>(columns[2] + offset, columns[3] + offset);
+    const __m512i c45 = twoColumns<Masked>(columns[4] + offset, columns[5] + offset);
+    const __m512i c67 = twoColumns<Masked>(columns[6] + offset, columns[7] + offset);
+    const __m512i left[2] = {_mm512_permutex2var_epi8(c01, tables[0], c23),
+                             _mm512_permutex2var_epi8(c01, tables[1], c23)};
+    const __m512i right[2] = {_mm512_permutex2var_epi8(c45, tables[0], c67),
+                              _mm512_permutex2var_epi8(c45, tables[1], c67)};
 #pragma GCC unroll 4
-    for (unsigned i = 0; i < Partials; ++i) {
-        out[Class * Partials + i] = _mm256_blend_epi32(from[2 * i], from[2 * i + 1], roundBlend(Bit, Class));
+    for (unsigned q = 0; q < 4; ++q) {
+        pairs[q] = _mm512_permutex2var_epi8(left[q / 2], tables[2 + q % 2], right[q / 2]);
     }
 }
 
-template <unsigned Bit, unsigned... Classes>
-__attribute__((target(ZANDOR_VBMI), always_inline)) inline void
-blendRound(const __m256i* in, __m256i* out, std::integer_sequence<unsigned, Classes...>) {
-    (blendClass<Bit, Classes>(in, out), ...);
-}
-
-// A 32-byte load reads 8 bytes past the tile, which must lie inside the column, or is masked.
+// Stores all of a row's 64 bytes, the last 16 in the next tile column's part of the row, unless
+// `Exact`: then only the bytes `rowMask` keeps.
 template <bool Masked, bool Exact>
 __attribute__((target(ZANDOR_VBMI), always_inline)) inline void
 cutTileVbmi(const uint8_t* const* columns, uint64_t j, uint8_t* bottomRow, uint64_t rowBytes,
-            const __m256i* spreads, const __m256i* packs) {
-    __m256i a[8], b[8];
-#pragma GCC unroll 8
-    for (unsigned c = 0; c < 8; ++c) {
-        const uint8_t* at = columns[c] + 3 * j;
-        const __m256i bytes = Masked ? _mm256_maskz_loadu_epi8(TileRowBytes, at)
-                                     : _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at));
-        a[c] = _mm256_maskz_permutexvar_epi8(AllBytes, spreads[c], bytes);
-    }
-    blendRound<0>(a, b, std::make_integer_sequence<unsigned, 2>{});
-    blendRound<1>(b, a, std::make_integer_sequence<unsigned, 4>{});
-    blendRound<2>(a, b, std::make_integer_sequence<unsigned, 8>{});
+            const __m512i* tables, __mmask64 rowMask) {
+    __m512i left[4], right[4];
+    rowPairs<Masked>(columns, 3 * j, tables, left);
+    rowPairs<Masked>(columns + 8, 3 * j, tables, right);
     uint8_t* out = bottomRow - j * rowBytes;
 #pragma GCC unroll 8
     for (unsigned r = 0; r < 8; ++r) {
-        const __m256i row = _mm256_maskz_permutexvar_epi8(AllBytes, packs[r], b[r]);
+        const __m512i row = _mm512_permutex2var_epi8(left[r / 2], tables[4 + r % 2], right[r / 2]);
         if (Exact) {
-            _mm256_mask_storeu_epi8(out - r * rowBytes, TileRowBytes, row);
+            _mm512_mask_storeu_epi8(out - r * rowBytes, rowMask, row);
         } else {
-            _mm256_storeu_si256(reinterpret_cast<__m256i*>(out - r * rowBytes), row);
+            _mm512_storeu_si512(out - r * rowBytes, row);
         }
     }
 }
 
 template <bool Exact>
-__attribute__((target(ZANDOR_VBMI))) void cutTileColumnVbmi(const uint8_t* const* columns, uint8_t* bottomRow,
-                                                            uint64_t rowBytes, uint64_t height) {
-    __m256i spreads[8], packs[8];
-    for (unsigned i = 0; i < 8; ++i) {
-        spreads[i] = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(ColumnSpreads[i].data()));
-        packs[i] = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(RowPacks[i].data()));
+__attribute__((target(ZANDOR_VBMI))) void cutWideTileColumn(const uint8_t* const* columns, uint8_t* bottomRow,
+                                                            uint64_t rowBytes, uint64_t height,
+                                                            __mmask64 rowMask) {
+    __m512i tables[TileTables.size()];
+    for (size_t i = 0; i < TileTables.size(); ++i) {
+        tables[i] = _mm512_loadu_si512(TileTables[i].data());
     }
     const uint64_t tiled = height & ~(Tile - 1);
     for (uint64_t j = 0; j < tiled; j += Tile) {
         if (j + 11 <= height) {
-            cutTileVbmi<false, Exact>(columns, j, bottomRow, rowBytes, spreads, packs);
+            cutTileVbmi<false, Exact>(columns, j, bottomRow, rowBytes, tables, rowMask);
         } else {
-            cutTileVbmi<true, Exact>(columns, j, bottomRow, rowBytes, spreads, packs);
+            cutTileVbmi<true, Exact>(columns, j, bottomRow, rowBytes, tables, rowMask);
         }
     }
 }
 
 #undef ZANDOR_VBMI
 
-void cutTileColumnVbmi(const uint8_t* const* columns, uint8_t* bottomRow, uint64_t rowBytes, uint64_t height,
-                       bool exactRight) {
-    if (exactRight) {
-        cutTileColumnVbmi<true>(columns, bottomRow, rowBytes, height);
+// Up to 16 columns: where there are fewer, the first column stands in for the missing ones, whose
+// bytes are not stored.
+void cutTileColumnVbmi(const uint8_t* const* columns, uint64_t count, uint8_t* bottomRow, uint64_t rowBytes,
+                       uint64_t height, bool exactRight) {
+    const uint8_t* wide[WideTile];
+    for (uint64_t c = 0; c < WideTile; ++c) {
+        wide[c] = columns[c < count ? c : 0];
+    }
+    const __mmask64 rowMask = (__mmask64{1} << (3 * count)) - 1;
+    if (exactRight || count < WideTile) {
+        cutWideTileColumn<true>(wide, bottomRow, rowBytes, height, rowMask);
     } else {
-        cutTileColumnVbmi<false>(columns, bottomRow, rowBytes, height);
+        cutWideTileColumn<false>(wide, bottomRow, rowBytes, height, rowMask);
     }
 }
 
 #endif
 
-TileColumn tileColumn(CutLevel level) {
+struct TileKernel {
+    TileColumn cut = cutTileColumnScalar;
+    uint64_t columns = Tile;
+};
+
+TileKernel tileKernel(CutLevel level) {
     switch (level) {
     case CutLevel::Scalar:
         break;
 #if defined(__x86_64__)
     case CutLevel::Sse41:
-        return cutTileColumnSse41;
+        return {cutTileColumnSse41, Tile};
     case CutLevel::Avx2:
-        return cutTileColumnAvx2;
+        return {cutTileColumnAvx2, Tile};
     case CutLevel::Avx512Vbmi:
-        return cutTileColumnVbmi;
+        return {cutTileColumnVbmi, WideTile};
 #else
     default:
         break;
 #endif
     }
-    return cutTileColumnScalar;
+    return {};
 }
 
 template <class ColumnAt>
@@ -418,24 +451,20 @@ void cutColumns(ColumnAt columnAt, uint8_t* rows, uint64_t width, uint64_t heigh
     if (width == 0 || height == 0) {
         return;
     }
-    const TileColumn cutTiles = tileColumn(level);
+    const TileKernel kernel = tileKernel(level);
     const uint64_t rowBytes = 3 * width;
     uint8_t* bottomRow = rows + (height - 1) * rowBytes;
     const uint64_t tiledHeight = height & ~(Tile - 1);
-    const uint8_t* columns[Tile];
+    const uint8_t* columns[MaxTileColumns];
     // Left to right: a tile column's stores may spill into the next one's bytes.
-    for (uint64_t x = 0; x < width; x += Tile) {
-        const uint64_t count = std::min(Tile, width - x);
+    for (uint64_t x = 0; x < width; x += kernel.columns) {
+        const uint64_t count = std::min(kernel.columns, width - x);
         for (uint64_t c = 0; c < count; ++c) {
             columns[c] = columnAt(x + c);
         }
         uint8_t* out = bottomRow + 3 * x;
-        if (count == Tile) {
-            cutTiles(columns, out, rowBytes, height, x + 2 * Tile > width);
-            cutPixels(columns, Tile, out, rowBytes, tiledHeight, height);
-        } else {
-            cutPixels(columns, count, out, rowBytes, 0, height);
-        }
+        kernel.cut(columns, count, out, rowBytes, height, x + 2 * kernel.columns > width);
+        cutPixels(columns, count, out, rowBytes, tiledHeight, height);
     }
 }
 

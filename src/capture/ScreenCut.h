@@ -8,14 +8,14 @@
 namespace zandor {
 
 // The instructions a cut works with: plain C++ everywhere; on x86-64 also 128-bit shuffles and
-// blends (SSSE3 and SSE4.1), 256-bit ones (AVX2), or 256-bit ones with AVX-512's byte
-// permutations across the register (VBMI), where the processor has them.
+// blends (SSSE3 and SSE4.1), 256-bit ones (AVX2), or AVX-512's byte permutations of two 512-bit
+// registers (VBMI), where the processor has them.
 enum class CutLevel : uint8_t { Scalar, Sse41, Avx2, Avx512Vbmi };
 
 // Turns a board's columns (240 pixels of 3 bytes, from the bottom row up) into a screen's rows (top
-// to bottom, 3 bytes a pixel). The work goes in tiles of 8 columns by 8 pixels, each column's
-// pointer found once per screen, so that the columns' and the rows' cache lines are used while
-// they are in the first-level cache.
+// to bottom, 3 bytes a pixel). The work goes in tiles of 8 pixels by 8 columns (16 with AVX-512),
+// a tile column from the bottom row up, so that the columns' and the rows' cache lines are used
+// while they are in the first-level cache.
 class ScreenCut {
 public:
     // The levels this processor runs, plainest first. Every level gives the same bytes.
