@@ -15,6 +15,7 @@
 #include <fstream>
 #include <map>
 #include <regex>
+#include <utility>
 #include <sstream>
 #include <string>
 
@@ -132,12 +133,12 @@ TEST(UdevRuleTest, InstallingAndRemovingPutTheRuleInForceForBothBoards) {
         udevadm.write(("#!/bin/sh\necho \"$*\" >> " + log + "\n").c_str());
         udevadm.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     }
-    for (const char* script : {"postinst", "postrm"}) {
+    for (const auto& [script, action] : {std::pair{"postinst", "configure"}, {"postrm", "remove"}}) {
         std::remove(log.c_str());
         const auto run = test::runProcess(
             {"unshare", "-m", "sh", "-c",
-             "mount -t tmpfs zandor-run /run && mkdir /run/udev && PATH=\"$1:$PATH\" sh \"$2\" configure",
-             "sh", stand, std::string(ZANDOR_SOURCE_DIR "/packaging/") + script});
+             "mount -t tmpfs zandor-run /run && mkdir /run/udev && PATH=\"$1:$PATH\" sh \"$2\" \"$3\"", "sh",
+             stand, std::string(ZANDOR_SOURCE_DIR "/packaging/") + script, action});
         ASSERT_EQ(run.exitCode, 0) << script << ": " << run.err;
         std::ifstream file(log);
         std::vector<std::string> calls;
