@@ -329,45 +329,8 @@ std::vector<std::string> Ft601Usb::serialNumbers() {
 }
 
 bool Ft601Usb::watchArrivals() {
-    if (m_watching) {
-        return true;
-    }
     // Watching may start before this board was ever opened (the old models' board went away).
-    if (init() != LIBUSB_SUCCESS || !libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG)) {
-        return false;
-    }
-    m_arrived = false;
-    // With ENUMERATE a board already there (back before we watched, or never gone) is announced at once.
-    const int result = libusb_hotplug_register_callback(
-        m_context, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED, LIBUSB_HOTPLUG_ENUMERATE, VendorId,
-        LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY,
-        [](libusb_context*, libusb_device* device, libusb_hotplug_event, void* self) {
-            libusb_device_descriptor descriptor{};
-            if (libusb_get_device_descriptor(device, &descriptor) == LIBUSB_SUCCESS &&
-                hasOurIds(descriptor)) {
-                static_cast<Ft601Usb*>(self)->m_arrived = true;
-            }
-            return 0;
-        },
-        this, &m_hotplugHandle);
-    m_watching = result == LIBUSB_SUCCESS;
-    return m_watching;
-}
-
-bool Ft601Usb::arrived() {
-    if (!m_watching) {
-        return false;
-    }
-    timeval noWait{};
-    libusb_handle_events_timeout_completed(m_context, &noWait, nullptr);
-    return m_arrived.exchange(false);
-}
-
-void Ft601Usb::stopWatching() {
-    if (m_watching) {
-        libusb_hotplug_deregister_callback(m_context, m_hotplugHandle);
-        m_watching = false;
-    }
+    return init() == LIBUSB_SUCCESS && m_arrivals.start(m_context, VendorId, ProductIds);
 }
 
 } // namespace zandor

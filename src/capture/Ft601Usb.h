@@ -1,7 +1,8 @@
 #pragma once
 
+#include "UsbArrivals.h"
+
 #include <array>
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -76,8 +77,8 @@ public:
     std::vector<std::string> serialNumbers();
 
     bool watchArrivals();
-    bool arrived();
-    void stopWatching();
+    bool arrived() { return m_arrivals.arrived(); }
+    void stopWatching() { m_arrivals.stop(); }
 
 private:
     struct Read {
@@ -105,9 +106,7 @@ private:
     int m_oldest = 0; // the read waitRead looks at next
     int m_inFlight = 0;
 
-    int m_hotplugHandle = 0;
-    bool m_watching = false;
-    std::atomic<bool> m_arrived{false};
+    UsbArrivals m_arrivals;
 };
 
 } // namespace zandor

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <span>
 #include <string>
 #include <unistd.h>
 
@@ -246,47 +247,17 @@ void LibusbBoard::close() {
     closeLocked();
 }
 
-int LibusbBoard::hotplugArrived(libusb_context*, libusb_device*, int, void* self) {
-    static_cast<LibusbBoard*>(self)->m_arrived = true;
-    return 0; // stay registered
-}
-
 bool LibusbBoard::watchArrivals() {
-    if (m_watching) {
-        return true;
-    }
-    if (m_initCount == 0 || !libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG)) {
-        return false;
-    }
-    m_arrived = false;
-    // With ENUMERATE a board that came back before we started watching is announced at once.
-    int result = libusb_hotplug_register_callback(
-        nullptr, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED, LIBUSB_HOTPLUG_ENUMERATE, m_vendorId, m_productId,
-        LIBUSB_HOTPLUG_MATCH_ANY,
-        [](libusb_context* context, libusb_device* device, libusb_hotplug_event event, void* self) {
-            return hotplugArrived(context, device, static_cast<int>(event), self);
-        },
-        this, &m_hotplugHandle);
-    m_watching = result == LIBUSB_SUCCESS;
-    return m_watching;
+    return m_initCount > 0 && m_arrivals.start(nullptr, m_vendorId, std::span(&m_productId, 1));
 }
 
 bool LibusbBoard::arrived() {
-    if (!m_watching) {
-        return false;
-    }
-    // Hotplug callbacks run inside event handling; with no handle open there is nothing else to
-    // handle, and a zero time-out returns at once.
-    timeval noWait{};
-    libusb_handle_events_timeout_completed(nullptr, &noWait, nullptr);
-    return m_arrived.exchange(false);
+    // With no handle open there is nothing else for the event handling to handle.
+    return m_arrivals.arrived();
 }
 
 void LibusbBoard::stopWatching() {
-    if (m_watching) {
-        libusb_hotplug_deregister_callback(nullptr, m_hotplugHandle);
-        m_watching = false;
-    }
+    m_arrivals.stop();
 }
 
 } // namespace zandor

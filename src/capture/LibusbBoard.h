@@ -1,8 +1,8 @@
 #pragma once
 
+#include "UsbArrivals.h"
 #include "UsbBoard.h"
 
-#include <atomic>
 #include <shared_mutex>
 #include <string>
 
@@ -40,7 +40,6 @@ public:
     void stopWatching() override;
 
 private:
-    static int hotplugArrived(libusb_context* context, libusb_device* device, int event, void* self);
     void closeLocked();
 
     // Transfers hold it shared, replacing or closing the handle holds it exclusively, so a handle
@@ -57,9 +56,7 @@ private:
     // Used by the device thread alone while it waits for the board to come back.
     uint16_t m_vendorId = 0;
     uint16_t m_productId = 0;
-    int m_hotplugHandle = 0;
-    bool m_watching = false;
-    std::atomic<bool> m_arrived{false};
+    UsbArrivals m_arrivals;
 };
 
 } // namespace zandor

@@ -5,6 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#ifdef ZANDOR_TEST_QT_APPLICATION
+#include <QCoreApplication>
+#endif
+
 #include <cstdio>
 
 int main(int argc, char** argv) {
@@ -12,6 +16,9 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s\n", error.c_str());
         return 1;
     }
+#ifdef ZANDOR_TEST_QT_APPLICATION
+    QCoreApplication application(argc, argv);
+#endif
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

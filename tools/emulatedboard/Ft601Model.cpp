@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace zandor {
 
@@ -107,6 +108,10 @@ bool Ft601Model::openDeviceWithVidPid(uint16_t, uint16_t) {
     m_spi = false;
     m_configurationAsked = false;
     m_3D = m_options.superSpeed && m_options.capable3D;
+    m_firmwareChosen = false;
+    m_secondSpiOn = false;
+    m_sendsSound = true;
+    m_streamedSinceOpening = false;
     m_readyAt = {};
     m_leftover = LeftoverBytes;
     m_frames = 0;
@@ -140,6 +145,8 @@ int Ft601Model::controlTransfer(uint8_t requestType, uint8_t request, uint16_t v
     // The chip's two configuration reads of an opening; the driver does not interpret the replies.
     if (requestType == VendorIn && request == 3 && value == 1 && (index == 0x8000 || index == 0x8400) &&
         length == 4 && data) {
+        std::scoped_lock lock(m_mutex);
+        m_streamedSinceOpening = false;
         std::memcpy(data, index == 0x8000 ? "\x01\x00\x00\x00" : "\x00\x00\x01\x00", 4);
         return 4;
     }
@@ -240,10 +247,14 @@ int Ft601Model::boardCommand(const uint8_t* command, int length) {
     const uint32_t word = little32(command);
     if (word == 0x00008040) {
         m_spi = true;
+        m_secondSpiOn = m_firmwareChosen;
         return usb::Success;
     }
     if (word == 0x00000040) {
         m_spi = false;
+        if (std::exchange(m_firmwareChosen, false)) {
+            m_sendsSound = !m_streamedSinceOpening || m_secondSpiOn;
+        }
         return usb::Success;
     }
     if (!m_spi) {
@@ -255,6 +266,8 @@ int Ft601Model::boardCommand(const uint8_t* command, int length) {
     }
     if (word == 0x42 || word == 0x43) {
         m_3D = word == 0x43 && m_options.superSpeed && m_options.capable3D;
+        m_firmwareChosen = true;
+        m_secondSpiOn = false;
         m_readyAt = std::chrono::steady_clock::now() + FirmwareStart;
         return usb::Success;
     }
@@ -304,6 +317,7 @@ int Ft601Model::streamFrame(uint8_t* data, int length, int* transferred) {
                       (m_3D ? "3D" : "the flat picture"));
     }
     const uint64_t number = m_frames++;
+    m_streamedSinceOpening = true;
     std::optional<Ft601Fault> fault;
     if (auto found = m_faults.find(number); found != m_faults.end()) {
         fault = found->second;
@@ -339,7 +353,7 @@ int Ft601Model::streamFrame(uint8_t* data, int length, int* transferred) {
         }
     }
     const uint64_t picture = pictureBytes(order);
-    const uint64_t sound = static_cast<uint64_t>(received) - raw::FrameBytes;
+    const uint64_t sound = m_sendsSound ? static_cast<uint64_t>(received) - raw::FrameBytes : 0;
     std::memcpy(data + picture, m_classic.data() + raw::FrameBytes, sound);
     uint64_t sent = picture + sound;
     if (fault == Ft601Fault::ShortFrame) {

@@ -37,7 +37,9 @@ struct Ft601Options {
 // logged), the board's commands on 0x02 (SPI on and off, the configuration read, the firmware choice)
 // and, while streaming, one frame a read on 0x82: the picture of `source` (any simulated board of
 // the old kind: the demo picture or a replay) in the new board's column order, its sound after it,
-// ending short. In 3D the right eye is the left one moved RightEyeShift columns to the left.
+// ending short. In 3D the right eye is the left one moved RightEyeShift columns to the left. A
+// firmware chosen once frames have streamed since the board was opened sends no sound until chosen
+// again, unless SPI on came once more before SPI off, as the real board's sound needs.
 // Called on the emulator's ioctl thread; faults and the log may be read from any thread.
 class Ft601Model final : public UsbBoard {
 public:
@@ -94,6 +96,10 @@ private:
     bool m_spi = false;
     bool m_configurationAsked = false;
     bool m_3D = false;
+    bool m_firmwareChosen = false; // in the SPI group now open
+    bool m_secondSpiOn = false;    // SPI on came again after the firmware choice
+    bool m_sendsSound = true;
+    bool m_streamedSinceOpening = false;
     std::chrono::steady_clock::time_point m_readyAt{};
     uint64_t m_leftover = 0; // bytes the board still holds from before it was opened
     uint64_t m_frames = 0;
