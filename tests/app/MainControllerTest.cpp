@@ -123,12 +123,16 @@ protected:
         m_frames = std::make_unique<QSignalSpy>(ui.layoutView, &CaptureLayoutView::frameReceived);
         return ui;
     }
+    // Waits until the view has received `count` more frames.
+    void framesLater(int count) {
+        for (int seen = m_frames->count(); m_frames->count() < seen + count;) {
+            ASSERT_TRUE(m_frames->wait(20000));
+        }
+    }
     // Starts a recording and stops it ten frames later; the recorder.
     std::shared_ptr<VideoRecorder> recordTenFrames(::Ui::MainWindow& ui) {
         ui.recordItem->trigger();
-        for (int seen = m_frames->count(); m_frames->count() < seen + 10;) {
-            EXPECT_TRUE(m_frames->wait(20000));
-        }
+        framesLater(10);
         auto recorder = m_controller->session().recorder();
         ui.recordItem->trigger();
         return recorder;
@@ -492,11 +496,6 @@ TEST_F(MainControllerTest, View3DIsTheBoardsChoiceOrSaysWhyItCannotBe) {
 TEST_F(MainControllerTest, ARecordingGoesOnAcrossBothSwitchesOf3DInOneMovie) {
     auto& ui = startRecordingWith({});
     m_controller->setActiveLayout(LayoutController::instance().layoutNamed("3D Side by Side"));
-    const auto framesLater = [&](int count) {
-        for (int seen = m_frames->count(); m_frames->count() < seen + count;) {
-            ASSERT_TRUE(m_frames->wait(20000));
-        }
-    };
     framesLater(1);
     ui.recordItem->trigger();
     framesLater(40);
