@@ -1,3 +1,4 @@
+#include "Frames.h"
 #include "GatedBoard.h"
 #include "base/Worker.h"
 #include "app/CaptureLayoutView.h"
@@ -31,9 +32,7 @@ protected:
         QSignalSpy received(&m_view, &CaptureLayoutView::frameReceived);
         CaptureDataPtr frame;
         for (int n = 0; n < count; ++n) {
-            frame = CaptureData::create(m_top->size());
-            std::generate(frame->data(), frame->data() + frame->size(),
-                          [this] { return uint8_t(m_random()); });
+            frame = test::frameOf(m_top->size(), [this] { return uint8_t(m_random()); });
             m_top->add(frame);
         }
         while (received.count() < count) {

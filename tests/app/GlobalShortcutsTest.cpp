@@ -1,19 +1,14 @@
 #include "SessionBus.h"
-#include "UserFolders.h"
 #include "app/GlobalShortcuts.h"
 
 #include <gtest/gtest.h>
 
 #include <QDBusArgument>
-#include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusMetaType>
 #include <QDBusObjectPath>
-#include <QDBusVirtualObject>
 #include <QSignalSpy>
-#include <QTest>
 
-#include <mutex>
 #include <utility>
 
 namespace zandor {
@@ -25,83 +20,46 @@ const QString PortalPath = "/org/freedesktop/portal/desktop";
 const QString ShortcutsInterface = "org.freedesktop.portal.GlobalShortcuts";
 const QString Session = "/org/freedesktop/portal/desktop/session/1_1/zandor";
 
-// The desktop portal standing in: answers CreateSession and BindShortcuts as the portal does, with
-// a request whose Response signal follows, and keeps the calls. The bus's own thread hands them over.
-class StandInPortal : public QDBusVirtualObject {
-public:
-    QString introspect(const QString&) const override { return {}; }
-    bool handleMessage(const QDBusMessage& call, const QDBusConnection& connection) override {
-        {
-            std::scoped_lock lock(m_lock);
-            m_calls << call;
+// The desktop portal's answer to CreateSession and BindShortcuts: a request whose Response signal
+// follows, as the portal gives it.
+void answerAsThePortal(const QDBusMessage& call, const QDBusConnection& connection) {
+    const int options = call.member() == "CreateSession" ? 0 : 3;
+    const QString token = qdbus_cast<QVariantMap>(call.arguments().value(options))["handle_token"].toString();
+    const QString request = PortalPath + "/request/" + call.service().mid(1).replace('.', '_') + "/" + token;
+    connection.send(call.createReply(QVariant::fromValue(QDBusObjectPath(request))));
+    QVariantMap results;
+    if (call.member() == "CreateSession") {
+        results["session_handle"] = Session;
+    } else {
+        ShortcutList bound;
+        for (const auto& [id, properties] : qdbus_cast<ShortcutList>(call.arguments().value(1))) {
+            QVariantMap described = properties;
+            described["trigger_description"] = properties["preferred_trigger"].toString().toLower();
+            bound.append({id, described});
         }
-        const int options = call.member() == "CreateSession" ? 0 : 3;
-        const QString token =
-            qdbus_cast<QVariantMap>(call.arguments().value(options))["handle_token"].toString();
-        const QString request =
-            PortalPath + "/request/" + call.service().mid(1).replace('.', '_') + "/" + token;
-        connection.send(call.createReply(QVariant::fromValue(QDBusObjectPath(request))));
-        QVariantMap results;
-        if (call.member() == "CreateSession") {
-            results["session_handle"] = Session;
-        } else {
-            ShortcutList bound;
-            for (const auto& [id, properties] : qdbus_cast<ShortcutList>(call.arguments().value(1))) {
-                QVariantMap described = properties;
-                described["trigger_description"] = properties["preferred_trigger"].toString().toLower();
-                bound.append({id, described});
-            }
-            results["shortcuts"] = QVariant::fromValue(bound);
-        }
-        QDBusMessage response =
-            QDBusMessage::createSignal(request, "org.freedesktop.portal.Request", "Response");
-        response << uint(0) << results;
-        connection.send(response);
-        return true;
+        results["shortcuts"] = QVariant::fromValue(bound);
     }
-    QList<QDBusMessage> calls() const {
-        std::scoped_lock lock(m_lock);
-        return m_calls;
-    }
-
-private:
-    mutable std::mutex m_lock;
-    QList<QDBusMessage> m_calls; // guarded by m_lock
-};
+    QDBusMessage response = QDBusMessage::createSignal(request, "org.freedesktop.portal.Request", "Response");
+    response << uint(0) << results;
+    connection.send(response);
+}
 
 const QList<GlobalShortcuts::Shortcut> Actions{{"save-replay", "Save Replay", "LOGO+ALT+S"},
                                                {"record", "Record", "LOGO+ALT+R"},
                                                {"screenshot", "Screenshot", "LOGO+ALT+F12"}};
 
-class GlobalShortcutsTest : public ::testing::Test {
+class GlobalShortcutsTest : public test::DesktopBusTest {
 protected:
-    void SetUp() override {
-        test::isolateUserFolders();
-        m_bus = std::make_unique<test::SessionBus>();
-        ASSERT_TRUE(m_bus->isRunning()) << m_bus->error();
-        m_desktop = std::make_unique<QDBusConnection>(
-            QDBusConnection::connectToBus(QString::fromStdString(m_bus->address()), "stand-in-portal"));
-        ASSERT_TRUE(m_desktop->isConnected());
-    }
-    void TearDown() override {
-        m_desktop.reset();
-        QDBusConnection::disconnectFromBus("stand-in-portal");
-    }
     void activate(const QString& session, const QString& id) {
-        QDBusMessage signal = QDBusMessage::createSignal(PortalPath, ShortcutsInterface, "Activated");
-        signal << QVariant::fromValue(QDBusObjectPath(session)) << id << qulonglong(1) << QVariantMap();
-        ASSERT_TRUE(m_desktop->send(signal));
+        signal(PortalPath, ShortcutsInterface, "Activated",
+               {QVariant::fromValue(QDBusObjectPath(session)), id, qulonglong(1), QVariantMap()});
     }
-
-    std::unique_ptr<test::SessionBus> m_bus;
-    std::unique_ptr<QDBusConnection> m_desktop;
 };
 
 TEST_F(GlobalShortcutsTest, BindsTheThreeActionsInASessionAndPassesOnTheirActivations) {
-    StandInPortal portal;
-    ASSERT_TRUE(m_desktop->registerVirtualObject(PortalPath, &portal));
-    ASSERT_TRUE(m_desktop->registerService("org.freedesktop.portal.Desktop"));
-    GlobalShortcuts shortcuts(Actions, QString::fromStdString(m_bus->address()));
+    test::StandInService portal(answerAsThePortal);
+    offer("org.freedesktop.portal.Desktop", PortalPath, &portal);
+    GlobalShortcuts shortcuts(Actions, address());
     QSignalSpy changed(&shortcuts, &GlobalShortcuts::stateChanged);
     QSignalSpy activated(&shortcuts, &GlobalShortcuts::activated);
     shortcuts.start();

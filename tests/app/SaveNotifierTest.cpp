@@ -1,20 +1,14 @@
 #include "SessionBus.h"
-#include "UserFolders.h"
 #include "app/SaveNotifier.h"
 
 #include <gtest/gtest.h>
 
-#include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusMetaType>
-#include <QDBusVirtualObject>
 #include <QDesktopServices>
 #include <QSignalSpy>
 #include <QTest>
 #include <QUrl>
-
-#include <functional>
-#include <mutex>
 
 namespace zandor {
 namespace {
@@ -27,65 +21,24 @@ public:
     Q_INVOKABLE void open(const QUrl& url) { urls << url; }
 };
 
-// A desktop service standing in on the private bus: keeps every call and answers with `answer`.
-// The bus's own thread hands the calls over.
-class StandIn : public QDBusVirtualObject {
-public:
-    explicit StandIn(QVariantList answer = {}) : m_answer(std::move(answer)) {}
-    QString introspect(const QString&) const override { return {}; }
-    bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override {
-        {
-            std::scoped_lock lock(m_lock);
-            m_calls << message;
-        }
-        connection.send(message.createReply(m_answer));
-        return true;
-    }
-    QList<QDBusMessage> calls() const {
-        std::scoped_lock lock(m_lock);
-        return m_calls;
-    }
-
-private:
-    const QVariantList m_answer;
-    mutable std::mutex m_lock;
-    QList<QDBusMessage> m_calls; // guarded by m_lock
-};
-
 const QString Notifications = "org.freedesktop.Notifications";
 const QString NotificationsPath = "/org/freedesktop/Notifications";
 const QString Portal = "org.freedesktop.portal.Desktop";
 const QString PortalPath = "/org/freedesktop/portal/desktop";
 const QString Shot = "/tmp/shots/Screenshot 1.png";
 
-class SaveNotifierTest : public ::testing::Test {
+class SaveNotifierTest : public test::DesktopBusTest {
 protected:
     void SetUp() override {
-        test::isolateUserFolders();
-        m_bus = std::make_unique<test::SessionBus>();
-        ASSERT_TRUE(m_bus->isRunning()) << m_bus->error();
-        m_desktop = std::make_unique<QDBusConnection>(
-            QDBusConnection::connectToBus(QString::fromStdString(m_bus->address()), "stand-in-desktop"));
-        ASSERT_TRUE(m_desktop->isConnected());
+        DesktopBusTest::SetUp();
         QDesktopServices::setUrlHandler("file", &m_opened, "open");
     }
     void TearDown() override {
         QDesktopServices::unsetUrlHandler("file");
-        m_desktop.reset();
-        QDBusConnection::disconnectFromBus("stand-in-desktop");
+        DesktopBusTest::TearDown();
     }
 
-    void offer(const QString& service, const QString& path, StandIn* standIn) {
-        ASSERT_TRUE(m_desktop->registerVirtualObject(path, standIn));
-        ASSERT_TRUE(m_desktop->registerService(service));
-    }
-    void signal(const QString& path, const QString& interface, const QString& name,
-                const QVariantList& args) {
-        QDBusMessage message = QDBusMessage::createSignal(path, interface, name);
-        message.setArguments(args);
-        ASSERT_TRUE(m_desktop->send(message));
-    }
-    QStringList shownItems(const StandIn& fileManager) const {
+    QStringList shownItems(const test::StandInService& fileManager) const {
         QStringList items;
         for (const QDBusMessage& call : fileManager.calls()) {
             items << call.member() + ": " + call.arguments().value(0).toStringList().join(", ");
@@ -93,17 +46,15 @@ protected:
         return items;
     }
 
-    std::unique_ptr<test::SessionBus> m_bus;
-    std::unique_ptr<QDBusConnection> m_desktop;
     OpenedUrls m_opened;
     QStringList m_fallback;
 };
 
 TEST_F(SaveNotifierTest, NamesTheFileAndItsActionsOpenItOrShowItInItsFolder) {
-    StandIn service({QVariant::fromValue(uint(7))}), fileManager;
+    test::StandInService service({QVariant::fromValue(uint(7))}), fileManager;
     offer(Notifications, NotificationsPath, &service);
     offer("org.freedesktop.FileManager1", "/org/freedesktop/FileManager1", &fileManager);
-    SaveNotifier notifier(QString::fromStdString(m_bus->address()), false);
+    SaveNotifier notifier(address(), false);
     notifier.setFallback([this](const QString& line) { m_fallback << line; });
     QSignalSpy notified(&notifier, &SaveNotifier::notified);
 
@@ -149,7 +100,7 @@ TEST_F(SaveNotifierTest, NamesTheFileAndItsActionsOpenItOrShowItInItsFolder) {
 }
 
 TEST_F(SaveNotifierTest, WithoutTheServicesTheStatusLineSaysItAndTheFolderOpens) {
-    SaveNotifier notifier(QString::fromStdString(m_bus->address()), false);
+    SaveNotifier notifier(address(), false);
     notifier.setFallback([this](const QString& line) { m_fallback << line; });
     notifier.fileSaved("Replay saved", "/tmp/shots/Replay 1.mp4");
     ASSERT_TRUE(QTest::qWaitFor([&] { return !m_fallback.isEmpty(); }, 20000));
@@ -161,10 +112,10 @@ TEST_F(SaveNotifierTest, WithoutTheServicesTheStatusLineSaysItAndTheFolderOpens)
 }
 
 TEST_F(SaveNotifierTest, SandboxedItGoesThroughThePortal) {
-    StandIn portal, fileManager;
+    test::StandInService portal, fileManager;
     offer(Portal, PortalPath, &portal);
     offer("org.freedesktop.FileManager1", "/org/freedesktop/FileManager1", &fileManager);
-    SaveNotifier notifier(QString::fromStdString(m_bus->address()), true);
+    SaveNotifier notifier(address(), true);
     QSignalSpy notified(&notifier, &SaveNotifier::notified);
     notifier.fileSaved("Screenshot saved", Shot);
     ASSERT_TRUE(notified.wait(20000));

@@ -73,13 +73,7 @@ TEST(AudioFileWriterTest, ASoundPlaysAtTheWallClockTimeItWasCaptured) {
 
         // When the movie plays the click: its start time from the metadata plus where the click is
         // in the decoded sound.
-        const double movieStart =
-            test::probe(path,
-                        {"-show_entries",
-                         "format_tags=zandor_capture_start"})["format"][u"tags"][u"zandor_capture_start"]
-                .toString()
-                .toDouble() -
-            std::chrono::duration<double>(start.time_since_epoch()).count();
+        const double movieStart = test::captureStart(path) - test::epochSeconds(start);
         const auto sound = test::decodeSound(path);
         const auto onset =
             std::find_if(sound.begin(), sound.end(), [](int16_t s) { return std::abs(s) >= 8192; });

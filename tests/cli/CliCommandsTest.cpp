@@ -1,5 +1,6 @@
 // zandor-cli as a user runs it, with its user folders in a temporary place and no sound server.
 
+#include "Media.h"
 #include "PluginBundles.h"
 #include "Process.h"
 #include "capture/DemoBoard.h"
@@ -139,17 +140,15 @@ TEST_F(CliTest, ScreenshotSavesTheChosenLayoutAndPrintsTheFile) {
     const auto probe = [](const ProcessResult& result) {
         EXPECT_EQ(result.exitCode, 0) << result.err;
         const auto printed = splitLines(result.out);
-        return printed.size() != 1
-                   ? result.out
-                   : test::runProcess({"ffprobe", "-v", "error", "-show_entries",
-                                       "stream=codec_name,width,height", "-of", "csv=p=0", printed[0]})
-                         .out;
+        return printed.size() != 1 ? QStringList{QString::fromStdString(result.out)}
+                                   : test::streams(printed[0]);
     };
-    EXPECT_EQ(probe(cli({"screenshot", "--board", "demo", "--out", at("out folder")})), "png,400,480\n")
+    EXPECT_EQ(probe(cli({"screenshot", "--board", "demo", "--out", at("out folder")})),
+              QStringList{"png,400,480"})
         << "the first layout of the catalogue";
     EXPECT_EQ(probe(cli({"screenshot", "--board", "demo", "--out", at("out folder"), "--layout",
                          "Side by Side", "--format", "JPEG"})),
-              "mjpeg,720,240\n");
+              QStringList{"mjpeg,720,240"});
     EXPECT_FALSE(QFileInfo::exists(m_home.path() + "/data/Zandor/preferences.plist"))
         << "settings are never written";
 }
@@ -329,19 +328,12 @@ TEST_F(CliTest, AudioInputsSaysWhenTheMachineHasNone) {
 TEST_F(CliTest, RecoverPutsTheMoviesIntoTheFolderGiven) {
     const QString bundle = m_home.path() + "/bundles/Capture 01_02_2026 10_00_00.zdrecord";
     ASSERT_TRUE(QDir().mkpath(bundle));
-    ASSERT_EQ(test::runProcess({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "testsrc=size=400x240:rate=60",
-                                "-t", "2", "-c:v", "libx264", "-movflags", "frag_keyframe+empty_moov",
-                                (bundle + "/VideoTop.mov").toStdString()})
-                  .exitCode,
-              0);
+    ASSERT_TRUE(test::writeInterruptedMovie((bundle + "/VideoTop.mov").toStdString()));
     const auto result = cli({"recover", "--out", at("out folder"), bundle.toStdString()});
     ASSERT_EQ(result.exitCode, 0) << result.err;
     const std::string movie = at("out folder/Capture 01_02_2026 10_00_00.mp4");
     EXPECT_EQ(result.out, movie + "\n");
-    EXPECT_EQ(test::runProcess({"ffprobe", "-v", "error", "-show_entries", "stream=codec_name,width,height",
-                                "-of", "csv=p=0", movie})
-                  .out,
-              "h264,400,240\n");
+    EXPECT_EQ(test::streams(movie), QStringList{"h264,400,240"});
     EXPECT_TRUE(QDir(m_home.path() + "/bundles").isEmpty()) << "nothing is left beside the bundle";
 }
 

@@ -22,6 +22,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
+constexpr uint64_t TopBytes = CaptureLayout::TopWidth * CaptureLayout::ScreenHeight * 3,
+                   BottomBytes = CaptureLayout::BottomWidth * CaptureLayout::ScreenHeight * 3;
+
 // The obvious compositor: paints the plugin's objects from `first` on, pixel by pixel as the
 // layout's rules say, onto a canvas of rows of 3 bytes a pixel. Without screen frames it paints
 // the images only.
@@ -122,11 +125,8 @@ TEST_P(CompositionTest, CompositesLikeTheObviousCompositorAndKeepsTheTopScreensT
     layout->startListening(); // resets the drawing state; the device never runs
     const auto origin = std::chrono::system_clock::now();
     for (int n = 0; n < 5; ++n) {
-        auto top = CaptureData::create(CaptureLayout::TopWidth * CaptureLayout::ScreenHeight * 3);
-        auto bottom = CaptureData::create(CaptureLayout::BottomWidth * CaptureLayout::ScreenHeight * 3);
-        for (const auto& screen : {top, bottom}) {
-            std::generate(screen->data(), screen->data() + screen->size(), [&] { return uint8_t(random()); });
-        }
+        const auto randomByte = [&] { return uint8_t(random()); };
+        auto top = test::frameOf(TopBytes, randomByte), bottom = test::frameOf(BottomBytes, randomByte);
         top->setTimestamp(1.0 + n);
         top->setWallClock(origin + std::chrono::seconds(n));
         bottom->setTimestamp(50.0 + n);
@@ -193,11 +193,8 @@ TEST_F(CaptureLayoutTest, ObjectsFarOutsideTheCanvasDrawNothing) {
         background[i] = uint8_t(1 + i % 3);
     }
     layout->startListening();
-    auto top = CaptureData::create(CaptureLayout::TopWidth * CaptureLayout::ScreenHeight * 3);
-    auto bottom = CaptureData::create(CaptureLayout::BottomWidth * CaptureLayout::ScreenHeight * 3);
-    std::fill(top->data(), top->data() + top->size(), uint8_t(200));
-    std::fill(bottom->data(), bottom->data() + bottom->size(), uint8_t(100));
-    const auto result = layout->composite(top, bottom);
+    const auto result = layout->composite(test::frameOf(TopBytes, [] { return uint8_t(200); }),
+                                          test::frameOf(BottomBytes, [] { return uint8_t(100); }));
     EXPECT_TRUE(std::equal(background.begin(), background.end(), result->data()));
     layout->stopListening();
 }

@@ -74,12 +74,7 @@ std::vector<float> decodeFloats(const std::string& movie) {
 
 // The wall-clock seconds of a movie's time zero, less `start`.
 double movieStart(const std::string& movie, Clock::time_point start) {
-    return test::probe(movie,
-                       {"-show_entries",
-                        "format_tags=zandor_capture_start"})["format"][u"tags"][u"zandor_capture_start"]
-               .toString()
-               .toDouble() -
-           std::chrono::duration<double>(start.time_since_epoch()).count();
+    return test::captureStart(movie) - test::epochSeconds(start);
 }
 
 // Each track's sound plays in the mix at the wall-clock time it was captured, whichever track

@@ -322,10 +322,6 @@ ReplayTimes replayTimes(const QString& file) {
     return times;
 }
 
-double seconds(std::chrono::system_clock::time_point time) {
-    return std::chrono::duration<double>(time.time_since_epoch()).count();
-}
-
 // The replay starts on a key frame no more than its seconds and one key interval back, and ends on
 // one of the last pictures shown before the save (the encoder holds back a few).
 TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverlapAlsoAfterAStop) {
@@ -351,7 +347,7 @@ TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverla
     EXPECT_GE(length, Seconds - 0.05);
     EXPECT_LE(length, Seconds + 1.0);
     const auto last = std::find_if(frames.rbegin(), frames.rend(), [&](const CaptureDataPtr& frame) {
-        return std::abs(seconds(frame->wallClock()) - times.pictures.back()) < 0.002;
+        return std::abs(test::epochSeconds(frame->wallClock()) - times.pictures.back()) < 0.002;
     });
     ASSERT_NE(last, frames.rend()) << "the last picture is one that was shown";
     EXPECT_LT(last - frames.rbegin(), 60) << "and one of the last second's";
@@ -384,7 +380,7 @@ TEST_F(RecorderTest, AReplayHoldsItsLastSecondsUpToThePictureShownAndSavesOverla
     ASSERT_TRUE(paused) << paused.error().logLine();
     const ReplayTimes kept = replayTimes(*paused);
     ASSERT_FALSE(kept.pictures.empty());
-    EXPECT_GT(kept.pictures.back(), seconds(shown.back()->wallClock()) - 1.0)
+    EXPECT_GT(kept.pictures.back(), test::epochSeconds(shown.back()->wallClock()) - 1.0)
         << "up to the last second shown";
     EXPECT_GT(kept.pictures.back(), later.pictures.back()) << "past the last save";
     EXPECT_GE(kept.pictures.back() - kept.pictures.front(), Seconds - 0.05);

@@ -13,6 +13,13 @@
 
 namespace zandor::test {
 
+// A frame of `size` bytes, each made by `byte()`.
+template <class Byte> CaptureDataPtr frameOf(uint64_t size, Byte byte) {
+    auto frame = CaptureData::create(size);
+    std::generate(frame->data(), frame->data() + size, byte);
+    return frame;
+}
+
 // Takes frames from `observer` until `count` have arrived or `timeout` passed without progress,
 // sleeping on the observer's wake-up in between.
 inline std::vector<CaptureDataPtr> takeFrames(Observable& producer, const ObserverPtr& observer,

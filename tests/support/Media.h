@@ -5,8 +5,10 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QStringList>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -20,6 +22,39 @@ inline QJsonObject probe(const std::string& file, std::vector<std::string> optio
     options.insert(options.begin(), {"ffprobe", "-v", "error", "-of", "json"});
     options.push_back(file);
     return QJsonDocument::fromJson(QByteArray::fromStdString(runProcess(options).out)).object();
+}
+
+// What ffprobe says of a file for `options`: a line per item, its values separated by commas.
+inline QStringList probeLines(std::vector<std::string> options) {
+    options.insert(options.begin(), {"ffprobe", "-v", "error", "-of", "csv=p=0"});
+    return QString::fromStdString(runProcess(options).out).split('\n', Qt::SkipEmptyParts);
+}
+
+// Every stream of a movie in short, sorted: "h264,400,240" for a picture, "aac,44100,2" for a sound.
+inline QStringList streams(const std::string& movie) {
+    QStringList described =
+        probeLines({"-show_entries", "stream=codec_name,width,height,sample_rate,channels", movie});
+    described.sort();
+    return described;
+}
+
+// Seconds since the epoch of a wall-clock time.
+inline double epochSeconds(std::chrono::system_clock::time_point time) {
+    return std::chrono::duration<double>(time.time_since_epoch()).count();
+}
+
+// The wall-clock time of a movie's time zero that its metadata gives, in seconds since the epoch;
+// 0 when it gives none.
+inline double captureStart(const std::string& movie) {
+    return probeLines({"-show_entries", "format_tags=zandor_capture_start", movie}).value(0).toDouble();
+}
+
+// A movie as a killed recording leaves one: two seconds of a test picture in a fragmented QuickTime
+// file, which has no index at its end. True when ffmpeg made it.
+inline bool writeInterruptedMovie(const std::string& path) {
+    return runProcess({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "testsrc=size=400x240:rate=60", "-t",
+                       "2", "-c:v", "libx264", "-movflags", "frag_keyframe+empty_moov", path})
+               .exitCode == 0;
 }
 
 // The first stream of a probe whose `key` has `value`, e.g. codec_type "audio"; empty when none has.

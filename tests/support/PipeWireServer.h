@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Process.h"
+
 #include <sys/types.h>
 
 #include <QJsonObject>
@@ -22,7 +24,7 @@ public:
     // True once the daemon and the session manager answer; otherwise error() says why.
     bool isRunning() const { return m_error.empty(); }
     const std::string& error() const { return m_error; }
-    const std::string& folder() const { return m_folder; }
+    const std::string& folder() const { return m_folder.path(); }
     // Ends the daemon, as if it crashed; the session manager and the bus stay.
     void killDaemon();
 
@@ -35,7 +37,7 @@ public:
 private:
     std::string start();
 
-    std::string m_folder;
+    ServerFolder m_folder{"pipewire"};
     pid_t m_bus = -1;
     pid_t m_daemon = -1;
     pid_t m_sessionManager = -1;

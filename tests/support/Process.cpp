@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -188,6 +189,52 @@ void endProcess(pid_t pid) {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
+}
+
+ServerFolder::ServerFolder(const std::string& name) {
+    std::string pattern = "/tmp/zandor-" + name + "-XXXXXX";
+    if (mkdtemp(pattern.data())) {
+        m_path = pattern;
+    }
+}
+
+ServerFolder::~ServerFolder() {
+    if (!m_path.empty()) {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_path, ignored);
+    }
+}
+
+pid_t ServerFolder::start(std::vector<std::string> command, const std::string& log,
+                          const std::vector<std::string>& environment) const {
+    const char* path = std::getenv("PATH");
+    std::vector<std::string> prefix{"env", "-i", "PATH=" + std::string(path ? path : ""), "HOME=" + m_path,
+                                    "XDG_RUNTIME_DIR=" + m_path};
+    prefix.insert(prefix.end(), environment.begin(), environment.end());
+    prefix.insert(prefix.end(), {"setpriv", "--pdeathsig=TERM"});
+    command.insert(command.begin(), prefix.begin(), prefix.end());
+    return m_path.empty() ? -1 : startProcess(command, -1, m_path + "/" + log);
+}
+
+bool ServerFolder::waitUntil(const std::function<bool()>& ready, pid_t& server) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!ready()) {
+        // Waiting for the server's end is the pause between looks.
+        if (server < 0 || reapWithin(server, std::chrono::milliseconds(20))) {
+            server = -1;
+            return false;
+        }
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string ServerFolder::text(const std::string& name) const {
+    std::stringstream text;
+    text << std::ifstream(m_path + "/" + name).rdbuf();
+    return text.str();
 }
 
 bool haveMountNamespaces() {

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,32 @@ pid_t processGroupOf(pid_t pid);
 std::vector<pid_t> runningInGroup(pid_t group);
 // Ends a started process by its id: SIGTERM, SIGKILL when it is still there 5 s later.
 void endProcess(pid_t pid);
+
+// A runtime folder for private servers (a desktop bus, a sound server), removed with all it holds
+// when it goes; its owner ends its servers first. Under /tmp: socket paths must fit 108 bytes.
+class ServerFolder {
+public:
+    // "/tmp/zandor-<name>-XXXXXX"; empty when it cannot be made.
+    explicit ServerFolder(const std::string& name);
+    ~ServerFolder();
+    ServerFolder(const ServerFolder&) = delete;
+    ServerFolder& operator=(const ServerFolder&) = delete;
+
+    const std::string& path() const { return m_path; }
+    // Starts a server with only PATH, HOME and XDG_RUNTIME_DIR (both this folder) and `environment`
+    // set, writing to the file `log` of this folder; it goes with the test program even when that is
+    // killed before it can end it. Its process id, or -1.
+    pid_t start(std::vector<std::string> command, const std::string& log,
+                const std::vector<std::string>& environment = {}) const;
+    // Waits, looking every 20 ms, until `ready` holds; false when `server` ended first (it is then
+    // -1) or 20 s passed.
+    static bool waitUntil(const std::function<bool()>& ready, pid_t& server);
+    // What the file `name` of this folder holds, to say why a server did not start.
+    std::string text(const std::string& name) const;
+
+private:
+    std::string m_path;
+};
 
 // Keeps every core busy while it lives, with one spinning process a core: what a test must pass
 // under. One at a time on the machine (test programs running side by side wait for each other's

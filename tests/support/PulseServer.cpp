@@ -12,9 +12,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <utility>
 #include <vector>
 
@@ -75,43 +72,19 @@ PulseServer::~PulseServer() {
     }
     endProcess(m_server);
     unsetenv("PULSE_SERVER");
-    if (!m_folder.empty()) {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_folder, ignored);
-    }
 }
 
 std::string PulseServer::start() {
-    char folder[] = "/tmp/zandor-pulse-XXXXXX"; // short: the socket path must fit 108 bytes
-    if (!mkdtemp(folder)) {
-        return "mkdtemp failed";
-    }
-    m_folder = folder;
-    setenv("PULSE_SERVER", ("unix:" + m_folder + "/native").c_str(), 1);
-    // The server keeps its runtime files and looks for its cookie in the private folder, and goes
-    // with the test program even when that is killed before it can end the server.
-    m_server = startProcess(
-        {"env", "-i", "PATH=" + std::string(std::getenv("PATH") ? std::getenv("PATH") : ""),
-         "HOME=" + m_folder, "XDG_RUNTIME_DIR=" + m_folder, "setpriv", "--pdeathsig=TERM", "pulseaudio",
-         "--daemonize=no", "--exit-idle-time=-1", "--disable-shm=yes", "-n", "--file=/dev/null",
-         "--load=module-native-protocol-unix socket=" + m_folder + "/native auth-anonymous=1",
+    const std::string folder = m_folder.path();
+    setenv("PULSE_SERVER", ("unix:" + folder + "/native").c_str(), 1);
+    m_server = m_folder.start(
+        {"pulseaudio", "--daemonize=no", "--exit-idle-time=-1", "--disable-shm=yes", "-n", "--file=/dev/null",
+         "--load=module-native-protocol-unix socket=" + folder + "/native auth-anonymous=1",
          "--load=module-null-sink sink_name=game_sink", "--load=module-null-sink sink_name=narrator_sink",
          "--load=module-null-sink sink_name=out_sink"},
-        -1, m_folder + "/pulseaudio.log");
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    // Waiting for the server's end (20 ms) is the pause between looks.
-    const auto serverEndsOrTimesOut = [&] {
-        if (m_server > 0 && reapWithin(m_server, std::chrono::milliseconds(20))) {
-            m_server = -1;
-        }
-        return m_server < 0 || std::chrono::steady_clock::now() > deadline;
-    };
-    while (!pactl({"info"})) {
-        if (serverEndsOrTimesOut()) {
-            std::stringstream log;
-            log << std::ifstream(m_folder + "/pulseaudio.log").rdbuf();
-            return "pulseaudio does not answer: " + log.str();
-        }
+        "pulseaudio.log");
+    if (!ServerFolder::waitUntil([] { return pactl({"info"}); }, m_server)) {
+        return "pulseaudio does not answer: " + m_folder.text("pulseaudio.log");
     }
     for (const char* input : {"GameIn", "NarratorIn"}) {
         if (!plug(input)) {
@@ -123,18 +96,21 @@ std::string PulseServer::start() {
     }
     // An idle null sink runs up to two seconds ahead of the clock, and a stream started then lags by
     // that much for good; a suspend and resume with a low-latency keeper stream puts it in step.
-    for (const char* sink : {"game_sink", "narrator_sink"}) {
-        m_keepers.push_back(
-            startProcess({"pacat", "--playback", std::string("--device=") + sink, "--format=s16le",
-                          "--rate=44100", "--channels=2", "--latency-msec=10"},
-                         -1));
-        for (long latency = sinkLatencyUs(sink); latency < 0 || latency >= 20000;
-             latency = sinkLatencyUs(sink)) {
-            if (m_keepers.back() < 0 || serverEndsOrTimesOut()) {
-                return std::string(sink) + " does not play in step with the clock";
+    for (const std::string sink : {"game_sink", "narrator_sink"}) {
+        m_keepers.push_back(startProcess({"pacat", "--playback", "--device=" + sink, "--format=s16le",
+                                          "--rate=44100", "--channels=2", "--latency-msec=10"},
+                                         -1));
+        const auto inStep = [&] {
+            const long latency = sinkLatencyUs(sink);
+            if (latency >= 0 && latency < 20000) {
+                return true;
             }
             pactl({"suspend-sink", sink, "1"});
             pactl({"suspend-sink", sink, "0"});
+            return false;
+        };
+        if (m_keepers.back() < 0 || !ServerFolder::waitUntil(inStep, m_server)) {
+            return sink + " does not play in step with the clock";
         }
     }
     return {};

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Process.h"
+
 #include <sys/types.h>
 
 #include <atomic>
@@ -58,7 +60,7 @@ public:
 private:
     std::string start();
 
-    std::string m_folder;
+    ServerFolder m_folder{"pulse"};
     pid_t m_server = -1;
     std::vector<pid_t> m_keepers; // silent streams that keep the sinks in step with the clock
     std::string m_error;          // set last, by start()

@@ -68,7 +68,8 @@ TEST_F(FullDisk, EndsTheRecordingAtTheFirstFailedWriteAndKeepsWhatWasWritten) {
         << "the frames written before the disk filled play";
 }
 
-// A replay saved on a normal disk: RecordingSystemTest.AReplayCarriesTheGameSound.
+// A replay saved on a normal disk:
+// RecordingSystemTest.FiftyReplaysWithGameSoundUnderLoadAllEndCleanlyWithTheirSound.
 TEST_F(FullDisk, AReplayThatCannotBeSavedIsSaidAndLeavesNothing) {
     const test::ProcessResult run =
         this->run("size=300k", {"replay", "--buffer-seconds", "5", "--play-seconds", "6"});

@@ -29,9 +29,11 @@
 namespace zandor {
 namespace {
 
+using test::probeLines;
 using test::ProcessResult;
 using test::PulseServer;
 using test::splitLines;
+using test::streams;
 
 constexpr int Rate = PulseServer::SampleRate;
 
@@ -39,27 +41,15 @@ bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
-// What ffprobe says of a movie for `options`: a line per item, its values separated by commas.
-QStringList probed(std::vector<std::string> options) {
-    options.insert(options.begin(), {"ffprobe", "-v", "error", "-of", "csv=p=0"});
-    return QString::fromStdString(test::runProcess(options).out).split('\n', Qt::SkipEmptyParts);
-}
-
-// Every stream in short, sorted: "h264,400,240" for a picture, "aac,44100,2" for a sound.
-QStringList streams(const std::string& movie) {
-    QStringList described =
-        probed({"-show_entries", "stream=codec_name,width,height,sample_rate,channels", movie});
-    described.sort();
-    return described;
-}
-
 // How long a stream of a movie ("v:0", "a:0") lasts, and where on the movie's time it ends.
 double streamSeconds(const std::string& movie, const char* stream) {
-    return probed({"-select_streams", stream, "-show_entries", "stream=duration", movie}).value(0).toDouble();
+    return probeLines({"-select_streams", stream, "-show_entries", "stream=duration", movie})
+        .value(0)
+        .toDouble();
 }
 double streamEnd(const std::string& movie, const char* stream) {
     const QStringList startAndLength =
-        probed({"-select_streams", stream, "-show_entries", "stream=start_time,duration", movie})
+        probeLines({"-select_streams", stream, "-show_entries", "stream=start_time,duration", movie})
             .value(0)
             .split(',');
     return startAndLength.value(0).toDouble() + startAndLength.value(1).toDouble();
@@ -320,7 +310,8 @@ TEST_F(RecordingSystemTest, AFixedRateKeepsEachLayoutsWholePictureAndSoundAtExac
         EXPECT_EQ(test::readLines(calls()).mid(3 * static_cast<qsizetype>(i)),
                   (QStringList{"SublerCLI " + video + " " + merged, "SublerCLI AudioGame.mov " + merged,
                                "HandBrakeCLI " + merged + " Converted" + layout[0] + ".mp4"}));
-        EXPECT_TRUE(probed({"-show_entries", "format_tags=encoder", movie}).value(0).contains("HandBrake"));
+        EXPECT_TRUE(
+            probeLines({"-show_entries", "format_tags=encoder", movie}).value(0).contains("HandBrake"));
         EXPECT_TRUE(streams(movie).contains("aac,44100,2"));
         const QJsonValue picture =
             test::probe(movie, {"-show_streams", "-select_streams", "v:0"})["streams"][0];
@@ -540,10 +531,10 @@ TEST_F(RecordingSystemTest, AnOriginalMovieShowsBothScreensOfOneBoardFrameAtACon
     const std::string movie = splitLines(run.out).at(0);
 
     EXPECT_EQ(
-        probed({"-select_streams", "v:0", "-show_entries", "stream=r_frame_rate,avg_frame_rate", movie}),
+        probeLines({"-select_streams", "v:0", "-show_entries", "stream=r_frame_rate,avg_frame_rate", movie}),
         QStringList{"60/1,60/1"});
     const QStringList packets =
-        probed({"-select_streams", "v:0", "-show_entries", "packet=pts,duration", movie});
+        probeLines({"-select_streams", "v:0", "-show_entries", "packet=pts,duration", movie});
     ASSERT_GT(packets.size(), 60);
     std::vector<std::pair<int64_t, int64_t>> times;
     for (const QString& packet : packets) {
@@ -589,8 +580,7 @@ TEST_F(RecordingSystemTest, A3DMovieShowsTheEyesSideBySideWithTheBoardsSound) {
 // frame nearest its second (a frame period apart at most, bench/av-sync measures how near over
 // minutes).
 void expectBeepsOnTheirSeconds(const std::string& movie, double offsetSeconds, size_t beeps) {
-    const double start =
-        probed({"-show_entries", "format_tags=zandor_capture_start", movie}).value(0).toDouble();
+    const double start = test::captureStart(movie);
     ASSERT_GT(start, 0) << "the movie says when its first frame was taken";
     // How far a moment of the movie lies from the nearest whole second of the wall clock.
     const auto fromSecond = [start](double time) { return start + time - std::round(start + time); };
