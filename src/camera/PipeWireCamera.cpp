@@ -107,6 +107,7 @@ Error PipeWireCamera::open(uint32_t width, uint32_t height, const std::string& d
     pw_core_add_listener(m_core, &m_coreListener, &CoreEvents, this);
     m_width = width;
     m_height = height;
+    m_description = m_listedDescription = description;
     m_stream = pw_stream_new(m_core, "Zandor",
                              pw_properties_new(PW_KEY_MEDIA_TYPE, "Video", PW_KEY_MEDIA_CATEGORY, "Capture",
                                                PW_KEY_MEDIA_CLASS, "Video/Source", PW_KEY_MEDIA_ROLE,
@@ -148,11 +149,26 @@ void PipeWireCamera::resize(uint32_t width, uint32_t height, const std::string& 
     pw_thread_loop_lock(m_loop);
     m_width = width;
     m_height = height;
+    m_description = description;
     const spa_dict_item item{PW_KEY_NODE_DESCRIPTION, description.c_str()};
     const spa_dict properties{0, 1, &item};
     pw_stream_update_properties(m_stream, &properties);
     offerFormats();
     pw_thread_loop_unlock(m_loop);
+}
+
+bool PipeWireCamera::hasConsumer() {
+    pw_thread_loop_lock(m_loop);
+    const bool consumer = m_format != 0;
+    pw_thread_loop_unlock(m_loop);
+    return consumer;
+}
+
+bool PipeWireCamera::isListedByAnOldName() {
+    pw_thread_loop_lock(m_loop);
+    const bool old = m_description != m_listedDescription;
+    pw_thread_loop_unlock(m_loop);
+    return old;
 }
 
 void PipeWireCamera::offerFormats() {

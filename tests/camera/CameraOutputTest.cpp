@@ -228,15 +228,38 @@ TEST_F(CameraTest, BufferTimeStampsAreInNanoseconds) {
     }
 }
 
-TEST_F(CameraTest, ALayoutChangeGivesTheWatchingConsumerFramesOfTheNewSizeAndName) {
+// Programs list cameras by the registry's properties, which stay as the node was made: an unwatched
+// node is made anew with the new name, a watched one keeps its consumer and is made anew after.
+TEST_F(CameraTest, ALayoutChangeGivesTheWatchingConsumerFramesOfTheNewSizeAndListsTheNewNameOnceItLeaves) {
     share(m_tall);
     m_consumer = consume(at("frames.rgb"));
     ASSERT_TRUE(waitForFrames(at("frames.rgb"), 2, 0));
+    const uint32_t node = m_camera->nodeId();
 
     m_camera->setLayout(m_wide);
     ASSERT_TRUE(waitForFrames(at("frames.rgb"), 2, 3)) << "the consumer goes on with the wide picture";
     EXPECT_TRUE(PipeWireServer::waitForNode("zandor", "Zandor: Side by Side"));
+    EXPECT_EQ(m_camera->nodeId(), node) << "the watched node was replaced under its consumer";
     EXPECT_FALSE(m_tall->hasObservers());
+
+    test::endProcess(m_consumer);
+    m_consumer = -1;
+    EXPECT_TRUE(PipeWireServer::waitForListing("zandor", "Zandor: Side by Side"));
+}
+
+TEST_F(CameraTest, AnUnwatchedCameraIsListedByTheNewLayoutsNameAtOnceAndServesItsSize) {
+    share(m_tall);
+    ASSERT_TRUE(PipeWireServer::waitForListing("zandor", "Zandor: Stacked"));
+
+    m_camera->setLayout(m_wide);
+    EXPECT_TRUE(PipeWireServer::waitForListing("zandor", "Zandor: Side by Side"));
+    EXPECT_TRUE(m_camera->isSharing());
+    EXPECT_FALSE(m_tall->hasObservers());
+
+    const test::ProcessResult result = test::runProcess(consumer(at("wide.rgb"), 2, "RGB"), 30s);
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_TRUE(test::readFile(at("wide.rgb")) == m_widePicture + m_widePicture)
+        << test::readFile(at("wide.rgb")).size() << " bytes unlike two wide pictures";
 }
 
 // The layout's other subscribers are the picture on screen and a recording.
