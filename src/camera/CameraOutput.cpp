@@ -13,6 +13,19 @@ constexpr std::chrono::seconds StopTimeout{2};
 // (GStreamer's reconnects its stream for a new size) is away for a moment and must find its node.
 constexpr std::chrono::seconds UnwatchedTimeout{2};
 
+// A buffer's time as PipeWire's consumers read it: nanoseconds on the graph's clock, which is
+// CLOCK_MONOTONIC (steady_clock here); GStreamer's pipewiresrc, for one, counts its pipeline's
+// running time from it. The frame carries the wall-clock moment it shows, carried over by how long
+// ago that was; a frame that never came from a board shows now.
+int64_t graphTime(const CaptureData& frame) {
+    auto moment = std::chrono::steady_clock::now();
+    if (frame.wallClock() != std::chrono::system_clock::time_point{}) {
+        moment -= std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+            std::chrono::system_clock::now() - frame.wallClock());
+    }
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(moment.time_since_epoch()).count();
+}
+
 } // namespace
 
 CameraOutput::CameraOutput() = default;
@@ -215,7 +228,7 @@ bool CameraOutput::update(std::shared_ptr<PipeWireCamera>& camera) {
         return true;
     }
     switch (camera->send(frame->data(), uint32_t(layout->width()), uint32_t(layout->height()),
-                         frame->timestamp())) {
+                         graphTime(*frame))) {
     case PipeWireCamera::Sent::Queued:
         ++m_sent;
         break;

@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cmath>
 #include <cstring>
 #include <mutex>
 
@@ -180,7 +179,7 @@ void PipeWireCamera::offerFormats() {
 }
 
 PipeWireCamera::Sent PipeWireCamera::send(const uint8_t* rgb, uint32_t width, uint32_t height,
-                                          double timestampSeconds) {
+                                          int64_t ptsNanoseconds) {
     pw_thread_loop_lock(m_loop);
     const uint32_t stride = m_stride, format = m_format;
     if (m_failure || m_state != PW_STREAM_STATE_STREAMING || format == 0 || m_formatWidth != width ||
@@ -228,7 +227,7 @@ PipeWireCamera::Sent PipeWireCamera::send(const uint8_t* rgb, uint32_t width, ui
             spa_buffer_find_meta_data(buffer->buffer, SPA_META_Header, sizeof(spa_meta_header)))) {
         header->flags = 0;
         header->offset = 0;
-        header->pts = std::llround(timestampSeconds * 1e9);
+        header->pts = ptsNanoseconds;
         header->dts_offset = 0;
         header->seq = m_sequence++;
     }

@@ -52,9 +52,10 @@ public:
     // cameras, still names it as made.
     bool isListedByAnOldName();
     // Copies one frame of rows of RGB bytes, `width` by `height`, into a free buffer stamped with
-    // `timestampSeconds`, and hands it over. A frame of another size than the one the consumers
-    // agreed on is not sent. Never waits for a consumer.
-    Sent send(const uint8_t* rgb, uint32_t width, uint32_t height, double timestampSeconds);
+    // `ptsNanoseconds`, the moment it shows on the graph's clock (CLOCK_MONOTONIC), and hands it
+    // over. A frame of another size than the one the consumers agreed on is not sent. Never waits
+    // for a consumer.
+    Sent send(const uint8_t* rgb, uint32_t width, uint32_t height, int64_t ptsNanoseconds);
     // Why the daemon ended the node after open; no Error while it is fine.
     Error failure();
     // The node's id in the daemon's registry.
