@@ -22,11 +22,13 @@
 #include <algorithm>
 #include <cstdio>
 
+#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <signal.h>
 
 #include <thread>
+#include <tuple>
 
 namespace zandor {
 namespace {
@@ -197,6 +199,34 @@ TEST_F(CameraTest, ConsumersReceiveTheLayoutByteForByteInEitherFormatFromANodeTh
     EXPECT_TRUE(PipeWireServer::waitForNode("zandor", {})) << "the node outlived sharing";
     EXPECT_FALSE(m_camera->isSharing());
     EXPECT_EQ(m_tall->hasObservers(), false) << "the camera left its subscription behind";
+}
+
+// A consumer that converts nothing takes the camera's first format, or the one it can show, and
+// gets whole pictures in it: rows padded to 4 bytes as GStreamer lays them out, at a width where
+// RGB rows need the padding. Without caps pipewiresrc names no media type, and WirePlumber links
+// such a stream to no camera: the first consumer says it wants video, and nothing more.
+TEST_F(CameraTest, AConsumerThatConvertsNothingGetsWholePicturesInTheFormatItTakes) {
+    share(layout("Odd", 401, 240, R"(<object type="screen_top" x="0" y="0"/>)"));
+    const QRegularExpression bufferSize(QStringLiteral(R"(chain .*\((\d+) bytes)"));
+    const std::vector<std::tuple<std::vector<std::string>, std::string, int>> consumers = {
+        {{"stream-properties=props,media.type=Video"}, "RGB", 1204 * 240},
+        {{"!", "video/x-raw,format=BGRx"}, "BGRx", 1604 * 240}};
+    for (const auto& [asks, format, bytes] : consumers) {
+        std::vector<std::string> command = {"gst-launch-1.0", "-v", "pipewiresrc", "target-object=zandor",
+                                            "num-buffers=3"};
+        command.insert(command.end(), asks.begin(), asks.end());
+        command.insert(command.end(), {"!", "fakesink", "silent=false"});
+        const test::ProcessResult result = test::runProcess(command, 30s);
+        EXPECT_EQ(result.exitCode, 0) << format << " took no three pictures:\n" << result.out << result.err;
+        const QString out = QString::fromStdString(result.out);
+        EXPECT_TRUE(out.contains(QString::fromStdString("format=(string)" + format + ", width=(int)401")))
+            << result.out;
+        int buffers = 0;
+        for (auto match = bufferSize.globalMatch(out); match.hasNext(); ++buffers) {
+            EXPECT_EQ(match.next().captured(1).toInt(), bytes) << format << " buffer " << buffers;
+        }
+        EXPECT_GE(buffers, 1) << result.out;
+    }
 }
 
 // Each buffer's header carries the moment its frame shows in nanoseconds on PipeWire's clock,
