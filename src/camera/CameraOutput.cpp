@@ -10,7 +10,8 @@ namespace {
 // How long stop waits for the thread to finish the frame it is sending.
 constexpr std::chrono::seconds StopTimeout{2};
 // How long a renamed node goes unwatched before it is made anew. A consumer that negotiates again
-// (GStreamer's reconnects its stream for a new size) is away for a moment and must find its node.
+// (GStreamer's reconnects its stream for a new size) is away for a moment and must find its node;
+// one that cannot take the new size sees its node end instead of waiting for frames forever.
 constexpr std::chrono::seconds UnwatchedTimeout{2};
 
 // A buffer's time as PipeWire's consumers read it: nanoseconds on the graph's clock, which is

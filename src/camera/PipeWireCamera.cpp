@@ -158,7 +158,7 @@ void PipeWireCamera::resize(uint32_t width, uint32_t height, const std::string& 
 
 bool PipeWireCamera::hasConsumer() {
     pw_thread_loop_lock(m_loop);
-    const bool consumer = m_format != 0;
+    const bool consumer = m_format != 0 && m_formatWidth == m_width && m_formatHeight == m_height;
     pw_thread_loop_unlock(m_loop);
     return consumer;
 }

@@ -46,7 +46,8 @@ public:
     // bound to the node see the new name at once; those that list cameras keep the name the node was
     // made with.
     void resize(uint32_t width, uint32_t height, const std::string& description);
-    // Whether a consumer has agreed on a format with the node.
+    // Whether a consumer has agreed on a format of the offered size with the node. One that could not
+    // take a new size keeps the old format and gets no frames: it does not count.
     bool hasConsumer();
     // Whether the node was renamed since it was made: PipeWire's registry, where programs list
     // cameras, still names it as made.

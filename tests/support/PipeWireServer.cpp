@@ -5,7 +5,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QRegularExpression>
-#include <QStringList>
 
 #include <cstdlib>
 #include <filesystem>
@@ -125,38 +124,26 @@ bool PipeWireServer::waitForNode(const std::string& name, const QString& descrip
 }
 
 bool PipeWireServer::waitForListing(const std::string& name, const QString& description) {
-    // pw-cli lists each node as a line "id N, type PipeWire:Interface:Node/3" and its properties as
-    // lines `key = "value"` below it.
-    const QRegularExpression property(QStringLiteral(R"re(^\s*([\w.]+) = "(.*)"$)re"));
+    // pw-cli lists each node as a line "id N, type PipeWire:Interface:Node/3", then its properties
+    // as lines `key = "value"`.
+    const QRegularExpression node(QStringLiteral(R"re(node\.name = "(.*)"$)re"),
+                                  QRegularExpression::MultilineOption);
+    const QRegularExpression described(QStringLiteral(R"re(node\.description = "(.*)"$)re"),
+                                       QRegularExpression::MultilineOption);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    // Each pw-cli takes a few milliseconds: it is the pause between looks.
     for (;;) {
+        QStringList descriptions;
         const QString listing =
             QString::fromStdString(runProcess({"pw-cli", "ls", "Node"}, std::chrono::seconds(10)).out);
-        QStringList descriptions;
-        QString nodeName, nodeDescription;
-        const auto endNode = [&] {
-            if (nodeName == QString::fromStdString(name)) {
-                descriptions << nodeDescription;
-            }
-            nodeName.clear();
-            nodeDescription.clear();
-        };
-        for (const QString& line : listing.split(u'\n')) {
-            if (line.trimmed().startsWith(QStringLiteral("id "))) {
-                endNode();
-            } else if (const auto match = property.match(line); match.hasMatch()) {
-                if (match.captured(1) == QStringLiteral("node.name")) {
-                    nodeName = match.captured(2);
-                } else if (match.captured(1) == QStringLiteral("node.description")) {
-                    nodeDescription = match.captured(2);
-                }
+        for (const QString& block : listing.split(QStringLiteral("\tid "))) {
+            if (node.match(block).captured(1) == QString::fromStdString(name)) {
+                descriptions << described.match(block).captured(1);
             }
         }
-        endNode();
         if (descriptions == QStringList{description}) {
             return true;
         }
-        // Each pw-cli takes a few milliseconds: it is the pause between looks.
         if (std::chrono::steady_clock::now() > deadline) {
             return false;
         }
