@@ -231,7 +231,8 @@ TEST_F(CameraTest, AConsumerThatConvertsNothingGetsWholePicturesInTheFormatItTak
 
 // Each buffer's header carries the moment its frame shows in nanoseconds on PipeWire's clock,
 // CLOCK_MONOTONIC, as consumers read it (GStreamer counts its running time from it): consecutive
-// stamps lie a whole number of frame periods (16.7 ms) apart, and all within the consumer's run.
+// stamps lie a whole number of frame periods (16.7 ms) apart, and all within the consumer's run,
+// give or take the tenth of a second that a frame's slot on the device's grid may lie from it.
 // The consumer's own log line gives the raw header values.
 TEST_F(CameraTest, BufferTimeStampsAreMonotonicClockNanoseconds) {
     const auto monotonicNs = [] {
@@ -260,7 +261,7 @@ TEST_F(CameraTest, BufferTimeStampsAreMonotonicClockNanoseconds) {
     stamps.erase(std::unique(stamps.begin(), stamps.end()), stamps.end());
     ASSERT_GE(stamps.size(), 3u) << result.err.substr(0, 2000);
     for (size_t n = 0; n < stamps.size(); ++n) {
-        EXPECT_TRUE(stamps[n] >= before && stamps[n] <= after)
+        EXPECT_TRUE(stamps[n] >= before - 1e8L && stamps[n] <= after + 1e8L)
             << "buffer " << n << " at " << stamps[n] << " ns, outside the run's " << before << " to "
             << after;
         if (n > 0) {
