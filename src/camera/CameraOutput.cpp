@@ -9,6 +9,23 @@ namespace {
 
 // How long stop waits for the thread to finish the frame it is sending.
 constexpr std::chrono::seconds StopTimeout{2};
+// How long a renamed node goes unwatched before it is made anew. A consumer that negotiates again
+// (GStreamer's reconnects its stream for a new size) is away for a moment and must find its node;
+// one that cannot take the new size sees its node end instead of waiting for frames forever.
+constexpr std::chrono::seconds UnwatchedTimeout{2};
+
+// A buffer's time as PipeWire's consumers read it: nanoseconds on the graph's clock, which is
+// CLOCK_MONOTONIC (steady_clock here); GStreamer's pipewiresrc, for one, counts its pipeline's
+// running time from it. The frame carries the wall-clock moment it shows, carried over by how long
+// ago that was; a frame that never came from a board shows now.
+int64_t graphTime(const CaptureData& frame) {
+    auto moment = std::chrono::steady_clock::now();
+    if (frame.wallClock() != std::chrono::system_clock::time_point{}) {
+        moment -= std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+            std::chrono::system_clock::now() - frame.wallClock());
+    }
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(moment.time_since_epoch()).count();
+}
 
 } // namespace
 
@@ -49,8 +66,8 @@ Error CameraOutput::start(const LayoutPtr& layout) {
         sharing->observer = layout->addObserver(m_worker.wakeup());
         layout->startListening();
         sharing->dropLogged = false;
-        m_worker.start(
-            [output = shared_from_this(), camera](const Worker::Run& run) { output->listener(run, camera); });
+        sharing->renewFailed = false;
+        m_worker.start([output = shared_from_this()](const Worker::Run& run) { output->listener(run); });
     }
     logs::camera.info("Sharing the layout %s as a camera (node %u)", qUtf8Printable(layout->name()),
                       camera->nodeId());
@@ -59,6 +76,8 @@ Error CameraOutput::start(const LayoutPtr& layout) {
 
 void CameraOutput::setLayout(const LayoutPtr& layout) {
     LayoutPtr previous;
+    std::shared_ptr<PipeWireCamera> camera;
+    bool watched = false;
     {
         auto sharing = m_sharing.lock();
         if (!sharing->camera || sharing->layout == layout) {
@@ -69,11 +88,52 @@ void CameraOutput::setLayout(const LayoutPtr& layout) {
         sharing->layout = layout;
         sharing->observer = layout->addObserver(m_worker.wakeup());
         layout->startListening();
-        sharing->camera->resize(uint32_t(layout->width()), uint32_t(layout->height()), description(*layout));
+        sharing->renewFailed = false;
+        camera = sharing->camera;
+        watched = camera->hasConsumer();
+        // Renegotiated on the same node: a consumer that takes the new size goes on without a gap.
+        camera->resize(uint32_t(layout->width()), uint32_t(layout->height()), description(*layout));
     }
     m_worker.wakeup()->signal();
     // Outside our lock: a layout's stop joins its thread.
     previous->stopListening();
+    // A watched node is made anew once it has gone unwatched (see listener).
+    if (!watched) {
+        renew(camera);
+    }
+}
+
+void CameraOutput::renew(const std::shared_ptr<PipeWireCamera>& camera) {
+    LayoutPtr layout;
+    {
+        auto sharing = m_sharing.lock();
+        if (sharing->camera != camera || sharing->renewing || sharing->renewFailed) {
+            return;
+        }
+        sharing->renewing = true;
+        layout = sharing->layout;
+    }
+    // The new node is made before the old one goes, so that a failure leaves the camera as it was.
+    auto fresh = std::make_shared<PipeWireCamera>();
+    const Error error =
+        fresh->open(uint32_t(layout->width()), uint32_t(layout->height()), description(*layout));
+    {
+        auto sharing = m_sharing.lock();
+        sharing->renewing = false;
+        if (error) {
+            sharing->renewFailed = true;
+            logs::camera.warning("The camera keeps its listed name: %s", error.logLine().c_str());
+            return;
+        }
+        if (sharing->camera != camera || sharing->layout != layout) {
+            return; // stopped or changed meanwhile: the fresh node goes unused
+        }
+        sharing->camera = fresh;
+    }
+    m_worker.wakeup()->signal();
+    logs::camera.info("The camera is listed as \"%s\" (node %u)", description(*layout).c_str(),
+                      fresh->nodeId());
+    // The old node goes with the last reference, here or on the camera's thread.
 }
 
 void CameraOutput::endRun(const Locked& sharing) {
@@ -121,23 +181,42 @@ uint32_t CameraOutput::nodeId() {
     return sharing->camera ? sharing->camera->nodeId() : 0;
 }
 
-void CameraOutput::listener(const Worker::Run& run, const std::shared_ptr<PipeWireCamera>& camera) {
+void CameraOutput::listener(const Worker::Run& run) {
+    bool unwatched = false; // the node is listed by an old name and nobody watches it, since:
+    std::chrono::steady_clock::time_point unwatchedSince;
     while (run.active()) {
-        if (!update(camera)) {
-            if (const Error failure = camera->failure()) {
-                fail(camera, failure);
-                break;
-            }
-            run.wait();
+        std::shared_ptr<PipeWireCamera> camera;
+        if (update(camera)) {
+            unwatched = false;
+            continue;
         }
+        if (!camera) {
+            break; // stopped
+        }
+        if (const Error failure = camera->failure()) {
+            fail(camera, failure);
+            break;
+        }
+        const auto now = std::chrono::steady_clock::now();
+        if (camera->hasConsumer() || !camera->isListedByAnOldName()) {
+            unwatched = false;
+        } else if (!unwatched) {
+            unwatched = true;
+            unwatchedSince = now;
+        } else if (now - unwatchedSince >= UnwatchedTimeout) {
+            renew(camera);
+            unwatched = false;
+        }
+        run.wait();
     }
 }
 
-bool CameraOutput::update(const std::shared_ptr<PipeWireCamera>& camera) {
+bool CameraOutput::update(std::shared_ptr<PipeWireCamera>& camera) {
     LayoutPtr layout;
     ObserverPtr observer;
     {
         auto sharing = m_sharing.lock();
+        camera = sharing->camera;
         layout = sharing->layout;
         observer = sharing->observer;
     }
@@ -150,7 +229,7 @@ bool CameraOutput::update(const std::shared_ptr<PipeWireCamera>& camera) {
         return true;
     }
     switch (camera->send(frame->data(), uint32_t(layout->width()), uint32_t(layout->height()),
-                         frame->timestamp())) {
+                         graphTime(*frame))) {
     case PipeWireCamera::Sent::Queued:
         ++m_sent;
         break;

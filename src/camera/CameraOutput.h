@@ -36,15 +36,16 @@ public:
     // camera's lock comes before the layout's (see capture/Observable.h): call holding none of a
     // producer's.
     Error start(const LayoutPtr& layout);
-    // Shares another layout on the same node: its size is offered to the consumers again and the
-    // node's description names it.
+    // Shares another layout: the node's description names it and its size is offered. A watching
+    // consumer goes on with the same node at the new size; an unwatched node is made anew, so that
+    // programs listing cameras see the new name at once; a watched one once its consumers have gone.
     void setLayout(const LayoutPtr& layout);
     // Ends sharing: unsubscribes, lets the thread end (bounded) and removes the node.
     void stop();
 
     bool isSharing();
     LayoutPtr layout();
-    // The node's id in PipeWire's registry, or 0 while not sharing.
+    // The current node's id in PipeWire's registry, or 0 while not sharing.
     uint32_t nodeId();
     // Frames handed to consumers, and frames dropped because they held every buffer, since creation.
     uint64_t sentFrames() const { return m_sent; }
@@ -58,16 +59,22 @@ private:
     // What the camera's thread and its callers share.
     struct Sharing {
         std::function<void(const Error&)> failureHandler;
-        std::shared_ptr<PipeWireCamera> camera; // the current run's node, null while not sharing
+        std::shared_ptr<PipeWireCamera> camera; // the current node, null while not sharing
         LayoutPtr layout;
         ObserverPtr observer;
-        bool dropLogged = false; // the first drop of a run is logged
+        bool dropLogged = false;  // the first drop of a run is logged
+        bool renewing = false;    // a new node is being made for the current one
+        bool renewFailed = false; // until the next layout change, the node keeps its listed name
     };
     using Locked = Guarded<Sharing>::Locked;
 
-    void listener(const Worker::Run& run, const std::shared_ptr<PipeWireCamera>& camera);
-    // Sends one waiting frame; false when none waited.
-    bool update(const std::shared_ptr<PipeWireCamera>& camera);
+    void listener(const Worker::Run& run);
+    // Sends one waiting frame through the current node, which it returns in `camera`; false when
+    // none waited or nobody took it.
+    bool update(std::shared_ptr<PipeWireCamera>& camera);
+    // Replaces `camera`, while it is still the current node, by a new node that the registry lists
+    // by the layout's name. Call holding none of our locks: making a node waits for the daemon.
+    void renew(const std::shared_ptr<PipeWireCamera>& camera);
     // Stops sharing after the daemon ended the camera, and reports it.
     void fail(const std::shared_ptr<PipeWireCamera>& camera, const Error& failure);
     // Unsubscribes from the layout and ends the run.

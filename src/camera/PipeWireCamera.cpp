@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cmath>
 #include <cstring>
 #include <mutex>
 
@@ -107,6 +106,7 @@ Error PipeWireCamera::open(uint32_t width, uint32_t height, const std::string& d
     pw_core_add_listener(m_core, &m_coreListener, &CoreEvents, this);
     m_width = width;
     m_height = height;
+    m_description = m_listedDescription = description;
     m_stream = pw_stream_new(m_core, "Zandor",
                              pw_properties_new(PW_KEY_MEDIA_TYPE, "Video", PW_KEY_MEDIA_CATEGORY, "Capture",
                                                PW_KEY_MEDIA_CLASS, "Video/Source", PW_KEY_MEDIA_ROLE,
@@ -148,11 +148,26 @@ void PipeWireCamera::resize(uint32_t width, uint32_t height, const std::string& 
     pw_thread_loop_lock(m_loop);
     m_width = width;
     m_height = height;
+    m_description = description;
     const spa_dict_item item{PW_KEY_NODE_DESCRIPTION, description.c_str()};
     const spa_dict properties{0, 1, &item};
     pw_stream_update_properties(m_stream, &properties);
     offerFormats();
     pw_thread_loop_unlock(m_loop);
+}
+
+bool PipeWireCamera::hasConsumer() {
+    pw_thread_loop_lock(m_loop);
+    const bool consumer = m_format != 0 && m_formatWidth == m_width && m_formatHeight == m_height;
+    pw_thread_loop_unlock(m_loop);
+    return consumer;
+}
+
+bool PipeWireCamera::isListedByAnOldName() {
+    pw_thread_loop_lock(m_loop);
+    const bool old = m_description != m_listedDescription;
+    pw_thread_loop_unlock(m_loop);
+    return old;
 }
 
 void PipeWireCamera::offerFormats() {
@@ -164,7 +179,7 @@ void PipeWireCamera::offerFormats() {
 }
 
 PipeWireCamera::Sent PipeWireCamera::send(const uint8_t* rgb, uint32_t width, uint32_t height,
-                                          double timestampSeconds) {
+                                          int64_t ptsNanoseconds) {
     pw_thread_loop_lock(m_loop);
     const uint32_t stride = m_stride, format = m_format;
     if (m_failure || m_state != PW_STREAM_STATE_STREAMING || format == 0 || m_formatWidth != width ||
@@ -212,7 +227,7 @@ PipeWireCamera::Sent PipeWireCamera::send(const uint8_t* rgb, uint32_t width, ui
             spa_buffer_find_meta_data(buffer->buffer, SPA_META_Header, sizeof(spa_meta_header)))) {
         header->flags = 0;
         header->offset = 0;
-        header->pts = std::llround(timestampSeconds * 1e9);
+        header->pts = ptsNanoseconds;
         header->dts_offset = 0;
         header->seq = m_sequence++;
     }

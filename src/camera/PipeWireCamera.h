@@ -42,12 +42,21 @@ public:
     // PipeWire's code, naming one of the steps in CameraSteps.h, on failure; the object may then
     // only be destroyed.
     Error open(uint32_t width, uint32_t height, const std::string& description);
-    // Offers frames of another size and renames the node; linked consumers negotiate again.
+    // Offers frames of another size and renames the node; linked consumers negotiate again. Programs
+    // bound to the node see the new name at once; those that list cameras keep the name the node was
+    // made with.
     void resize(uint32_t width, uint32_t height, const std::string& description);
+    // Whether a consumer has agreed on a format of the offered size with the node. One that could not
+    // take a new size keeps the old format and gets no frames: it does not count.
+    bool hasConsumer();
+    // Whether the node was renamed since it was made: PipeWire's registry, where programs list
+    // cameras, still names it as made.
+    bool isListedByAnOldName();
     // Copies one frame of rows of RGB bytes, `width` by `height`, into a free buffer stamped with
-    // `timestampSeconds`, and hands it over. A frame of another size than the one the consumers
-    // agreed on is not sent. Never waits for a consumer.
-    Sent send(const uint8_t* rgb, uint32_t width, uint32_t height, double timestampSeconds);
+    // `ptsNanoseconds`, the moment it shows on the graph's clock (CLOCK_MONOTONIC), and hands it
+    // over. A frame of another size than the one the consumers agreed on is not sent. Never waits
+    // for a consumer.
+    Sent send(const uint8_t* rgb, uint32_t width, uint32_t height, int64_t ptsNanoseconds);
     // Why the daemon ended the node after open; no Error while it is fine.
     Error failure();
     // The node's id in the daemon's registry.
@@ -76,6 +85,8 @@ private:
     uint32_t m_formatWidth = 0;
     uint32_t m_formatHeight = 0;
     uint32_t m_stride = 0; // bytes per row in the buffers
+    std::string m_description;
+    std::string m_listedDescription; // as the registry lists the node: the one it was made with
     int m_state = 0;
     Error m_failure;
     uint64_t m_sequence = 0;

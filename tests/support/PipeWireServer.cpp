@@ -4,6 +4,7 @@
 
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QRegularExpression>
 
 #include <cstdlib>
 #include <filesystem>
@@ -77,6 +78,33 @@ bool PipeWireServer::waitForNode(const std::string& name, const QString& descrip
         }
     }
     return true;
+}
+
+bool PipeWireServer::waitForListing(const std::string& name, const QString& description) {
+    // pw-cli lists each node as a line "id N, type PipeWire:Interface:Node/3", then its properties
+    // as lines `key = "value"`.
+    const QRegularExpression node(QStringLiteral(R"re(node\.name = "(.*)"$)re"),
+                                  QRegularExpression::MultilineOption);
+    const QRegularExpression described(QStringLiteral(R"re(node\.description = "(.*)"$)re"),
+                                       QRegularExpression::MultilineOption);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    // Each pw-cli takes a few milliseconds: it is the pause between looks.
+    for (;;) {
+        QStringList descriptions;
+        const QString listing =
+            QString::fromStdString(runProcess({"pw-cli", "ls", "Node"}, std::chrono::seconds(10)).out);
+        for (const QString& block : listing.split(QStringLiteral("\tid "))) {
+            if (node.match(block).captured(1) == QString::fromStdString(name)) {
+                descriptions << described.match(block).captured(1);
+            }
+        }
+        if (descriptions == QStringList{description}) {
+            return true;
+        }
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+    }
 }
 
 } // namespace zandor::test

@@ -33,6 +33,10 @@ public:
     // Waits until the node named `name` is described as `description`; with an empty description,
     // until there is no such node.
     static bool waitForNode(const std::string& name, const QString& description);
+    // Waits until PipeWire's registry, where programs list cameras (pw-cli ls), lists exactly one
+    // node named `name`, described as `description`. The registry keeps the properties a node was
+    // made with, where pw-dump shows its current ones.
+    static bool waitForListing(const std::string& name, const QString& description);
 
 private:
     std::string start();
