@@ -225,8 +225,8 @@ void MainController::setupView() {
     enableRecorders(false);
     setupMainMenu();
     connect(mainView(), &MainWindowContentView::keyPressed, this, &MainController::keyPressed);
-    // Once the window shows: the dialog is a sheet on it.
-    runLater(this, [this] { offerRecovery(); });
+    // Once the window is on screen: the dialog is a sheet on it.
+    RecoveryOffer::whenShown(m_mainWindow.get(), [this] { offerRecovery(); });
     const auto& layouts = m_layouts.layouts();
     if (layouts.empty()) {
         // The application's own plugins are missing: show a screen alone rather than nothing.

@@ -3,11 +3,75 @@
 #include "recording/VideoRecorder.h"
 
 #include <QDir>
+#include <QEvent>
 #include <QFileInfo>
 #include <QMessageBox>
+#include <QPointer>
 #include <QPushButton>
+#include <QTimer>
+#include <QWidget>
+#include <QWindow>
 
 namespace zandor {
+
+namespace {
+
+// Waits for a window's first exposure: it is shown, then mapped by the window manager, which has
+// placed it by the time the window is exposed.
+class ExposureWatch final : public QObject {
+public:
+    ExposureWatch(QWidget* window, std::function<void()> then)
+        : QObject(window), m_window(window), m_then(std::move(then)) {
+        window->installEventFilter(this);
+        watchHandle();
+    }
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override {
+        if (watched == m_window && event->type() == QEvent::Show) {
+            watchHandle();
+        } else if (watched == m_handle && event->type() == QEvent::Expose && m_handle->isExposed()) {
+            done();
+        }
+        return false;
+    }
+
+private:
+    void watchHandle() {
+        if (m_handle || !m_window->windowHandle()) {
+            return;
+        }
+        m_handle = m_window->windowHandle();
+        m_handle->installEventFilter(this);
+        if (m_handle->isExposed()) {
+            done();
+        }
+    }
+    void done() {
+        if (m_done) {
+            return;
+        }
+        m_done = true;
+        m_window->removeEventFilter(this);
+        if (m_handle) {
+            m_handle->removeEventFilter(this);
+        }
+        // After the exposure is handled, so that the window has its place and size.
+        QTimer::singleShot(0, m_window, std::move(m_then));
+        deleteLater();
+    }
+
+    QWidget* const m_window;
+    QPointer<QWindow> m_handle;
+    std::function<void()> m_then;
+    bool m_done = false;
+};
+
+} // namespace
+
+void RecoveryOffer::whenShown(QWidget* window, std::function<void()> then) {
+    new ExposureWatch(window, std::move(then));
+}
 
 void RecoveryOffer::open(QWidget* parent, const QStringList& bundles, std::function<void()> recover) {
     QStringList lines;
