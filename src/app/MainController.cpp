@@ -455,7 +455,8 @@ void MainController::recoverBundles(const QStringList& bundles) {
 void MainController::offerRecovery() {
     const QStringList bundles = VideoRecorder::abandonedBundles(m_session->settings().storageFolder);
     if (!bundles.isEmpty()) {
-        RecoveryOffer::open(m_mainWindow.get(), bundles, [this, bundles] { recoverBundles(bundles); });
+        RecoveryOffer::open(m_mainWindow.get(), bundles,
+                            {[this](const QStringList& recoverable) { recoverBundles(recoverable); }});
     }
 }
 

@@ -98,7 +98,7 @@ public:
 
     // Offers to recover, in one window-modal dialog, the recordings of the storage folder that an
     // earlier run left unfinished: "Recover" finishes them in the background and says how much was
-    // saved, "Later" leaves them, "Delete" removes the listed bundles.
+    // saved, "Later" leaves them, "Delete" removes the listed bundles once confirmed.
     void offerRecovery();
 
     // Stops the picture and waits, bounded, for the pipeline's threads; waits for a recording

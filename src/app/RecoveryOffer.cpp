@@ -1,14 +1,21 @@
 #include "RecoveryOffer.h"
 
+#include "base/Log.h"
+#include "recording/RecordingBundle.h"
 #include "recording/VideoRecorder.h"
 
+#include <QDialog>
+#include <QDialogButtonBox>
 #include <QDir>
 #include <QEvent>
 #include <QFileInfo>
+#include <QLabel>
+#include <QLocale>
 #include <QMessageBox>
 #include <QPointer>
 #include <QPushButton>
 #include <QTimer>
+#include <QVBoxLayout>
 #include <QWidget>
 #include <QWindow>
 
@@ -73,41 +80,119 @@ void RecoveryOffer::whenShown(QWidget* window, std::function<void()> then) {
     new ExposureWatch(window, std::move(then));
 }
 
-void RecoveryOffer::open(QWidget* parent, const QStringList& bundles, std::function<void()> recover) {
-    QStringList lines;
-    for (const QString& bundle : bundles) {
-        const auto recorder = VideoRecorder::forBundle(bundle);
-        const auto seconds = recorder ? static_cast<int>((*recorder)->recordedSeconds()) : 0;
-        lines << QStringLiteral("%1: %2").arg(QFileInfo(bundle).completeBaseName(),
-                                              recorder
-                                                  ? QString::asprintf("%d:%02d", seconds / 60, seconds % 60)
-                                                  : QStringLiteral("nothing readable"));
+namespace {
+
+QLabel* label(const QString& text, QWidget* parent, bool heading = false) {
+    auto* shown = new QLabel(text, parent);
+    shown->setWordWrap(true);
+    shown->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    if (heading) {
+        QFont font = shown->font();
+        font.setBold(true);
+        shown->setFont(font);
     }
-    auto* dialog =
-        new QMessageBox(QMessageBox::Question, QStringLiteral("Zandor"),
-                        QStringLiteral("Some recordings were not finished."), QMessageBox::NoButton, parent);
+    return shown;
+}
+
+// "Capture 01_02_2026 10_00_00: 0:02", or what keeps it from being played.
+QString lengthLine(const QString& bundle) {
+    const auto recorder = VideoRecorder::forBundle(bundle);
+    const auto seconds = recorder ? static_cast<int>((*recorder)->recordedSeconds()) : 0;
+    return QStringLiteral("%1: %2").arg(QFileInfo(bundle).completeBaseName(),
+                                        recorder ? QString::asprintf("%d:%02d", seconds / 60, seconds % 60)
+                                                 : QStringLiteral("nothing readable"));
+}
+
+// Asks, window-modal on `dialog`, whether `bundles` are to be deleted; deletes them and calls
+// `deleted` when the user says so, and does nothing else on Cancel.
+void confirmDelete(QDialog* dialog, const QStringList& bundles, std::function<void()> deleted) {
+    qint64 bytes = 0;
+    for (const QString& bundle : bundles) {
+        bytes += RecordingBundle::size(bundle);
+    }
+    auto* question =
+        new QMessageBox(QMessageBox::Warning, QStringLiteral("Zandor"),
+                        RecoveryOffer::deleteQuestion(bundles.size(), bytes), QMessageBox::NoButton, dialog);
+    question->setObjectName(QStringLiteral("deleteConfirmation"));
+    QPushButton* deleteButton = question->addButton(QStringLiteral("Delete"), QMessageBox::DestructiveRole);
+    QPushButton* cancelButton = question->addButton(QStringLiteral("Cancel"), QMessageBox::RejectRole);
+    // What cannot be undone is not what Return does.
+    question->setDefaultButton(cancelButton);
+    question->setEscapeButton(cancelButton);
+    question->setWindowModality(Qt::WindowModal);
+    question->setAttribute(Qt::WA_DeleteOnClose);
+    QObject::connect(question, &QMessageBox::buttonClicked, dialog,
+                     [bundles, deleteButton, deleted = std::move(deleted)](QAbstractButton* button) {
+                         if (button != deleteButton) {
+                             return;
+                         }
+                         for (const QString& bundle : bundles) {
+                             if (!QDir(bundle).removeRecursively()) {
+                                 logs::app.error("Could not delete %s", qUtf8Printable(bundle));
+                             }
+                         }
+                         deleted();
+                     });
+    question->open();
+}
+
+} // namespace
+
+QString RecoveryOffer::deleteQuestion(qsizetype count, qint64 bytes) {
+    const QString size = QLocale().formattedDataSize(bytes, 1, QLocale::DataSizeSIFormat);
+    return count == 1 ? QStringLiteral("Delete 1 unfinished recording (%1)? This cannot be undone.").arg(size)
+                      : QStringLiteral("Delete %1 unfinished recordings (%2)? This cannot be undone.")
+                            .arg(count)
+                            .arg(size);
+}
+
+QDialog* RecoveryOffer::open(QWidget* parent, const QStringList& bundles, Actions actions) {
+    const QStringList& recoverable = bundles;
+    auto* dialog = new QDialog(parent);
     dialog->setObjectName(QStringLiteral("recoveryWindow"));
-    dialog->setInformativeText(
-        QStringLiteral("Zandor ended while these recordings were made or finalized. Recover them now?\n\n%1")
-            .arg(lines.join(u'\n')));
-    QPushButton* recoverButton = dialog->addButton(QStringLiteral("Recover"), QMessageBox::AcceptRole);
-    dialog->addButton(QStringLiteral("Later"), QMessageBox::RejectRole);
-    QPushButton* removeButton = dialog->addButton(QStringLiteral("Delete"), QMessageBox::DestructiveRole);
-    dialog->setDefaultButton(recoverButton);
+    dialog->setWindowTitle(QStringLiteral("Zandor"));
     dialog->setWindowModality(Qt::WindowModal);
     dialog->setAttribute(Qt::WA_DeleteOnClose);
-    QObject::connect(
-        dialog, &QMessageBox::buttonClicked, dialog,
-        [bundles, recover = std::move(recover), recoverButton, removeButton](QAbstractButton* button) {
-            if (button == recoverButton) {
-                recover();
-            } else if (button == removeButton) {
-                for (const QString& bundle : bundles) {
-                    QDir(bundle).removeRecursively();
-                }
-            }
+    auto* layout = new QVBoxLayout(dialog);
+    layout->setSizeConstraint(QLayout::SetFixedSize);
+    {
+        auto* section = new QWidget(dialog);
+        section->setObjectName(QStringLiteral("recoverableSection"));
+        auto* box = new QVBoxLayout(section);
+        box->setContentsMargins(0, 0, 0, 0);
+        box->addWidget(label(QStringLiteral("Some recordings were not finished."), section, true));
+        box->addWidget(label(
+            QStringLiteral("Zandor ended while these recordings were made or finalized. Recover them now?"),
+            section));
+        QStringList lines;
+        for (const QString& bundle : recoverable) {
+            lines << lengthLine(bundle);
+        }
+        QLabel* list = label(lines.join(u'\n'), section);
+        list->setObjectName(QStringLiteral("recoverableList"));
+        box->addWidget(list);
+        auto* buttons = new QDialogButtonBox(section);
+        QPushButton* recoverButton =
+            buttons->addButton(QStringLiteral("Recover"), QDialogButtonBox::AcceptRole);
+        QPushButton* deleteButton =
+            buttons->addButton(QStringLiteral("Delete"), QDialogButtonBox::DestructiveRole);
+        QPushButton* laterButton = buttons->addButton(QStringLiteral("Later"), QDialogButtonBox::RejectRole);
+        recoverButton->setDefault(true);
+        box->addWidget(buttons);
+        layout->addWidget(section);
+        QObject::connect(recoverButton, &QPushButton::clicked, dialog,
+                         [dialog, recoverable, recover = actions.recover] {
+                             dialog->close();
+                             recover(recoverable);
+                         });
+        QObject::connect(laterButton, &QPushButton::clicked, dialog, &QDialog::close);
+        QObject::connect(deleteButton, &QPushButton::clicked, dialog, [dialog, recoverable] {
+            confirmDelete(dialog, recoverable, [dialog] { dialog->close(); });
         });
+    }
+
     dialog->open();
+    return dialog;
 }
 
 RecoveryOffer::Outcome RecoveryOffer::outcome(const session::RecoveryDone& done) {

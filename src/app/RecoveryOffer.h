@@ -7,6 +7,7 @@
 
 #include <functional>
 
+class QDialog;
 class QWidget;
 
 namespace zandor {
@@ -18,9 +19,17 @@ namespace RecoveryOffer {
 // before then is centred on where the window asked to be, often the screen's corner.
 void whenShown(QWidget* window, std::function<void()> then);
 
-// Opens, window-modal on `parent`, one dialog listing `bundles` with their lengths: "Recover" calls
-// `recover`, "Later" leaves them, "Delete" removes the listed bundles.
-void open(QWidget* parent, const QStringList& bundles, std::function<void()> recover);
+// What the dialog's buttons ask of its owner.
+struct Actions {
+    std::function<void(const QStringList& bundles)> recover;
+};
+
+// Opens, window-modal on `parent` and over it, one dialog listing `bundles` with their lengths:
+// "Recover", "Later", or "Delete" once confirmed.
+QDialog* open(QWidget* parent, const QStringList& bundles, Actions actions);
+
+// The question asked before `count` unfinished recordings of `bytes` together are deleted.
+QString deleteQuestion(qsizetype count, qint64 bytes);
 
 // What the user is told when recovering ended.
 struct Outcome {

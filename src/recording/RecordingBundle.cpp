@@ -7,6 +7,7 @@
 #include "settings/PropertyList.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 
@@ -149,6 +150,17 @@ QStringList RecordingBundle::movieLayouts() const {
 
 bool RecordingBundle::isBundle(const QString& path) {
     return path.endsWith(u'.' + Extension) && QFileInfo(path).isDir();
+}
+
+qint64 RecordingBundle::size(const QString& path) {
+    qint64 bytes = 0;
+    for (QDirIterator files(path, QDir::Files | QDir::Hidden | QDir::NoSymLinks,
+                            QDirIterator::Subdirectories);
+         files.hasNext();) {
+        files.next();
+        bytes += files.fileInfo().size();
+    }
+    return bytes;
 }
 
 QStringList RecordingBundle::abandoned(const QString& storageFolder) {

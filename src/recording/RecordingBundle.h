@@ -58,6 +58,8 @@ public:
 
     // Whether `path` names a bundle (a folder named *.zdrecord).
     static bool isBundle(const QString& path);
+    // What the bundle at `path` takes on disk, in bytes.
+    static qint64 size(const QString& path);
     // The bundles in `storageFolder` that no process holds.
     static QStringList abandoned(const QString& storageFolder);
 

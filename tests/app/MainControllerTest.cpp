@@ -40,6 +40,8 @@
 #include <QSignalSpy>
 #include <QComboBox>
 #include <QTest>
+#include <QTimer>
+#include <QPointer>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -770,12 +772,21 @@ TEST_F(MainControllerTest, APluginHandedOverByASecondStartBecomesTheActiveLayout
     qputenv("DISPLAY", display);
 }
 
-TEST_F(MainControllerTest, RecordingsAKilledRunLeftAreOfferedToBeRecoveredOrDeleted) {
-    ASSERT_TRUE(test::writeStandInTools(m_tools.path()));
-    ShellCommand::setToolFolder(m_tools.path());
-    // A bundle as a killed recording leaves it: a fragmented movie of two seconds and its choices.
-    const auto interrupted = [this](const QString& stamp) {
-        const QString bundle = m_storage.path() + "/Capture " + stamp + ".zdrecord";
+// Recovery: bundles as a killed run leaves them, offered by the application's next start.
+class RecoveryDialogTest : public MainControllerTest {
+protected:
+    void SetUp() override {
+        MainControllerTest::SetUp();
+        ASSERT_TRUE(test::writeStandInTools(m_tools.path()));
+        ShellCommand::setToolFolder(m_tools.path());
+    }
+
+    QString bundlePath(const QString& stamp) const {
+        return m_storage.path() + "/Capture " + stamp + ".zdrecord";
+    }
+    // A fragmented movie of two seconds and the choices, as a killed recording leaves them.
+    QString interrupted(const QString& stamp) const {
+        const QString bundle = bundlePath(stamp);
         EXPECT_TRUE(QDir().mkpath(bundle));
         EXPECT_EQ(test::runProcess({"ffmpeg", "-v", "error", "-f", "lavfi", "-i",
                                     "testsrc=size=400x240:rate=60", "-t", "2", "-c:v", "libx264", "-movflags",
@@ -787,56 +798,98 @@ TEST_F(MainControllerTest, RecordingsAKilledRunLeftAreOfferedToBeRecoveredOrDele
                         <key>Layouts</key><array><string>Top</string></array>
                         <key>FramesPerSecond</key><string>Original</string></dict></plist>)");
         return bundle;
-    };
-    // The dialog a new start of the application offers.
-    const auto offered = [this] {
+    }
+    // A bundle whose movie is `movie` alone.
+    QString garbled(const QString& stamp, const QByteArray& movie) const {
+        const QString bundle = bundlePath(stamp);
+        EXPECT_TRUE(QDir().mkpath(bundle) && test::writeFile(bundle + "/VideoTop.mov", movie));
+        return bundle;
+    }
+
+    // Starts the application again; the dialog it opens by itself, or null once it showed none.
+    QDialog* restart() {
         stop();
         start();
-        QMessageBox* dialog = nullptr;
+        EXPECT_TRUE(QTest::qWaitForWindowExposed(m_controller->mainWindow()));
+        // The offer is made once the window is exposed: a call queued after that comes after it.
+        bool queued = false;
+        QTimer::singleShot(0, m_controller.get(), [&queued] { queued = true; });
+        EXPECT_TRUE(QTest::qWaitFor([&] { return queued; }));
+        return m_controller->mainWindow()->findChild<QDialog*>("recoveryWindow");
+    }
+    static QAbstractButton* button(QWidget* in, const QString& text) {
+        for (QAbstractButton* button : in->findChildren<QAbstractButton*>()) {
+            if (button->text() == text) {
+                return button;
+            }
+        }
+        ADD_FAILURE() << "no button " << text.toStdString();
+        return nullptr;
+    }
+    static QString listed(QDialog* dialog, const char* list) {
+        const auto* label = dialog->findChild<QLabel*>(list);
+        return label ? label->text() : QString();
+    }
+    // The question Delete in `section` asks.
+    static QMessageBox* askDelete(QDialog* dialog, const char* section) {
+        button(dialog->findChild<QWidget*>(section), "Delete")->click();
+        QMessageBox* question = nullptr;
         EXPECT_TRUE(QTest::qWaitFor([&] {
-            return (dialog = m_controller->mainWindow()->findChild<QMessageBox*>("recoveryWindow")) !=
-                   nullptr;
+            question = dialog->findChild<QMessageBox*>("deleteConfirmation");
+            return question && question->isVisible();
         }));
-        return dialog;
-    };
+        return question;
+    }
+};
 
+TEST_F(RecoveryDialogTest, OffersWhatAKilledRunLeftOverTheWindowAndDeletesOnlyOnceConfirmed) {
     const QString abandoned = interrupted("01_02_2026 10_00_00");
-    QMessageBox* dialog = offered();
+    QDialog* dialog = restart();
     ASSERT_NE(dialog, nullptr);
-    EXPECT_TRUE(dialog->informativeText().endsWith("\n\nCapture 01_02_2026 10_00_00: 0:02"))
-        << dialog->informativeText().toStdString();
-    EXPECT_EQ(dialog->defaultButton()->text(), "Recover");
-    dialog->defaultButton()->click();
+    EXPECT_TRUE(dialog->isVisible());
+    EXPECT_EQ(dialog->windowModality(), Qt::WindowModal);
+    EXPECT_TRUE(m_controller->mainWindow()->frameGeometry().contains(dialog->frameGeometry().center()))
+        << "over the main window";
+    EXPECT_EQ(listed(dialog, "recoverableList"), "Capture 01_02_2026 10_00_00: 0:02");
+    EXPECT_EQ(dialog->findChild<QWidget*>("unrecoverableSection"), nullptr);
+    button(dialog, "Recover")->click();
     const QString said =
         "The recordings were recovered. | 2 seconds were saved: Capture 01_02_2026 10_00_00.mp4";
     EXPECT_TRUE(QTest::qWaitFor([&] { return alerts().contains(said); }, 60000))
         << alerts().join("\n").toStdString();
     EXPECT_FALSE(QFileInfo::exists(abandoned));
 
-    const QString another = interrupted("01_02_2026 12_00_00");
-    dialog = offered();
-    ASSERT_NE(dialog, nullptr);
-    for (QAbstractButton* button : dialog->buttons()) {
-        if (button->text() == "Delete") {
-            button->click();
-        }
+    // Three of 400 kB each: the question counts them and adds up their size; Cancel changes nothing.
+    QStringList three;
+    for (const char* stamp : {"02_02_2026 10_00_00", "02_02_2026 11_00_00", "02_02_2026 12_00_00"}) {
+        three << garbled(stamp, QByteArray(400000, 'x'));
     }
-    EXPECT_FALSE(QFileInfo::exists(another));
-    EXPECT_TRUE(QFileInfo::exists(m_storage.path() + "/Capture 01_02_2026 10_00_00.mp4"));
-
-    // A bundle whose movie is not one: said in words, the library's own in the log alone.
-    const QString damaged = m_storage.path() + "/Capture 01_02_2026 14_00_00.zdrecord";
-    ASSERT_TRUE(QDir().mkpath(damaged));
-    ASSERT_TRUE(test::writeFile(damaged + "/VideoTop.mov", QByteArray(4096, 'x')));
-    dialog = offered();
+    dialog = restart();
     ASSERT_NE(dialog, nullptr);
-    LogCapture log;
-    dialog->defaultButton()->click();
-    const QString failed = "Could not recover every recording. | Capture 01_02_2026 14_00_00.zdrecord: It "
-                           "holds no recording that can be played.";
-    EXPECT_TRUE(QTest::qWaitFor([&] { return alerts().contains(failed); }, 60000))
-        << alerts().join("\n").toStdString();
-    EXPECT_EQ(log.countPrefix("Could not recover " + damaged.toStdString() + ": "), 1u);
+    QMessageBox* question = askDelete(dialog, "recoverableSection");
+    ASSERT_NE(question, nullptr);
+    EXPECT_EQ(question->text(), "Delete 3 unfinished recordings (1.2 MB)? This cannot be undone.");
+    EXPECT_EQ(question->defaultButton()->text(), "Cancel");
+    button(question, "Cancel")->click();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !dialog->findChild<QMessageBox*>("deleteConfirmation"); }));
+    EXPECT_TRUE(dialog->isVisible()) << "the offer stands";
+    for (const QString& bundle : three) {
+        EXPECT_TRUE(QFileInfo(bundle + "/VideoTop.mov").isFile()) << bundle.toStdString();
+    }
+
+    // One alone is one recording; confirmed, it goes, and the dialog with it.
+    QDir(three[1]).removeRecursively();
+    QDir(three[2]).removeRecursively();
+    dialog = restart();
+    ASSERT_NE(dialog, nullptr);
+    question = askDelete(dialog, "recoverableSection");
+    ASSERT_NE(question, nullptr);
+    EXPECT_EQ(question->text(), "Delete 1 unfinished recording (400.0 kB)? This cannot be undone.");
+    QPointer<QDialog> closing = dialog;
+    button(question, "Delete")->click();
+    EXPECT_FALSE(QFileInfo::exists(three[0]));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !closing || !closing->isVisible(); }));
+    EXPECT_TRUE(QFileInfo::exists(m_storage.path() + "/Capture 01_02_2026 10_00_00.mp4"));
 }
 
 } // namespace
