@@ -19,6 +19,8 @@
 #include <QWidget>
 #include <QWindow>
 
+#include <algorithm>
+
 namespace zandor {
 
 namespace {
@@ -138,6 +140,11 @@ void confirmDelete(QDialog* dialog, const QStringList& bundles, std::function<vo
 
 } // namespace
 
+bool RecoveryOffer::anyRecoverable(const QStringList& bundles) {
+    return std::any_of(bundles.begin(), bundles.end(),
+                       [](const QString& bundle) { return !RecordingBundle::isUnrecoverable(bundle); });
+}
+
 QString RecoveryOffer::deleteQuestion(qsizetype count, qint64 bytes) {
     const QString size = QLocale().formattedDataSize(bytes, 1, QLocale::DataSizeSIFormat);
     return count == 1 ? QStringLiteral("Delete 1 unfinished recording (%1)? This cannot be undone.").arg(size)
@@ -147,7 +154,10 @@ QString RecoveryOffer::deleteQuestion(qsizetype count, qint64 bytes) {
 }
 
 QDialog* RecoveryOffer::open(QWidget* parent, const QStringList& bundles, Actions actions) {
-    const QStringList& recoverable = bundles;
+    QStringList recoverable, unrecoverable;
+    for (const QString& bundle : bundles) {
+        (RecordingBundle::isUnrecoverable(bundle) ? unrecoverable : recoverable).append(bundle);
+    }
     auto* dialog = new QDialog(parent);
     dialog->setObjectName(QStringLiteral("recoveryWindow"));
     dialog->setWindowTitle(QStringLiteral("Zandor"));
@@ -155,7 +165,20 @@ QDialog* RecoveryOffer::open(QWidget* parent, const QStringList& bundles, Action
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     auto* layout = new QVBoxLayout(dialog);
     layout->setSizeConstraint(QLayout::SetFixedSize);
-    {
+    // A section goes once its bundles are deleted; the dialog with the last one.
+    const auto removeSection = [dialog](QWidget* section) {
+        section->hide();
+        section->deleteLater();
+        for (const char* name : {"recoverableSection", "unrecoverableSection"}) {
+            const auto* other = dialog->findChild<QWidget*>(QLatin1String(name));
+            if (other && other != section) {
+                return;
+            }
+        }
+        dialog->close();
+    };
+
+    if (!recoverable.isEmpty()) {
         auto* section = new QWidget(dialog);
         section->setObjectName(QStringLiteral("recoverableSection"));
         auto* box = new QVBoxLayout(section);
@@ -186,11 +209,47 @@ QDialog* RecoveryOffer::open(QWidget* parent, const QStringList& bundles, Action
                              recover(recoverable);
                          });
         QObject::connect(laterButton, &QPushButton::clicked, dialog, &QDialog::close);
-        QObject::connect(deleteButton, &QPushButton::clicked, dialog, [dialog, recoverable] {
-            confirmDelete(dialog, recoverable, [dialog] { dialog->close(); });
-        });
+        QObject::connect(
+            deleteButton, &QPushButton::clicked, dialog, [dialog, recoverable, section, removeSection] {
+                confirmDelete(dialog, recoverable, [section, removeSection] { removeSection(section); });
+            });
     }
 
+    if (!unrecoverable.isEmpty()) {
+        auto* section = new QWidget(dialog);
+        section->setObjectName(QStringLiteral("unrecoverableSection"));
+        auto* box = new QVBoxLayout(section);
+        box->setContentsMargins(0, 0, 0, 0);
+        box->addWidget(label(QStringLiteral("Cannot be recovered"), section, true));
+        box->addWidget(
+            label(unrecoverable.size() == 1
+                      ? QStringLiteral("This recording holds no picture or sound that can be played.")
+                      : QStringLiteral("These recordings hold no picture or sound that can be played."),
+                  section));
+        QStringList lines;
+        for (const QString& bundle : unrecoverable) {
+            lines << QFileInfo(bundle).completeBaseName();
+        }
+        QLabel* list = label(lines.join(u'\n'), section);
+        list->setObjectName(QStringLiteral("unrecoverableList"));
+        box->addWidget(list);
+        auto* buttons = new QDialogButtonBox(section);
+        QPushButton* deleteButton =
+            buttons->addButton(QStringLiteral("Delete"), QDialogButtonBox::DestructiveRole);
+        QPushButton* showButton =
+            buttons->addButton(QStringLiteral("Show in Folder"), QDialogButtonBox::ActionRole);
+        // Return must not reach Delete when this section is the dialog's only one.
+        deleteButton->setAutoDefault(false);
+        showButton->setAutoDefault(false);
+        box->addWidget(buttons);
+        layout->addWidget(section);
+        QObject::connect(showButton, &QPushButton::clicked, dialog,
+                         [bundle = unrecoverable.first(), show = actions.showInFolder] { show(bundle); });
+        QObject::connect(
+            deleteButton, &QPushButton::clicked, dialog, [dialog, unrecoverable, section, removeSection] {
+                confirmDelete(dialog, unrecoverable, [section, removeSection] { removeSection(section); });
+            });
+    }
     dialog->open();
     return dialog;
 }

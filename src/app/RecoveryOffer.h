@@ -22,11 +22,17 @@ void whenShown(QWidget* window, std::function<void()> then);
 // What the dialog's buttons ask of its owner.
 struct Actions {
     std::function<void(const QStringList& bundles)> recover;
+    std::function<void(const QString& bundle)> showInFolder;
 };
 
-// Opens, window-modal on `parent` and over it, one dialog listing `bundles` with their lengths:
-// "Recover", "Later", or "Delete" once confirmed.
+// Opens, window-modal on `parent` and over it, one dialog listing `bundles`: those that may be
+// recovered with their lengths ("Recover", "Later", or "Delete" once confirmed), and apart, as
+// "Cannot be recovered", those a recovery found nothing playable in ("Delete" once confirmed,
+// "Show in Folder"). The dialog closes itself once nothing is left in it.
 QDialog* open(QWidget* parent, const QStringList& bundles, Actions actions);
+
+// Whether the dialog is worth opening by itself at start: some bundle may still be recovered.
+bool anyRecoverable(const QStringList& bundles);
 
 // The question asked before `count` unfinished recordings of `bytes` together are deleted.
 QString deleteQuestion(qsizetype count, qint64 bytes);

@@ -51,8 +51,26 @@ int RecoverCommand::run(const CommandLine& options) {
         bundles = VideoRecorder::abandonedBundles(folder);
     }
     int status = 0;
+    // Said as the window lists it; as no recovery can make a movie of it, it fails nothing.
+    const auto unrecoverable = [](const QString& bundle) {
+        std::fprintf(
+            stderr, "zandor-cli recover: Cannot be recovered: %s: it holds no recording that can be played\n",
+            qUtf8Printable(bundle));
+    };
     for (const QString& bundle : bundles) {
+        if (RecordingBundle::isUnrecoverable(bundle)) {
+            unrecoverable(bundle);
+            continue;
+        }
         auto found = VideoRecorder::forBundle(bundle);
+        if (!found && VideoRecorder::holdsNothingPlayable(found.error())) {
+            if (Error error = RecordingBundle::markUnrecoverable(bundle)) {
+                std::fprintf(stderr, "zandor-cli recover: Could not mark %s as not recoverable: %s\n",
+                             qUtf8Printable(bundle), error.logLine().c_str());
+            }
+            unrecoverable(bundle);
+            continue;
+        }
         if (!found) {
             std::fprintf(stderr, "zandor-cli recover: Could not recover %s: %s\n", qUtf8Printable(bundle),
                          found.error().detail().c_str());

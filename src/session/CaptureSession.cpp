@@ -562,6 +562,14 @@ void CaptureSession::recover(const QStringList& bundles) {
                 // The library's own words go to the log; the user reads what it means.
                 logs::session.error("Could not recover %s: %s", qUtf8Printable(bundle),
                                     found.error().logLine().c_str());
+                // Nothing to play will not become something: it is listed apart from now on. A
+                // bundle that could not be read now is offered again.
+                if (VideoRecorder::holdsNothingPlayable(found.error())) {
+                    if (Error error = RecordingBundle::markUnrecoverable(bundle)) {
+                        logs::session.error("Could not mark %s as not recoverable: %s",
+                                            qUtf8Printable(bundle), error.logLine().c_str());
+                    }
+                }
                 errors->messages << (found.error().systemCode() != 0
                                          ? session::reasonInWords(found.error())
                                          : QStringLiteral("It holds no recording that can be played."));

@@ -892,5 +892,56 @@ TEST_F(RecoveryDialogTest, OffersWhatAKilledRunLeftOverTheWindowAndDeletesOnlyOn
     EXPECT_TRUE(QFileInfo::exists(m_storage.path() + "/Capture 01_02_2026 10_00_00.mp4"));
 }
 
+TEST_F(RecoveryDialogTest, ABundleWithNothingPlayableIsOfferedOnceThenListedApartUntilDeleted) {
+    // Cut off before its first fragment: a header alone.
+    const QString header = interrupted("01_02_2026 14_00_00");
+    QFile movie(header + "/VideoTop.mov");
+    ASSERT_TRUE(movie.open(QIODevice::ReadWrite));
+    const qint64 firstFragment = movie.readAll().indexOf("moof") - 4;
+    ASSERT_GT(firstFragment, 0);
+    ASSERT_TRUE(movie.resize(firstFragment));
+    movie.close();
+    const QString empty = bundlePath("01_02_2026 15_00_00");
+    ASSERT_TRUE(QDir().mkpath(empty));
+    const QString garbage = garbled("01_02_2026 16_00_00", QByteArray(4096, 'x'));
+
+    QDialog* dialog = restart();
+    ASSERT_NE(dialog, nullptr) << "offered once";
+    EXPECT_EQ(listed(dialog, "recoverableList"), "Capture 01_02_2026 14_00_00: nothing readable\n"
+                                                 "Capture 01_02_2026 15_00_00: nothing readable\n"
+                                                 "Capture 01_02_2026 16_00_00: nothing readable");
+    LogCapture log;
+    button(dialog, "Recover")->click();
+    const QString failed = "Could not recover every recording. | "
+                           "Capture 01_02_2026 14_00_00.zdrecord: It holds no recording that can be played.\n"
+                           "Capture 01_02_2026 15_00_00.zdrecord: It holds no recording that can be played.\n"
+                           "Capture 01_02_2026 16_00_00.zdrecord: It holds no recording that can be played.";
+    EXPECT_TRUE(QTest::qWaitFor([&] { return alerts().contains(failed); }, 60000))
+        << alerts().join("\n").toStdString();
+    EXPECT_EQ(log.countPrefix("Could not recover " + garbage.toStdString() + ": "), 1u);
+
+    EXPECT_EQ(restart(), nullptr) << "what cannot be recovered opens no dialog by itself";
+    m_controller->mainWindow()->ui.recoveryItem->trigger();
+    dialog = m_controller->mainWindow()->findChild<QDialog*>("recoveryWindow");
+    ASSERT_NE(dialog, nullptr);
+    EXPECT_EQ(dialog->findChild<QWidget*>("recoverableSection"), nullptr);
+    EXPECT_EQ(listed(dialog, "unrecoverableList"),
+              "Capture 01_02_2026 14_00_00\nCapture 01_02_2026 15_00_00\nCapture 01_02_2026 16_00_00");
+    QStringList buttons;
+    for (QAbstractButton* button : dialog->findChildren<QAbstractButton*>()) {
+        buttons << button->text();
+    }
+    EXPECT_EQ(buttons, (QStringList{"Delete", "Show in Folder"}));
+
+    QMessageBox* question = askDelete(dialog, "unrecoverableSection");
+    ASSERT_NE(question, nullptr);
+    EXPECT_TRUE(question->text().startsWith("Delete 3 unfinished recordings ("))
+        << question->text().toStdString();
+    button(question, "Delete")->click();
+    for (const QString& bundle : {header, empty, garbage}) {
+        EXPECT_FALSE(QFileInfo::exists(bundle)) << bundle.toStdString();
+    }
+}
+
 } // namespace
 } // namespace zandor
