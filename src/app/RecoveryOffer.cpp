@@ -256,7 +256,17 @@ QDialog* RecoveryOffer::open(QWidget* parent, const QStringList& bundles, Action
 
 RecoveryOffer::Outcome RecoveryOffer::outcome(const session::RecoveryDone& done) {
     if (!done.failed.isEmpty()) {
-        return {QStringLiteral("Could not recover every recording."), done.failed.join(u'\n'), true};
+        QString text = done.failed.join(u'\n');
+        if (!done.unrecoverable.isEmpty()) {
+            text += done.unrecoverable.size() == 1
+                        ? QStringLiteral(
+                              "\n\nThe recording that holds nothing playable stays listed in Capture > "
+                              "Unfinished Recordings…, as \"Cannot be recovered\", until you delete it.")
+                        : QStringLiteral(
+                              "\n\nThe recordings that hold nothing playable stay listed in Capture > "
+                              "Unfinished Recordings…, as \"Cannot be recovered\", until you delete them.");
+        }
+        return {QStringLiteral("Could not recover every recording."), text, true};
     }
     return {QStringLiteral("The recordings were recovered."),
             QStringLiteral("%1 seconds were saved: %2")

@@ -565,6 +565,7 @@ void CaptureSession::recover(const QStringList& bundles) {
                 // Nothing to play will not become something: it is listed apart from now on. A
                 // bundle that could not be read now is offered again.
                 if (VideoRecorder::holdsNothingPlayable(found.error())) {
+                    done.unrecoverable << QFileInfo(bundle).fileName();
                     if (Error error = RecordingBundle::markUnrecoverable(bundle)) {
                         logs::session.error("Could not mark %s as not recoverable: %s",
                                             qUtf8Printable(bundle), error.logLine().c_str());

@@ -912,10 +912,13 @@ TEST_F(RecoveryDialogTest, ABundleWithNothingPlayableIsOfferedOnceThenListedApar
                                                  "Capture 01_02_2026 16_00_00: nothing readable");
     LogCapture log;
     button(dialog, "Recover")->click();
-    const QString failed = "Could not recover every recording. | "
-                           "Capture 01_02_2026 14_00_00.zdrecord: It holds no recording that can be played.\n"
-                           "Capture 01_02_2026 15_00_00.zdrecord: It holds no recording that can be played.\n"
-                           "Capture 01_02_2026 16_00_00.zdrecord: It holds no recording that can be played.";
+    const QString failed =
+        "Could not recover every recording. | "
+        "Capture 01_02_2026 14_00_00.zdrecord: It holds no recording that can be played.\n"
+        "Capture 01_02_2026 15_00_00.zdrecord: It holds no recording that can be played.\n"
+        "Capture 01_02_2026 16_00_00.zdrecord: It holds no recording that can be played.\n\n"
+        "The recordings that hold nothing playable stay listed in Capture > Unfinished "
+        "Recordings…, as \"Cannot be recovered\", until you delete them.";
     EXPECT_TRUE(QTest::qWaitFor([&] { return alerts().contains(failed); }, 60000))
         << alerts().join("\n").toStdString();
     EXPECT_EQ(log.countPrefix("Could not recover " + garbage.toStdString() + ": "), 1u);
