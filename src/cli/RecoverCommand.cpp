@@ -9,6 +9,7 @@
 #include <QFileInfo>
 #include <QStringList>
 
+#include <cerrno>
 #include <cstdio>
 
 namespace zandor {
@@ -64,16 +65,27 @@ int RecoverCommand::run(const CommandLine& options) {
         }
         auto found = VideoRecorder::forBundle(bundle);
         if (!found && VideoRecorder::holdsNothingPlayable(found.error())) {
-            if (Error error = RecordingBundle::markUnrecoverable(bundle)) {
+            const Error marked = RecordingBundle::markUnrecoverable(bundle);
+            if (marked.systemCode() == EWOULDBLOCK) {
+                // A recording that has just begun: not ours to judge.
+                std::fprintf(stderr, "zandor-cli recover: %s: %s\n", qUtf8Printable(bundle),
+                             qUtf8Printable(
+                                 session::recordingMessage({RecordingProblem::Step::HeldElsewhere, {}, {}})));
+                status = 1;
+                continue;
+            }
+            if (marked) {
                 std::fprintf(stderr, "zandor-cli recover: Could not mark %s as not recoverable: %s\n",
-                             qUtf8Printable(bundle), error.logLine().c_str());
+                             qUtf8Printable(bundle), marked.logLine().c_str());
             }
             unrecoverable(bundle);
             continue;
         }
         if (!found) {
+            // A folder it may not read says the system's reason.
+            const Error error = found.error();
             std::fprintf(stderr, "zandor-cli recover: Could not recover %s: %s\n", qUtf8Printable(bundle),
-                         found.error().detail().c_str());
+                         error.detail().empty() ? error.cause().c_str() : error.detail().c_str());
             status = 1;
             continue;
         }

@@ -155,6 +155,14 @@ bool RecordingBundle::isBundle(const QString& path) {
 }
 
 Error RecordingBundle::markUnrecoverable(const QString& path) {
+    // A recording that has just begun holds a header alone too: only a bundle nobody holds is marked.
+    RecordingBundle bundle;
+    if (Error error = bundle.open(path)) {
+        return error;
+    }
+    if (Error error = bundle.lock()) {
+        return error;
+    }
     static const std::string why =
         "A recovery found no picture or sound in this recording that can be played.\n";
     AtomicFile file(QFile::encodeName(path + u'/' + UnrecoverableFile).toStdString());
