@@ -9,6 +9,7 @@
 #include <QDir>
 #include <QEvent>
 #include <QFileInfo>
+#include <QFrame>
 #include <QLabel>
 #include <QLocale>
 #include <QMessageBox>
@@ -169,6 +170,9 @@ QDialog* RecoveryOffer::open(QWidget* parent, const QStringList& bundles, Action
     const auto removeSection = [dialog](QWidget* section) {
         section->hide();
         section->deleteLater();
+        if (auto* line = dialog->findChild<QFrame*>(QStringLiteral("sectionLine"))) {
+            line->hide();
+        }
         for (const char* name : {"recoverableSection", "unrecoverableSection"}) {
             const auto* other = dialog->findChild<QWidget*>(QLatin1String(name));
             if (other && other != section) {
@@ -217,6 +221,16 @@ QDialog* RecoveryOffer::open(QWidget* parent, const QStringList& bundles, Action
 
     if (!unrecoverable.isEmpty()) {
         auto* section = new QWidget(dialog);
+        if (!recoverable.isEmpty()) {
+            // Set apart from what the Recover above acts on.
+            auto* line = new QFrame(section);
+            line->setObjectName(QStringLiteral("sectionLine"));
+            line->setFrameShape(QFrame::HLine);
+            line->setFrameShadow(QFrame::Sunken);
+            layout->addSpacing(6);
+            layout->addWidget(line);
+            layout->addSpacing(6);
+        }
         section->setObjectName(QStringLiteral("unrecoverableSection"));
         auto* box = new QVBoxLayout(section);
         box->setContentsMargins(0, 0, 0, 0);
