@@ -130,7 +130,14 @@ void confirmDelete(QDialog* dialog, const QStringList& bundles, std::function<vo
                              return;
                          }
                          for (const QString& bundle : bundles) {
-                             if (!QDir(bundle).removeRecursively()) {
+                             // Not from under a recovery that holds it now (one started
+                             // earlier, still running in the background).
+                             RecordingBundle held;
+                             Error error = held.open(bundle);
+                             if (!error) {
+                                 error = held.lock();
+                             }
+                             if (error || !QDir(bundle).removeRecursively()) {
                                  logs::app.error("Could not delete %s", qUtf8Printable(bundle));
                              }
                          }
