@@ -26,8 +26,10 @@
 #include "ui/PreferencesWindow.h"
 #include "ui/ViewPreferencesView.h"
 
+#include <QDialog>
 #include <QGuiApplication>
 #include <QLayout>
+#include <QMenu>
 #include <QScreen>
 #include <QStatusBar>
 
@@ -178,6 +180,12 @@ void MainController::awakeFromNib() {
             [this] { selectSizeAction(m_mainWindow->ui.sizeDoubleItem); });
     connect(ui.fullScreenItem, &QAction::triggered, this, &MainController::toggleFullScreen);
     connect(ui.preferencesItem, &QAction::triggered, this, &MainController::showPreferences);
+    connect(ui.recoveryItem, &QAction::triggered, this, [this] { offerRecovery(true); });
+    // There while some recording is left unfinished.
+    connect(ui.captureMenu, &QMenu::aboutToShow, this, [this] {
+        m_mainWindow->ui.recoveryItem->setEnabled(
+            !VideoRecorder::abandonedBundles(m_session->settings().storageFolder).isEmpty());
+    });
     connect(ui.aboutItem, &QAction::triggered, m_mainWindow.get(), &MainWindow::showAbout);
     connect(ui.aboutBoardItem, &QAction::triggered, this,
             [this] { m_mainWindow->showBoard(m_session->device()->board().info()); });
@@ -225,8 +233,8 @@ void MainController::setupView() {
     enableRecorders(false);
     setupMainMenu();
     connect(mainView(), &MainWindowContentView::keyPressed, this, &MainController::keyPressed);
-    // Once the window shows: the dialog is a sheet on it.
-    runLater(this, [this] { offerRecovery(); });
+    // Once the window is on screen: the dialog is a sheet on it.
+    RecoveryOffer::whenShown(m_mainWindow.get(), [this] { offerRecovery(); });
     const auto& layouts = m_layouts.layouts();
     if (layouts.empty()) {
         // The application's own plugins are missing: show a screen alone rather than nothing.
@@ -452,11 +460,21 @@ void MainController::recoverBundles(const QStringList& bundles) {
     m_session->recover(bundles);
 }
 
-void MainController::offerRecovery() {
-    const QStringList bundles = VideoRecorder::abandonedBundles(m_session->settings().storageFolder);
-    if (!bundles.isEmpty()) {
-        RecoveryOffer::open(m_mainWindow.get(), bundles, [this, bundles] { recoverBundles(bundles); });
+void MainController::offerRecovery(bool asked) {
+    if (m_recoveryDialog) {
+        m_recoveryDialog->raise();
+        m_recoveryDialog->activateWindow();
+        return;
     }
+    const QStringList bundles = VideoRecorder::abandonedBundles(m_session->settings().storageFolder);
+    // What cannot be recovered is not worth a dialog at every start: it waits in the menu.
+    if (asked ? bundles.isEmpty() : !RecoveryOffer::anyRecoverable(bundles)) {
+        return;
+    }
+    m_recoveryDialog =
+        RecoveryOffer::open(m_mainWindow.get(), bundles,
+                            {[this](const QStringList& recoverable) { recoverBundles(recoverable); },
+                             [this](const QString& bundle) { m_notifier->showInFolder(bundle); }});
 }
 
 void MainController::recoveryDone(const session::RecoveryDone& done) {

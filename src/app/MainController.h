@@ -98,8 +98,10 @@ public:
 
     // Offers to recover, in one window-modal dialog, the recordings of the storage folder that an
     // earlier run left unfinished: "Recover" finishes them in the background and says how much was
-    // saved, "Later" leaves them, "Delete" removes the listed bundles.
-    void offerRecovery();
+    // saved, "Later" leaves them, "Delete" removes the listed bundles once confirmed; those that
+    // hold nothing playable are listed apart. At start (`asked` false) it opens only when some may
+    // be recovered; Capture > Unfinished Recordings opens it whenever any are left.
+    void offerRecovery(bool asked = false);
 
     // Stops the picture and waits, bounded, for the pipeline's threads; waits for a recording
     // that is being finalised, so that no finished file is lost at quit.
@@ -140,6 +142,7 @@ private:
     CapturePreferencesView* m_capturePreferences = nullptr; // owned by the preferences window
     std::unique_ptr<QWidget> m_fullScreenWindow;
     std::unique_ptr<SaveNotifier> m_notifier;
+    QPointer<QDialog> m_recoveryDialog;
     std::unique_ptr<GlobalShortcuts> m_globalShortcuts;
     RecordingIndicator* m_recording = nullptr; // a child of the window
     GameInputWatch* m_gameInput = nullptr;     // a child of this

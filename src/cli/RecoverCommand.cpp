@@ -9,6 +9,7 @@
 #include <QFileInfo>
 #include <QStringList>
 
+#include <cerrno>
 #include <cstdio>
 
 namespace zandor {
@@ -51,11 +52,40 @@ int RecoverCommand::run(const CommandLine& options) {
         bundles = VideoRecorder::abandonedBundles(folder);
     }
     int status = 0;
+    // Said as the window lists it; as no recovery can make a movie of it, it fails nothing.
+    const auto unrecoverable = [](const QString& bundle) {
+        std::fprintf(
+            stderr, "zandor-cli recover: Cannot be recovered: %s: it holds no recording that can be played\n",
+            qUtf8Printable(bundle));
+    };
     for (const QString& bundle : bundles) {
+        if (RecordingBundle::isUnrecoverable(bundle)) {
+            unrecoverable(bundle);
+            continue;
+        }
         auto found = VideoRecorder::forBundle(bundle);
+        if (!found && VideoRecorder::holdsNothingPlayable(found.error())) {
+            const Error marked = RecordingBundle::markUnrecoverable(bundle);
+            if (marked.systemCode() == EWOULDBLOCK) {
+                // A recording that has just begun: not ours to judge.
+                std::fprintf(stderr, "zandor-cli recover: %s: %s\n", qUtf8Printable(bundle),
+                             qUtf8Printable(
+                                 session::recordingMessage({RecordingProblem::Step::HeldElsewhere, {}, {}})));
+                status = 1;
+                continue;
+            }
+            if (marked) {
+                std::fprintf(stderr, "zandor-cli recover: Could not mark %s as not recoverable: %s\n",
+                             qUtf8Printable(bundle), marked.logLine().c_str());
+            }
+            unrecoverable(bundle);
+            continue;
+        }
         if (!found) {
+            // A folder it may not read says the system's reason.
+            const Error error = found.error();
             std::fprintf(stderr, "zandor-cli recover: Could not recover %s: %s\n", qUtf8Printable(bundle),
-                         found.error().detail().c_str());
+                         error.detail().empty() ? error.cause().c_str() : error.detail().c_str());
             status = 1;
             continue;
         }

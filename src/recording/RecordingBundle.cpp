@@ -7,6 +7,7 @@
 #include "settings/PropertyList.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 
@@ -22,6 +23,8 @@ namespace zandor {
 namespace {
 
 const QString ChoicesFile = QStringLiteral("Recording.plist");
+// Its presence marks a bundle that holds nothing playable; it says why, for whoever looks.
+const QString UnrecoverableFile = QStringLiteral("Unrecoverable");
 const QString ChoiceLayouts = QStringLiteral("Layouts");
 const QString ChoiceFramesPerSecond = QStringLiteral("FramesPerSecond");
 const QString ChoiceVideoQuality = QStringLiteral("VideoQuality");
@@ -149,6 +152,40 @@ QStringList RecordingBundle::movieLayouts() const {
 
 bool RecordingBundle::isBundle(const QString& path) {
     return path.endsWith(u'.' + Extension) && QFileInfo(path).isDir();
+}
+
+Error RecordingBundle::markUnrecoverable(const QString& path) {
+    // A recording that has just begun holds a header alone too: only a bundle nobody holds is marked.
+    RecordingBundle bundle;
+    if (Error error = bundle.open(path)) {
+        return error;
+    }
+    if (Error error = bundle.lock()) {
+        return error;
+    }
+    static const std::string why =
+        "A recovery found no picture or sound in this recording that can be played.\n";
+    AtomicFile file(QFile::encodeName(path + u'/' + UnrecoverableFile).toStdString());
+    Error error = file.create();
+    if (!error) {
+        error = file.write(reinterpret_cast<const uint8_t*>(why.data()), why.size());
+    }
+    return error ? error : file.commit();
+}
+
+bool RecordingBundle::isUnrecoverable(const QString& path) {
+    return QFileInfo::exists(path + u'/' + UnrecoverableFile);
+}
+
+qint64 RecordingBundle::size(const QString& path) {
+    qint64 bytes = 0;
+    for (QDirIterator files(path, QDir::Files | QDir::Hidden | QDir::NoSymLinks,
+                            QDirIterator::Subdirectories);
+         files.hasNext();) {
+        files.next();
+        bytes += files.fileInfo().size();
+    }
+    return bytes;
 }
 
 QStringList RecordingBundle::abandoned(const QString& storageFolder) {

@@ -58,6 +58,12 @@ public:
 
     // Whether `path` names a bundle (a folder named *.zdrecord).
     static bool isBundle(const QString& path);
+    // Remembers in the bundle at `path` that a recovery found nothing in it that can be played, so
+    // that it is not offered again; an Error (EWOULDBLOCK) when another process holds it.
+    static Error markUnrecoverable(const QString& path);
+    static bool isUnrecoverable(const QString& path);
+    // What the bundle at `path` takes on disk, in bytes.
+    static qint64 size(const QString& path);
     // The bundles in `storageFolder` that no process holds.
     static QStringList abandoned(const QString& storageFolder);
 

@@ -14,7 +14,10 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 
 namespace zandor {
 
@@ -192,11 +195,50 @@ void VideoRecorder::capturedLayouts() {
     }
 }
 
+namespace {
+
+const char* const NothingPlayable = "it holds no movie that can be read";
+
+// Whether the movie's picture stream has a first packet: a movie cut off before its first fragment
+// is a header alone.
+bool holdsPicture(AVFormatContext* movie, int stream) {
+    const ff::Packet packet(av_packet_alloc());
+    if (!packet) {
+        return false;
+    }
+    while (av_read_frame(movie, packet.get()) >= 0) {
+        const bool picture = packet->stream_index == stream;
+        av_packet_unref(packet.get());
+        if (picture) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Whether opening a movie failed for a cause that may pass (no permission, an I/O error, no
+// memory), not for what the file holds: a missing file or a damaged one has a code of its own.
+bool mayPass(const Error& error) {
+    const int code = error.systemCode();
+    return error.domain() == Error::Domain::FFmpeg && (code == EACCES || code == EPERM || code == EIO ||
+                                                       code == ENOMEM || code == EMFILE || code == ENFILE);
+}
+
+} // namespace
+
+bool VideoRecorder::holdsNothingPlayable(const Error& error) {
+    return error.domain() == Error::Domain::Other && error.detail() == NothingPlayable;
+}
+
 Result<std::shared_ptr<VideoRecorder>> VideoRecorder::forBundle(const QString& bundlePath) {
     const QString bundle = QDir::cleanPath(QFileInfo(bundlePath).absoluteFilePath());
     if (!RecordingBundle::isBundle(bundle)) {
         return Error::other("cannot recover", bundle.toStdString(),
                             "it is not a recording bundle (a folder named *.zdrecord)");
+    }
+    // A folder that cannot be listed would look empty.
+    if (::access(QFile::encodeName(bundle).constData(), R_OK | X_OK) != 0) {
+        return Error::system("cannot read", bundle.toStdString());
     }
     CaptureSettings settings;
     settings.storageFolder = QFileInfo(bundle).path();
@@ -224,21 +266,33 @@ Result<std::shared_ptr<VideoRecorder>> VideoRecorder::forBundle(const QString& b
     }
     recorder->m_audioGameRecord->adopt(bundle);
     recorder->m_audioNarratorRecord->adopt(bundle);
+    Error unreadable;
     for (const QString& name : names) {
         auto record = std::make_shared<VideoRecord>(name, bundle, settings);
         // A movie that was cut off mid-fragment still plays up to its last whole fragment.
         // One that cannot be opened holds nothing to recover.
-        const auto opened = ff::openInput(record->recordPath().toStdString());
-        const AVFormatContext* movie = opened ? opened->get() : nullptr;
-        if (movie && av_find_best_stream(opened->get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0) >= 0) {
+        auto opened = ff::openInput(record->recordPath().toStdString());
+        if (!opened) {
+            if (mayPass(opened.error())) {
+                unreadable = opened.error();
+            }
+            continue;
+        }
+        AVFormatContext* movie = opened->get();
+        const int stream = av_find_best_stream(movie, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+        const int64_t duration = movie->duration;
+        if (stream >= 0 && holdsPicture(movie, stream)) {
             recorder->m_videoRecords.insert(name, record);
             recorder->m_recordedSeconds =
                 std::max(recorder->m_recordedSeconds,
-                         static_cast<double>(std::max<int64_t>(movie->duration, 0)) / AV_TIME_BASE);
+                         static_cast<double>(std::max<int64_t>(duration, 0)) / AV_TIME_BASE);
         }
     }
     if (recorder->m_videoRecords.isEmpty()) {
-        return Error::other("cannot recover", bundle.toStdString(), "it holds no movie that can be read");
+        if (unreadable) {
+            return unreadable;
+        }
+        return Error::other("cannot recover", bundle.toStdString(), NothingPlayable);
     }
     return recorder;
 }

@@ -66,8 +66,12 @@ public:
         return RecordingBundle::abandoned(storageFolder);
     }
     // A recorder over an abandoned bundle, with the choices its recording was started with; the
-    // Error, with what is wrong in its detail, when the bundle holds no movie that can be read.
+    // Error, with what is wrong in its detail, when the bundle holds no movie that can be read
+    // (holdsNothingPlayable) or, with the system's code, when it could not be read.
     static Result<std::shared_ptr<VideoRecorder>> forBundle(const QString& bundlePath);
+    // Whether forBundle's `error` says the bundle holds no picture that can be played: a recovery
+    // cannot ever make a movie of it, unlike one that met a full disk or a folder it may not read.
+    static bool holdsNothingPlayable(const Error& error);
     // Finalises the bundle as a stopped recording is finalised, on the calling thread, reporting to
     // the delegate. False when another process holds the bundle or a step failed.
     bool recover();

@@ -562,7 +562,23 @@ void CaptureSession::recover(const QStringList& bundles) {
                 // The library's own words go to the log; the user reads what it means.
                 logs::session.error("Could not recover %s: %s", qUtf8Printable(bundle),
                                     found.error().logLine().c_str());
-                errors->messages << (found.error().systemCode() != 0
+                // Nothing to play will not become something: it is listed apart from now on. A
+                // bundle that could not be read now is offered again, as is one that a recording
+                // just begun holds.
+                bool held = false;
+                if (VideoRecorder::holdsNothingPlayable(found.error())) {
+                    const Error marked = RecordingBundle::markUnrecoverable(bundle);
+                    held = marked.systemCode() == EWOULDBLOCK;
+                    if (!marked) {
+                        done.unrecoverable << QFileInfo(bundle).fileName();
+                    } else if (!held) {
+                        logs::session.error("Could not mark %s as not recoverable: %s",
+                                            qUtf8Printable(bundle), marked.logLine().c_str());
+                    }
+                }
+                errors->messages << (held ? session::recordingMessage(
+                                                {RecordingProblem::Step::HeldElsewhere, {}, {}})
+                                     : found.error().systemCode() != 0
                                          ? session::reasonInWords(found.error())
                                          : QStringLiteral("It holds no recording that can be played."));
             }

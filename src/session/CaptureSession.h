@@ -101,6 +101,8 @@ struct RecoveryDone {
     QStringList made; // file names
     QStringList madePaths;
     QStringList failed;
+    // The bundles (file names) found to hold nothing playable, among those that failed.
+    QStringList unrecoverable;
     double seconds = 0;
 };
 // Why the board named on a command line cannot be used (see createBoard), in one sentence.

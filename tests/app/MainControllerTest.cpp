@@ -40,6 +40,8 @@
 #include <QSignalSpy>
 #include <QComboBox>
 #include <QTest>
+#include <QTimer>
+#include <QPointer>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -758,12 +760,21 @@ TEST_F(MainControllerTest, APluginHandedOverByASecondStartBecomesTheActiveLayout
     qputenv("DISPLAY", display);
 }
 
-TEST_F(MainControllerTest, RecordingsAKilledRunLeftAreOfferedToBeRecoveredOrDeleted) {
-    ASSERT_TRUE(test::writeStandInTools(m_tools.path()));
-    ShellCommand::setToolFolder(m_tools.path());
-    // A bundle as a killed recording leaves it: a fragmented movie of two seconds and its choices.
-    const auto interrupted = [this](const QString& stamp) {
-        const QString bundle = m_storage.path() + "/Capture " + stamp + ".zdrecord";
+// Recovery: bundles as a killed run leaves them, offered by the application's next start.
+class RecoveryDialogTest : public MainControllerTest {
+protected:
+    void SetUp() override {
+        MainControllerTest::SetUp();
+        ASSERT_TRUE(test::writeStandInTools(m_tools.path()));
+        ShellCommand::setToolFolder(m_tools.path());
+    }
+
+    QString bundlePath(const QString& stamp) const {
+        return m_storage.path() + "/Capture " + stamp + ".zdrecord";
+    }
+    // A fragmented movie of two seconds and the choices, as a killed recording leaves them.
+    QString interrupted(const QString& stamp) const {
+        const QString bundle = bundlePath(stamp);
         EXPECT_TRUE(QDir().mkpath(bundle));
         EXPECT_EQ(test::runProcess({"ffmpeg", "-v", "error", "-f", "lavfi", "-i",
                                     "testsrc=size=400x240:rate=60", "-t", "2", "-c:v", "libx264", "-movflags",
@@ -775,56 +786,147 @@ TEST_F(MainControllerTest, RecordingsAKilledRunLeftAreOfferedToBeRecoveredOrDele
                         <key>Layouts</key><array><string>Top</string></array>
                         <key>FramesPerSecond</key><string>Original</string></dict></plist>)");
         return bundle;
-    };
-    // The dialog a new start of the application offers.
-    const auto offered = [this] {
+    }
+    // A bundle whose movie is `movie` alone.
+    QString garbled(const QString& stamp, const QByteArray& movie) const {
+        const QString bundle = bundlePath(stamp);
+        EXPECT_TRUE(QDir().mkpath(bundle) && test::writeFile(bundle + "/VideoTop.mov", movie));
+        return bundle;
+    }
+
+    // Starts the application again; the dialog it opens by itself, or null once it showed none.
+    QDialog* restart() {
         stop();
         start();
-        QMessageBox* dialog = nullptr;
+        EXPECT_TRUE(QTest::qWaitForWindowExposed(m_controller->mainWindow()));
+        // The offer is made once the window is exposed: a call queued after that comes after it.
+        bool queued = false;
+        QTimer::singleShot(0, m_controller.get(), [&queued] { queued = true; });
+        EXPECT_TRUE(QTest::qWaitFor([&] { return queued; }));
+        return m_controller->mainWindow()->findChild<QDialog*>("recoveryWindow");
+    }
+    static QAbstractButton* button(QWidget* in, const QString& text) {
+        for (QAbstractButton* button : in->findChildren<QAbstractButton*>()) {
+            if (button->text() == text) {
+                return button;
+            }
+        }
+        ADD_FAILURE() << "no button " << text.toStdString();
+        return nullptr;
+    }
+    static QString listed(QDialog* dialog, const char* list) {
+        const auto* label = dialog->findChild<QLabel*>(list);
+        return label ? label->text() : QString();
+    }
+    // The question Delete in `section` asks.
+    static QMessageBox* askDelete(QDialog* dialog, const char* section) {
+        button(dialog->findChild<QWidget*>(section), "Delete")->click();
+        QMessageBox* question = nullptr;
         EXPECT_TRUE(QTest::qWaitFor([&] {
-            return (dialog = m_controller->mainWindow()->findChild<QMessageBox*>("recoveryWindow")) !=
-                   nullptr;
+            question = dialog->findChild<QMessageBox*>("deleteConfirmation");
+            return question && question->isVisible();
         }));
-        return dialog;
-    };
+        return question;
+    }
+};
 
+TEST_F(RecoveryDialogTest, OffersWhatAKilledRunLeftOverTheWindowAndDeletesOnlyOnceConfirmed) {
     const QString abandoned = interrupted("01_02_2026 10_00_00");
-    QMessageBox* dialog = offered();
+    QDialog* dialog = restart();
     ASSERT_NE(dialog, nullptr);
-    EXPECT_TRUE(dialog->informativeText().endsWith("\n\nCapture 01_02_2026 10_00_00: 0:02"))
-        << dialog->informativeText().toStdString();
-    EXPECT_EQ(dialog->defaultButton()->text(), "Recover");
-    dialog->defaultButton()->click();
+    EXPECT_EQ(dialog->windowModality(), Qt::WindowModal);
+    EXPECT_TRUE(m_controller->mainWindow()->frameGeometry().contains(dialog->frameGeometry().center()))
+        << "over the main window";
+    EXPECT_EQ(listed(dialog, "recoverableList"), "Capture 01_02_2026 10_00_00: 0:02");
+    // One is one recording; Cancel changes nothing, and the offer stands.
+    QMessageBox* question = askDelete(dialog, "recoverableSection");
+    ASSERT_NE(question, nullptr);
+    EXPECT_TRUE(
+        QRegularExpression(R"(^Delete 1 unfinished recording \(\d+\.\d kB\)\? This cannot be undone\.$)")
+            .match(question->text())
+            .hasMatch())
+        << question->text().toStdString();
+    EXPECT_EQ(question->defaultButton()->text(), "Cancel");
+    button(question, "Cancel")->click();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !dialog->findChild<QMessageBox*>("deleteConfirmation"); }));
+    ASSERT_TRUE(dialog->isVisible());
+    button(dialog, "Recover")->click();
     const QString said =
         "The recordings were recovered. | 2 seconds were saved: Capture 01_02_2026 10_00_00.mp4";
     EXPECT_TRUE(QTest::qWaitFor([&] { return alerts().contains(said); }, 60000))
         << alerts().join("\n").toStdString();
     EXPECT_FALSE(QFileInfo::exists(abandoned));
 
-    const QString another = interrupted("01_02_2026 12_00_00");
-    dialog = offered();
-    ASSERT_NE(dialog, nullptr);
-    for (QAbstractButton* button : dialog->buttons()) {
-        if (button->text() == "Delete") {
-            button->click();
-        }
+    // Three of 400 kB each: counted and added up; confirmed, they go, and the dialog with them.
+    QStringList three;
+    for (const char* stamp : {"02_02_2026 10_00_00", "02_02_2026 11_00_00", "02_02_2026 12_00_00"}) {
+        three << garbled(stamp, QByteArray(400000, 'x'));
     }
-    EXPECT_FALSE(QFileInfo::exists(another));
-    EXPECT_TRUE(QFileInfo::exists(m_storage.path() + "/Capture 01_02_2026 10_00_00.mp4"));
-
-    // A bundle whose movie is not one: said in words, the library's own in the log alone.
-    const QString damaged = m_storage.path() + "/Capture 01_02_2026 14_00_00.zdrecord";
-    ASSERT_TRUE(QDir().mkpath(damaged));
-    ASSERT_TRUE(test::writeFile(damaged + "/VideoTop.mov", QByteArray(4096, 'x')));
-    dialog = offered();
+    QPointer<QDialog> closing = dialog = restart();
     ASSERT_NE(dialog, nullptr);
+    question = askDelete(dialog, "recoverableSection");
+    ASSERT_NE(question, nullptr);
+    EXPECT_EQ(question->text(), "Delete 3 unfinished recordings (1.2 MB)? This cannot be undone.");
+    button(question, "Delete")->click();
+    for (const QString& bundle : three) {
+        EXPECT_FALSE(QFileInfo::exists(bundle)) << bundle.toStdString();
+    }
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !closing || !closing->isVisible(); }));
+    EXPECT_TRUE(QFileInfo::exists(m_storage.path() + "/Capture 01_02_2026 10_00_00.mp4"));
+}
+
+TEST_F(RecoveryDialogTest, ABundleWithNothingPlayableIsOfferedOnceThenListedApartUntilDeleted) {
+    // Cut off before its first fragment: a header alone.
+    const QString header = interrupted("01_02_2026 14_00_00");
+    QFile movie(header + "/VideoTop.mov");
+    ASSERT_TRUE(movie.open(QIODevice::ReadWrite));
+    const qint64 firstFragment = movie.readAll().indexOf("moof") - 4;
+    ASSERT_GT(firstFragment, 0);
+    ASSERT_TRUE(movie.resize(firstFragment));
+    movie.close();
+    const QString empty = bundlePath("01_02_2026 15_00_00");
+    ASSERT_TRUE(QDir().mkpath(empty));
+    const QString garbage = garbled("01_02_2026 16_00_00", QByteArray(4096, 'x'));
+
+    QDialog* dialog = restart();
+    ASSERT_NE(dialog, nullptr) << "offered once";
+    EXPECT_EQ(listed(dialog, "recoverableList"), "Capture 01_02_2026 14_00_00: nothing readable\n"
+                                                 "Capture 01_02_2026 15_00_00: nothing readable\n"
+                                                 "Capture 01_02_2026 16_00_00: nothing readable");
     LogCapture log;
-    dialog->defaultButton()->click();
-    const QString failed = "Could not recover every recording. | Capture 01_02_2026 14_00_00.zdrecord: It "
-                           "holds no recording that can be played.";
+    button(dialog, "Recover")->click();
+    const QString failed =
+        "Could not recover every recording. | "
+        "Capture 01_02_2026 14_00_00.zdrecord: It holds no recording that can be played.\n"
+        "Capture 01_02_2026 15_00_00.zdrecord: It holds no recording that can be played.\n"
+        "Capture 01_02_2026 16_00_00.zdrecord: It holds no recording that can be played.\n\n"
+        "The recordings that hold nothing playable stay listed in Capture > Unfinished "
+        "Recordings…, as \"Cannot be recovered\", until you delete them.";
     EXPECT_TRUE(QTest::qWaitFor([&] { return alerts().contains(failed); }, 60000))
         << alerts().join("\n").toStdString();
-    EXPECT_EQ(log.countPrefix("Could not recover " + damaged.toStdString() + ": "), 1u);
+    EXPECT_EQ(log.countPrefix("Could not recover " + garbage.toStdString() + ": "), 1u);
+
+    EXPECT_EQ(restart(), nullptr) << "what cannot be recovered opens no dialog by itself";
+    m_controller->mainWindow()->ui.recoveryItem->trigger();
+    dialog = m_controller->mainWindow()->findChild<QDialog*>("recoveryWindow");
+    ASSERT_NE(dialog, nullptr);
+    EXPECT_EQ(dialog->findChild<QWidget*>("recoverableSection"), nullptr);
+    EXPECT_EQ(listed(dialog, "unrecoverableList"),
+              "Capture 01_02_2026 14_00_00\nCapture 01_02_2026 15_00_00\nCapture 01_02_2026 16_00_00");
+    QStringList buttons;
+    for (QAbstractButton* button : dialog->findChildren<QAbstractButton*>()) {
+        buttons << button->text();
+    }
+    EXPECT_EQ(buttons, (QStringList{"Delete", "Show in Folder"}));
+
+    QMessageBox* question = askDelete(dialog, "unrecoverableSection");
+    ASSERT_NE(question, nullptr);
+    EXPECT_TRUE(question->text().startsWith("Delete 3 unfinished recordings ("))
+        << question->text().toStdString();
+    button(question, "Delete")->click();
+    for (const QString& bundle : {header, empty, garbage}) {
+        EXPECT_FALSE(QFileInfo::exists(bundle)) << bundle.toStdString();
+    }
 }
 
 } // namespace

@@ -40,7 +40,7 @@ TEST(RecordingBundleTest, ASecondTakenByABundleOrAMovieIsNumbered) {
         << "the last number tried";
 }
 
-TEST(RecordingBundleTest, AHeldBundleIsNeitherAbandonedNorHeldTwice) {
+TEST(RecordingBundleTest, AHeldBundleIsNeitherAbandonedNorHeldTwiceNorMarkedUnrecoverable) {
     QTemporaryDir folder;
     RecordingBundle recording;
     ASSERT_FALSE(recording.create(folder.path(), Stamp, [](const QString&) { return false; }));
@@ -49,6 +49,9 @@ TEST(RecordingBundleTest, AHeldBundleIsNeitherAbandonedNorHeldTwice) {
     RecordingBundle other;
     ASSERT_FALSE(other.open(recording.path()));
     EXPECT_EQ(other.lock().systemCode(), EWOULDBLOCK) << "held by the recording";
+    // A recording that has just begun holds a header alone, as one cut off at once does.
+    EXPECT_EQ(RecordingBundle::markUnrecoverable(recording.path()).systemCode(), EWOULDBLOCK);
+    EXPECT_FALSE(RecordingBundle::isUnrecoverable(recording.path()));
     recording.unlock();
     EXPECT_EQ(RecordingBundle::abandoned(folder.path()), QStringList{recording.path()});
     EXPECT_FALSE(other.lock());

@@ -75,16 +75,24 @@ TEST(Recovery, AKilledRecordingIsFinishedWithItsSoundAndALiveOrUnreadableOneIsLe
 
     const test::ProcessResult recovered = test::runProcess({ZANDOR_CLI, "recover", "--out", out});
     test::endProcess(live);
-    EXPECT_EQ(recovered.exitCode, 1) << recovered.err;
+    EXPECT_EQ(recovered.exitCode, 0) << "nothing that could be recovered failed: " << recovered.err;
     const std::string movie = (work.path() + "/" + abandoned[0].chopped(9) + ".mp4").toStdString();
     EXPECT_EQ(recovered.out, movie + "\n") << recovered.err;
-    std::vector<std::string> said = test::splitLines(recovered.err);
-    std::erase_if(said, [](const std::string& line) { return line.rfind("zandor-cli recover: ", 0) != 0; });
-    EXPECT_EQ(said, std::vector<std::string>{"zandor-cli recover: Could not recover " + broken.toStdString() +
-                                             ": it holds no movie that can be read"})
-        << recovered.err;
+    const auto said = [](const std::string& err) {
+        std::vector<std::string> lines = test::splitLines(err);
+        std::erase_if(lines,
+                      [](const std::string& line) { return line.rfind("zandor-cli recover: ", 0) != 0; });
+        return lines;
+    };
+    const std::vector<std::string> unrecoverable{
+        "zandor-cli recover: Cannot be recovered: " + broken.toStdString() +
+        ": it holds no recording that can be played"};
+    EXPECT_EQ(said(recovered.err), unrecoverable) << recovered.err;
     EXPECT_TRUE(QFileInfo(broken).isDir()) << "what cannot be recovered stays";
     EXPECT_FALSE(QFileInfo::exists(work.path() + "/" + abandoned[0])) << "the recovered bundle goes";
+    const test::ProcessResult again = test::runProcess({ZANDOR_CLI, "recover", "--out", out});
+    EXPECT_EQ(again.exitCode, 0) << again.err;
+    EXPECT_EQ(said(again.err), unrecoverable) << "said the same once it is known";
 
     const QJsonArray streams = test::probe(movie, {"-show_streams"})["streams"].toArray();
     ASSERT_EQ(streams.size(), 4) << "one picture and three sounds";
@@ -96,6 +104,40 @@ TEST(Recovery, AKilledRecordingIsFinishedWithItsSoundAndALiveOrUnreadableOneIsLe
         ASSERT_GT(sound.size(), 44100u);
         EXPECT_GT(*std::max_element(sound.begin(), sound.end()), 8000) << titles[track] << " sounds";
     }
+}
+
+// A full disk fails a recovery that can be tried again: the bundle is not marked as holding
+// nothing, and the command fails.
+TEST(Recovery, ARecoveryThatMeetsAFullDiskIsNotTakenForAnUnplayableOne) {
+    test::isolateUserFolders();
+    if (!test::haveMountNamespaces()) {
+        GTEST_SKIP() << "no mount namespaces here";
+    }
+    QTemporaryDir work;
+    const QString made = work.path() + "/made/Capture 01_02_2026 10_00_00.zdrecord";
+    ASSERT_TRUE(QDir().mkpath(made));
+    ASSERT_EQ(test::runProcess({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "testsrc=size=400x240:rate=60",
+                                "-t", "4", "-c:v", "libx264", "-movflags", "frag_keyframe+empty_moov",
+                                (made + "/VideoTop.mov").toStdString()})
+                  .exitCode,
+              0);
+    // Room for the movie, not for its copy merged with the sound.
+    const qint64 room = QFileInfo(made + "/VideoTop.mov").size() + 8192;
+    const std::string out = (work.path() + "/out").toStdString(),
+                      kept = (work.path() + "/kept").toStdString();
+    ASSERT_TRUE(QDir().mkpath(QString::fromStdString(out)) && QDir().mkpath(QString::fromStdString(kept)));
+    auto command = test::inMountNamespace(
+        "mount -t tmpfs -o size=" + std::to_string(room) + " zandor-disk \"$1\" && cp -a \"" +
+            (work.path() + "/made/.").toStdString() + "\" \"$1\" || exit 90; ",
+        out, kept);
+    command.insert(command.end(), {ZANDOR_CLI, "recover", out + "/Capture 01_02_2026 10_00_00.zdrecord"});
+    const test::ProcessResult recovered = test::runProcess(command);
+    ASSERT_NE(recovered.exitCode, 90) << recovered.err;
+    EXPECT_EQ(recovered.exitCode, 1) << recovered.err;
+    EXPECT_EQ(recovered.err.find("Cannot be recovered"), std::string::npos) << recovered.err;
+    const QString bundle = QString::fromStdString(kept) + "/Capture 01_02_2026 10_00_00.zdrecord";
+    EXPECT_TRUE(QFileInfo(bundle + "/VideoTop.mov").isFile()) << "kept to be tried again";
+    EXPECT_FALSE(QFileInfo::exists(bundle + "/Unrecoverable")) << "not marked";
 }
 
 } // namespace
