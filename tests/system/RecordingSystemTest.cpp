@@ -578,8 +578,11 @@ TEST_F(RecordingSystemTest, A3DMovieShowsTheEyesSideBySideWithTheBoardsSound) {
 // frame. Every beep must start within 20 ms of its second's place in the movie moved by the game
 // sound's offset, and so of the white frame there moved by as much; the white frame shows in the
 // frame nearest its second (a frame period apart at most, bench/av-sync measures how near over
-// minutes).
-void expectBeepsOnTheirSeconds(const std::string& movie, double offsetSeconds, size_t beeps) {
+// minutes). The board's own beep comes with the white frame itself: it starts with that frame,
+// within 20 ms, wherever a busy machine read the frame (a read held up over a second's start is
+// still the nearest one, after it).
+void expectBeepsOnTheirSeconds(const std::string& movie, double offsetSeconds, size_t beeps,
+                               bool beepsWithTheFrame = false) {
     const double start = test::captureStart(movie);
     ASSERT_GT(start, 0) << "the movie says when its first frame was taken";
     // How far a moment of the movie lies from the nearest whole second of the wall clock.
@@ -605,13 +608,15 @@ void expectBeepsOnTheirSeconds(const std::string& movie, double offsetSeconds, s
     EXPECT_GE(flashes.size(), beeps + 1);
     ASSERT_GE(onsets.size(), beeps) << "a beep a second";
     for (double onset : onsets) {
-        EXPECT_LT(std::abs(fromSecond(onset - offsetSeconds)), 0.02)
-            << "the beep at " << onset << " s is out of step";
+        if (!beepsWithTheFrame) {
+            EXPECT_LT(std::abs(fromSecond(onset - offsetSeconds)), 0.02)
+                << "the beep at " << onset << " s is out of step";
+        }
         const auto flash = std::min_element(flashes.begin(), flashes.end(), [&](double a, double b) {
             return std::abs(a + offsetSeconds - onset) < std::abs(b + offsetSeconds - onset);
         });
         ASSERT_NE(flash, flashes.end());
-        EXPECT_LT(std::abs(*flash + offsetSeconds - onset), 0.02 + 1 / 60.0)
+        EXPECT_LT(std::abs(*flash + offsetSeconds - onset), beepsWithTheFrame ? 0.02 : 0.02 + 1 / 60.0)
             << "the beep at " << onset << " s and its white frame at " << *flash;
     }
 }
@@ -659,7 +664,7 @@ TEST_F(RecordingSystemTest, TheBoardsOwnSoundIsInStepWithItsPictureInRecordingsA
          {std::tuple{"recording", &recorded, size_t{5}}, std::tuple{"replay", &replayed, size_t{3}}}) {
         SCOPED_TRACE(name);
         const std::string movie = splitLines(run->out).at(0);
-        expectBeepsOnTheirSeconds(movie, 0, beeps);
+        expectBeepsOnTheirSeconds(movie, 0, beeps, true);
         EXPECT_NEAR(streamSeconds(movie, "a:0"), streamSeconds(movie, "v:0"), 1 / 60.0 + 0.001);
     }
 }
