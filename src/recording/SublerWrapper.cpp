@@ -1,6 +1,9 @@
 #include "SublerWrapper.h"
 
 #include "ShellCommand.h"
+#include "base/ToolExit.h"
+
+#include <cerrno>
 
 namespace zandor {
 
@@ -9,11 +12,24 @@ SublerWrapper& SublerWrapper::instance() {
     return wrapper;
 }
 
+namespace {
+
+// The merging tool's failure; a full disk as the system says it, so that it is told as every save
+// that meets one is.
+Error merged(const QStringList& arguments, const QString& destination, const ToolLimits& limits) {
+    Error error = ShellCommand::runSucceeded(QStringLiteral("SublerCLI"), arguments, limits);
+    if (error && error.code() == tool_exit::DiskFull) {
+        return Error::system("merge", destination.toStdString(), ENOSPC);
+    }
+    return error;
+}
+
+} // namespace
+
 Error SublerWrapper::appendSource(const QString& source, const QString& destination,
                                   const ToolLimits& limits) {
-    return ShellCommand::runSucceeded(
-        QStringLiteral("SublerCLI"),
-        {QStringLiteral("-source"), source, QStringLiteral("-dest"), destination}, limits);
+    return merged({QStringLiteral("-source"), source, QStringLiteral("-dest"), destination}, destination,
+                  limits);
 }
 
 Error SublerWrapper::appendSources(const std::vector<NamedSource>& sources, const QString& destination,
@@ -25,7 +41,7 @@ Error SublerWrapper::appendSources(const std::vector<NamedSource>& sources, cons
                   << (source.isDefault ? QStringLiteral("yes") : QStringLiteral("no"));
     }
     arguments << QStringLiteral("-dest") << destination;
-    return ShellCommand::runSucceeded(QStringLiteral("SublerCLI"), arguments, limits);
+    return merged(arguments, destination, limits);
 }
 
 } // namespace zandor

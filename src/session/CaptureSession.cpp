@@ -53,19 +53,7 @@ class RecoveryErrors final : public RecorderDelegate {
 public:
     void recordDone() override {}
     void recordError(const RecordingProblem& problem) override {
-        // The step, then why in words (a full disk at the video's finish the step says itself),
-        // then where the recording stays.
-        RecordingProblem step = problem;
-        step.keptIn.clear();
-        QString message = session::recordingMessage(step);
-        const bool said = problem.step == RecordingProblem::Step::FinishVideo && problem.error.isDiskFull();
-        if (problem.error.systemCode() != 0 && !said) {
-            message += u' ' + session::reasonInWords(problem.error);
-        }
-        if (!problem.keptIn.isEmpty()) {
-            message += QStringLiteral(" The recording is kept in \"%1\".").arg(problem.keptIn);
-        }
-        messages << message;
+        messages << session::recordingMessage(problem);
     }
     QStringList messages;
 };
@@ -106,6 +94,12 @@ QString session::recordingMessage(const RecordingProblem& problem) {
         text = QStringLiteral("The recording is being recorded or finalised by another Zandor.");
         break;
     }
+    // Then why, in words, when the system said (a full disk at the video's finish the step says
+    // itself), then where the recording stays.
+    const bool said = problem.step == Step::FinishVideo && problem.error.isDiskFull();
+    if (problem.error.systemCode() != 0 && !said) {
+        text += u' ' + reasonInWords(problem.error);
+    }
     if (!problem.keptIn.isEmpty()) {
         text = QStringLiteral("%1 The recording is kept in \"%2\".").arg(text, problem.keptIn);
     }
@@ -131,6 +125,9 @@ QString session::reasonInWords(const Error& error) {
         return QStringLiteral("A folder is in the way of the file.");
     case EIO:
         return QStringLiteral("The disk could not be written: it may have gone away or be damaged.");
+    case EFBIG:
+        // A FAT-formatted stick takes no file of 4 GB or more.
+        return QStringLiteral("The file is too large for this disk.");
     default:
         return QStringLiteral("The file could not be written.");
     }

@@ -292,7 +292,8 @@ TEST_F(RecorderTest, AFailedWriteEndsTheRecordingWithoutAStop) {
                               "written: the recording stops here"),
               1u);
     EXPECT_EQ(delegate->errors,
-              QStringList{"The recording of the video could not be finalized. The recording is kept in \"" +
+              QStringList{"The recording of the video could not be finalized. The file is too large for this "
+                          "disk. The recording is kept in \"" +
                           recorder->bundlePath() + "\"."});
     EXPECT_TRUE(QFileInfo(recorder->bundlePath() + "/VideoTop.mov").size() > 0);
 }

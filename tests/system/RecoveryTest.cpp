@@ -135,6 +135,7 @@ TEST(Recovery, ARecoveryThatMeetsAFullDiskIsNotTakenForAnUnplayableOne) {
     ASSERT_NE(recovered.exitCode, 90) << recovered.err;
     EXPECT_EQ(recovered.exitCode, 1) << recovered.err;
     EXPECT_EQ(recovered.err.find("Cannot be recovered"), std::string::npos) << recovered.err;
+    EXPECT_NE(recovered.err.find(" The disk is full."), std::string::npos) << recovered.err;
     const QString bundle = QString::fromStdString(kept) + "/Capture 01_02_2026 10_00_00.zdrecord";
     EXPECT_TRUE(QFileInfo(bundle + "/VideoTop.mov").isFile()) << "kept to be tried again";
     EXPECT_FALSE(QFileInfo::exists(bundle + "/Unrecoverable")) << "not marked";

@@ -22,6 +22,11 @@ bool succeeded(int code, const char* step, std::string& error) {
     return false;
 }
 
+// The system's code in FFmpeg's `code` for a failed write, or 0 for one of FFmpeg's own.
+int systemCodeOf(int code) {
+    return code < 0 && -code < 4096 ? -code : 0;
+}
+
 // The movie-level metadata of the result, without the keys the muxer derives from the file type.
 void copyMetadata(const AVDictionary* from, AVDictionary** to) {
     const AVDictionaryEntry* entry = nullptr;
@@ -60,7 +65,8 @@ void label(AVStream* stream, const MovieMerger::Labels& labels) {
 } // namespace
 
 bool MovieMerger::merge(const std::vector<Source>& sources, const std::string& destination,
-                        std::string& error) {
+                        std::string& error, int& writeError) {
+    writeError = 0;
     if (sources.empty()) {
         error = "no source to add";
         return false;
@@ -97,11 +103,13 @@ bool MovieMerger::merge(const std::vector<Source>& sources, const std::string& d
     AtomicFile file(destination);
     if (const Error created = file.create()) {
         error = created.logLine();
+        writeError = created.systemCode();
         return false;
     }
     ff::OutputContext output;
-    if (output.open(file.path(), "mp4")) {
+    if (const Error opened = output.open(file.path(), "mp4")) {
         error = "cannot write '" + file.path() + "'";
+        writeError = opened.systemCode();
         return false;
     }
     if (kept) {
@@ -174,8 +182,9 @@ bool MovieMerger::merge(const std::vector<Source>& sources, const std::string& d
             }
             continue;
         }
-        if (!succeeded(av_interleaved_write_frame(output.get(), pending[chosen].get()),
-                       "av_interleaved_write_frame", error)) {
+        if (const int result = av_interleaved_write_frame(output.get(), pending[chosen].get());
+            !succeeded(result, "av_interleaved_write_frame", error)) {
+            writeError = systemCodeOf(result);
             return false;
         }
         ++written[chosen];
@@ -191,12 +200,14 @@ bool MovieMerger::merge(const std::vector<Source>& sources, const std::string& d
             return false;
         }
     }
-    if (!succeeded(av_write_trailer(output.get()), "av_write_trailer", error)) {
+    if (const int ended = av_write_trailer(output.get()); !succeeded(ended, "av_write_trailer", error)) {
+        writeError = systemCodeOf(ended);
         return false;
     }
     output.close();
     if (const Error committed = file.commit()) {
         error = committed.logLine();
+        writeError = committed.systemCode();
         return false;
     }
     return true;

@@ -28,8 +28,10 @@ public:
         Labels labels;
     };
 
-    // False with a one-line reason on failure; the destination is then as it was.
-    static bool merge(const std::vector<Source>& sources, const std::string& destination, std::string& error);
+    // False with a one-line reason on failure; the destination is then as it was. A failure to
+    // write the destination also gives the system's code (ENOSPC for a full disk), else 0.
+    static bool merge(const std::vector<Source>& sources, const std::string& destination, std::string& error,
+                      int& writeError);
 };
 
 } // namespace zandor

@@ -7,13 +7,16 @@
 // adds the sources' tracks to it in place, by stream copy. The options after a source name its
 // tracks in the result: their title (also their handler's name), their language (ISO 639-2, "und"
 // for undetermined) and whether players choose them by default. Exits with 0 on success;
-// otherwise with 1 and one line on standard error saying why.
+// otherwise with one line on standard error saying why, and 3 when the destination's disk is full,
+// else 1.
 
 #include "MovieMerger.h"
 
 #include "base/Log.h"
+#include "base/ToolExit.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -69,7 +72,8 @@ int main(int argc, char** argv) {
     // failure; they are kept here, and the last one is added to that reason.
     zandor::LogCapture ffmpegMessages;
     std::string error;
-    if (zandor::MovieMerger::merge(sources, destination, error)) {
+    int writeError = 0;
+    if (zandor::MovieMerger::merge(sources, destination, error, writeError)) {
         return 0;
     }
     const auto messages = ffmpegMessages.lines();
@@ -77,5 +81,5 @@ int main(int argc, char** argv) {
         error += " (" + messages.back() + ")";
     }
     std::fprintf(stderr, "SublerCLI: %s\n", error.c_str());
-    return 1;
+    return writeError == ENOSPC || writeError == EDQUOT ? zandor::tool_exit::DiskFull : 1;
 }
