@@ -14,6 +14,14 @@ namespace zandor {
 
 namespace {
 
+// A context loads PipeWire's modules as it is made and unloads them as it goes: cameras are made
+// and let go on more than one thread (a layout change makes a node anew while the camera's thread
+// drops the one before), and each context's modules come and go one context at a time.
+std::mutex& contextsLock() {
+    static std::mutex lock;
+    return lock;
+}
+
 // How long open waits for the daemon to make the node.
 constexpr std::chrono::seconds ConnectTimeout{5};
 
@@ -83,6 +91,7 @@ PipeWireCamera::~PipeWireCamera() {
         pw_thread_loop_stop(m_loop);
     }
     if (m_context) {
+        const std::scoped_lock lock(contextsLock());
         pw_context_destroy(m_context);
     }
     if (m_loop) {
@@ -92,7 +101,10 @@ PipeWireCamera::~PipeWireCamera() {
 
 Error PipeWireCamera::open(uint32_t width, uint32_t height, const std::string& description) {
     m_loop = pw_thread_loop_new("zandor-pipewire", nullptr);
-    m_context = m_loop ? pw_context_new(pw_thread_loop_get_loop(m_loop), nullptr, 0) : nullptr;
+    if (m_loop) {
+        const std::scoped_lock lock(contextsLock());
+        m_context = pw_context_new(pw_thread_loop_get_loop(m_loop), nullptr, 0);
+    }
     if (!m_context || pw_thread_loop_start(m_loop) < 0) {
         return Error::system(camera::StartStep);
     }
