@@ -222,8 +222,8 @@ void MainController::startGlobalShortcuts() {
 }
 
 void MainController::setupView() {
-    if (settings::firstRun.read(m_preferences)) {
-        m_mainWindow->showAbout();
+    const bool firstRun = settings::firstRun.read(m_preferences);
+    if (firstRun) {
         settings::firstRun.write(m_preferences, false);
     }
     QPalette palette = m_mainWindow->palette();
@@ -233,8 +233,20 @@ void MainController::setupView() {
     enableRecorders(false);
     setupMainMenu();
     connect(mainView(), &MainWindowContentView::keyPressed, this, &MainController::keyPressed);
-    // Once the window is on screen: the dialog is a sheet on it.
-    RecoveryOffer::whenShown(m_mainWindow.get(), [this] { offerRecovery(); });
+    // Once the window is on screen where the window manager put it, over it: the recovery dialog,
+    // then, on a first start, the About panel. The dialog holds the window and its children until
+    // it is answered, so About comes after it, not under or over it.
+    RecoveryOffer::whenShown(m_mainWindow.get(), [this, firstRun] {
+        offerRecovery();
+        if (!firstRun) {
+            return;
+        }
+        if (m_recoveryDialog) {
+            connect(m_recoveryDialog, &QDialog::finished, m_mainWindow.get(), &MainWindow::showAbout);
+        } else {
+            m_mainWindow->showAbout();
+        }
+    });
     const auto& layouts = m_layouts.layouts();
     if (layouts.empty()) {
         // The application's own plugins are missing: show a screen alone rather than nothing.

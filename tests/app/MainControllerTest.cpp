@@ -722,8 +722,11 @@ TEST_F(MainControllerTest, TheGeneralPaneTurnsNotificationsOffAndSaysWhenTheDesk
 TEST_F(MainControllerTest, TheFirstRunShowsTheAboutWindowOnce) {
     PreferencesController::instance().setPreference(settings::firstRun.key, true);
     start();
+    // Once the window is on screen, over it.
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return m_controller->mainWindow()->findChild<QMessageBox*>("aboutWindow") != nullptr; },
+        20000));
     const auto* about = m_controller->mainWindow()->findChild<QMessageBox*>("aboutWindow");
-    ASSERT_NE(about, nullptr);
     EXPECT_TRUE(about->isVisible());
     EXPECT_TRUE(about->informativeText().startsWith("Version " ZANDOR_VERSION "\n"));
     EXPECT_EQ(QApplication::activeModalWidget(), nullptr) << "the main window stays usable";
