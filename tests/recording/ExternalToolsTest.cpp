@@ -132,8 +132,10 @@ TEST(SublerCliTest, MakesAnMp4FromTheVideoThenAddsTheSoundAlignedByItsCaptureSta
         EXPECT_EQ(picture["nb_frames"], "60");
         EXPECT_NEAR(seconds(picture, "start_time"), 0.0, 0.001);
         EXPECT_NEAR(seconds(sound, "start_time"), start, 0.03);
-        // Cut whole packets at a time: up to one (23 ms) more at either end.
+        // Cut whole packets at a time: up to one (23 ms) more at either end, but never past the
+        // last picture, where the last packet is cut short.
         EXPECT_NEAR(seconds(sound, "duration"), length, 0.05);
+        EXPECT_LE(seconds(sound, "start_time") + seconds(sound, "duration"), 1.0 + 0.001);
     }
 }
 

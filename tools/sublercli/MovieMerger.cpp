@@ -4,6 +4,7 @@
 #include "TrackSource.h"
 #include "media/FFmpeg.h"
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -154,6 +155,19 @@ bool MovieMerger::merge(const std::vector<Source>& sources, const std::string& d
                packet->pts != AV_NOPTS_VALUE &&
                av_rescale_q(packet->pts, stream->time_base, AVRational{1, 1000000000}) >= *pictureEnd;
     };
+    // The last sound packet that starts within the picture lasts only up to its end: a sound of
+    // 1024 samples a packet would otherwise run on for up to one packet.
+    const auto endWithThePicture = [&](AVPacket* packet) {
+        const AVStream* stream = output->streams[packet->stream_index];
+        if (!pictureEnd || stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO ||
+            packet->pts == AV_NOPTS_VALUE || packet->duration <= 0) {
+            return;
+        }
+        const int64_t end = av_rescale_q(*pictureEnd, AVRational{1, 1000000000}, stream->time_base);
+        if (packet->pts + packet->duration > end) {
+            packet->duration = std::max<int64_t>(1, end - packet->pts);
+        }
+    };
     for (size_t i = 0; i < inputs.size(); ++i) {
         if (inputs[i]->next(pending[i], error) < 0) {
             return false;
@@ -181,6 +195,9 @@ bool MovieMerger::merge(const std::vector<Source>& sources, const std::string& d
                 return false;
             }
             continue;
+        }
+        if (added) {
+            endWithThePicture(pending[chosen].get());
         }
         if (const int result = av_interleaved_write_frame(output.get(), pending[chosen].get());
             !succeeded(result, "av_interleaved_write_frame", error)) {
