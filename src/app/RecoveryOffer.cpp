@@ -97,6 +97,21 @@ QLabel* label(const QString& text, QWidget* parent, bool heading = false) {
     return shown;
 }
 
+// Fills a section of the dialog, named `name` + "Section": its heading, what it says, and the
+// recordings it lists, one a line (`name` + "List"). The section's buttons go into the layout returned.
+QVBoxLayout* fillSection(QWidget* section, const char* name, const QString& heading, const QString& text,
+                         const QStringList& lines) {
+    section->setObjectName(QLatin1String(name) + QLatin1String("Section"));
+    auto* box = new QVBoxLayout(section);
+    box->setContentsMargins(0, 0, 0, 0);
+    box->addWidget(label(heading, section, true));
+    box->addWidget(label(text, section));
+    QLabel* list = label(lines.join(u'\n'), section);
+    list->setObjectName(QLatin1String(name) + QLatin1String("List"));
+    box->addWidget(list);
+    return box;
+}
+
 // "Capture 01_02_2026 10_00_00: 0:02", or what keeps it from being played.
 QString lengthLine(const QString& bundle) {
     const auto recorder = VideoRecorder::forBundle(bundle);
@@ -191,20 +206,14 @@ QDialog* RecoveryOffer::open(QWidget* parent, const QStringList& bundles, Action
 
     if (!recoverable.isEmpty()) {
         auto* section = new QWidget(dialog);
-        section->setObjectName(QStringLiteral("recoverableSection"));
-        auto* box = new QVBoxLayout(section);
-        box->setContentsMargins(0, 0, 0, 0);
-        box->addWidget(label(QStringLiteral("Some recordings were not finished."), section, true));
-        box->addWidget(label(
-            QStringLiteral("Zandor ended while these recordings were made or finalized. Recover them now?"),
-            section));
         QStringList lines;
         for (const QString& bundle : recoverable) {
             lines << lengthLine(bundle);
         }
-        QLabel* list = label(lines.join(u'\n'), section);
-        list->setObjectName(QStringLiteral("recoverableList"));
-        box->addWidget(list);
+        QVBoxLayout* box = fillSection(
+            section, "recoverable", QStringLiteral("Some recordings were not finished."),
+            QStringLiteral("Zandor ended while these recordings were made or finalized. Recover them now?"),
+            lines);
         auto* buttons = new QDialogButtonBox(section);
         QPushButton* recoverButton =
             buttons->addButton(QStringLiteral("Recover"), QDialogButtonBox::AcceptRole);
@@ -238,22 +247,16 @@ QDialog* RecoveryOffer::open(QWidget* parent, const QStringList& bundles, Action
             layout->addWidget(line);
             layout->addSpacing(6);
         }
-        section->setObjectName(QStringLiteral("unrecoverableSection"));
-        auto* box = new QVBoxLayout(section);
-        box->setContentsMargins(0, 0, 0, 0);
-        box->addWidget(label(QStringLiteral("Cannot be recovered"), section, true));
-        box->addWidget(
-            label(unrecoverable.size() == 1
-                      ? QStringLiteral("This recording holds no picture or sound that can be played.")
-                      : QStringLiteral("These recordings hold no picture or sound that can be played."),
-                  section));
         QStringList lines;
         for (const QString& bundle : unrecoverable) {
             lines << QFileInfo(bundle).completeBaseName();
         }
-        QLabel* list = label(lines.join(u'\n'), section);
-        list->setObjectName(QStringLiteral("unrecoverableList"));
-        box->addWidget(list);
+        QVBoxLayout* box =
+            fillSection(section, "unrecoverable", QStringLiteral("Cannot be recovered"),
+                        unrecoverable.size() == 1
+                            ? QStringLiteral("This recording holds no picture or sound that can be played.")
+                            : QStringLiteral("These recordings hold no picture or sound that can be played."),
+                        lines);
         auto* buttons = new QDialogButtonBox(section);
         QPushButton* deleteButton =
             buttons->addButton(QStringLiteral("Delete"), QDialogButtonBox::DestructiveRole);

@@ -23,6 +23,9 @@ Result<std::unique_ptr<CaptureSession>> openSession(const CommandLine& options);
 // Why openSession() failed, in one line for the user.
 std::string openFailure(const Error& error);
 
+// A board that gives a capturing command no frame for this long is given up on.
+inline constexpr std::chrono::seconds FrameTimeout{10};
+
 // The session's events as they come, from any thread, for a command that waits on them.
 class SessionEvents {
 public:

@@ -13,13 +13,6 @@
 
 namespace zandor {
 
-namespace {
-
-// A board that gives no frame for this long is given up on.
-constexpr std::chrono::seconds FrameTimeout{10};
-
-} // namespace
-
 int RecordCommand::run(const CommandLine& options) {
     auto seconds = CommandLine::parseCount(options.value("seconds").value_or(""), 1);
     if (!seconds) {

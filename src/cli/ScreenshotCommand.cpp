@@ -9,8 +9,6 @@ namespace zandor {
 
 namespace {
 
-// A board that gives no frame for this long is given up on.
-constexpr std::chrono::seconds FrameTimeout{10};
 // Once a frame has come, saving a large canvas may take a while longer.
 constexpr std::chrono::minutes SaveTimeout{10};
 
