@@ -159,10 +159,10 @@ bool chooseLevel(benchmark::State& state, CutLevel& level) {
 }
 
 // One frame, in cache as far as it goes: the picture and its screens (1 MB, 1.6 MB in 3D) fit in a
-// second-level cache of 2 MB. With a megabyte a core, as on AMD's processors, the copy's own bytes
-// beside them push the screens out to the third-level cache between two cuts, and each line the cut
-// writes is read from there first (memcpy's string stores skip that read). In the running pipeline
-// nothing is in cache (see BM_CutOverMemcpyRing and BM_PipelineCpu).
+// second-level cache of 2 MB. With a megabyte a core, as on AMD's processors, they do not quite,
+// and each line the cut writes is read from the third-level cache first; memcpy's string stores
+// skip that read (the ratio is the same when memcpy writes into the screens' own buffers). In the
+// running pipeline nothing is in cache (see BM_CutOverMemcpyRing and BM_PipelineCpu).
 void BM_CutOverMemcpy(benchmark::State& state) {
     CutLevel level;
     if (!chooseLevel(state, level)) {
