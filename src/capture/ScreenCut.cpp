@@ -284,44 +284,36 @@ void cutTileColumnAvx2(const uint8_t* const* columns, uint64_t count, uint8_t* b
 constexpr uint64_t WideTile = 16;
 using Table = std::array<uint8_t, 64>;
 
-// Rows 4s to 4s + 3 of columns 0 to 3, from the registers of columns 0 and 1 and of columns 2 and 3:
-// row p at byte 12p, column c at 3c.
-constexpr Table quadRows(unsigned s) {
+// A round's table: `rows` rows of `columns` columns, row r at byte 3 * columns * r, column c at 3c,
+// each pixel's 3 bytes taken from the byte `source(r, c)` of the two registers (0 to 127) onwards.
+template <class Source> constexpr Table roundTable(unsigned rows, unsigned columns, Source source) {
     Table table{};
-    for (unsigned p = 0; p < 4; ++p) {
-        for (unsigned c = 0; c < 4; ++c) {
+    for (unsigned r = 0; r < rows; ++r) {
+        for (unsigned c = 0; c < columns; ++c) {
             for (unsigned k = 0; k < 3; ++k) {
-                table[12 * p + 3 * c + k] =
-                    static_cast<uint8_t>(64 * (c / 2) + 32 * (c % 2) + 3 * (4 * s + p) + k);
+                table[3 * (columns * r + c) + k] = static_cast<uint8_t>(source(r, c) + k);
             }
         }
     }
     return table;
 }
 
-// Rows 2q and 2q + 1 of columns 0 to 7, from the quads of columns 0 to 3 and 4 to 7: row h at 24h.
+// Rows 4s to 4s + 3 of columns 0 to 3, from the registers of columns 0 and 1 and of columns 2 and 3
+// (a column's 8 pixels in each 32-byte half).
+constexpr Table quadRows(unsigned s) {
+    return roundTable(4, 4,
+                      [s](unsigned p, unsigned c) { return 64 * (c / 2) + 32 * (c % 2) + 3 * (4 * s + p); });
+}
+
+// Rows 2q and 2q + 1 of columns 0 to 7, from the quads of columns 0 to 3 and 4 to 7.
 constexpr Table pairRows(unsigned q) {
-    Table table{};
-    for (unsigned h = 0; h < 2; ++h) {
-        for (unsigned c = 0; c < 8; ++c) {
-            for (unsigned k = 0; k < 3; ++k) {
-                table[24 * h + 3 * c + k] =
-                    static_cast<uint8_t>(64 * (c / 4) + 12 * (2 * q + h) + 3 * (c % 4) + k);
-            }
-        }
-    }
-    return table;
+    return roundTable(2, 8,
+                      [q](unsigned h, unsigned c) { return 64 * (c / 4) + 12 * (2 * q + h) + 3 * (c % 4); });
 }
 
 // Row h of a pair, all 16 columns, from the pairs of columns 0 to 7 and 8 to 15.
 constexpr Table wideRow(unsigned h) {
-    Table table{};
-    for (unsigned half = 0; half < 2; ++half) {
-        for (unsigned b = 0; b < 24; ++b) {
-            table[24 * half + b] = static_cast<uint8_t>(64 * half + 24 * h + b);
-        }
-    }
-    return table;
+    return roundTable(1, 16, [h](unsigned, unsigned c) { return 64 * (c / 8) + 24 * h + 3 * (c % 8); });
 }
 
 constexpr std::array<Table, 6> TileTables = {quadRows(0), quadRows(1), pairRows(0),
